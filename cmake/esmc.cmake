@@ -1,0 +1,16 @@
+# Shipped code: no exceptions, no run-time type information, nothing but libc at run time.
+function(esmc_library name)
+  add_library(${name} STATIC ${ARGN})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+  target_compile_options(${name} PRIVATE -fno-exceptions -fno-rtti -fno-threadsafe-statics)
+  target_compile_options(${name} PRIVATE -ffunction-sections -fdata-sections)
+endfunction()
+
+function(esmc_program name)
+  add_executable(${name} ${ARGN})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src)
+  target_compile_options(${name} PRIVATE -fno-exceptions -fno-rtti -fno-threadsafe-statics)
+  target_compile_options(${name} PRIVATE -ffunction-sections -fdata-sections)
+  target_link_options(${name} PRIVATE -static-libstdc++ -static-libgcc -Wl,--gc-sections,--as-needed)
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
+endfunction()

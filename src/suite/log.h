@@ -1,0 +1,41 @@
+// The log. log_sys formats only when a sink or the ring buffer wants the level. No sink can block: what can't
+// be written at once is dropped, counted, and "N log lines dropped" is said once the sink works again.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+enum log_level : int { LOG_LEVEL_ERROR = 3, LOG_LEVEL_WARNING = 4, LOG_LEVEL_INFO = 6, LOG_LEVEL_DEBUG = 7 };
+
+enum log_sink : unsigned { LOG_SINK_STDERR = 1, LOG_SINK_SYSLOG = 2, LOG_SINK_FILE = 4 };
+
+// `module` is the caller's module number and is not printed. The suite itself uses module 0.
+void log_sys(int module, int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
+
+// What the suite's own code calls: the same, with its module number.
+void log_suite(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+bool log_wants(int level);  // cheap: for callers whose arguments cost something
+
+// Program name for syslog; the default sink is stderr, at level debug.
+void log_open(const char* progname);
+void log_close();
+void log_use_sink(log_sink sink, bool on);
+// Opens (appends, mode 0640) or, with null, closes the log file. -1 with errno when it can't be opened: the
+// former file stays.
+int log_set_file(const char* path);
+void log_set_level(int level);
+
+// The platform's own configuration lines ("log file ...\n"), through a printf-like output.
+struct cli;
+int log_config_write(cli* session);
+
+// Taps: terminals with `terminal monitor`, and tests. Called with the finished line without newline. A tap
+// must neither block nor log.
+using log_tap = void (*)(void* arg, int level, const char* line, std::size_t length);
+int log_add_tap(log_tap tap, void* arg);  // -1 when all 64 are taken
+void log_remove_tap(log_tap tap, void* arg);
+
+// The last lines (a ring of 64 KiB), oldest first, for `show log`.
+void log_walk_recent(void (*visit)(void* arg, const char* line, std::size_t length), void* arg);
+std::uint64_t log_dropped_lines();

@@ -1,0 +1,44 @@
+// The NSM link on the wire, shared by the client and by nsmd: message types, layouts, sizes. Big-endian. One
+// packet of the SOCK_SEQPACKET socket is one message: an 8-octet header (u16 type, u16 length of the whole
+// message, u32 sequence from 1) and the body. Octets beyond the known body are ignored.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+constexpr const char* NSM_SOCKET_PATH = "/run/nsmd.sock";
+constexpr std::uint16_t NSM_LINK_VERSION = 1;
+constexpr std::size_t NSM_HEADER_SIZE = 8;
+constexpr std::size_t NSM_MESSAGE_MAX =
+    256;  // room for later fields; what is longer is cut by the kernel and dropped
+
+enum nsm_message : std::uint16_t {
+    NSM_MSG_HELLO = 1,      // u16 version, u16 protocol identifier, u32 service mask
+    NSM_MSG_HELLO_ACK = 2,  // u32 status: 0 accepted
+    NSM_MSG_SYNC_DONE = 3,
+    NSM_MSG_LINK_ADD = 10,
+    NSM_MSG_LINK_DELETE = 11,  // u32 ifindex, u32 flags (may be absent)
+    NSM_MSG_LINK_UP = 12,      // u32 ifindex
+    NSM_MSG_LINK_DOWN = 13,    // u32 ifindex
+    NSM_MSG_BRIDGE_ADD = 115,
+    NSM_MSG_SSM_GLOBAL_ENABLE = 206,
+    NSM_MSG_SSM_CLOCK_RECOVERY_SELECT = 207,
+    NSM_MSG_SSM_HOLDOVER_ENABLE = 208,
+    NSM_MSG_SSM_SELECTED_IF_INDEX = 209,      // u32 ifindex, u32 reserved
+    NSM_MSG_SSM_SET_GEPHY_ROLE = 210,         // u32 ifindex, u32 role_enable, u32 role
+    NSM_MSG_SSM_SEND_BACK_CLOCK_STATE = 211,  // u32 state, u32 source
+};
+
+constexpr std::uint32_t NSM_LINK_GONE = 1;  // LINK_DELETE: the interface itself is gone
+
+// Body of LINK_ADD, offsets from the body's start.
+namespace nsm_link {
+constexpr std::size_t IFINDEX = 0, KERNEL_IFINDEX = 4, TYPE = 8, FLAGS = 10, MAC = 12, NAME = 20;
+constexpr std::size_t NAME_SIZE = 16, SIZE = 36;
+constexpr std::uint16_t FLAG_UP = 1;
+}  // namespace nsm_link
+
+// Body of BRIDGE_ADD.
+namespace nsm_bridge {
+constexpr std::size_t NAME = 0, KIND = 16, ID = 20, MAC = 24, SIZE = 32;
+}  // namespace nsm_bridge

@@ -1,0 +1,66 @@
+// The slow-protocol packet socket: one descriptor for the ESMC frames of all ports. On a switch kernel that
+// has address family 59 it is that socket; elsewhere one AF_PACKET socket behind the same contract: a
+// datagram is the frame from the Slow Protocols subtype octet on, with a 16-octet address.
+#pragma once
+
+#include <sys/types.h>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "suite/interface.h"
+#include "suite/lib.h"
+#include "suite/octets.h"
+
+constexpr int AF_SLOW_PROTOCOL = 59;
+constexpr std::size_t SLOW_PAYLOAD_MIN =
+    46;  // what an Ethernet frame must carry; shorter payloads are padded with zeros
+
+struct slow_address {
+    std::uint8_t destination[6];
+    std::uint8_t source[6];  // zero on sending: the port's own address is used
+    std::uint32_t ifindex;  // the daemon's interface index, host order; on receipt 0 when the port is unknown
+};
+static_assert(sizeof(slow_address) == 16);
+
+// Returns the descriptor, or a negative errno. One socket a process; its ports are those of the interface
+// list that are bound (slow_socket_port_changed keeps them).
+int slow_socket_open(lib_globals* ctx);
+void slow_socket_close(lib_globals* ctx, int fd);
+
+// Both never block. Octets of payload sent, or -1 with errno; each error is counted for its port.
+ssize_t slow_sendto(int fd, const_octets payload, const slow_address& to);
+// Octets received (cut at the buffer's end), or -1 with errno.
+ssize_t slow_recvfrom(int fd, octets payload, slow_address* from);
+
+// Told by the NSM client when an interface is bound, unbound, or changes its kernel index or address: joins
+// or leaves the multicast group and keeps the mapping between the two indexes.
+void slow_socket_port_bound(const interface* intf);
+void slow_socket_port_unbound(const interface* intf);
+
+struct slow_port_stats {
+    std::uint64_t frames_in, frames_out;
+    std::uint64_t no_buffer, again, link_down, no_device, other_errors;  // sends that failed
+};
+// False when the port is unknown.
+bool slow_socket_port_stats(std::uint32_t ifindex, slow_port_stats* stats);
+
+struct slow_stats {
+    std::uint64_t frames_in, frames_out, unknown_port, short_frames;
+    std::uint64_t kernel_drops;  // frames that the receive buffer had no room for
+};
+slow_stats slow_socket_stats();
+void slow_socket_count_short();  // the reader dropped a frame that was too short
+
+// Installs `show slow-protocols`.
+int slow_socket_cli_init(lib_globals* ctx);
+
+// The tiny edge that tests replace. `open` returns a descriptor or a negative errno; with a replaced edge
+// whole Ethernet frames go through `send`/`receive` with the kernel index, and no socket option is set.
+struct slow_edge {
+    int (*open)(void* arg);
+    ssize_t (*send)(void* arg, int fd, const_octets frame, std::uint32_t kernel_ifindex);
+    ssize_t (*receive)(void* arg, int fd, octets frame, std::uint32_t* kernel_ifindex);
+    void* arg;
+};
+void slow_socket_set_edge(const slow_edge* edge);  // null restores the real one
