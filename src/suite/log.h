@@ -21,6 +21,9 @@ bool log_wants(int level);  // cheap: for callers whose arguments cost something
 void log_open(const char* progname);
 void log_close();
 void log_use_sink(log_sink sink, bool on);
+// What the program's mode implies (`log_sink` bits: stderr in the foreground, syslog in daemon mode): used
+// from now on, and not written as configuration.
+void log_set_default_sinks(unsigned sinks);
 // Opens (appends, mode 0640) or, with null, closes the log file. -1 with errno when it can't be opened: the
 // former file stays.
 int log_set_file(const char* path);
@@ -39,3 +42,7 @@ void log_remove_tap(log_tap tap, void* arg);
 // The last lines (a ring of 64 KiB), oldest first, for `show log`.
 void log_walk_recent(void (*visit)(void* arg, const char* line, std::size_t length), void* arg);
 std::uint64_t log_dropped_lines();
+
+// The event loop's: a sink holds back the rest of a line or a count of dropped lines; log_retry tries again.
+bool log_backlog();
+void log_retry();

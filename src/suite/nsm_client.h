@@ -50,11 +50,13 @@ nsm_client* nsm_client_create(lib_globals* ctx, std::uint32_t debug);  // null w
 void nsm_client_set_version(nsm_client* nc, std::uint16_t version);
 void nsm_client_set_protocol(nsm_client* nc, std::uint16_t protocol_id);
 void nsm_client_set_service(nsm_client* nc, std::uint32_t service_mask);
+// For NSM_MSG_BRIDGE_ADD and NSM_MSG_SSM_SEND_BACK_CLOCK_STATE; -1 for any other type.
 int nsm_client_set_callback(nsm_client* nc, std::int32_t message_type, nsm_callback callback);
 // Begins to connect. A server that can't be reached is not a failure; negative only when no event could be
 // added.
 int nsm_client_start(nsm_client* nc);
-void nsm_client_stop(nsm_client* nc);  // closes, cancels, frees; null is ignored
+// Closes, cancels, frees; null is ignored. From inside a hook or callback it takes effect when that returns.
+void nsm_client_stop(nsm_client* nc);
 
 // 0 when handed to the kernel; negative when not sent (then kept, and stated after the next SYNC_DONE).
 int nsm_client_send_ssm_global_enable(nsm_client* nc, nsm_ssm_global_enable request);
@@ -68,7 +70,8 @@ int nsm_client_send_ssm_set_gephy_role(nsm_client* nc, nsm_ssm_gephy_role reques
 using nsm_link_open = int (*)();
 void nsm_client_set_link_open(nsm_link_open open_link);
 
-// Tests and scenario harnesses: takes a message as if it had come from the link in its session state.
+// Tests and scenario harnesses: takes a message (`length` octets, header included) as if it had come from the
+// link in its session state; without a link, as if the session were open.
 void nsm_client_deliver(nsm_client* nc, const void* message, std::size_t length);
 
 struct nsm_client_stats {
@@ -77,3 +80,6 @@ struct nsm_client_stats {
     std::uint64_t connects, messages_in, messages_out, dropped, requests_kept;
 };
 nsm_client_stats nsm_client_get_stats(const nsm_client* nc);
+
+// Installs `show nsm`, which shows the client that was created last.
+int nsm_client_cli_init(lib_globals* ctx);

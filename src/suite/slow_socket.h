@@ -23,18 +23,21 @@ struct slow_address {
 };
 static_assert(sizeof(slow_address) == 16);
 
-// Returns the descriptor, or a negative errno. One socket a process; its ports are those of the interface
-// list that are bound (slow_socket_port_changed keeps them).
+// Returns the descriptor, or a negative errno. One socket a process: opening it again closes the former. Its
+// ports are the bound interfaces of type IF_TYPE_SYNCE in the list at that time, and those bound later;
+// closing forgets them and their counters.
 int slow_socket_open(lib_globals* ctx);
 void slow_socket_close(lib_globals* ctx, int fd);
 
 // Both never block. Octets of payload sent, or -1 with errno; each error is counted for its port.
 ssize_t slow_sendto(int fd, const_octets payload, const slow_address& to);
-// Octets received (cut at the buffer's end), or -1 with errno.
+// Octets received (cut at the buffer's end, and at 146), or -1 with errno. Frames may have been read ahead:
+// the event loop is told, a plain poll of the descriptor does not show them.
 ssize_t slow_recvfrom(int fd, octets payload, slow_address* from);
 
 // Told by the NSM client when an interface is bound, unbound, or changes its kernel index or address: joins
-// or leaves the multicast group and keeps the mapping between the two indexes.
+// or leaves the multicast group and keeps the mapping between the two indexes. Bound is told before the bind
+// hook, unbound after the unbind hook. Nothing happens while the socket is closed.
 void slow_socket_port_bound(const interface* intf);
 void slow_socket_port_unbound(const interface* intf);
 
@@ -56,7 +59,8 @@ void slow_socket_count_short();  // the reader dropped a frame that was too shor
 int slow_socket_cli_init(lib_globals* ctx);
 
 // The tiny edge that tests replace. `open` returns a descriptor or a negative errno; with a replaced edge
-// whole Ethernet frames go through `send`/`receive` with the kernel index, and no socket option is set.
+// whole Ethernet frames go through `send`/`receive` with the kernel index, one frame a call, and no socket
+// option is set. The descriptor is closed with close().
 struct slow_edge {
     int (*open)(void* arg);
     ssize_t (*send)(void* arg, int fd, const_octets frame, std::uint32_t kernel_ifindex);

@@ -1,0 +1,161 @@
+// Batch half of the shell: lines as requests, answers in frames. Everything blocks; the shell has nothing
+// else to do. A daemon that goes away in the middle is told from a line that failed by its exit status.
+#include "esmcsh/client.h"
+
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "suite/octets.h"
+#include "suite/session_wire.h"
+#include "suite/text.h"
+
+namespace {
+
+constexpr int CONNECT_LIMIT_S = 10;  // a daemon that does not take connections is not reached
+
+void set_send_limit(int fd, int seconds) {
+    timeval limit{};
+    limit.tv_sec = seconds;
+    (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit,
+                     sizeof limit);  // without it connect only waits longer
+}
+
+bool receive(int fd, void* to, std::size_t count) {
+    auto* at = static_cast<char*>(to);
+    while (count) {
+        ssize_t got = recv(fd, at, count, 0);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return false;
+        at += got;
+        count -= static_cast<std::size_t>(got);
+    }
+    return true;
+}
+
+bool copy_output(int fd, std::size_t count) {
+    char chunk[16384];
+    while (count) {
+        std::size_t part = count < sizeof chunk ? count : sizeof chunk;
+        if (!receive(fd, chunk, part)) return false;
+        client_print({chunk, part});
+        count -= part;
+    }
+    return true;
+}
+
+// What came is no frame: the daemon says why it does not serve us.
+shell_status print_refusal(int fd, const std::uint8_t* header) {
+    char rest[256];
+    ssize_t count = recv(fd, rest, sizeof rest, MSG_DONTWAIT);
+    std::fprintf(stderr, "esmcsh: %.*s%.*s\n", static_cast<int>(BATCH_FRAME_HEADER),
+                 reinterpret_cast<const char*>(header),
+                 count > 0 ? static_cast<int>(std::strcspn(rest, "\r\n")) : 0, rest);
+    return SHELL_UNREACHABLE;
+}
+
+shell_status lost() {
+    client_lost();
+    return SHELL_UNREACHABLE;
+}
+
+}  // namespace
+
+void client_lost() {
+    std::fprintf(stderr, "esmcsh: the connection to esmcd is lost\n");
+}
+
+int client_connect(const char* path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (std::strlen(path) >= sizeof address.sun_path) {
+        std::fprintf(stderr, "esmcsh: %s: path too long\n", path);
+        return -1;
+    }
+    std::strcpy(address.sun_path, path);
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd >= 0) set_send_limit(fd, CONNECT_LIMIT_S);
+    if (fd < 0 || connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        std::fprintf(stderr, "esmcsh: can't reach esmcd at %s: %s\n", path, std::strerror(errno));
+        if (fd >= 0) close(fd);
+        return -1;
+    }
+    set_send_limit(fd, 0);
+    return fd;
+}
+
+bool client_send(int fd, std::string_view data) {
+    while (!data.empty()) {
+        ssize_t count = send(fd, data.data(), data.size(), MSG_NOSIGNAL);
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return false;
+        data.remove_prefix(static_cast<std::size_t>(count));
+    }
+    return true;
+}
+
+void client_print(std::string_view data) {
+    while (!data.empty()) {
+        ssize_t count = write(STDOUT_FILENO, data.data(), data.size());
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) {
+            std::fprintf(stderr, "esmcsh: standard output: %s\n", std::strerror(errno));
+            std::exit(SHELL_LINE_FAILED);
+        }
+        data.remove_prefix(static_cast<std::size_t>(count));
+    }
+}
+
+shell_status client_run(int fd, std::string_view line, bool* ended) {
+    std::uint8_t length[BATCH_REQUEST_HEADER];
+    put_be32(length, 0, static_cast<std::uint32_t>(line.size()));
+    // A daemon that refuses us answers before it closes, so what it said is read even when sending failed.
+    (void)(client_send(fd, {reinterpret_cast<const char*>(length), sizeof length}) && client_send(fd, line));
+    while (true) {
+        std::uint8_t header[BATCH_FRAME_HEADER];
+        if (!receive(fd, header, sizeof header)) return lost();
+        std::size_t count = get_be32(header, 1);
+        if (header[0] == BATCH_OUTPUT) {
+            if (!copy_output(fd, count)) return lost();
+        } else if (header[0] == BATCH_STATUS && count == 1) {
+            std::uint8_t status = BATCH_FAILED;
+            if (!receive(fd, &status, 1)) return lost();
+            *ended = status == BATCH_ENDED;
+            return status == BATCH_FAILED ? SHELL_LINE_FAILED : SHELL_OK;
+        } else {
+            return print_refusal(fd, header);
+        }
+    }
+}
+
+shell_status client_run_input(int fd) {
+    text_buffer input;
+    shell_status status = SHELL_OK;
+    bool ended = false, more = true;
+    while (more && status == SHELL_OK && !ended) {
+        char chunk[4096];
+        ssize_t count = read(STDIN_FILENO, chunk, sizeof chunk);
+        if (count < 0 && errno == EINTR) continue;
+        more = count > 0;
+        if (more && !text_append(&input, chunk, static_cast<std::size_t>(count))) {
+            std::fprintf(stderr, "esmcsh: out of memory\n");
+            return SHELL_LINE_FAILED;
+        }
+        std::string_view rest = input.view();
+        std::size_t end = rest.find('\n');
+        while (status == SHELL_OK && !ended && (end != std::string_view::npos || (!more && !rest.empty()))) {
+            std::string_view line = rest.substr(0, end);
+            status = client_run(fd, line, &ended);
+            rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
+            end = rest.find('\n');
+        }
+        text_consume(&input, input.length - rest.size());
+    }
+    text_free(&input);
+    return status;
+}

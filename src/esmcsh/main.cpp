@@ -1,0 +1,80 @@
+// esmcsh, the operator's shell: lines from the command line, from standard input, or an interactive session.
+#include <getopt.h>
+#include <unistd.h>
+#include <cstdio>
+#include <cstdlib>
+
+#include "esmcsh/client.h"
+#include "suite/host.h"
+
+namespace {
+
+constexpr char USAGE[] =
+    "Usage: esmcsh [-s PATH] [-c LINE ...]\n"
+    "Operator's shell of esmcd.\n"
+    "\n"
+    "  -c LINE   Run a line; may be given several times, all run in one session\n"
+    "  -s PATH   Socket of the daemon (default /run/esmcd.vty)\n"
+    "  -h        Display this help and exit\n"
+    "\n"
+    "Without -c the lines of standard input are run; on a terminal an interactive session is opened.\n"
+    "Exit status: 0 every line succeeded, 1 a line failed (the rest is not run), 2 esmcd can't be reached.\n";
+
+struct settings {
+    const char* path = HOST_LOCAL_SOCKET;
+    char** lines = nullptr;  // -c, in their order
+    int line_count = 0;
+};
+
+// False: the shell ends with *status.
+bool read_options(int argc, char** argv, settings* s, int* status) {
+    *status = SHELL_OK;
+    for (int option; (option = getopt(argc, argv, "c:s:h")) != -1;) {
+        switch (option) {
+            case 'c':
+                s->lines[s->line_count++] = optarg;
+                break;
+            case 's':
+                s->path = optarg;
+                break;
+            case 'h':
+                std::fputs(USAGE, stdout);
+                return false;
+            default:
+                *status = SHELL_LINE_FAILED;
+                std::fputs("Try `esmcsh -h' for more information.\n", stderr);
+                return false;
+        }
+    }
+    if (optind == argc) return true;
+    std::fprintf(stderr, "esmcsh: unexpected argument: %s\nTry `esmcsh -h' for more information.\n",
+                 argv[optind]);
+    *status = SHELL_LINE_FAILED;
+    return false;
+}
+
+shell_status run(int fd, const settings& s) {
+    if (s.line_count == 0 && isatty(STDIN_FILENO) && isatty(STDOUT_FILENO)) return client_interactive(fd);
+    (void)client_send(fd, "batch\n");  // a daemon that is gone is seen at the first answer
+    if (s.line_count == 0) return client_run_input(fd);
+    shell_status status = SHELL_OK;
+    bool ended = false;
+    for (int i = 0; i < s.line_count && status == SHELL_OK && !ended; i++)
+        status = client_run(fd, s.lines[i], &ended);
+    return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    settings s;
+    s.lines = static_cast<char**>(std::calloc(static_cast<std::size_t>(argc), sizeof(char*)));
+    int status = SHELL_LINE_FAILED;
+    if (!s.lines || !read_options(argc, argv, &s, &status)) return status;
+    int fd = client_connect(s.path);
+    if (fd < 0) return SHELL_UNREACHABLE;
+    status = run(fd, s);
+    close(fd);
+    std::free(s.lines);
+    return status;
+}

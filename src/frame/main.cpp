@@ -1,0 +1,31 @@
+// esmcd: the synchronisation-status daemon of a SyncE switch. Glue; everything else is a library.
+#include <sys/stat.h>
+
+#include <cstdlib>
+
+#include "frame/ssm_command_line.h"
+#include "frame/ssm_debug.h"
+#include "frame/ssm_signal.h"
+#include "frame/ssm_start.h"
+#include "suite/lib.h"
+
+int main(int argc, char** argv) {
+    umask(027);
+    const ssm_settings settings = ssm_command_line(argc, argv);
+    switch (settings.action) {
+        case ssm_action::show_version:
+            print_version(settings.progname);
+            std::exit(0);
+        case ssm_action::show_usage:
+            ssm_usage(0, settings.progname);
+        case ssm_action::refuse:
+            ssm_usage(1, settings.progname);
+        case ssm_action::run:
+            break;
+    }
+    ssm_signal_init();
+    const std::int32_t rv =
+        ssm_start(settings.daemon_mode, settings.config_file, settings.vty_port, settings.progname);
+    if (rv < 0) SSM_LOG(LOG_LEVEL_ERROR, "%s%sSSM start fail");
+    std::exit(rv);
+}

@@ -1,0 +1,158 @@
+// Start-up, in an order that matters: each step uses what the ones before it made. Between two steps the
+// signals that came meanwhile are answered, so that a daemon that is told to stop while it starts, stops.
+// A step that fails ends start-up with its code; main turns it into the exit status.
+#include "frame/ssm_start.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "cli/ssm_cli.h"
+#include "core/ssm_ports.h"
+#include "core/ssm_socket.h"
+#include "frame/ssm_debug.h"
+#include "frame/ssm_result.h"
+#include "frame/ssm_signal.h"
+#include "nsm/ssm_nsm_session.h"
+#include "pal/pal.h"
+#include "snmp/ssm_mib.h"
+#include "suite/host.h"
+#include "suite/nsm_client.h"
+#include "suite/slow_socket.h"
+
+namespace {
+
+std::int32_t stop_with(std::int32_t code) {
+    lib_stop(g_p_esmcd);
+    g_p_esmcd = nullptr;
+    return code;
+}
+
+void name_memory_types() {
+    memmgr_name_type(MTYPE_SSM_INSTANCE, "SSM instance");
+    memmgr_name_type(MTYPE_SSM_MASTER, "SSM clock");
+    memmgr_name_type(MTYPE_SSM_PORT, "SSM port");
+}
+
+// Library context with its event master, ready for everything that follows.
+std::int32_t start_library(const char* progname) {
+    memory_init(SSM_PROTO_ID);
+    name_memory_types();
+    g_p_esmcd = lib_create(progname);
+    if (!g_p_esmcd) return SSM_E_NO_MEMORY;
+    const int rv = lib_start(g_p_esmcd);
+    if (rv < 0) return stop_with(rv);
+    g_p_esmcd->protocol_id = SSM_PROTO_ID;
+    g_p_esmcd->master = thread_master_create();
+    if (!g_p_esmcd->master) return stop_with(SSM_E_NO_MEMORY);
+    thread_set_interrupt(g_p_esmcd, ssm_signal_deliver);
+    return SSM_OK;
+}
+
+void enter_daemon_mode() {
+    // Whatever process is left goes on; the reason of a failure was printed where it happened.
+    (void)pal_daemonize(0, 0);
+    log_set_default_sinks(LOG_SINK_SYSLOG);
+}
+
+// A command that could not be installed was logged by the tree; the daemon runs without it.
+void install_commands() {
+    (void)ssm_cli_init(g_p_esmcd->ctree);
+    (void)ssm_cli_restore_init(g_p_esmcd->ctree);
+    (void)ssm_cli_everyday_init(g_p_esmcd->ctree);
+    (void)ssm_cli_help_init(g_p_esmcd->ctree);
+    (void)memmgr_cli_init(g_p_esmcd);
+    (void)slow_socket_cli_init(g_p_esmcd);
+    (void)nsm_client_cli_init(g_p_esmcd);
+}
+
+std::int32_t create_clock_record() {
+    g_s_master = static_cast<ssm_master*>(ssm_calloc(sizeof(ssm_master), MTYPE_SSM_MASTER));
+    if (!g_s_master) return stop_with(SSM_E_NO_MEMORY);
+    g_p_esmcd->proto_data = g_s_master;
+    return ssm_master_init();
+}
+
+// Without SNMP the daemon does its work all the same.
+void start_snmp() {
+    (void)agentx_register_mib(g_p_esmcd, "mibII/ssm", ssm_variables, sizeof ssm_variables[0],
+                              SSM_VARIABLE_COUNT, ssm_oid, SSM_OID_LENGTH, 0, 0, 0, 0, 0);
+    (void)snmp_start(g_p_esmcd);
+}
+
+// Without a pid file the daemon runs all the same, and says nothing about it.
+void write_pid_file() {
+    const int file = open(SSM_PID_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0666);
+    if (file < 0) return;
+    (void)fchmod(file, 0644);
+    (void)dprintf(file, "%d\n", static_cast<int>(getpid()));
+    close(file);
+}
+
+std::int32_t run_loop() {
+    thread event;
+    while (thread_fetch(g_p_esmcd, &event)) (void)thread_call(&event);
+    return SSM_OK;
+}
+
+}  // namespace
+
+std::int32_t ssm_start(bool daemon_mode, const char* config_file, std::int32_t vty_port,
+                       const char* progname) {
+    log_open(progname);
+    ssm_signal_deliver(nullptr);
+
+    std::int32_t rv = start_library(progname);
+    if (rv < 0) return rv;
+    ssm_signal_deliver(g_p_esmcd);
+    (void)host_vty_init(g_p_esmcd);  // logged there; the protocol runs without a terminal
+    if (daemon_mode) enter_daemon_mode();
+    ssm_signal_deliver(g_p_esmcd);
+    install_commands();
+    ssm_signal_deliver(g_p_esmcd);
+    rv = create_clock_record();
+    if (rv < 0) return rv;
+    start_snmp();
+    ssm_signal_deliver(g_p_esmcd);
+    rv = ssm_instance_create(g_p_esmcd);
+    if (rv < 0) return stop_with(rv);
+    ssm_signal_deliver(g_p_esmcd);
+    write_pid_file();
+    ssm_signal_deliver(g_p_esmcd);
+    (void)host_config_start(g_p_esmcd, config_file, static_cast<std::uint16_t>(vty_port));
+    ssm_signal_deliver(g_p_esmcd);
+    ssm_socket_arm_read();
+    (void)bmcli_start(g_p_esmcd, progname);  // logged there
+    return run_loop();
+}
+
+std::int32_t ssm_instance_create(lib_globals* ctx) {
+    ssm_instance =
+        static_cast<ssm_instance_record*>(ssm_calloc(sizeof(ssm_instance_record), MTYPE_SSM_INSTANCE));
+    if (!ssm_instance) {
+        pal_system_err("Out of memory");
+        return -100;
+    }
+    ssm_instance->lib_ctx = ctx;
+    ssm_debug_init();
+    ssm_instance->sock = -1;
+    if (open_ssm() < 0) {
+        pal_system_err("Open ssm error");
+        return -1;
+    }
+    if (ssm_nsm_client_init() < 0) {
+        pal_system_err("NSM init failure");
+        return -1;
+    }
+    return SSM_OK;
+}
+
+std::int32_t ssm_terminate() {
+    if (g_p_esmcd) g_p_esmcd->flags |= LIB_SHUTTING_DOWN;
+    (void)remove(SSM_PID_FILE);  // may be missing
+    lib_stop(g_p_esmcd);
+    g_p_esmcd = nullptr;
+    return SSM_OK;
+}

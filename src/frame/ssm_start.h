@@ -1,0 +1,22 @@
+// The process from its start to its end: the ordered start-up, the daemon-instance record, the event loop,
+// the end.
+#pragma once
+
+#include <cstdint>
+
+struct lib_globals;
+
+constexpr const char* SSM_PID_FILE = "/var/run/esmcd.pid";
+
+// Brings the daemon up and runs the event loop. 0 when the loop has run dry; a negative result code when
+// start-up failed (the pid file has not been written then). `config_file` null: the platform's default. Only
+// the low 16 bits of `vty_port` count.
+std::int32_t ssm_start(bool daemon_mode, const char* config_file, std::int32_t vty_port,
+                       const char* progname);
+
+// Makes the instance record, opens the socket, starts the NSM client. 0; -100 without memory; -1 when the
+// socket or the client failed (said on standard error). The record stays in any case.
+std::int32_t ssm_instance_create(lib_globals* ctx);
+
+// Work at the end of the process: pid file and library. 0.
+std::int32_t ssm_terminate();

@@ -1,0 +1,108 @@
+// The program: command line, start, loop, end. Ends on SIGINT and SIGTERM with its socket removed and the
+// clock hardware left as it is, so that another nsmd can take over.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+
+#include "nsmd/module.h"
+#include "nsmd/nsmd.h"
+#include "nsmd/options.h"
+#include "suite/log.h"
+#include "suite/memory.h"
+#include "suite/nsm_wire.h"
+#include "suite/thread.h"
+
+namespace {
+
+constexpr int LINK_WAIT_MS = 5000;
+
+volatile std::sig_atomic_t stop_signal = 0;
+
+void on_signal(int number) {
+    stop_signal = number;
+    thread_interrupt();
+}
+
+void stop_asked(lib_globals* ctx) {
+    if (!stop_signal) return;
+    log_sys(NSMD_MODULE, LOG_LEVEL_INFO, "signal %d, ending", static_cast<int>(stop_signal));
+    ctx->flags |= LIB_SHUTTING_DOWN;
+}
+
+void catch_signals() {
+    struct sigaction action {};
+    action.sa_handler = on_signal;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    action.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &action, nullptr);
+    sigaction(SIGHUP, &action, nullptr);
+}
+
+// Everything is open by now: whoever started us learns from the exit status whether it works.
+bool go_to_background() {
+    const pid_t child = fork();
+    if (child < 0) {
+        std::perror("nsmd: fork");
+        return false;
+    }
+    if (child > 0) _exit(0);
+    setsid();
+    if (chdir("/") < 0) std::perror("nsmd: chdir");
+    const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+    for (int fd = 0; null >= 0 && fd < 3; ++fd) dup2(null, fd);
+    if (null > 2) close(null);
+    log_use_sink(LOG_SINK_SYSLOG, true);
+    log_use_sink(LOG_SINK_STDERR, false);
+    return true;
+}
+
+int run(lib_globals* ctx, const nsmd_options& options) {
+    nsmd* n = nsmd_start(ctx, options, {netlink_system_edge(), NSM_SOCKET_PATH, LINK_WAIT_MS});
+    if (!n) return 1;
+    int status = 1;
+    if (!options.daemonize || go_to_background()) {
+        log_sys(NSMD_MODULE, LOG_LEVEL_INFO, "nsmd %s serves %s", lib_version(), NSM_SOCKET_PATH);
+        thread event;
+        while (thread_fetch(ctx, &event)) thread_call(&event);
+        status = 0;
+    }
+    nsmd_stop(n);
+    return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    static nsmd_options options;
+    switch (nsmd_options_parse(argc, argv, &options)) {
+        case options_result::help:
+            nsmd_options_usage(argv[0]);
+            return 0;
+        case options_result::version:
+            print_version("nsmd");
+            return 0;
+        case options_result::bad:
+            std::fprintf(stderr, "Try '%s --help'.\n", argv[0]);
+            return 1;
+        case options_result::run:
+            break;
+    }
+    memory_init(0);
+    log_open("nsmd");
+    log_set_level(options.log_level);
+    lib_globals ctx{};
+    ctx.master = thread_master_create();
+    if (!ctx.master) {
+        log_sys(NSMD_MODULE, LOG_LEVEL_ERROR, "no memory for the event loop");
+        return 1;
+    }
+    thread_set_interrupt(&ctx, stop_asked);
+    catch_signals();
+    const int status = run(&ctx, options);
+    thread_master_finish(ctx.master);
+    log_close();
+    return status;
+}

@@ -1,0 +1,28 @@
+// nsmd put together: links, ports, server and clock.
+#pragma once
+
+#include "nsmd/dpll.h"
+#include "nsmd/netlink_socket.h"
+#include "nsmd/options.h"
+#include "suite/lib.h"
+
+struct nsmd;
+struct nsm_server;
+
+// Where nsmd meets the world; tests put their own in place.
+struct nsmd_edges {
+    netlink_edge netlink;
+    const char* socket_path;  // null: no listening socket, clients are handed to the server
+    int link_wait_ms;         // how long the start waits for the kernel's links; 0: not at all
+};
+
+// Starts everything; `options` and the texts in it must outlive it. Null with a log line on failure.
+nsmd* nsmd_start(lib_globals* ctx, const nsmd_options& options, const nsmd_edges& edges);
+void nsmd_stop(nsmd* n);  // null is ignored
+
+nsm_server* nsmd_server(nsmd* n);
+bool nsmd_status(const nsmd* n, text_buffer* out);
+
+// The code of a reference in reports to the daemon: as configured, else the one that the daemon's own table
+// turns back into this interface, else 0.
+std::uint32_t nsmd_source_code(const nsmd_options& options, std::uint32_t ifindex);

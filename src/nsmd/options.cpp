@@ -1,0 +1,189 @@
+// The command line of nsmd: a table of the options and their handlers, over getopt_long. Called once, before
+// anything else exists; a value that makes no sense is refused here and nowhere else.
+#include "nsmd/options.h"
+
+#include <getopt.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "suite/log.h"
+
+namespace {
+
+bool parse_number(const char* text, unsigned long most, std::uint32_t* out) {
+    if (text[0] < '0' || text[0] > '9') return false;
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long value = std::strtoul(text, &end, 10);
+    if (errno || *end || value > most) return false;
+    *out = static_cast<std::uint32_t>(value);
+    return true;
+}
+
+bool take_port(nsmd_options* o, const char* text) {
+    if (!*text || o->pattern_count == NSMD_PATTERNS_MAX) return false;
+    o->patterns[o->pattern_count++] = text;
+    return true;
+}
+
+bool take_dpll(nsmd_options* o, const char* text) {
+    static constexpr struct {
+        const char* word;
+        dpll_kind kind;
+    } kinds[] = {{"sim", dpll_kind::simulated}, {"none", dpll_kind::none}};
+    for (const auto& k : kinds)
+        if (std::strcmp(text, k.word) == 0) {
+            o->dpll = k.kind;
+            return true;
+        }
+    return false;
+}
+
+// A day at most, so that no timer overflows.
+bool take_lock_ms(nsmd_options* o, const char* text) {
+    return parse_number(text, 86400000, &o->sim.lock_ms);
+}
+bool take_holdover_s(nsmd_options* o, const char* text) {
+    return parse_number(text, 86400, &o->sim.holdover_s);
+}
+bool take_grace_s(nsmd_options* o, const char* text) {
+    return parse_number(text, 86400, &o->grace_s);
+}
+bool take_poll_ms(nsmd_options* o, const char* text) {
+    if (!parse_number(text, 60000, &o->poll.slow_ms)) return false;
+    o->poll.fast_ms = o->poll.slow_ms && o->poll.slow_ms < 50 ? o->poll.slow_ms : 50;
+    return true;
+}
+
+bool take_state_file(nsmd_options* o, const char* text) {
+    o->sim.state_file = text;
+    return text[0] == '/';
+}
+
+bool take_source_code(nsmd_options* o, const char* text) {
+    char index[16];
+    const char* equals = std::strchr(text, '=');
+    if (!equals || static_cast<std::size_t>(equals - text) >= sizeof index) return false;
+    std::memcpy(index, text, static_cast<std::size_t>(equals - text));
+    index[equals - text] = 0;
+    if (o->source_code_count == NSMD_SOURCE_CODES_MAX) return false;
+    source_code& entry = o->source_codes[o->source_code_count];
+    if (!parse_number(index, 9999, &entry.ifindex) || entry.ifindex == 0) return false;
+    if (!parse_number(equals + 1, 0xffffffffUL, &entry.code)) return false;
+    ++o->source_code_count;
+    return true;
+}
+
+bool take_log_level(nsmd_options* o, const char* text) {
+    static constexpr struct {
+        const char* word;
+        int level;
+    } levels[] = {{"error", LOG_LEVEL_ERROR},
+                  {"warning", LOG_LEVEL_WARNING},
+                  {"info", LOG_LEVEL_INFO},
+                  {"debug", LOG_LEVEL_DEBUG}};
+    for (const auto& l : levels)
+        if (std::strcmp(text, l.word) == 0) {
+            o->log_level = l.level;
+            return true;
+        }
+    return false;
+}
+
+struct option_kind {
+    const char* name;
+    const char* value;
+    bool (*take)(nsmd_options*, const char*);
+    const char* help;
+};
+
+constexpr option_kind KINDS[] = {
+    {"port", "PATTERN", take_port,
+     "also serve interfaces with such names (shell pattern, repeatable);\n"
+     "physical Ethernet ports are served without it"},
+    {"dpll", "KIND", take_dpll, "clock hardware: sim or none (default none)"},
+    {"sim-lock-ms", "N", take_lock_ms, "simulated clock: time to lock to a reference (default 300)"},
+    {"sim-holdover-s", "N", take_holdover_s,
+     "simulated clock: how long holdover lasts before it runs free\n(default 0: for ever)"},
+    {"sim-state", "FILE", take_state_file,
+     "simulated clock: keep its registers in FILE (absolute), so that it\noutlives nsmd as hardware does"},
+    {"source-code", "IFINDEX=CODE", take_source_code, "code to report for this reference (repeatable)"},
+    {"grace-s", "N", take_grace_s,
+     "leave the hardware alone for N seconds after esmcd vanished, then go\nto holdover (default 10)"},
+    {"poll-ms", "N", take_poll_ms,
+     "ask the kernel for the state of ports at least this often apart\n(default 100; 0: only after a "
+     "change)"},
+    {"log-level", "LEVEL", take_log_level, "error, warning, info (default) or debug"},
+};
+constexpr int FIRST_LONG = 256;
+
+const option_kind* long_kind(int value) {
+    const std::size_t at = static_cast<std::size_t>(value) - FIRST_LONG;
+    return value >= FIRST_LONG && at < std::size(KINDS) ? &KINDS[at] : nullptr;
+}
+
+void set_defaults(nsmd_options* out) {
+    *out = nsmd_options{};
+    out->dpll = dpll_kind::none;
+    out->grace_s = 10;
+    out->log_level = LOG_LEVEL_INFO;
+}
+
+void print_option(const char* name, const char* help) {
+    std::printf("  %-28s ", name);
+    for (const char* c = help; *c; ++c) {
+        std::putchar(*c);
+        if (*c == '\n') std::printf("%31s", "");
+    }
+    std::putchar('\n');
+}
+
+}  // namespace
+
+options_result nsmd_options_parse(int argc, char** argv, nsmd_options* out) {
+    option longs[std::size(KINDS) + 4] = {};
+    std::size_t count = 0;
+    for (; count < std::size(KINDS); ++count)
+        longs[count] = {KINDS[count].name, required_argument, nullptr, FIRST_LONG + static_cast<int>(count)};
+    longs[count++] = {"daemon", no_argument, nullptr, 'd'};
+    longs[count++] = {"help", no_argument, nullptr, 'h'};
+    longs[count++] = {"version", no_argument, nullptr, 'v'};
+
+    set_defaults(out);
+    optind = 0;  // glibc: begin anew, also for a second call
+    for (int value; (value = getopt_long(argc, argv, "dhv", longs, nullptr)) != -1;) {
+        if (value == 'h') return options_result::help;
+        if (value == 'v') return options_result::version;
+        if (value == '?') return options_result::bad;  // getopt has said why
+        if (value == 'd') {
+            out->daemonize = true;
+            continue;
+        }
+        const option_kind* kind = long_kind(value);
+        if (!kind || !kind->take(out, optarg)) {
+            std::fprintf(stderr, "%s: bad value '%s' for --%s\n", argv[0], optarg, kind ? kind->name : "?");
+            return options_result::bad;
+        }
+    }
+    if (optind < argc) {
+        std::fprintf(stderr, "%s: unexpected argument '%s'\n", argv[0], argv[optind]);
+        return options_result::bad;
+    }
+    return options_result::run;
+}
+
+void nsmd_options_usage(const char* progname) {
+    std::printf("Usage: %s [OPTION]...\nServes this host's Ethernet ports and clock hardware to esmcd.\n\n",
+                progname);
+    for (const auto& kind : KINDS) {
+        char name[64];
+        std::snprintf(name, sizeof name, "--%s %s", kind.name, kind.value);
+        print_option(name, kind.help);
+    }
+    print_option("-d, --daemon", "run in the background, log to syslog");
+    print_option("-h, --help", "this text");
+    print_option("-v, --version", "the version");
+}

@@ -1,0 +1,89 @@
+// What the host's own files share: its record, the lines of the configuration file that wait for their
+// interface, reading and saving. Everything else uses suite/host.h.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+#include "suite/cli.h"
+#include "suite/cli_tree.h"
+#include "suite/host.h"
+#include "suite/text.h"
+#include "suite/thread.h"
+
+struct session;
+struct tcp_terminal;
+
+constexpr const char* HOST_DEFAULT_CONFIG = "/etc/esmcd.conf";
+constexpr std::size_t HOST_NAME_SIZE = 64;
+constexpr std::size_t HOST_PASSWORD_SIZE = 384;  // a crypt(3) hash
+constexpr std::uint32_t HOST_DEFAULT_EXEC_TIMEOUT_S = 600;
+constexpr std::size_t HOST_PENDING_MAX = 4 * 1024 * 1024;  // octets of kept lines
+
+// A line of the configuration file that waits. Text follows the record.
+struct pending_line {
+    pending_line* next;
+    const cli_command* command;  // of a global line (CLI_FLAG_AFTER_BIND); null for an interface's line
+    std::uint32_t number;        // in the file
+    std::size_t length;
+    const char* text() const { return reinterpret_cast<const char*>(this + 1); }
+};
+
+// All that waits for one interface, in the order of the file.
+struct pending_block {
+    pending_block* next;
+    pending_line* first;
+    pending_line* last;
+    const char* name() const { return reinterpret_cast<const char*>(this + 1); }
+};
+
+struct host_state {
+    lib_globals* ctx;
+    char name[HOST_NAME_SIZE];  // empty: the system's name
+    char password[HOST_PASSWORD_SIZE];
+    std::uint32_t exec_timeout_s;  // 0: never
+    char* config_file;
+    bool unreadable;  // the file was there at start and could not be read
+    bool lossy;       // a line could not be kept for want of memory
+    pending_block* pending;
+    std::size_t pending_octets;
+    session* sessions;
+    std::size_t session_count;
+    int local_fd;
+    thread* local_accept;
+    std::uint16_t vty_port;
+    tcp_terminal* tcp;
+};
+
+// A `cli` for lines that come from no terminal: all privileges, `mode`, output to out(out_val, ...).
+cli host_plain_session(host_state* host, std::int32_t mode, cli_output out, void* out_val);
+
+// Waiting lines. False when memory (or HOST_PENDING_MAX) is exhausted.
+[[nodiscard]] bool pending_keep(host_state* host, std::string_view name, std::string_view line,
+                                std::uint32_t number, const cli_command* command);
+void pending_run(host_state* host, interface* intf);    // the host's after_bind
+bool pending_drop(host_state* host, const char* name);  // false when nothing waits for it
+void pending_replaced(host_state* host,
+                      const cli_command* command);  // the same command, or its no form, was run
+int pending_write(cli* session);
+void pending_free(host_state* host);
+
+// Reads host->config_file through the tree.
+void host_config_read(host_state* host);
+void host_log_refused(const host_state* host, std::uint32_t number, std::string_view line);
+// The running configuration as text. False when memory is exhausted.
+[[nodiscard]] bool host_running_text(host_state* host, text_buffer* out);
+// Saves atomically; prints "% ..." and returns false when the file is as before.
+bool host_save(host_state* host, cli* session);
+// The file's content. 0, or a negative errno. -EFBIG above 64 MiB.
+int host_read_file(const char* path, text_buffer* out);
+
+// printf-like output into a text_buffer (out_val); what does not fit is remembered in `cut`.
+struct text_output {
+    text_buffer text;
+    bool cut;
+};
+int text_output_print(void* out_val, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+int host_commands_install(host_state* host);

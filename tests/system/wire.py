@@ -1,0 +1,81 @@
+"""ESMC frames made and read by hand, for tests that speak to a port directly."""
+
+import select
+import time
+
+GROUP = bytes.fromhex("0180c2000002")
+SLOW = bytes.fromhex("8809")
+SOURCE = bytes.fromhex("020000000099")
+
+PRC, SSU_A, SSU_B, EEC1, DNU = 2, 4, 8, 11, 15
+NAMES = {PRC: "PRC", SSU_A: "SSU-A", SSU_B: "SSU-B", EEC1: "EEC1/SEC", DNU: "DNU"}
+
+
+def esmc(quality, event=False, destination=GROUP, source=SOURCE, extension=None):
+    """A whole Ethernet frame. `extension` is (clock identity of 8 octets, hop count)."""
+    body = bytes.fromhex("0a0019a70001") + bytes([0x18 if event else 0x10]) + bytes(3)
+    body += bytes([1, 0, 4, quality])
+    if extension:
+        body += bytes([2, 0, 12]) + extension[0] + bytes([extension[1]])
+    return destination + source + SLOW + body.ljust(46, b"\0")
+
+
+class Seen:
+    """One frame taken off a link, with the time at which it was read."""
+
+    def __init__(self, frame, when):
+        self.frame, self.when = frame, when
+        payload = frame[14:]
+        self.destination, self.source = frame[:6], frame[6:12]
+        self.event, self.quality = bool(payload[6] & 8), payload[13]
+        self.extended, self.clock_id, self.hop = payload[14] == 2, payload[17:25], payload[25]
+        self.payload = payload
+
+
+class Port:
+    """The tester's end of a link: sends frames and reads the ESMC frames that arrive."""
+
+    def __init__(self, node, name):
+        self.socket = node.packet_socket(name)
+
+    def send(self, frame):
+        self.socket.send(frame)
+
+    def frames(self, seconds):
+        """ESMC frames from the other side, as they come, for at most `seconds`."""
+        end = time.monotonic() + seconds
+        while True:
+            left = end - time.monotonic()
+            if left <= 0 or not select.select([self.socket], [], [], left)[0]:
+                return
+            frame, address = self.socket.recvfrom(2048)
+            if address[2] != 4 and frame[12:14] == SLOW and len(frame) >= 40:  # 4: sent from this very port
+                yield Seen(frame, time.monotonic())
+
+    def drain(self):
+        while select.select([self.socket], [], [], 0)[0]:
+            self.socket.recv(2048)
+
+    def expect(self, deadline, **fields):
+        """The first frame whose fields have these values."""
+        others = []
+        for seen in self.frames(deadline):
+            if all(getattr(seen, name) == value for name, value in fields.items()):
+                return seen
+            others.append((seen.quality, seen.event))
+        raise AssertionError(f"no frame with {fields} within {deadline} s; (quality, event) seen: {others}")
+
+
+class Neighbour:
+    """Keeps a quality alive on a port: sends an information frame now, and again whenever `keep` is called
+    and half a second has passed."""
+
+    def __init__(self, port, quality, **more):
+        self.port, self.quality, self.more, self.last = port, quality, more, 0.0
+        self.keep()
+
+    def keep(self):
+        if time.monotonic() - self.last > 0.5:
+            self.last = time.monotonic()
+            self.port.send(esmc(self.quality, **self.more))
+        return True

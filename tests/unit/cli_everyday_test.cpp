@@ -1,0 +1,159 @@
+// The everyday shows must say what selection decides, with the reason for each port that it passed over.
+#include "daemon_fixture.h"
+
+namespace {
+
+class everyday : public daemon_test {
+  protected:
+    void SetUp() override {
+        daemon_test::SetUp();
+        clock_.global_enable = clock_.ssm_enable = 1;
+    }
+    ssm_port* candidate(const char* name, std::uint32_t ifindex, std::uint16_t quality,
+                        std::uint8_t priority) {
+        ssm_port* port = add_port(name, ifindex);
+        port->synce_enable = port->link_up = port->recv_pdu = 1;
+        port->recv_quality = quality;
+        port->priority = priority;
+        return port;
+    }
+    std::string shown(const char* line) {
+        EXPECT_EQ(run(line), cli_result::ok) << line;
+        return output();
+    }
+    // The last column of the port's line.
+    std::string why(const char* name) {
+        const std::string table = shown("show clock synce brief");
+        const std::size_t line = table.find(std::string("\n") + name + " ");
+        if (line == std::string::npos) return "no line";
+        const std::size_t end = table.find('\n', line + 1);
+        constexpr std::size_t column = 1 + 16 + 1 + 6 + 1 + 8 + 1 + 6 + 1 + 4 + 2 + 12 + 1;
+        return table.substr(line + column, end - line - column);
+    }
+};
+
+TEST_F(everyday, brief_is_a_line_a_port) {
+    clock_.selected_port = candidate("p1", 1, QL_PRC, 10);
+    ssm_port* second = candidate("p2", 2, QL_SSU_A, 255);
+    second->force_rx_quality = QL_EEC1;
+    clock_.force_port = nullptr;
+    EXPECT_EQ(shown("show clock synce brief"),
+              "Port             State  Rx       Tx     Prio  Forced       Why not the source\n"
+              "p1               source PRC      N/A      10  -            \n"
+              "p2               up     SSU-A    N/A     255  rx           p1 has the better quality\n");
+}
+
+TEST_F(everyday, brief_names_the_reason_of_each_port) {
+    candidate("best", 1, QL_SSU_A, 10);
+    candidate("worse", 2, QL_EEC1, 1);
+    candidate("later", 3, QL_SSU_A, 20);
+    candidate("same", 4, QL_SSU_A, 10);
+    candidate("off", 5, QL_PRC, 1)->synce_enable = 0;
+    candidate("down", 6, QL_PRC, 1)->link_up = 0;
+    candidate("silent", 7, QL_NONE, 1)->recv_pdu = 0;
+    candidate("dnu", 8, QL_DNU, 1);
+    EXPECT_EQ(why("worse"), "best has the better quality");
+    EXPECT_EQ(why("later"), "best has the better priority");
+    EXPECT_EQ(why("same"), "best has the better interface index");
+    EXPECT_EQ(why("off"), "synce disabled");
+    EXPECT_EQ(why("down"), "link down");
+    EXPECT_EQ(why("silent"), "nothing received");
+    EXPECT_EQ(why("dnu"), "received DNU");
+    EXPECT_EQ(why("best"), "");  // about to be selected
+    clock_.local_quality = QL_PRC;
+    EXPECT_EQ(why("best"), "own quality is better");
+    clock_.local_quality = QL_SSU_A;
+    clock_.local_priority = 10;
+    EXPECT_EQ(why("best"), "own priority is not worse");
+    clock_.device_type = SSM_SLAVE_ONLY;
+    EXPECT_EQ(why("best"), "");
+    clock_.device_type = SSM_MASTER_ONLY;
+    EXPECT_EQ(why("best"), "the switch is master-only");
+    clock_.global_enable = 0;
+    EXPECT_EQ(why("best"), "SyncE is off");
+}
+
+TEST_F(everyday, brief_follows_a_force_switch_only_while_it_is_in_effect) {
+    candidate("best", 1, QL_PRC, 1);
+    ssm_port* forced = candidate("forced", 2, QL_DNU, 1);
+    clock_.force_port = forced;
+    EXPECT_EQ(why("best"), "switched by force to forced");
+    EXPECT_EQ(why("forced"), "forced, but carries DNU");
+    forced->link_up = 0;
+    EXPECT_EQ(why("best"), "");
+    EXPECT_EQ(why("forced"), "link down");
+}
+
+TEST_F(everyday, without_ssm_priority_and_link_count_alone) {
+    clock_.ssm_enable = 0;
+    candidate("silent", 1, QL_NONE, 5)->recv_pdu = 0;
+    candidate("prc", 2, QL_PRC, 6);
+    EXPECT_EQ(why("silent"), "");
+    EXPECT_EQ(why("prc"), "silent has the better priority");
+    clock_.local_priority = 5;
+    EXPECT_EQ(why("silent"), "own priority is not worse");
+}
+
+TEST_F(everyday, selection_lists_candidates_in_order_with_the_deciding_key) {
+    candidate("third", 1, QL_SSU_A, 20);
+    candidate("second", 2, QL_SSU_A, 10);
+    candidate("first", 3, QL_PRC, 255);
+    candidate("down", 4, QL_PRC, 1)->link_up = 0;
+    ssm_opts_reselect();
+    EXPECT_EQ(shown("show clock synce selection"),
+              "Source: first\n"
+              "Rank  Port             Quality  Prio Hops Index  Ahead of the next by\n"
+              "   1  first            PRC       255    0     3  quality\n"
+              "   2  second           SSU-A      10    0     2  priority\n"
+              "   3  third            SSU-A      20    0     1  -\n"
+              "\nPort             Why it is no candidate\n"
+              "down             link down\n");
+}
+
+TEST_F(everyday, selection_says_why_there_is_no_source) {
+    EXPECT_EQ(shown("show clock synce selection").substr(0, 27), "Source: none, no candidate\n");
+    candidate("p1", 1, QL_EEC1, 1);
+    clock_.local_quality = QL_PRC;
+    EXPECT_EQ(shown("show clock synce selection").substr(0, 36), "Source: none, own quality is better\n");
+    memmgr_fail_at(1);
+    EXPECT_EQ(run("show clock synce selection"), cli_result::failed);
+    memmgr_fail_at(0);
+    EXPECT_EQ(output(), "% Out of memory\n");
+}
+
+TEST_F(everyday, forced_port_that_carries_dnu_leaves_no_source) {
+    clock_.force_port = candidate("p1", 1, QL_DNU, 1);
+    EXPECT_EQ(shown("show clock synce selection").substr(0, 40), "Source: none, DNU on the forced port p1\n");
+    clock_.device_type = SSM_MASTER_ONLY;
+    EXPECT_EQ(why("p1"), "the switch is master-only");
+}
+
+TEST_F(everyday, json_is_one_object_with_stable_fields) {
+    clock_.selected_port = candidate("p1", 1, QL_PRC, 10);
+    clock_.freerun = 0;
+    ssm_port* odd = candidate("a\"\\\x01", 2, QL_NONE, 255);
+    odd->recv_pdu = 0;
+    odd->link_up = 0;
+    EXPECT_EQ(
+        shown("show clock synce json"),
+        "{\"clock_id\":\"00:00:00:00:00:00:00:00\",\"synce_enabled\":true,\"ssm_enabled\":true,"
+        "\"ssm_extended\":false,\"option\":1,\"local_quality\":\"dnu\",\"local_priority\":255,"
+        "\"current_quality\":\"dnu\",\"device_type\":\"default\",\"running_state\":\"lock\","
+        "\"dpll_state\":\"freerun\",\"recovery_input\":\"synce\",\"source\":\"p1\",\"no_source_reason\":null,"
+        "\"forced_port\":null,\"ports\":["
+        "{\"name\":\"p1\",\"ifindex\":1,\"source\":true,\"not_source_reason\":null,\"synce_enabled\":true,"
+        "\"link_up\":true,\"esmc\":\"all\",\"received_quality\":\"prc\",\"sent_quality\":\"none\","
+        "\"forced_received_quality\":\"none\",\"forced_sent_quality\":\"none\",\"priority\":10,\"dnu_group\":"
+        "0,"
+        "\"replace_clock_id\":false,\"received_clock_id\":\"00:00:00:00:00:00:00:00\",\"hop_count\":0,"
+        "\"sending\":false,\"receiving\":false},"
+        "{\"name\":\"a\\u0022\\u005c\\u0001\",\"ifindex\":2,\"source\":false,\"not_source_reason\":\"link "
+        "down\","
+        "\"synce_enabled\":true,\"link_up\":false,\"esmc\":\"all\",\"received_quality\":\"none\","
+        "\"sent_quality\":\"none\",\"forced_received_quality\":\"none\",\"forced_sent_quality\":\"none\","
+        "\"priority\":255,\"dnu_group\":0,\"replace_clock_id\":false,\"received_clock_id\":null,\"hop_"
+        "count\":0,"
+        "\"sending\":false,\"receiving\":false}]}\n");
+}
+
+}  // namespace

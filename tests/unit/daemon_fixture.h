@@ -1,0 +1,172 @@
+// The daemon without its edges, for the tests of commands: the real library context, event loop in virtual
+// time, command engine, records and operations; ports that a test adds by name; a session that records what
+// is printed; the log's lines. No descriptor, socket or link is opened: nothing that is sent goes anywhere.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "cli/ssm_cli.h"
+#include "core/ssm_opts.h"
+#include "core/ssm_ports.h"
+#include "frame/ssm_board.h"
+#include "frame/ssm_debug.h"
+#include "nsm/ssm_nsm_session.h"
+#include "suite/cli.h"
+#include "suite/nsm_client.h"
+#include "suite/thread.h"
+
+// A file of its own for each test process.
+class board_file {
+  public:
+    explicit board_file(const char* content) {
+        std::snprintf(path_, sizeof path_, "/tmp/board_test_%d", static_cast<int>(getpid()));
+        write(content);
+        ssm_board_use_file(path_);
+    }
+    ~board_file() {
+        remove();
+        ssm_board_use_file(nullptr);
+    }
+    void write(const char* content) const {
+        FILE* file = std::fopen(path_, "w");
+        ASSERT_NE(file, nullptr);
+        std::fputs(content, file);
+        std::fclose(file);
+    }
+    void remove() const { unlink(path_); }
+
+  private:
+    char path_[64];
+};
+
+class daemon_test : public ::testing::Test {
+  protected:
+    // What the commands printed since the last call.
+    std::string output() { return std::exchange(output_, {}); }
+    // The log's lines since the last call, as they were formatted (with the prefix ": ").
+    std::vector<std::string> logged() { return std::exchange(logged_, {}); }
+
+    cli_result run(const char* line) { return cli_run_line(ctx_->ctree, &session_, line); }
+    // Runs a line that must succeed without a word.
+    void quiet(const char* line) {
+        EXPECT_EQ(run(line), cli_result::ok) << line;
+        EXPECT_EQ(output(), "") << line;
+    }
+    // Runs a line that must fail with exactly this text.
+    void refused(const char* line, const char* text) {
+        EXPECT_EQ(run(line), cli_result::failed) << line;
+        EXPECT_EQ(output(), text) << line;
+    }
+    void config_mode() { enter(CONFIG_MODE); }
+    void exec_mode() { enter(EXEC_MODE); }
+    // Enters the interface mode by the real command.
+    void interface_mode(const char* name) {
+        config_mode();
+        quiet((std::string("interface ") + name).c_str());
+        EXPECT_EQ(session_.mode, INTERFACE_MODE);
+    }
+
+    interface* add_interface(const char* name, std::uint32_t ifindex, std::uint16_t type = IF_TYPE_SYNCE) {
+        return if_add(&ctx_->ifm, name, ifindex, type);
+    }
+    ssm_port* add_port(const char* name, std::uint32_t ifindex) {
+        interface* intf = add_interface(name, ifindex);
+        if_bind(&ctx_->ifm, intf);
+        return ssm_if_port(intf);
+    }
+
+    virtual const char* board() const { return "synce_support 1\n"; }
+
+    void SetUp() override {
+        board_ = new board_file(board());
+        memory_init(SSM_PROTO_ID);
+        log_use_sink(LOG_SINK_STDERR, false);
+        log_add_tap(tap, this);
+        ctx_ = lib_create("esmcd");
+        ASSERT_NE(ctx_, nullptr);
+        ASSERT_EQ(lib_start(ctx_), 0);
+        log_use_sink(LOG_SINK_STDERR, false);
+        const thread_edges edges = {now, wait, this};
+        ctx_->master = thread_master_create(&edges);
+        g_p_esmcd = ctx_;
+        g_s_master = &clock_;
+        ASSERT_EQ(ssm_master_init(), 0);
+        instance_ = {-1, nullptr, ctx_, nullptr};
+        ssm_instance = &instance_;
+        nsm_client_set_link_open([] { return -ENOENT; });
+        ASSERT_EQ(ssm_nsm_client_init(), 0);
+        ssm_debug = 0;
+        session_ = {};
+        session_.out_func = record;
+        session_.out_val = this;
+        session_.zg = ctx_;
+        session_.ifm = &ctx_->ifm;
+        session_.privilege = PRIVILEGE_MAX;
+        exec_mode();
+        init_result_ = ssm_cli_init(ctx_->ctree);
+        EXPECT_EQ(ssm_cli_restore_init(ctx_->ctree), 0);
+        EXPECT_EQ(ssm_cli_everyday_init(ctx_->ctree), 0);
+        EXPECT_EQ(ssm_cli_help_init(ctx_->ctree), 0);
+        logged_.clear();
+    }
+
+    void TearDown() override {
+        while (ctx_->ifm.count) if_remove(&ctx_->ifm, ctx_->ifm.items[0]);
+        nsm_client_stop(instance_.nsm_client);
+        nsm_client_set_link_open(nullptr);
+        lib_stop(ctx_);
+        g_p_esmcd = nullptr;
+        g_s_master = nullptr;
+        ssm_instance = nullptr;
+        log_remove_tap(tap, this);
+        delete board_;
+    }
+
+    lib_globals* ctx_ = nullptr;
+    ssm_master clock_ = {};
+    ssm_instance_record instance_ = {};
+    cli session_ = {};
+    int init_result_ = 0;
+    nanoseconds time_ = NS_PER_S;
+
+  private:
+    void enter(std::int32_t mode) {
+        session_.mode = mode;
+        session_.index = nullptr;
+        session_.name[0] = 0;
+    }
+
+    static int record(void* arg, const char* format, ...) {
+        char text[4096];
+        va_list args;
+        va_start(args, format);
+        const int length = std::vsnprintf(text, sizeof text, format, args);
+        va_end(args);
+        static_cast<daemon_test*>(arg)->output_ += text;
+        return length;
+    }
+    static void tap(void* arg, int, const char* line, std::size_t length) {
+        const std::string whole(line, length);
+        const std::size_t text = whole.find(": ");  // behind the time and the level
+        static_cast<daemon_test*>(arg)->logged_.push_back(text == std::string::npos ? whole
+                                                                                    : whole.substr(text));
+    }
+    static nanoseconds now(void* arg) { return static_cast<daemon_test*>(arg)->time_; }
+    static int wait(void* arg, int timeout_ms, thread_ready*, int) {
+        if (timeout_ms > 0)
+            static_cast<daemon_test*>(arg)->time_ += static_cast<nanoseconds>(timeout_ms) * NS_PER_MS;
+        return 0;
+    }
+
+    std::string output_;
+    std::vector<std::string> logged_;
+    board_file* board_ = nullptr;
+};

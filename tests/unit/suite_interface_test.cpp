@@ -1,0 +1,125 @@
+// The interface list: order, lookups while it grows and shrinks, and the order of the hooks.
+#include "suite/interface.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "suite/lib.h"
+#include "suite/log.h"
+#include "suite/memory.h"
+
+namespace {
+
+std::vector<std::string> trace;
+
+template <char Word>
+int note(interface* intf) {
+    trace.push_back(std::string(1, Word) + (intf->bound ? "+" : "-") + (intf->up ? "^" : "_") + intf->name);
+    return -1;
+}
+
+class Interfaces : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        log_use_sink(LOG_SINK_STDERR, false);
+        trace.clear();
+        ifm = &ctx.ifm;
+        ifm->ctx = &ctx;
+        EXPECT_EQ(if_add_hook(ifm, IF_CALLBACK_VR_BIND, note<'b'>), 0);
+        EXPECT_EQ(if_add_hook(ifm, IF_CALLBACK_VR_UNBIND, note<'u'>), 0);
+        EXPECT_EQ(if_add_hook(ifm, IF_CALLBACK_UP, note<'U'>), 0);
+        EXPECT_EQ(if_add_hook(ifm, IF_CALLBACK_DOWN, note<'D'>), 0);
+        ifm->after_bind = [](lib_globals* l, interface* intf) {
+            EXPECT_EQ(l->ifm.ctx, l);
+            note<'a'>(intf);
+        };
+    }
+    void TearDown() override {
+        memmgr_fail_at(0);
+        if_finish(ifm);
+        EXPECT_EQ(memmgr_type_stats(MTYPE_IF).blocks, 0u);
+    }
+    lib_globals ctx{};
+    if_master* ifm;
+};
+
+using Words = std::vector<std::string>;
+
+TEST_F(Interfaces, HooksRunInOrderAndAfterBindBeforeUp) {
+    interface* e = if_add(ifm, "eth1", 7, IF_TYPE_SYNCE);
+    ASSERT_NE(e, nullptr);
+    if_unbind(ifm, e);  // not bound: ignored
+    if_bind(ifm, e);
+    if_up(ifm, e);
+    if_down(ifm, e);
+    if_bind(ifm, e);
+    if_remove(ifm, e);
+    EXPECT_EQ(trace, (Words{"b-_eth1", "a+_eth1", "U+^eth1", "D+_eth1", "b+_eth1", "a+_eth1", "u+_eth1"}));
+    EXPECT_TRUE(if_list(ifm).empty());
+}
+
+TEST_F(Interfaces, OnlyTheFourHookNumbersAreTaken) {
+    for (int n : {-1, 0, 1, 4, 7, 8, 1000}) EXPECT_EQ(if_add_hook(ifm, n, note<'x'>), -1) << n;
+    EXPECT_EQ(if_add_hook(ifm, IF_CALLBACK_UP, nullptr), 0);
+    interface* e = if_add(ifm, "eth1", 7, IF_TYPE_SYNCE);
+    if_up(ifm, e);
+    EXPECT_TRUE(trace.empty());
+    EXPECT_TRUE(e->up);
+}
+
+TEST_F(Interfaces, FinishCallsNoHook) {
+    if_bind(ifm, if_add(ifm, "eth1", 7, IF_TYPE_SYNCE));
+    trace.clear();
+    if_finish(ifm);
+    EXPECT_TRUE(trace.empty());
+    EXPECT_EQ(if_lookup_by_index(ifm, 7), nullptr);
+    EXPECT_EQ(if_lookup_by_name(ifm, "eth1"), nullptr);
+}
+
+TEST_F(Interfaces, NamesAreCutAndIndexesAreUnique) {
+    interface* e = if_add(ifm, "a-name-that-is-too-long", 7, 1);
+    EXPECT_STREQ(e->name, "a-name-that-is-t");
+    EXPECT_EQ(if_add(ifm, "other", 7, 1), nullptr);
+    EXPECT_EQ(ifg_get_by_name(ifm, "other"), nullptr);
+    EXPECT_EQ(ifg_get_by_name(ifm, nullptr), nullptr);
+    EXPECT_EQ(if_list(ifm).size(), 1u);
+}
+
+// Indexes that fall together in the table, removals from the middle of a chain, and growth in between.
+TEST_F(Interfaces, LookupsAgreeWithAModelThroughAddsAndRemovals) {
+    std::mt19937 random(2);
+    std::vector<std::uint32_t> order;
+    for (int step = 0; step < 6000; step++) {
+        const std::uint32_t index = static_cast<std::uint32_t>(random() % 400) * (step % 2 ? 128 : 1);
+        const auto at = std::find(order.begin(), order.end(), index);
+        ASSERT_EQ(if_lookup_by_index(ifm, index) != nullptr, at != order.end());
+        if (at != order.end()) {
+            if_remove(ifm, if_lookup_by_index(ifm, index));
+            order.erase(at);
+        } else {
+            const std::string name = "if" + std::to_string(index);
+            interface* e = if_add(ifm, name.c_str(), index, IF_TYPE_SYNCE);
+            ASSERT_NE(e, nullptr);
+            ASSERT_EQ(if_lookup_by_name(ifm, name.c_str()), e);
+            order.push_back(index);
+        }
+    }
+    ASSERT_EQ(order.size(), if_list(ifm).size());
+    for (std::size_t i = 0; i < order.size(); i++) EXPECT_EQ(if_list(ifm)[i]->ifindex, order[i]);
+}
+
+TEST_F(Interfaces, ExhaustedMemoryAtAnyPointLeavesAUsableList) {
+    for (std::uint64_t nth = 1; nth <= 3; nth++) {
+        if_finish(ifm);
+        memmgr_fail_at(nth);
+        EXPECT_EQ(if_add(ifm, "eth1", 1, IF_TYPE_SYNCE), nullptr);
+        EXPECT_EQ(if_lookup_by_index(ifm, 1), nullptr);
+        EXPECT_NE(if_add(ifm, "eth1", 1, IF_TYPE_SYNCE), nullptr);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,38 @@
+# What ./check, ./demo and bench/run share. Sourced by bash; `root` is the top of the tree.
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+
+# Lower priority where it can be had: a build beside other work should not be felt.
+jobs=$(nproc 2>/dev/null || echo 2)
+
+die() {
+    printf '%s: %s\n' "${0##*/}" "$*" >&2
+    exit 1
+}
+
+# install_missing PACKAGE...: asks apt-get only for what dpkg does not list as installed.
+install_missing() {
+    local package missing=()
+    for package in "$@"; do
+        [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" = installed ] || missing+=("$package")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    [ "$(id -u)" = 0 ] || die "missing packages (run as root, or: apt-get install ${missing[*]})"
+    echo "installing: ${missing[*]}"
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get -q -o DPkg::Lock::Timeout=120 update </dev/null || die "apt-get update failed"
+    apt-get -q -y -o DPkg::Lock::Timeout=120 install --no-install-recommends "${missing[@]}" </dev/null ||
+        die "apt-get install failed: ${missing[*]}"
+}
+
+BUILD_PACKAGES=(g++ cmake ninja-build)
+LAB_PACKAGES=(python3 iproute2 util-linux procps)
+TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev)
+SYSTEM_PACKAGES=("${LAB_PACKAGES[@]}" python3-pytest python3-scapy python3-pexpect tshark libcap2-bin)
+STYLE_PACKAGES=(clang-format clang-tidy)
+
+# need_namespaces: says in one line why the network tests can't run here, if they can't.
+need_namespaces() {
+    [ "$(id -u)" = 0 ] || die "must run as root: it makes network and mount namespaces"
+    unshare -m -n true 2>/dev/null || die "this machine does not allow new network and mount namespaces"
+}
