@@ -174,7 +174,7 @@ class Node:
 
     def run(self, *argv, net_only=False, check=True, **more):
         done = subprocess.run(self.enter(argv, net_only), stdin=more.pop("stdin", subprocess.DEVNULL),
-                              capture_output=True, text=True, **more)
+                              capture_output=True, text=True, errors="replace", **more)
         if check and done.returncode != 0:
             raise RuntimeError(f"{self.name}: {' '.join(map(str, argv))}: status {done.returncode}: {done.stderr}")
         return done

@@ -10,7 +10,6 @@
 #include "cli/ssm_cli_reason.h"
 #include "core/ssm_ports.h"
 #include "core/ssm_ql.h"
-#include "frame/ssm_board.h"
 
 namespace {
 
@@ -106,8 +105,7 @@ const cli_element ssm_show_brief_cmd = {"show clock synce brief", show_brief_han
 const cli_element ssm_show_selection_cmd = {"show clock synce selection", show_selection_handler};
 
 int ssm_cli_everyday_init(cli_tree* tree) {
-    ssm_board_info board;
-    if (ssm_board_info_get(&board) != SSM_OK || !board.synce_support) return 0;
+    if (!ssm_cli_board_has_synce()) return 0;
     int rv = 0;
     for (const cli_element* command : {&ssm_show_brief_cmd, &ssm_show_selection_cmd, &ssm_show_json_cmd})
         if (cli_install_gen(tree, EXEC_MODE, SSM_CLI_PRIVILEGE, 0, command) < 0) rv = -1;

@@ -12,6 +12,9 @@
 
 constexpr std::int32_t SSM_CLI_PRIVILEGE = 4;
 
+// Whether the board declares SyncE: without it the clock, show and debug commands don't exist.
+bool ssm_cli_board_has_synce();
+
 // Whether the argument begins with the keyword. Alternatives are tried one after another; the last one is
 // what is left and needs no test.
 inline bool ssm_cli_keyword(const char* argument, std::string_view keyword) {

@@ -55,6 +55,11 @@ void install_basics(cli_tree* tree) {
 
 }  // namespace
 
+bool ssm_cli_board_has_synce() {
+    ssm_board_info board;
+    return ssm_board_info_get(&board) == SSM_OK && board.synce_support;
+}
+
 int ssm_cli_init(cli_tree* tree) {
     install_basics(tree);
 

@@ -4,7 +4,6 @@
 #include "cli/ssm_cli_handler.h"
 #include "core/ssm_opts.h"
 #include "core/ssm_ports.h"
-#include "frame/ssm_board.h"
 
 namespace {
 
@@ -48,8 +47,7 @@ const cli_element no_ssm_recovery_select_cmd = {
     ssm_cli_global<"%s%sno clock recovery-select", ssm_opts_set_recovery_select, SSM_RECOVER_SYNCE>};
 
 int ssm_cli_restore_init(cli_tree* tree) {
-    ssm_board_info board;
-    if (ssm_board_info_get(&board) != SSM_OK || !board.synce_support) return 0;
+    if (!ssm_cli_board_has_synce()) return 0;
     // A port that the file names may be bound only later: its line waits for it.
     int rv =
         cli_install_gen(tree, CONFIG_MODE, SSM_CLI_PRIVILEGE, CLI_FLAG_AFTER_BIND, &ssm_switch_force_cmd);

@@ -15,10 +15,20 @@
 
 namespace {
 
+// What a selection needs of the clock record, read once for all ports.
+struct ranking_rules {
+    bool option_1;
+    bool extend;
+};
+
+ranking_rules rules_in_force() {
+    return {g_s_master->ql_option == SSM_OPTION_1, g_s_master->ssm_extend != 0};
+}
+
 // The place of an SSM code in the quality order of the option in force; smaller is better. Option 1 codes are
 // in order as they are; of option 2, three are not.
-std::uint8_t quality_rank(std::uint8_t code) {
-    if (g_s_master->ql_option == SSM_OPTION_1) return code;
+std::uint8_t quality_rank(std::uint8_t code, ranking_rules rules) {
+    if (rules.option_1) return code;
     switch (code) {
         case QL_STU:
             return 2;
@@ -35,9 +45,9 @@ std::uint8_t quality_rank(std::uint8_t code) {
 // better candidate: quality, priority, hop count (only with the extension on), interface index.
 constexpr unsigned QUALITY_SHIFT = 48, PRIORITY_SHIFT = 40, HOP_SHIFT = 32;
 
-std::uint64_t candidate_rank(const ssm_port* port) {
-    const std::uint64_t quality = quality_rank(ssm_port_select_quality(port));
-    const std::uint64_t hops = g_s_master->ssm_extend ? port->recv_hop_count : 0;
+std::uint64_t candidate_rank(const ssm_port* port, ranking_rules rules) {
+    const std::uint64_t quality = quality_rank(ssm_port_select_quality(port), rules);
+    const std::uint64_t hops = rules.extend ? port->recv_hop_count : 0;
     return quality << QUALITY_SHIFT | std::uint64_t{port->priority} << PRIORITY_SHIFT | hops << HOP_SHIFT |
            port->intf->ifindex;
 }
@@ -54,7 +64,8 @@ bool same_clock_id(const std::uint8_t* a, const std::uint8_t* b) {
 }  // namespace
 
 std::int32_t ssm_ql_compare(std::uint8_t a, std::uint8_t b) {
-    const std::uint8_t rank_a = quality_rank(a), rank_b = quality_rank(b);
+    const ranking_rules rules = rules_in_force();
+    const std::uint8_t rank_a = quality_rank(a, rules), rank_b = quality_rank(b, rules);
     return (rank_a > rank_b) - (rank_a < rank_b);
 }
 
@@ -64,7 +75,8 @@ std::uint8_t ssm_port_select_quality(const ssm_port* port) {
 }
 
 ssm_order ssm_candidate_compare(const ssm_port* a, const ssm_port* b) {
-    const std::uint64_t rank_a = candidate_rank(a), rank_b = candidate_rank(b);
+    const ranking_rules rules = rules_in_force();
+    const std::uint64_t rank_a = candidate_rank(a, rules), rank_b = candidate_rank(b, rules);
     if (rank_a == rank_b) return {0, ssm_key::none};
     const std::uint64_t differs = rank_a ^ rank_b;
     ssm_key key = ssm_key::ifindex;
@@ -145,7 +157,7 @@ class replaced_ids {
 };
 
 // What the port itself says; the look at the other ports (replaced identities) comes after it.
-ssm_refusal check_port(const ssm_port* port) {
+ssm_refusal check_port(const ssm_port* port, ranking_rules rules) {
     if (!port->synce_enable) return ssm_refusal::synce_disabled;
     if (!port->link_up) return ssm_refusal::link_down;
     if (port->force_rx_quality == QL_NONE) {
@@ -154,7 +166,7 @@ ssm_refusal check_port(const ssm_port* port) {
     } else if (port->force_rx_quality == QL_DNU) {
         return ssm_refusal::forced_dnu;
     }
-    if (g_s_master->ssm_extend && same_clock_id(port->recv_clockid, g_s_master->clock_id))
+    if (rules.extend && same_clock_id(port->recv_clockid, g_s_master->clock_id))
         return ssm_refusal::own_clock_id;
     return ssm_refusal::none;
 }
@@ -178,12 +190,12 @@ void log_replaced(const ssm_port* found) {
 }
 
 // The walk's verdict on one port, with its log lines.
-bool is_candidate(const ssm_port* port, const replaced_ids& replaced) {
-    if (__builtin_expect(check_port(port) != ssm_refusal::none, 0)) {
+bool is_candidate(const ssm_port* port, ranking_rules rules, const replaced_ids& replaced) {
+    if (__builtin_expect(check_port(port, rules) != ssm_refusal::none, 0)) {
         log_refusal(port);
         return false;
     }
-    if (!g_s_master->ssm_extend || port->replace_clockid) return true;
+    if (!rules.extend || port->replace_clockid) return true;
     const ssm_port* found = replaced.find(port->recv_clockid);
     if (!found) return true;
     log_replaced(found);
@@ -196,7 +208,7 @@ bool is_candidate(const ssm_port* port, const replaced_ids& replaced) {
 }  // namespace
 
 ssm_refusal ssm_candidate_check(const ssm_port* port) {
-    const ssm_refusal refusal = check_port(port);
+    const ssm_refusal refusal = check_port(port, rules_in_force());
     if (refusal != ssm_refusal::none || !g_s_master->ssm_extend || port->replace_clockid) return refusal;
     return replaced_ids::walk(port->recv_clockid) ? ssm_refusal::replaced_clock_id : ssm_refusal::none;
 }
@@ -208,14 +220,15 @@ std::int32_t ssm_replace_clockid_seen(const std::uint8_t* clockid) {
 }
 
 ssm_port* ssm_best_candidate() {
+    const ranking_rules rules = rules_in_force();
     replaced_ids replaced;
-    if (g_s_master->ssm_extend) replaced.collect();
+    if (rules.extend) replaced.collect();
 
     ssm_port* best = nullptr;
     std::uint64_t best_rank = 0;
     ssm_port_walk([&](ssm_port* port) {
-        if (!is_candidate(port, replaced)) return;
-        const std::uint64_t rank = candidate_rank(port);
+        if (!is_candidate(port, rules, replaced)) return;
+        const std::uint64_t rank = candidate_rank(port, rules);
         if (best && rank >= best_rank) return;
         best = port;
         best_rank = rank;

@@ -1,18 +1,25 @@
-// The SSM module's table of objects: place, type and access of each. No object has a read handler yet, so
-// every request is answered with "no such object".
+// The SSM module's table of objects: place, type, access and handler of each, in the order of their places.
+// The objects below 16 exist only in notifications and have no entry.
 #include "snmp/ssm_mib.h"
+
+#include "snmp/ssm_mib_handlers.h"
 
 namespace {
 
-constexpr snmp_variable scalar(snmp_oid number, std::uint8_t type, std::uint8_t access) {
-    return {number, type, access, 1, nullptr, {number}};
+template <ssm_mib_scalar Place>
+constexpr snmp_variable scalar(std::uint8_t type, std::uint8_t access) {
+    return {Place, type, access, 1, ssm_mib_read_scalar<Place>, {Place}};
 }
 
-constexpr snmp_oid PORT_TABLE = 13, PORT_ENTRY = 1;
-constexpr std::uint32_t COLUMN_MAGIC = 100;  // apart from the scalars' numbers
+constexpr snmp_oid PORT_ENTRY = 1;
 
-constexpr snmp_variable column(snmp_oid number, std::uint8_t access) {
-    return {COLUMN_MAGIC + number, SNMP_TYPE_INTEGER, access, 3, nullptr, {PORT_TABLE, PORT_ENTRY, number}};
+constexpr snmp_variable column(ssm_mib_column place, std::uint8_t access) {
+    return {SSM_MIB_COLUMN + place,
+            SNMP_TYPE_INTEGER,
+            access,
+            3,
+            ssm_mib_read_port,
+            {SSM_MIB_PORT_TABLE, PORT_ENTRY, place}};
 }
 
 }  // namespace
@@ -20,30 +27,30 @@ constexpr snmp_variable column(snmp_oid number, std::uint8_t access) {
 const snmp_oid ssm_oid[SSM_OID_LENGTH] = {ESMC_ENTERPRISE, 81};
 
 const snmp_variable ssm_variables[SSM_VARIABLE_COUNT] = {
-    scalar(1, SNMP_TYPE_OCTET_STRING, SNMP_READ_ONLY),  // clock identity
-    scalar(2, SNMP_TYPE_INTEGER, SNMP_READ_WRITE),      // SyncE
-    scalar(3, SNMP_TYPE_INTEGER, SNMP_READ_WRITE),      // SSM
-    scalar(4, SNMP_TYPE_INTEGER, SNMP_READ_WRITE),      // device type
-    scalar(5, SNMP_TYPE_INTEGER, SNMP_READ_WRITE),      // local quality
-    scalar(6, SNMP_TYPE_INTEGER, SNMP_READ_ONLY),       // current quality
-    scalar(7, SNMP_TYPE_INTEGER, SNMP_READ_WRITE),      // local priority
-    scalar(8, SNMP_TYPE_INTEGER, SNMP_READ_ONLY),       // selected port
-    scalar(9, SNMP_TYPE_INTEGER, SNMP_READ_WRITE),      // extension
-    scalar(10, SNMP_TYPE_INTEGER, SNMP_READ_ONLY),      // running state
-    scalar(11, SNMP_TYPE_INTEGER, SNMP_READ_ONLY),      // option
-    scalar(12, SNMP_TYPE_INTEGER, SNMP_READ_WRITE),     // force switch
-    column(1, SNMP_NOT_ACCESSIBLE),                     // interface index
-    column(2, SNMP_READ_WRITE),                         // SyncE
-    column(3, SNMP_READ_WRITE),                         // ESMC mode
-    column(4, SNMP_READ_WRITE),                         // priority
-    column(5, SNMP_READ_ONLY),                          // link
-    column(6, SNMP_READ_ONLY),                          // received quality
-    column(7, SNMP_READ_ONLY),                          // send timer
-    column(8, SNMP_READ_ONLY),                          // time-out timer
-    column(9, SNMP_READ_ONLY),                          // sent quality
-    column(10, SNMP_READ_WRITE),                        // DNU group
-    column(11, SNMP_READ_WRITE),                        // replace clock identity
-    column(12, SNMP_READ_WRITE),                        // forced receive quality
-    column(13, SNMP_READ_WRITE),                        // forced transmit quality
-    scalar(15, SNMP_TYPE_INTEGER, SNMP_READ_WRITE),     // recovery select
+    scalar<SSM_MIB_CLOCK_ID>(SNMP_TYPE_OCTET_STRING, SNMP_READ_ONLY),
+    scalar<SSM_MIB_GLOBAL_ENABLE>(SNMP_TYPE_INTEGER, SNMP_READ_WRITE),
+    scalar<SSM_MIB_SSM_ENABLE>(SNMP_TYPE_INTEGER, SNMP_READ_WRITE),
+    scalar<SSM_MIB_DEVICE_TYPE>(SNMP_TYPE_INTEGER, SNMP_READ_WRITE),
+    scalar<SSM_MIB_LOCAL_QUALITY>(SNMP_TYPE_INTEGER, SNMP_READ_WRITE),
+    scalar<SSM_MIB_CURRENT_QUALITY>(SNMP_TYPE_INTEGER, SNMP_READ_ONLY),
+    scalar<SSM_MIB_LOCAL_PRIORITY>(SNMP_TYPE_INTEGER, SNMP_READ_WRITE),
+    scalar<SSM_MIB_SELECTED_PORT>(SNMP_TYPE_INTEGER, SNMP_READ_ONLY),
+    scalar<SSM_MIB_EXTENSION>(SNMP_TYPE_INTEGER, SNMP_READ_WRITE),
+    scalar<SSM_MIB_RUNNING_STATE>(SNMP_TYPE_INTEGER, SNMP_READ_ONLY),
+    scalar<SSM_MIB_OPTION>(SNMP_TYPE_INTEGER, SNMP_READ_ONLY),
+    scalar<SSM_MIB_FORCE_SWITCH>(SNMP_TYPE_INTEGER, SNMP_READ_WRITE),
+    column(SSM_MIB_INDEX, SNMP_NOT_ACCESSIBLE),
+    column(SSM_MIB_SYNCE_ENABLE, SNMP_READ_WRITE),
+    column(SSM_MIB_ESMC_MODE, SNMP_READ_WRITE),
+    column(SSM_MIB_PRIORITY, SNMP_READ_WRITE),
+    column(SSM_MIB_LINK, SNMP_READ_ONLY),
+    column(SSM_MIB_RECEIVED_QUALITY, SNMP_READ_ONLY),
+    column(SSM_MIB_SEND_TIMER, SNMP_READ_ONLY),
+    column(SSM_MIB_TIMEOUT_TIMER, SNMP_READ_ONLY),
+    column(SSM_MIB_SENT_QUALITY, SNMP_READ_ONLY),
+    column(SSM_MIB_DNU_GROUP, SNMP_READ_WRITE),
+    column(SSM_MIB_REPLACE_CLOCKID, SNMP_READ_WRITE),
+    column(SSM_MIB_FORCED_RX_QUALITY, SNMP_READ_WRITE),
+    column(SSM_MIB_FORCED_TX_QUALITY, SNMP_READ_WRITE),
+    scalar<SSM_MIB_RECOVERY_SELECT>(SNMP_TYPE_INTEGER, SNMP_READ_WRITE),
 };

@@ -81,34 +81,45 @@ bool repeat(const snmp_agent* agent, agentx_oid* start, const agentx_oid* end, a
     return true;
 }
 
-constexpr std::size_t REPEATERS_MAX = 64;
+constexpr std::size_t REPEATERS_MAX = 32;
 
-// The repeated ranges of a GetBulk: row by row, until all are at their end or the answer is long enough. A
-// request with more ranges than fit is answered for the first of them.
+// One row of a GetBulk: an answer for each range. `at` holds where the first ranges are and is moved on.
+struct bulk_row {
+    std::size_t ranges;  // of the request
+    bool more;           // some range is not at its end
+};
+
+bulk_row answer_row(const snmp_agent* agent, agentx_reader* payload, agentx_oid* at, bool first,
+                    agentx_writer* w) {
+    bulk_row row{};
+    for (; !agentx_at_end(payload) && !too_long(w); ++row.ranges) {
+        agentx_oid start, end;
+        agentx_take_range(payload, &start, &end);
+        if (payload->bad) break;
+        agentx_oid* from = &start;
+        if (row.ranges < REPEATERS_MAX) {
+            from = at + row.ranges;
+            if (first) *from = start;
+        }
+        row.more |= repeat(agent, from, &end, w);
+    }
+    return row;
+}
+
+// The repeated ranges of a GetBulk: row by row, until all are at their end or the answer is long enough. More
+// ranges than places to remember them get one row, which a master takes as a short answer.
 void answer_repeaters(const snmp_agent* agent, agentx_reader* payload, std::size_t repetitions,
                       agentx_writer* w) {
-    const agentx_reader first = *payload;
-    snmp_oid last[REPEATERS_MAX][32];  // where each range is; longer names end their range
-    std::size_t lengths[REPEATERS_MAX] = {};
+    const agentx_reader ranges = *payload;
+    agentx_oid at[REPEATERS_MAX];
     std::size_t sent = 0;
-    for (std::size_t row = 0; row < repetitions && sent < BULK_MAX && !too_long(w); ++row) {
-        *payload = first;
-        bool more = false;
-        for (std::size_t i = 0; i < REPEATERS_MAX && !agentx_at_end(payload); ++i, ++sent) {
-            agentx_oid start, end;
-            agentx_take_range(payload, &start, &end);
-            if (payload->bad) return;
-            if (row > 0) {
-                start.include = false;
-                start.length = lengths[i];
-                std::copy_n(last[i], lengths[i], start.id);
-            }
-            more |= repeat(agent, &start, &end, w) && start.length <= std::size(last[i]);
-            lengths[i] = std::min(start.length, std::size(last[i]));
-            std::copy_n(start.id, lengths[i], last[i]);
-        }
-        if (!more) break;
+    for (std::size_t row = 0; row < repetitions && sent < BULK_MAX; ++row) {
+        *payload = ranges;
+        const bulk_row done = answer_row(agent, payload, at, row == 0, w);
+        sent += done.ranges;
+        if (payload->bad || !done.more || done.ranges > REPEATERS_MAX || too_long(w)) break;
     }
+    if (!payload->bad) payload->at = payload->data.size();
 }
 
 void answer_bulk(const snmp_agent* agent, agentx_reader* payload, agentx_writer* w) {

@@ -213,10 +213,10 @@ void agentx_put_oid(agentx_writer* w, const snmp_oid* id, std::size_t length, bo
     for (std::size_t i = skipped; i < length; ++i) agentx_put_u32(w, id[i]);
 }
 
-void agentx_put_string(agentx_writer* w, const void* octets, std::size_t length) {
+void agentx_put_string(agentx_writer* w, const void* data, std::size_t length) {
     constexpr std::uint8_t zeros[3] = {};
     agentx_put_u32(w, static_cast<std::uint32_t>(length));
-    put(w, octets, length);
+    put(w, data, length);
     put(w, zeros, padding(length));
 }
 
@@ -230,10 +230,10 @@ void agentx_put_number(agentx_writer* w, std::uint16_t type, const snmp_oid* nam
     agentx_put_u32(w, value);
 }
 
-void agentx_put_text(agentx_writer* w, const snmp_oid* name, std::size_t name_length, const void* octets,
+void agentx_put_text(agentx_writer* w, const snmp_oid* name, std::size_t name_length, const void* data,
                      std::size_t length) {
     begin_variable(w, AGENTX_OCTET_STRING, name, name_length);
-    agentx_put_string(w, octets, length);
+    agentx_put_string(w, data, length);
 }
 
 void agentx_put_oid_value(agentx_writer* w, const snmp_oid* name, std::size_t name_length,

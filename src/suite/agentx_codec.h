@@ -1,9 +1,9 @@
-// AgentX (RFC 2741) on octets: headers, object identifiers, strings, ranges and variables, in both byte orders.
-// Pure functions over memory: nothing is opened, and a reader allocates nothing.
+// AgentX (RFC 2741) on octets: headers, object identifiers, strings, ranges and variables, in both byte
+// orders. Pure functions over memory: nothing is opened, and a reader allocates nothing.
 //
-// A reader never goes past its octets: after the first field that does not fit it is `bad`, and everything that
-// it gives from then on is zero. Callers look at `bad` where it matters, not after each field. A writer appends
-// to a text_buffer, and is `full` from the first append that failed.
+// A reader never goes past its octets: after the first field that does not fit it is `bad`, and everything
+// that it gives from then on is zero. Callers look at `bad` where it matters, not after each field. A writer
+// appends to a text_buffer, and is `full` from the first append that failed.
 #pragma once
 
 #include <cstddef>
@@ -136,12 +136,12 @@ void agentx_put_u8(agentx_writer* w, std::uint8_t value);
 void agentx_put_u16(agentx_writer* w, std::uint16_t value);
 void agentx_put_u32(agentx_writer* w, std::uint32_t value);
 void agentx_put_oid(agentx_writer* w, const snmp_oid* id, std::size_t length, bool include = false);
-void agentx_put_string(agentx_writer* w, const void* octets, std::size_t length);
+void agentx_put_string(agentx_writer* w, const void* data, std::size_t length);
 // Types without a value, Integer and the other 32-bit types.
 void agentx_put_empty(agentx_writer* w, std::uint16_t type, const snmp_oid* name, std::size_t name_length);
 void agentx_put_number(agentx_writer* w, std::uint16_t type, const snmp_oid* name, std::size_t name_length,
                        std::uint32_t value);
-void agentx_put_text(agentx_writer* w, const snmp_oid* name, std::size_t name_length, const void* octets,
+void agentx_put_text(agentx_writer* w, const snmp_oid* name, std::size_t name_length, const void* data,
                      std::size_t length);
 void agentx_put_oid_value(agentx_writer* w, const snmp_oid* name, std::size_t name_length,
                           const snmp_oid* value, std::size_t value_length);

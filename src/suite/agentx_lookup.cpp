@@ -1,6 +1,6 @@
-// Which object a name means, and which instance comes next. Read handlers say what exists; this file knows the
-// order of the objects and keeps a handler's answer only when it lies where it must, so that a walk always moves
-// forward and ends.
+// Which object a name means, and which instance comes next. Read handlers say what exists; this file knows
+// the order of the objects and keeps a handler's answer only when it lies where it must, so that a walk
+// always moves forward and ends.
 #include <algorithm>
 
 #include "suite/agentx_record.h"
@@ -39,7 +39,8 @@ bool next_of_variable(agentx_found* found) {
 }
 
 // `name` is below the module's root; empty: from its beginning.
-bool next_in_module(const snmp_module* module, const snmp_oid* name, std::size_t length, agentx_found* found) {
+bool next_in_module(const snmp_module* module, const snmp_oid* name, std::size_t length,
+                    agentx_found* found) {
     found->module = module;
     for (std::size_t i = 0; i < module->entry_count; ++i) {
         const snmp_variable* v = module->variables + i;

@@ -36,6 +36,8 @@ struct agentx_target {
     char host[46];   // numeric
     std::uint16_t port;
 };
+// More than this is not put behind output that waits already.
+constexpr std::size_t AGENTX_OUTPUT_ENOUGH = 64 * 1024;
 constexpr const char* AGENTX_DEFAULT_PATH = "/var/agentx/master";
 
 enum class agentx_phase : std::uint8_t { down, connecting, opening, registering, serving };
@@ -84,12 +86,12 @@ struct snmp_agent {
     bool more_input;  // a whole PDU waits in `in`
     text_buffer in, out;
     std::uint32_t session, next_packet;
-    std::uint32_t awaited;            // packet of the Open or Register that is under way
-    const snmp_module* registering;   // the module whose registration is under way
-    nanoseconds step_started;         // of the phase
-    nanoseconds heard;                // last octet from the master
-    nanoseconds stalled_since;        // when output last moved, while there is some
-    std::uint32_t unanswered;         // pings and notifications
+    std::uint32_t awaited;           // packet of the Open or Register that is under way
+    const snmp_module* registering;  // the module whose registration is under way
+    nanoseconds step_started;        // of the phase
+    nanoseconds heard;               // last octet from the master
+    nanoseconds stalled_since;       // when output last moved, while there is some
+    std::uint32_t unanswered;        // pings and notifications
     nanoseconds unanswered_since;
     std::uint32_t delay_ms;  // until the next try
     bool outage_said;

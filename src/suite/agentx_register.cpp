@@ -2,8 +2,8 @@
 // Registrations are made at start-up and kept until the context ends.
 //
 // What can go wrong: a table of another shape than this library's (refused: handlers would be called with
-// garbage), one that is not in order (refused: GetNext would skip objects), exhausted memory. Each is negative
-// and leaves nothing behind.
+// garbage), one that is not in order (refused: GetNext would skip objects), exhausted memory. Each is
+// negative and leaves nothing behind.
 #include <algorithm>
 #include <cstring>
 

@@ -1,10 +1,10 @@
-// SETs. The handlers know one call only, which applies a value; a transaction is made of it here. TestSet applies
-// the values one after another, having noted of each object what it was; a refusal takes back what was applied,
-// the last first, and its status is the answer. CommitSet keeps what TestSet did. UndoSet, and CleanupSet without
-// CommitSet, take it back.
+// SETs. The handlers know one call only, which applies a value; a transaction is made of it here. TestSet
+// applies the values one after another, having noted of each object what it was; a refusal takes back what
+// was applied, the last first, and its status is the answer. CommitSet keeps what TestSet did. UndoSet, and
+// CleanupSet without CommitSet, take it back.
 //
-// A master repeats a PDU that was not answered in time. A transaction is therefore remembered until its place is
-// needed: a repeated PDU gets the same answer and acts no more.
+// A master repeats a PDU that was not answered in time. A transaction is therefore remembered until its place
+// is needed: a repeated PDU gets the same answer and acts no more.
 #include <algorithm>
 #include <cstring>
 
@@ -30,8 +30,13 @@ agentx_transaction* make(snmp_agent* agent, const agentx_header& header) {
     for (agentx_transaction& t : agent->transactions)
         if (!is_open(t) && (!best || t.order < best->order)) best = &t;
     if (best)
-        *best = {agentx_set_state::tested,    header.transaction, header.packet, 0, 0,
-                 ++agent->transaction_order, nullptr};
+        *best = {agentx_set_state::tested,
+                 header.transaction,
+                 header.packet,
+                 0,
+                 0,
+                 ++agent->transaction_order,
+                 nullptr};
     return best;
 }
 
@@ -76,10 +81,9 @@ agentx_change* note(const agentx_found* found) {
 int apply(agentx_transaction* t, const agentx_found* found, const agentx_variable* v) {
     agentx_change* change = note(found);
     if (!change) return SNMP_RESOURCE_UNAVAILABLE;
-    const int status =
-        found->write(SNMP_ACTION_SET, v->value, static_cast<std::uint8_t>(v->type), v->value_length,
-                     static_cast<const std::uint8_t*>(found->value), found->name, found->name_length,
-                     found->variable);
+    const int status = found->write(SNMP_ACTION_SET, v->value, static_cast<std::uint8_t>(v->type),
+                                    v->value_length, static_cast<const std::uint8_t*>(found->value),
+                                    found->name, found->name_length, found->variable);
     if (status == SNMP_NO_ERROR && found->value) {
         change->next = t->changes;
         t->changes = change;
@@ -138,10 +142,12 @@ std::uint16_t agentx_commit_set(snmp_agent* agent, const agentx_header& header) 
 
 std::uint16_t agentx_undo_set(snmp_agent* agent, const agentx_header& header) {
     agentx_transaction* t = find(agent, header.transaction);
-    if (!t || !is_open(*t)) return SNMP_NO_ERROR;  // nothing of it is left to undo
-    const bool whole = take_back(agent, t);
-    t->state = agentx_set_state::over;
-    return whole ? std::uint16_t{SNMP_NO_ERROR} : std::uint16_t{SNMP_UNDO_FAILED};
+    if (!t) return SNMP_NO_ERROR;  // nothing of it is here to undo
+    if (is_open(*t)) {
+        if (!take_back(agent, t)) t->error = SNMP_UNDO_FAILED;
+        t->state = agentx_set_state::over;
+    }
+    return t->error == SNMP_UNDO_FAILED ? std::uint16_t{SNMP_UNDO_FAILED} : std::uint16_t{SNMP_NO_ERROR};
 }
 
 void agentx_cleanup_set(snmp_agent* agent, const agentx_header& header) {

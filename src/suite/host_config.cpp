@@ -165,6 +165,13 @@ int read_lines(config_reader* r, int fd) {
     return 0;
 }
 
+// A line that was refused for want of memory alone would be lost by the next save.
+std::uint64_t failed_allocations() {
+    std::uint64_t failures = 0;
+    for (memory_type type = 0; type < 1024; type++) failures += memmgr_type_stats(type).failures;
+    return failures;
+}
+
 }  // namespace
 
 void host_log_refused(const host_state* host, std::uint32_t number, std::string_view line) {
@@ -184,6 +191,7 @@ void host_config_read(host_state* host) {
         log_suite(LOG_LEVEL_INFO, "no configuration file %s", host->config_file);
         return;
     }
+    std::uint64_t failures_before = failed_allocations();
     config_reader r{};
     r.host = host;
     r.session = host_plain_session(host, CONFIG_MODE, discard, nullptr);
@@ -194,6 +202,7 @@ void host_config_read(host_state* host) {
                   std::strerror(-result));
     }
     if (fd >= 0) close(fd);
+    if (failed_allocations() != failures_before) host->lossy = true;
     text_free(&r.line);
     text_free(&r.block);
 }

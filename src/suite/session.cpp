@@ -15,6 +15,7 @@
 #include "suite/host_state.h"
 #include "suite/log.h"
 #include "suite/memory.h"
+#include "suite/password.h"
 #include "suite/session_stages.h"
 
 namespace {
@@ -147,7 +148,7 @@ bool has_line(const session* s) {
 // Is there something to do with the octets that came, without any more of them? No line is run while output
 // of the one before is unsent.
 bool is_ready(const session* s) {
-    if (s->ending || s->overrun || s->in.length == 0) return false;
+    if (s->ending || s->overrun || s->busy || s->in.length == 0) return false;
     switch (s->stage) {
         case session_stage::hello:
             return has_line(s);
@@ -209,12 +210,13 @@ int on_timer(thread* event) {
     session* s = of(event);
     s->timer = nullptr;
     if (s->stage == session_stage::delayed) {
+        session_write(s, "% Wrong password\n");
         s->ending = true;
         session_settle(s);
         return 0;
     }
     std::uint32_t limit = s->ctx->host->exec_timeout_s;
-    bool idle = limit && thread_now(s->ctx) - s->active >= limit * NS_PER_S;
+    bool idle = !s->busy && limit && thread_now(s->ctx) - s->active >= limit * NS_PER_S;
     if (idle && (s->stage != session_stage::batch || unsent(s))) {
         session_write(s, "\n% Idle for too long\n");
         (void)send_some(s);  // closed in any case
@@ -230,7 +232,9 @@ int on_timer(thread* event) {
 
 session* session_create(lib_globals* ctx, int fd, session_kind kind) {
     host_state* host = ctx->host;
-    if (host->session_count >= SESSION_MAX) {
+    std::size_t same_kind = 0;
+    for (const session* other = host->sessions; other; other = other->next) same_kind += other->kind == kind;
+    if (same_kind >= SESSION_MAX) {
         static const char text[] = "% Too many sessions\r\n";
         (void)send(fd, text, sizeof text - 1, MSG_DONTWAIT | MSG_NOSIGNAL);  // closed in any case
         close(fd);
@@ -264,7 +268,8 @@ void session_close(session* s) {
         host->session_count--;
         break;
     }
-    session_monitor(s, false);
+    (void)session_monitor(s, false);  // taking a tap away can't fail
+    password_disown(s->ctx, s);
     thread_cancel(s->read_event);
     thread_cancel(s->write_event);
     thread_cancel(s->timer);
@@ -334,6 +339,22 @@ bool arm_events(session* s, bool drained, bool ready) {
 
 }  // namespace
 
+void session_finish(session* s, bool good) {
+    s->busy = false;
+    if (s->stage == session_stage::batch)
+        session_batch_finish(s, good);
+    else
+        session_interactive_finish(s);
+    session_settle(s);
+}
+
+void session_delay_end(session* s, std::uint32_t seconds) {
+    s->stage = session_stage::delayed;
+    thread_cancel(s->timer);
+    s->timer = thread_add_timer_msec(s->ctx, on_timer, s, seconds * 1000);
+    if (!s->timer) s->ending = true;
+}
+
 void session_want_send(session* s) {
     if (!s->write_event) s->write_event = thread_add_write(s->ctx, on_writable, s, s->fd);
 }
@@ -350,7 +371,8 @@ bool session_settle(session* s) {
     }
     bool drained = s->sent == may_go(s);
     bool ready = is_ready(s);
-    if (drained && (s->ending || (s->eof && !ready && s->stage != session_stage::delayed))) alive = false;
+    bool over = s->ending || (s->eof && !ready && !s->busy);
+    if (drained && over) alive = false;
     if (alive) {
         tidy_output(s);
         alive = arm_events(s, drained, ready);

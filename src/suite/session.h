@@ -63,8 +63,8 @@ struct session {
 
 constexpr std::size_t NO_FRAME = static_cast<std::size_t>(-1);
 
-// Takes the descriptor over (closed on failure). Null when memory is exhausted or SESSION_MAX is reached; the
-// client is told in the second case.
+// Takes the descriptor over (closed on failure). Null when memory is exhausted or SESSION_MAX sessions of this
+// kind are open; the client is told in the second case.
 session* session_create(lib_globals* ctx, int fd, session_kind kind);
 // Frees the record at once. Only from the loop's own handlers, never from inside a command.
 void session_close(session* s);
@@ -74,6 +74,9 @@ void session_end(cli* c);
 inline session* session_of(const cli* c) {
     return static_cast<session*>(c->line);
 }
+
+// A command left the session busy (see `busy`) and is at its end now. The session may be gone behind it.
+void session_finish(session* s, bool good);
 
 // `terminal monitor`: log lines at the terminal. False when there is no room for one more.
 bool session_monitor(session* s, bool on);

@@ -26,8 +26,7 @@ void put_status(session* s, batch_status status) {
 
 void run_request(session* s, std::string_view line) {
     cli_result result = cli_run_line(s->ctx->ctree, &s->c, line);
-    bool ok = result == cli_result::ok || result == cli_result::empty;
-    put_status(s, !ok ? BATCH_FAILED : s->ending ? BATCH_ENDED : BATCH_OK);
+    if (!s->busy) session_batch_finish(s, result == cli_result::ok || result == cli_result::empty);
 }
 
 void skip(session* s) {
@@ -40,6 +39,10 @@ void skip(session* s) {
 }
 
 }  // namespace
+
+void session_batch_finish(session* s, bool good) {
+    put_status(s, !good ? BATCH_FAILED : s->ending ? BATCH_ENDED : BATCH_OK);
+}
 
 bool session_batch_ready(const session* s) {
     if (s->to_skip) return s->in.length > 0;

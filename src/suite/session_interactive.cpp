@@ -3,6 +3,7 @@
 //
 // Paging: a command's whole output stands in `out`, of which `released` octets may go; "--More--" is put in
 // at that place and wiped by what the next key lets go.
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -87,16 +88,22 @@ void show_output(session* s, std::size_t start) {
     release_lines(s, page - 1);
 }
 
+// Lines that hold a password in clear stay out of the history.
+bool is_secret(std::string_view line) {
+    line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
+    return line.starts_with("pas");
+}
+
 void run_line(session* s) {
     std::string_view line = line_editor_text(s->editor);
     if (s->stage == session_stage::password) return tcp_password_line(s, line);
-    line_editor_remember(s->editor, line);
+    if (!is_secret(line)) line_editor_remember(s->editor, line);
     std::size_t start = s->out.length;
     s->running = true;
     (void)cli_run_line(s->ctx->ctree, &s->c, line);  // it has said itself what went wrong
     s->running = false;
     // What was sent meanwhile may have given its place back.
-    show_output(s, start < s->out.length ? start : s->out.length);
+    if (!s->busy) show_output(s, std::min(start, s->out.length));
 }
 
 void leave_mode(session* s, bool to_exec) {
@@ -213,6 +220,10 @@ void interrupt_output(session* s) {
 
 }  // namespace
 
+void session_interactive_finish(session* s) {
+    start_line(s);
+}
+
 std::size_t session_page_length(const session* s) {
     std::size_t lines = s->page_length >= 0 ? static_cast<std::size_t>(s->page_length) : s->rows;
     return lines < 2 ? 0 : lines;
@@ -227,7 +238,7 @@ void session_interactive_step(session* s) {
     if (s->stage != session_stage::paging && unsent(s) >= KEYS_WAIT_ABOVE) return interrupt_output(s);
     std::size_t used = 0;
     bool line_done = false;
-    while (used < s->in.length && !line_done && !s->ending) {
+    while (used < s->in.length && !line_done && !s->ending && !s->busy) {
         if (s->stage != session_stage::paging && unsent(s) >= KEYS_WAIT_ABOVE) break;
         std::uint8_t key = 0;
         telnet_event event = telnet_take(&s->telnet, static_cast<std::uint8_t>(s->in.data[used++]), &key);

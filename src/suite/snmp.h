@@ -1,5 +1,5 @@
-// SNMP sub-agent: registration of a MIB module, the handler model, notifications. The sub-agent connects to an
-// AgentX master by itself, and again whenever it is lost; nothing here waits for the master.
+// SNMP sub-agent: registration of a MIB module, the handler model, notifications. The sub-agent connects to
+// an AgentX master by itself, and again whenever it is lost; nothing here waits for the master.
 #pragma once
 
 #include <cstddef>
@@ -29,9 +29,9 @@ enum snmp_status : int {
 };
 
 // The SET phase that the sub-agent gives to a write handler: a new value, or the value that the read handler
-// gave before, when a SET is taken back. A handler of an object that reads values which it would not accept, or
-// whose values are steps, tells them apart; all others need not look. Not one of the phases of RFC 3416 agents,
-// so that a handler may be called with those too.
+// gave before, when a SET is taken back. A handler of an object that reads values which it would not accept,
+// or whose values are steps, tells them apart; all others need not look. Not one of the phases of RFC 3416
+// agents, so that a handler may be called with those too.
 enum : int { SNMP_ACTION_SET = 0, SNMP_ACTION_RESTORE = 100 };
 
 struct snmp_variable;
@@ -43,8 +43,8 @@ using snmp_write_handler = int (*)(int action, const std::uint8_t* value, std::u
 // Returns the address of the value, or null. Names are those below the module's base: the object's suffix,
 // then the instance; `variable` is the table's own entry. `name` holds room for 128 sub-identifiers; GETNEXT
 // (exact 0) writes the found instance into it and sets *name_length; a null value with a name that moved
-// forward says that the found instance has no value, and the sub-agent asks on behind it. *write, which is null
-// before the call, takes the object's write handler, also when there is no value.
+// forward says that the found instance has no value, and the sub-agent asks on behind it. *write, which is
+// null before the call, takes the object's write handler, also when there is no value.
 using snmp_read_handler = const void* (*)(const snmp_variable* variable, snmp_oid* name,
                                           std::size_t* name_length, int exact, std::size_t* value_length,
                                           snmp_write_handler* write);
@@ -60,14 +60,14 @@ struct snmp_variable {
 };
 static_assert(sizeof(snmp_variable) == 544);
 
-// Keeps the registration; the module appears below 1.3.6.1.4.1 followed by `base`. The entries are in the order
-// of their suffixes, none of which begins with another; name and entries live as long as the context. The last
-// five arguments are 0. 0 or negative.
+// Keeps the registration; the module appears below 1.3.6.1.4.1 followed by `base`. The entries are in the
+// order of their suffixes, none of which begins with another; name and entries live as long as the context.
+// The last five arguments are 0. 0 or negative.
 int agentx_register_mib(lib_globals* ctx, const char* name, const snmp_variable* variables,
                         std::size_t entry_size, std::size_t entry_count, const snmp_oid* base,
                         std::size_t base_length, int, int, int, int, int);
-// Installs the commands (`snmp agentx`, `snmp notifications`, `show snmp`) and begins to connect, from the next
-// turn of the loop on. 0 or negative.
+// Installs the commands (`snmp agentx`, `snmp notifications`, `show snmp`) and begins to connect, from the
+// next turn of the loop on. 0 or negative.
 int snmp_start(lib_globals* ctx);
 void snmp_stop(lib_globals* ctx);  // says good-bye to the master; frees the registrations
 
@@ -80,11 +80,12 @@ int snmp_header_generic(const snmp_variable* variable, snmp_oid* name, std::size
 int snmp_api_ifindex_check(std::int32_t value, std::uint16_t type);
 
 // Notifications. They are off until `snmp notifications` is configured. While they are on, `check` runs every
-// 200 ms: it compares what it last told with what is, and calls snmp_notify. `start` runs when they are switched
-// on: what is then, is known.
+// 200 ms: it compares what it last told with what is, and calls snmp_notify. `start` runs when they are
+// switched on: what is then, is known; `stop` when they are switched off and at the end of the sub-agent.
 struct snmp_notifier {
     void (*start)();
     void (*check)();
+    void (*stop)();
 };
 int snmp_set_notifier(lib_globals* ctx, const snmp_notifier* notifier);  // 0, or -1 when exhausted
 
@@ -99,6 +100,6 @@ struct snmp_notify_object {
 using snmp_notify_done = void (*)(std::uint32_t tag, bool delivered);
 // Sends base.0.number with its objects. 0, or -1 when it can't be sent now (no master, too many unanswered):
 // `done` is not called then.
-[[nodiscard]] int snmp_notify(lib_globals* ctx, const snmp_oid* base, std::size_t base_length, snmp_oid number,
-                              const snmp_notify_object* objects, std::size_t count, snmp_notify_done done,
-                              std::uint32_t tag);
+[[nodiscard]] int snmp_notify(lib_globals* ctx, const snmp_oid* base, std::size_t base_length,
+                              snmp_oid number, const snmp_notify_object* objects, std::size_t count,
+                              snmp_notify_done done, std::uint32_t tag);

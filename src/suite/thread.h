@@ -44,7 +44,8 @@ struct thread_ready {
 // Edges that a test replaces for virtual time. `now` returns monotonic nanoseconds. `wait` blocks until
 // something is ready, at most `timeout_ms` (-1: no limit, 0: poll), fills at most `max` entries and returns
 // their number; 0 for a time-out or a signal. A virtual wait moves the clock forward by the time-out. With a
-// replaced wait, no descriptor is ever registered with the kernel.
+// replaced wait, no descriptor is ever registered with the kernel, and one that returns 0 although it may
+// block without limit has nothing left to tell: thread_fetch then returns null.
 struct thread_edges {
     nanoseconds (*now)(void* arg);
     int (*wait)(void* arg, int timeout_ms, thread_ready* out, int max);
@@ -74,7 +75,9 @@ void thread_mark_ready(lib_globals* ctx, int fd);
 // Waits for the next event and copies it into *event (the loop's own record is free again by then). Null once
 // the context is shutting down, or when nothing is pending that could ever become ready.
 thread* thread_fetch(lib_globals* ctx, thread* event);
-// Runs a fetched event; returns what the handler returned. Measures the longest run for `show events`.
+// Runs a fetched event; returns what the handler returned. Measures the longest run for `show events`: of
+// timers and the normal class each run, of the high class one in 64, as reading the clock costs a good part
+// of a frame.
 int thread_call(thread* event);
 
 // The time of the current turn, as the timers see it.
@@ -83,7 +86,8 @@ nanoseconds thread_now(const lib_globals* ctx);
 std::uint32_t thread_timer_remaining_ms(const thread* timer);
 
 // Signals. thread_interrupt is the one call that is safe in a signal handler: it sets a flag and wakes the
-// loop. The handler set here then runs at the start of the next turn, before anything else.
+// loop. The handler set here then runs at the start of the next turn, before anything else. It may end the
+// library (lib_stop); thread_fetch then returns null and touches nothing any more.
 void thread_set_interrupt(lib_globals* ctx, void (*handler)(lib_globals*));
 void thread_interrupt();
 

@@ -144,6 +144,10 @@ def test_renamed_port(wired):
 
 
 def test_nsmd_restarts_unseen(wired):
+    """A clock that outlives nsmd, as hardware does, and a nsmd that is killed three times: no neighbour notices."""
+    options = ("--port", "p*", "--dpll", "sim", "--sim-state", "/run/clock")
+    wired.nsmd.stop()
+    wired.start_nsmd(*options)
     neighbour = Neighbour(wired.t1, PRC)
     wired.wait_clock(source="p1", quality="PRC", dpll="Lock")
     wired.t2.expect(2, quality=PRC)
@@ -152,7 +156,7 @@ def test_nsmd_restarts_unseen(wired):
     for _ in range(3):
         wired.nsmd.kill()
         neighbour.keep()
-        wired.start_nsmd()
+        wired.start_nsmd(*options)
         neighbour.keep()
         for _ in range(4):
             seen += list(wired.t2.frames(0.3))

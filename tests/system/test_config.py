@@ -106,10 +106,13 @@ def test_port_that_never_comes_keeps_its_lines(wired):
 
 
 def test_lines_run_before_the_port_comes_up(wired):
-    """A port that is up when it is bound must not be selected with default settings first."""
+    """A port that is up when it is bound comes up with its settings: a forced quality makes it the source at once,
+    without any frame, by one request."""
     started_with(wired, "clock synce global-enable\nclock synce ssm enable\ninterface p1\n clock synce enable\n"
                         " clock synce quality-eth rx prc\n!\n")
-    wired.wait_clock(source="p1", quality="PRC", state="Lock")
+    wired.wait_clock(source="p1", state="Lock", dpll="Lock")
+    assert wired.port("p1")["Quality RX configured"] == "PRC"
+    assert wired.nsmd.text().count("request: the clock source is") == 1
 
 
 def test_bad_lines_are_named_and_the_rest_is_read(wired):
@@ -148,18 +151,18 @@ def test_last_file_option_counts(wired):
     assert wired.clock()["Device priority"] == "2"
 
 
-@pytest.mark.parametrize("name, content", [
-    ("no newline at the end", b"clock synce global-enable\nclock synce local-priority 44"),
-    ("carriage returns", b"clock synce global-enable\r\nclock synce local-priority 44\r\n"),
-    ("blanks and tabs", b"  \t\n\n\t!\nclock   synce\t global-enable  \n clock synce local-priority 44 \n"),
-    ("a line of a megabyte", b"x" * (1 << 20) + b"\nclock synce local-priority 44\n"),
-    ("octets of zero", b"\0\0\0\nclo\0ck\n\0\nclock synce local-priority 44\n"),
-    ("ten thousand bad lines", b"bad line\n" * 10000 + b"clock synce local-priority 44\n"),
-    ("many words", b"interface " + b"p " * 20000 + b"\nclock synce local-priority 44\n"),
-    ("long names", b"interface " + b"n" * 3000 + b"\n clock synce enable\n!\nclock synce local-priority 44\n"),
-    ("format directives", b"interface %n%s%d\n clock synce %n%n\n!\n%s%n\nclock synce local-priority 44\n"),
+@pytest.mark.parametrize("content", [
+    pytest.param(b"clock synce global-enable\nclock synce local-priority 44", id="no newline at the end"),
+    pytest.param(b"clock synce global-enable\r\nclock synce local-priority 44\r\n", id="carriage returns"),
+    pytest.param(b"  \t\n\n\t!\nclock   synce\t global-enable  \n clock synce local-priority 44 \n", id="blanks and tabs"),
+    pytest.param(b"x" * (1 << 20) + b"\nclock synce local-priority 44\n", id="a line of a megabyte"),
+    pytest.param(b"\0\0\0\nclo\0ck\n\0\nclock synce local-priority 44\n", id="octets of zero"),
+    pytest.param(b"bad line\n" * 10000 + b"clock synce local-priority 44\n", id="ten thousand bad lines"),
+    pytest.param(b"interface " + b"p " * 20000 + b"\nclock synce local-priority 44\n", id="many words"),
+    pytest.param(b"interface " + b"n" * 3000 + b"\n clock synce enable\n!\nclock synce local-priority 44\n", id="long names"),
+    pytest.param(b"interface %n%s%d\n clock synce %n%n\n!\n%s%n\nclock synce local-priority 44\n", id="format directives"),
 ])
-def test_any_content(wired, name, content):
+def test_any_content(wired, content):
     started_with(wired, content)
     wired.wait_clock(priority="44")
     wired.wait_port("p1", up="enable")
@@ -219,8 +222,9 @@ def test_bad_log_file_is_refused(wired):
 def test_full_disk_for_the_log_costs_only_lines(wired):
     """A log file on a full file system: lines are lost, nothing else is."""
     wired.run("sh", "-c", "mkdir /run/small && mount -t tmpfs -o size=16k tmpfs /run/small")
-    started_with(wired, FULL + "log file /run/small/esmcd.log\n")
-    wired.wait_port("p1", up="enable")
+    started_with(wired, "log file /run/small/esmcd.log\nclock synce global-enable\nclock synce ssm enable\n"
+                        "interface p2\n clock synce enable\n")
+    wired.wait_port("p2", up="enable")
     wired.cli("debug ssm all")
     t2 = Port(wired.lab.tester, "t2")
     for _ in range(200):

@@ -24,7 +24,7 @@ def linked(lab):
         sw.kernel = {name: int(sw.ip("-o", "link", "show", name).stdout.split(":")[0]) for name in ("p1", "p2")}
     sw.ports = [dict(index=1, name="p1", kernel=sw.kernel["p1"]), dict(index=2, name="p2", kernel=sw.kernel["p2"])]
     sw.nsm = Nsm(sw)
-    sw.start_esmcd(wait=False)
+    sw.start_esmcd()
     return sw
 
 

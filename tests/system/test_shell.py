@@ -70,7 +70,6 @@ def test_lines_that_are_no_command(sw, line, answer):
     ("clock synce local-priority 99999999999999999999", "% Unknown command\n"),
     ("clock synce local-priority 1x", "% Unknown command\n"),
     ("clock synce local-p 0x10", "% Unknown command\n"),
-    ("clock synce local 1", "% Ambiguous command\n"),
     ("clock synce s", "% Ambiguous command\n"),
     ("clock synce local-quality option1 prs", "% Unknown command\n"),
     ("clock synce master-only extra", "% Unknown command\n"),

@@ -1,10 +1,14 @@
 """ESMC frames made and read by hand, for tests that speak to a port directly."""
 
+import errno
 import select
+import socket
+import struct
 import time
 
 GROUP = bytes.fromhex("0180c2000002")
 SLOW = bytes.fromhex("8809")
+SO_TIMESTAMPNS = 35
 SOURCE = bytes.fromhex("020000000099")
 
 PRC, SSU_A, SSU_B, EEC1, DNU = 2, 4, 8, 11, 15
@@ -32,14 +36,29 @@ class Seen:
         self.payload = payload
 
 
+def stamp(ancillary):
+    """When the kernel took the frame, on the monotonic clock: the reader may come late."""
+    for level, kind, data in ancillary:
+        if (level, kind) == (socket.SOL_SOCKET, SO_TIMESTAMPNS):
+            seconds, nanoseconds = struct.unpack("qq", data[:16])
+            return time.monotonic() - (time.time() - seconds - nanoseconds / 1e9)
+    return time.monotonic()
+
+
 class Port:
     """The tester's end of a link: sends frames and reads the ESMC frames that arrive."""
 
     def __init__(self, node, name):
         self.socket = node.packet_socket(name)
+        self.socket.setsockopt(socket.SOL_SOCKET, SO_TIMESTAMPNS, 1)
 
     def send(self, frame):
-        self.socket.send(frame)
+        try:
+            self.socket.send(frame)
+        except OSError as error:  # a bound socket reports once that its link has been down
+            if error.errno != errno.ENETDOWN:
+                raise
+            self.socket.send(frame)
 
     def frames(self, seconds):
         """ESMC frames from the other side, as they come, for at most `seconds`."""
@@ -48,9 +67,9 @@ class Port:
             left = end - time.monotonic()
             if left <= 0 or not select.select([self.socket], [], [], left)[0]:
                 return
-            frame, address = self.socket.recvfrom(2048)
+            frame, ancillary, _, address = self.socket.recvmsg(2048, 64)
             if address[2] != 4 and frame[12:14] == SLOW and len(frame) >= 40:  # 4: sent from this very port
-                yield Seen(frame, time.monotonic())
+                yield Seen(frame, stamp(ancillary))
 
     def drain(self):
         while select.select([self.socket], [], [], 0)[0]:

@@ -15,6 +15,8 @@ constexpr memory_type TYPE = 910, OTHER_TYPE = 911;
 
 #if defined(__SANITIZE_ADDRESS__)
 constexpr bool SANITIZED = true;
+#elif defined(__has_feature)
+constexpr bool SANITIZED = __has_feature(address_sanitizer);
 #else
 constexpr bool SANITIZED = false;
 #endif

@@ -145,6 +145,30 @@ void say(message m) {
     ASSERT_EQ(send(server, d.data(), d.size(), MSG_NOSIGNAL), static_cast<ssize_t>(d.size()));
 }
 
+std::string shown;  // by a command
+
+int keep_output(void*, const char* format, ...) {
+    char line[256];
+    va_list args;
+    va_start(args, format);
+    const int n = vsnprintf(line, sizeof line, format, args);
+    va_end(args);
+    shown += line;
+    return n;
+}
+
+// Runs a line in the exec mode; what it printed is in `shown`.
+cli_result run_line(lib_globals* ctx, const char* text) {
+    shown.clear();
+    cli session{};
+    session.out_func = keep_output;
+    session.zg = ctx;
+    session.ifm = &ctx->ifm;
+    session.mode = EXEC_MODE;
+    session.privilege = PRIVILEGE_MAX;
+    return cli_run_line(ctx->ctree, &session, text);
+}
+
 int on_tick(thread* event) {
     *static_cast<thread**>(event->arg) = nullptr;
     return 0;
@@ -545,30 +569,13 @@ TEST_F(NsmClient, ShowsItsStateAndWhatItKeeps) {
     ASSERT_EQ(lib_start(ctx), 0);
     log_use_sink(LOG_SINK_STDERR, false);
     ASSERT_EQ(nsm_client_cli_init(ctx), 0);
-    static std::string shown;
-    shown.clear();
-    cli session{};
-    session.out_func = [](void*, const char* format, ...) {
-        char line[256];
-        va_list args;
-        va_start(args, format);
-        const int n = vsnprintf(line, sizeof line, format, args);
-        va_end(args);
-        shown += line;
-        return n;
-    };
-    session.zg = ctx;
-    session.ifm = &ctx->ifm;
-    session.mode = EXEC_MODE;
-    session.privilege = PRIVILEGE_MAX;
-    ASSERT_EQ(cli_run_line(ctx->ctree, &session, "show nsm"), cli_result::ok);
+    ASSERT_EQ(run_line(ctx, "show nsm"), cli_result::ok);
     EXPECT_EQ(shown.find("NSM link: not connected\n"), 0u);
     connect();
     accept();
     sync();
     (void)nsm_client_send_ssm_selected_if_index(client, {4, 0});
-    shown.clear();
-    ASSERT_EQ(cli_run_line(ctx->ctree, &session, "show nsm"), cli_result::ok);
+    ASSERT_EQ(run_line(ctx, "show nsm"), cli_result::ok);
     EXPECT_EQ(shown,
               "NSM link: synchronised\n"
               "  Connections 1, messages received 2, sent 2, dropped 0\n"

@@ -14,10 +14,12 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdarg>
 #include <cstdio>
 #include <string>
 #include <vector>
 
+#include "suite/cli.h"
 #include "suite/log.h"
 #include "suite/memory.h"
 #include "suite/thread.h"
@@ -56,6 +58,30 @@ octet_string frame(const octet_string& payload, std::uint16_t type = 0x8809, con
     f.push_back(static_cast<std::uint8_t>(type));
     f.insert(f.end(), payload.begin(), payload.end());
     return f;
+}
+
+std::string shown;  // by a command
+
+int keep_output(void*, const char* format, ...) {
+    char line[256];
+    va_list args;
+    va_start(args, format);
+    const int n = vsnprintf(line, sizeof line, format, args);
+    va_end(args);
+    shown += line;
+    return n;
+}
+
+// Runs a line in the exec mode; what it printed is in `shown`.
+cli_result run_line(lib_globals* ctx, const char* text) {
+    shown.clear();
+    cli session{};
+    session.out_func = keep_output;
+    session.zg = ctx;
+    session.ifm = &ctx->ifm;
+    session.mode = EXEC_MODE;
+    session.privilege = PRIVILEGE_MAX;
+    return cli_run_line(ctx->ctree, &session, text);
 }
 
 slow_port_stats stats_of(std::uint32_t ifindex) {
@@ -237,6 +263,23 @@ TEST_F(Edge, OpeningTakesTheBoundInterfacesAndFailuresLeaveNoPort) {
     }
     slow_socket_port_bound(bound);
     EXPECT_TRUE(slow_socket_port_stats(1, &s));
+}
+
+TEST_F(Edge, ShowsALineAPort) {
+    ASSERT_EQ(lib_start(ctx), 0);
+    log_use_sink(LOG_SINK_STDERR, false);
+    ASSERT_EQ(slow_socket_cli_init(ctx), 0);
+    interface* port = if_add(&ctx->ifm, "eth7", 7, IF_TYPE_SYNCE);
+    slow_socket_port_bound(port);
+    if_add(&ctx->ifm, "eth8", 8, IF_TYPE_SYNCE);  // not bound: no line
+    fails_with = ENETDOWN;
+    for (int i = 0; i < 3; ++i) (void)slow_sendto(fd, octet_string(46), to_group(7));
+    ASSERT_EQ(run_line(ctx, "show slow-protocols"), cli_result::ok);
+    const std::size_t line = shown.find("\neth7 ");
+    ASSERT_NE(line, std::string::npos) << shown;
+    EXPECT_EQ(
+        shown.substr(line + 1),
+        "eth7                 7          0          0         0         0         3         0         0\n");
 }
 
 // The kernel -----------------------------------------------------------------------------------------------
