@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "core/ssm_loop.h"
 #include "core/ssm_opts.h"
 #include "core/ssm_pdu.h"
 #include "core/ssm_ports.h"

@@ -17,7 +17,7 @@ import sys
 import tempfile
 import time
 
-BUILD = pathlib.Path(__file__).resolve().parent.parent / "build" / "release"
+BUILD = pathlib.Path(os.environ.get("ESMC_BUILD") or pathlib.Path(__file__).resolve().parent.parent / "build" / "release")
 
 # (name, counter, goal): the ratio or the nanoseconds that a row should not exceed.
 GOALS = [

@@ -34,11 +34,17 @@ const ssm_port* forced_in_effect() {
     return forced && forced->link_up && forced->synce_enable ? forced : nullptr;
 }
 
-// Why the best candidate is not the source either; empty when the switch's own clock is worse.
+// The switch's own clock is worse, but selection has not run since the port became the best: it runs with the
+// next frame or change.
+ssm_reason next_source() {
+    return say("is chosen by the next selection");
+}
+
+// Why the best candidate is not the source either.
 ssm_reason own_clock(const ssm_port* best) {
-    if (g_s_master->device_type == SSM_SLAVE_ONLY) return {};
+    if (g_s_master->device_type == SSM_SLAVE_ONLY) return next_source();
     if (!g_s_master->ssm_enable)
-        return best->priority < g_s_master->local_priority ? ssm_reason{} : say("own priority is not worse");
+        return best->priority < g_s_master->local_priority ? next_source() : say("own priority is not worse");
     switch (ssm_own_clock_compare(best)) {
         case ssm_own_clock::better_quality:
             return say("own quality is better");
@@ -47,7 +53,7 @@ ssm_reason own_clock(const ssm_port* best) {
         case ssm_own_clock::worse:
             break;
     }
-    return {};
+    return next_source();
 }
 
 ssm_reason better_than(const ssm_port* best, const ssm_port* port) {

@@ -15,7 +15,7 @@ ssm_refusal ssm_reason_refusal(const ssm_port* port);
 ssm_order ssm_reason_order(const ssm_port* a, const ssm_port* b);
 const ssm_port* ssm_reason_best();  // null: no candidate
 
-// Why there is no source; empty while the switch is about to take `best` (null: no candidate).
+// Why there is no source, given the best candidate (null: none).
 ssm_reason ssm_reason_no_source(const ssm_port* best);
-// Why this port is not the source; empty for the source and for a port that is about to be it.
+// Why this port is not the source; empty for the source.
 ssm_reason ssm_reason_not_source(const ssm_port* port, const ssm_port* best);

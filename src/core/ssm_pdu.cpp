@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "core/ssm_loop.h"
 #include "core/ssm_ports.h"
-#include "core/ssm_select.h"
 #include "core/ssm_socket.h"
 #include "core/ssm_timers.h"
 #include "frame/ssm_debug.h"
@@ -174,23 +174,36 @@ std::int32_t ssm_pdu_tx_all() {
 
 // ---- Reception ----------------------------------------------------------------------------------------
 
+namespace {
+
+// Says whether anything is new.
+bool store_received(ssm_port* port, const std::uint8_t* pdu) {
+    static constexpr std::uint8_t NO_CLOCK_ID[SSM_CLOCK_ID_SIZE] = {};
+    const bool extended = pdu[esmc::EXT_TLV_TYPE] == esmc::TYPE_EXT;
+    const std::uint8_t* clock_id = extended ? pdu + esmc::CLOCK_ID : NO_CLOCK_ID;
+    const std::uint8_t hops = extended ? pdu[esmc::HOP] : std::uint8_t{0};
+    const std::uint8_t quality = pdu[esmc::QUALITY];
+    if (port->recv_quality == quality && port->recv_hop_count == hops &&
+        std::memcmp(port->recv_clockid, clock_id, SSM_CLOCK_ID_SIZE) == 0)
+        return false;
+    port->recv_quality = quality;
+    port->recv_hop_count = hops;
+    std::memcpy(port->recv_clockid, clock_id, SSM_CLOCK_ID_SIZE);
+    return true;
+}
+
+}  // namespace
+
 std::int32_t ssm_handle_packet(ssm_port* port, const std::uint8_t* pdu, std::size_t /*length*/) {
     const int ifindex = static_cast<int>(port->intf->ifindex);
     SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG, "%s%sssm_handle_packet: received ssm pdu on port %d\n",
               ifindex);
     if (ssm_debugging(SSM_DEBUG_PACKET)) ssm_pdu_dump(pdu);
 
-    if (pdu[esmc::EXT_TLV_TYPE] == esmc::TYPE_EXT) {
-        port->recv_hop_count = pdu[esmc::HOP];
-        std::memcpy(port->recv_clockid, pdu + esmc::CLOCK_ID, SSM_CLOCK_ID_SIZE);
-    } else {
-        port->recv_hop_count = 0;
-        std::memset(port->recv_clockid, 0, SSM_CLOCK_ID_SIZE);
-    }
-    port->recv_quality = pdu[esmc::QUALITY];
+    const bool repeated = !store_received(port, pdu);
 
     if (pdu[esmc::VERSION] & esmc::EVENT_FLAG) {
-        ssm_clock_select();
+        ssm_select_after_pdu(repeated);
         const bool transmits = port->esmc_mode == SSM_ESMC_TX || port->esmc_mode == SSM_ESMC_ALL;
         if (transmits) ssm_send_timer_restart(port);
         return 0;
@@ -198,6 +211,6 @@ std::int32_t ssm_handle_packet(ssm_port* port, const std::uint8_t* pdu, std::siz
     // Only information PDUs keep a source alive.
     SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG, "%s%sssm_handle_packet: port %d run state machine", ifindex);
     ssm_timeout_timer_restart(port);
-    ssm_clock_select();
+    ssm_select_after_pdu(repeated);
     return 0;
 }

@@ -2,8 +2,6 @@
 // as long as the process; a port record as long as NSM has the interface bound.
 #include "core/ssm_ports.h"
 
-#include <array>
-
 #include "frame/ssm_result.h"
 
 ssm_master* g_s_master = nullptr;
@@ -50,28 +48,6 @@ void ssm_opts_port_list_loop(std::int32_t (*fn)(ssm_port*)) {
     });
 }
 
-namespace {
-
-// Where each index was found last, as a place in the interface list: a guess that is checked against the list
-// before it is believed, so that it needs no upkeep when interfaces come and go.
-std::array<std::uint16_t, 256> last_place;
-
-}  // namespace
-
 ssm_port* ssm_port_lookup_by_ifindex(std::uint32_t key) {
-    if (!g_p_esmcd) return nullptr;
-    const auto index = static_cast<std::uint8_t>(key);
-    const auto interfaces = if_list(&g_p_esmcd->ifm);
-
-    const std::size_t guess = last_place[index];
-    if (guess < interfaces.size() && interfaces[guess]->ifindex == index)
-        return ssm_if_port(interfaces[guess]);
-
-    for (std::size_t place = 0; place < interfaces.size(); ++place) {
-        ssm_port* port = ssm_if_port(interfaces[place]);
-        if (!port || interfaces[place]->ifindex != index) continue;
-        last_place[index] = static_cast<std::uint16_t>(place);
-        return port;
-    }
-    return nullptr;
+    return g_p_esmcd ? ssm_if_port(if_lookup_by_index(&g_p_esmcd->ifm, key & 0xFF)) : nullptr;
 }

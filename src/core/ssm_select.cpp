@@ -15,41 +15,41 @@
 
 namespace {
 
-// What a selection needs of the clock record, read once for all ports.
-struct ranking_rules {
-    bool option_1;
-    bool extend;
-};
+// The place of every code in the quality order; smaller is better. Option 1 codes are in order as they are;
+// of option 2, three are not.
+using rank_table = std::array<std::uint8_t, 256>;
 
-ranking_rules rules_in_force() {
-    return {g_s_master->ql_option == SSM_OPTION_1, g_s_master->ssm_extend != 0};
+consteval rank_table codes_in_order() {
+    rank_table ranks;
+    for (std::size_t code = 0; code < ranks.size(); ++code) ranks[code] = static_cast<std::uint8_t>(code);
+    return ranks;
 }
 
-// The place of an SSM code in the quality order of the option in force; smaller is better. Option 1 codes are
-// in order as they are; of option 2, three are not.
-std::uint8_t quality_rank(std::uint8_t code, ranking_rules rules) {
-    if (rules.option_1) return code;
-    switch (code) {
-        case QL_STU:
-            return 2;
-        case QL_ST2:
-            return 3;
-        case QL_ST3E:
-            return 5;
-        default:
-            return code;
-    }
+consteval rank_table option_2_order() {
+    rank_table ranks = codes_in_order();
+    ranks[QL_STU] = 2;
+    ranks[QL_ST2] = 3;
+    ranks[QL_ST3E] = 5;
+    return ranks;
+}
+
+constexpr rank_table OPTION_1_RANKS = codes_in_order(), OPTION_2_RANKS = option_2_order();
+
+const rank_table& ranks_in_force() {
+    return g_s_master->ql_option == SSM_OPTION_1 ? OPTION_1_RANKS : OPTION_2_RANKS;
 }
 
 // All keys of a candidate in one number, the first key in the highest bits, so that the smaller number is the
 // better candidate: quality, priority, hop count (only with the extension on), interface index.
 constexpr unsigned QUALITY_SHIFT = 48, PRIORITY_SHIFT = 40, HOP_SHIFT = 32;
 
-std::uint64_t candidate_rank(const ssm_port* port, ranking_rules rules) {
-    const std::uint64_t quality = quality_rank(ssm_port_select_quality(port), rules);
-    const std::uint64_t hops = rules.extend ? port->recv_hop_count : 0;
+// `ifindex` is that of the port's interface, which the walk has at hand.
+std::uint64_t candidate_rank(const ssm_port* port, std::uint32_t ifindex, const rank_table& ranks,
+                             bool extend) {
+    const std::uint64_t quality = ranks[ssm_port_select_quality(port)];
+    const std::uint64_t hops = extend ? port->recv_hop_count : 0;
     return quality << QUALITY_SHIFT | std::uint64_t{port->priority} << PRIORITY_SHIFT | hops << HOP_SHIFT |
-           port->intf->ifindex;
+           ifindex;
 }
 
 // Without SSM only priority and index count.
@@ -64,8 +64,8 @@ bool same_clock_id(const std::uint8_t* a, const std::uint8_t* b) {
 }  // namespace
 
 std::int32_t ssm_ql_compare(std::uint8_t a, std::uint8_t b) {
-    const ranking_rules rules = rules_in_force();
-    const std::uint8_t rank_a = quality_rank(a, rules), rank_b = quality_rank(b, rules);
+    const rank_table& ranks = ranks_in_force();
+    const std::uint8_t rank_a = ranks[a], rank_b = ranks[b];
     return (rank_a > rank_b) - (rank_a < rank_b);
 }
 
@@ -75,8 +75,9 @@ std::uint8_t ssm_port_select_quality(const ssm_port* port) {
 }
 
 ssm_order ssm_candidate_compare(const ssm_port* a, const ssm_port* b) {
-    const ranking_rules rules = rules_in_force();
-    const std::uint64_t rank_a = candidate_rank(a, rules), rank_b = candidate_rank(b, rules);
+    const bool extend = g_s_master->ssm_extend != 0;
+    const std::uint64_t rank_a = candidate_rank(a, a->intf->ifindex, ranks_in_force(), extend);
+    const std::uint64_t rank_b = candidate_rank(b, b->intf->ifindex, ranks_in_force(), extend);
     if (rank_a == rank_b) return {0, ssm_key::none};
     const std::uint64_t differs = rank_a ^ rank_b;
     ssm_key key = ssm_key::ifindex;
@@ -157,7 +158,7 @@ class replaced_ids {
 };
 
 // What the port itself says; the look at the other ports (replaced identities) comes after it.
-ssm_refusal check_port(const ssm_port* port, ranking_rules rules) {
+ssm_refusal check_port(const ssm_port* port, bool extend) {
     if (!port->synce_enable) return ssm_refusal::synce_disabled;
     if (!port->link_up) return ssm_refusal::link_down;
     if (port->force_rx_quality == QL_NONE) {
@@ -166,12 +167,11 @@ ssm_refusal check_port(const ssm_port* port, ranking_rules rules) {
     } else if (port->force_rx_quality == QL_DNU) {
         return ssm_refusal::forced_dnu;
     }
-    if (rules.extend && same_clock_id(port->recv_clockid, g_s_master->clock_id))
-        return ssm_refusal::own_clock_id;
+    if (extend && same_clock_id(port->recv_clockid, g_s_master->clock_id)) return ssm_refusal::own_clock_id;
     return ssm_refusal::none;
 }
 
-void log_refusal(const ssm_port* port) {
+[[gnu::cold, gnu::noinline]] void log_refusal(const ssm_port* port) {
     SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG,
               "%s%sdon't select clock on port, status:  port  %d, synce_enable  %d, link_up  %d,recv_pdu  "
               "%d, recv_quality %d "
@@ -181,7 +181,7 @@ void log_refusal(const ssm_port* port) {
               port->force_rx_quality);
 }
 
-void log_replaced(const ssm_port* found) {
+[[gnu::cold, gnu::noinline]] void log_replaced(const ssm_port* found) {
     SSM_LOG(
         LOG_LEVEL_DEBUG,
         "%s%sdon't compare replace clockid on port, status:                                       port  %d, "
@@ -190,12 +190,13 @@ void log_replaced(const ssm_port* found) {
 }
 
 // The walk's verdict on one port, with its log lines.
-bool is_candidate(const ssm_port* port, ranking_rules rules, const replaced_ids& replaced) {
-    if (__builtin_expect(check_port(port, rules) != ssm_refusal::none, 0)) {
+template <bool EXTEND>
+bool is_candidate(const ssm_port* port, const replaced_ids& replaced) {
+    if (__builtin_expect(check_port(port, EXTEND) != ssm_refusal::none, 0)) {
         log_refusal(port);
         return false;
     }
-    if (!rules.extend || port->replace_clockid) return true;
+    if (!EXTEND || port->replace_clockid) return true;
     const ssm_port* found = replaced.find(port->recv_clockid);
     if (!found) return true;
     log_replaced(found);
@@ -205,10 +206,31 @@ bool is_candidate(const ssm_port* port, ranking_rules rules, const replaced_ids&
     return false;
 }
 
+// Once for each state of the extension, so that without it the walk asks nothing about identities and hops.
+template <bool EXTEND>
+ssm_port* best_candidate() {
+    const rank_table& ranks = ranks_in_force();
+    replaced_ids replaced;
+    if (EXTEND) replaced.collect();
+
+    ssm_port* best = nullptr;
+    std::uint64_t best_rank = UINT64_MAX;
+    if (!g_p_esmcd) return nullptr;
+    for (const interface* intf : if_list(&g_p_esmcd->ifm)) {
+        ssm_port* port = ssm_if_port(intf);
+        if (!port || !is_candidate<EXTEND>(port, replaced)) continue;
+        const std::uint64_t rank = candidate_rank(port, intf->ifindex, ranks, EXTEND);
+        if (rank >= best_rank) continue;
+        best = port;
+        best_rank = rank;
+    }
+    return best;
+}
+
 }  // namespace
 
 ssm_refusal ssm_candidate_check(const ssm_port* port) {
-    const ssm_refusal refusal = check_port(port, rules_in_force());
+    const ssm_refusal refusal = check_port(port, g_s_master->ssm_extend != 0);
     if (refusal != ssm_refusal::none || !g_s_master->ssm_extend || port->replace_clockid) return refusal;
     return replaced_ids::walk(port->recv_clockid) ? ssm_refusal::replaced_clock_id : ssm_refusal::none;
 }
@@ -220,20 +242,7 @@ std::int32_t ssm_replace_clockid_seen(const std::uint8_t* clockid) {
 }
 
 ssm_port* ssm_best_candidate() {
-    const ranking_rules rules = rules_in_force();
-    replaced_ids replaced;
-    if (rules.extend) replaced.collect();
-
-    ssm_port* best = nullptr;
-    std::uint64_t best_rank = 0;
-    ssm_port_walk([&](ssm_port* port) {
-        if (!is_candidate(port, rules, replaced)) return;
-        const std::uint64_t rank = candidate_rank(port, rules);
-        if (best && rank >= best_rank) return;
-        best = port;
-        best_rank = rank;
-    });
-    return best;
+    return g_s_master->ssm_extend ? best_candidate<true>() : best_candidate<false>();
 }
 
 ssm_port* ssm_best_without_ssm() {

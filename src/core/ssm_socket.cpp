@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "core/ssm_loop.h"
 #include "core/ssm_pdu.h"
 #include "core/ssm_ports.h"
 #include "core/ssm_ql.h"
@@ -69,6 +70,7 @@ void refuse_quality(ssm_port* port, std::uint8_t quality) {
     if (quality != QL_DNU) return;
     port->recv_pdu = 1;
     port->recv_quality = QL_DNU;
+    ssm_choice_is_stale();
 }
 
 // Takes one received frame; what recv_ssm returns for it.

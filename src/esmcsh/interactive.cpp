@@ -92,17 +92,14 @@ void raw_terminal() {
     std::atexit(restore_terminal);
 }
 
-// Keys to the daemon. False when it is gone.
-bool pass_keys(int fd, bool* keyboard) {
+// Keys to the daemon. False when there will be no more, or nobody who takes them.
+bool pass_keys(int fd) {
     std::uint8_t keys[256];
     ssize_t count = read(STDIN_FILENO, keys, sizeof keys);
     if (count < 0 && errno == EINTR) return true;
-    if (count <= 0) {
-        *keyboard = false;
-        shutdown(fd, SHUT_WR);  // the daemon finishes what it has and closes
-        return true;
-    }
-    return send_escaped(fd, keys, static_cast<std::size_t>(count));
+    if (count > 0) return send_escaped(fd, keys, static_cast<std::size_t>(count));
+    shutdown(fd, SHUT_WR);  // the daemon finishes what it has and closes
+    return false;
 }
 
 bool pass_output(int fd) {
@@ -120,16 +117,16 @@ shell_status client_interactive(int fd) {
     sigset_t while_waiting;
     prepare_signals(&while_waiting);
     raw_terminal();
-    bool keyboard = true, alive = send_hello(fd);
+    // A daemon that sends us away says why before it closes, so what comes is read whether sending works or
+    // not.
+    bool keyboard = send_hello(fd), alive = true;
     while (alive && !stop_asked) {
-        if (window_changed) {
-            window_changed = 0;
-            alive = send_window(fd);
-        }
+        if (window_changed && keyboard) keyboard = send_window(fd);
+        window_changed = 0;
         pollfd ready[2] = {{fd, POLLIN, 0}, {keyboard ? STDIN_FILENO : -1, POLLIN, 0}};
         if (ppoll(ready, 2, nullptr, &while_waiting) < 0) continue;  // a signal
         if (ready[0].revents) alive = pass_output(fd);
-        if (alive && ready[1].revents) alive = pass_keys(fd, &keyboard);
+        if (alive && ready[1].revents) keyboard = pass_keys(fd);
     }
     restore_terminal();
     return SHELL_OK;

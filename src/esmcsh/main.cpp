@@ -64,17 +64,22 @@ shell_status run(int fd, const settings& s) {
     return status;
 }
 
+int run_all(int argc, char** argv, settings* s) {
+    int status = SHELL_OK;
+    if (!read_options(argc, argv, s, &status)) return status;
+    int fd = client_connect(s->path);
+    if (fd < 0) return SHELL_UNREACHABLE;
+    status = run(fd, *s);
+    close(fd);
+    return status;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     settings s;
-    s.lines = static_cast<char**>(std::calloc(static_cast<std::size_t>(argc), sizeof(char*)));
-    int status = SHELL_LINE_FAILED;
-    if (!s.lines || !read_options(argc, argv, &s, &status)) return status;
-    int fd = client_connect(s.path);
-    if (fd < 0) return SHELL_UNREACHABLE;
-    status = run(fd, s);
-    close(fd);
+    s.lines = static_cast<char**>(std::calloc(static_cast<std::size_t>(argc) + 1, sizeof(char*)));
+    int status = s.lines ? run_all(argc, argv, &s) : SHELL_LINE_FAILED;
     std::free(s.lines);
     return status;
 }

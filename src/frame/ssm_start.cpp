@@ -10,6 +10,7 @@
 #include <cstdio>
 
 #include "cli/ssm_cli.h"
+#include "core/ssm_loop.h"
 #include "core/ssm_ports.h"
 #include "core/ssm_socket.h"
 #include "frame/ssm_debug.h"
@@ -91,9 +92,19 @@ void write_pid_file() {
     close(file);
 }
 
+// The interface list goes without calling the unbind hooks, which would still advertise and send requests:
+// the records are given back as they are. Their timers end with the event master.
+void free_port_records() {
+    for (interface* intf : if_list(&g_p_esmcd->ifm)) {
+        memmgr_free(ssm_if_port(intf), MTYPE_SSM_PORT);
+        intf->port = nullptr;
+    }
+    if (g_s_master) g_s_master->selected_port = g_s_master->force_port = nullptr;
+}
+
 std::int32_t run_loop() {
     thread event;
-    while (thread_fetch(g_p_esmcd, &event)) (void)thread_call(&event);
+    while (thread_fetch(g_p_esmcd, &event)) (void)ssm_run_event(&event);
     return SSM_OK;
 }
 
@@ -152,6 +163,7 @@ std::int32_t ssm_instance_create(lib_globals* ctx) {
 std::int32_t ssm_terminate() {
     if (g_p_esmcd) g_p_esmcd->flags |= LIB_SHUTTING_DOWN;
     (void)remove(SSM_PID_FILE);  // may be missing
+    if (g_p_esmcd) free_port_records();
     lib_stop(g_p_esmcd);
     g_p_esmcd = nullptr;
     return SSM_OK;

@@ -9,6 +9,7 @@
 #include "nsmd/module.h"
 #include "nsmd/nsmd.h"
 #include "nsmd/options.h"
+#include "nsmd/status_client.h"
 #include "suite/log.h"
 #include "suite/memory.h"
 #include "suite/nsm_wire.h"
@@ -81,6 +82,8 @@ int main(int argc, char** argv) {
         case options_result::help:
             nsmd_options_usage(argv[0]);
             return 0;
+        case options_result::status:
+            return status_print(NSM_SOCKET_PATH);
         case options_result::version:
             print_version("nsmd");
             return 0;

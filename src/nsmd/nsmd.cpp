@@ -10,8 +10,12 @@
 // client says where the clock is to come from: being connected alone is not enough.
 #include "nsmd/nsmd.h"
 
+#include <cerrno>
 #include <cinttypes>
+#include <cstring>
 
+#include "nsmd/copper.h"
+#include "nsmd/dpll_kernel.h"
 #include "nsmd/link_watch.h"
 #include "nsmd/module.h"
 #include "nsmd/nsm_server.h"
@@ -26,6 +30,7 @@ struct nsmd {
     port_table* table;
     link_watch* watch;
     nsm_server* server;
+    copper* roles;
     dpll_backend dpll;
     bool has_dpll;
     dpll_wanted wanted;
@@ -105,6 +110,8 @@ void took_request(void* arg, std::uint16_t type, const std::uint32_t (&words)[NS
             apply_soon(n);
             break;
         case request_effect::role:
+            copper_set(n->roles, role);
+            break;
         case request_effect::ignored:
             break;
     }
@@ -171,6 +178,7 @@ void port_changed(void* arg, const nsmd_port& port, port_event event) {
         case port_event::pin_changed:
             break;
     }
+    if (event == port_event::removed && n->roles) copper_forget(n->roles, port.ifindex);
     if (n->has_dpll) n->dpll.port(n->dpll.self, port, event);
 }
 
@@ -208,13 +216,42 @@ void clock_changed(void* arg, const dpll_report& report) {
     nsm_server_send_clock(n->server, nullptr, report.state, code);
 }
 
-bool start_dpll(nsmd* n) {
-    const dpll_sink sink = {clock_changed, n};
-    n->dpll = n->options->dpll == dpll_kind::simulated
-                  ? dpll_sim_create(n->ctx, n->table, n->options->sim, sink)
-                  : dpll_none();
-    n->has_dpll = n->dpll.self || n->options->dpll == dpll_kind::none;
-    if (!n->has_dpll) log_sys(NSMD_MODULE, LOG_LEVEL_ERROR, "no memory for the clock");
+// False with a log line when the clock that was asked for can't be had.
+bool start_kernel_dpll(nsmd* n, const nsmd_edges& edges, bool is_optional) {
+    int error = 0;
+    n->dpll = dpll_kernel_create(n->ctx, n->table, edges.netlink, n->options->kernel, is_optional,
+                                 {clock_changed, n}, &error);
+    if (n->dpll.self) return true;
+    const char* why = error == -ENOENT   ? "this kernel has no clock interface"
+                      : error == -ENODEV ? "the kernel has no clock device for Ethernet"
+                                         : std::strerror(-error);
+    if (is_optional) {
+        log_sys(NSMD_MODULE, LOG_LEVEL_INFO, "clock: %s, going on without", why);
+        n->dpll = dpll_none();
+    } else {
+        log_sys(NSMD_MODULE, LOG_LEVEL_ERROR, "clock: %s", why);
+    }
+    return is_optional;
+}
+
+bool start_dpll(nsmd* n, const nsmd_edges& edges) {
+    switch (n->options->dpll) {
+        case dpll_kind::automatic:
+            n->has_dpll = start_kernel_dpll(n, edges, true);
+            break;
+        case dpll_kind::kernel:
+            n->has_dpll = start_kernel_dpll(n, edges, false);
+            break;
+        case dpll_kind::simulated:
+            n->dpll = dpll_sim_create(n->ctx, n->table, n->options->sim, {clock_changed, n});
+            n->has_dpll = n->dpll.self != nullptr;
+            if (!n->has_dpll) log_sys(NSMD_MODULE, LOG_LEVEL_ERROR, "no memory for the clock");
+            break;
+        case dpll_kind::none:
+            n->dpll = dpll_none();
+            n->has_dpll = true;
+            break;
+    }
     return n->has_dpll;
 }
 
@@ -232,11 +269,12 @@ bool start_parts(nsmd* n, const nsmd_edges& edges) {
     n->server = nsm_server_create(n->ctx, {dump, took_request, clients_changed, status, n});
     n->table =
         port_table_create(n->options->patterns, n->options->pattern_count, {port_changed, bridge_changed, n});
-    if (!n->server || !n->table) {
+    n->roles = n->table ? copper_create(n->table, edges.netlink) : nullptr;
+    if (!n->server || !n->table || !n->roles) {
         log_sys(NSMD_MODULE, LOG_LEVEL_ERROR, "no memory to start with");
         return false;
     }
-    if (!start_links(n, edges) || !start_dpll(n)) return false;
+    if (!start_links(n, edges) || !start_dpll(n, edges)) return false;
     if (edges.socket_path && nsm_server_listen(n->server, edges.socket_path) < 0) return false;
     start_grace(n);
     return true;
@@ -262,6 +300,7 @@ void nsmd_stop(nsmd* n) {
     nsm_server_free(n->server);
     link_watch_stop(n->watch);
     if (n->has_dpll) n->dpll.finish(n->dpll.self);
+    copper_free(n->roles);
     port_table_free(n->table);
     memmgr_free(n, MTYPE_NSMD);
 }
@@ -287,7 +326,7 @@ bool nsmd_status(const nsmd* n, text_buffer* out) {
         if (ok && p->has_dpll_pin) ok = text_printf(out, ", clock pin %u", p->dpll_pin);
         ok = ok && text_printf(out, "\n");
     }
-    return ok;
+    return ok && copper_status(n->roles, out);
 }
 
 std::uint32_t nsmd_source_code(const nsmd_options& options, std::uint32_t ifindex) {

@@ -33,7 +33,10 @@ bool take_dpll(nsmd_options* o, const char* text) {
     static constexpr struct {
         const char* word;
         dpll_kind kind;
-    } kinds[] = {{"sim", dpll_kind::simulated}, {"none", dpll_kind::none}};
+    } kinds[] = {{"auto", dpll_kind::automatic},
+                 {"kernel", dpll_kind::kernel},
+                 {"sim", dpll_kind::simulated},
+                 {"none", dpll_kind::none}};
     for (const auto& k : kinds)
         if (std::strcmp(text, k.word) == 0) {
             o->dpll = k.kind;
@@ -61,6 +64,24 @@ bool take_poll_ms(nsmd_options* o, const char* text) {
 bool take_state_file(nsmd_options* o, const char* text) {
     o->sim.state_file = text;
     return text[0] == '/';
+}
+
+bool take_device(nsmd_options* o, const char* text) {
+    o->kernel.device = text;
+    return *text != 0;
+}
+
+template <int input>
+bool take_bits(nsmd_options* o, const char* text) {
+    o->kernel.bits[input - 1] = text;
+    return *text != 0;
+}
+
+bool take_prio_best(nsmd_options* o, const char* text) {
+    return parse_number(text, 255, &o->kernel.prio_best);
+}
+bool take_prio_other(nsmd_options* o, const char* text) {
+    return parse_number(text, 255, &o->kernel.prio_other);
 }
 
 bool take_source_code(nsmd_options* o, const char* text) {
@@ -104,7 +125,16 @@ constexpr option_kind KINDS[] = {
     {"port", "PATTERN", take_port,
      "also serve interfaces with such names (shell pattern, repeatable);\n"
      "physical Ethernet ports are served without it"},
-    {"dpll", "KIND", take_dpll, "clock hardware: sim or none (default none)"},
+    {"dpll", "KIND", take_dpll,
+     "clock hardware: kernel (the kernel's DPLL interface), sim (simulated),\nnone, or auto: kernel where "
+     "there "
+     "is one, else none (default auto)"},
+    {"dpll-device", "NAME", take_device,
+     "kernel clock device: its number, MODULE or MODULE/CLOCKID\n(default: the first Ethernet clock)"},
+    {"bits1", "PIN", take_bits<1>, "pin of external input 1, by number or label"},
+    {"bits2", "PIN", take_bits<2>, "pin of external input 2"},
+    {"prio-best", "N", take_prio_best, "priority of the pin to follow in automatic mode (default 0)"},
+    {"prio-other", "N", take_prio_other, "priority of pins that can't be disconnected (default 14)"},
     {"sim-lock-ms", "N", take_lock_ms, "simulated clock: time to lock to a reference (default 300)"},
     {"sim-holdover-s", "N", take_holdover_s,
      "simulated clock: how long holdover lasts before it runs free\n(default 0: for ever)"},
@@ -127,7 +157,7 @@ const option_kind* long_kind(int value) {
 
 void set_defaults(nsmd_options* out) {
     *out = nsmd_options{};
-    out->dpll = dpll_kind::none;
+    out->dpll = dpll_kind::automatic;
     out->grace_s = 10;
     out->log_level = LOG_LEVEL_INFO;
 }
@@ -144,10 +174,11 @@ void print_option(const char* name, const char* help) {
 }  // namespace
 
 options_result nsmd_options_parse(int argc, char** argv, nsmd_options* out) {
-    option longs[std::size(KINDS) + 4] = {};
+    option longs[std::size(KINDS) + 5] = {};
     std::size_t count = 0;
     for (; count < std::size(KINDS); ++count)
         longs[count] = {KINDS[count].name, required_argument, nullptr, FIRST_LONG + static_cast<int>(count)};
+    longs[count++] = {"status", no_argument, nullptr, 's'};
     longs[count++] = {"daemon", no_argument, nullptr, 'd'};
     longs[count++] = {"help", no_argument, nullptr, 'h'};
     longs[count++] = {"version", no_argument, nullptr, 'v'};
@@ -157,6 +188,7 @@ options_result nsmd_options_parse(int argc, char** argv, nsmd_options* out) {
     for (int value; (value = getopt_long(argc, argv, "dhv", longs, nullptr)) != -1;) {
         if (value == 'h') return options_result::help;
         if (value == 'v') return options_result::version;
+        if (value == 's') return options_result::status;
         if (value == '?') return options_result::bad;  // getopt has said why
         if (value == 'd') {
             out->daemonize = true;
@@ -183,6 +215,7 @@ void nsmd_options_usage(const char* progname) {
         std::snprintf(name, sizeof name, "--%s %s", kind.name, kind.value);
         print_option(name, kind.help);
     }
+    print_option("--status", "print what the nsmd of this host is doing, and end");
     print_option("-d, --daemon", "run in the background, log to syslog");
     print_option("-h, --help", "this text");
     print_option("-v, --version", "the version");

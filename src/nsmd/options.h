@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "nsmd/dpll_kernel.h"
 #include "nsmd/dpll_sim.h"
 #include "nsmd/link_watch.h"
 
@@ -25,13 +26,14 @@ struct nsmd_options {
     std::size_t source_code_count;
     dpll_kind dpll;
     dpll_sim_options sim;
+    dpll_kernel_options kernel;
     link_poll poll;
     std::uint32_t grace_s;  // how long the hardware is left alone after the daemon vanished
     int log_level;
     bool daemonize;
 };
 
-enum class options_result { run, help, version, bad };
+enum class options_result { run, help, version, status, bad };
 
 // Fills *out, defaults included. `bad` has been said on standard error.
 options_result nsmd_options_parse(int argc, char** argv, nsmd_options* out);

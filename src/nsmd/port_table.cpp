@@ -104,8 +104,7 @@ void refresh_identity(port_table* table) {
     const bridge_identity now = choose_identity(table);
     const bridge_identity& old = table->identity;
     if (!now.known) return;
-    if (old.known && old.id == now.id && std::memcmp(old.mac, now.mac, sizeof now.mac) == 0)
-        return;
+    if (old.known && old.id == now.id && std::memcmp(old.mac, now.mac, sizeof now.mac) == 0) return;
     table->identity = now;
     table->sink.bridge(table->sink.arg, table->identity);
 }

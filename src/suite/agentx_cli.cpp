@@ -136,7 +136,7 @@ const cli_help HELP[] = {
     {"snmp agentx unix", "PATH", "Absolute path of the socket"},
     {"snmp agentx", "tcp", "A TCP port"},
     {"snmp agentx tcp", "WORD", "Numeric address, or localhost"},
-    {"snmp agentx tcp", "<1-65535>", "Port number"},
+    {"", "<1-65535>", "Port number"},
     {"snmp", "notifications", "Tell the master's receivers of changes"},
     {"no snmp", "notifications", "Tell nobody of changes"},
 };

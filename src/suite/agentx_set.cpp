@@ -20,24 +20,27 @@ agentx_transaction* find(snmp_agent* agent, std::uint32_t id) {
     return nullptr;
 }
 
+// What it did may still have to be taken back.
 bool is_open(const agentx_transaction& t) {
     return t.state == agentx_set_state::tested || t.state == agentx_set_state::committed;
 }
 
-// A place for a new transaction: an unused one, else that of the one that has been over for longest.
+// A place for a new transaction: that of the one that has been over for longest. Null while another is open:
+// two that change the same object could not both be taken back.
 agentx_transaction* make(snmp_agent* agent, const agentx_header& header) {
-    agentx_transaction* best = nullptr;
-    for (agentx_transaction& t : agent->transactions)
-        if (!is_open(t) && (!best || t.order < best->order)) best = &t;
-    if (best)
-        *best = {agentx_set_state::tested,
-                 header.transaction,
-                 header.packet,
-                 0,
-                 0,
-                 ++agent->transaction_order,
-                 nullptr};
-    return best;
+    agentx_transaction* oldest = agent->transactions;
+    for (agentx_transaction& t : agent->transactions) {
+        if (is_open(t)) return nullptr;
+        if (t.order < oldest->order) oldest = &t;
+    }
+    *oldest = {agentx_set_state::tested,
+               header.transaction,
+               header.packet,
+               0,
+               0,
+               ++agent->transaction_order,
+               nullptr};
+    return oldest;
 }
 
 void forget_changes(agentx_transaction* t) {
@@ -104,6 +107,7 @@ int set_one(snmp_agent* agent, agentx_transaction* t, const agentx_variable* v) 
 // A refused or unreadable TestSet leaves nothing changed.
 void refuse(snmp_agent* agent, agentx_transaction* t, int status, std::size_t index) {
     (void)take_back(agent, t);  // logged there; the answer is the status of what was refused
+    t->state = agentx_set_state::over;
     t->error = static_cast<std::uint16_t>(status);
     t->index = static_cast<std::uint16_t>(std::min<std::size_t>(index, UINT16_MAX));
 }

@@ -50,3 +50,37 @@ const char* cli_help_find(const cli_tree* tree, const cli_next_token& next) {
     for (std::size_t k = 0; k < next.path_length; k++) words[k] = next.command->tokens[next.path[k]].text;
     return cli_help_find_words(tree, words, next.path_length, next.token->text);
 }
+
+namespace {
+
+// The words of one way to a token, by the tokens before it. Every token has one: the compiler made it so.
+std::size_t one_path(const cli_command* command, std::size_t token, const char** words) {
+    std::uint8_t path[CLI_MAX_TOKENS];
+    std::size_t length = 0, at = token;
+    while (!(command->start >> at & 1)) {
+        std::size_t before = 0;
+        while (!(command->tokens[before].next >> at & 1)) before++;
+        path[length++] = static_cast<std::uint8_t>(before);
+        at = before;
+    }
+    for (std::size_t k = 0; k < length; k++) words[k] = command->tokens[path[length - 1 - k]].text;
+    return length;
+}
+
+}  // namespace
+
+void cli_walk_tokens(const cli_tree* tree, void (*visit)(void* arg, const cli_token_place& place),
+                     void* arg) {
+    const char* words[CLI_MAX_TOKENS];
+    for (const cli_command_list& list : tree->modes) {
+        for (std::size_t i = 0; i < list.count; i++) {
+            const cli_command* command = list.items[i];
+            for (std::size_t t = 0; t < command->count; t++) {
+                std::size_t count = one_path(command, t, words);
+                const char* text = command->tokens[t].text;
+                visit(arg, {command->element, command->mode, words, count, text,
+                            cli_help_find_words(tree, words, count, text)});
+            }
+        }
+    }
+}

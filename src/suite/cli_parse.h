@@ -50,6 +50,18 @@ const char* cli_help_find(const cli_tree* tree, const cli_next_token& next);
 const char* cli_help_find_words(const cli_tree* tree, const char* const* words, std::size_t count,
                                 const char* token);
 
+// A token of a command string, with the words of one way that leads to it and its help text (null: none).
+struct cli_token_place {
+    const cli_element* element;
+    std::int32_t mode;
+    const char* const* words;
+    std::size_t word_count;
+    const char* token;
+    const char* help;
+};
+// Every token of every command, for tests and documents.
+void cli_walk_tokens(const cli_tree* tree, void (*visit)(void* arg, const cli_token_place& place), void* arg);
+
 inline bool cli_is_blank(char c) {
     return c == ' ' || c == '\t' || c == '\r' || c == '\n';
 }

@@ -28,7 +28,7 @@ void add(completion_list* list, const char* text, const char* help) {
 }
 
 bool begins(const char* text, std::string_view partial) {
-    return std::strncmp(text, partial.data(), partial.size()) == 0;
+    return std::string_view(text).starts_with(partial);
 }
 
 bool number_so_far(std::string_view partial) {

@@ -85,6 +85,7 @@ void host_stop(lib_globals* ctx) {
     tcp_terminal_stop(host);
     local_terminal_stop(host);
     while (host->sessions) session_close(host->sessions);
+    password_stop(ctx);
     pending_free(host);
     memmgr_free(host->config_file, MTYPE_HOST);
     memmgr_free(host, MTYPE_HOST);

@@ -114,6 +114,7 @@ const cli_element config_commands[] = {
 int write_own_lines(cli* session) {
     const host_state* host = host_of(session);
     if (host->name[0]) session->out_func(session->out_val, "hostname %s\n", host->name);
+    host_terminal_write(host, session);
     return log_config_write(session);
 }
 
@@ -128,5 +129,5 @@ int host_commands_install(host_state* host) {
         result |= cli_install_gen(tree, CONFIG_MODE, PRIVILEGE_MAX, 0, &element);
     result |= cli_install_config(tree, CLI_WRITERS_FIRST, write_own_lines);
     result |= cli_install_config(tree, CLI_WRITERS_LAST, pending_write);
-    return result | host_show_install(tree);
+    return result | host_terminal_install(tree) | host_show_install(tree) | host_help_install(tree);
 }

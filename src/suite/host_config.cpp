@@ -106,7 +106,7 @@ void take_content(config_reader* r, std::string_view line) {
 
 void take_line(config_reader* r, std::string_view line) {
     bool first_column = !line.empty() && !cli_is_blank(line[0]);
-    while (!line.empty() && cli_is_blank(line.back())) line.remove_suffix(1);
+    while (!line.empty() && line.back() == '\r') line.remove_suffix(1);
     std::string_view content = line;
     while (!content.empty() && cli_is_blank(content[0])) content.remove_prefix(1);
     if (content.empty()) return;
@@ -176,6 +176,8 @@ std::uint64_t failed_allocations() {
 
 void host_log_refused(const host_state* host, std::uint32_t number, std::string_view line) {
     while (!line.empty() && cli_is_blank(line[0])) line.remove_prefix(1);
+    while (!line.empty() && cli_is_blank(line.back())) line.remove_suffix(1);
+    if (line.starts_with("password")) line = "password ...";  // may be one in clear
     char text[LOGGED_MAX + 4];
     std::size_t length = line.size() < LOGGED_MAX ? line.size() : LOGGED_MAX;
     std::memcpy(text, line.data(), length);

@@ -40,6 +40,23 @@ int show_startup(cli* session, int, char**) {
     return result == 0 ? CLI_SUCCESS : CLI_ERROR;
 }
 
+int show_diff(cli* session, int, char**) {
+    host_state* host = session->zg->host;
+    text_buffer before, now, out;
+    int result = host_read_file(host->config_file ? host->config_file : HOST_DEFAULT_CONFIG, &before);
+    bool good = result == 0 || result == -ENOENT;
+    if (!good) session->out_func(session->out_val, "%% Can't read the file: %s\n", std::strerror(-result));
+    if (good && !(host_running_text(host, &now) && host_diff(before.view(), now.view(), &out))) {
+        session->out_func(session->out_val, "%% Out of memory\n");
+        good = false;
+    }
+    if (good) print_octets(session, out);
+    text_free(&before);
+    text_free(&now);
+    text_free(&out);
+    return good ? CLI_SUCCESS : CLI_ERROR;
+}
+
 int show_version(cli* session, int, char**) {
     session->out_func(session->out_val, "esmcd version %s\n", lib_version());
     return CLI_SUCCESS;
@@ -124,6 +141,7 @@ const cli_element show_commands[] = {
     {"show interfaces", show_interfaces},
     {"show log", show_log},
     {"show events", show_events},
+    {"show running-config diff", show_diff},
 };
 const cli_element show_memory_cmd = {"show memory", show_memory};
 

@@ -9,6 +9,7 @@
 #include "suite/cli.h"
 #include "suite/cli_tree.h"
 #include "suite/host.h"
+#include "suite/password.h"
 #include "suite/text.h"
 #include "suite/thread.h"
 
@@ -17,7 +18,6 @@ struct tcp_terminal;
 
 constexpr const char* HOST_DEFAULT_CONFIG = "/etc/esmcd.conf";
 constexpr std::size_t HOST_NAME_SIZE = 64;
-constexpr std::size_t HOST_PASSWORD_SIZE = 384;  // a crypt(3) hash
 constexpr std::uint32_t HOST_DEFAULT_EXEC_TIMEOUT_S = 600;
 constexpr std::size_t HOST_PENDING_MAX = 4 * 1024 * 1024;  // octets of kept lines
 
@@ -40,9 +40,9 @@ struct pending_block {
 
 struct host_state {
     lib_globals* ctx;
-    char name[HOST_NAME_SIZE];  // empty: the system's name
-    char password[HOST_PASSWORD_SIZE];
-    std::uint32_t exec_timeout_s;  // 0: never
+    char name[HOST_NAME_SIZE];          // empty: the system's name
+    char password[PASSWORD_HASH_SIZE];  // hash; empty: none
+    std::uint32_t exec_timeout_s;       // 0: never
     char* config_file;
     bool unreadable;  // the file was there at start and could not be read
     bool lossy;       // a line could not be kept for want of memory
@@ -87,3 +87,11 @@ struct text_output {
 int text_output_print(void* out_val, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 int host_commands_install(host_state* host);
+// password, exec-timeout, terminal ... and their configuration lines.
+int host_terminal_install(cli_tree* tree);
+void host_terminal_write(const host_state* host, cli* session);
+int host_help_install(cli_tree* tree);
+
+// What a save would change: lines that would go begin with "-", new ones with "+", the interface line of a
+// changed block stands above it. False when memory is exhausted.
+[[nodiscard]] bool host_diff(std::string_view before, std::string_view now, text_buffer* out);

@@ -2,14 +2,14 @@
 // leaves without running anything of ours on the way out. A child that hangs is ended by its own alarm.
 #include "suite/password.h"
 
-#include <cerrno>
-#include <csignal>
-#include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/random.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
 
 #ifdef ESMC_HAVE_CRYPT
 #include <crypt.h>
@@ -118,8 +118,8 @@ int on_hash(thread* event) {
 
 }  // namespace
 
-password_job* password_start(lib_globals* ctx, std::string_view clear, const char* setting, password_done done,
-                             void* owner) {
+password_job* password_start(lib_globals* ctx, std::string_view clear, const char* setting,
+                             password_done done, void* owner) {
     char text[PASSWORD_MAX + 1] = {};
     if (clear.size() > PASSWORD_MAX || !password_supported()) return nullptr;
     std::memcpy(text, clear.data(), clear.size());

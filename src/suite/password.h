@@ -1,6 +1,6 @@
-// Password hashes by crypt(3). Hashing is made to be slow, so it is done in a child process: the loop, and with
-// it every other terminal and every port, goes on meanwhile. Where the library is not part of the build, no
-// password can be set and none is ever right.
+// Password hashes by crypt(3). Hashing is made to be slow, so it is done in a child process: the loop, and
+// with it every other terminal and every port, goes on meanwhile. Where the library is not part of the build,
+// no password can be set and none is ever right.
 #pragma once
 
 #include <cstddef>
@@ -18,8 +18,8 @@ using password_done = void (*)(lib_globals* ctx, void* owner, const char* hash);
 
 // Hashes `clear` with `setting` (a hash to compare with), or, when that is null, with the strongest usual
 // method and a salt from the kernel. Null when it could not be started.
-password_job* password_start(lib_globals* ctx, std::string_view clear, const char* setting, password_done done,
-                             void* owner);
+password_job* password_start(lib_globals* ctx, std::string_view clear, const char* setting,
+                             password_done done, void* owner);
 // The owner goes: its jobs run to their end for nobody.
 void password_disown(lib_globals* ctx, const void* owner);
 // Ends all children without asking for their answers.

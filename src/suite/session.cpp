@@ -339,6 +339,15 @@ bool arm_events(session* s, bool drained, bool ready) {
 
 }  // namespace
 
+void sessions_rearm(session* list) {
+    for (session* s = list; s; s = s->next) {
+        if (s->stage == session_stage::delayed) continue;
+        thread_cancel(s->timer);
+        s->timer = nullptr;
+        arm_timer(s);
+    }
+}
+
 void session_finish(session* s, bool good) {
     s->busy = false;
     if (s->stage == session_stage::batch)

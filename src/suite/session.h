@@ -36,11 +36,12 @@ struct session {
     int fd;
     session_kind kind;
     session_stage stage;
-    bool eof;                    // the client has sent its last octet
-    bool ending;                 // closes when the output has gone out
-    bool overrun;                // output did not fit: what follows is dropped, the session closes
-    bool monitor;                // log lines are shown (terminal monitor)
-    bool running;                // a command is running: no prompt stands on the screen
+    bool eof;      // the client has sent its last octet
+    bool ending;   // closes when the output has gone out
+    bool overrun;  // output did not fit: what follows is dropped, the session closes
+    bool monitor;  // log lines are shown (terminal monitor)
+    bool running;  // a command is running: no prompt stands on the screen
+    bool busy;     // a child process works for the session: nothing more is taken from the client
     std::uint32_t monitor_lost;  // log lines that there was no room for
     text_buffer in;
     text_buffer out;
@@ -63,8 +64,8 @@ struct session {
 
 constexpr std::size_t NO_FRAME = static_cast<std::size_t>(-1);
 
-// Takes the descriptor over (closed on failure). Null when memory is exhausted or SESSION_MAX sessions of this
-// kind are open; the client is told in the second case.
+// Takes the descriptor over (closed on failure). Null when memory is exhausted or SESSION_MAX sessions of
+// this kind are open; the client is told in the second case.
 session* session_create(lib_globals* ctx, int fd, session_kind kind);
 // Frees the record at once. Only from the loop's own handlers, never from inside a command.
 void session_close(session* s);
@@ -77,6 +78,9 @@ inline session* session_of(const cli* c) {
 
 // A command left the session busy (see `busy`) and is at its end now. The session may be gone behind it.
 void session_finish(session* s, bool good);
+
+// The idle limit is another one: from now on it holds for all sessions of the list.
+void sessions_rearm(session* list);
 
 // `terminal monitor`: log lines at the terminal. False when there is no room for one more.
 bool session_monitor(session* s, bool on);

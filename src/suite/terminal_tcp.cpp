@@ -1,16 +1,16 @@
-// The TCP terminal: listens on the loopback addresses only and asks for a password. Wrong passwords cost time:
-// after three of them the answer is held back, longer with each session of that source, the session closed, and
-// the source sent away until that time is over. A right password clears the source's record.
+// The TCP terminal: listens on the loopback addresses only and asks for a password. Wrong passwords cost
+// time: after three of them the answer is held back, longer with each session of that source, the session
+// closed, and the source sent away until that time is over. A right password clears the source's record.
 #include "suite/terminal_tcp.h"
 
 #include <arpa/inet.h>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 
 #include "suite/log.h"
 #include "suite/memory.h"
@@ -52,7 +52,8 @@ int on_connection(thread* event);
 
 bad_source* find_source(tcp_terminal* tcp, const std::uint8_t* address) {
     for (bad_source& source : tcp->sources)
-        if (source.delay_s && std::memcmp(source.address, address, sizeof source.address) == 0) return &source;
+        if (source.delay_s && std::memcmp(source.address, address, sizeof source.address) == 0)
+            return &source;
     return nullptr;
 }
 
@@ -132,8 +133,8 @@ int try_again(thread* event) {
     return 0;
 }
 
-// One client a turn. Without descriptors or memory the next try waits, because the client that waits would make
-// every turn ready.
+// One client a turn. Without descriptors or memory the next try waits, because the client that waits would
+// make every turn ready.
 int on_connection(thread* event) {
     auto* listener = static_cast<tcp_listener*>(event->arg);
     tcp_terminal* tcp = listener->tcp;
@@ -205,6 +206,7 @@ void on_checked(lib_globals* ctx, void* owner, const char* hash) {
 }  // namespace
 
 void tcp_password_line(session* s, std::string_view line) {
+    if (line.size() > PASSWORD_MAX) line = "";  // no password is empty: this one is wrong
     s->busy = password_start(s->ctx, line, s->ctx->host->password, on_checked, s) != nullptr;
     if (s->busy) return;
     session_write(s, "% Passwords can't be checked now\n");

@@ -83,7 +83,8 @@ TEST_F(force, forced_port_that_says_dnu_or_goes_down_means_holdover) {
     link_down(2);
     EXPECT_EQ(selected(), 0U);
     EXPECT_EQ(g_s_master->current_quality, QL_DNU);
-    EXPECT_EQ(take_requests().back(), holdover_request(true)) << "not the other port, which the operator did not choose";
+    EXPECT_EQ(take_requests().back(), holdover_request(true))
+        << "not the other port, which the operator did not choose";
 }
 
 TEST_F(force, without_ssm_a_forced_port_is_selected_and_nothing_is_claimed) {

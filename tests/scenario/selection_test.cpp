@@ -231,6 +231,37 @@ TEST_F(selection, a_change_of_source_tells_nsm_once_and_the_neighbours_at_once) 
               (std::map<std::uint32_t, std::uint8_t>{{1, QL_PRC}, {2, QL_DNU}, {3, QL_PRC}}));
 }
 
+// Repeated PDUs skip the walk over the ports only as long as nothing else happened.
+TEST_F(selection, a_repeated_pdu_selects_again_after_anything_that_matters) {
+    add_port(1);
+    add_port(2);
+    as_the_daemon = true;
+    const auto again = [this] {
+        hear(1, QL_PRC);
+        hear(2, QL_SSU_A);
+        hear(2, QL_SSU_A);
+        ASSERT_EQ(selected(), 1U);
+    };
+    again();
+    hear(1, QL_DNU);
+    hear(2, QL_SSU_A);
+    EXPECT_EQ(selected(), 2U) << "a DNU";
+    again();
+    in_event([this] { EXPECT_EQ(ssm_opts_set_local_quality(QL_SSU_A, SSM_OPTION_1), 0); });
+    in_event([this] { EXPECT_EQ(ssm_opts_set_port_quality(intf(1), SSM_ESMC_RX, "ssu-b"), 0); });
+    hear(2, QL_SSU_A);
+    EXPECT_EQ(selected(), 0U) << "a command";
+    in_event([this] { EXPECT_EQ(ssm_opts_set_port_quality(intf(1), SSM_ESMC_RX, "na"), 0); });
+    again();
+    pass(5000, {{2, QL_SSU_A}});
+    EXPECT_EQ(selected(), 0U) << "a time-out; port 2 is no better than the switch";
+    again();
+    dpll(SSM_DPLL_FREERUN);
+    EXPECT_EQ(g_s_master->current_quality, QL_SSU_A);
+    hear(2, QL_SSU_A);
+    EXPECT_EQ(g_s_master->current_quality, QL_PRC) << "a report of the hardware";
+}
+
 TEST_F(selection, without_ssm_priorities_alone_decide) {
     ASSERT_EQ(ssm_opts_set_ssm_enable(0), 0);
     add_port(1);

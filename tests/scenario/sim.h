@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "core/ssm_loop.h"
 #include "core/ssm_opts.h"
 #include "core/ssm_pdu.h"
 #include "core/ssm_ports.h"
@@ -284,6 +285,37 @@ class sim : public ::testing::Test {
         ASSERT_EQ(send(nsm_fd, m.data(), m.size(), MSG_NOSIGNAL), static_cast<ssize_t>(m.size()));
     }
 
+    // Operations that a test calls between events are unknown to ssm_run_event, so that by default events run
+    // without it and every PDU selects. A test that does everything inside events sets this.
+    bool as_the_daemon = false;
+
+    void turn() {
+        thread event;
+        ASSERT_NE(thread_fetch(g_p_esmcd, &event), nullptr);
+        (void)(as_the_daemon ? ssm_run_event(&event) : thread_call(&event));
+        serve_nsm();
+    }
+
+    // Runs `work` as an event of the loop, like a command.
+    void in_event(std::function<void()> work) {
+        struct job {
+            std::function<void()> work;
+            bool done;
+        } j = {std::move(work), false};
+        const auto run = [](thread* event) {
+            auto* todo = static_cast<job*>(event->arg);
+            todo->work();
+            todo->done = true;
+            return 0;
+        };
+        ASSERT_NE(thread_add_timer_msec(g_p_esmcd, run, &j, 0), nullptr);
+        while (!j.done) turn();
+        settle();
+    }
+
+    // What is looked at when a PDU leaves.
+    std::function<void(const sent_pdu&)> on_sent;
+
   private:
     struct queued_frame {
         std::uint32_t kernel_ifindex;
@@ -293,13 +325,6 @@ class sim : public ::testing::Test {
     static int stop_timer(thread* event) {
         *static_cast<bool*>(event->arg) = true;
         return 0;
-    }
-
-    void turn() {
-        thread event;
-        ASSERT_NE(thread_fetch(g_p_esmcd, &event), nullptr);
-        (void)thread_call(&event);
-        serve_nsm();
     }
 
     static bool readable(int fd) {
@@ -356,6 +381,7 @@ class sim : public ::testing::Test {
         const std::vector<std::uint8_t> payload(frame.begin() + 14, frame.end());
         self->sent.push_back(
             {self->now_ms(), kernel_ifindex - 1000, (payload[6] & 8) != 0, payload[13], payload});
+        if (self->on_sent) self->on_sent(self->sent.back());
         return static_cast<ssize_t>(frame.size());
     }
     static ssize_t receive_edge(void* arg, int, octets frame, std::uint32_t* kernel_ifindex) {

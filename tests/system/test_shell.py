@@ -197,8 +197,8 @@ def test_sessions_that_stall_delay_nobody(sw):
     try:
         for _ in range(3000):
             deaf.send(b"show running-config\nshow clock synce\nshow memory\n")
-    except BlockingIOError:
-        pass
+    except (BlockingIOError, BrokenPipeError):
+        pass  # not taken any more, or hung up on: either is fair
     noise.send(bytes(range(256)) * 64)
     gone.send(b"show clock synce\nshow cl")
     gone.close()

@@ -59,14 +59,14 @@ TEST_F(everyday, brief_names_the_reason_of_each_port) {
     EXPECT_EQ(why("down"), "link down");
     EXPECT_EQ(why("silent"), "nothing received");
     EXPECT_EQ(why("dnu"), "received DNU");
-    EXPECT_EQ(why("best"), "");  // about to be selected
+    EXPECT_EQ(why("best"), "is chosen by the next selection");
     clock_.local_quality = QL_PRC;
     EXPECT_EQ(why("best"), "own quality is better");
     clock_.local_quality = QL_SSU_A;
     clock_.local_priority = 10;
     EXPECT_EQ(why("best"), "own priority is not worse");
     clock_.device_type = SSM_SLAVE_ONLY;
-    EXPECT_EQ(why("best"), "");
+    EXPECT_EQ(why("best"), "is chosen by the next selection");
     clock_.device_type = SSM_MASTER_ONLY;
     EXPECT_EQ(why("best"), "the switch is master-only");
     clock_.global_enable = 0;
@@ -80,7 +80,7 @@ TEST_F(everyday, brief_follows_a_force_switch_only_while_it_is_in_effect) {
     EXPECT_EQ(why("best"), "switched by force to forced");
     EXPECT_EQ(why("forced"), "forced, but carries DNU");
     forced->link_up = 0;
-    EXPECT_EQ(why("best"), "");
+    EXPECT_EQ(why("best"), "is chosen by the next selection");
     EXPECT_EQ(why("forced"), "link down");
 }
 
@@ -88,7 +88,7 @@ TEST_F(everyday, without_ssm_priority_and_link_count_alone) {
     clock_.ssm_enable = 0;
     candidate("silent", 1, QL_NONE, 5)->recv_pdu = 0;
     candidate("prc", 2, QL_PRC, 6);
-    EXPECT_EQ(why("silent"), "");
+    EXPECT_EQ(why("silent"), "is chosen by the next selection");
     EXPECT_EQ(why("prc"), "silent has the better priority");
     clock_.local_priority = 5;
     EXPECT_EQ(why("silent"), "own priority is not worse");

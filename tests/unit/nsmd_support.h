@@ -28,6 +28,7 @@
 #include "suite/memory.h"
 #include "suite/nsm_wire.h"
 #include "suite/thread.h"
+#include "suite/thread_master.h"
 
 // Collects log lines while it lives.
 struct log_lines {
@@ -76,20 +77,19 @@ struct virtual_loop {
         for (const int fd : v->fake_ready())
             if (count < max) out[count++] = {fd, true, false};
         for (const int fd : v->descriptors) {
-            pollfd entry{fd, POLLIN | POLLOUT, 0};
-            if (poll(&entry, 1, 0) <= 0 || (entry.revents & POLLNVAL) || count == max) continue;
-            if (v->only_writable(entry.revents)) continue;
+            // As the kernel does, report only what is waited for: else time would never move on.
+            const thread_source* source = thread_source_find(v->ctx.master, fd);
+            if (!source || count == max) continue;
+            const auto events =
+                static_cast<short>((source->read ? POLLIN : 0) | (source->write ? POLLOUT : 0));
+            pollfd entry{fd, events, 0};
+            if (!events || poll(&entry, 1, 0) <= 0) continue;
             out[count++] = {fd, (entry.revents & ~POLLOUT) != 0, (entry.revents & POLLOUT) != 0};
         }
         if (count || timeout_ms == 0) return count;
         if (timeout_ms > 0) v->clock += static_cast<nanoseconds>(timeout_ms) * NS_PER_MS;
         return 0;
     }
-    // A socket can nearly always be written to: that is news only while somebody waits for it.
-    bool only_writable(short events) const {
-        return events == POLLOUT && thread_get_stats(&ctx).writes_pending == 0;
-    }
-
     // Runs everything that happens within so many milliseconds of virtual time.
     void run(unsigned milliseconds) {
         const auto over = [](thread* event) {
@@ -178,10 +178,20 @@ struct fake_kernel {
     int dumps = 0, questions = 0;
     bool interrupt_next_dump = false, refuse_next_dump = false, swallow_next_dump = false;
     std::function<void()> during_dump;
+    // A generic netlink socket beside it, for tests that bring one.
+    static constexpr int GENERIC_FD = FD + 1;
+    std::deque<item> generic_queue;
+    std::function<int(const_octets)> generic_send;
+    std::vector<unsigned> generic_groups;
 
     netlink_edge edge() { return {open_it, join_it, receive_it, send_it, close_it, this}; }
     void attach(virtual_loop* v) {
-        v->fake_ready = [this] { return queue.empty() ? std::vector<int>{} : std::vector<int>{FD}; };
+        v->fake_ready = [this] {
+            std::vector<int> ready;
+            if (!queue.empty()) ready.push_back(FD);
+            if (!generic_queue.empty()) ready.push_back(GENERIC_FD);
+            return ready;
+        };
     }
     fake_link* find(int index) {
         for (auto& l : links)
@@ -229,20 +239,29 @@ struct fake_kernel {
             push(control_octets(NLMSG_ERROR, 0, sequence, PORT, -ENODEV));
     }
 
-    static int open_it(void*, int) { return FD; }
-    static int join_it(void*, int, unsigned group) { return group == RTNLGRP_LINK ? 0 : -EINVAL; }
-    static int receive_it(void* arg, int, octets buffer) {
+    static int open_it(void* arg, int protocol) {
+        if (protocol == NETLINK_ROUTE) return FD;
+        return static_cast<fake_kernel*>(arg)->generic_send ? GENERIC_FD : -EPROTONOSUPPORT;
+    }
+    static int join_it(void* arg, int fd, unsigned group) {
+        if (fd == FD) return group == RTNLGRP_LINK ? 0 : -EINVAL;
+        static_cast<fake_kernel*>(arg)->generic_groups.push_back(group);
+        return 0;
+    }
+    static int receive_it(void* arg, int fd, octets buffer) {
         auto* k = static_cast<fake_kernel*>(arg);
-        if (k->queue.empty()) return -EAGAIN;
-        const item next = k->queue.front();
-        k->queue.pop_front();
+        auto& from = fd == FD ? k->queue : k->generic_queue;
+        if (from.empty()) return -EAGAIN;
+        const item next = from.front();
+        from.pop_front();
         if (next.error) return next.error;
         const std::size_t size = std::min(buffer.size(), next.data.size());
         if (size) std::memcpy(buffer.data(), next.data.data(), size);
         return static_cast<int>(size);
     }
-    static int send_it(void* arg, int, const_octets message) {
+    static int send_it(void* arg, int fd, const_octets message) {
         auto* k = static_cast<fake_kernel*>(arg);
+        if (fd == GENERIC_FD) return k->generic_send(message);
         nl_message m;
         EXPECT_TRUE(nl_next_message(&message, &m));
         EXPECT_EQ(m.type, RTM_GETLINK);

@@ -1,9 +1,11 @@
 // The configuration file: reading, lines that wait for their interface, saving.
 #include <fcntl.h>
+#include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 
 #include <csignal>
+#include <functional>
 
 #include "unit/suite_host_support.h"
 
@@ -45,13 +47,13 @@ TEST_F(Host, LinesRunInTheirModesAndRefusedOnesAreLoggedWithTheirNumber) {
 
 TEST_F(Host, LinesOfAnUnboundInterfaceRunOnceAtItsFirstBind) {
     read(
-        "interface eth1\n port 1\n port nonsense\n!\nforce eth1\nglobal 1\ninterface eth2\n port 2\n!\n"
+        "interface eth1\n port 1 \r\n port nonsense\n!\nforce eth1\nglobal 1\ninterface eth2\n port 2\n!\n"
         "interface eth1\n port 3\n");
     EXPECT_EQ(ran, lines{"5::global 1"});
     EXPECT_TRUE(logged.empty());
     EXPECT_EQ(
         running(),
-        "interface eth1\n port 1\n port nonsense\n port 3\n!\ninterface eth2\n port 2\n!\nforce eth1\n");
+        "interface eth1\n port 1 \n port nonsense\n port 3\n!\ninterface eth2\n port 2\n!\nforce eth1\n");
     ran.clear();
     interface* intf = bind("eth1", 1);
     EXPECT_EQ(ran, (lines{"16:eth1:port 1", "16:eth1:port 3", "5::force eth1"}))
@@ -200,6 +202,49 @@ TEST_F(Host, FullDiskLeavesTheOldFile) {
     EXPECT_EQ(status, 0);
     EXPECT_EQ(read_file(config), old);
     EXPECT_NE(access((config + ".new").c_str(), F_OK), 0);
+}
+
+// Runs `write` in a child that is killed at its n-th system call, entry or exit. False when it came to its
+// end before that; *able is false where processes can't be traced.
+bool save_killed_at(const std::function<void()>& save, int n, bool* able) {
+    pid_t child = fork();
+    if (child == 0) {
+        if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) _exit(77);
+        raise(SIGSTOP);
+        save();
+        _exit(0);
+    }
+    int status = 0;
+    bool ended = false;
+    for (int stop = 0; stop <= n && !ended; stop++) {
+        if (stop) ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
+        ended = waitpid(child, &status, 0) != child || WIFEXITED(status) || WIFSIGNALED(status);
+    }
+    *able = !(WIFEXITED(status) && WEXITSTATUS(status) == 77);
+    if (!ended) {
+        kill(child, SIGKILL);
+        waitpid(child, &status, 0);
+    }
+    return !ended;
+}
+
+TEST_F(Host, KilledAtAnyStepTheFileIsTheOldOneOrTheNewOne) {
+    std::string old = "hostname old\n";
+    read(old);
+    run("hostname new", CONFIG_MODE);
+    bool seen_old = false, seen_new = false, able = true, killed = true;
+    for (int n = 1; killed && n < 2000; n++) {
+        write_file(config, old);
+        killed = save_killed_at([&] { run("write"); }, n, &able);
+        if (!able) GTEST_SKIP() << "processes can't be traced here";
+        std::string now = read_file(config);
+        EXPECT_TRUE(now == old || now == "hostname new\n") << n << ": " << now;
+        seen_old = seen_old || now == old;
+        seen_new = seen_new || (killed && now != old);
+    }
+    EXPECT_FALSE(killed) << "the save never came to its end";
+    EXPECT_TRUE(seen_old && seen_new) << "kills before and behind the change of names";
+    EXPECT_EQ(read_file(config), "hostname new\n");
 }
 
 TEST_F(Host, NoMemoryWhileSavingOrKeepingLosesNothing) {

@@ -1,0 +1,96 @@
+// Whole terminal sessions: what a client sends over the local socket, from its first line on, in pieces of
+// any size. The first octet says how large the pieces are. Whatever comes, the session ends when the client
+// has gone, its output stays within its limit, and no memory is left behind.
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "suite/host_state.h"
+#include "suite/log.h"
+#include "suite/memory.h"
+#include "suite/session.h"
+
+namespace {
+
+struct world {
+    nanoseconds now;
+    int server, client;
+    const std::uint8_t* data;
+    std::size_t left, piece;
+    unsigned rounds;
+} w;
+
+nanoseconds now(void*) {
+    return w.now;
+}
+
+// Each wait is a chance for the client: it sends a piece, or reads, or is gone.
+int wait(void*, int, thread_ready* out, int) {
+    char scratch[4096];
+    w.now += NS_PER_MS;
+    if (++w.rounds > 200'000) std::abort();
+    while (recv(w.client, scratch, sizeof scratch, MSG_DONTWAIT) > 0) {
+    }
+    std::size_t count = w.left < w.piece ? w.left : w.piece;
+    ssize_t sent = count ? send(w.client, w.data, count, MSG_DONTWAIT | MSG_NOSIGNAL) : 0;
+    if (sent > 0) {
+        w.data += sent;
+        w.left -= static_cast<std::size_t>(sent);
+    }
+    if (w.left == 0) shutdown(w.client, SHUT_WR);
+    out[0] = {w.server, true, true};
+    return 1;
+}
+
+int print_many(cli* session, int, char** argv) {
+    for (int i = std::atoi(argv[0]); i > 0; i--) session->out_func(session->out_val, "line %d\n", i);
+    return CLI_SUCCESS;
+}
+const cli_element print_many_cmd = {"show lines <1-50000>", print_many};
+
+lib_globals* ctx;
+
+void make_context() {
+    static const thread_edges edges = {now, wait, nullptr};
+    ctx = lib_create("fuzz");
+    if (!ctx || lib_start(ctx) != 0) std::abort();
+    log_use_sink(LOG_SINK_STDERR, false);
+    ctx->master = thread_master_create(&edges);
+    if (!ctx->master || host_vty_init(ctx) != 0) std::abort();
+    (void)cli_install(ctx->ctree, EXEC_MODE, &print_many_cmd);
+    (void)if_add(&ctx->ifm, "eth1", 1, IF_TYPE_SYNCE);
+}
+
+// Lines that reach beyond the process are not for a fuzzer.
+bool harmless(const std::uint8_t* data, std::size_t size) {
+    for (const char* word : {"wr", "co", "log", "pas"})
+        if (memmem(data, size, word, std::strlen(word))) return false;
+    return true;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    if (!ctx) make_context();
+    if (size < 2 || !harmless(data, size)) return 0;
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) != 0) return 0;
+    std::size_t piece = data[0] < 128 ? data[0] + 1u : 4096;
+    w = {w.now, ends[0], ends[1], data + 1, size - 1, piece, 0};
+    std::uint64_t before = memmgr_type_stats(MTYPE_TEXT).blocks + memmgr_type_stats(MTYPE_CLI_SESSION).blocks;
+    session* s = session_create(ctx, ends[0], session_kind::local);
+    if (s) session_settle(s);
+    thread event;
+    while (ctx->host->session_count && thread_fetch(ctx, &event)) {
+        thread_call(&event);
+        const session* open = ctx->host->sessions;
+        if (open && open->out.length > SESSION_OUTPUT_MAX) std::abort();
+    }
+    if (ctx->host->session_count) std::abort();
+    if (memmgr_type_stats(MTYPE_TEXT).blocks + memmgr_type_stats(MTYPE_CLI_SESSION).blocks != before)
+        std::abort();
+    close(ends[1]);
+    return 0;
+}
