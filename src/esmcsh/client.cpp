@@ -13,6 +13,7 @@
 
 #include "suite/octets.h"
 #include "suite/session_wire.h"
+#include "suite/slice.h"
 #include "suite/text.h"
 
 namespace {
@@ -149,7 +150,7 @@ shell_status client_run_input(int fd) {
         std::string_view rest = input.view();
         std::size_t end = rest.find('\n');
         while (status == SHELL_OK && !ended && (end != std::string_view::npos || (!more && !rest.empty()))) {
-            std::string_view line = rest.substr(0, end);
+            std::string_view line = slice(rest, 0, end);
             status = client_run(fd, line, &ended);
             rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
             end = rest.find('\n');

@@ -14,6 +14,7 @@
 #include "suite/interface.h"
 #include "suite/log.h"
 #include "suite/memory.h"
+#include "suite/slice.h"
 
 cli_tree* cli_tree_create() {
     return static_cast<cli_tree*>(memmgr_calloc(sizeof(cli_tree), MTYPE_CLI_TREE));
@@ -229,8 +230,8 @@ cli_result run_filtered(cli_tree* tree, cli* session, std::string_view line, std
 
 cli_result cli_run_line(cli_tree* tree, cli* session, std::string_view line) {
     std::size_t bar = cli_pipe_find(line);
-    if (bar != std::string_view::npos && is_show(tree, session, line.substr(0, bar)))
-        return run_filtered(tree, session, line.substr(0, bar), line.substr(bar + 1));
+    if (bar != std::string_view::npos && is_show(tree, session, slice(line, 0, bar)))
+        return run_filtered(tree, session, slice(line, 0, bar), slice(line, bar + 1));
     return run_plain(tree, session, line);
 }
 

@@ -6,6 +6,7 @@
 
 #include "suite/cli_parse.h"
 #include "suite/cli_tree.h"
+#include "suite/slice.h"
 
 namespace {
 
@@ -18,8 +19,8 @@ int tail_length(std::string_view before, const char* const* words, std::size_t c
         if (count == 0) return -1;
         std::size_t blank = before.rfind(' ');
         std::size_t first = blank == std::string_view::npos ? 0 : blank + 1;
-        if (before.substr(first) != words[--count]) return -1;
-        before = before.substr(0, first);
+        if (slice(before, first) != words[--count]) return -1;
+        before = slice(before, 0, first);
         length++;
     }
 }

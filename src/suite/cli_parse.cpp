@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "suite/interface.h"
+#include "suite/slice.h"
 
 namespace {
 
@@ -56,7 +57,7 @@ word_list split(std::string_view line) {
         }
         std::size_t first = at;
         while (at < line.size() && !cli_is_blank(line[at])) at++;
-        words.items[words.count++] = line.substr(first, at - first);
+        words.items[words.count++] = slice(line, first, at - first);
     }
     return words;
 }

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "suite/cli_parse.h"
+#include "suite/slice.h"
 
 namespace {
 
@@ -43,7 +44,7 @@ void pass(cli_pipe* pipe, std::string_view line) {
 void pass_lines(cli_pipe* pipe) {
     std::string_view rest = pipe->line.view();
     for (std::size_t end = rest.find('\n'); end != std::string_view::npos; end = rest.find('\n')) {
-        pass(pipe, rest.substr(0, end));
+        pass(pipe, slice(rest, 0, end));
         rest.remove_prefix(end + 1);
     }
     if (rest.size() > PIECE_MAX) {
@@ -57,7 +58,7 @@ std::string_view take_word(std::string_view* text) {
     while (!text->empty() && cli_is_blank(text->front())) text->remove_prefix(1);
     std::size_t end = 0;
     while (end < text->size() && !cli_is_blank((*text)[end])) end++;
-    std::string_view word = text->substr(0, end);
+    std::string_view word = slice(*text, 0, end);
     text->remove_prefix(end);
     while (!text->empty() && cli_is_blank(text->front())) text->remove_prefix(1);
     while (!text->empty() && cli_is_blank(text->back())) text->remove_suffix(1);

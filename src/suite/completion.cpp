@@ -8,6 +8,7 @@
 #include "suite/cli_parse.h"
 #include "suite/cli_pipe.h"
 #include "suite/interface.h"
+#include "suite/slice.h"
 
 namespace {
 
@@ -70,7 +71,7 @@ std::string_view first_word(std::string_view line) {
     while (first < line.size() && cli_is_blank(line[first])) first++;
     std::size_t last = first;
     while (last < line.size() && !cli_is_blank(line[last])) last++;
-    return line.substr(first, last - first);
+    return slice(line, first, last - first);
 }
 
 // Behind a whole "do" and a blank the rest is a line of the exec mode.
@@ -84,7 +85,7 @@ bool look_through_do(const cli* session, std::string_view* line) {
 
 // Filters are offered behind "|", and their text is anything.
 bool collect_filter(completion_list* list, std::string_view before, std::size_t bar) {
-    std::string_view behind = before.substr(bar + 1);
+    std::string_view behind = slice(before, bar + 1);
     if (!first_word(behind).empty()) return true;
     for (const cli_help& filter : cli_pipe_filters())
         if (begins(filter.token, list->partial)) add(list, filter.token, filter.text);
@@ -100,8 +101,8 @@ void collect(collector* c, std::string_view line) {
     if (look_through_do(c->session, &line)) inner.mode = EXEC_MODE;
     std::size_t at = line.size();
     while (at && !cli_is_blank(line[at - 1])) at--;
-    list->partial = line.substr(at);
-    std::string_view before = line.substr(0, at);
+    list->partial = slice(line, at);
+    std::string_view before = slice(line, 0, at);
     std::size_t bar = cli_pipe_find(line);
     if (bar != std::string_view::npos && bar < at) {
         collect_filter(list, before, bar);
@@ -133,7 +134,7 @@ std::string_view completion_common(const completion_list& list) {
         std::string_view other = list.items[i].text;
         std::size_t same = 0;
         while (same < common.size() && same < other.size() && common[same] == other[same]) same++;
-        common = common.substr(0, same);
+        common = slice(common, 0, same);
     }
     // Not within a character.
     while (!common.empty() && list.count > 1 && common.size() < std::strlen(list.items[0].text) &&

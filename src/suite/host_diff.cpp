@@ -7,6 +7,7 @@
 #include "suite/cli_parse.h"
 #include "suite/host_state.h"
 #include "suite/memory.h"
+#include "suite/slice.h"
 
 namespace {
 
@@ -23,7 +24,7 @@ bool split_lines(std::string_view text, line_array* out) {
     if (!out->items) return false;
     while (!text.empty()) {
         std::size_t end = std::min(text.find('\n'), text.size());
-        std::string_view line = text.substr(0, end);
+        std::string_view line = slice(text, 0, end);
         text.remove_prefix(std::min(end + 1, text.size()));
         while (!line.empty() && cli_is_blank(line.back())) line.remove_suffix(1);
         if (!line.empty()) out->items[out->count++] = line;

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "suite/memory.h"
+#include "suite/slice.h"
 #include "suite/utf8.h"
 
 namespace {
@@ -51,7 +52,7 @@ void put_visible(const line_editor* e, text_buffer* out) {
         utf8_character c = utf8_first(rest);
         if (c.columns > room) break;
         room -= c.columns;
-        put(out, c.shown ? rest.substr(0, c.length) : "?");
+        put(out, c.shown ? slice(rest, 0, c.length) : "?");
         rest.remove_prefix(c.length);
     }
 }

@@ -17,6 +17,7 @@
 #include "suite/memory.h"
 #include "suite/password.h"
 #include "suite/session_stages.h"
+#include "suite/slice.h"
 
 namespace {
 
@@ -299,7 +300,7 @@ void session_write(session* s, std::string_view text) {
     }
     while (!text.empty()) {
         std::size_t newline = text.find('\n');
-        session_write_raw(s, text.substr(0, newline));
+        session_write_raw(s, slice(text, 0, newline));
         if (newline == std::string_view::npos) return;
         session_write_raw(s, "\r\n");
         text.remove_prefix(newline + 1);

@@ -12,6 +12,7 @@
 #include "suite/host_state.h"
 #include "suite/log.h"
 #include "suite/session_stages.h"
+#include "suite/slice.h"
 #include "suite/terminal_tcp.h"
 
 namespace {
@@ -156,7 +157,7 @@ void complete(session* s) {
         int length = std::snprintf(rest, sizeof rest, "%s ", list.items[0].text + list.partial.size());
         line_editor_insert(s->editor, {rest, static_cast<std::size_t>(length)}, &s->out);
     } else if (common.size() > list.partial.size()) {
-        line_editor_insert(s->editor, common.substr(list.partial.size()), &s->out);
+        line_editor_insert(s->editor, slice(common, list.partial.size()), &s->out);
     } else {
         show_choices(s, list);
     }

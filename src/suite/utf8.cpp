@@ -1,6 +1,7 @@
 // Decoding of UTF-8, strict: overlong forms, surrogates and what is above U+10FFFF are single octets of no
 // meaning. The table of widths holds the blocks that occur in names, not every character of Unicode.
 #include "suite/utf8.h"
+#include "suite/slice.h"
 
 namespace {
 
@@ -51,7 +52,7 @@ utf8_character utf8_first(std::string_view text) {
 
 std::size_t utf8_last_length(std::string_view text) {
     for (std::size_t length = 2; length <= 4 && length <= text.size(); length++) {
-        std::string_view tail = text.substr(text.size() - length);
+        std::string_view tail = slice(text, text.size() - length);
         if (utf8_first(tail).length == length) return length;
     }
     return 1;

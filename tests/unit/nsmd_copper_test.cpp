@@ -51,8 +51,6 @@ struct roles : testing::Test {
         int error = 0;
         if (m.type == GENL_ID_CTRL) {
             nl_begin(&b, GENL_ID_CTRL, 0, 0);
-            nl_put_u32(&b, 0, 0);
-            b.length -= 4;
             const std::uint8_t header[4] = {CTRL_CMD_NEWFAMILY, 2, 0, 0};
             nl_put_raw(&b, header, 4);
             nl_put(&b, CTRL_ATTR_FAMILY_ID, &family, 2);

@@ -5,6 +5,7 @@
 #include <map>
 
 #include "nsmd/dpll_kernel.h"
+#include "nsmd/dpll_message.h"
 #include "nsmd/nsm_server.h"
 #include "nsmd/nsmd.h"
 #include "nsmd_support.h"
@@ -142,7 +143,9 @@ struct fake_dpll {
         std::uint32_t now = was ? DPLL_STATUS_HOLDOVER : DPLL_STATUS_UNLOCKED;
         if (kind == driver::direct_manual && tracked && !best) now = DPLL_STATUS_UNLOCKED;
         if (best) now = DPLL_STATUS_LOCKED_HO_ACQ;
-        tracked = best;
+        const std::uint32_t before = std::exchange(tracked, best);
+        if (before != best && before && mode == 2) notify_pin(before);
+        if (before != best && best && mode == 2) notify_pin(best);
         if (std::exchange(status, now) != now) notify_device();
     }
     int set_state(std::uint32_t id, bool on_mux, std::uint32_t parent, std::uint32_t state) {
@@ -606,7 +609,7 @@ TEST_F(clock_test, lost_notifications_and_disturbed_dumps_are_read_again) {
     kernel.generic_queue.push_back({-ENOBUFS, {}});
     loop.run(10);
     EXPECT_EQ(c.take_all(), (texts{"clock 3 0"}));
-    EXPECT_EQ(d.take(), (texts{"dump devices", "dump pins"}));
+    EXPECT_EQ(d.take(), (texts{"dump devices", "dump pins", "get pin 11"}));
 }
 
 TEST_F(clock_test, a_pin_that_reports_often_costs_no_requests) {

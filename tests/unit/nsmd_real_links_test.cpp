@@ -145,6 +145,7 @@ TEST(nsmd_real_links, a_pulled_cable_is_known_within_100_ms_though_the_kernel_de
             while (!port_table_first(w.table)->up) w.turn();
             w.events.clear();
             // Right after other changes: this is when the kernel holds its message back.
+            const nanoseconds begin = monotonic_now();
             if (vfork() == 0) {
                 execlp("ip", "ip", "link", "set", "far0", "down", nullptr);
                 _exit(127);
@@ -152,11 +153,10 @@ TEST(nsmd_real_links, a_pulled_cable_is_known_within_100_ms_though_the_kernel_de
             int status = 0;
             while (waitpid(-1, &status, WNOHANG) == 0) w.turn();
             MUST(status == 0);
-            const long took = w.await("sw0 down");
-            MUST(took >= 0);
-            worst = std::max(worst, took);
+            MUST(w.await("sw0 down") >= 0);
+            worst = std::max(worst, static_cast<long>((monotonic_now() - begin) / NS_PER_MS));
         }
-        std::printf("slowest of 5: %ld ms after the command had ended\n", worst);
+        std::printf("slowest of 5: %ld ms, the command that pulls included\n", worst);
         MUST(worst <= 150);  // 100 and the noise of a machine under load
         return 0;
     });

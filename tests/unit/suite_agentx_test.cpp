@@ -40,6 +40,7 @@ struct model {
     std::vector<std::pair<snmp_oid, std::int32_t>> rows;
     std::vector<std::string> calls;
     int refuse_level = 0;  // status
+    bool stuck = false;    // the level can't be set back
 } m;
 
 std::int32_t cell;
@@ -51,6 +52,7 @@ int write_level(int action, const std::uint8_t* value, std::uint8_t type, std::s
     EXPECT_EQ(state != nullptr, action == SNMP_ACTION_SET);
     std::int32_t v = 0;
     std::memcpy(&v, value, 4);
+    if (m.stuck && action == SNMP_ACTION_RESTORE) return SNMP_GEN_ERR;
     if (m.refuse_level && action == SNMP_ACTION_SET) return m.refuse_level;
     m.level = v;
     m.calls.push_back("level " + std::to_string(v));
@@ -768,6 +770,41 @@ TEST_P(agentx, any_cutting_of_the_stream_gives_the_same_answers) {
             ASSERT_EQ(reply.variables().at(0).number, 10);
         }
     }
+}
+
+TEST_P(agentx, an_object_that_does_not_go_back_is_said_each_time) {
+    establish();
+    ASSERT_EQ(ask(
+                  AGENTX_TEST_SET,
+                  [](pdu_writer& w) {
+                      w.integer(below({1, 0}), 77);
+                  },
+                  1)
+                  .error(),
+              0U);
+    m.stuck = true;
+    EXPECT_EQ(ask(AGENTX_UNDO_SET, nothing, 1).error(), unsigned{SNMP_UNDO_FAILED});
+    EXPECT_EQ(ask(AGENTX_UNDO_SET, nothing, 1).error(), unsigned{SNMP_UNDO_FAILED});
+}
+
+TEST_P(agentx, a_burst_is_served_over_several_turns_of_the_loop) {
+    establish();
+    bytes burst;
+    for (std::uint32_t i = 0; i < 300; ++i) {
+        pdu_writer w;
+        w.big = GetParam();
+        const bytes one = w.pdu(AGENTX_PING, 5, i, i);
+        burst.insert(burst.end(), one.begin(), one.end());
+    }
+    const std::uint64_t before = ctx.snmp->stats.requests;
+    send_bytes(burst);
+    thread event;
+    ASSERT_NE(thread_fetch(&ctx, &event), nullptr);
+    (void)thread_call(&event);
+    const std::uint64_t served = ctx.snmp->stats.requests - before;
+    EXPECT_GT(served, 0U);
+    EXPECT_LE(served, 50U) << "a frame that comes now must not wait for all of them";
+    EXPECT_TRUE(run(1, [&] { return ctx.snmp->stats.requests == before + 300; })) << "and none is forgotten";
 }
 
 TEST_P(agentx, garbage_ends_the_link_and_another_is_made) {
