@@ -12,6 +12,21 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
+# GoogleTest for the target is built from the distribution's sources: cross/FindGTest.cmake.
+list(APPEND CMAKE_MODULE_PATH ${CMAKE_CURRENT_LIST_DIR}/cross)
+
+# crypt(3) for the target: libcrypt-dev:armhf where it is installed, else what tools/check_arm unpacked. Without
+# either the build goes on and the programs refuse to store a password.
+foreach(root "" ${CMAKE_CURRENT_LIST_DIR}/../build/armhf-packages)
+  if(EXISTS ${root}/usr/lib/arm-linux-gnueabihf/libcrypt.a AND NOT ESMC_CRYPT_LIBRARY)
+    get_filename_component(ESMC_CRYPT_LIBRARY ${root}/usr/lib/arm-linux-gnueabihf/libcrypt.a ABSOLUTE)
+    if(root)
+      get_filename_component(crypt_include ${root}/usr/include ABSOLUTE)
+      string(APPEND CMAKE_CXX_FLAGS_INIT " -isystem ${crypt_include}")
+    endif()
+  endif()
+endforeach()
+
 # Tests built for the target run under the user-mode emulator.
 find_program(ESMC_QEMU_ARM NAMES qemu-arm-static qemu-arm)
 if(ESMC_QEMU_ARM)

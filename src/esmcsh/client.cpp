@@ -78,7 +78,7 @@ int client_connect(const char* path) {
         std::fprintf(stderr, "esmcsh: %s: path too long\n", path);
         return -1;
     }
-    std::strcpy(address.sun_path, path);
+    std::memcpy(address.sun_path, path, std::strlen(path));  // the rest is zero
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd >= 0) set_send_limit(fd, CONNECT_LIMIT_S);
     if (fd < 0 || connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {

@@ -18,7 +18,9 @@
 #include "frame/ssm_signal.h"
 #include "nsm/ssm_nsm_session.h"
 #include "pal/pal.h"
+#include "pal/pal_rights.h"
 #include "snmp/ssm_mib.h"
+#include "snmp/ssm_notify.h"
 #include "suite/host.h"
 #include "suite/nsm_client.h"
 #include "suite/slow_socket.h"
@@ -80,6 +82,7 @@ std::int32_t create_clock_record() {
 void start_snmp() {
     (void)agentx_register_mib(g_p_esmcd, "mibII/ssm", ssm_variables, sizeof ssm_variables[0],
                               SSM_VARIABLE_COUNT, ssm_oid, SSM_OID_LENGTH, 0, 0, 0, 0, 0);
+    (void)ssm_notify_init(g_p_esmcd);  // without it there are no notifications, logged there
     (void)snmp_start(g_p_esmcd);
 }
 
@@ -136,6 +139,7 @@ std::int32_t ssm_start(bool daemon_mode, const char* config_file, std::int32_t v
     ssm_signal_deliver(g_p_esmcd);
     ssm_socket_arm_read();
     (void)bmcli_start(g_p_esmcd, progname);  // logged there
+    pal_rights_drop();
     return run_loop();
 }
 
@@ -163,6 +167,10 @@ std::int32_t ssm_instance_create(lib_globals* ctx) {
 std::int32_t ssm_terminate() {
     if (g_p_esmcd) g_p_esmcd->flags |= LIB_SHUTTING_DOWN;
     (void)remove(SSM_PID_FILE);  // may be missing
+    if (ssm_instance) {
+        nsm_client_stop(ssm_instance->nsm_client);  // says goodbye: the hardware goes to holdover
+        ssm_instance->nsm_client = nullptr;
+    }
     if (g_p_esmcd) free_port_records();
     lib_stop(g_p_esmcd);
     g_p_esmcd = nullptr;

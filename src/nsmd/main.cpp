@@ -1,6 +1,7 @@
 // The program: command line, start, loop, end. Ends on SIGINT and SIGTERM with its socket removed and the
 // clock hardware left as it is, so that another nsmd can take over.
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -13,6 +14,7 @@
 #include "suite/log.h"
 #include "suite/memory.h"
 #include "suite/nsm_wire.h"
+#include "suite/rights.h"
 #include "suite/thread.h"
 
 namespace {
@@ -66,6 +68,8 @@ int run(lib_globals* ctx, const nsmd_options& options) {
     int status = 1;
     if (!options.daemonize || go_to_background()) {
         log_sys(NSMD_MODULE, LOG_LEVEL_INFO, "nsmd %s serves %s", lib_version(), NSM_SOCKET_PATH);
+        // Steering the clock and setting copper roles are a network administrator's requests to the kernel.
+        rights_reduce(std::uint64_t{1} << CAP_NET_ADMIN);
         thread event;
         while (thread_fetch(ctx, &event)) thread_call(&event);
         status = 0;

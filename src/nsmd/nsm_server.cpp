@@ -124,7 +124,7 @@ struct message_kind {
 
 constexpr message_kind KINDS[] = {
     {NSM_MSG_HELLO, 8, true, false},
-    {NSMD_MSG_BYE, 0, false, false},
+    {NSM_MSG_BYE, 0, false, false},
     {NSMD_MSG_STATUS_GET, 0, true, false},
     {NSM_MSG_SSM_GLOBAL_ENABLE, 4, false, true},
     {NSM_MSG_SSM_CLOCK_RECOVERY_SELECT, 4, false, true},
@@ -144,7 +144,7 @@ void take_message(nsm_server* s, nsm_peer* peer, const message_kind& kind, const
         case NSM_MSG_HELLO:
             take_hello(s, peer, body);
             break;
-        case NSMD_MSG_BYE:
+        case NSM_MSG_BYE:
             peer->said_bye = true;
             break;
         default:

@@ -13,7 +13,6 @@
 // purpose; one whose link just breaks may be restarting. STATUS_GET is taken from anybody, HELLO or not; the
 // answer is any number of STATUS_TEXT (a piece of text each), the last one empty.
 enum nsmd_message : std::uint16_t {
-    NSMD_MSG_BYE = 4,
     NSMD_MSG_STATUS_GET = 300,
     NSMD_MSG_STATUS_TEXT = 301,
 };

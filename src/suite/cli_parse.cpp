@@ -161,11 +161,13 @@ void step(const matcher& m, const match_path& from, std::uint64_t candidates, st
     }
 }
 
+// The front before a word and the one behind it. 16 KiB, kept off the stack of nested "do" lines; visitors of
+// match_command must not match anything themselves.
+match_front fronts[2];
+
 // Calls visit(path) for every way in which all words can be read as (the beginning of) the command.
 template <typename Visit>
 void match_command(const matcher& m, Visit&& visit) {
-    static match_front
-        fronts[2];  // 18 KiB: kept off the stack of nested `do` lines; never used across a visit
     match_front *now = &fronts[0], *then = &fronts[1];
     std::memset(then->taken, 0, sizeof then->taken);
     then->alive = 0;

@@ -178,13 +178,14 @@ void host_log_refused(const host_state* host, std::uint32_t number, std::string_
     while (!line.empty() && cli_is_blank(line[0])) line.remove_prefix(1);
     while (!line.empty() && cli_is_blank(line.back())) line.remove_suffix(1);
     if (line.starts_with("password")) line = "password ...";  // may be one in clear
-    char text[LOGGED_MAX + 4];
+    char text[LOGGED_MAX + 1];
     std::size_t length = line.size() < LOGGED_MAX ? line.size() : LOGGED_MAX;
     std::memcpy(text, line.data(), length);
     for (std::size_t i = 0; i < length; i++)
         if (text[i] == 0) text[i] = '?';
-    std::strcpy(text + length, length < line.size() ? "..." : "");
-    log_suite(LOG_LEVEL_ERROR, "%s:%u: refused: %s", host->config_file, number, text);
+    text[length] = 0;
+    log_suite(LOG_LEVEL_ERROR, "%s:%u: refused: %s%s", host->config_file, number, text,
+              length < line.size() ? "..." : "");
 }
 
 void host_config_read(host_state* host) {

@@ -73,11 +73,11 @@ int discard(void*, const char*, ...) {
 
 // "no clock synce switch-force" undoes "clock synce switch-force IFNAME": its string without the "no " is the
 // beginning of the other one.
-bool replaces(const char* now, const char* kept) {
-    if (std::strcmp(now, kept) == 0) return true;
-    if (std::strncmp(now, "no ", 3) != 0) return false;
-    std::size_t length = std::strlen(now + 3);
-    return std::strncmp(now + 3, kept, length) == 0 && (kept[length] == 0 || kept[length] == ' ');
+bool replaces(std::string_view now, std::string_view kept) {
+    if (now == kept) return true;
+    if (!now.starts_with("no ")) return false;
+    now.remove_prefix(3);
+    return kept.starts_with(now) && (kept.size() == now.size() || kept[now.size()] == ' ');
 }
 
 void drop_replaced_lines(host_state* host, pending_block* block, const char* now) {

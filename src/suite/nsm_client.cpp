@@ -377,6 +377,9 @@ int nsm_client_start(nsm_client* nc) {
 
 void nsm_client_stop(nsm_client* nc) {
     if (!nc || nc->stopped) return;
+    // Not sent when the link is full or down: the server then finds out by itself.
+    if (nc->phase == nsm_phase::dump || nc->phase == nsm_phase::synchronised)
+        (void)nsm_send(nc, NSM_MSG_BYE, nullptr, 0);
     drop_link(nc);
     thread_cancel(nc->retry);
     nc->retry = nullptr;

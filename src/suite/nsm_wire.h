@@ -16,6 +16,9 @@ enum nsm_message : std::uint16_t {
     NSM_MSG_HELLO = 1,      // u16 version, u16 protocol identifier, u32 service mask
     NSM_MSG_HELLO_ACK = 2,  // u32 status: 0 accepted
     NSM_MSG_SYNC_DONE = 3,
+    // From the client, before it closes on purpose: nobody watches the quality any more. A server that does
+    // not know the type drops it.
+    NSM_MSG_BYE = 4,
     NSM_MSG_LINK_ADD = 10,
     NSM_MSG_LINK_DELETE = 11,  // u32 ifindex, u32 flags (may be absent)
     NSM_MSG_LINK_UP = 12,      // u32 ifindex

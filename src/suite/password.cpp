@@ -50,7 +50,7 @@ bool compute(const char* clear, const char* setting, char (&hash)[PASSWORD_HASH_
     }
     const char* result = crypt_rn(clear, setting, &data, sizeof data);
     bool good = result && result[0] != '*' && std::strlen(result) < sizeof hash;
-    if (good) std::strcpy(hash, result);
+    if (good) std::memcpy(hash, result, std::strlen(result) + 1);
     explicit_bzero(&data, sizeof data);
     return good;
 #else

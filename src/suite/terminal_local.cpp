@@ -21,7 +21,7 @@ bool make_address(const char* path, sockaddr_un* address) {
     *address = {};
     address->sun_family = AF_UNIX;
     if (std::strlen(path) >= sizeof address->sun_path) return false;
-    std::strcpy(address->sun_path, path);
+    std::memcpy(address->sun_path, path, std::strlen(path) + 1);
     return true;
 }
 
@@ -107,7 +107,7 @@ int local_terminal_start(host_state* host, const char* path) {
     }
     struct stat status {};
     bound_inode = stat(path, &status) == 0 ? status.st_ino : 0;
-    std::strcpy(bound_path, path);
+    std::memcpy(bound_path, address.sun_path, sizeof bound_path);
     host->local_fd = fd;
     arm_accept(host);
     return 0;

@@ -413,15 +413,14 @@ def test_two_hundred_and_fifty_five_ports_are_walked_quickly(lab, mibs, release_
     manager = Manager(switch, mibs).start().wait_registered()
     wait_until(lambda: switch.show("running-config").count("interface d") == 255 or
                len(manager.walk("esmcPortLink")) == 255, 10, "255 ports")
-    took = {}
-    for tool in ("snmpwalk", "snmpbulkwalk"):
-        best, tries = 9.0, 0
-        while best >= 0.150 and tries < 10:  # another program may have had the processor meanwhile
-            tries += 1
+    took = {"snmpwalk": [], "snmpbulkwalk": []}
+    end = time.monotonic() + 30  # other programs may have the processors meanwhile: the best walk counts
+    while time.monotonic() < end and min(took["snmpbulkwalk"], default=9) >= 0.2:
+        for tool, times in took.items():
             began = time.monotonic()
             done = switch.run(tool, "-v2c", "-c", "public", "-m", "", "-On", "127.0.0.1", f"{BASE}.13", net_only=True)
-            best = min(best, time.monotonic() - began)
+            times.append(time.monotonic() - began)
             assert len(done.stdout.splitlines()) == 255 * 12
-        took[tool] = round(best * 1000)
-    print(f"255 ports, ms with the start of the tool: {took}")
-    assert took["snmpbulkwalk"] < 200
+    best = {tool: round(min(times) * 1000) for tool, times in took.items()}
+    print(f"255 ports, best of {len(took['snmpwalk'])}, ms with the start of the tool: {best}")
+    assert best["snmpbulkwalk"] < 200

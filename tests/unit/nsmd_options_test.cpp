@@ -41,6 +41,18 @@ TEST(nsmd_options, values_and_defaults) {
     EXPECT_EQ(o.grace_s, 0U);
     EXPECT_EQ(o.log_level, LOG_LEVEL_DEBUG);
     EXPECT_TRUE(o.daemonize);
+    ASSERT_EQ(parse({"--dpll=kernel", "--dpll-device=ice", "--bits1=A", "--bits2=B", "--prio-best=3",
+                     "--prio-other=9", "--poll-ms=20"},
+                    &o),
+              options_result::run);
+    EXPECT_EQ(o.dpll, dpll_kind::kernel);
+    EXPECT_NE(o.kernel.device, nullptr);
+    EXPECT_NE(o.kernel.bits[0], nullptr);
+    EXPECT_NE(o.kernel.bits[1], nullptr);
+    EXPECT_EQ(o.kernel.prio_best, 3U);
+    EXPECT_EQ(o.kernel.prio_other, 9U);
+    EXPECT_EQ(o.poll.fast_ms, 20U);
+    EXPECT_EQ(parse({"--status"}, &o), options_result::status);
     EXPECT_EQ(parse({"-h"}, &o), options_result::help);
     EXPECT_EQ(parse({"-v"}, &o), options_result::version);
 }

@@ -106,7 +106,7 @@ TEST_F(server, each_client_has_its_own_sequence_and_goes_alone) {
     loop.run(1);
     nsm_server_send_clock(s, nullptr, 2, 0);
     EXPECT_EQ(b.take_all(), (texts{"clock 2 0"}));
-    b.say(NSMD_MSG_BYE);
+    b.say(NSM_MSG_BYE);
     b.hang_up();
     loop.run(1);
     EXPECT_EQ(take(), (texts{"clients 1", "clients 2", "clients 1", "clients 0 clean"}));

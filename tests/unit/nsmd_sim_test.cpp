@@ -293,7 +293,7 @@ TEST_F(core, goodbye_is_holdover_at_once) {
     nsm_test_client c, observer;
     connect_quietly(&c);
     lock_to(&c, 26);
-    c.say(NSMD_MSG_BYE);
+    c.say(NSM_MSG_BYE);
     c.hang_up();
     loop.run(1);
     connect(&observer);

@@ -8,10 +8,10 @@
 #include <map>
 #include <tuple>
 
+#include "daemon_fixture.h"
 #include "snmp/ssm_mib.h"
 #include "snmp/ssm_notify.h"
 #include "suite/agentx_record.h"
-#include "daemon_fixture.h"
 
 namespace {
 

@@ -1,0 +1,15 @@
+// Which rights the daemon keeps once it runs. CAP_NET_RAW: a port whose sends are held up gets a packet
+// socket of its own later. CAP_NET_ADMIN goes: it was for the socket buffers beyond the system's limit, which
+// are set by now. CAP_DAC_OVERRIDE goes as well: configuration, log and pid file are the daemon's own, and a
+// file that another user has closed to root's group and the world stays closed.
+#include "pal/pal_rights.h"
+
+#include <linux/capability.h>
+
+#include <cstdint>
+
+#include "suite/rights.h"
+
+void pal_rights_drop() {
+    rights_reduce(std::uint64_t{1} << CAP_NET_RAW);
+}

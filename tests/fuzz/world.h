@@ -1,0 +1,306 @@
+// The daemon as the fuzz targets run it: real records, operations, timers, socket unit, NSM client and loop;
+// in place of the clock, the packet socket and NSM stand a counter, a queue of frames, and a socket pair or
+// nothing. One world an input, so that an input alone decides what happens. What must always hold ends the
+// process.
+#pragma once
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <vector>
+
+#include "core/ssm_loop.h"
+#include "core/ssm_opts.h"
+#include "core/ssm_pdu.h"
+#include "core/ssm_ports.h"
+#include "core/ssm_ql.h"
+#include "core/ssm_socket.h"
+#include "frame/ssm_debug.h"
+#include "frame/ssm_start.h"
+#include "suite/log.h"
+#include "suite/nsm_client.h"
+
+inline void must(bool holds, const char* what) {
+    if (holds) return;
+    std::fprintf(stderr, "FAULT rule broken: %s\n", what);
+    std::abort();
+}
+
+// What is left of an input; reads of nothing are zeros.
+struct input {
+    const std::uint8_t* at;
+    std::size_t left;
+
+    std::uint8_t octet() {
+        if (left == 0) return 0;
+        --left;
+        return *at++;
+    }
+    const_octets take(std::size_t count) {
+        count = std::min(count, left);
+        const const_octets taken(at, count);
+        at += count;
+        left -= count;
+        return taken;
+    }
+};
+
+struct fuzz_world {
+    bool with_link = false;  // NSM is the far end of a socket pair; else it can't be reached
+    int nsm_fd = -1;         // that end
+
+    void start(bool with_nsm_link) {
+        with_link = with_nsm_link;
+        ssm_debug = 0;
+        memory_init(SSM_PROTO_ID);
+        log_use_sink(LOG_SINK_STDERR, false);
+        for (std::size_t type = 0; type < TYPES; ++type)
+            before[type] = memmgr_type_stats(static_cast<memory_type>(type)).blocks;
+        current = this;
+        g_p_esmcd = lib_create("fuzz");
+        must(g_p_esmcd && lib_start(g_p_esmcd) >= 0, "the library starts");
+        const thread_edges edges = {now_edge, wait_edge, this};
+        g_p_esmcd->master = thread_master_create(&edges);
+        g_s_master = static_cast<ssm_master*>(ssm_calloc(sizeof(ssm_master), MTYPE_SSM_MASTER));
+        must(g_p_esmcd->master && g_s_master && ssm_master_init() == 0,
+             "the loop and the clock record start");
+        slow = {open_edge, send_edge, receive_edge, this};
+        slow_socket_set_edge(&slow);
+        nsm_client_set_link_open(link_edge);
+        must(ssm_instance_create(g_p_esmcd) == 0, "the instance starts");
+        ssm_socket_arm_read();
+        settle();
+    }
+
+    void stop() {
+        while (g_p_esmcd->ifm.count) if_remove(&g_p_esmcd->ifm, g_p_esmcd->ifm.items[0]);
+        nsm_client_stop(ssm_instance->nsm_client);
+        close_ssm();
+        lib_stop(g_p_esmcd);
+        memmgr_free(ssm_instance, MTYPE_SSM_INSTANCE);
+        memmgr_free(g_s_master, MTYPE_SSM_MASTER);
+        g_p_esmcd = nullptr;
+        ssm_instance = nullptr;
+        g_s_master = nullptr;
+        slow_socket_set_edge(nullptr);
+        nsm_client_set_link_open(nullptr);
+        end_link();
+        for (std::size_t type = 0; type < TYPES; ++type) {
+            const auto t = static_cast<memory_type>(type);
+            if (t == MTYPE_LOG) continue;  // the recent lines are the process's
+            must(memmgr_type_stats(t).blocks == before[type], memmgr_type_name(t));
+        }
+    }
+
+    void turn() {
+        thread event;
+        must(thread_fetch(g_p_esmcd, &event) != nullptr, "the loop goes on");
+        (void)ssm_run_event(&event);
+        must(++turns < 400'000, "the loop comes to rest");
+    }
+    // Runs what can run without time passing.
+    void settle() {
+        while (!inbox.empty() || link_wants_turn()) turn();
+    }
+    void pass(std::uint32_t ms) {
+        bool done = false;
+        const auto over = [](thread* event) {
+            *static_cast<bool*>(event->arg) = true;
+            return 0;
+        };
+        must(thread_add_timer_msec(g_p_esmcd, over, &done, ms) != nullptr, "a timer can be added");
+        while (!done) turn();
+        settle();
+    }
+    // Runs `work` as an event of the loop, like a command.
+    template <typename Work>
+    void in_event(Work work) {
+        struct job {
+            Work* work;
+            bool done;
+        } j = {&work, false};
+        const auto run = [](thread* event) {
+            auto* todo = static_cast<job*>(event->arg);
+            (*todo->work)();
+            todo->done = true;
+            return 0;
+        };
+        must(thread_add_timer_msec(g_p_esmcd, run, &j, 0) != nullptr, "an event can be added");
+        while (!j.done) turn();
+        settle();
+    }
+
+    void hear(std::uint32_t kernel_ifindex, std::vector<std::uint8_t> frame) {
+        inbox.push_back({kernel_ifindex, std::move(frame)});
+        settle();
+    }
+
+    // NSM's end of the link goes away.
+    void end_link() {
+        if (nsm_fd >= 0) close(nsm_fd);
+        nsm_fd = -1;
+    }
+
+    // A message of NSM's, without a link.
+    void deliver(std::uint16_t type, const std::vector<std::uint8_t>& body) {
+        std::vector<std::uint8_t> m(NSM_HEADER_SIZE);
+        put_be16(m, 0, type);
+        put_be16(m, 2, static_cast<std::uint16_t>(m.size() + body.size()));
+        m.insert(m.end(), body.begin(), body.end());
+        in_event([&] { nsm_client_deliver(ssm_instance->nsm_client, m.data(), m.size()); });
+    }
+    static std::vector<std::uint8_t> words(std::initializer_list<std::uint32_t> values) {
+        std::vector<std::uint8_t> body(values.size() * 4);
+        std::size_t at = 0;
+        for (const std::uint32_t v : values) {
+            put_be32(body, at, v);
+            at += 4;
+        }
+        return body;
+    }
+    // Kernel indexes are those of the daemon and 1000.
+    static std::vector<std::uint8_t> link_body(std::uint32_t index, bool up,
+                                               std::uint16_t type = IF_TYPE_SYNCE) {
+        std::vector<std::uint8_t> body(nsm_link::SIZE);
+        put_be32(body, nsm_link::IFINDEX, index);
+        put_be32(body, nsm_link::KERNEL_IFINDEX, index + 1000);
+        put_be16(body, nsm_link::TYPE, type);
+        put_be16(body, nsm_link::FLAGS, up ? nsm_link::FLAG_UP : 0);
+        body[nsm_link::MAC] = 2;
+        body[nsm_link::NAME] = 'p';
+        body[nsm_link::NAME + 1] = static_cast<std::uint8_t>('0' + index / 10 % 10);
+        body[nsm_link::NAME + 2] = static_cast<std::uint8_t>('0' + index % 10);
+        return body;
+    }
+
+    // ---- The rules ----
+
+    static bool live(const ssm_port* wanted) {
+        return ssm_port_walk_until([&](const ssm_port* port) { return port == wanted; });
+    }
+    void check_records() const {
+        const ssm_master& m = *g_s_master;
+        must(!m.selected_port || live(m.selected_port), "the selected port is a live record");
+        must(!m.force_port || live(m.force_port), "the forced port is a live record");
+        must(!m.gephy_dynamic_intf || live(ssm_if_port(m.gephy_dynamic_intf)),
+             "the gephy port is a live record");
+        must(!m.freerun || !m.holdover, "not free-run and holdover at once");
+        must(!m.freerun || !m.selected_port, "no source in free-run");
+        must(!m.holdover || !m.selected_port, "no source in holdover");
+        must(m.global_enable || !m.selected_port, "no source with SyncE off");
+        if (m.selected_port)
+            must(m.selected_port->link_up && m.selected_port->synce_enable, "the source is up and enabled");
+        ssm_port_walk([&](const ssm_port* p) {
+            const bool runs = p->synce_enable && m.global_enable && m.ssm_enable;
+            const bool transmits = p->esmc_mode == SSM_ESMC_TX || p->esmc_mode == SSM_ESMC_ALL;
+            must(!p->link_up || (p->send_timer != nullptr) == (runs && transmits),
+                 "send timer as configured");
+            must(!p->timeout_timer || runs, "no time-out on a port that is off");
+            must(p->recv_quality <= QL_DNU && p->force_rx_quality <= QL_DNU, "qualities are codes");
+        });
+    }
+
+  private:
+    static constexpr std::size_t TYPES = 1024;
+    struct queued_frame {
+        std::uint32_t kernel_ifindex;
+        std::vector<std::uint8_t> octets;
+    };
+
+    bool link_wants_turn() {
+        drain_nsm();
+        return client_readable() || (client_fd >= 0 && !greeted);
+    }
+    // The client closes its end by itself; its number may then be another descriptor's.
+    void drain_nsm() {
+        if (!nsm_client_get_stats(ssm_instance->nsm_client).connected) client_fd = -1;
+        std::uint8_t m[256];
+        while (nsm_fd >= 0) {
+            const ssize_t n = recv(nsm_fd, m, sizeof m, MSG_DONTWAIT);
+            if (n < 0) return;
+            if (n == 0) {
+                end_link();
+                return;
+            }
+            greeted = true;
+            must(n >= static_cast<ssize_t>(NSM_HEADER_SIZE), "requests have a header");
+            must(get_be16({m, NSM_HEADER_SIZE}, 2) == n, "requests say their length");
+        }
+    }
+    bool client_readable() const {
+        pollfd p = {client_fd, POLLIN, 0};
+        return client_fd >= 0 && poll(&p, 1, 0) == 1;
+    }
+
+    static nanoseconds now_edge(void* self) { return static_cast<fuzz_world*>(self)->now; }
+    static int wait_edge(void* arg, int timeout_ms, thread_ready* out, int max) {
+        auto* self = static_cast<fuzz_world*>(arg);
+        int count = 0;
+        self->drain_nsm();
+        if (!self->inbox.empty() && count < max) out[count++] = {self->slow_fd, true, false};
+        if (self->client_fd >= 0 && count < max) {
+            const bool in = self->client_readable();
+            if (in || !self->greeted) out[count++] = {self->client_fd, in, !self->greeted};
+        }
+        if (count == 0 && timeout_ms > 0) self->now += static_cast<nanoseconds>(timeout_ms) * NS_PER_MS;
+        return count;
+    }
+    static int open_edge(void* self) {
+        return static_cast<fuzz_world*>(self)->slow_fd = eventfd(0, EFD_CLOEXEC);
+    }
+    static ssize_t send_edge(void*, int, const_octets frame, std::uint32_t kernel_ifindex) {
+        must(frame.size() >= 60 && frame.size() <= 1514, "frames have a legal length");
+        must(get_be16(frame, 12) == 0x8809 && frame[14] == 0x0A, "frames are ESMC");
+        const std::uint8_t quality = frame[14 + 13];
+        must(quality <= QL_DNU && quality != QL_NONE, "qualities sent are codes");
+        bool known = false, lawful = false;
+        ssm_port_walk([&](const ssm_port* p) {
+            if (p->intf->kernel_ifindex != kernel_ifindex) return;
+            known = true;
+            lawful |= !p->link_up || p != g_s_master->selected_port || quality == QL_DNU;
+        });
+        must(known, "frames leave on ports");
+        must(lawful, "the source is told DNU");
+        return static_cast<ssize_t>(frame.size());
+    }
+    static ssize_t receive_edge(void* arg, int, octets frame, std::uint32_t* kernel_ifindex) {
+        auto* self = static_cast<fuzz_world*>(arg);
+        if (self->inbox.empty()) {
+            errno = EAGAIN;
+            return -1;
+        }
+        const queued_frame f = std::move(self->inbox.front());
+        self->inbox.pop_front();
+        const std::size_t n = std::min(f.octets.size(), frame.size());
+        if (n) std::memcpy(frame.data(), f.octets.data(), n);
+        *kernel_ifindex = f.kernel_ifindex;
+        return static_cast<ssize_t>(n);
+    }
+    static int link_edge() {
+        if (!current->with_link) return -ECONNREFUSED;
+        int pair[2];
+        if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, pair) < 0) return -errno;
+        current->end_link();
+        current->nsm_fd = pair[0];
+        current->client_fd = pair[1];
+        current->greeted = false;
+        return pair[1];
+    }
+
+    inline static fuzz_world* current = nullptr;
+    slow_edge slow = {};  // must stay as long as it is used
+    std::uint64_t before[TYPES] = {};
+    nanoseconds now = 1'000 * NS_PER_S;
+    std::uint64_t turns = 0;
+    int slow_fd = -1, client_fd = -1;
+    bool greeted = false;
+    std::deque<queued_frame> inbox;
+};
