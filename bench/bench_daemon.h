@@ -75,6 +75,7 @@ struct bench_daemon {
         ssm_instance->lib_ctx = g_p_esmcd;
         ssm_instance->sock = -1;
         if (open_ssm() < 0) bench_die("packet socket");
+        slow_socket_set_rate_limit(1'000'000'000);  // at work, but never the limit
         // Not started: requests are kept, which costs what sending costs without the kernel's part.
         ssm_instance->nsm_client = nsm_client_create(g_p_esmcd, 0);
         (void)if_add_hook(&g_p_esmcd->ifm, IF_CALLBACK_VR_BIND, ssm_port_create);

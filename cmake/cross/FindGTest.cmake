@@ -14,3 +14,7 @@ if(NOT TARGET gtest)
   endforeach()
 endif()
 set(GTest_FOUND TRUE)
+
+# Read by the tests' folder alone. The conversions of test code are judged by the native builds; where a number's
+# width differs here, a warning is enough.
+add_compile_options(-Wno-error=conversion)

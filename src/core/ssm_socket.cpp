@@ -2,6 +2,7 @@
 // path arms the next read, so that exactly one is pending while the socket is open.
 #include "core/ssm_socket.h"
 
+#include <cerrno>
 #include <cstring>
 
 #include "core/ssm_loop.h"
@@ -113,7 +114,9 @@ int recv_ssm(thread* /*event*/) {
     slow_address from;
     const ssize_t received = slow_recvfrom(ssm_instance->sock, pdu, &from);
     int result = -1;
-    if (received < 0)
+    if (received < 0 && errno == EAGAIN)
+        result = -1;  // what was there was dropped at the socket, for its port brings too many
+    else if (received < 0)
         SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_WARNING, "%s%s%s: ssm receive failed (%d)", "recv_ssm",
                   static_cast<int>(received));
     else

@@ -49,6 +49,7 @@ constexpr cli_help texts[] = {
     {"show", "interfaces", "Ports, their state and frames"},
     {"show", "memory", "Memory by purpose"},
     {"show", "version", "Version of the program"},
+    {"show", "nsm", "The link to the network services manager, and what it was asked for"},
     {"show", "slow-protocols", "The packet socket and its counters"},
     {"", "terminal", "Settings of this terminal"},
     {"terminal", "length", "Lines of a page"},

@@ -2,7 +2,9 @@
 // it to whom it concerns. The daemon creates one client at start-up and never waits for it.
 //
 // A session goes down - greeting - dump - synchronised, and back to down from anywhere. Handlers re-add their
-// own events; while there is no link a timer tries twice a second.
+// own events; while there is no link a timer tries twice a second. That timer is always pending, at other
+// times far away: moving it needs no memory, so that a link that breaks while there is none left is tried
+// again.
 //
 // What can go wrong: no server, a server that refuses or leaves (tried again for ever, said once), malformed
 // messages (dropped, each kind of fault logged once a minute at most; the link stays). Hooks and callbacks
@@ -28,24 +30,37 @@
 namespace {
 
 constexpr std::uint32_t RETRY_MS = 500;
+constexpr std::uint32_t RESERVE_MS = 3'600'000;
 constexpr nanoseconds FAULT_LOG_PERIOD = 60 * NS_PER_S;
 
 nsm_link_open link_open = nsm_link_open_real;
 
 void try_connect(nsm_client* nc);
+void continue_sending(nsm_client* nc);
 int on_readable(thread* event);
 
 // Events ------------------------------------------------------------------------------------------------
 
-int on_retry(thread* event) {
-    auto* nc = static_cast<nsm_client*>(event->arg);
-    nc->retry = nullptr;
-    try_connect(nc);
-    return 0;
+int on_retry(thread* event);
+
+void set_retry(nsm_client* nc, std::uint32_t milliseconds) {
+    thread_cancel(nc->retry);
+    nc->retry = thread_add_timer_msec(nc->ctx, on_retry, nc, milliseconds);
 }
 
 void want_retry(nsm_client* nc) {
-    if (!nc->retry) nc->retry = thread_add_timer_msec(nc->ctx, on_retry, nc, RETRY_MS);
+    set_retry(nc, RETRY_MS);
+}
+
+int on_retry(thread* event) {
+    auto* nc = static_cast<nsm_client*>(event->arg);
+    nc->retry = nullptr;
+    set_retry(nc, RESERVE_MS);  // first, while the place of the timer that ran is free
+    if (nc->fd < 0)
+        try_connect(nc);
+    else
+        continue_sending(nc);
+    return 0;
 }
 
 void drop_link(nsm_client* nc) {
@@ -85,13 +100,17 @@ void send_hello(nsm_client* nc) {
         nc->hello_sent = true;
 }
 
-int on_writable(thread* event) {
-    auto* nc = static_cast<nsm_client*>(event->arg);
-    nc->write = nullptr;
+void continue_sending(nsm_client* nc) {
     if (nc->phase == nsm_phase::greeting && !nc->hello_sent)
         send_hello(nc);
     else
         nsm_requests_flush(nc);
+}
+
+int on_writable(thread* event) {
+    auto* nc = static_cast<nsm_client*>(event->arg);
+    nc->write = nullptr;
+    continue_sending(nc);
     return 0;
 }
 
@@ -326,7 +345,9 @@ int nsm_send(nsm_client* nc, std::uint16_t type, const std::uint32_t* words, std
 }
 
 void nsm_want_write(nsm_client* nc) {
-    if (!nc->write && nc->fd >= 0) nc->write = thread_add_write(nc->ctx, on_writable, nc, nc->fd);
+    if (nc->write || nc->fd < 0) return;
+    nc->write = thread_add_write(nc->ctx, on_writable, nc, nc->fd);
+    if (!nc->write) set_retry(nc, RETRY_MS);
 }
 
 // The public face -----------------------------------------------------------------------------------------
@@ -371,8 +392,10 @@ int nsm_client_set_callback(nsm_client* nc, std::int32_t message_type, nsm_callb
 }
 
 int nsm_client_start(nsm_client* nc) {
+    set_retry(nc, RESERVE_MS);
+    if (!nc->retry) return -1;
     try_connect(nc);
-    return nc->read || nc->retry ? 0 : -1;
+    return 0;
 }
 
 void nsm_client_stop(nsm_client* nc) {

@@ -60,6 +60,7 @@ slow_opened opened{-1, slow_kind::closed, false, 0, 0};
 lib_globals* loop;  // context of the open socket
 thread* drops_timer;
 slow_stats totals;
+nanoseconds frame_worth = NS_PER_S / SLOW_RATE_DEFAULT;  // 0: no limit
 const slow_edge* edge;
 read_ahead ring;
 alignas(8) std::uint8_t out_frame[HEADER + PAYLOAD_MAX];
@@ -193,6 +194,20 @@ bool wanted(const std::uint8_t* frame, std::size_t length, const sockaddr_ll& fr
            std::memcmp(frame, SLOW_GROUP, sizeof SLOW_GROUP) == 0 && frame[14] == 0x0A;
 }
 
+// The port's frames are worth a time each; a port that is too far ahead of the clock has brought too many.
+bool within_limit(slow_port* port) {
+    if (!port || frame_worth == 0) return true;
+    const nanoseconds now = thread_now(loop);
+    if (port->paid_until < now) port->paid_until = now;
+    if (port->paid_until - now >= SLOW_BURST * frame_worth) {
+        ++port->stats.limited;
+        ++totals.limited;
+        return false;
+    }
+    port->paid_until += frame_worth;
+    return true;
+}
+
 slow_port* count_in(slow_port* port, slow_address* from) {
     ++totals.frames_in;
     if (port) {
@@ -205,7 +220,20 @@ slow_port* count_in(slow_port* port, slow_address* from) {
     return port;
 }
 
-ssize_t take_frame(std::size_t at, octets payload, slow_address* from) {
+// The next frame that was read ahead, is wanted, and is not one too many of its port. False when there is
+// none.
+bool next_frame(std::size_t* at, slow_port** port) {
+    while (ring.next != ring.count) {
+        *at = ring.next++;
+        *port = slow_port_by_kernel(static_cast<std::uint32_t>(ring.from[*at].sll_ifindex));
+        if (!opened.filtered && !wanted(ring.frame[*at], ring.length[*at], ring.from[*at])) continue;
+        if (within_limit(*port)) return true;
+    }
+    errno = EAGAIN;
+    return false;
+}
+
+ssize_t take_frame(std::size_t at, slow_port* port, octets payload, slow_address* from) {
     const std::uint8_t* frame = ring.frame[at];
     const std::size_t length = ring.length[at];
     if (length < HEADER) {
@@ -215,7 +243,7 @@ ssize_t take_frame(std::size_t at, octets payload, slow_address* from) {
     }
     std::memcpy(from->destination, frame, 6);
     std::memcpy(from->source, frame + 6, 6);
-    count_in(slow_port_by_kernel(static_cast<std::uint32_t>(ring.from[at].sll_ifindex)), from);
+    count_in(port, from);
     const std::size_t kept = std::min(length - HEADER, payload.size());
     std::memcpy(payload.data(), frame + HEADER, kept);
     return static_cast<ssize_t>(kept);
@@ -227,7 +255,12 @@ ssize_t receive_native(int fd, octets payload, slow_address* from) {
     const ssize_t got = recvfrom(fd, payload.data(), payload.size(), MSG_DONTWAIT,
                                  reinterpret_cast<sockaddr*>(&address), &length);
     if (got < 0) return got;
-    count_in(slow_port_by_ifindex(address.ifindex), &address);
+    slow_port* port = slow_port_by_ifindex(address.ifindex);
+    if (!within_limit(port)) {
+        errno = EAGAIN;
+        return -1;
+    }
+    count_in(port, &address);
     *from = address;
     return got;
 }
@@ -369,18 +402,11 @@ ssize_t slow_recvfrom(int fd, octets payload, slow_address* from) {
     }
     if (opened.kind == slow_kind::native) return receive_native(fd, payload, from);
     if (ring.next == ring.count && !refill(fd)) return -1;
-    std::size_t at = ring.next++;
-    if (!opened.filtered) {
-        while (!wanted(ring.frame[at], ring.length[at], ring.from[at])) {
-            if (ring.next == ring.count) {
-                errno = EAGAIN;
-                return -1;
-            }
-            at = ring.next++;
-        }
-    }
+    std::size_t at = 0;
+    slow_port* port = nullptr;
+    if (!next_frame(&at, &port)) return -1;
     if (ring.next != ring.count) thread_mark_ready(loop, fd);
-    return take_frame(at, payload, from);
+    return take_frame(at, port, payload, from);
 }
 
 void slow_socket_port_bound(const interface* intf) {
@@ -407,6 +433,14 @@ void slow_socket_port_unbound(const interface* intf) {
     leave_group(port);
     drop_own_socket(port);
     slow_port_drop(port);
+}
+
+void slow_socket_set_rate_limit(std::uint32_t frames_per_second) {
+    frame_worth = frames_per_second == 0 ? 0 : NS_PER_S / frames_per_second;
+}
+
+std::uint32_t slow_socket_rate_limit() {
+    return frame_worth == 0 ? 0 : static_cast<std::uint32_t>(NS_PER_S / frame_worth);
 }
 
 bool slow_socket_port_stats(std::uint32_t ifindex, slow_port_stats* stats) {

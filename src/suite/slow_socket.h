@@ -43,13 +43,22 @@ void slow_socket_port_unbound(const interface* intf);
 
 struct slow_port_stats {
     std::uint64_t frames_in, frames_out;
+    std::uint64_t limited;  // frames dropped because the port brought too many
     std::uint64_t no_buffer, again, link_down, no_device, other_errors;  // sends that failed
 };
 // False when the port is unknown.
 bool slow_socket_port_stats(std::uint32_t ifindex, slow_port_stats* stats);
 
+// How many frames a second a port may bring in for long. A slow protocol sends ten at the most (IEEE 802.3
+// annex 57A); what goes beyond a burst of SLOW_BURST frames is counted and dropped before it costs the daemon
+// anything. 0: no limit.
+constexpr std::uint32_t SLOW_RATE_DEFAULT = 10;
+constexpr std::uint32_t SLOW_BURST = 100;
+void slow_socket_set_rate_limit(std::uint32_t frames_per_second);
+std::uint32_t slow_socket_rate_limit();
+
 struct slow_stats {
-    std::uint64_t frames_in, frames_out, unknown_port, short_frames;
+    std::uint64_t frames_in, frames_out, unknown_port, short_frames, limited;
     std::uint64_t kernel_drops;  // frames that the receive buffer had no room for
 };
 slow_stats slow_socket_stats();

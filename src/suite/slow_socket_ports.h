@@ -7,6 +7,7 @@
 
 #include <cstdint>
 
+#include "suite/clock.h"
 #include "suite/slow_socket.h"
 
 struct slow_port {
@@ -16,7 +17,8 @@ struct slow_port {
     std::uint32_t joins;           // how often it was joined there; 0: not a member
     int own_fd;                    // sending socket of this port alone, -1 while it shares the common one
     std::uint8_t mac[6];
-    sockaddr_ll to;  // ready for sending
+    sockaddr_ll to;          // ready for sending
+    nanoseconds paid_until;  // rate limit: each frame taken moves it on by the time that a frame is worth
     slow_port_stats stats;
 };
 

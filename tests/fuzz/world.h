@@ -57,6 +57,13 @@ struct fuzz_world {
     bool with_link = false;  // NSM is the far end of a socket pair; else it can't be reached
     int nsm_fd = -1;         // that end
 
+    // For scripted runs: NSM greets and states these links, and what was sent is counted by daemon index.
+    bool nsm_answers = false;
+    std::vector<std::vector<std::uint8_t>> links;
+    std::uint64_t sent[256] = {};
+    int send_errors[256] = {};  // errno that sending on the port fails with
+    std::uint64_t connects = 0;
+
     void start(bool with_nsm_link) {
         with_link = with_nsm_link;
         ssm_debug = 0;
@@ -64,26 +71,29 @@ struct fuzz_world {
         log_use_sink(LOG_SINK_STDERR, false);
         for (std::size_t type = 0; type < TYPES; ++type)
             before[type] = memmgr_type_stats(static_cast<memory_type>(type)).blocks;
-        current = this;
-        g_p_esmcd = lib_create("fuzz");
-        must(g_p_esmcd && lib_start(g_p_esmcd) >= 0, "the library starts");
-        const thread_edges edges = {now_edge, wait_edge, this};
-        g_p_esmcd->master = thread_master_create(&edges);
-        g_s_master = static_cast<ssm_master*>(ssm_calloc(sizeof(ssm_master), MTYPE_SSM_MASTER));
-        must(g_p_esmcd->master && g_s_master && ssm_master_init() == 0,
-             "the loop and the clock record start");
-        slow = {open_edge, send_edge, receive_edge, this};
-        slow_socket_set_edge(&slow);
-        nsm_client_set_link_open(link_edge);
-        must(ssm_instance_create(g_p_esmcd) == 0, "the instance starts");
+        must(try_start(), "the daemon starts");
         ssm_socket_arm_read();
         settle();
     }
 
-    void stop() {
-        while (g_p_esmcd->ifm.count) if_remove(&g_p_esmcd->ifm, g_p_esmcd->ifm.items[0]);
-        nsm_client_stop(ssm_instance->nsm_client);
-        close_ssm();
+    // What start() does where memory may be short. Without success there is nothing but to clear away.
+    bool try_start() {
+        current = this;
+        slow = {open_edge, send_edge, receive_edge, this};
+        slow_socket_set_edge(&slow);
+        nsm_client_set_link_open(link_edge);
+        g_p_esmcd = lib_create("fuzz");
+        if (!g_p_esmcd || lib_start(g_p_esmcd) < 0) return false;
+        const thread_edges edges = {now_edge, wait_edge, this};
+        g_p_esmcd->master = thread_master_create(&edges);
+        g_s_master = static_cast<ssm_master*>(ssm_calloc(sizeof(ssm_master), MTYPE_SSM_MASTER));
+        if (!g_p_esmcd->master || !g_s_master || ssm_master_init() < 0) return false;
+        return ssm_instance_create(g_p_esmcd) == 0;
+    }
+    void clear_away() {
+        while (g_p_esmcd && g_p_esmcd->ifm.count) if_remove(&g_p_esmcd->ifm, g_p_esmcd->ifm.items[0]);
+        if (ssm_instance) nsm_client_stop(ssm_instance->nsm_client);
+        if (ssm_instance) close_ssm();
         lib_stop(g_p_esmcd);
         memmgr_free(ssm_instance, MTYPE_SSM_INSTANCE);
         memmgr_free(g_s_master, MTYPE_SSM_MASTER);
@@ -93,6 +103,10 @@ struct fuzz_world {
         slow_socket_set_edge(nullptr);
         nsm_client_set_link_open(nullptr);
         end_link();
+    }
+
+    void stop() {
+        clear_away();
         for (std::size_t type = 0; type < TYPES; ++type) {
             const auto t = static_cast<memory_type>(type);
             if (t == MTYPE_LOG) continue;  // the recent lines are the process's
@@ -116,10 +130,12 @@ struct fuzz_world {
             *static_cast<bool*>(event->arg) = true;
             return 0;
         };
-        must(thread_add_timer_msec(g_p_esmcd, over, &done, ms) != nullptr, "a timer can be added");
+        add_timer(over, &done, ms);
         while (!done) turn();
         settle();
     }
+    // The clock alone moves, as when the process was stopped.
+    void jump(std::int64_t ms) { now += static_cast<nanoseconds>(ms) * NS_PER_MS; }
     // Runs `work` as an event of the loop, like a command.
     template <typename Work>
     void in_event(Work work) {
@@ -133,14 +149,15 @@ struct fuzz_world {
             todo->done = true;
             return 0;
         };
-        must(thread_add_timer_msec(g_p_esmcd, run, &j, 0) != nullptr, "an event can be added");
+        add_timer(run, &j, 0);
         while (!j.done) turn();
         settle();
     }
 
-    void hear(std::uint32_t kernel_ifindex, std::vector<std::uint8_t> frame) {
+    // `settled` false: the frame waits in the socket.
+    void hear(std::uint32_t kernel_ifindex, std::vector<std::uint8_t> frame, bool settled = true) {
         inbox.push_back({kernel_ifindex, std::move(frame)});
-        settle();
+        if (settled) settle();
     }
 
     // NSM's end of the link goes away.
@@ -149,13 +166,22 @@ struct fuzz_world {
         nsm_fd = -1;
     }
 
-    // A message of NSM's, without a link.
-    void deliver(std::uint16_t type, const std::vector<std::uint8_t>& body) {
+    static std::vector<std::uint8_t> message(std::uint16_t type, const std::vector<std::uint8_t>& body) {
         std::vector<std::uint8_t> m(NSM_HEADER_SIZE);
         put_be16(m, 0, type);
         put_be16(m, 2, static_cast<std::uint16_t>(m.size() + body.size()));
         m.insert(m.end(), body.begin(), body.end());
+        return m;
+    }
+    // A message of NSM's, without a link.
+    void deliver(std::uint16_t type, const std::vector<std::uint8_t>& body) {
+        const auto m = message(type, body);
         in_event([&] { nsm_client_deliver(ssm_instance->nsm_client, m.data(), m.size()); });
+    }
+    // Over the link; lost while there is none.
+    void nsm_says(std::uint16_t type, const std::vector<std::uint8_t>& body) {
+        const auto m = message(type, body);
+        if (nsm_fd >= 0) (void)send(nsm_fd, m.data(), m.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     }
     static std::vector<std::uint8_t> words(std::initializer_list<std::uint32_t> values) {
         std::vector<std::uint8_t> body(values.size() * 4);
@@ -186,7 +212,7 @@ struct fuzz_world {
     static bool live(const ssm_port* wanted) {
         return ssm_port_walk_until([&](const ssm_port* port) { return port == wanted; });
     }
-    void check_records() const {
+    void check_records_after_faults() const {
         const ssm_master& m = *g_s_master;
         must(!m.selected_port || live(m.selected_port), "the selected port is a live record");
         must(!m.force_port || live(m.force_port), "the forced port is a live record");
@@ -198,6 +224,11 @@ struct fuzz_world {
         must(m.global_enable || !m.selected_port, "no source with SyncE off");
         if (m.selected_port)
             must(m.selected_port->link_up && m.selected_port->synce_enable, "the source is up and enabled");
+    }
+    // These do not hold where an allocation failed a moment ago.
+    void check_records() const {
+        const ssm_master& m = *g_s_master;
+        check_records_after_faults();
         ssm_port_walk([&](const ssm_port* p) {
             const bool runs = p->synce_enable && m.global_enable && m.ssm_enable;
             const bool transmits = p->esmc_mode == SSM_ESMC_TX || p->esmc_mode == SSM_ESMC_ALL;
@@ -233,7 +264,19 @@ struct fuzz_world {
             greeted = true;
             must(n >= static_cast<ssize_t>(NSM_HEADER_SIZE), "requests have a header");
             must(get_be16({m, NSM_HEADER_SIZE}, 2) == n, "requests say their length");
+            if (nsm_answers && get_be16({m, NSM_HEADER_SIZE}, 0) == NSM_MSG_HELLO) greet();
         }
+    }
+    void greet() {
+        nsm_says(NSM_MSG_HELLO_ACK, words({0}));
+        for (const auto& body : links) nsm_says(NSM_MSG_LINK_ADD, body);
+        nsm_says(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, words({2, 0}));
+        nsm_says(NSM_MSG_SYNC_DONE, {});
+    }
+    // An event of the test's own. Where allocations are made to fail, the failure may be this one's.
+    static void add_timer(thread_func func, void* arg, std::uint32_t ms) {
+        if (thread_add_timer_msec(g_p_esmcd, func, arg, ms)) return;
+        must(thread_add_timer_msec(g_p_esmcd, func, arg, ms) != nullptr, "a timer can be added");
     }
     bool client_readable() const {
         pollfd p = {client_fd, POLLIN, 0};
@@ -256,7 +299,14 @@ struct fuzz_world {
     static int open_edge(void* self) {
         return static_cast<fuzz_world*>(self)->slow_fd = eventfd(0, EFD_CLOEXEC);
     }
-    static ssize_t send_edge(void*, int, const_octets frame, std::uint32_t kernel_ifindex) {
+    static ssize_t send_edge(void* arg, int, const_octets frame, std::uint32_t kernel_ifindex) {
+        auto* self = static_cast<fuzz_world*>(arg);
+        const std::uint32_t index = kernel_ifindex - 1000;
+        if (index < 256 && self->send_errors[index]) {
+            errno = self->send_errors[index];
+            return -1;
+        }
+        if (index < 256) ++self->sent[index];
         must(frame.size() >= 60 && frame.size() <= 1514, "frames have a legal length");
         must(get_be16(frame, 12) == 0x8809 && frame[14] == 0x0A, "frames are ESMC");
         const std::uint8_t quality = frame[14 + 13];
@@ -267,6 +317,8 @@ struct fuzz_world {
             known = true;
             lawful |= !p->link_up || p != g_s_master->selected_port || quality == QL_DNU;
         });
+        if (!known) fprintf(stderr, "kernel index %u\n", kernel_ifindex);
+        if (!known) for (auto* i : if_list(&g_p_esmcd->ifm)) fprintf(stderr, "%s %u %u port %p bound %d type %d\n", i->name, i->ifindex, i->kernel_ifindex, i->port, i->bound, i->type);
         must(known, "frames leave on ports");
         must(lawful, "the source is told DNU");
         return static_cast<ssize_t>(frame.size());
@@ -292,6 +344,7 @@ struct fuzz_world {
         current->nsm_fd = pair[0];
         current->client_fd = pair[1];
         current->greeted = false;
+        ++current->connects;
         return pair[1];
     }
 

@@ -92,6 +92,7 @@ class sim : public ::testing::Test {
         current = this;
         slow = {open_edge, send_edge, receive_edge, this};
         slow_socket_set_edge(&slow);
+        slow_socket_set_rate_limit(0);  // scenarios hear much in no time
         nsm_client_set_link_open(link_edge);
         ASSERT_EQ(ssm_instance_create(g_p_esmcd), 0);
         ssm_socket_arm_read();

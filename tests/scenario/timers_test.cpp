@@ -206,6 +206,35 @@ TEST_F(timers, indexes_above_eight_bits_are_looked_up_by_their_low_octet) {
     EXPECT_EQ(ssm_port_lookup_by_ifindex(44), nullptr);
 }
 
+TEST_F(timers, a_port_that_brings_too_many_frames_costs_nothing_and_others_are_heard) {
+    slow_socket_set_rate_limit(SLOW_RATE_DEFAULT);
+    add_port(1);
+    add_port(2);
+    const auto limited = [](std::uint32_t index) {
+        slow_port_stats stats = {};
+        EXPECT_TRUE(slow_socket_port_stats(index, &stats));
+        return stats.limited;
+    };
+    // What the protocol allows passes for ever: an information PDU and nine event PDUs a second.
+    for (int i = 0; i < 600; ++i) {
+        advance(100);
+        hear(1, {.quality = i % 2 ? QL_PRC : QL_SSU_A, .event = i % 10 != 0});
+    }
+    EXPECT_EQ(limited(1), 0U);
+    for (std::uint32_t i = 0; i < SLOW_BURST; ++i) hear(2, QL_SSU_B);  // a burst passes, too
+    EXPECT_EQ(limited(2), 0U);
+
+    hear(1, QL_PRC);
+    for (int i = 0; i < 5000; ++i) hear(2, i % 2 ? QL_PRC : QL_SSU_A);
+    EXPECT_EQ(limited(2), 5000U);
+    EXPECT_EQ(port(2)->recv_quality, QL_SSU_B);
+    EXPECT_EQ(selected(), 1U);
+    advance(1000);
+    for (int i = 0; i < 50; ++i) hear(2, QL_PRC);
+    EXPECT_EQ(limited(2), 5040U) << "ten more a second";
+    EXPECT_EQ(port(2)->recv_quality, QL_PRC);
+}
+
 // Memory that runs out for one timer must stop neither the daemon nor, for good, the port.
 TEST_F(timers, a_timer_that_can_not_be_armed_is_armed_by_the_next_update) {
     add_port(1, true, false);

@@ -277,9 +277,10 @@ TEST_F(Edge, ShowsALineAPort) {
     ASSERT_EQ(run_line(ctx, "show slow-protocols"), cli_result::ok);
     const std::size_t line = shown.find("\neth7 ");
     ASSERT_NE(line, std::string::npos) << shown;
-    EXPECT_EQ(
-        shown.substr(line + 1),
-        "eth7                 7          0          0         0         0         3         0         0\n");
+    EXPECT_EQ(shown.substr(line + 1),
+              "eth7                 7          0          0         0         0         0         3         "
+              "0         "
+              "0\n");
 }
 
 // The kernel -----------------------------------------------------------------------------------------------

@@ -1,0 +1,272 @@
+// The daemon when the machine fails it: memory that runs out at any single place or altogether, ports that
+// can't send, a clock that jumps, a process that was stopped. Nothing crashes or leaks, the rest works on,
+// and once the fault is over all is as if it had not been. Broken rules end the process; the run is in the
+// trace.
+#include <gtest/gtest.h>
+
+#include "frame/ssm_result.h"
+#include "fuzz/world.h"
+#include "suite/host.h"
+
+namespace {
+
+constexpr std::uint32_t PORTS = 70;  // more than the first blocks of events, timers, links and requests hold
+
+std::vector<std::uint8_t> pdu(std::uint8_t quality, bool event = false) {
+    std::vector<std::uint8_t> f = {0x01, 0x80, 0xC2, 0, 0, 2, 2, 0xEE, 0, 0, 0, 1, 0x88, 0x09};
+    f.resize(60);
+    const octets p(f.data() + 14, 46);
+    p[0] = 0x0A;
+    p[2] = 0x19;
+    p[3] = 0xA7;
+    p[5] = 1;
+    p[6] = event ? 0x18 : 0x10;
+    p[10] = 1;
+    p[12] = 4;
+    p[13] = quality;
+    return f;
+}
+
+ssm_port* port(std::uint32_t index) {
+    return ssm_if_port(if_lookup_by_index(&g_p_esmcd->ifm, index));
+}
+
+class faults : public ::testing::Test {
+  protected:
+    fuzz_world w;
+
+    void begin(std::uint32_t ports) {
+        w = fuzz_world();
+        w.nsm_answers = true;
+        for (std::uint32_t i = 1; i <= ports; ++i) w.links.push_back(fuzz_world::link_body(i, true));
+        w.start(false);
+        w.with_link = true;  // found at the next try
+    }
+    void enable() {
+        w.in_event([] {
+            (void)ssm_opts_set_global_enable(1);
+            (void)ssm_opts_set_ssm_enable(1);
+            for (interface* intf : if_list(&g_p_esmcd->ifm))
+                if (ssm_if_port(intf)) (void)ssm_opts_set_port_synce(intf, 1);
+        });
+    }
+    void hear(std::uint32_t index, std::uint8_t quality, bool settled = true) {
+        w.hear(index + 1000, pdu(quality), settled);
+    }
+    // Seconds in which port 1 goes on talking.
+    void pass_with_source(unsigned seconds, std::uint8_t quality = QL_PRC) {
+        for (; seconds > 0; --seconds) {
+            w.pass(1000);
+            hear(1, quality);
+        }
+    }
+    void start_switch(std::uint32_t ports) {
+        begin(ports);
+        w.pass(1000);
+        enable();
+        hear(1, QL_PRC);
+        w.pass(900);
+        hear(1, QL_PRC);
+        ASSERT_EQ(g_s_master->selected_port, port(1));
+    }
+    std::uint32_t talking(std::uint32_t ports) {
+        std::memset(w.sent, 0, sizeof w.sent);
+        pass_with_source(1);
+        std::uint32_t count = 0;
+        for (std::uint32_t i = 1; i <= ports; ++i) count += w.sent[i] == 1;
+        return count;
+    }
+};
+
+// ---- Memory ----
+
+class memory_faults : public faults {
+  protected:
+    // Start of the link, ports, configuration, lock, switch, time-outs, loss and return of NSM, removals.
+    void life() {
+        w.pass(1000);
+        enable();
+        hear(1, QL_SSU_A);
+        w.pass(900);
+        w.hear(1002, pdu(QL_PRC, true));
+        w.deliver(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, fuzz_world::words({4, 2}));
+        w.in_event([] {
+            (void)ssm_opts_set_ssm_extend(1);
+            (void)ssm_opts_set_local_quality(QL_EEC1, SSM_OPTION_1);
+            if (ssm_port* p = port(3)) {
+                (void)ssm_opts_set_port_quality(p->intf, 1, "ssu-b");
+                (void)ssm_opts_set_gephy_role(p->intf, 1, SSM_GEPHY_SLAVE);
+                (void)ssm_opts_set_force_port(p);
+            }
+            (void)ssm_opts_clear_force();
+        });
+        w.check_records_after_faults();
+        w.deliver(NSM_MSG_LINK_DOWN, fuzz_world::words({2}));
+        w.pass(6000);  // time-outs, holdover
+        w.end_link();
+        w.pass(1200);
+        hear(2, QL_PRC);
+        w.deliver(NSM_MSG_LINK_DELETE, fuzz_world::words({3, 1}));
+        w.deliver(NSM_MSG_LINK_DELETE, fuzz_world::words({4, 0}));
+        w.deliver(NSM_MSG_LINK_ADD, fuzz_world::link_body(4, true));
+        w.deliver(NSM_MSG_LINK_ADD, fuzz_world::link_body(200, true));
+        w.check_records_after_faults();
+    }
+
+    void must_recover() {
+        // NSM states again what the fault may have lost, and the operator touches what concerns timers.
+        w.end_link();
+        w.pass(1500);
+        w.in_event([] { (void)ssm_opts_set_ssm_enable(0); });
+        enable();
+        ASSERT_TRUE(nsm_client_get_stats(ssm_instance->nsm_client).synchronised);
+        for (std::uint32_t i = 1; i <= PORTS; ++i) ASSERT_NE(port(i), nullptr) << "port " << i;
+        pass_with_source(2);
+        ASSERT_EQ(talking(PORTS), PORTS);
+        ASSERT_EQ(g_s_master->selected_port, port(1));
+        w.check_records();
+    }
+};
+
+TEST_F(memory_faults, every_allocation_of_a_life_fails_once) {
+    std::uint64_t nth = 0;
+    for (bool reached = true; reached;) {
+        ++nth;
+        SCOPED_TRACE("allocation " + std::to_string(nth));
+        begin(PORTS);
+        const std::uint64_t before = memmgr_allocations();
+        memmgr_fail_at(nth);
+        life();
+        reached = memmgr_allocations() - before >= nth;
+        memmgr_fail_at(0);
+        must_recover();
+        if (HasFatalFailure()) return;
+        w.stop();
+    }
+    EXPECT_GT(nth, 3 * PORTS) << "the life is too poor";
+}
+
+TEST_F(memory_faults, a_link_that_breaks_with_no_memory_left_comes_back) {
+    // At any fill of the loop's own tables, those included where the next event needs a new block.
+    const auto nothing = [](thread*) { return 0; };
+    for (std::size_t fill = 0; fill < 70; ++fill) {
+        SCOPED_TRACE("filled with " + std::to_string(fill));
+        begin(3);
+        w.pass(1000);
+        for (std::size_t i = 0; i < fill; ++i)
+            ASSERT_NE(thread_add_timer_msec(g_p_esmcd, nothing, nullptr, 3'600'000), nullptr);
+        ASSERT_TRUE(nsm_client_get_stats(ssm_instance->nsm_client).synchronised);
+        bool over = false;
+        const auto stop = [](thread* event) {
+            *static_cast<bool*>(event->arg) = true;
+            return 0;
+        };
+        ASSERT_NE(thread_add_timer_msec(g_p_esmcd, stop, &over, 3000), nullptr);
+        w.end_link();
+        while (!over) {
+            memmgr_fail_at(1);
+            w.turn();
+        }
+        memmgr_fail_at(0);
+        w.pass(1000);
+        ASSERT_TRUE(nsm_client_get_stats(ssm_instance->nsm_client).synchronised);
+        w.stop();
+    }
+}
+
+TEST_F(memory_faults, start_up_fails_cleanly_at_every_allocation) {
+    std::uint64_t held[1024];
+    for (std::uint64_t nth = 1;; ++nth) {
+        SCOPED_TRACE("allocation " + std::to_string(nth));
+        for (memory_type t = 0; t < 1024; ++t) held[t] = memmgr_type_stats(t).blocks;
+        const std::uint64_t before = memmgr_allocations();
+        memmgr_fail_at(nth);
+        const bool started = w.try_start();
+        const bool reached = memmgr_allocations() - before >= nth;
+        memmgr_fail_at(0);
+        if (started) w.pass(2000);
+        w.clear_away();
+        for (memory_type t = 0; t < 1024; ++t)
+            if (t != MTYPE_LOG) {
+                ASSERT_EQ(memmgr_type_stats(t).blocks, held[t]) << memmgr_type_name(t);
+            }
+        if (!reached) {
+            EXPECT_TRUE(started);
+            EXPECT_GT(nth, 5U);
+            return;
+        }
+    }
+}
+
+// ---- Sending ----
+
+TEST_F(faults, a_port_that_cant_send_is_counted_and_harms_no_other) {
+    start_switch(6);
+    const struct {
+        int error;
+        std::uint64_t slow_port_stats::*count;
+    } errors[] = {{ENOBUFS, &slow_port_stats::no_buffer},
+                  {EAGAIN, &slow_port_stats::again},
+                  {ENETDOWN, &slow_port_stats::link_down},
+                  {ENXIO, &slow_port_stats::no_device},
+                  {EIO, &slow_port_stats::other_errors}};
+    for (std::uint32_t i = 0; i < std::size(errors); ++i) w.send_errors[i + 2] = errors[i].error;
+    w.links.clear();
+    slow_port_stats before[7], after;
+    for (std::uint32_t i = 1; i <= 6; ++i) ASSERT_TRUE(slow_socket_port_stats(i, &before[i]));
+    std::memset(w.sent, 0, sizeof w.sent);
+    pass_with_source(10);
+    EXPECT_EQ(w.sent[1], 10U);
+    for (std::uint32_t i = 0; i < std::size(errors); ++i) {
+        ASSERT_TRUE(slow_socket_port_stats(i + 2, &after));
+        EXPECT_EQ(w.sent[i + 2], 0U);
+        EXPECT_EQ(after.*errors[i].count - before[i + 2].*errors[i].count, 10U) << strerror(errors[i].error);
+        EXPECT_EQ(after.frames_out, before[i + 2].frames_out);
+    }
+    std::memset(w.send_errors, 0, sizeof w.send_errors);
+    EXPECT_EQ(talking(6), 6U);
+    EXPECT_EQ(g_s_master->selected_port, port(1));
+    w.stop();
+}
+
+// ---- Time ----
+
+TEST_F(faults, a_stop_of_ten_seconds_ends_without_a_burst) {
+    start_switch(4);
+    std::memset(w.sent, 0, sizeof w.sent);
+    // What the neighbour sent meanwhile waits in the socket.
+    for (int i = 0; i < 10; ++i) hear(1, QL_PRC, false);
+    w.jump(10'000);
+    w.settle();
+    for (std::uint32_t i = 1; i <= 4; ++i) {
+        // One information PDU that is due, and events for the source that was lost and found.
+        EXPECT_GE(w.sent[i], 1U);
+        EXPECT_LE(w.sent[i], 3U) << "port " << i;
+    }
+    EXPECT_EQ(g_s_master->selected_port, port(1));
+    EXPECT_FALSE(g_s_master->holdover);
+    EXPECT_EQ(talking(4), 4U);
+    EXPECT_EQ(talking(4), 4U);
+    w.stop();
+}
+
+TEST_F(faults, a_clock_that_jumps_by_hours_keeps_the_period) {
+    for (const std::int64_t hours : {3, -3, 3000, -3000}) {
+        SCOPED_TRACE(hours);
+        start_switch(3);
+        w.jump(4000 * 3'600'000LL);  // far enough from zero to go back
+        w.settle();
+        pass_with_source(2);
+        std::memset(w.sent, 0, sizeof w.sent);
+        w.jump(hours * 3'600'000);
+        hear(1, QL_PRC);
+        w.settle();
+        for (std::uint32_t i = 1; i <= 3; ++i) EXPECT_LE(w.sent[i], 3U) << "port " << i;
+        pass_with_source(2);
+        EXPECT_EQ(g_s_master->selected_port, port(1));
+        EXPECT_EQ(talking(3), 3U);
+        w.stop();
+    }
+}
+
+}  // namespace

@@ -1,0 +1,359 @@
+// What the writers print must be read back to the same state, whatever was configured. Random lines, taken
+// from the installed commands themselves, are entered at a terminal of a daemon; its configuration is
+// written, read by a fresh daemon whose ports are bound partly before, partly behind the reading and partly
+// never, and written again. A seed that fails is shrunk to the fewest steps that still fail.
+#include <array>
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <random>
+
+#include "suite/cli_tree.h"
+#include "suite/host_state.h"
+#include "suite/log_sinks.h"
+#include "whole_tree.h"
+
+namespace {
+
+constexpr unsigned SEEDS = 300;
+constexpr std::size_t PORTS = 6;
+constexpr const char* PORT_NAMES[PORTS] = {"p1",
+                                           "p2",
+                                           "eth0/1",
+                                           "port!",
+                                           "p10",
+                                           "\xc3\xbc"
+                                           "ber"};
+
+// One thing that happens: a line in the configuration mode (no port) or in a port's mode, a bind, a link.
+enum class step_kind { line, bind, up, down };
+struct step {
+    step_kind kind = step_kind::line;
+    std::string port, line;
+    bool operator==(const step&) const = default;
+};
+using steps = std::vector<step>;
+
+std::string text_of(const step& s) {
+    if (s.kind == step_kind::line) return s.port.empty() ? s.line : "interface " + s.port + ": " + s.line;
+    return (s.kind == step_kind::bind ? "bind " : s.kind == step_kind::up ? "up " : "down ") + s.port;
+}
+
+struct scenario {
+    steps first;       // in the daemon that writes the configuration
+    steps later;       // while some ports of the second daemon still wait
+    unsigned early;    // ports (bits) that are bound before the second daemon reads
+    unsigned between;  // ... right behind it; the others at the very end
+};
+
+// Takes out whatever is not needed for the failure, in pieces that become smaller.
+void shrink(steps* list, const std::function<bool(const steps&)>& fails) {
+    for (std::size_t piece = list->size(); piece > 0; piece /= 2) {
+        for (std::size_t at = 0; at < list->size();) {
+            steps shorter = *list;
+            const auto first = shorter.begin() + static_cast<std::ptrdiff_t>(at);
+            const std::size_t count = std::min(piece, shorter.size() - at);
+            shorter.erase(first, first + static_cast<std::ptrdiff_t>(count));
+            if (fails(shorter))
+                *list = shorter;
+            else
+                at += piece;
+        }
+    }
+}
+
+// The global lines in their order, then each interface's lines. An interface without lines is left out, and
+// blanks at both ends of a line do not count.
+std::map<std::string, std::vector<std::string>> blocks_of(const std::string& text) {
+    std::map<std::string, std::vector<std::string>> blocks;
+    std::string name;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t end = text.find('\n', at);
+        std::string line = text.substr(at, end - at);
+        at = end + 1;
+        if (line.starts_with("interface ")) {
+            name = line.substr(10);
+            continue;
+        }
+        if (line.empty() || line[0] != ' ') name.clear();
+        const std::size_t first = line.find_first_not_of(' ');
+        if (first == std::string::npos || line[first] == '!') continue;
+        blocks[name].push_back(line.substr(first, line.find_last_not_of(' ') + 1 - first));
+    }
+    return blocks;
+}
+
+class generator {
+  public:
+    generator(const cli_tree* tree, unsigned seed) : tree_(tree), random_(seed) {}
+
+    scenario make() {
+        scenario s;
+        for (const char* port : PORT_NAMES)
+            if (below(8)) s.first.push_back({step_kind::bind, port, ""});
+        fill(&s.first, 4 + below(40));
+        fill(&s.later, below(2) ? 0 : 1 + below(10));
+        s.early = below(1u << PORTS);
+        s.between = below(1u << PORTS) & ~s.early;
+        return s;
+    }
+
+  private:
+    unsigned below(unsigned limit) { return static_cast<unsigned>(random_() % limit); }
+    const char* any_port() { return PORT_NAMES[below(PORTS)]; }
+
+    void fill(steps* list, unsigned count) {
+        while (list->size() < count) {
+            const unsigned what = below(20);
+            if (what == 0)
+                list->push_back({step_kind::bind, any_port(), ""});
+            else if (what <= 2)
+                list->push_back({what == 1 ? step_kind::up : step_kind::down, any_port(), ""});
+            else if (what <= 9)
+                list->push_back({step_kind::line, "", any_line(CONFIG_MODE)});
+            else
+                list->push_back({step_kind::line, any_port(), any_line(INTERFACE_MODE)});
+        }
+    }
+
+    // What changes modes is the test's own affair, hashing a password takes too long for it, and standard
+    // error is where its own report goes.
+    static bool left_out(const std::string& command) {
+        for (const char* other : {"exit", "end", "help", "do LINE", "interface IFNAME", "no interface IFNAME",
+                                  "password WORD", "log stderr"})
+            if (command == other) return true;
+        return false;
+    }
+
+    std::string any_line(std::int32_t mode) {
+        const cli_command_list& list = tree_->modes[mode];
+        const cli_command* command;
+        do command = list.items[below(static_cast<unsigned>(list.count))];
+        while (left_out(command->element->string));
+        std::string line;
+        const cli_token* at = nullptr;
+        for (std::uint64_t open = command->start; open; open = at->next) {
+            if (at && at->may_end && !below(3)) break;
+            std::size_t token;
+            do token = below(static_cast<unsigned>(command->count));
+            while (!(open >> token & 1));
+            const std::string before = at ? at->text : "";
+            at = &command->tokens[token];
+            line += (line.empty() ? "" : " ") + word_for(*at, before);
+        }
+        return line;
+    }
+
+    std::string word_for(const cli_token& token, const std::string& before) {
+        switch (token.kind) {
+            case cli_token_kind::keyword:
+                return token.text;
+            case cli_token_kind::ifname:
+                return below(12) ? any_port() : "nobody";
+            case cli_token_kind::range: {
+                const std::uint32_t span = token.high - token.low;
+                const std::array<std::uint32_t, 4> edges = {token.low, token.high, token.high - (span > 0),
+                                                            token.low + below(std::min(span, 9u) + 1)};
+                return std::to_string(edges[below(4)]);
+            }
+            default:
+                return free_word(before);
+        }
+    }
+
+    std::string free_word(const std::string& before) {
+        static constexpr const char* paths[] = {"/tmp/cli_property.log", "/tmp/|x", "/tmp/agentx",
+                                                "relative"};
+        static constexpr const char* hosts[] = {"127.0.0.1", "::1", "localhost", "192.0.2.7", "nowhere"};
+        static constexpr const char* words[] = {"switch-A", "!",        "#7", "|", "a|b",
+                                                "%s",       "\xc3\xbc", "no", "-1"};
+        if (before == "unix") return paths[below(4)];
+        if (before == "file") return "/dev/null";
+        if (before == "tcp") return hosts[below(5)];
+        if (before == "encrypted")
+            return "$6$saltsalt$"
+                   "qFmFH.bQmmtXzyBY0s9v7Oicd2z4XSIecDzlB5KiA2/jctKu9YterLp8wwnSq.qc.eoxqOmSuNp2xS0ktL3nh/";
+        return words[below(9)];
+    }
+
+    const cli_tree* tree_;
+    std::mt19937 random_;
+};
+
+class configuration : public daemon_test {
+  protected:
+    void SetUp() override { begin(); }
+    void TearDown() override {
+        daemon_test::TearDown();
+        log_close();
+        unlink(file_.c_str());
+    }
+
+    void begin() {
+        log_close();
+        log_syslog_set_path("/nonexistent");
+        clock_ = {};
+        daemon_test::SetUp();
+        log_set_default_sinks(0);
+        install_whole_tree(ctx_);
+        session_.line = &terminal_;
+        config_mode();
+        (void)run("no slow-protocols rate-limit");  // the socket outlives the context, with its limit
+        (void)output();
+        (void)logged();
+    }
+    void restart() {
+        daemon_test::TearDown();
+        begin();
+    }
+
+    std::string running() {
+        text_buffer text;
+        EXPECT_TRUE(host_running_text(ctx_->host, &text));
+        std::string result(text.view());
+        text_free(&text);
+        return result;
+    }
+
+    void bind(const std::string& name) {
+        if (if_lookup_by_name(&ctx_->ifm, name.c_str())) return;
+        std::uint32_t index = 1;
+        while (name != PORT_NAMES[index - 1]) index++;
+        add_port(name.c_str(), index);
+    }
+    void bind_all(unsigned ports) {
+        for (std::size_t i = 0; i < PORTS; i++)
+            if (ports >> i & 1) bind(PORT_NAMES[i]);
+    }
+
+    // What is wrong with the step, or "".
+    std::string play(const step& s) {
+        interface* intf = if_lookup_by_name(&ctx_->ifm, s.port.c_str());
+        switch (s.kind) {
+            case step_kind::bind:
+                bind(s.port);
+                return "";
+            case step_kind::up:
+                if (intf) if_up(&ctx_->ifm, intf);
+                return "";
+            case step_kind::down:
+                if (intf) if_down(&ctx_->ifm, intf);
+                return "";
+            case step_kind::line:
+                break;
+        }
+        config_mode();
+        if (!s.port.empty()) (void)run(("interface " + s.port).c_str());
+        const cli_result result = run(s.line.c_str());  // may be refused: most things may, at some moment
+        const std::string said = output();
+        if (result != cli_result::ok && result != cli_result::failed) return "not understood: " + text_of(s);
+        return "";
+    }
+    std::string play_all(const steps& list) {
+        std::string wrong;
+        for (const step& s : list)
+            if (wrong.empty()) wrong = play(s);
+        return wrong;
+    }
+
+    // A fresh daemon reads the text, with these ports bound. What it refused, or "".
+    std::string reload(const std::string& text, unsigned before, unsigned behind) {
+        restart();
+        bind_all(before);
+        FILE* out = std::fopen(file_.c_str(), "w");
+        std::fwrite(text.data(), 1, text.size(), out);
+        std::fclose(out);
+        host_config_start(ctx_, file_.c_str(), 0);
+        bind_all(behind);
+        for (const std::string& line : logged())
+            if (line.find("refused") != std::string::npos) return "refused" + line;
+        return "";
+    }
+
+    static std::string compare(const char* what, const std::string& one, const std::string& other) {
+        if (blocks_of(one) == blocks_of(other)) return "";
+        return std::string(what) + "\n--- one\n" + one + "--- other\n" + other;
+    }
+
+    // What is wrong with the scenario, or "".
+    std::string check(const scenario& s) {
+        constexpr unsigned all = (1u << PORTS) - 1;
+        restart();
+        std::string wrong = play_all(s.first);
+        const std::string written = running();
+        bind_all(all);
+        if (wrong.empty()) wrong = play_all(s.later);
+        const std::string without_restart = running();
+        if (wrong.empty()) wrong = reload(written, s.early, all & ~s.early);
+        if (wrong.empty()) wrong = compare("all ports bound in the end", written, running());
+        // What was read back takes and refuses the same lines as what was entered.
+        if (wrong.empty()) wrong = play_all(s.later);
+        if (wrong.empty())
+            wrong = compare("further lines, without and behind a restart", without_restart, running());
+        if (!wrong.empty()) return wrong;
+
+        // Ports that never come: their lines wait, and are saved as they wait.
+        const unsigned there = s.early | s.between;
+        wrong = reload(written, s.early, s.between);
+        if (wrong.empty()) wrong = play_all(s.later);
+        const std::string waiting = running();
+        unsigned bound = 0;
+        for (std::size_t i = 0; i < PORTS; i++)
+            if (if_lookup_by_name(&ctx_->ifm, PORT_NAMES[i])) bound |= 1u << i;
+        bind_all(all);
+        const std::string went_on = running();
+        if (wrong.empty() && s.later.empty()) wrong = compare("bound late", written, went_on);
+        if (wrong.empty()) wrong = reload(waiting, bound & s.early, bound & ~s.early);
+        if (wrong.empty()) wrong = compare("saved with lines that wait", waiting, running());
+        if (wrong.empty() && bound == there) {
+            bind_all(all);
+            wrong = compare("went on, or saved and started again", went_on, running());
+        }
+        return wrong;
+    }
+
+    std::string report(unsigned seed, scenario s) {
+        shrink(&s.first, [&](const steps& fewer) {
+            return !check({fewer, s.later, s.early, s.between}).empty();
+        });
+        shrink(&s.later, [&](const steps& fewer) {
+            return !check({s.first, fewer, s.early, s.between}).empty();
+        });
+        std::string text = "seed " + std::to_string(seed) + " fails with these steps alone:\n";
+        for (const step& line : s.first) text += "  " + text_of(line) + "\n";
+        text +=
+            "read with ports " + std::to_string(s.early) + " bound, then " + std::to_string(s.between) + "\n";
+        for (const step& line : s.later) text += "  then " + text_of(line) + "\n";
+        return text + check(s);
+    }
+
+    std::string file_ = "/tmp/cli_property_" + std::to_string(getpid()) + ".conf";
+    char terminal_ = 0;  // a session's record, as far as these commands look at it
+};
+
+TEST_F(configuration, is_read_back_as_it_was_written) {
+    const char* wanted = std::getenv("CLI_PROPERTY_SEEDS");
+    const unsigned count = wanted ? static_cast<unsigned>(std::atoi(wanted)) : SEEDS;
+    std::size_t lines = 0;
+    for (unsigned seed = 1; seed <= count; seed++) {
+        const scenario s = generator(ctx_->ctree, seed).make();
+        const std::string wrong = check(s);
+        if (!wrong.empty()) FAIL() << report(seed, s);
+        for (const auto& [name, block] : blocks_of(running())) lines += block.size();
+    }
+    EXPECT_GT(lines, std::size_t{count} * 4);  // the configurations hold something
+}
+
+TEST_F(configuration, failing_seed_is_shrunk_to_the_steps_that_matter) {
+    steps list = generator(ctx_->ctree, 7).make().first;
+    const step one = {step_kind::line, "p1", "clock synce enable"}, other = {step_kind::up, "p1", ""};
+    list.insert(list.begin() + 2, other);
+    list.push_back(one);
+    shrink(&list, [&](const steps& fewer) {
+        return std::find(fewer.begin(), fewer.end(), one) != fewer.end() &&
+               std::find(fewer.begin(), fewer.end(), other) != fewer.end();
+    });
+    EXPECT_EQ(list, (steps{other, one}));
+}
+
+}  // namespace
