@@ -28,8 +28,17 @@ install_missing() {
 BUILD_PACKAGES=(g++ cmake ninja-build)
 LAB_PACKAGES=(python3 iproute2 util-linux procps)
 TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev)
-SYSTEM_PACKAGES=("${LAB_PACKAGES[@]}" python3-pytest python3-scapy python3-pexpect tshark libcap2-bin)
+SYSTEM_PACKAGES=("${LAB_PACKAGES[@]}" python3-pytest python3-scapy python3-pexpect tshark libcap2-bin ethtool
+    snmp snmpd snmptrapd smitools tmux inetutils-telnet putty-tools netcat-openbsd)
 STYLE_PACKAGES=(clang-format clang-tidy)
+
+# need_mib_modules: Debian's main section has no base MIB modules (SNMPv2-SMI and the like); the npm package net-snmp ships them.
+need_mib_modules() {
+    [ -d "$root/build/mibs/node_modules/net-snmp/lib/mibs" ] && return 0
+    command -v npm >/dev/null || install_missing npm
+    mkdir -p "$root/build/mibs"
+    npm install --silent --no-audit --no-fund --prefix "$root/build/mibs" net-snmp </dev/null || die "npm install net-snmp failed"
+}
 
 # need_namespaces: says in one line why the network tests can't run here, if they can't.
 need_namespaces() {

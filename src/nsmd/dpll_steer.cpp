@@ -75,9 +75,9 @@ dpll_steer_end run_round(dpll_steering* s, const dpll_goal& goal) {
                     goal.device);
             return dpll_steer_end::failed;
         }
+        s->tried.settings[s->tried.count++] = setting;
         // The driver may have released it by itself when the target came in.
         if (setting.releases && dpll_read_pin(s->link, setting.pin) == 0 && is_so(s, setting)) continue;
-        s->tried.settings[s->tried.count++] = setting;
         const dpll_steer_end end = carry_out(s, setting);
         if (end != dpll_steer_end::reached) return end;
     }

@@ -5,9 +5,12 @@
 
 #include <linux/netlink.h>
 
+#include <cerrno>
 #include <cstring>
 
 namespace {
+
+constexpr int MAX_ERRNO = 4095;  // the kernel's own limit
 
 constexpr std::size_t MESSAGE_HEADER = 16, ATTR_HEADER = 4;
 
@@ -89,7 +92,8 @@ std::string_view nl_text(const_octets value) {
 }
 
 int nl_error_code(const nl_message& message) {
-    return static_cast<int>(nl_u32(message.body));
+    const int code = static_cast<int>(nl_u32(message.body));
+    return code <= 0 && code >= -MAX_ERRNO ? code : -EPROTO;
 }
 
 void nl_begin(nl_builder* b, std::uint16_t type, std::uint16_t flags, std::uint32_t sequence) {

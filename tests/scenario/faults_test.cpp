@@ -123,7 +123,9 @@ class memory_faults : public faults {
         for (std::uint32_t i = 1; i <= PORTS; ++i) ASSERT_NE(port(i), nullptr) << "port " << i;
         pass_with_source(2);
         ASSERT_EQ(talking(PORTS), PORTS);
-        ASSERT_EQ(g_s_master->selected_port, port(1));
+        ASSERT_EQ(g_s_master->selected_port, port(1))
+            << ssm_candidate_text(ssm_candidate_check(port(1))) << g_s_master->freerun << g_s_master->holdover
+            << (g_s_master->force_port != nullptr) << port(1)->recv_quality;
         w.check_records();
     }
 };
