@@ -8,18 +8,18 @@ namespace {
 
 constexpr cli_help texts[] = {
     // Ways in.
-    {"", "no", "Take a setting back"},
-    {"", "interface", "Configure one interface"},
-    {"interface", "IFNAME", "Name of the interface"},
+    {"", "no", "Undo a setting"},
+    {"", "interface", "Configure one port"},
+    {"interface", "IFNAME", "Name of a port"},
     {"", "clock", "Clock synchronisation of the switch"},
     {"no", "clock", "Clock synchronisation of the switch"},
     {"clock", "synce", "Synchronous Ethernet"},
     {"", "show", "Show state and configuration"},
-    {"", "debug", "Log what the daemon does"},
+    {"", "debug", "Switch debug messages on"},
 
     // The switch.
     {"clock synce", "global-enable", "Synchronous Ethernet of the whole switch"},
-    {"clock synce", "ssm", "Synchronization status messages"},
+    {"clock synce", "ssm", "Synchronisation status messages"},
     {"clock synce ssm", "enable", "Send, receive and act on status messages"},
     {"clock synce ssm enable", "gephy", "Let the selection set the master or slave role of copper ports"},
     {"clock synce ssm", "extend", "Carry clock identity and hop count in the messages"},
@@ -86,7 +86,7 @@ constexpr cli_help texts[] = {
     {"show clock", "bits", "State of the selected clock"},
     {"show", "debugging", "What is being logged"},
     {"show debugging", "ssm", "Status message daemon"},
-    {"no", "debug", "Stop logging what the daemon does"},
+    {"no", "debug", "Switch debug messages off"},
     {"debug", "ssm", "Status message daemon"},
     {"debug ssm", "event", "Events, requests, selection"},
     {"debug ssm", "cli", "Commands that are entered"},

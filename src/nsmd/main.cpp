@@ -20,6 +20,7 @@
 namespace {
 
 constexpr int LINK_WAIT_MS = 5000;
+constexpr const char* INDEX_PATH = "/run/nsmd.indexes";
 
 volatile std::sig_atomic_t stop_signal = 0;
 
@@ -63,7 +64,7 @@ bool go_to_background() {
 }
 
 int run(lib_globals* ctx, const nsmd_options& options) {
-    nsmd* n = nsmd_start(ctx, options, {netlink_system_edge(), NSM_SOCKET_PATH, LINK_WAIT_MS});
+    nsmd* n = nsmd_start(ctx, options, {netlink_system_edge(), NSM_SOCKET_PATH, LINK_WAIT_MS, INDEX_PATH});
     if (!n) return 1;
     int status = 1;
     if (!options.daemonize || go_to_background()) {

@@ -274,6 +274,7 @@ bool start_parts(nsmd* n, const nsmd_edges& edges) {
         log_sys(NSMD_MODULE, LOG_LEVEL_ERROR, "no memory to start with");
         return false;
     }
+    if (edges.index_path) port_table_keep_indexes(n->table, edges.index_path);
     if (!start_links(n, edges) || !start_dpll(n, edges)) return false;
     if (edges.socket_path && nsm_server_listen(n->server, edges.socket_path) < 0) return false;
     start_grace(n);

@@ -12,8 +12,9 @@ struct nsm_server;
 // Where nsmd meets the world; tests put their own in place.
 struct nsmd_edges {
     netlink_edge netlink;
-    const char* socket_path;  // null: no listening socket, clients are handed to the server
-    int link_wait_ms;         // how long the start waits for the kernel's links; 0: not at all
+    const char* socket_path;           // null: no listening socket, clients are handed to the server
+    int link_wait_ms;                  // how long the start waits for the kernel's links; 0: not at all
+    const char* index_path = nullptr;  // the file that keeps the ports' indexes; null: none
 };
 
 // Starts everything; `options` and the texts in it must outlive it. Null with a log line on failure.

@@ -14,6 +14,7 @@
 
 #include "nsmd/module.h"
 #include "nsmd/port_index.h"
+#include "nsmd/port_index_file.h"
 #include "suite/log.h"
 #include "suite/memory.h"
 
@@ -27,6 +28,8 @@ struct port_table {
     std::uint32_t sweep;
     bool dumping;
     port_index_pool indexes;
+    const char* index_path;  // null: they end with the table
+    bool save_failed;        // said already
 };
 
 namespace {
@@ -109,9 +112,20 @@ void refresh_identity(port_table* table) {
     table->sink.bridge(table->sink.arg, table->identity);
 }
 
+// Called before anybody hears of a new index: whoever is told of it must find it again after a kill.
+void save_indexes(port_table* table) {
+    if (!table->index_path) return;
+    const int result = port_index_save(&table->indexes, table->index_path);
+    if (result < 0 && !table->save_failed)
+        log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "can't write %s: %s; a restart may number the ports anew",
+                table->index_path, std::strerror(-result));
+    table->save_failed = result < 0;
+}
+
 void give_index(port_table* table, nsmd_port* port, bool own_only) {
     if (port->ifindex) return;
     std::uint32_t index = port_index_take_back(&table->indexes, port->name);
+    const bool is_known = index != 0;
     if (!index) index = port_index_take_own(&table->indexes, port->name, port->kernel_ifindex);
     if (!index && !own_only) index = port_index_take_any(&table->indexes, port->name);
     if (!index) {
@@ -122,6 +136,7 @@ void give_index(port_table* table, nsmd_port* port, bool own_only) {
         return;
     }
     port->ifindex = index;
+    if (!is_known) save_indexes(table);
     tell(table, *port, port_event::added);
 }
 
@@ -179,6 +194,7 @@ void rename_port(port_table* table, nsmd_port* port, const link_info& link) {
         port->up = false;
         tell(table, *port, port_event::removed);
         port_index_rename(&table->indexes, port->ifindex, link.name);
+        save_indexes(table);
     }
     copy_name(port->name, link.name);
     std::memcpy(port->mac, link.mac, sizeof port->mac);
@@ -252,6 +268,11 @@ port_table* port_table_create(const char* const* patterns, std::size_t pattern_c
     table->pattern_count = pattern_count;
     table->sink = sink;
     return table;
+}
+
+void port_table_keep_indexes(port_table* table, const char* path) {
+    table->index_path = path;
+    port_index_load(&table->indexes, path);
 }
 
 void port_table_free(port_table* table) {

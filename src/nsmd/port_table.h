@@ -3,7 +3,7 @@
 //
 // Indexes: 1 to 255, the kernel's own where it is in that range and free, else the lowest free one. A port
 // keeps its index as long as it lives, and one that returns under its name finds it again, unless more than
-// 255 ports were seen meanwhile.
+// 255 ports were seen meanwhile. With a file to keep them in, both hold over a restart of nsmd.
 #pragma once
 
 #include <cstdint>
@@ -65,6 +65,9 @@ struct port_table;
 // table. Null when memory is exhausted.
 port_table* port_table_create(const char* const* patterns, std::size_t pattern_count,
                               const port_table_sink& sink);
+// Indexes are numbered as this file says, and it is kept true. Before the first dump; `path` must outlive the
+// table. Without it a new table numbers anew.
+void port_table_keep_indexes(port_table* table, const char* path);
 void port_table_free(port_table* table);  // reports nothing; null is ignored
 
 // One link as the kernel states it (a complete record), or its end.

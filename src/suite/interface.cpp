@@ -48,14 +48,16 @@ bool make_room(if_master* ifm) {
     return true;
 }
 
-void run_hook(if_master* ifm, if_callback callback, interface* intf) {
+// False when the hook failed.
+bool run_hook(if_master* ifm, if_callback callback, interface* intf) {
     const if_hook hook = ifm->hooks[callback];
-    if (hook == nullptr) return;
+    if (hook == nullptr) return true;
     const int result = hook(intf);
     if (result < 0) {
         log_suite(LOG_LEVEL_DEBUG, "interface %s: hook %d returned %d", intf->name,
                   static_cast<int>(callback), result);
     }
+    return result >= 0;
 }
 
 }  // namespace
@@ -108,25 +110,28 @@ interface* if_add(if_master* ifm, const char* name, std::uint32_t ifindex, std::
 }
 
 void if_bind(if_master* ifm, interface* intf) {
-    run_hook(ifm, IF_CALLBACK_VR_BIND, intf);
+    const bool taken = run_hook(ifm, IF_CALLBACK_VR_BIND, intf);
+    // A first bind that failed (no memory for the port) is none: the next one tries again, and the lines that
+    // wait for the interface go on waiting.
+    if (!taken && !intf->bound) return;
     intf->bound = true;
     if (ifm->after_bind != nullptr) ifm->after_bind(ifm->ctx, intf);
 }
 
 void if_unbind(if_master* ifm, interface* intf) {
     if (!intf->bound) return;
-    run_hook(ifm, IF_CALLBACK_VR_UNBIND, intf);
+    (void)run_hook(ifm, IF_CALLBACK_VR_UNBIND, intf);  // it is unbound in any case
     intf->bound = false;
 }
 
 void if_up(if_master* ifm, interface* intf) {
     intf->up = true;
-    run_hook(ifm, IF_CALLBACK_UP, intf);
+    (void)run_hook(ifm, IF_CALLBACK_UP, intf);
 }
 
 void if_down(if_master* ifm, interface* intf) {
     intf->up = false;
-    run_hook(ifm, IF_CALLBACK_DOWN, intf);
+    (void)run_hook(ifm, IF_CALLBACK_DOWN, intf);
 }
 
 void if_remove(if_master* ifm, interface* intf) {

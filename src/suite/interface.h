@@ -32,8 +32,8 @@ enum if_callback : std::int32_t {
 };
 constexpr std::size_t IF_CALLBACK_COUNT = 8;
 
-using if_hook =
-    int (*)(interface*);  // the result is logged at debug level when negative, and otherwise ignored
+// A negative result is logged at debug level; of the bind hook it means that it failed.
+using if_hook = int (*)(interface*);
 
 struct if_master {
     lib_globals* ctx;
@@ -63,8 +63,9 @@ interface* ifg_get_by_name(const if_master* ifm, const char* name);
 
 // For the NSM client and for tests. if_add returns null when exhausted, or for an index that is taken.
 interface* if_add(if_master* ifm, const char* name, std::uint32_t ifindex, std::uint16_t type);
-void if_bind(if_master* ifm,
-             interface* intf);  // hook, `bound`, after_bind; a second bind calls the hook again
+// Hook, `bound`, after_bind; a second bind calls the hook again. An interface whose first bind fails stays
+// unbound.
+void if_bind(if_master* ifm, interface* intf);
 void if_unbind(if_master* ifm, interface* intf);  // hook; an interface that is not bound is ignored
 void if_up(if_master* ifm, interface* intf);
 void if_down(if_master* ifm, interface* intf);

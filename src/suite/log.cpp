@@ -173,10 +173,12 @@ void log_close() {
 void log_use_sink(log_sink sink, bool on) {
     settings.sinks = on ? settings.sinks | sink : settings.sinks & ~static_cast<unsigned>(sink);
     if (sink == LOG_SINK_SYSLOG && !on) log_syslog_close();
+    if (sink == LOG_SINK_STDERR && !on) log_stderr_close();
 }
 
 void log_set_default_sinks(unsigned sinks) {
     settings.sinks = settings.default_sinks = sinks;
+    if (!(sinks & LOG_SINK_STDERR)) log_stderr_close();
 }
 
 int log_set_file(const char* path) {

@@ -216,6 +216,10 @@ void log_stderr_write(const char* line, std::size_t length) {
     stream_write(&error_sink, line, length);
 }
 
+void log_stderr_close() {
+    close_error_sink();
+}
+
 int log_file_open(const char* path) {
     if (path == nullptr) {
         close_stream(&file_sink, true);

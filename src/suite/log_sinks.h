@@ -11,6 +11,8 @@ constexpr std::size_t LOG_LINE_MAX = 4096;
 // Writes a whole line, newline included, to standard error as it is now (it may have been redirected since
 // the line before).
 void log_stderr_write(const char* line, std::size_t length);
+// Lets go of what was opened for it: a pipe that is held on to keeps its reader waiting for the end.
+void log_stderr_close();
 
 // -1 with errno when `path` can't be opened; the former file stays then. Null closes.
 int log_file_open(const char* path);

@@ -60,8 +60,8 @@ struct fuzz_world {
     // For scripted runs: NSM greets and states these links, and what was sent is counted by daemon index.
     bool nsm_answers = false;
     std::vector<std::vector<std::uint8_t>> links;
-    std::uint64_t sent[256] = {};
-    int send_errors[256] = {};  // errno that sending on the port fails with
+    std::uint64_t sent[256] = {}, events[256] = {};  // information and event PDUs
+    int send_errors[256] = {};                       // errno that sending on the port fails with
     std::uint64_t connects = 0;
 
     void start(bool with_nsm_link) {
@@ -269,6 +269,9 @@ struct fuzz_world {
     }
     void greet() {
         nsm_says(NSM_MSG_HELLO_ACK, words({0}));
+        std::vector<std::uint8_t> bridge(nsm_bridge::SIZE);
+        bridge[nsm_bridge::MAC] = 2;
+        nsm_says(NSM_MSG_BRIDGE_ADD, bridge);
         for (const auto& body : links) nsm_says(NSM_MSG_LINK_ADD, body);
         nsm_says(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, words({2, 0}));
         nsm_says(NSM_MSG_SYNC_DONE, {});
@@ -310,7 +313,7 @@ struct fuzz_world {
             errno = self->send_errors[index];
             return -1;
         }
-        if (index < 256) ++self->sent[index];
+        if (index < 256) ++(frame[14 + 6] & 8 ? self->events : self->sent)[index];
         must(frame.size() >= 60 && frame.size() <= 1514, "frames have a legal length");
         must(get_be16(frame, 12) == 0x8809 && frame[14] == 0x0A, "frames are ESMC");
         const std::uint8_t quality = frame[14 + 13];

@@ -4,9 +4,10 @@ That the rest works with it is what all the other tests here show: they run the 
 """
 
 import os
+import re
 
 import pytest
-from lab import build_dir, is_sanitized, wait_until
+from lab import BIN, ROOT, build_dir, is_sanitized, wait_until
 
 CAP_NET_ADMIN, CAP_NET_RAW = 12, 13
 
@@ -29,14 +30,16 @@ def reduced(sw, program):
     return status_of(pid)
 
 
-@pytest.mark.parametrize("program, capability", [("esmcd", CAP_NET_RAW), ("nsmd", CAP_NET_ADMIN)])
-def test_one_capability_is_left_and_nothing_can_be_gained(switch, program, capability):
+@pytest.mark.parametrize("program, capability, word", [("esmcd", CAP_NET_RAW, "net_raw"),
+                                                       ("nsmd", CAP_NET_ADMIN, "net_admin")])
+def test_one_capability_is_left_and_nothing_can_be_gained(switch, program, capability, word):
     kept = reduced(switch, program)
     for field in ("CapEff", "CapPrm", "CapBnd"):
         assert int(kept[field], 16) == 1 << capability, field
     for field in ("CapInh", "CapAmb"):
         assert int(kept[field], 16) == 0, field
     assert kept["NoNewPrivs"] == "1"
+    assert f"rights: capabilities {word};" in getattr(switch, program).text()
     assert kept["Uid"].split() == ["0"] * 4
 
 
@@ -91,3 +94,21 @@ def test_the_link_to_nsmd_and_new_ports_survive_reduced_rights(lab, switch):
     lab.link(switch, "p4", lab.tester, "t4")
     switch.start_nsmd()
     switch.wait_port("p4", deadline=10.0, up="enable")
+
+
+@pytest.mark.parametrize("program", ["esmcd", "nsmd"])
+def test_the_limits_of_the_service_units_are_enough(lab, program):
+    """Started with the capabilities that the unit grants, nothing is missed: no warning, and the port works."""
+    sw = lab.switch("sw")
+    other = lab.node("other", board=None)
+    lab.link(sw, "p1", other, "t1")
+    unit = (ROOT / "packaging" / f"{program}.service").read_text()
+    granted = re.search(r"^CapabilityBoundingSet=(.*)$", unit, re.MULTILINE).group(1).lower().replace("cap_", "+")
+    limits = ["setpriv", "--bounding-set", "-all," + granted.replace(" ", ","), "--inh-caps", "-all", "--no-new-privs"]
+    options = {"nsmd": ["--port", "p*", "--dpll", "sim"], "esmcd": []}
+    for each in ("nsmd", "esmcd"):
+        prefix = limits if each == program else []
+        setattr(sw, each, sw.spawn(each, [*prefix, f"{BIN}/{each}", *options[each]]))
+    sw.wait_shell()
+    sw.wait_port("p1", deadline=10.0, up="enable")
+    assert [line for line in getattr(sw, program).text().splitlines() if " warning " in line or " error " in line] == []

@@ -15,11 +15,12 @@
 namespace {
 
 std::vector<std::string> trace;
+int bind_result;
 
 template <char Word>
 int note(interface* intf) {
     trace.push_back(std::string(1, Word) + (intf->bound ? "+" : "-") + (intf->up ? "^" : "_") + intf->name);
-    return -1;
+    return Word == 'b' ? bind_result : -1;
 }
 
 class Interfaces : public ::testing::Test {
@@ -27,6 +28,7 @@ class Interfaces : public ::testing::Test {
     void SetUp() override {
         log_use_sink(LOG_SINK_STDERR, false);
         trace.clear();
+        bind_result = 0;
         ifm = &ctx.ifm;
         ifm->ctx = &ctx;
         EXPECT_EQ(if_add_hook(ifm, IF_CALLBACK_VR_BIND, note<'b'>), 0);
@@ -60,6 +62,22 @@ TEST_F(Interfaces, HooksRunInOrderAndAfterBindBeforeUp) {
     if_remove(ifm, e);
     EXPECT_EQ(trace, (Words{"b-_eth1", "a+_eth1", "U+^eth1", "D+_eth1", "b+_eth1", "a+_eth1", "u+_eth1"}));
     EXPECT_TRUE(if_list(ifm).empty());
+}
+
+// A port record that could not be made: the next bind is the first, and what waits for the interface waits
+// on.
+TEST_F(Interfaces, AFirstBindThatFailsIsNone) {
+    interface* e = if_add(ifm, "eth1", 7, IF_TYPE_SYNCE);
+    ASSERT_NE(e, nullptr);
+    bind_result = -1;
+    if_bind(ifm, e);
+    if_unbind(ifm, e);
+    bind_result = 0;
+    if_bind(ifm, e);
+    bind_result = -1;  // there already
+    if_bind(ifm, e);
+    if_unbind(ifm, e);
+    EXPECT_EQ(trace, (Words{"b-_eth1", "b-_eth1", "a+_eth1", "b+_eth1", "a+_eth1", "u+_eth1"}));
 }
 
 TEST_F(Interfaces, OnlyTheFourHookNumbersAreTaken) {
