@@ -49,7 +49,8 @@ struct link_watch {
     thread* dump_timer;  // time-out of a running dump, or the pause before the next
     thread* poll_timer;
     dump_state dump;
-    bool dump_spoiled;  // something changed or was lost meanwhile: not to be believed
+    bool dump_spoiled;   // something changed or was lost meanwhile: not to be believed
+    bool dump_answered;  // its first message has come
     bool ready;
     std::uint32_t sequence, dump_sequence;
     std::uint32_t own_port;  // our netlink address, which the kernel's answers carry; 0 until one came
@@ -95,7 +96,7 @@ void begin_dump(link_watch* w) {
     }
     ++w->dumps;
     w->dump = dump_state::running;
-    w->dump_spoiled = false;
+    w->dump_spoiled = w->dump_answered = false;
     port_table_dump_begin(w->table);
     arm_dump_timer(w, DUMP_TIMEOUT_MS);
 }
@@ -166,6 +167,12 @@ void take_message(link_watch* w, const nl_message& message) {
     const bool of_dump = w->dump == dump_state::running && message.sequence == w->dump_sequence &&
                          (message.flags & NLM_F_MULTI);
     if (of_dump) w->own_port = message.port;
+    if (of_dump && !w->dump_answered) {
+        // What was queued before it is older than the list, and proves nothing about what exists by now:
+        // after an overrun the end of a link may be among what was lost.
+        w->dump_answered = true;
+        port_table_dump_begin(w->table);
+    }
     if (of_dump && (message.flags & NLM_F_DUMP_INTR)) w->dump_spoiled = true;
     switch (message.type) {
         case RTM_NEWLINK:

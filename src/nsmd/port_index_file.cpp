@@ -20,7 +20,7 @@ void reserve(port_index_pool* pool, const char* line) {
     static_assert(LINK_NAME_SIZE == 16);
     char name[LINK_NAME_SIZE];
     unsigned index;
-    if (std::sscanf(line, "%u %15s", &index, name) != 2) return;
+    if (std::sscanf(line, "%9u %15s", &index, name) != 2) return;
     if (index == 0 || index >= port_index_pool::COUNT || pool->used[index]) return;
     port_index_rename(pool, index, name);
     port_index_leave(pool, index);

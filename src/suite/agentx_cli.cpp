@@ -19,10 +19,15 @@ int refuse(cli* session, const char* text) {
     return CLI_ERROR;
 }
 
+bool same_target(const agentx_target& a, const agentx_target& b) {
+    if (a.tcp != b.tcp) return false;
+    return a.tcp ? a.port == b.port && std::strcmp(a.host, b.host) == 0 : std::strcmp(a.path, b.path) == 0;
+}
+
 // Restarts only for another master: a repeated line does no harm.
 int use_target(cli* session, const agentx_target& target) {
     snmp_agent* agent = agent_of(session);
-    if (std::memcmp(&agent->target, &target, sizeof target) == 0) return CLI_SUCCESS;
+    if (same_target(agent->target, target)) return CLI_SUCCESS;
     agent->target = target;
     agentx_restart(agent);
     return CLI_SUCCESS;

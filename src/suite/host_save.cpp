@@ -95,6 +95,10 @@ bool host_running_text(host_state* host, text_buffer* out) {
 }
 
 bool host_save(host_state* host, cli* session) {
+    if (!host->config_file) {  // none given yet, or no memory for its name
+        session->out_func(session->out_val, "%% No configuration file is known, nothing is saved\n");
+        return false;
+    }
     if (host->unreadable || host->lossy) {
         session->out_func(session->out_val, "%% %s was not read completely at start, it is not overwritten\n",
                           host->config_file);

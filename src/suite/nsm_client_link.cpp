@@ -16,8 +16,9 @@ int nsm_link_open_real() {
     if (fd < 0) return -errno;
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    static_assert(std::string_view(NSM_SOCKET_PATH).size() < sizeof address.sun_path);
-    std::strcpy(address.sun_path, NSM_SOCKET_PATH);
+    constexpr std::string_view PATH = NSM_SOCKET_PATH;
+    static_assert(PATH.size() < sizeof address.sun_path);
+    std::memcpy(address.sun_path, PATH.data(), PATH.size());  // zeroed above
     if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return fd;
     const int error = errno;
     close(fd);

@@ -105,8 +105,8 @@ const cli_help HELP[] = {
 
 int slow_socket_cli_init(lib_globals* ctx) {
     int result = cli_install(ctx->ctree, EXEC_MODE, &SHOW_SLOW_PROTOCOLS);
-    result |= cli_install(ctx->ctree, CONFIG_MODE, &RATE_LIMIT);
-    result |= cli_install(ctx->ctree, CONFIG_MODE, &NO_RATE_LIMIT);
+    result |= cli_install_gen(ctx->ctree, CONFIG_MODE, PRIVILEGE_MAX, 0, &RATE_LIMIT);
+    result |= cli_install_gen(ctx->ctree, CONFIG_MODE, PRIVILEGE_MAX, 0, &NO_RATE_LIMIT);
     result |= cli_install_config(ctx->ctree, CLI_WRITERS_FIRST, write_config);
     return result | cli_install_help(ctx->ctree, HELP, std::size(HELP));
 }

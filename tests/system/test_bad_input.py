@@ -24,7 +24,7 @@ def test_frames_of_any_length_and_content(wired, debug):
     """With debugging on as well: the dumps read every octet that they print."""
     if debug:
         wired.cli("debug ssm all")
-    wired.configure("clock synce ssm extend")
+    wired.configure("clock synce ssm extend", "slow-protocols rate-limit off")
     chance = random.Random(2)
     good = esmc(PRC, extension=(bytes(range(8)), 255))
     for round_number in range(1500):

@@ -13,6 +13,8 @@ from lab import wait_until
 from watch import Plug, Watch, status_of
 from wire import PRC, SLOW, SSU_A, Neighbour, Port, esmc
 
+pytestmark = pytest.mark.timing
+
 ENABLE = ["clock synce global-enable", "clock synce ssm enable", "interface p1", "clock synce priority 10",
           "clock synce enable", "exit", "interface p2", "clock synce priority 20", "clock synce enable", "exit"]
 
@@ -209,7 +211,7 @@ def test_port_deleted_and_made_anew(enabled):
 
 def many_ports(lab, count):
     """`count` veths, all down on the switch's side, all configured in its file."""
-    text = "clock synce global-enable\nclock synce ssm enable\nclock synce local-quality option1 ssu-a\nclock synce master-only\n!\n"
+    text = "clock synce global-enable\nclock synce ssm enable\nclock synce local-quality option1 prc\nclock synce master-only\n!\n"
     text += "".join(f"interface p{i}\n clock synce enable\n!\n" for i in range(1, count + 1))
     sw = lab.switch("sw", config=text)
     tester = lab.node("tester", board=None)
@@ -302,7 +304,7 @@ def test_killed_nsmd_of_255_ports_goes_unnoticed(lab):
                 heard.setdefault(name, []).append((frame[14 + 6] & 8, frame[14 + 13]))
         sw.nsmd.wait_log("connected", 5)
     assert len(heard) == 255
-    assert {what for frames in heard.values() for what in frames} == {(0, SSU_A)}
+    assert {what for frames in heard.values() for what in frames} == {(0, PRC)}
     counts = [len(frames) for frames in heard.values()]
     print(f"{min(counts)} to {max(counts)} frames a port in 4.5 s, nsmd killed three times")
     if not lab.sanitized:

@@ -207,8 +207,8 @@ def test_clients_that_misbehave_are_held_back(lab):
 
     def dial():
         made = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        made.connect(path)  # waits while the backlog is full
         made.settimeout(3)
-        made.connect(path)
         return made
 
     sw.start_esmcd()

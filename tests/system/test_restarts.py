@@ -14,6 +14,8 @@ from lab import wait_until
 from watch import Watch, status_of
 from wire import DNU, PRC
 
+pytestmark = pytest.mark.timing
+
 STATE_FILE = "/run/clock"
 FREERUN, HOLDOVER, LOCKED = 2, 3, 4
 REQUESTS = ["request: SyncE enabled on the switch", "request: the clock source is port 10 (p1)"]

@@ -9,6 +9,8 @@ import re
 import pytest
 from lab import BIN, ROOT, build_dir, is_sanitized, wait_until
 
+pytestmark = pytest.mark.timing
+
 CAP_NET_ADMIN, CAP_NET_RAW = 12, 13
 
 

@@ -69,6 +69,7 @@ TEST_F(watch, lost_messages_lead_to_a_dump_and_nothing_is_lost) {
     kernel.set(flapped, false);
     kernel.push_error(-ENOBUFS);
     kernel.push(link_octets(port(2, true)));  // old news that was queued before the loss
+    kernel.push(link_octets(port(1, true)));  // and of a link whose end was among what was lost
     loop.run(1);
     auto got = take();
     std::sort(got.begin(), got.end());
