@@ -111,6 +111,8 @@ def test_the_limits_of_the_service_units_are_enough(lab, program):
     for each in ("nsmd", "esmcd"):
         prefix = limits if each == program else []
         setattr(sw, each, sw.spawn(each, [*prefix, f"{BIN}/{each}", *options[each]]))
+        if each == "nsmd":
+            wait_until(sw.path("/run/nsmd.sock").exists, 5.0, "nsmd listens")
     sw.wait_shell()
     sw.wait_port("p1", deadline=10.0, up="enable")
     assert [line for line in getattr(sw, program).text().splitlines() if " warning " in line or " error " in line] == []
