@@ -172,6 +172,7 @@ def test_daemon_starts_before_nsm_and_finds_it_later(lab):
     sw.wait_port("p1", 3, up="enable")
     sw.nsmd.kill()
     sw.start_nsmd()
+    sw.nsmd.wait_log("connected")  # the port itself shows no restart of nsmd
     sw.wait_port("p1", 3, up="enable")
 
 

@@ -341,8 +341,12 @@ def test_other_links_to_the_master(switch, mibs):
 def traps(managed, mibs):
     switch, manager = managed
     switch.path("/run/snmptrapd.conf").write_text("disableAuthorization yes\n")
+    # The receiver runs inside, where /tmp, and with it perhaps this tree, is another one.
+    shutil.copytree(mibs, switch.path("/run/mibs"))
+    shutil.copy(ROOT / "mibs/ESMC-SSM-MIB.txt", switch.path("/run/mibs"))
     receiver = switch.spawn("snmptrapd", ["env", "SNMP_PERSISTENT_DIR=/run/snmptrap", "snmptrapd", "-f", "-Lo", "-C", "-c",
-                                          "/run/snmptrapd.conf", "-n", "-Oqs", *manager.mibs, "udp:127.0.0.1:1162"])
+                                          "/run/snmptrapd.conf", "-n", "-Oqs", "-M", "/run/mibs", "-m", "ESMC-SSM-MIB",
+                                          "udp:127.0.0.1:1162"])
     receiver.wait_log("NET-SNMP version")
     return receiver
 
