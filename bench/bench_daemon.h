@@ -1,10 +1,12 @@
 // A daemon with real sockets for the benchmarks: the process moves into a network namespace of its own, where
-// each port is one end of a veth pair whose other end plays the neighbour. Records, timers, loop and packet
-// socket are the daemon's.
+// each port is one end of a veth pair; the other ends, which play the neighbours, are in a second one, so
+// that what the daemon sends does not come back to it. Records, timers, loop and packet socket are the
+// daemon's.
 #pragma once
 
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
@@ -13,6 +15,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -35,6 +39,25 @@
 #include "suite/slow_socket.h"
 #include "suite/thread.h"
 
+template <typename Work>
+double seconds(Work&& work) {
+    const auto start = std::chrono::steady_clock::now();
+    work();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// The value below which `share` of them lie; 0.5 is the median.
+inline double quantile(std::vector<double> values, double share) {
+    if (values.empty()) return 0;
+    const auto at =
+        std::min(values.size() - 1, static_cast<std::size_t>(share * static_cast<double>(values.size())));
+    std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(at), values.end());
+    return values[at];
+}
+inline double median(std::vector<double> values) {
+    return quantile(std::move(values), 0.5);
+}
+
 constexpr std::uint16_t ETHERTYPE_SLOW = 0x8809;
 
 [[noreturn]] inline void bench_die(const char* what) {
@@ -42,26 +65,59 @@ constexpr std::uint16_t ETHERTYPE_SLOW = 0x8809;
     std::exit(1);
 }
 
-// Once a process: a namespace with `pairs` veth pairs s1-n1, s2-n2, ...
-inline void bench_namespace(unsigned pairs) {
-    static unsigned made = 0;
-    if (made == 0 && unshare(CLONE_NEWNET) != 0) bench_die("unshare (root is needed)");
-    if (made >= pairs) return;
+// The process's namespace has the ports s1, s2, ...; the neighbours' n1, n2, ...
+struct bench_spaces {
+    int ports, neighbours;
+};
+
+inline const bench_spaces& spaces() {
+    static const auto fresh = [] {
+        if (unshare(CLONE_NEWNET) != 0) bench_die("unshare (root is needed)");
+        return open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
+    };
+    static const bench_spaces made = [] {
+        const int neighbours = fresh();
+        return bench_spaces{fresh(), neighbours};
+    }();
+    return made;
+}
+
+// Runs `work` in the neighbours' namespace; sockets that it opens stay there.
+template <typename Work>
+auto among_neighbours(Work&& work) {
+    if (setns(spaces().neighbours, CLONE_NEWNET) != 0) bench_die("setns");
+    auto result = work();
+    if (setns(spaces().ports, CLONE_NEWNET) != 0) bench_die("setns");
+    return result;
+}
+
+inline int run_ip(const std::string& lines) {
     std::FILE* ip = popen("ip -batch -", "w");
-    if (!ip) bench_die("ip");
-    for (unsigned i = made + 1; i <= pairs; ++i) {
-        std::fprintf(ip, "link add s%u type veth peer name n%u\n", i, i);
-        std::fprintf(ip, "link set s%u up\nlink set n%u up\n", i, i);
+    if (!ip || std::fputs(lines.c_str(), ip) < 0 || pclose(ip) != 0) bench_die("ip -batch");
+    return 0;
+}
+
+inline void bench_pairs(unsigned count) {
+    static unsigned made = 0;
+    const std::string far =
+        "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(spaces().neighbours);
+    std::string near_lines, far_lines;
+    for (; made < count; ++made) {
+        const std::string n = std::to_string(made + 1);
+        near_lines +=
+            "link add s" + n + " type veth peer name n" + n + " netns " + far + "\nlink set s" + n + " up\n";
+        far_lines += "link set n" + n + " up\n";
     }
-    if (pclose(ip) != 0) bench_die("ip -batch");
-    made = pairs;
+    if (near_lines.empty()) return;
+    run_ip(near_lines);
+    among_neighbours([&] { return run_ip(far_lines); });
 }
 
 struct bench_daemon {
     std::vector<interface*> ports;
 
     explicit bench_daemon(unsigned count, bool extend = false) {
-        bench_namespace(count);
+        bench_pairs(count);
         log_use_sink(LOG_SINK_STDERR, false);
         memory_init(SSM_PROTO_ID);
         g_p_esmcd = lib_create("bench");
@@ -123,13 +179,14 @@ struct bench_daemon {
 
 // The neighbours: one send-only socket, a frame through the far end of a pair.
 struct bench_neighbours {
-    int fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
+    int fd = among_neighbours([] { return socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0); });
     std::vector<int> kernel_ifindex;
     std::vector<std::uint8_t> frame;
 
     explicit bench_neighbours(unsigned count, bool extend = false) : frame(60) {
         for (unsigned i = 1; i <= count; ++i)
-            kernel_ifindex.push_back(static_cast<int>(if_nametoindex(("n" + std::to_string(i)).c_str())));
+            kernel_ifindex.push_back(among_neighbours(
+                [&] { return static_cast<int>(if_nametoindex(("n" + std::to_string(i)).c_str())); }));
         const std::uint8_t head[] = {0x01, 0x80, 0xC2, 0,    0, 2,    2,    0xEE, 0, 0,   0,
                                      1,    0x88, 0x09, 0x0A, 0, 0x19, 0xA7, 0,    1, 0x10};
         std::memcpy(frame.data(), head, sizeof head);
@@ -139,6 +196,8 @@ struct bench_neighbours {
         if (extend) frame[14 + esmc::EXT_TLV_TYPE] = 2;
     }
     ~bench_neighbours() { close(fd); }
+
+    void say(std::uint8_t quality) { frame[14 + esmc::QUALITY] = quality; }
 
     // `count` frames, one port after the other.
     void send(unsigned count) {
@@ -151,6 +210,44 @@ struct bench_neighbours {
                 frame[14 + esmc::CLOCK_ID + 3] = static_cast<std::uint8_t>(1 + i % kernel_ifindex.size());
             if (sendto(fd, frame.data(), frame.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to) < 0)
                 bench_die("sendto");
+        }
+    }
+};
+
+// Sends what the daemon sends: one frame of the same length on each port, as fast as bare calls go.
+struct bare_sender {
+    int fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
+    std::uint8_t frame[60] = {0x01, 0x80, 0xC2, 0, 0, 2, 2, 0, 0, 0, 0, 1, 0x88, 0x09};
+    std::vector<sockaddr_ll> to;
+    std::vector<iovec> octets;
+    std::vector<mmsghdr> messages;
+
+    explicit bare_sender(const std::vector<interface*>& ports)
+        : to(ports.size()), octets(ports.size()), messages(ports.size()) {
+        for (std::size_t i = 0; i < ports.size(); ++i) {
+            to[i].sll_family = AF_PACKET;
+            to[i].sll_halen = 6;
+            to[i].sll_ifindex = static_cast<int>(ports[i]->kernel_ifindex);
+            octets[i] = {frame, sizeof frame};
+            messages[i] = {{&to[i], sizeof to[i], &octets[i], 1, nullptr, 0, 0}, 0};
+        }
+    }
+    ~bare_sender() { close(fd); }
+    bare_sender(const bare_sender&) = delete;
+    bare_sender& operator=(const bare_sender&) = delete;
+
+    void send_each() {
+        for (const sockaddr_ll& one : to)
+            if (sendto(fd, frame, sizeof frame, MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&one),
+                       sizeof one) < 0)
+                bench_die("sendto");
+    }
+    void send_at_once() {
+        for (std::size_t done = 0; done < messages.size();) {
+            const int sent =
+                sendmmsg(fd, &messages[done], static_cast<unsigned>(messages.size() - done), MSG_DONTWAIT);
+            if (sent < 1) bench_die("sendmmsg");
+            done += static_cast<std::size_t>(sent);
         }
     }
 };

@@ -3,11 +3,14 @@
 usage: bench/run [--json FILE] [FILTER]
 
 A benchmark reports what it measured as counters: `ns_per_WHAT` is the daemon's cost, `BARE_ns` that of a bare loop
-run in turn with it, and `x_BARE` the ratio of the two. A benchmark without such counters is printed with its time
-alone. FILTER is a regular expression over the benchmarks' names; --json keeps the raw figures.
+run in turn with it, and `x_BARE` the ratio of the two; `p99_ns` and `x_BARE_p99` are the 99th percentiles. A benchmark
+without such counters is printed with its time alone. Then follow the growth of each cost with the number of ports, and
+what the programs need (memory, an idle second, start). FILTER is a regular expression over the benchmarks' names, and
+leaves the programs out; --json keeps the raw figures.
 """
 
 import json
+import math
 import os
 import pathlib
 import platform
@@ -17,14 +20,31 @@ import sys
 import tempfile
 import time
 
+import bench_programs
+
 BUILD = pathlib.Path(os.environ.get("ESMC_BUILD") or pathlib.Path(__file__).resolve().parent.parent / "build" / "release")
 
 # (name, counter, goal): the ratio or the nanoseconds that a row should not exceed.
 GOALS = [
     (r"^receive_to_decision/ports:16/ext:\d", "x_epoll_recvfrom", 1.0),
-    (r"^fan_out/ports:\d+", "x_sendto", 1.15),
+    (r"^receive_to_decision/ports:16/ext:\d", "x_recvfrom", 1.6),
+    (r"^receive_(to_decision|new_quality)/ports:255/ext:\d", "x_recvfrom", 3.0),
+    (r"^reaction/ports:255", "x_bare_loop", 1.2),
+    (r"^idle_second/ports:255", "x_bare_loop", 2.0),
+    (r"^fan_out/ports:(16|255)", "x_sendto", 1.15),
     (r"^selection/ports:(16|64|255)/ext:0", "ns_per_port", 3.0),
 ]
+
+# Costs that are fitted over the port counts: (benchmark, counter, whether the counter is a cost for each port).
+GROWTH = [
+    ("receive_to_decision", "ns_per_frame", False),
+    ("receive_new_quality", "ns_per_frame", False),
+    ("reaction", "ns_per_reaction", False),
+    ("fan_out", "ns_per_pdu", True),
+    ("selection", "ns_per_port", True),
+]
+GROWTH_FROM = 16  # ports; below, what does not depend on them hides the growth
+GROWTH_GOAL = 1.25  # the exponent: 1 is linear, 2 quadratic; the caches may cost something
 
 
 def goal_of(name, counter):
@@ -54,14 +74,34 @@ def rows_of(run):
     name = re.sub(r"/(iterations:\d+|manual_time|real_time|repeats:\d+)", "", run["name"])
     costs = [key for key in run if key.startswith("ns_per_")]
     ours = run[costs[0]] if costs else run["cpu_time"] * SCALE[run["time_unit"]]
-    if costs and costs[0] == "ns_per_port" and ours < 1e-3:
-        ours *= 1e9  # reported in seconds by an inverted rate
     what = costs[0][3:].replace("_", " ") if costs else "per call"
     ratios = [key for key in run if key.startswith("x_")]
     for key in ratios:
-        yield name, what, ours, (key[2:], run.get(key[2:] + "_ns")), run[key], goal_of(name, key)
+        shown, bare_ns = (run["p99_ns"], run[key[2:] + "_ns"]) if key.endswith("_p99") else (ours, run[key[2:] + "_ns"])
+        yield name, what, shown, (key[2:], bare_ns), run[key], goal_of(name, key)
     if not ratios:
         yield name, what, ours, None, None, goal_of(name, costs[0]) if costs else None
+
+
+def growth_of(runs, benchmark, counter, each_port):
+    """(variant, exponent k of cost = c * ports^k by least squares over the logarithms, the port counts)."""
+    series = {}
+    for run in runs:
+        match = re.match(rf"^{benchmark}/ports:(\d+)((?:/ext:\d)?)(?:/|$)", run["name"])
+        if match and int(match[1]) >= GROWTH_FROM and counter in run:
+            ports = int(match[1])
+            series.setdefault(match[2], []).append((ports, run[counter] * (ports if each_port else 1)))
+    for variant, points in series.items():
+        if len(points) < 3:
+            continue
+        x, y = [math.log(ports) for ports, _ in points], [math.log(cost) for _, cost in points]
+        mean_x, mean_y = sum(x) / len(x), sum(y) / len(y)
+        slope = sum((a - mean_x) * (b - mean_y) for a, b in zip(x, y)) / sum((a - mean_x) ** 2 for a in x)
+        yield benchmark + variant, slope, [ports for ports, _ in points]
+
+
+def verdict_of(value, goal):
+    return "" if goal is None else f"<= {goal:g} {'ok' if value <= goal else 'MISSED'}"
 
 
 def machine():
@@ -93,13 +133,20 @@ def main(arguments):
             for name, what, ours, bare, ratio, goal in rows_of(run):
                 bare_name, bare_ns = bare or ("", None)
                 value = ratio if ratio is not None else ours
-                verdict = "" if goal is None else f"<= {goal:g} {'ok' if value <= goal else 'MISSED'}"
                 missed += goal is not None and value > goal
                 print(f"{name:36} {ours:9.1f} ns {what:10} {bare_name:>18} "
                       f"{'' if bare_ns is None else f'{bare_ns:7.1f} ns':>10} "
-                      f"{'' if ratio is None else f'{ratio:.2f}':>7}  {verdict}", flush=True)
+                      f"{'' if ratio is None else f'{ratio:.2f}':>7}  {verdict_of(value, goal)}", flush=True)
     if not runs:
         sys.exit("no benchmark was run")
+    for fitted in GROWTH:
+        for name, exponent, ports in growth_of(runs, *fitted):
+            missed += exponent > GROWTH_GOAL
+            over = ", ".join(map(str, ports))
+            print(f"growth of {name:36} ~ ports^{exponent:.2f} over {over} ports  {verdict_of(exponent, GROWTH_GOAL)}")
+    for name, value, unit, goal in bench_programs.measure(BUILD) if not pattern else ():
+        missed += goal is not None and value > goal
+        print(f"{name:46} {value:9.1f} {unit:4} {verdict_of(value, goal)}", flush=True)
     if keep:
         pathlib.Path(keep).write_text(json.dumps(runs, indent=1))
     print(f"{len(runs)} benchmarks, {missed} goals missed or benchmarks failed")

@@ -27,6 +27,7 @@ install_missing() {
 
 BUILD_PACKAGES=(g++ cmake ninja-build)
 LAB_PACKAGES=(python3 iproute2 util-linux procps)
+BENCH_PACKAGES=("${LAB_PACKAGES[@]}" strace)
 TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev)
 SYSTEM_PACKAGES=("${LAB_PACKAGES[@]}" python3-pytest python3-pytest-rerunfailures python3-scapy python3-pexpect tshark libcap2-bin ethtool
     snmp snmpd snmptrapd smitools tmux inetutils-telnet putty-tools netcat-openbsd)
