@@ -24,8 +24,8 @@ int main(int argc, char** argv) {
             break;
     }
     ssm_signal_init();
-    const std::int32_t rv =
-        ssm_start(settings.daemon_mode, settings.config_file, settings.vty_port, settings.progname);
+    const std::int32_t rv = ssm_start(settings.daemon_mode, settings.config_file, settings.vty_port,
+                                      settings.progname, settings.user.name ? &settings.user : nullptr);
     if (rv < 0) SSM_LOG(LOG_LEVEL_ERROR, "%s%sSSM start fail");
     std::exit(rv);
 }

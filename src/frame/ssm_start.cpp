@@ -7,7 +7,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "cli/ssm_cli.h"
 #include "core/ssm_loop.h"
@@ -22,7 +24,10 @@
 #include "snmp/ssm_mib.h"
 #include "snmp/ssm_notify.h"
 #include "suite/host.h"
+#include "suite/host_file.h"
 #include "suite/nsm_client.h"
+#include "suite/nsm_wire.h"
+#include "suite/rights_user.h"
 #include "suite/slow_socket.h"
 
 namespace {
@@ -86,13 +91,42 @@ void start_snmp() {
     (void)snmp_start(g_p_esmcd);
 }
 
-// Without a pid file the daemon runs all the same, and says nothing about it.
+// Open as long as the daemon runs, because another user than root can't remove it.
+int pid_file = -1;
+
+// Without a pid file the daemon runs all the same, and says nothing about it; part of a number would be
+// another process's.
 void write_pid_file() {
-    const int file = open(SSM_PID_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0666);
-    if (file < 0) return;
-    (void)fchmod(file, 0644);
-    (void)dprintf(file, "%d\n", static_cast<int>(getpid()));
-    close(file);
+    pid_file = open(SSM_PID_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0666);
+    if (pid_file < 0) return;
+    (void)fchmod(pid_file, 0644);
+    char text[16];
+    const int length = std::snprintf(text, sizeof text, "%d\n", static_cast<int>(getpid()));
+    if (write(pid_file, text, static_cast<std::size_t>(length)) != length) (void)ftruncate(pid_file, 0);
+}
+
+// It stays root's, and is emptied where it can't be removed: who reads it finds no process.
+void remove_pid_file() {
+    if (remove(SSM_PID_FILE) != 0 && pid_file >= 0) (void)ftruncate(pid_file, 0);
+    if (pid_file >= 0) close(pid_file);
+    pid_file = -1;
+}
+
+// What root has opened so far stays open; files that are opened by name later are given to the user, or said
+// to be closed to him.
+std::int32_t become_user(const rights_user& user, const char* config_file) {
+    if (!config_file) config_file = HOST_DEFAULT_CONFIG;
+    host_file_give(config_file, user);
+    const int given = rights_give(HOST_LOCAL_SOCKET, user, false);
+    if (given < 0 && given != -ENOENT)
+        SSM_LOG(LOG_LEVEL_WARNING, "%s%sCan't give %s to user %s: %s", HOST_LOCAL_SOCKET, user.name,
+                std::strerror(-given));
+    if (pal_rights_become(user) < 0) return -1;
+    host_file_check(config_file, user);
+    if (access(NSM_SOCKET_PATH, W_OK) != 0 && errno == EACCES)
+        SSM_LOG(LOG_LEVEL_WARNING, "%s%sUser %s may not connect to %s: start NSM with a group of his",
+                user.name, NSM_SOCKET_PATH);
+    return SSM_OK;
 }
 
 // The interface list goes without calling the unbind hooks, which would still advertise and send requests:
@@ -113,8 +147,8 @@ std::int32_t run_loop() {
 
 }  // namespace
 
-std::int32_t ssm_start(bool daemon_mode, const char* config_file, std::int32_t vty_port,
-                       const char* progname) {
+std::int32_t ssm_start(bool daemon_mode, const char* config_file, std::int32_t vty_port, const char* progname,
+                       const rights_user* user) {
     log_open(progname);
     ssm_signal_deliver(nullptr);
 
@@ -135,10 +169,17 @@ std::int32_t ssm_start(bool daemon_mode, const char* config_file, std::int32_t v
     ssm_signal_deliver(g_p_esmcd);
     write_pid_file();
     ssm_signal_deliver(g_p_esmcd);
+    // The configuration is the user's to write, so it is read as him; the terminal's socket only root can
+    // make.
+    if (user) (void)bmcli_start(g_p_esmcd, progname);
+    if (user && become_user(*user, config_file) < 0) {
+        (void)ssm_terminate();
+        return -1;
+    }
     (void)host_config_start(g_p_esmcd, config_file, static_cast<std::uint16_t>(vty_port));
     ssm_signal_deliver(g_p_esmcd);
     ssm_socket_arm_read();
-    (void)bmcli_start(g_p_esmcd, progname);  // logged there
+    if (!user) (void)bmcli_start(g_p_esmcd, progname);  // logged there
     pal_rights_drop();
     return run_loop();
 }
@@ -166,7 +207,7 @@ std::int32_t ssm_instance_create(lib_globals* ctx) {
 
 std::int32_t ssm_terminate() {
     if (g_p_esmcd) g_p_esmcd->flags |= LIB_SHUTTING_DOWN;
-    (void)remove(SSM_PID_FILE);  // may be missing
+    remove_pid_file();
     if (ssm_instance) {
         nsm_client_stop(ssm_instance->nsm_client);  // says goodbye: the hardware goes to holdover
         ssm_instance->nsm_client = nullptr;

@@ -5,14 +5,15 @@
 #include <cstdint>
 
 struct lib_globals;
+struct rights_user;
 
 constexpr const char* SSM_PID_FILE = "/var/run/esmcd.pid";
 
 // Brings the daemon up and runs the event loop. 0 when the loop has run dry; a negative result code when
-// start-up failed (the pid file has not been written then). `config_file` null: the platform's default. Only
-// the low 16 bits of `vty_port` count.
-std::int32_t ssm_start(bool daemon_mode, const char* config_file, std::int32_t vty_port,
-                       const char* progname);
+// start-up failed (there is no pid file then). `config_file` null: the platform's default. Only the low 16
+// bits of `vty_port` count. `user` null: the daemon stays who it is; one that can't be become is a failure.
+std::int32_t ssm_start(bool daemon_mode, const char* config_file, std::int32_t vty_port, const char* progname,
+                       const rights_user* user = nullptr);
 
 // Makes the instance record, opens the socket, starts the NSM client. 0; -100 without memory; -1 when the
 // socket or the client failed (said on standard error). The record stays in any case.

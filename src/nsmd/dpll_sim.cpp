@@ -40,8 +40,9 @@ void save(dpll_sim* s) {
                       s->wanted.recovery_select, s->wanted.holdover, s->wanted.selected);
     // One short write over the old contents: a kill leaves the old or the new registers.
     const int fd = open(s->options.state_file, O_WRONLY | O_CREAT | O_CLOEXEC, 0640);
-    const bool written = fd >= 0 && pwrite(fd, line, static_cast<std::size_t>(length), 0) == length &&
-                         ftruncate(fd, length) == 0;
+    const ssize_t done = fd < 0 ? -1 : pwrite(fd, line, static_cast<std::size_t>(length), 0);
+    // Registers that are half old are none.
+    const bool written = done >= 0 && ftruncate(fd, done == length ? length : 0) == 0 && done == length;
     if (!written && !s->write_failed)
         log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "simulated clock: can't write %s: %s", s->options.state_file,
                 std::strerror(errno));

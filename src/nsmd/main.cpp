@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 
 #include "nsmd/module.h"
 #include "nsmd/nsmd.h"
@@ -15,12 +16,15 @@
 #include "suite/memory.h"
 #include "suite/nsm_wire.h"
 #include "suite/rights.h"
+#include "suite/rights_user.h"
 #include "suite/thread.h"
 
 namespace {
 
 constexpr int LINK_WAIT_MS = 5000;
 constexpr const char* INDEX_PATH = "/run/nsmd.indexes";
+// Steering the clock and setting copper roles are a network administrator's requests to the kernel.
+constexpr std::uint64_t RIGHTS_KEPT = std::uint64_t{1} << CAP_NET_ADMIN;
 
 volatile std::sig_atomic_t stop_signal = 0;
 
@@ -63,14 +67,27 @@ bool go_to_background() {
     return true;
 }
 
+// The files of which root is the owner by now, and that are opened again later. What can't be given is said
+// where writing it fails.
+bool become_user(const nsmd_options& options) {
+    const rights_user& user = options.user;
+    if (!user.name) return true;
+    const int given = rights_give(NSM_SOCKET_PATH, user, false);
+    if (given < 0)
+        log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "can't give %s to user %s: %s", NSM_SOCKET_PATH, user.name,
+                std::strerror(-given));
+    (void)rights_give(INDEX_PATH, user, true);
+    if (options.sim.state_file) (void)rights_give(options.sim.state_file, user, true);
+    return rights_become(user, RIGHTS_KEPT) == 0;
+}
+
 int run(lib_globals* ctx, const nsmd_options& options) {
     nsmd* n = nsmd_start(ctx, options, {netlink_system_edge(), NSM_SOCKET_PATH, LINK_WAIT_MS, INDEX_PATH});
     if (!n) return 1;
     int status = 1;
-    if (!options.daemonize || go_to_background()) {
+    if (become_user(options) && (!options.daemonize || go_to_background())) {
         log_sys(NSMD_MODULE, LOG_LEVEL_INFO, "nsmd %s serves %s", lib_version(), NSM_SOCKET_PATH);
-        // Steering the clock and setting copper roles are a network administrator's requests to the kernel.
-        rights_reduce(std::uint64_t{1} << CAP_NET_ADMIN);
+        rights_reduce(RIGHTS_KEPT);
         thread event;
         while (thread_fetch(ctx, &event)) thread_call(&event);
         status = 0;

@@ -99,19 +99,13 @@ bool take_source_code(nsmd_options* o, const char* text) {
 }
 
 bool take_log_level(nsmd_options* o, const char* text) {
-    static constexpr struct {
-        const char* word;
-        int level;
-    } levels[] = {{"error", LOG_LEVEL_ERROR},
-                  {"warning", LOG_LEVEL_WARNING},
-                  {"info", LOG_LEVEL_INFO},
-                  {"debug", LOG_LEVEL_DEBUG}};
-    for (const auto& l : levels)
-        if (std::strcmp(text, l.word) == 0) {
-            o->log_level = l.level;
-            return true;
-        }
-    return false;
+    return log_level_of(text, &o->log_level);
+}
+
+bool take_user(nsmd_options* o, const char* text) {
+    const char* wrong = rights_user_find(text, &o->user);
+    if (wrong) std::fprintf(stderr, "user '%s': %s\n", text, wrong);
+    return !wrong;
 }
 
 struct option_kind {
@@ -146,6 +140,7 @@ constexpr option_kind KINDS[] = {
     {"poll-ms", "N", take_poll_ms,
      "ask the kernel for the state of ports at least this often apart\n(default 100; 0: only after a "
      "change)"},
+    {"user", "NAME[:GROUP]", take_user, "become this user, and this group, once everything is open"},
     {"log-level", "LEVEL", take_log_level, "error, warning, info (default) or debug"},
 };
 constexpr int FIRST_LONG = 256;

@@ -6,6 +6,7 @@
 #include "nsmd/dpll_kernel.h"
 #include "nsmd/dpll_sim.h"
 #include "nsmd/link_watch.h"
+#include "suite/rights_user.h"
 
 constexpr std::size_t NSMD_PATTERNS_MAX = 64;
 constexpr std::size_t NSMD_SOURCE_CODES_MAX = 256;
@@ -30,6 +31,7 @@ struct nsmd_options {
     link_poll poll;
     std::uint32_t grace_s;  // how long the hardware is left alone after the daemon vanished
     int log_level;
+    rights_user user;  // its name null: none given
     bool daemonize;
 };
 

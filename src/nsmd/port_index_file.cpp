@@ -10,6 +10,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <string_view>
+
+#include "suite/overwrite.h"
 
 namespace {
 
@@ -45,13 +48,22 @@ std::size_t compose(const port_index_pool& pool, char* out) {
     return length;
 }
 
-int write_file(const char* path, const char* data, std::size_t length) {
+int write_file(const char* path, std::string_view text) {
     const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0640);
     if (fd < 0) return -errno;
-    const ssize_t done = write(fd, data, length);
-    const int error = done < 0 ? errno : static_cast<std::size_t>(done) == length ? 0 : ENOSPC;
+    const int result = write_all(fd, text);
     close(fd);
-    return -error;
+    return result;
+}
+
+// For another user than root, who may not make files in /run. What would be half old and half new is emptied.
+int write_in_place(const char* path, std::string_view text) {
+    const int fd = open(path, O_WRONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return -errno;
+    const int result = overwrite(fd, text);
+    if (result < 0) (void)ftruncate(fd, 0);
+    close(fd);
+    return result;
 }
 
 }  // namespace
@@ -77,9 +89,10 @@ int port_index_save(const port_index_pool* pool, const char* path) {
     char next[128];
     const int length = std::snprintf(next, sizeof next, "%s.new", path);
     if (length < 0 || static_cast<std::size_t>(length) >= sizeof next) return -ENAMETOOLONG;
-    const int result = write_file(next, text, compose(*pool, text));
+    const std::string_view content(text, compose(*pool, text));
+    int result = write_file(next, content);
     if (result == 0 && rename(next, path) == 0) return 0;
-    const int error = result ? -result : errno;
+    if (result == 0) result = -errno;
     unlink(next);
-    return -error;
+    return result == -EACCES ? write_in_place(path, content) : result;
 }

@@ -9,7 +9,18 @@
 #include <cstdint>
 
 #include "suite/rights.h"
+#include "suite/rights_user.h"
+
+namespace {
+
+constexpr std::uint64_t KEPT = std::uint64_t{1} << CAP_NET_RAW;
+
+}  // namespace
 
 void pal_rights_drop() {
-    rights_reduce(std::uint64_t{1} << CAP_NET_RAW);
+    rights_reduce(KEPT);
+}
+
+int pal_rights_become(const rights_user& user) {
+    return rights_become(user, KEPT);
 }

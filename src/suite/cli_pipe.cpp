@@ -20,7 +20,7 @@ constexpr cli_help filters[] = {
 };
 
 void pass(cli_pipe* pipe, std::string_view line) {
-    if (line.starts_with("% ")) {  // a refusal is not to be missed
+    if (line.starts_with("% ") || line.starts_with(" % ")) {  // a refusal is not to be missed
         pipe->out(pipe->out_val, "%.*s\n", static_cast<int>(line.size()), line.data());
         return;
     }

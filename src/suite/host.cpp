@@ -13,6 +13,11 @@
 #include "suite/session.h"
 #include "suite/terminal.h"
 
+int host_refuse(cli* session, const char* text) {
+    session->out_func(session->out_val, "%% %s\n", text);
+    return CLI_ERROR;
+}
+
 cli host_plain_session(host_state* host, std::int32_t mode, cli_output out, void* out_val) {
     cli session{};
     session.out_func = out;

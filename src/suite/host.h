@@ -6,6 +6,7 @@
 
 #include "suite/lib.h"
 
+constexpr const char* HOST_DEFAULT_CONFIG = "/etc/esmcd.conf";
 constexpr const char* HOST_LOCAL_SOCKET = "/run/esmcd.vty";
 
 // Makes the context's command tree's platform side: modes, everyday commands, writers. 0 or negative.

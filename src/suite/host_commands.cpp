@@ -10,15 +10,6 @@
 
 namespace {
 
-host_state* host_of(cli* session) {
-    return session->zg->host;
-}
-
-int print_refusal(cli* session, const char* text) {
-    session->out_func(session->out_val, "%% %s\n", text);
-    return CLI_ERROR;
-}
-
 int configure_terminal(cli* session, int, char**) {
     session->mode = CONFIG_MODE;
     session->index = nullptr;
@@ -32,7 +23,7 @@ int save(cli* session, int, char**) {
 
 int hostname(cli* session, int, char** argv) {
     host_state* host = host_of(session);
-    if (std::strlen(argv[0]) >= sizeof host->name) return print_refusal(session, "Name too long");
+    if (std::strlen(argv[0]) >= sizeof host->name) return host_refuse(session, "Name too long");
     std::snprintf(host->name, sizeof host->name, "%s", argv[0]);
     return CLI_SUCCESS;
 }
@@ -44,12 +35,15 @@ int no_hostname(cli* session, int, char**) {
 
 int no_interface(cli* session, int, char** argv) {
     if (pending_drop(host_of(session), argv[0])) return CLI_SUCCESS;
-    return print_refusal(session, "No lines wait for that interface");
+    return host_refuse(session, "No lines wait for that interface");
 }
 
 int log_file(cli* session, int, char** argv) {
     if (log_set_file(argv[0]) == 0) return CLI_SUCCESS;
-    session->out_func(session->out_val, "%% Can't open %s: %s\n", argv[0], std::strerror(errno));
+    const int error = errno;
+    session->out_func(session->out_val, "%% Can't open %s: %s\n", argv[0], std::strerror(error));
+    // Read from the configuration file, the line's output goes nowhere.
+    log_suite(LOG_LEVEL_WARNING, "log file %s can't be opened: %s", argv[0], std::strerror(error));
     return CLI_ERROR;
 }
 
@@ -79,15 +73,8 @@ int no_log_stderr(cli*, int, char**) {
 }
 
 int log_level(cli*, int, char** argv) {
-    static constexpr struct {
-        const char* word;
-        int level;
-    } levels[] = {{"error", LOG_LEVEL_ERROR},
-                  {"warning", LOG_LEVEL_WARNING},
-                  {"info", LOG_LEVEL_INFO},
-                  {"debug", LOG_LEVEL_DEBUG}};
-    for (const auto& entry : levels)
-        if (std::strcmp(entry.word, argv[0]) == 0) log_set_level(entry.level);
+    int level = LOG_LEVEL_DEBUG;
+    if (log_level_of(argv[0], &level)) log_set_level(level);
     return CLI_SUCCESS;
 }
 

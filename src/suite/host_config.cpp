@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "suite/cli_parse.h"
+#include "suite/host_file.h"
 #include "suite/host_state.h"
 #include "suite/log.h"
 #include "suite/memory.h"
@@ -189,12 +190,13 @@ void host_log_refused(const host_state* host, std::uint32_t number, std::string_
 }
 
 void host_config_read(host_state* host) {
+    std::uint64_t failures_before = failed_allocations();
+    if (host_file_settle(host->config_file) != 0) host->unreadable = true;
     int fd = open(host->config_file, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
     if (fd < 0 && errno == ENOENT) {
         log_suite(LOG_LEVEL_INFO, "no configuration file %s", host->config_file);
         return;
     }
-    std::uint64_t failures_before = failed_allocations();
     config_reader r{};
     r.host = host;
     r.session = host_plain_session(host, CONFIG_MODE, discard, nullptr);

@@ -1,7 +1,7 @@
 // Lines of the configuration file whose interface is not bound yet. They are kept in the order of the file
 // and run once, right after the interface's first bind and before its up event; until then they are part of
 // the running configuration, as they were read. A block is taken out of the list before its lines are run, so
-// whatever a line does, it can't be run twice.
+// whatever a line does, it can't be run twice. The text that is written reads back into the same blocks.
 #include <cstring>
 
 #include "suite/cli_parse.h"
@@ -11,21 +11,30 @@
 
 namespace {
 
-pending_block* find_block(const host_state* host, std::string_view name) {
-    for (pending_block* block = host->pending; block; block = block->next)
-        if (name == block->name()) return block;
-    return nullptr;
+// The place of the block, or the end of the list.
+pending_block** find_block(host_state* host, std::string_view name, bool global) {
+    pending_block** at = &host->pending;
+    while (*at && ((*at)->global() != global || name != (*at)->name())) at = &(*at)->next;
+    return at;
 }
 
-pending_block* make_block(host_state* host, std::string_view name) {
+pending_block* make_block(std::string_view name) {
     void* memory = memmgr_calloc(sizeof(pending_block) + name.size() + 1, MTYPE_HOST);
     if (!memory) return nullptr;
     auto* block = static_cast<pending_block*>(memory);
     std::memcpy(block + 1, name.data(), name.size());
-    pending_block** end = &host->pending;
-    while (*end) end = &(*end)->next;
-    *end = block;
     return block;
+}
+
+pending_line* make_line(std::string_view text, std::uint32_t number, const cli_command* command) {
+    void* memory = memmgr_calloc(sizeof(pending_line) + text.size() + 1, MTYPE_HOST);
+    if (!memory) return nullptr;
+    auto* line = static_cast<pending_line*>(memory);
+    line->command = command;
+    line->number = number;
+    line->length = text.size();
+    std::memcpy(line + 1, text.data(), text.size());
+    return line;
 }
 
 std::size_t cost(const pending_line* line) {
@@ -46,25 +55,24 @@ void free_block(host_state* host, pending_block* block) {
     memmgr_free(block, MTYPE_HOST);
 }
 
-pending_block* take_block(host_state* host, std::string_view name) {
-    for (pending_block** at = &host->pending; *at; at = &(*at)->next) {
-        pending_block* block = *at;
-        if (name != block->name()) continue;
-        *at = block->next;
-        return block;
-    }
-    return nullptr;
+pending_block* take_block(host_state* host, const char* name, bool global) {
+    pending_block** at = find_block(host, name, global);
+    pending_block* block = *at;
+    if (block) *at = block->next;
+    return block;
 }
 
-void run_lines(host_state* host, const pending_block* block, cli* session, bool global) {
+void run_block(host_state* host, interface* intf, bool global, cli* session) {
+    pending_block* block = take_block(host, intf->name, global);
+    if (!block) return;
     for (const pending_line* line = block->first; line; line = line->next) {
-        if ((line->command != nullptr) != global) continue;
         if (global) session->mode = CONFIG_MODE;
         std::string_view text{line->text(), line->length};
         cli_result result = cli_run_line(host->ctx->ctree, session, text);
         if (result != cli_result::ok && result != cli_result::empty)
             host_log_refused(host, line->number, text);
     }
+    free_block(host, block);
 }
 
 int discard(void*, const char*, ...) {
@@ -98,45 +106,44 @@ void drop_replaced_lines(host_state* host, pending_block* block, const char* now
 
 bool pending_keep(host_state* host, std::string_view name, std::string_view text, std::uint32_t number,
                   const cli_command* command) {
-    std::size_t size = sizeof(pending_line) + text.size() + 1;
-    if (host->pending_octets + size > HOST_PENDING_MAX) return false;
-    pending_block* block = find_block(host, name);
-    if (!block) block = make_block(host, name);
-    if (!block) return false;
-    void* memory = memmgr_calloc(size, MTYPE_HOST);
-    if (!memory) return false;
-    auto* line = static_cast<pending_line*>(memory);
-    line->command = command;
-    line->number = number;
-    line->length = text.size();
-    std::memcpy(line + 1, text.data(), text.size());
+    if (host->pending_octets + sizeof(pending_line) + text.size() + 1 > HOST_PENDING_MAX) return false;
+    pending_block** at = find_block(host, name, command != nullptr);
+    pending_line* line = make_line(text, number, command);
+    if (!line) return false;
+    pending_block* block = *at;
+    if (!block) block = make_block(name);
+    if (!block) {
+        memmgr_free(line, MTYPE_HOST);
+        return false;
+    }
+    *at = block;
     if (block->last)
         block->last->next = line;
     else
         block->first = line;
     block->last = line;
-    host->pending_octets += size;
+    host->pending_octets += cost(line);
     return true;
 }
 
 void pending_run(host_state* host, interface* intf) {
-    pending_block* block = take_block(host, intf->name);
-    if (!block) return;
     cli session = host_plain_session(host, INTERFACE_MODE, discard, nullptr);
     session.index = intf;
     std::strncpy(session.name, intf->name, sizeof session.name - 1);
-    run_lines(host, block, &session, false);
+    run_block(host, intf, false, &session);
     // A line like "clock synce switch-force" wants the port configured first.
     session = host_plain_session(host, CONFIG_MODE, discard, nullptr);
-    run_lines(host, block, &session, true);
-    free_block(host, block);
+    run_block(host, intf, true, &session);
 }
 
 bool pending_drop(host_state* host, const char* name) {
-    pending_block* block = take_block(host, name);
-    if (!block) return false;
-    free_block(host, block);
-    return true;
+    bool dropped = false;
+    for (bool global : {false, true})
+        if (pending_block* block = take_block(host, name, global)) {
+            free_block(host, block);
+            dropped = true;
+        }
+    return dropped;
 }
 
 void pending_replaced(host_state* host, const cli_command* command) {
@@ -153,20 +160,19 @@ void pending_replaced(host_state* host, const cli_command* command) {
 }
 
 int pending_write(cli* session) {
-    const host_state* host = session->zg->host;
-    for (const pending_block* block = host->pending; block; block = block->next) {
-        bool open = false;
-        for (const pending_line* line = block->first; line; line = line->next) {
-            if (line->command) continue;
-            if (!open) session->out_func(session->out_val, "interface %s\n", block->name());
-            open = true;
-            session->out_func(session->out_val, "%s\n", line->text());
-        }
-        if (open) session->out_func(session->out_val, "!\n");
-    }
-    for (const pending_block* block = host->pending; block; block = block->next)
+    const auto write_lines = [session](const pending_block* block) {
         for (const pending_line* line = block->first; line; line = line->next)
-            if (line->command) session->out_func(session->out_val, "%s\n", line->text());
+            session->out_func(session->out_val, "%s\n", line->text());
+    };
+    const pending_block* const blocks = session->zg->host->pending;
+    for (const pending_block* block = blocks; block; block = block->next) {
+        if (block->global()) continue;
+        session->out_func(session->out_val, "interface %s\n", block->name());
+        write_lines(block);
+        session->out_func(session->out_val, "!\n");
+    }
+    for (const pending_block* block = blocks; block; block = block->next)
+        if (block->global()) write_lines(block);
     return CLI_SUCCESS;
 }
 

@@ -1,79 +1,18 @@
-// The running configuration as text, and its way into the file: a new file beside the old one is written,
-// synced, renamed over it, and the directory synced, so that a full disk or a loss of power at any point
-// leaves the old content or the new one, whole.
+// The running configuration as text, `write`, and the file's content as it is. How the text gets into the
+// file is in suite/host_file.cpp.
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
-#include <climits>
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
+#include "suite/host_file.h"
 #include "suite/host_state.h"
 #include "suite/log.h"
 
 namespace {
 
 constexpr std::size_t FILE_MAX = 64 * 1024 * 1024;
-
-int write_all(int fd, std::string_view text) {
-    while (!text.empty()) {
-        ssize_t count = write(fd, text.data(), text.size());
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return -errno;
-        if (count == 0) return -ENOSPC;
-        text.remove_prefix(static_cast<std::size_t>(count));
-    }
-    return 0;
-}
-
-// Writes a file that must not exist, with its content safe on the disk. 0 or a negative errno.
-int write_new_file(const char* path, std::string_view text) {
-    int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0640);
-    if (fd < 0) return -errno;
-    int result = fchmod(fd, 0640) != 0 ? -errno : write_all(fd, text);
-    if (result == 0 && fsync(fd) != 0) result = -errno;
-    if (close(fd) != 0 && result == 0) result = -errno;
-    if (result != 0) (void)unlink(path);  // what is left of it is of no use; the error is reported
-    return result;
-}
-
-int sync_directory(const char* path) {
-    char directory[PATH_MAX];
-    std::snprintf(directory, sizeof directory, "%s", path);
-    char* slash = std::strrchr(directory, '/');
-    if (!slash)
-        std::strcpy(directory, ".");
-    else if (slash == directory)
-        slash[1] = 0;
-    else
-        *slash = 0;
-    int fd = open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return -errno;
-    int result = fsync(fd) == 0 || errno == EINVAL ? 0 : -errno;  // some file systems can't sync a directory
-    close(fd);
-    return result;
-}
-
-// 0 or a negative errno; in the second case `path` holds what it held, unless only the last sync failed.
-int replace_file(const char* path, std::string_view text) {
-    char target[PATH_MAX], temporary[PATH_MAX];
-    // A symbolic link stays one: the file that it names is replaced.
-    if (!realpath(path, target) && std::snprintf(target, sizeof target, "%s", path) >= PATH_MAX)
-        return -ENAMETOOLONG;
-    if (std::snprintf(temporary, sizeof temporary, "%s.new", target) >= PATH_MAX) return -ENAMETOOLONG;
-    if (unlink(temporary) != 0 && errno != ENOENT) return -errno;  // left behind by a save that was cut off
-    int result = write_new_file(temporary, text);
-    if (result != 0) return result;
-    if (rename(temporary, target) != 0) {
-        result = -errno;
-        (void)unlink(temporary);  // the error is reported
-        return result;
-    }
-    return sync_directory(target);
-}
 
 }  // namespace
 
@@ -105,7 +44,7 @@ bool host_save(host_state* host, cli* session) {
         return false;
     }
     text_buffer text;
-    int result = host_running_text(host, &text) ? replace_file(host->config_file, text.view()) : -ENOMEM;
+    int result = host_running_text(host, &text) ? host_file_replace(host->config_file, text.view()) : -ENOMEM;
     text_free(&text);
     if (result == 0) return true;
     session->out_func(session->out_val, "%% Can't save %s: %s\n", host->config_file, std::strerror(-result));

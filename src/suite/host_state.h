@@ -16,7 +16,6 @@
 struct session;
 struct tcp_terminal;
 
-constexpr const char* HOST_DEFAULT_CONFIG = "/etc/esmcd.conf";
 constexpr std::size_t HOST_NAME_SIZE = 64;
 constexpr std::uint32_t HOST_DEFAULT_EXEC_TIMEOUT_S = 600;
 constexpr std::size_t HOST_PENDING_MAX = 4 * 1024 * 1024;  // octets of kept lines
@@ -30,11 +29,13 @@ struct pending_line {
     const char* text() const { return reinterpret_cast<const char*>(this + 1); }
 };
 
-// All that waits for one interface, in the order of the file.
+// What waits for one interface, in the order of the file: its own lines, or global ones that name it. They
+// are two blocks, so that the blocks of each kind stand in the order in which they are written.
 struct pending_block {
     pending_block* next;
     pending_line* first;
     pending_line* last;
+    bool global() const { return first->command != nullptr; }
     const char* name() const { return reinterpret_cast<const char*>(this + 1); }
 };
 
@@ -55,6 +56,12 @@ struct host_state {
     std::uint16_t vty_port;
     tcp_terminal* tcp;
 };
+
+inline host_state* host_of(const cli* session) {
+    return session->zg->host;
+}
+// Says "% TEXT"; what the handler returns then.
+int host_refuse(cli* session, const char* text);
 
 // A `cli` for lines that come from no terminal: all privileges, `mode`, output to out(out_val, ...).
 cli host_plain_session(host_state* host, std::int32_t mode, cli_output out, void* out_val);

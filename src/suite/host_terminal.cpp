@@ -9,15 +9,6 @@
 
 namespace {
 
-host_state* host_of(cli* session) {
-    return session->zg->host;
-}
-
-int print_refusal(cli* session, const char* text) {
-    session->out_func(session->out_val, "%% %s\n", text);
-    return CLI_ERROR;
-}
-
 void keep_password(host_state* host, const char* hash) {
     std::snprintf(host->password, sizeof host->password, "%s", hash);
 }
@@ -33,21 +24,21 @@ void on_hashed(lib_globals* ctx, void* owner, const char* hash) {
 
 int password(cli* session, int, char** argv) {
     host_state* host = host_of(session);
-    if (!password_supported()) return print_refusal(session, "This build has no password check");
-    if (std::strlen(argv[0]) > PASSWORD_MAX) return print_refusal(session, "Password too long");
+    if (!password_supported()) return host_refuse(session, "This build has no password check");
+    if (std::strlen(argv[0]) > PASSWORD_MAX) return host_refuse(session, "Password too long");
     if (session->line) {
         struct session* s = session_of(session);
         s->busy = password_start(session->zg, argv[0], nullptr, on_hashed, s) != nullptr;
-        return s->busy ? CLI_SUCCESS : print_refusal(session, "The password can't be hashed");
+        return s->busy ? CLI_SUCCESS : host_refuse(session, "The password can't be hashed");
     }
     char hash[PASSWORD_HASH_SIZE];
-    if (!password_hash_now(argv[0], hash)) return print_refusal(session, "The password can't be hashed");
+    if (!password_hash_now(argv[0], hash)) return host_refuse(session, "The password can't be hashed");
     keep_password(host, hash);
     return CLI_SUCCESS;
 }
 
 int password_encrypted(cli* session, int, char** argv) {
-    if (!password_is_hash(argv[0])) return print_refusal(session, "Not the hash of a password");
+    if (!password_is_hash(argv[0])) return host_refuse(session, "Not the hash of a password");
     keep_password(host_of(session), argv[0]);
     return CLI_SUCCESS;
 }
@@ -76,7 +67,7 @@ int terminal_length(cli* session, int, char** argv) {
 
 int terminal_monitor(cli* session, int, char**) {
     if (session_monitor(session_of(session), true)) return CLI_SUCCESS;
-    return print_refusal(session, "Too many terminals show the log");
+    return host_refuse(session, "Too many terminals show the log");
 }
 
 int no_terminal_monitor(cli* session, int, char**) {

@@ -187,6 +187,15 @@ int log_set_file(const char* path) {
     return 0;
 }
 
+bool log_level_of(const char* word, int* level) {
+    for (const int known : {LOG_LEVEL_ERROR, LOG_LEVEL_WARNING, LOG_LEVEL_INFO, LOG_LEVEL_DEBUG}) {
+        if (std::strcmp(word, level_word(known)) != 0) continue;
+        *level = known;
+        return true;
+    }
+    return false;
+}
+
 void log_set_level(int level) {
     settings.level = level;
 }

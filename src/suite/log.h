@@ -28,6 +28,7 @@ void log_set_default_sinks(unsigned sinks);
 // former file stays.
 int log_set_file(const char* path);
 void log_set_level(int level);
+bool log_level_of(const char* word, int* level);  // "error", "warning", "info", "debug"
 
 // The platform's own configuration lines ("log file ...\n"), through a printf-like output.
 struct cli;

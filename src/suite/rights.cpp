@@ -28,14 +28,6 @@ capability_words own_process() {
     return words;
 }
 
-// The kernel's highest capability is found by asking: it may know more than the headers of the build.
-void shrink_bounding_set(std::uint64_t keep) {
-    for (unsigned capability = 0; capability < 64; ++capability) {
-        if (prctl(PR_CAPBSET_READ, capability, 0, 0, 0) < 0) return;
-        if (!(keep >> capability & 1)) (void)prctl(PR_CAPBSET_DROP, capability, 0, 0, 0);  // see the header
-    }
-}
-
 struct named_capability {
     unsigned number;
     const char* name;
@@ -77,10 +69,18 @@ const char* filter_words(int result) {
 
 }  // namespace
 
+// The kernel's highest capability is found by asking: it may know more than the headers of the build.
+void rights_shrink_bounding_set(std::uint64_t keep) {
+    for (unsigned capability = 0; capability < 64; ++capability) {
+        if (prctl(PR_CAPBSET_READ, capability, 0, 0, 0) < 0) return;
+        if (!(keep >> capability & 1)) (void)prctl(PR_CAPBSET_DROP, capability, 0, 0, 0);  // see the header
+    }
+}
+
 int rights_keep_capabilities(std::uint64_t keep) {
     capability_words words = own_process();
     if (syscall(SYS_capget, &words.header, words.data) != 0) return -errno;
-    shrink_bounding_set(keep);
+    rights_shrink_bounding_set(keep);
     (void)prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0,
                 0);  // a kernel without them has none to clear
     for (unsigned half = 0; half < _LINUX_CAPABILITY_U32S_3; ++half) {

@@ -6,10 +6,13 @@
 #include <cstdint>
 
 // Gives up every capability whose bit (1 << CAP_...) is not in `keep`; none is acquired. The user stays who
-// he is: root without capabilities has the rights of the owner of root's files. 0, or a negative errno with
-// the capabilities as they were. The bounding set can be shrunk only with CAP_SETPCAP: who starts without it
-// keeps his, to no effect, because no_new_privs is set by the next function.
+// he is (suite/rights_user.h changes that): root without capabilities has the rights of the owner of root's
+// files. 0, or a negative errno with the capabilities as they were.
 [[nodiscard]] int rights_keep_capabilities(std::uint64_t keep);
+
+// Part of the former. Needs CAP_SETPCAP: who starts without it keeps his bounding set, to no effect, because
+// no_new_privs is set by the next function.
+void rights_shrink_bounding_set(std::uint64_t keep);
 
 // Sets no_new_privs and leaves only the system calls that the programs of this suite make in their loops; any
 // other fails with EPERM (with ENOSYS where the C library has an older call to fall back to). For this

@@ -122,6 +122,7 @@ constexpr std::uint32_t ALLOWED[] = {
     __NR_fsync,
     __NR_fdatasync,
     __NR_ftruncate,
+    __NR_fallocate,
     __NR_fchmod,
     __NR_fchmodat,
     __NR_fstat,

@@ -92,6 +92,24 @@ def test_full_disk_at_write_loses_nothing(wired):
     assert "clock synce local-priority 77\n" in startup.read_text()
 
 
+def test_full_disk_from_the_start(wired):
+    """/run and /etc are full: no pid file, no indexes kept, nothing saved; all else works, and it is said."""
+    wired.run("sh", "-c", "mount -o remount,size=2m /run; cat /dev/zero > /run/filler 2>/dev/null; true")
+    running(wired)
+    wired.nsmd.wait_log("can't write /run/nsmd.indexes: No space left on device; a restart may number the ports anew")
+    assert wired.path("/run/esmcd.pid").read_text() == ""
+    neighbour = Neighbour(wired.t1, PRC)
+    wired.wait_clock(source="p1", quality="PRC")
+    refused = wired.cli("write", check=False)
+    assert refused.status != 0 and "% Can't save /etc/esmcd.conf: No space left on device" in refused.out
+    assert wired.path("/etc/esmcd.conf").read_text() == CONFIGURED
+    wired.path("/run/filler").unlink()
+    wired.cli("write")
+    wired.lab.link(wired, "p3", wired.lab.tester, "t3")
+    wait_until(lambda: neighbour.keep() and wired.port("p3"), 5, "a port that comes later is bound")
+    assert {line.split()[1] for line in wired.path("/run/nsmd.indexes").read_text().splitlines()} == {"p1", "p2", "p3"}
+
+
 def terminal(sw):
     """A connection to the local terminal; whether it is served is another matter."""
     made = socket.socket(socket.AF_UNIX)

@@ -5,6 +5,8 @@ import signal
 import time
 
 import pytest
+from lab import BIN
+from test_terminals import spawn, tell
 from wire import PRC, SSU_A, Port, Neighbour, esmc
 
 SECONDS = 10
@@ -58,11 +60,13 @@ def resident_kib(pid):
 @pytest.mark.parametrize("kind", FLOODS)
 def test_flooded_port_is_felt_by_nobody_else(switch, release_only, kind):
     flooded, watched = Port(switch.lab.tester, "t1"), Port(switch.lab.tester, "t2")
-    switch.configure(*ENABLE)
+    switch.configure("hostname sw", *ENABLE)
     switch.wait_port("p2", up="enable")
     source = Neighbour(watched, PRC)
     switch.wait_clock(source="p2")
     watched.drain()
+    terminal = spawn(switch, [f"{BIN}/esmcsh"])
+    terminal.expect("sw#")
 
     times, answers, resident = [], [], []
     flood = Flood(flooded, FLOODS[kind])
@@ -73,21 +77,22 @@ def test_flooded_port_is_felt_by_nobody_else(switch, release_only, kind):
             times += [seen.when for seen in watched.frames(0.05) if not seen.event]
             if time.monotonic() > ask:
                 asked = time.monotonic()
-                switch.cli("show clock synce brief")
+                tell(terminal, "show clock synce p1\r", "Send quality", "sw#")
                 answers.append(time.monotonic() - asked)
                 resident.append(resident_kib(switch.esmcd.pid))
-                ask = time.monotonic() + 0.5
+                ask = time.monotonic() + 0.2
     finally:
         sent = flood.stop()
+        terminal.close()
 
     gaps = [after - before_it for before_it, after in zip(times, times[1:])]
     grown = resident[-1] - resident[4]  # the first answers touch pages that no flood has to do with
-    print(f"{kind}: {sent / SECONDS:.0f} frames/s; gaps {min(gaps) * 1000:.1f} to {max(gaps) * 1000:.1f} ms; slowest answer "
-          f"{max(answers) * 1000:.0f} ms; memory +{grown} KiB")
+    print(f"{kind}: {sent / SECONDS:.0f} frames/s; gaps {min(gaps) * 1000:.1f} to {max(gaps) * 1000:.1f} ms; "
+          f"{len(answers)} answers, the slowest in {max(answers) * 1000:.1f} ms; memory +{grown} KiB")
     assert sent > SECONDS * 10_000, "that was no flood"
     assert len(gaps) >= SECONDS - 2
     assert all(abs(gap - 1) <= 0.020 for gap in gaps), gaps
-    assert sorted(answers)[len(answers) // 2] <= 0.100, answers
+    assert max(answers) <= 0.100, answers
     assert grown <= 64
     counted = switch.cli("show slow-protocols").out
     assert " dropped 0\n" not in counted, counted

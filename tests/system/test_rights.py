@@ -8,6 +8,7 @@ import re
 
 import pytest
 from lab import BIN, ROOT, build_dir, is_sanitized, wait_until
+from wire import DNU, PRC, Port, esmc
 
 pytestmark = pytest.mark.timing
 
@@ -116,3 +117,92 @@ def test_the_limits_of_the_service_units_are_enough(lab, program):
     sw.wait_shell()
     sw.wait_port("p1", deadline=10.0, up="enable")
     assert [line for line in getattr(sw, program).text().splitlines() if " warning " in line or " error " in line] == []
+
+
+NOBODY = ["65534"] * 4
+UNIT_LIMITS = {program: re.search(r"^#CapabilityBoundingSet=(.*)$", text, re.MULTILINE).group(1)
+               for program, text in ((each, (ROOT / "packaging" / f"{each}.service").read_text())
+                                     for each in ("esmcd", "nsmd"))}
+
+
+def start_as(sw, program, user, *options):
+    """With no more rights than the unit's comment says that it takes."""
+    granted = UNIT_LIMITS[program].lower().replace("cap_", "+").replace(" ", ",")
+    argv = ["setpriv", "--bounding-set", "-all," + granted,
+            "--inh-caps", "-all", "--no-new-privs", f"{BIN}/{program}", "--user", user]
+    setattr(sw, program, sw.spawn(program, [*argv, *options]))
+    return reduced(sw, program)
+
+
+def complaints(process):
+    return [line for line in process.text().splitlines() if " warning " in line or " error " in line]
+
+
+@pytest.mark.parametrize("place, nsmd_user", [("/etc/esmcd.conf", "nobody"), ("/run/own/esmcd.conf", "root:nogroup")])
+def test_another_user_serves_saves_and_is_started_again(lab, place, nsmd_user):
+    """In /etc, where he may make no file, and in a directory of his own."""
+    sw = lab.switch("sw", config="clock synce global-enable\nclock synce ssm enable\n")
+    lab.tester = lab.node("tester", board=None)
+    for port in ("p1", "p2"):
+        lab.link(sw, port, lab.tester, "t" + port[1:])
+    sw.run("install", "-d", "-o", "nobody", "/run/own")
+    sw.run("sh", "-c", f"[ {place} = /etc/esmcd.conf ] || install -o nobody -m 640 /etc/esmcd.conf {place}")
+    t1 = Port(lab.tester, "t1")
+    for turn in range(2):
+        for program, user, capability, options in (("nsmd", nsmd_user, CAP_NET_ADMIN, "--port p* --dpll sim"),
+                                                   ("esmcd", "nobody", CAP_NET_RAW, "-f " + place)):
+            kept = start_as(sw, program, user, *options.split())
+            assert kept["Uid"].split() == (NOBODY if user == "nobody" else ["0"] * 4)
+            assert kept["Gid"].split() == NOBODY and kept["Groups"].strip() == ""
+            assert [int(kept[field], 16) for field in ("CapEff", "CapPrm", "CapBnd")] == [1 << capability] * 3
+        sw.wait_shell()
+        sw.wait_port("p1", deadline=10.0, up="enable", priority="9" if turn else "255")
+        sw.configure("interface p1", "clock synce enable", "clock synce priority 9", "log file /run/own/log")
+        t1.send(esmc(PRC))
+        sw.wait_clock(source="p1", quality="PRC")
+        wait_until(lambda: any(frame.quality == DNU for frame in t1.frames(0.5)), 5, "p1's neighbour hears the answer")
+        sw.cli("write")
+        sw.wait_port("p1", priority="9")
+        assert "clock synce priority 9" in sw.path(place).read_text() and sw.path(place).stat().st_mode & 0o777 == 0o640
+        assert sw.run("setpriv", "--reuid", "nobody", "--regid", "nogroup", "--clear-groups", f"{BIN}/esmcsh", "-c",
+                      "show clock synce").returncode == 0
+        # A port that comes later is numbered, and a restarted nsmd knows its number.
+        lab.link(sw, f"p{7 + turn}", lab.tester, f"t{7 + turn}")
+        sw.wait_port(f"p{7 + turn}", up="enable")
+        assert f" p{7 + turn}\n" in sw.path("/run/nsmd.indexes").read_text()
+        for process in (sw.esmcd, sw.nsmd) if turn else (sw.nsmd, sw.esmcd):
+            assert process.stop() == 0
+            assert complaints(process) == [line for line in complaints(process) if "NSM: " in line]
+        assert sw.path("/run/esmcd.pid").read_text() == "", "who reads it must not find a process that is gone"
+    sw.start_nsmd()  # root again, who may not write in directories of others
+    sw.start_esmcd("-f", place)
+    sw.wait_port("p1", deadline=10.0, up="enable", priority="9")
+    assert sw.cli("write", check=False).status == (place != "/etc/esmcd.conf")
+
+
+def test_what_another_user_may_not_do_is_said_at_the_start(lab):
+    sw = lab.switch("sw")
+    sw.start_nsmd()
+    sw.run("install", "-d", "-m", "775", "-g", "mail", "/run/shared")
+    kept = start_as(sw, "esmcd", "nobody", "-f", "/run/shared/esmcd.conf")
+    assert kept["Uid"].split() == NOBODY
+    said = " ".join(complaints(sw.esmcd))
+    assert "user nobody may not write in /run/shared" in said and "may not connect to /run/nsmd.sock" in said
+    sw.wait_shell()
+    assert "Permission denied" in sw.cli("write", check=False).out
+    sw.cli("configure terminal", "log file /var/log/esmcd.log", check=False)
+    assert "log file /var/log/esmcd.log can't be opened: Permission denied" in sw.esmcd.text()
+
+
+@pytest.mark.parametrize("program", ["esmcd", "nsmd"])
+def test_unknown_users_and_groups_are_refused(lab, program):
+    sw = lab.switch("sw")
+    for user, why in (("no-such", "no such user"), ("root:no-such", "no such group"), ("4294967295", "no such user"),
+                      ("4242", "needs a group"), ("", "no such user")):
+        refused = sw.run(f"{BIN}/{program}", "--user", user, check=False)
+        assert refused.returncode == 1 and why in refused.stderr, (user, refused)
+    # Who is not root can't become anybody, and must not go on as who he is.
+    sw.run("cp", f"{BIN}/{program}", "/tmp/program")
+    stopped = sw.run("setpriv", "--bounding-set", "-setuid,-setgid", "/tmp/program", "--user", "nobody", check=False)
+    assert stopped.returncode not in (0, 1) or program == "nsmd" and stopped.returncode == 1, stopped
+    assert "can't become user nobody" in stopped.stderr and not sw.path("/run/esmcd.pid").exists()

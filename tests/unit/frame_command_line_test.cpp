@@ -24,7 +24,6 @@ TEST(command_line, defaults) {
     EXPECT_EQ(settings.config_file, nullptr);
     EXPECT_EQ(static_cast<std::uint16_t>(settings.vty_port), 54697);
     EXPECT_STREQ(settings.progname, "esmcd");
-    EXPECT_STREQ(parse({"plain"}).progname, "plain");
 }
 
 TEST(command_line, options_short_and_long) {
@@ -43,24 +42,12 @@ TEST(command_line, first_ending_option_counts) {
     EXPECT_EQ(parse({"esmcd", "-v", "-h"}).action, ssm_action::show_version);
     EXPECT_EQ(parse({"esmcd", "--help", "--version"}).action, ssm_action::show_usage);
     EXPECT_EQ(parse({"esmcd", "-v", "--nonsense"}).action, ssm_action::show_version);
-}
-
-TEST(command_line, what_is_unknown_is_refused_with_the_parsers_complaint) {
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(parse({"esmcd", "-x"}).action, ssm_action::refuse);
-    EXPECT_NE(testing::internal::GetCapturedStderr(), "");
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(parse({"esmcd", "-f"}).action, ssm_action::refuse);
-    EXPECT_NE(testing::internal::GetCapturedStderr(), "");
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(parse({"esmcd", "-r"}).action, ssm_action::refuse);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(parse({"esmcd", "-r", "-h"}).action, ssm_action::refuse);
 }
 
 TEST(command_line_death, usage_and_hint) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(ssm_usage(1, "esmcd"), testing::ExitedWithCode(1),
-                "^Try `esmcd --help' for more information.\n$");
+    EXPECT_EXIT(ssm_usage(1, "esmcd"), testing::ExitedWithCode(1), "^Try `esmcd --help'");
     EXPECT_EXIT(ssm_usage(0, "esmcd"), testing::ExitedWithCode(0), "^$");
 }
 

@@ -1,9 +1,9 @@
 // The configuration file: reading, lines that wait for their interface, saving.
-#include <fcntl.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <csignal>
 #include <functional>
 
@@ -29,28 +29,33 @@ TEST_F(Host, LinesRunInTheirModesAndRefusedOnesAreLoggedWithTheirNumber) {
         " port 4\n"
         " !\n"
         " port 5\n"
-        " global 6\n"
-        "port refuse\n"
         "interface eth1\n"
         " port refuse\n"
-        " port 7\n"
         " global 8\n"
         " port 9\n"
+        "interface\n"
+        " global 4\n"
+        "!\n"
+        "do write\n"
         "global 3");
-    EXPECT_EQ(ran, (lines{"5::global 1", "16:eth1:port 1", "5::global 2", "16:eth1:port 4", "5::global 6",
-                          "16:eth1:port 7", "5::global 8", "5::global 3"}));
-    EXPECT_EQ(logged, (lines{config + ":6: refused: port 99", config + ":8: refused: port 3",
-                             config + ":12: refused: port 5", config + ":14: refused: port refuse",
-                             config + ":16: refused: port refuse", config + ":19: refused: port 9"}))
+    EXPECT_EQ(ran, (lines{"5::global 1", "16:eth1:port 1", "5::global 2", "16:eth1:port 4", "5::global 8",
+                          "5::global 3"}))
         << "a global command leaves the interface, as at a terminal";
+    lines refused;
+    for (const char* line : {":6: refused: port 99", ":8: refused: port 3", ":12: refused: port 5",
+                             ":14: refused: port refuse", ":16: refused: port 9", ":17: refused: interface",
+                             ":18: refused: global 4", ":20: refused: do write"})
+        refused.push_back(config + line);
+    EXPECT_EQ(logged, refused);
 }
 
 TEST_F(Host, LinesOfAnUnboundInterfaceRunOnceAtItsFirstBind) {
     read(
         "interface eth1\n port 1 \r\n port nonsense\n!\nforce eth1\nglobal 1\ninterface eth2\n port 2\n!\n"
-        "interface eth1\n port 3\n");
+        "interface eth1\n port 3\n port \x1b[2J\n");
     EXPECT_EQ(ran, lines{"5::global 1"});
-    EXPECT_TRUE(logged.empty());
+    EXPECT_EQ(logged, lines{config + ":12: refused: port \\x1b[2J"}) << "could not be saved as it is";
+    logged.clear();
     EXPECT_EQ(
         running(),
         "interface eth1\n port 1 \n port nonsense\n port 3\n!\ninterface eth2\n port 2\n!\nforce eth1\n");
@@ -66,24 +71,11 @@ TEST_F(Host, LinesOfAnUnboundInterfaceRunOnceAtItsFirstBind) {
     EXPECT_TRUE(ran.empty()) << "a second bind starts from defaults";
 }
 
-TEST_F(Host, PendingLinesRunBeforeTheUp) {
-    static std::size_t ran_before_up;
-    read("interface eth1\n port 1\n");
-    if_add_hook(&ctx->ifm, IF_CALLBACK_UP, [](interface*) {
-        ran_before_up = ran.size();
-        return 0;
-    });
-    if_up(&ctx->ifm, bind("eth1", 1));
-    EXPECT_EQ(ran_before_up, 1u);
-}
-
 TEST_F(Host, CommandAtTheTerminalTakesThePendingLinesPlace) {
     read("force eth1\nforce eth2\n");
     run("force eth3", CONFIG_MODE);
     EXPECT_EQ(running(), "");
-    stop();
-    start();
-    read("force eth1\ninterface eth1\n port 1\n");
+    read_anew("force eth1\ninterface eth1\n port 1\n");
     run("no force", CONFIG_MODE);
     EXPECT_EQ(running(), "interface eth1\n port 1\n!\n");
     EXPECT_EQ(run("no interface eth1", CONFIG_MODE), "");
@@ -91,89 +83,42 @@ TEST_F(Host, CommandAtTheTerminalTakesThePendingLinesPlace) {
     EXPECT_EQ(running(), "");
 }
 
-TEST_F(Host, LinesOfARefusedBlockAreNotTakenForGlobalOnes) {
-    read("interface\n global 1\n!\nglobal 2\n");
-    EXPECT_EQ(ran, lines{"5::global 2"});
-    EXPECT_EQ(logged, (lines{config + ":1: refused: interface", config + ":2: refused: global 1"}));
-}
-
-TEST_F(Host, AnyOctetsAndAnyLength) {
-    std::string text = "global 1\n";
-    text += std::string("glo\0bal 1\n", 10);
-    text += std::string(300'000, 'x') + "\n";
-    text += "interface eth1\n";
-    text += std::string(" po\0rt 1\n", 9);
-    text += " port \x1b[2J\n";
-    text += " port 1 \xc3\xa9\n";
-    text += "interface " + std::string(500, 'n') + "\n port 5\n";
-    read(text + "global 2");
-    EXPECT_EQ(ran, (lines{"5::global 1", "5::global 2"}));
-    ASSERT_EQ(logged.size(), 4u);
-    EXPECT_EQ(logged[0], config + ":2: refused: glo?bal 1");
-    EXPECT_EQ(logged[1], config + ":3: refused: " + std::string(256, 'x') + "...");
-    EXPECT_EQ(logged[2], config + ":5: refused: po?rt 1");
-    EXPECT_EQ(running(),
-              "interface eth1\n port 1 \xc3\xa9\n!\ninterface " + std::string(500, 'n') + "\n port 5\n!\n");
-}
-
-TEST_F(Host, ManyPendingPortsAreNeitherLostNorSlow) {
-    std::string text;
-    for (int port = 1; port <= 255; port++) {
-        text += "interface eth" + std::to_string(port) + "\n";
-        for (int line = 0; line < 20; line++) text += " port " + std::to_string(line % 9 + 1) + "\n";
-        text += "!\n";
-    }
-    read(text);
-    EXPECT_EQ(running(), text);
-    EXPECT_EQ(run("write"), "");
-    EXPECT_EQ(read_file(config), text);
-    for (int port = 1; port <= 255; port++)
-        bind(("eth" + std::to_string(port)).c_str(), static_cast<unsigned>(port));
-    EXPECT_EQ(ran.size(), 255u * 20);
-    EXPECT_EQ(running(), "");
-}
-
 TEST_F(Host, MissingFileIsNoErrorAndUnreadableOneIsNotOverwritten) {
-    host_config_start(ctx, (directory + "/none").c_str(), 0);
+    const std::string none = directory + "/none";
+    read_from(none);
     EXPECT_TRUE(logged.empty());
     EXPECT_EQ(run("show startup-config"), "% No startup configuration\n");
     EXPECT_EQ(run("write"), "");
-    EXPECT_EQ(access((directory + "/none").c_str(), F_OK), 0);
-    stop();
-    start();
-    host_config_start(ctx, directory.c_str(), 0);
-    ASSERT_EQ(logged.size(), 1u);
+    EXPECT_TRUE(exists(none));
+    restart(directory);
+    EXPECT_EQ(logged.size(), 1u);
     EXPECT_EQ(run("write"), "% " + directory + " was not read completely at start, it is not overwritten\n");
     EXPECT_EQ(last_result, cli_result::failed);
 }
 
 TEST_F(Host, SavedFileIsReadBackToTheSameConfiguration) {
-    read("hostname sw-\xc3\xa9\nlog level info\ninterface eth9\n port 1\n");
+    const std::string text = "hostname sw-\xc3\xa9\nlog level info\ninterface eth9\n port 1\n!\n";
+    read(text);
     EXPECT_STREQ(host_name(ctx), "sw-\xc3\xa9");
-    std::string before = running();
-    EXPECT_EQ(before, "hostname sw-\xc3\xa9\nlog level info\ninterface eth9\n port 1\n!\n");
+    EXPECT_EQ(running(), text);
+    write_file(config, "");
     EXPECT_EQ(run("copy run start"), "");
-    EXPECT_EQ(read_file(config), before);
-    struct stat status {};
-    ASSERT_EQ(stat(config.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0640u);
-    EXPECT_NE(access((config + ".new").c_str(), F_OK), 0);
-    EXPECT_EQ(run("show startup-config"), before);
-    stop();
-    start();
-    host_config_start(ctx, config.c_str(), 0);
-    EXPECT_EQ(running(), before);
+    EXPECT_EQ(read_file(config), text);
+    EXPECT_EQ(permissions(config), 0640u);
+    EXPECT_FALSE(exists(config + ".new"));
+    EXPECT_EQ(run("show startup-config"), text);
+    restart(config);
+    EXPECT_EQ(running(), text);
     EXPECT_EQ(run("no hostname", CONFIG_MODE), "");
     EXPECT_EQ(run("no log level", CONFIG_MODE), "");
     EXPECT_EQ(running(), "interface eth9\n port 1\n!\n");
-    log_set_level(LOG_LEVEL_DEBUG);
 }
 
 TEST_F(Host, SymbolicLinkIsFollowedAndLeftoverReplaced) {
-    std::string target = directory + "/real.conf";
+    const std::string target = directory + "/real.conf";
     write_file(target, "global 1\n");
     ASSERT_EQ(symlink(target.c_str(), config.c_str()), 0);
-    host_config_start(ctx, config.c_str(), 0);
+    read_from(config);
     write_file(target + ".new", "half");
     run("hostname changed", CONFIG_MODE);
     EXPECT_EQ(run("write"), "");
@@ -185,7 +130,7 @@ TEST_F(Host, SymbolicLinkIsFollowedAndLeftoverReplaced) {
 
 // The file system refuses at a certain size, as a full disk does.
 TEST_F(Host, FullDiskLeavesTheOldFile) {
-    std::string old = "hostname old\n";
+    const std::string old = "hostname old\n";
     read(old);
     for (int i = 0; i < 50; i++)
         ASSERT_TRUE(pending_keep(ctx->host, "eth" + std::to_string(i), std::string(200, 'p'), 1, nullptr));
@@ -194,17 +139,17 @@ TEST_F(Host, FullDiskLeavesTheOldFile) {
         signal(SIGXFSZ, SIG_IGN);
         rlimit limit{4096, 4096};
         setrlimit(RLIMIT_FSIZE, &limit);
-        std::string printed = run("write");
-        _exit(printed.starts_with("% Can't save " + config) && last_result == cli_result::failed ? 0 : 1);
+        const bool told = run("write").starts_with("% Can't save " + config);
+        _exit(told && last_result == cli_result::failed ? 0 : 1);
     }
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
     EXPECT_EQ(read_file(config), old);
-    EXPECT_NE(access((config + ".new").c_str(), F_OK), 0);
+    EXPECT_FALSE(exists(config + ".new"));
 }
 
-// Runs `write` in a child that is killed at its n-th system call, entry or exit. False when it came to its
+// Runs `save` in a child that is killed at its n-th system call, entry or exit. False when it came to its
 // end before that; *able is false where processes can't be traced.
 bool save_killed_at(const std::function<void()>& save, int n, bool* able) {
     pid_t child = fork();
@@ -229,7 +174,7 @@ bool save_killed_at(const std::function<void()>& save, int n, bool* able) {
 }
 
 TEST_F(Host, KilledAtAnyStepTheFileIsTheOldOneOrTheNewOne) {
-    std::string old = "hostname old\n";
+    const std::string old = "hostname old\n";
     read(old);
     run("hostname new", CONFIG_MODE);
     bool seen_old = false, seen_new = false, able = true, killed = true;
@@ -237,7 +182,7 @@ TEST_F(Host, KilledAtAnyStepTheFileIsTheOldOneOrTheNewOne) {
         write_file(config, old);
         killed = save_killed_at([&] { run("write"); }, n, &able);
         if (!able) GTEST_SKIP() << "processes can't be traced here";
-        std::string now = read_file(config);
+        const std::string now = read_file(config);
         EXPECT_TRUE(now == old || now == "hostname new\n") << n << ": " << now;
         seen_old = seen_old || now == old;
         seen_new = seen_new || (killed && now != old);
@@ -248,23 +193,23 @@ TEST_F(Host, KilledAtAnyStepTheFileIsTheOldOneOrTheNewOne) {
 }
 
 TEST_F(Host, NoMemoryWhileSavingOrKeepingLosesNothing) {
-    std::string old = "hostname old\ninterface eth1\n port 1\n!\n";
+    const std::string old = "hostname old\ninterface eth1\n port 1\n!\n";
     read(old);
     for (std::uint64_t n = 1; n < 20; n++) {
         memmgr_fail_at(n);
-        std::string printed = run("write");
+        const std::string printed = run("write");
         memmgr_fail_at(0);
         EXPECT_EQ(read_file(config), old) << n << printed;
     }
-    EXPECT_EQ(ctx->host->lossy, false);
+    EXPECT_FALSE(ctx->host->lossy);
     for (std::uint64_t n = 1; n < 12; n++) {
         stop();
         start();
         logged.clear();
         memmgr_fail_at(n);
-        host_config_start(ctx, config.c_str(), 0);
+        read_from(config);
         memmgr_fail_at(0);
-        bool whole = running() == old;
+        const bool whole = running() == old;
         run("write");
         EXPECT_EQ(read_file(config), old) << "what could not be kept must not be overwritten";
         EXPECT_TRUE(whole || !logged.empty()) << n;
@@ -274,40 +219,48 @@ TEST_F(Host, NoMemoryWhileSavingOrKeepingLosesNothing) {
 TEST_F(Host, EverydayCommands) {
     bind("eth1", 7);
     read("");
-    EXPECT_EQ(run("show version"), std::string("esmcd version ") + lib_version() + "\n");
-    EXPECT_NE(run("show interfaces").find("eth1"), std::string::npos);
-    EXPECT_NE(run("show events").find("Timers run"), std::string::npos);
-    log_suite(LOG_LEVEL_ERROR, "a line to be found");
-    EXPECT_NE(run("show log | include a line to be found").find("error a line to be found"),
-              std::string::npos);
     memmgr_cli_init(ctx);
-    EXPECT_NE(run("show memory").find("Total"), std::string::npos);
+    log_suite(LOG_LEVEL_ERROR, "a line to be found");
+    const char* const shown[][2] = {{"show version", "esmcd version "},
+                                    {"show interfaces", "eth1"},
+                                    {"show events", "Timers run"},
+                                    {"show memory", "Total"},
+                                    {"show log | include to be found", "error a line to be found"}};
+    for (const auto& [line, text] : shown) EXPECT_NE(run(line).find(text), std::string::npos) << line;
     EXPECT_EQ(run("do show version", CONFIG_MODE), run("show version"));
-    EXPECT_EQ(run("do configure terminal", CONFIG_MODE), "");
-    EXPECT_EQ(run("log file " + directory + "/none/x", CONFIG_MODE),
-              "% Can't open " + directory + "/none/x: No such file or directory\n");
+    const std::string none = directory + "/none/x";
+    EXPECT_EQ(run("log file " + none, CONFIG_MODE), "% Can't open " + none + ": No such file or directory\n");
     EXPECT_EQ(run("hostname " + std::string(64, 'n'), CONFIG_MODE), "% Name too long\n");
 }
 
-TEST_F(Host, ExecCommandsAreNotTakenFromTheFile) {
-    read("do write\ndo hostname x\n");
-    EXPECT_EQ(logged.size(), 2u);
-    EXPECT_EQ(read_file(config), "do write\ndo hostname x\n");
-}
-
-std::int32_t debug_asked;
-
-TEST_F(Host, DebugCommandsReachTheCallbackInAllModes) {
-    ASSERT_EQ(debug_callback_register([](cli*, std::int32_t op, void*) { debug_asked = op; }, nullptr), 0);
-    for (std::int32_t mode : {EXEC_MODE, CONFIG_MODE, INTERFACE_MODE}) {
-        debug_asked = -1;
-        run("debug all", mode);
-        EXPECT_EQ(debug_asked, 2);
-        run("no debug all", mode);
-        EXPECT_EQ(debug_asked, 1);
+TEST_F(Host, DifferenceOfConfigurations) {
+    auto diff = [](std::string_view before, std::string_view now) {
+        text_buffer out;
+        EXPECT_TRUE(host_diff(before, now, &out));
+        return take_text(&out);
+    };
+    EXPECT_EQ(diff("", ""), "");
+    EXPECT_EQ(diff("a\nb\nc\n", "a\nc\nd\n"), "-b\n+d\n");
+    EXPECT_EQ(diff("interface e1\n x\n y\n!\ninterface e2\n z\n!\n",
+                   "interface e1\n x\n!\ninterface e2\n z\n w\n!\n"),
+              " interface e1\n- y\n interface e2\n+ w\n");
+    EXPECT_EQ(diff("", "g\ninterface e1\n x\n!\n"), "+g\n+interface e1\n+ x\n+!\n");
+    std::string many, other;
+    for (int i = 0; i < 3000; i++) {
+        many += "line " + std::to_string(i) + "\n";
+        other += "other " + std::to_string(i) + "\n";
     }
-    run("show debugging");
-    EXPECT_EQ(debug_asked, 0);
+    const std::string whole = diff(many, other);
+    EXPECT_EQ(std::count(whole.begin(), whole.end(), '\n'), 6000);
+    std::string changed = many;
+    changed.replace(changed.find("line 17\n"), 8, "LINE 17\n");
+    changed.replace(changed.find("line 2900\n"), 10, "");
+    EXPECT_EQ(diff(many, changed), "-line 17\n+LINE 17\n-line 2900\n");
+    read("hostname a\n");
+    run("hostname b", CONFIG_MODE);
+    EXPECT_EQ(run("show running-config diff"), "-hostname a\n+hostname b\n");
+    run("write");
+    EXPECT_EQ(run("show running-config diff"), "");
 }
 
 }  // namespace

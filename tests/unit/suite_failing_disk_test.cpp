@@ -1,0 +1,156 @@
+// The disk fails at each call of a save, and at each line of the log.
+#include <sys/wait.h>
+
+#include "suite/host_file.h"
+#include "suite/log.h"
+#include "suite/rights_user.h"
+#include "unit/failing_disk.h"
+#include "unit/suite_host_support.h"
+
+namespace {
+
+using namespace host_support;
+using failing_disk::fault;
+
+const std::string OLD = "hostname old\n", NEW = "hostname new\n";
+
+class FailingDisk : public Host {
+  protected:
+    void SetUp() override {
+        Host::SetUp();
+        read(OLD);
+        run("hostname new", CONFIG_MODE);
+    }
+
+    // The directory is closed to the user of this process from now on; the files are his.
+    void become_user() {
+        rights_user user;
+        ASSERT_EQ(rights_user_find("65534:65534", &user), nullptr);
+        ASSERT_EQ(chmod(directory.c_str(), 0755), 0);
+        host_file_give(config.c_str(), user);
+        ASSERT_EQ(rights_become(user, 0), 0);
+        ASSERT_EQ(::open((directory + "/none").c_str(), O_WRONLY | O_CREAT, 0600), -1);
+    }
+
+    void save_after(fault kind, int at, bool* struck) {
+        write_file(config, OLD);
+        logged.clear();
+        failing_disk::arm(directory, kind, at);
+        const std::string printed = run("write");
+        *struck = failing_disk::disarm();
+        if (last_result == cli_result::ok) {
+            EXPECT_EQ(read_file(config), NEW);
+        } else {
+            EXPECT_EQ(printed, "% Can't save " + config + ": No space left on device\n");
+            EXPECT_GE(logged.size(), 1U);
+            // A disk on which not even the old text can be put back is seen to by the next start.
+            EXPECT_TRUE(kind != fault::full || host_file_settle(config.c_str()) == 0);
+            const std::string content = read_file(config);
+            EXPECT_TRUE(content == OLD || content == NEW) << content;
+            kept_old += content == OLD;
+        }
+        EXPECT_EQ(run("write"), "") << "there is room again";
+        EXPECT_EQ(read_file(config), NEW);
+    }
+
+    // Each call in turn; how many there were.
+    int save_after_each(fault kind) {
+        for (int at = 1;; ++at) {
+            bool struck = false;
+            SCOPED_TRACE(std::to_string(static_cast<int>(kind)) + " at call " + std::to_string(at));
+            save_after(kind, at, &struck);
+            if (!struck || HasFailure()) return at - 1;
+        }
+    }
+
+    // Kills leave the old text or the new one, once the next start has looked.
+    int save_killed_at_each() {
+        int at = 0;
+        for (int status = -1; status != 0 && !HasFailure();) {
+            write_file(config, OLD);
+            failing_disk::arm(directory, fault::killed, ++at);
+            const pid_t child = fork();
+            if (child == 0) {
+                run("write");
+                _exit(0);
+            }
+            failing_disk::disarm();
+            EXPECT_EQ(waitpid(child, &status, 0), child);
+            EXPECT_EQ(host_file_settle(config.c_str()), 0);
+            const std::string content = read_file(config);
+            EXPECT_TRUE(content == OLD || content == NEW) << at << ": " << content;
+            kept_old += content == OLD;
+        }
+        return at - 1;
+    }
+
+    int kept_old = 0;
+};
+
+TEST_F(FailingDisk, SaveByANewFile) {
+    EXPECT_GE(save_after_each(fault::once), 9);
+    EXPECT_GE(kept_old, 7);
+    EXPECT_GE(save_after_each(fault::cut), 9);
+    EXPECT_GE(save_after_each(fault::full), 4);
+    EXPECT_GE(save_killed_at_each(), 9);
+}
+
+TEST_F(FailingDisk, SaveInPlaceByAnotherUser) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root";
+    const pid_t child = fork();
+    if (child == 0) {
+        become_user();
+        if (!HasFailure()) {
+            EXPECT_GE(save_after_each(fault::once), 19);
+            EXPECT_GE(kept_old, 14);
+            EXPECT_GE(save_after_each(fault::cut), 19);
+            EXPECT_GE(save_after_each(fault::full), 8);
+            EXPECT_GE(save_killed_at_each(), 19);
+        }
+        std::fflush(nullptr);
+        _exit(HasFailure() ? 1 : 0);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+// A save must not make a file of what is none: /dev/null is a usual choice for no configuration.
+TEST_F(FailingDisk, WhatIsNoFileStaysWhatItIs) {
+    unlink(config.c_str());
+    ASSERT_EQ(mkfifo(config.c_str(), 0600), 0);
+    EXPECT_EQ(run("write"), "% Can't save " + config + ": Operation not supported\n");
+    struct stat status {};
+    ASSERT_EQ(stat(config.c_str(), &status), 0);
+    EXPECT_TRUE(S_ISFIFO(status.st_mode));
+}
+
+// Lines that were written and lines that are counted as dropped are all lines.
+TEST_F(FailingDisk, LogGoesOnAndCountsWhatItLost) {
+    constexpr int LINES = 12;
+    const std::string path = directory + "/log";
+    for (const fault kind : {fault::once, fault::cut, fault::full}) {
+        for (int at = 1; at <= LINES; ++at) {
+            ASSERT_EQ(log_set_file(path.c_str()), 0);
+            failing_disk::arm(path, kind, at);
+            for (int line = 0; line < LINES; ++line) log_suite(LOG_LEVEL_INFO, "line %d of them", line);
+            EXPECT_TRUE(failing_disk::disarm());
+            log_suite(LOG_LEVEL_INFO, "last line of them");
+            ASSERT_EQ(log_set_file(nullptr), 0);
+            int whole = 0, lost = 0;
+            std::istringstream text(read_file(path));
+            for (std::string line; std::getline(text, line);) {
+                const std::string words = line.substr(line.find(' ', line.find(' ') + 1) + 1);
+                const bool is_count = words.ends_with(" log lines dropped");
+                EXPECT_TRUE(is_count || words.ends_with(" of them")) << line;
+                if (is_count) lost += std::stoi(words);
+                whole += !is_count;
+            }
+            EXPECT_EQ(whole + lost, LINES + 1) << static_cast<int>(kind) << " at " << at;
+            EXPECT_EQ(lost, kind == fault::once ? 1 : kind == fault::full ? LINES + 1 - at : 0);
+            unlink(path.c_str());
+        }
+    }
+}
+
+}  // namespace
