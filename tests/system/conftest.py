@@ -1,5 +1,6 @@
 """Fixtures of the system tests: real processes, real sockets, real links, each test in namespaces of its own."""
 
+import contextlib
 import pathlib
 import sys
 
@@ -9,6 +10,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent.parent / "
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 
 import lab as lab_module  # noqa: E402
+from wire import ENABLE, Port  # noqa: E402
 
 
 @pytest.hookimpl(hookwrapper=True)
@@ -17,11 +19,10 @@ def pytest_runtest_makereport(item, call):
     setattr(item, "report_" + call.when, outcome.get_result())
 
 
-@pytest.fixture
-def lab(request, tmp_path):
+@contextlib.contextmanager
+def guarded(made, request):
     """A lab that is taken down whatever happens. A process that crashed, leaked, or met undefined behaviour
     fails the test even when all its assertions hold; the ends of all logs are printed on failure."""
-    made = lab_module.Lab(tmp_path / "logs")
     complaints = []
     try:
         yield made
@@ -34,13 +35,35 @@ def lab(request, tmp_path):
 
 
 @pytest.fixture
-def switch(lab):
-    """One running switch with two ports, p1 and p2, whose other ends t1 and t2 are in the node `lab.tester`."""
+def lab(request, tmp_path):
+    with guarded(lab_module.Lab(tmp_path / "logs"), request) as made:
+        yield made
+
+
+@pytest.fixture
+def linked(lab):
+    """A switch with two ports, p1 and p2, whose other ends t1 and t2 are in the node `lab.tester`. Nothing runs yet."""
     made = lab.switch("sw")
     lab.tester = lab.node("tester", board=None)
     lab.link(made, "p1", lab.tester, "t1")
     lab.link(made, "p2", lab.tester, "t2")
-    return made.start()
+    return made
+
+
+@pytest.fixture
+def switch(linked):
+    """The same, running with its defaults."""
+    return linked.start()
+
+
+@pytest.fixture
+def enabled(switch):
+    """The same with SyncE and SSM on both ports, p1 preferred; the tester's ends are `switch.t1` and `switch.t2`."""
+    switch.t1, switch.t2 = Port(switch.lab.tester, "t1"), Port(switch.lab.tester, "t2")
+    switch.configure(*ENABLE)
+    switch.wait_port("p1", up="enable")
+    switch.wait_port("p2", up="enable")
+    return switch
 
 
 @pytest.fixture

@@ -10,7 +10,7 @@ HELLO, HELLO_ACK, SYNC_DONE = 1, 2, 3
 LINK_ADD, LINK_DELETE, LINK_UP, LINK_DOWN, BRIDGE_ADD = 10, 11, 12, 13, 115
 GLOBAL_ENABLE, RECOVERY_SELECT, HOLDOVER, SELECTED, GEPHY, CLOCK_STATE = 206, 207, 208, 209, 210, 211
 
-FREERUN, HOLDOVER_STATE, LOCK = 2, 3, 4
+FREERUN, LOCK = 2, 4
 BRIDGE_MAC = bytes.fromhex("001122334455")
 BRIDGE_ID = "00:11:22:FF:FE:33:44:55"
 
@@ -28,12 +28,8 @@ class Message:
         return f"<{self.type} seq {self.sequence} {self.body.hex()}>"
 
 
-class Closed(AssertionError):
-    """The daemon closed the link."""
-
-
-def link_record(index, name, kernel=None, up=True, mac=None, kind=2):
-    mac = mac or bytes([2, 0, 0, 0, index >> 8 & 255, index & 255])
+def link_record(index, name, kernel=None, up=True, kind=2):
+    mac = bytes([2, 0, 0, 0, index >> 8 & 255, index & 255])
     return struct.pack(">IIHH6s2x16s", index, index if kernel is None else kernel, kind, 1 if up else 0, mac,
                        name.encode())
 
@@ -71,20 +67,17 @@ class Nsm:
         if os.path.exists(self.path):
             os.unlink(self.path)
 
-    def send_raw(self, packet):
-        self.connection.send(packet)
-
     def send(self, kind, body=b""):
         self.sequence += 1
-        self.send_raw(struct.pack(">HHI", kind, 8 + len(body), self.sequence) + body)
+        self.connection.send(struct.pack(">HHI", kind, 8 + len(body), self.sequence) + body)
 
     def receive(self, deadline=3.0):
-        """The next message; None when nothing comes, Closed when the daemon hung up."""
+        """The next message; None when nothing comes."""
         if not select.select([self.connection], [], [], deadline)[0]:
             return None
         packet = self.connection.recv(4096)
         if not packet:
-            raise Closed("the daemon closed the link")
+            raise AssertionError("the daemon closed the link")
         return Message(packet)
 
     def expect(self, kind, deadline=3.0):
@@ -106,6 +99,9 @@ class Nsm:
 
     # --- the usual conversation
 
+    def acknowledge(self):
+        self.send(HELLO_ACK, struct.pack(">I", 0))
+
     def add(self, index, name, **more):
         self.send(LINK_ADD, link_record(index, name, **more))
 
@@ -115,27 +111,23 @@ class Nsm:
     def down(self, index):
         self.send(LINK_DOWN, struct.pack(">I", index))
 
-    def delete(self, index, flags=None):
-        self.send(LINK_DELETE, struct.pack(">I", index) + (b"" if flags is None else struct.pack(">I", flags)))
+    def delete(self, index, *flags):
+        self.send(LINK_DELETE, struct.pack(f">{1 + len(flags)}I", index, *flags))
 
     def state(self, state, source=0):
         self.send(CLOCK_STATE, struct.pack(">II", state, source))
 
-    def bridge(self, mac=BRIDGE_MAC):
-        self.send(BRIDGE_ADD, struct.pack(">16sII6s2x", b"br0", 0, 1, mac))
+    def bridge(self):
+        self.send(BRIDGE_ADD, struct.pack(">16sII6s2x", b"br0", 0, 1, BRIDGE_MAC))
 
-    def session(self, ports=(), state=FREERUN, bridge=True, deadline=3.0):
-        """Accepts, greets, dumps. `ports` are (index, name) or dictionaries for `add`. Returns the HELLO."""
-        self.accept(deadline)
+    def session(self, ports=(), state=FREERUN):
+        """Accepts, greets, dumps. `ports` are the arguments of `add`. Returns the HELLO."""
+        self.accept()
         hello = self.expect(HELLO)
-        self.send(HELLO_ACK, struct.pack(">I", 0))
-        if bridge:
-            self.bridge()
+        self.acknowledge()
+        self.bridge()
         for port in ports:
-            if isinstance(port, dict):
-                self.add(**port)
-            else:
-                self.add(*port)
+            self.add(**port)
         self.state(state)
         self.send(SYNC_DONE)
         return hello

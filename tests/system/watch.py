@@ -39,9 +39,9 @@ class Lateness:
 
 
 class Watch:
-    """Frames seen on each watched port, in `seen[port]`."""
+    """Says PRC on t1 as long as `feeding` is set. Frames seen on each watched port are in `seen[port]`."""
 
-    def __init__(self, node, fed=None, quality=wire.PRC, watched=("t1", "t2")):
+    def __init__(self, node, watched=("t1", "t2")):
         self.stop, self.errors = threading.Event(), []
         self.feeding, self.lateness = threading.Event(), Lateness()
         self.feeding.set()
@@ -49,8 +49,7 @@ class Watch:
         ports = {name: wire.Port(node, name) for name in watched}
         bodies = [lambda name=name: self._read(ports[name], self.seen[name]) for name in watched]
         bodies.append(lambda: self.lateness.turn(self.stop))
-        if fed:
-            bodies.append(lambda: self._feed(wire.Port(node, fed), quality))
+        bodies.append(lambda: self._feed(wire.Port(node, "t1")))
         self.threads = [threading.Thread(target=self._guard, args=(body,)) for body in bodies]
         for thread in self.threads:
             thread.start()
@@ -67,11 +66,11 @@ class Watch:
                 for frame in port.frames(0.2):
                     seen.append(frame)
 
-    def _feed(self, port, quality):
+    def _feed(self, port):
         while not self.stop.is_set():
             if self.feeding.is_set():
                 with network_down_ignored():
-                    port.send(wire.esmc(quality))
+                    port.send(wire.esmc(wire.PRC))
             self.stop.wait(0.5)
 
     def end(self):
@@ -90,15 +89,12 @@ class Watch:
         """The first frame on the port that the kernel took after `when`; None while there is none."""
         return next((frame for frame in list(self.seen[port]) if frame.when > when), None)
 
-    def gaps(self, port):
-        times = [frame.when for frame in self.seen[port]]
-        return [later - earlier for earlier, later in zip(times, times[1:])]
-
     def assert_undisturbed(self, qualities, allowed=0.020):
         """Each port sent its quality, no event, and every second a frame: within `allowed` and what the machine
         itself was late by."""
         for port, quality in qualities.items():
-            frames, gaps = self.seen[port], self.gaps(port)
+            frames = self.seen[port]
+            gaps = wire.gaps(frames)
             assert len(gaps) >= 3, (port, len(gaps))
             assert {(frame.quality, frame.event) for frame in frames} == {(quality, False)}, port
             worst = max(abs(gap - 1) for gap in gaps)

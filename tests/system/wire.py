@@ -12,7 +12,11 @@ SO_TIMESTAMPNS = 35
 SOURCE = bytes.fromhex("020000000099")
 
 PRC, SSU_A, SSU_B, EEC1, DNU = 2, 4, 8, 11, 15
-NAMES = {PRC: "PRC", SSU_A: "SSU-A", SSU_B: "SSU-B", EEC1: "EEC1/SEC", DNU: "DNU"}
+
+# SyncE and SSM on the switch and on both of its ports.
+ENABLE = ["clock synce global-enable", "clock synce ssm enable",
+          "interface p1", "clock synce priority 10", "clock synce enable", "exit",
+          "interface p2", "clock synce priority 20", "clock synce enable", "exit"]
 
 
 def esmc(quality, event=False, destination=GROUP, source=SOURCE, extension=None):
@@ -43,6 +47,11 @@ def stamp(ancillary):
             seconds, nanoseconds = struct.unpack("qq", data[:16])
             return time.monotonic() - (time.time() - seconds - nanoseconds / 1e9)
     return time.monotonic()
+
+
+def gaps(frames):
+    """Seconds from each frame to the next."""
+    return [later.when - earlier.when for earlier, later in zip(frames, frames[1:])]
 
 
 class Port:

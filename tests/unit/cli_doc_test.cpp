@@ -3,7 +3,9 @@
 //
 // A section's heading says which modes its tables are about; a row's first cell is the command string as the
 // command object has it, blanks around brackets and bars aside, with the bars escaped as a table wants them.
+#include <algorithm>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <set>
 #include <sstream>
@@ -28,14 +30,6 @@ const section SECTIONS[] = {
     {"## Debugging", {DEBUG_MODE}},
 };
 
-std::vector<std::string> document() {
-    std::ifstream in(CLI_DOC_PATH);
-    EXPECT_TRUE(in.good()) << CLI_DOC_PATH;
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
-
 // One blank between words, none around "(", "|" and ")".
 std::string normal(const std::string& text) {
     std::string spaced;
@@ -50,33 +44,20 @@ std::string normal(const std::string& text) {
     return result;
 }
 
-// The first cell of a table row when it is code, else nothing.
-std::string row_name(const std::string& line) {
-    if (!line.starts_with("| `")) return {};
-    return line.substr(3, line.find('`', 3) - 3);
-}
-
-// What the tables below a heading name, each with whether anything is said about it.
-std::map<std::string, bool> rows_below(const std::vector<std::string>& lines, const std::string& heading) {
-    std::map<std::string, bool> rows;
+// What the tables below a heading name. Each row must say something and stand once.
+names rows_below(const std::string& heading) {
+    std::ifstream in(CLI_DOC_PATH);
+    EXPECT_TRUE(in.good()) << CLI_DOC_PATH;
+    names rows;
     bool inside = false;
-    for (const std::string& line : lines) {
+    for (std::string line; std::getline(in, line);) {
         if (line.starts_with("## ")) inside = line == heading;
-        const std::string name = row_name(line);
-        if (!inside || name.empty()) continue;
-        const std::size_t behind = line.find("` |", 3);
-        const bool said =
-            behind != std::string::npos && line.find_first_not_of(" |", behind + 3) != std::string::npos;
-        EXPECT_TRUE(rows.emplace(normal(name), said).second) << heading << ": " << name << " stands twice";
+        if (!inside || !line.starts_with("| `")) continue;
+        const std::size_t end = line.find('`', 3);
+        EXPECT_NE(line.find_first_not_of("` |", end), line.npos) << line << " has no meaning";
+        EXPECT_TRUE(rows.insert(normal(line.substr(3, end - 3))).second) << line << " stands twice";
     }
     return rows;
-}
-
-names only_in(const names& a, const names& b) {
-    names rest;
-    for (const std::string& name : a)
-        if (!b.contains(name)) rest.insert(name);
-    return rest;
 }
 
 class cli_document : public daemon_test {
@@ -88,14 +69,9 @@ class cli_document : public daemon_test {
 };
 
 TEST_F(cli_document, names_every_command_in_its_mode_and_no_other) {
-    const std::vector<std::string> lines = document();
     std::map<std::int32_t, names> written, installed;
-    for (const section& s : SECTIONS) {
-        for (const auto& [command, said] : rows_below(lines, s.heading)) {
-            EXPECT_TRUE(said) << command << " has no meaning";
-            for (std::int32_t mode : s.modes) written[mode].insert(command);
-        }
-    }
+    for (const section& s : SECTIONS)
+        for (std::int32_t mode : s.modes) written[mode].merge(rows_below(s.heading));
     cli_walk(
         ctx_->ctree,
         [](void* arg, std::int32_t mode, const cli_element* element, std::uint32_t flags) {
@@ -105,8 +81,10 @@ TEST_F(cli_document, names_every_command_in_its_mode_and_no_other) {
         &installed);
     EXPECT_GE(installed[CONFIG_MODE].size(), 40u);  // the tree is the whole one
     for (std::int32_t mode = 0; mode < CLI_MODE_COUNT; mode++) {
-        EXPECT_EQ(only_in(installed[mode], written[mode]), names{}) << "not in the document, mode " << mode;
-        EXPECT_EQ(only_in(written[mode], installed[mode]), names{}) << "not installed, mode " << mode;
+        names alone;
+        std::ranges::set_symmetric_difference(installed[mode], written[mode],
+                                              std::inserter(alone, alone.end()));
+        EXPECT_EQ(alone, names{}) << "in the document or in the tree alone, mode " << mode;
     }
 }
 
@@ -126,14 +104,13 @@ TEST_F(cli_document, describes_the_fields_of_the_json_object) {
     add_port("p1", 1);
     ASSERT_EQ(run("show clock synce json"), cli_result::ok);
     const std::string text = output();
-    names fields, described;
+    names fields;
     for (std::size_t at = text.find("\":"); at != std::string::npos; at = text.find("\":", at + 1)) {
         const std::size_t first = text.rfind('"', at - 1) + 1;
         fields.insert(text.substr(first, at - first));
     }
     EXPECT_GE(fields.size(), 20u);
-    for (const auto& [name, said] : rows_below(document(), "## The JSON object")) described.insert(name);
-    EXPECT_EQ(fields, described);
+    EXPECT_EQ(fields, rows_below("## The JSON object"));
 }
 
 }  // namespace

@@ -55,11 +55,13 @@ class daemon_test : public ::testing::Test {
     std::vector<std::string> logged() { return std::exchange(logged_, {}); }
 
     cli_result run(const char* line) { return cli_run_line(ctx_->ctree, &session_, line); }
-    // Runs a line that must succeed without a word.
-    void quiet(const char* line) {
+    // Runs a line that must succeed; what it printed.
+    std::string shown(const char* line) {
         EXPECT_EQ(run(line), cli_result::ok) << line;
-        EXPECT_EQ(output(), "") << line;
+        return output();
     }
+    // Runs a line that must succeed without a word.
+    void quiet(const char* line) { EXPECT_EQ(shown(line), "") << line; }
     // Runs a line that must fail with exactly this text.
     void refused(const char* line, const char* text) {
         EXPECT_EQ(run(line), cli_result::failed) << line;

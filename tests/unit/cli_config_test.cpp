@@ -1,0 +1,233 @@
+// Configuration commands through the real engine: what each leaves in the running configuration, what it
+// traces, what it refuses, and the life of the interface under the session.
+#include "daemon_fixture.h"
+
+namespace {
+
+using lines = std::vector<std::string>;
+
+// A line that is taken, what the configuration then holds, and the trace where it is not the line itself.
+struct taken {
+    const char* line;
+    const char* written;
+    const char* trace = nullptr;
+};
+
+class config_commands : public daemon_test {
+  protected:
+    void SetUp() override {
+        daemon_test::SetUp();
+        port_ = add_port("p1", 1);
+        config_mode();
+    }
+    std::string global() {
+        EXPECT_EQ(ssm_config_write(&session_), 0);
+        return output();
+    }
+    std::string interfaces() {
+        EXPECT_EQ(ssm_interface_config_write(&session_), 0);
+        return output();
+    }
+    void take(const taken& row) {
+        ssm_debug = SSM_DEBUG_CLI;
+        quiet(row.line);
+        const std::string trace = row.trace ? row.trace : row.line;
+        EXPECT_EQ(logged(), trace.empty() ? lines{} : lines{": " + trace}) << row.line;
+    }
+    ssm_port* port_ = nullptr;
+};
+
+TEST_F(config_commands, of_the_switch_are_traced_and_written) {
+    const taken rows[] = {
+        {"clock synce global-enable", "clock synce global-enable\n"},
+        {"no clock synce global-enable", ""},
+        {"clock synce ssm enable gephy", "clock synce ssm enable gephy\n",
+         "clock synce ssm enable and setting gephy role dynamically"},
+        {"clock synce ssm enable", "clock synce ssm enable\n"},
+        {"no clock synce ssm enable", ""},
+        {"clock synce local-quality option1 eec1", "clock synce local-quality option1 eec1\n",
+         "clock synce local-quality eec1 under option1 mode"},
+        {"clock synce local-quality option1 prc", "clock synce local-quality option1 prc\n",
+         "clock synce local-quality prc under option1 mode"},
+        {"clock synce local-quality option1 dnu", "", "clock synce local-quality dnu under option1 mode"},
+        {"cl sy local-q option2 e", "clock synce local-quality option2 eec2\n",
+         "clock synce local-quality eec2 under option2 mode"},
+        {"clock synce local-quality option2 prs", "clock synce local-quality option2 prs\n",
+         "clock synce local-quality prs under option2 mode"},
+        {"clock synce local-quality option2 dus", "clock synce local-quality option2 dus\n",
+         "clock synce local-quality dus under option2 mode"},
+        {"no clock synce local-quality", ""},
+        {"clock synce local-priority 007", "clock synce local-priority 7\n"},
+        {"no clock synce local-priority", ""},
+        {"clock synce master-only", "clock synce master-only\n"},
+        {"no clock synce slave-only", ""},  // whatever the role is
+        {"clock synce slave-only", "clock synce slave-only\n"},
+        {"no clock synce master-only", ""},
+        {"clock synce ssm extend", "clock synce ssm extend\n"},
+        {"no clock synce ssm extend", ""},
+        {"clock synce switch-force p1", "clock synce switch-force p1\n"},
+        {"no clock synce switch-force", ""},
+        {"no clock synce switch-force", ""},  // nothing forced: fine
+        {"clock recovery-select bits bits1", "clock recovery-select bits bits1\n"},
+        {"clock recovery-select bits bits2", "clock recovery-select bits bits2\n"},
+        {"no clock recovery-select", ""},
+    };
+    for (const taken& row : rows) {
+        take(row);
+        EXPECT_EQ(global(), row.written + std::string("!\n")) << row.line;
+    }
+}
+
+TEST_F(config_commands, of_a_port_are_traced_and_written) {
+    const taken rows[] = {
+        {"clock synce enable", " clock synce enable\n", "interface clock synce enable"},
+        {"no clock synce enable", "", "interface no clock synce enable"},
+        {"clock synce priority 3", " clock synce priority 3\n", "interface clock synce priority 3"},
+        {"no clock synce priority", "", "interface no clock synce priority"},
+        {"no clock synce ssm enable tx", " no clock synce ssm enable tx\n",
+         "interface no clock synce ssm enable"},
+        {"no clock synce ssm enable rx", " no clock synce ssm enable all\n",
+         "interface no clock synce ssm enable"},
+        {"clock synce ssm enable tx", " no clock synce ssm enable rx\n",
+         "interface clock synce ssm enable tx"},
+        {"clock synce ssm enable all", "", "interface clock synce ssm enable all"},
+        {"clock synce dnu-group 255", " clock synce dnu-group 255\n", "interface clock synce dnu group 255"},
+        {"no clock synce dnu-group", "", ""},
+        {"clock synce extend replace-clockid", " clock synce extend replace-clockid\n"},
+        {"no clock synce extend replace-clockid", ""},
+        {"clock synce quality-eth rx prc", " clock synce quality-eth rx prc \n",
+         "interface clock synce quality-level rx prc"},
+        {"no clock synce quality-eth rx", "", "no interface clock synce quality-level rx"},
+        {"clock synce quality-eth tx ssu-a", " clock synce quality-eth tx ssu-a \n",
+         "interface clock synce quality-level tx ssu-a"},
+        {"no clock synce quality-eth tx", "", "no interface clock synce quality-level tx"},
+        {"clock synce gephy mas", " clock synce gephy master\n", "clock synce gephy master"},
+        {"clock synce gephy slave", " clock synce gephy slave\n"},
+        {"no clock synce gephy", ""},
+    };
+    interface_mode("p1");
+    for (const taken& row : rows) {
+        take(row);
+        EXPECT_EQ(interfaces(), std::string("interface p1\n") + row.written + "!\n") << row.line;
+    }
+}
+
+TEST_F(config_commands, interfaces_that_are_no_ports_are_not_written) {
+    add_interface("lo", 9, 1);
+    add_interface("unbound", 2);
+    EXPECT_EQ(interfaces(), "interface p1\n!\n!\n");
+}
+
+TEST_F(config_commands, refuse_with_the_reason_and_change_nothing) {
+    add_interface("lo", 9, 1);
+    add_interface("unbound", 10);
+    refused("clock synce switch-force nowhere", "% Unknown interface nowhere\n");
+    refused("clock synce switch-force lo", "% Interface lo is not a SyncE port\n");
+    refused("clock synce switch-force unbound", "% Interface unbound is not a SyncE port\n");
+    quiet("clock synce local-quality option2 eec2");
+    interface_mode("p1");
+    refused("clock synce quality-eth rx prc", "% Can't configure QL value prc under option2 mode\n");
+    quiet("clock synce quality-eth rx prs");
+    config_mode();
+    refused("clock synce local-quality option1 eec1",
+            "% Can't configure QL value,option collision between force quality and local quality \n");
+    refused("no clock synce local-quality", "% General error\n");
+    EXPECT_EQ(global(), "clock synce local-quality option2 eec2\n!\n");
+    EXPECT_EQ(interfaces(), "interface p1\n clock synce quality-eth rx prs \n!\n!\n");
+    interface_mode("p1");
+    quiet("no clock synce quality-eth rx");
+    config_mode();
+    quiet("no clock synce local-quality");
+    interface_mode("p1");
+    refused("clock synce quality-eth rx prs", "% Can't configure QL value prs under option1 mode\n");
+
+    clock_.force_port = port_;
+    clock_.force_e1 = 1;
+    config_mode();
+    refused("no clock synce switch-force",
+            "% Both a port and the E1 input are forced, nothing was cleared\n");
+    EXPECT_EQ(clock_.force_port, port_);
+}
+
+// The handlers' own check, for a platform whose ranges are looser.
+TEST_F(config_commands, number_outside_its_range_is_named) {
+    char text[] = "300";
+    char* argv[] = {text};
+    interface_mode("p1");
+    for (const auto& [command, complaint] :
+         {std::pair(&ssm_local_priority_cmd, "% Invalid local-priority value\n"),
+          std::pair(&ssm_if_priority_cmd, "% Invalid priority value\n"),
+          std::pair(&ssm_if_dnu_group_cmd, "% Invalid dnu group id value\n")}) {
+        EXPECT_EQ(command->handler(&session_, 1, argv), CLI_ERROR);
+        EXPECT_EQ(output(), complaint);
+    }
+    EXPECT_EQ(global() + interfaces(), "!\ninterface p1\n!\n");
+}
+
+TEST_F(config_commands, roles_by_hand_and_ssm_exclude_each_other) {
+    interface_mode("p1");
+    quiet("clock synce gephy master");
+    config_mode();
+    for (const char* line :
+         {"clock synce ssm enable", "clock synce ssm enable gephy", "no clock synce ssm enable"})
+        refused(line, " % Port gephy role is configured manually, it can't enable ssm\n");
+    EXPECT_EQ(global(), "!\n");
+    interface_mode("p1");
+    quiet("no clock synce gephy");
+    config_mode();
+    quiet("clock synce ssm enable");
+    interface_mode("p1");
+    for (const char* line : {"clock synce gephy master", "no clock synce gephy"})
+        refused(line, " % Synce ssm is enabled, it can't configure port gephy role\n");
+    EXPECT_EQ(port_->gephy_role_enable, 0U);
+}
+
+TEST_F(config_commands, roles_of_selection_are_no_configuration_and_end_with_it) {
+    quiet("clock synce ssm enable gephy");
+    ASSERT_EQ(ssm_opts_set_gephy_role(port_->intf, 1, SSM_GEPHY_SLAVE), 0);  // as selection does
+    EXPECT_EQ(interfaces(), "interface p1\n!\n");
+    quiet("clock synce ssm enable");
+    EXPECT_EQ(port_->gephy_role_enable, 0U);
+}
+
+TEST_F(config_commands, roles_by_hand_are_counted_a_port_once) {
+    add_port("p2", 2);
+    interface_mode("p1");
+    quiet("clock synce gephy master");
+    quiet("clock synce gephy slave");
+    interface_mode("p2");
+    quiet("no clock synce gephy");  // has none
+    EXPECT_EQ(clock_.gephy_manual_count, 1U);
+    quiet("clock synce gephy slave");
+    EXPECT_EQ(clock_.gephy_manual_count, 2U);
+    quiet("no clock synce gephy");
+    if_unbind(&ctx_->ifm, port_->intf);
+    EXPECT_EQ(clock_.gephy_manual_count, 0U);
+}
+
+TEST_F(config_commands, unsuitable_interface_is_entered_and_then_refused) {
+    add_interface("lo", 9, 1);
+    for (const char* name : {"lo", "nowhere"}) {
+        interface_mode(name);
+        for (const char* line :
+             {"clock synce enable", "no clock synce ssm enable all", "clock synce ssm enable rx",
+              "no clock synce priority", "no clock synce dnu-group", "clock synce extend replace-clockid"})
+            refused(line, "% Cannot configure on this interface\n");
+        refused("clock synce quality-eth rx prc", "% Invalid interface\n");
+        for (const char* line :
+             {"no clock synce quality-eth rx", "clock synce gephy master", "no clock synce gephy"})
+            refused(line, "");
+    }
+    EXPECT_EQ(clock_.gephy_manual_count, 0U);
+}
+
+TEST_F(config_commands, session_outlives_its_interface) {
+    interface_mode("p1");
+    if_remove(&ctx_->ifm, port_->intf);
+    refused("clock synce enable", "% Cannot configure on this interface\n");
+    port_ = add_port("p1", 1);  // and finds it again
+    quiet("clock synce enable");
+    EXPECT_EQ(port_->synce_enable, 1U);
+}
+
+}  // namespace
