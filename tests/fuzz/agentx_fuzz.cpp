@@ -2,10 +2,9 @@
 // comes over the link, one PDU after another; a PDU that is cut short is given as far as it goes. What the
 // sub-agent answers must be a whole PDU that can be read again, and without CommitSet every object is as
 // before.
-#include <algorithm>
-#include <cstdlib>
 #include <cstring>
 
+#include "fuzz/fuzz.h"
 #include "suite/agentx_record.h"
 #include "suite/log.h"
 #include "suite/memory.h"
@@ -61,23 +60,19 @@ const snmp_variable TABLE[] = {
     {4, SNMP_TYPE_INTEGER, SNMP_READ_ONLY, 3, read_cell, {4, 1, 2}},
 };
 
-void must(bool holds) {
-    if (!holds) std::abort();
-}
-
 void check_answer(const text_buffer& out) {
     if (out.length == 0) return;
     const const_octets whole{reinterpret_cast<const std::uint8_t*>(out.data), out.length};
     agentx_header header{};
-    must(whole.size() >= AGENTX_HEADER_SIZE && agentx_read_header(whole, &header));
-    must(header.type == AGENTX_RESPONSE && header.length == whole.size() - AGENTX_HEADER_SIZE);
+    must(whole.size() >= AGENTX_HEADER_SIZE && agentx_read_header(whole, &header), "answers have a header");
+    must(header.type == AGENTX_RESPONSE, "answers are responses");
+    must(header.length == whole.size() - AGENTX_HEADER_SIZE && header.length >= 8, "answers are whole");
     agentx_reader r{whole.subspan(AGENTX_HEADER_SIZE), 8, agentx_is_big_endian(header), false};
-    must(header.length >= 8);
     while (!agentx_at_end(&r)) {
         agentx_variable v;
         agentx_take_variable(&r, &v);
     }
-    must(!r.bad);
+    must(!r.bad, "answers can be read again");
 }
 
 lib_globals* context() {
@@ -86,7 +81,8 @@ lib_globals* context() {
         log_use_sink(LOG_SINK_STDERR, false);
         const snmp_oid base[] = {32473, 99};
         must(agentx_register_mib(&ctx, "fuzz", TABLE, sizeof TABLE[0], std::size(TABLE), base, 2, 0, 0, 0, 0,
-                                 0) == 0);
+                                 0) == 0,
+             "the MIB is registered");
     }
     return &ctx;
 }
@@ -112,7 +108,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         rest = rest.subspan(payload.size());
     }
     agentx_sets_end(agent);
-    must(committed || (numbers[0] == 5 && numbers[1] == 5));
-    must(memmgr_type_stats(MTYPE_AGENTX).blocks == 2);  // agent and module: no transaction is left
+    must(committed || (numbers[0] == 5 && numbers[1] == 5), "without CommitSet all is as before");
+    must(memmgr_type_stats(MTYPE_AGENTX).blocks == 2, "agent and module: no transaction is left");
     return 0;
 }

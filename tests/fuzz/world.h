@@ -1,7 +1,7 @@
-// The daemon as the fuzz targets run it: real records, operations, timers, socket unit, NSM client and loop;
-// in place of the clock, the packet socket and NSM stand a counter, a queue of frames, and a socket pair or
-// nothing. One world an input, so that an input alone decides what happens. What must always hold ends the
-// process.
+// The daemon in virtual time: real records, operations, timers, PDUs, socket unit, NSM client and event loop;
+// in place of the kernel's clock, packet socket and NSM stand a counter, a queue of frames, and the far end
+// of a socket pair. Five seconds of protocol time take microseconds and are exact to the millisecond. The
+// fuzz targets and the scenario tests run it. What must always hold ends the process.
 #pragma once
 
 #include <poll.h>
@@ -9,12 +9,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <array>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <functional>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "core/ssm_loop.h"
@@ -25,44 +26,85 @@
 #include "core/ssm_socket.h"
 #include "frame/ssm_debug.h"
 #include "frame/ssm_start.h"
+#include "fuzz/fuzz.h"
 #include "suite/log.h"
 #include "suite/nsm_client.h"
 
-inline void must(bool holds, const char* what) {
-    if (holds) return;
-    std::fprintf(stderr, "FAULT rule broken: %s\n", what);
-    std::abort();
-}
+using message = std::vector<std::uint8_t>;
 
-// What is left of an input; reads of nothing are zeros.
-struct input {
-    const std::uint8_t* at;
-    std::size_t left;
-
-    std::uint8_t octet() {
-        if (left == 0) return 0;
-        --left;
-        return *at++;
-    }
-    const_octets take(std::size_t count) {
-        count = std::min(count, left);
-        const const_octets taken(at, count);
-        at += count;
-        left -= count;
-        return taken;
-    }
+// What a neighbour sends.
+struct neighbour_pdu {
+    std::uint8_t quality = QL_PRC;
+    bool event = false;
+    bool extended = false;
+    std::array<std::uint8_t, 8> clock_id = {};
+    std::uint8_t hops = 0;
 };
 
-struct fuzz_world {
+constexpr std::size_t PDU_AT = 14;  // behind the Ethernet header
+
+inline message esmc_frame(const neighbour_pdu& pdu) {
+    message f = {0x01, 0x80, 0xC2, 0, 0, 2, 2, 0xEE, 0, 0, 0, 1, 0x88, 0x09};
+    f.resize(60);
+    const octets p = octets(f).subspan(PDU_AT);
+    p[0] = 0x0A;
+    p[2] = 0x19;
+    p[3] = 0xA7;
+    p[5] = 1;
+    p[6] = pdu.event ? 0x18 : 0x10;
+    p[10] = 1;
+    p[12] = 4;
+    p[13] = pdu.quality;
+    if (pdu.extended) {
+        p[14] = 2;
+        p[16] = 12;
+        std::copy(pdu.clock_id.begin(), pdu.clock_id.end(), p.begin() + 17);
+        p[25] = pdu.hops;
+    }
+    return f;
+}
+
+inline message words(std::initializer_list<std::uint32_t> values) {
+    message body(values.size() * 4);
+    std::size_t at = 0;
+    for (const std::uint32_t v : values) put_be32(body, std::exchange(at, at + 4), v);
+    return body;
+}
+
+// Kernel indexes are those of the daemon and 1000. Unless told, names are of two digits: p01 of 101, too.
+inline message link_body(std::uint32_t index, bool up, std::string name = {},
+                         std::uint16_t type = IF_TYPE_SYNCE) {
+    if (name.empty())
+        name = {'p', static_cast<char>('0' + index / 10 % 10), static_cast<char>('0' + index % 10)};
+    message body(nsm_link::SIZE);
+    put_be32(body, nsm_link::IFINDEX, index);
+    put_be32(body, nsm_link::KERNEL_IFINDEX, index + 1000);
+    put_be16(body, nsm_link::TYPE, type);
+    put_be16(body, nsm_link::FLAGS, up ? nsm_link::FLAG_UP : 0);
+    body[nsm_link::MAC] = 2;
+    body[nsm_link::MAC + 5] = static_cast<std::uint8_t>(index);
+    std::copy(name.begin(), name.end(), body.begin() + nsm_link::NAME);
+    return body;
+}
+
+struct virtual_daemon {
     bool with_link = false;  // NSM is the far end of a socket pair; else it can't be reached
     int nsm_fd = -1;         // that end
 
-    // For scripted runs: NSM greets and states these links, and what was sent is counted by daemon index.
+    // For scripted runs: NSM greets and states these links; what was sent is counted by daemon index.
     bool nsm_answers = false;
-    std::vector<std::vector<std::uint8_t>> links;
+    std::vector<message> links;
     std::uint64_t sent[256] = {}, events[256] = {};  // information and event PDUs
     int send_errors[256] = {};                       // errno that sending on the port fails with
-    std::uint64_t connects = 0;
+
+    // For who looks at it himself: what leaves on a port, in place of the rules here, and what NSM is told
+    // after the greeting.
+    std::function<void(std::uint32_t index, const_octets frame)> on_sent;
+    std::function<void(std::uint16_t type, const_octets body)> on_request;
+
+    // Operations that are called between events are unknown to ssm_run_event. Who does that says false: every
+    // PDU selects then.
+    bool as_the_daemon = true;
 
     void start(bool with_nsm_link) {
         with_link = with_nsm_link;
@@ -114,10 +156,12 @@ struct fuzz_world {
         }
     }
 
+    std::uint64_t now_ms() const { return now / NS_PER_MS; }
+
     void turn() {
         thread event;
         must(thread_fetch(g_p_esmcd, &event) != nullptr, "the loop goes on");
-        (void)ssm_run_event(&event);
+        (void)(as_the_daemon ? ssm_run_event(&event) : thread_call(&event));
         must(++turns < 400'000, "the loop comes to rest");
     }
     // Runs what can run without time passing.
@@ -137,15 +181,14 @@ struct fuzz_world {
     // The clock alone moves, as when the process was stopped.
     void jump(std::int64_t ms) { now += static_cast<nanoseconds>(ms) * NS_PER_MS; }
     // Runs `work` as an event of the loop, like a command.
-    template <typename Work>
-    void in_event(Work work) {
+    void in_event(const std::function<void()>& work) {
         struct job {
-            Work* work;
+            const std::function<void()>& work;
             bool done;
-        } j = {&work, false};
+        } j = {work, false};
         const auto run = [](thread* event) {
             auto* todo = static_cast<job*>(event->arg);
-            (*todo->work)();
+            todo->work();
             todo->done = true;
             return 0;
         };
@@ -155,7 +198,7 @@ struct fuzz_world {
     }
 
     // `settled` false: the frame waits in the socket.
-    void hear(std::uint32_t kernel_ifindex, std::vector<std::uint8_t> frame, bool settled = true) {
+    void hear(std::uint32_t kernel_ifindex, message frame, bool settled = true) {
         inbox.push_back({kernel_ifindex, std::move(frame)});
         if (settled) settle();
     }
@@ -166,45 +209,41 @@ struct fuzz_world {
         nsm_fd = -1;
     }
 
-    static std::vector<std::uint8_t> message(std::uint16_t type, const std::vector<std::uint8_t>& body) {
-        std::vector<std::uint8_t> m(NSM_HEADER_SIZE);
+    static message with_header(std::uint16_t type, const_octets body, std::size_t too_much = 0) {
+        message m(NSM_HEADER_SIZE);
         put_be16(m, 0, type);
-        put_be16(m, 2, static_cast<std::uint16_t>(m.size() + body.size()));
+        put_be16(m, 2, static_cast<std::uint16_t>(m.size() + body.size() + too_much));
         m.insert(m.end(), body.begin(), body.end());
         return m;
     }
     // A message of NSM's, without a link.
-    void deliver(std::uint16_t type, const std::vector<std::uint8_t>& body) {
-        const auto m = message(type, body);
+    void deliver(const message& m) {
         in_event([&] { nsm_client_deliver(ssm_instance->nsm_client, m.data(), m.size()); });
     }
+    void deliver(std::uint16_t type, const message& body) { deliver(with_header(type, body)); }
     // Over the link; lost while there is none.
-    void nsm_says(std::uint16_t type, const std::vector<std::uint8_t>& body) {
-        const auto m = message(type, body);
+    void nsm_says(const message& m) const {
         if (nsm_fd >= 0) (void)send(nsm_fd, m.data(), m.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     }
-    static std::vector<std::uint8_t> words(std::initializer_list<std::uint32_t> values) {
-        std::vector<std::uint8_t> body(values.size() * 4);
-        std::size_t at = 0;
-        for (const std::uint32_t v : values) {
-            put_be32(body, at, v);
-            at += 4;
+    void nsm_says(std::uint16_t type, const message& body) const { nsm_says(with_header(type, body)); }
+
+    // What NSM's end has received. The client closes its end by itself; its number may then be another
+    // descriptor's.
+    void drain_nsm() {
+        if (!nsm_client_get_stats(ssm_instance->nsm_client).connected) client_fd = -1;
+        std::uint8_t buffer[256];
+        while (nsm_fd >= 0) {
+            const ssize_t n = recv(nsm_fd, buffer, sizeof buffer, MSG_DONTWAIT);
+            if (n < 0) return;
+            if (n == 0) return end_link();
+            greeted = true;
+            const const_octets m{buffer, static_cast<std::size_t>(n)};
+            must(m.size() >= NSM_HEADER_SIZE, "requests have a header");
+            must(get_be16(m, 2) == m.size(), "requests say their length");
+            const std::uint16_t type = get_be16(m, 0);
+            if (type != NSM_MSG_HELLO && on_request) on_request(type, m.subspan(NSM_HEADER_SIZE));
+            if (type == NSM_MSG_HELLO && nsm_answers) greet();
         }
-        return body;
-    }
-    // Kernel indexes are those of the daemon and 1000.
-    static std::vector<std::uint8_t> link_body(std::uint32_t index, bool up,
-                                               std::uint16_t type = IF_TYPE_SYNCE) {
-        std::vector<std::uint8_t> body(nsm_link::SIZE);
-        put_be32(body, nsm_link::IFINDEX, index);
-        put_be32(body, nsm_link::KERNEL_IFINDEX, index + 1000);
-        put_be16(body, nsm_link::TYPE, type);
-        put_be16(body, nsm_link::FLAGS, up ? nsm_link::FLAG_UP : 0);
-        body[nsm_link::MAC] = 2;
-        body[nsm_link::NAME] = 'p';
-        body[nsm_link::NAME + 1] = static_cast<std::uint8_t>('0' + index / 10 % 10);
-        body[nsm_link::NAME + 2] = static_cast<std::uint8_t>('0' + index % 10);
-        return body;
     }
 
     // ---- The rules ----
@@ -243,35 +282,18 @@ struct fuzz_world {
     static constexpr std::size_t TYPES = 1024;
     struct queued_frame {
         std::uint32_t kernel_ifindex;
-        std::vector<std::uint8_t> octets;
+        message octets;
     };
 
     bool link_wants_turn() {
         drain_nsm();
         return client_readable() || (client_fd >= 0 && !greeted);
     }
-    // The client closes its end by itself; its number may then be another descriptor's.
-    void drain_nsm() {
-        if (!nsm_client_get_stats(ssm_instance->nsm_client).connected) client_fd = -1;
-        std::uint8_t m[256];
-        while (nsm_fd >= 0) {
-            const ssize_t n = recv(nsm_fd, m, sizeof m, MSG_DONTWAIT);
-            if (n < 0) return;
-            if (n == 0) {
-                end_link();
-                return;
-            }
-            greeted = true;
-            must(n >= static_cast<ssize_t>(NSM_HEADER_SIZE), "requests have a header");
-            must(get_be16({m, NSM_HEADER_SIZE}, 2) == n, "requests say their length");
-            if (nsm_answers && get_be16({m, NSM_HEADER_SIZE}, 0) == NSM_MSG_HELLO) greet();
-        }
-    }
     void greet() {
         nsm_says(NSM_MSG_HELLO_ACK, words({0}));
-        std::vector<std::uint8_t> bridge(nsm_bridge::SIZE);
+        message bridge(nsm_bridge::SIZE);
         bridge[nsm_bridge::MAC] = 2;
-        nsm_says(NSM_MSG_BRIDGE_ADD, bridge);
+        if (!links.empty()) nsm_says(NSM_MSG_BRIDGE_ADD, bridge);
         for (const auto& body : links) nsm_says(NSM_MSG_LINK_ADD, body);
         nsm_says(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, words({2, 0}));
         nsm_says(NSM_MSG_SYNC_DONE, {});
@@ -285,10 +307,24 @@ struct fuzz_world {
         pollfd p = {client_fd, POLLIN, 0};
         return client_fd >= 0 && poll(&p, 1, 0) == 1;
     }
+    static void check_frame(const_octets frame, std::uint32_t kernel_ifindex) {
+        must(frame.size() >= 60 && frame.size() <= 1514, "frames have a legal length");
+        must(get_be16(frame, 12) == 0x8809 && frame[PDU_AT] == 0x0A, "frames are ESMC");
+        const std::uint8_t quality = frame[PDU_AT + 13];
+        must(quality <= QL_DNU && quality != QL_NONE, "qualities sent are codes");
+        bool known = false, lawful = false;
+        ssm_port_walk([&](const ssm_port* p) {
+            if (p->intf->kernel_ifindex != kernel_ifindex) return;
+            known = true;
+            lawful |= !p->link_up || p != g_s_master->selected_port || quality == QL_DNU;
+        });
+        must(known, "frames leave on ports");
+        must(lawful, "the source is told DNU");
+    }
 
-    static nanoseconds now_edge(void* self) { return static_cast<fuzz_world*>(self)->now; }
+    static nanoseconds now_edge(void* self) { return static_cast<virtual_daemon*>(self)->now; }
     static int wait_edge(void* arg, int timeout_ms, thread_ready* out, int max) {
-        auto* self = static_cast<fuzz_world*>(arg);
+        auto* self = static_cast<virtual_daemon*>(arg);
         int count = 0;
         self->drain_nsm();
         if (!self->inbox.empty() && count < max) out[count++] = {self->slow_fd, true, false};
@@ -300,36 +336,23 @@ struct fuzz_world {
         return count;
     }
     static int open_edge(void* self) {
-        return static_cast<fuzz_world*>(self)->slow_fd = eventfd(0, EFD_CLOEXEC);
+        return static_cast<virtual_daemon*>(self)->slow_fd = eventfd(0, EFD_CLOEXEC);
     }
     static ssize_t send_edge(void* arg, int, const_octets frame, std::uint32_t kernel_ifindex) {
-        auto* self = static_cast<fuzz_world*>(arg);
+        auto* self = static_cast<virtual_daemon*>(arg);
         const std::uint32_t index = kernel_ifindex - 1000;
-        if (kernel_ifindex == 0) {  // another port took the index over
-            errno = ENXIO;
-            return -1;
-        }
-        if (index < 256 && self->send_errors[index]) {
-            errno = self->send_errors[index];
-            return -1;
-        }
-        if (index < 256) ++(frame[14 + 6] & 8 ? self->events : self->sent)[index];
-        must(frame.size() >= 60 && frame.size() <= 1514, "frames have a legal length");
-        must(get_be16(frame, 12) == 0x8809 && frame[14] == 0x0A, "frames are ESMC");
-        const std::uint8_t quality = frame[14 + 13];
-        must(quality <= QL_DNU && quality != QL_NONE, "qualities sent are codes");
-        bool known = false, lawful = false;
-        ssm_port_walk([&](const ssm_port* p) {
-            if (p->intf->kernel_ifindex != kernel_ifindex) return;
-            known = true;
-            lawful |= !p->link_up || p != g_s_master->selected_port || quality == QL_DNU;
-        });
-        must(known, "frames leave on ports");
-        must(lawful, "the source is told DNU");
+        // Without a kernel index: another port took it over.
+        errno = kernel_ifindex == 0 ? ENXIO : index < 256 ? self->send_errors[index] : 0;
+        if (errno) return -1;
+        if (index < 256) ++(frame[PDU_AT + 6] & 8 ? self->events : self->sent)[index];
+        if (self->on_sent)
+            self->on_sent(index, frame);
+        else
+            check_frame(frame, kernel_ifindex);
         return static_cast<ssize_t>(frame.size());
     }
     static ssize_t receive_edge(void* arg, int, octets frame, std::uint32_t* kernel_ifindex) {
-        auto* self = static_cast<fuzz_world*>(arg);
+        auto* self = static_cast<virtual_daemon*>(arg);
         if (self->inbox.empty()) {
             errno = EAGAIN;
             return -1;
@@ -349,11 +372,10 @@ struct fuzz_world {
         current->nsm_fd = pair[0];
         current->client_fd = pair[1];
         current->greeted = false;
-        ++current->connects;
         return pair[1];
     }
 
-    inline static fuzz_world* current = nullptr;
+    inline static virtual_daemon* current = nullptr;
     slow_edge slow = {};  // must stay as long as it is used
     std::uint64_t before[TYPES] = {};
     nanoseconds now = 1'000 * NS_PER_S;

@@ -17,33 +17,18 @@ namespace {
 
 constexpr std::uint32_t PORTS = 70;  // more than the first blocks of events, timers, links and requests hold
 
-std::vector<std::uint8_t> pdu(std::uint8_t quality, bool event = false) {
-    std::vector<std::uint8_t> f = {0x01, 0x80, 0xC2, 0, 0, 2, 2, 0xEE, 0, 0, 0, 1, 0x88, 0x09};
-    f.resize(60);
-    const octets p(f.data() + 14, 46);
-    p[0] = 0x0A;
-    p[2] = 0x19;
-    p[3] = 0xA7;
-    p[5] = 1;
-    p[6] = event ? 0x18 : 0x10;
-    p[10] = 1;
-    p[12] = 4;
-    p[13] = quality;
-    return f;
-}
-
 ssm_port* port(std::uint32_t index) {
     return ssm_if_port(if_lookup_by_index(&g_p_esmcd->ifm, index));
 }
 
 class faults : public ::testing::Test {
   protected:
-    fuzz_world w;
+    virtual_daemon w;
 
     void begin(std::uint32_t ports) {
-        w = fuzz_world();
+        w = virtual_daemon();
         w.nsm_answers = true;
-        for (std::uint32_t i = 1; i <= ports; ++i) w.links.push_back(fuzz_world::link_body(i, true));
+        for (std::uint32_t i = 1; i <= ports; ++i) w.links.push_back(link_body(i, true));
         w.start(false);
         w.with_link = true;  // found at the next try
     }
@@ -56,7 +41,7 @@ class faults : public ::testing::Test {
         });
     }
     void hear(std::uint32_t index, std::uint8_t quality, bool settled = true) {
-        w.hear(index + 1000, pdu(quality), settled);
+        w.hear(index + 1000, esmc_frame({.quality = quality}), settled);
     }
     // Seconds in which port 1 goes on talking.
     void pass_with_source(unsigned seconds, std::uint8_t quality = QL_PRC) {
@@ -93,8 +78,8 @@ class memory_faults : public faults {
         enable();
         hear(1, QL_SSU_A);
         w.pass(900);
-        w.hear(1002, pdu(QL_PRC, true));
-        w.deliver(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, fuzz_world::words({4, 2}));
+        w.hear(1002, esmc_frame({.event = true}));
+        w.deliver(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, words({4, 2}));
         w.in_event([] {
             (void)ssm_opts_set_ssm_extend(1);
             (void)ssm_opts_set_local_quality(QL_EEC1, SSM_OPTION_1);
@@ -106,15 +91,15 @@ class memory_faults : public faults {
             (void)ssm_opts_clear_force();
         });
         w.check_records_after_faults();
-        w.deliver(NSM_MSG_LINK_DOWN, fuzz_world::words({2}));
+        w.deliver(NSM_MSG_LINK_DOWN, words({2}));
         w.pass(6000);  // time-outs, holdover
         w.end_link();
         w.pass(1200);
         hear(2, QL_PRC);
-        w.deliver(NSM_MSG_LINK_DELETE, fuzz_world::words({3, 1}));
-        w.deliver(NSM_MSG_LINK_DELETE, fuzz_world::words({4, 0}));
-        w.deliver(NSM_MSG_LINK_ADD, fuzz_world::link_body(4, true));
-        w.deliver(NSM_MSG_LINK_ADD, fuzz_world::link_body(200, true));
+        w.deliver(NSM_MSG_LINK_DELETE, words({3, 1}));
+        w.deliver(NSM_MSG_LINK_DELETE, words({4, 0}));
+        w.deliver(NSM_MSG_LINK_ADD, link_body(4, true));
+        w.deliver(NSM_MSG_LINK_ADD, link_body(200, true));
         w.check_records_after_faults();
     }
 
@@ -245,7 +230,7 @@ class command_faults : public memory_faults {
     void use() {
         if (!g_p_esmcd->host) return;
         host_config_start(g_p_esmcd, configuration_path, 0);
-        for (std::uint32_t i : {1U, 2U}) w.deliver(NSM_MSG_LINK_ADD, fuzz_world::link_body(i, true));
+        for (std::uint32_t i : {1U, 2U}) w.deliver(NSM_MSG_LINK_ADD, link_body(i, true));
         text_buffer text;
         (void)host_running_text(g_p_esmcd->host, &text);
         text_free(&text);
@@ -264,7 +249,7 @@ class command_faults : public memory_faults {
     // One life with the nth allocation refused, counted from the installation or from after it. False when
     // there were not so many.
     bool run(std::uint64_t nth, bool while_installing) {
-        w = fuzz_world();
+        w = virtual_daemon();
         w.start(false);
         const std::uint64_t before = memmgr_allocations();
         if (while_installing) memmgr_fail_at(nth);

@@ -103,21 +103,7 @@ TEST_F(ports, a_restarting_nsm_goes_unnoticed_and_is_told_again) {
     take_requests();
     take_sent();
     nsm_vanishes();
-    std::vector<std::uint8_t> one(nsm_link::SIZE);
-    dump = {[&] {
-        for (std::uint32_t i : {1U, 2U}) {
-            std::vector<std::uint8_t> body(nsm_link::SIZE);
-            put_be32(body, nsm_link::IFINDEX, i);
-            put_be32(body, nsm_link::KERNEL_IFINDEX, i + 1000);
-            put_be16(body, nsm_link::TYPE, IF_TYPE_SYNCE);
-            put_be16(body, nsm_link::FLAGS, nsm_link::FLAG_UP);
-            body[nsm_link::MAC] = 2;
-            body[nsm_link::MAC + 5] = static_cast<std::uint8_t>(i);
-            const std::string name = "p" + std::to_string(i);
-            std::memcpy(&body[nsm_link::NAME], name.data(), name.size());
-            nsm_send(NSM_MSG_LINK_ADD, body);
-        }
-    }};
+    daemon->links = {port_body(1), port_body(2)};
     pass(4000, {{1, QL_PRC}});
     EXPECT_EQ(selected(), 1U);
     EXPECT_EQ(g_s_master->current_quality, QL_PRC);

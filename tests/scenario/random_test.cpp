@@ -80,12 +80,12 @@ class random_rules : public sim {
     };
     std::optional<fault> run(const script& steps) {
         sim::SetUp();
-        as_the_daemon = true;
+        run_as_the_daemon();
         broken.clear();
         holdover_word = 1;
         last_said.clear();
         on_sent = [this](const sent_pdu& pdu) { check_sent(pdu); };
-        for (std::uint32_t i = 1; i <= PORTS; ++i) in_event([&] { queue_bind(i, true); });
+        for (std::uint32_t i = 1; i <= PORTS; ++i) nsm_says(NSM_MSG_LINK_ADD, port_body(i));
         in_event([&] { enable(); });
         std::optional<fault> found;
         for (std::size_t i = 0; i < steps.size() && !found; ++i) {
@@ -135,18 +135,6 @@ class random_rules : public sim {
         broken = out.str();
     }
 
-    void queue_bind(std::uint32_t index, bool up) {
-        std::vector<std::uint8_t> body(nsm_link::SIZE);
-        put_be32(body, nsm_link::IFINDEX, index);
-        put_be32(body, nsm_link::KERNEL_IFINDEX, index + 1000);
-        put_be16(body, nsm_link::TYPE, IF_TYPE_SYNCE);
-        put_be16(body, nsm_link::FLAGS, up ? nsm_link::FLAG_UP : 0);
-        body[nsm_link::MAC] = 2;
-        body[nsm_link::NAME] = 'p';
-        body[nsm_link::NAME + 1] = static_cast<std::uint8_t>('0' + index);
-        nsm_send(NSM_MSG_LINK_ADD, body);
-    }
-
     void apply(const step& s) {
         static constexpr std::uint8_t QUALITIES[] = {QL_PRC, QL_SSU_A, QL_SSU_B, QL_EEC1, QL_DNU,
                                                      QL_PRS, QL_STU,   QL_ST2,   QL_EEC2, 5};
@@ -177,8 +165,7 @@ class random_rules : public sim {
                 link_down(s.port);
                 return;
             case step::bind:
-                queue_bind(s.port, s.value % 2);
-                settle();
+                nsm_says(NSM_MSG_LINK_ADD, port_body(s.port, s.value % 2));
                 return;
             case step::unbind:
                 unbind(s.port, s.value % 2);
@@ -364,7 +351,7 @@ class random_rules : public sim {
 TEST_F(random_rules, hold_after_every_step) {
     const char* steps_wanted = std::getenv("ESMC_RANDOM_STEPS");
     const char* seed_wanted = std::getenv("ESMC_RANDOM_SEED");
-    const std::size_t total = steps_wanted ? std::strtoull(steps_wanted, nullptr, 10) : 100'000;
+    const std::uint64_t total = steps_wanted ? std::strtoull(steps_wanted, nullptr, 10) : 100'000;
     const std::uint32_t first_seed =
         seed_wanted ? static_cast<std::uint32_t>(std::strtoul(seed_wanted, nullptr, 10)) : 1;
     constexpr std::size_t LENGTH = 500;

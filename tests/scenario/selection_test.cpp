@@ -235,7 +235,7 @@ TEST_F(selection, a_change_of_source_tells_nsm_once_and_the_neighbours_at_once) 
 TEST_F(selection, a_repeated_pdu_selects_again_after_anything_that_matters) {
     add_port(1);
     add_port(2);
-    as_the_daemon = true;
+    run_as_the_daemon();
     const auto again = [this] {
         hear(1, QL_PRC);
         hear(2, QL_SSU_A);

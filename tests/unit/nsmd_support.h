@@ -1,15 +1,13 @@
-// What the tests of nsmd share: a loop in virtual time, a kernel made of messages, and a client of the NSM
-// socket. The code under test is the real one behind all three.
+// What the tests of nsmd share: a kernel made of messages, a client of the NSM socket, and nsmd as a whole
+// between the two, in virtual time. The code under test is the real one behind all of them.
 #pragma once
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/if.h>
 #include <linux/if_arp.h>
 #include <linux/if_link.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -19,20 +17,22 @@
 #include <deque>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "nsmd/netlink.h"
-#include "nsmd/netlink_socket.h"
-#include "suite/lib.h"
+#include "nsmd/nsm_server.h"
+#include "nsmd/nsmd.h"
+#include "nsmd/port_table.h"
 #include "suite/log.h"
-#include "suite/memory.h"
 #include "suite/nsm_wire.h"
-#include "suite/thread.h"
-#include "suite/thread_master.h"
+#include "unit/nsmd_loop.h"
+
+using texts = std::vector<std::string>;
 
 // Collects log lines while it lives.
 struct log_lines {
-    std::vector<std::string> lines;
+    texts lines;
     log_lines() {
         log_open("test");
         log_use_sink(LOG_SINK_STDERR, false);
@@ -40,8 +40,6 @@ struct log_lines {
         EXPECT_EQ(log_add_tap(take, this), 0);
     }
     ~log_lines() { log_remove_tap(take, this); }
-    log_lines(const log_lines&) = delete;
-    log_lines& operator=(const log_lines&) = delete;
     static void take(void* arg, int, const char* line, std::size_t length) {
         static_cast<log_lines*>(arg)->lines.emplace_back(line, length);
     }
@@ -51,55 +49,32 @@ struct log_lines {
     }
 };
 
-// The event loop with a clock that only moves by waiting. Descriptors: real ones are polled, invented ones
-// (from FIRST_FAKE on) are asked for through `fake_ready`.
-struct virtual_loop {
-    static constexpr int FIRST_FAKE = 700;
-    lib_globals ctx{};
-    nanoseconds clock = 1000 * NS_PER_S;
-    std::vector<int> descriptors;  // the server's ends of socket pairs
-    std::function<std::vector<int>()> fake_ready = [] { return std::vector<int>{}; };
+// A port table that keeps what it reports: "sw1 1 up" for port 1, "bridge br0 7" for an identity that ends
+// in 7.
+struct recorded_table {
+    std::vector<const char*> patterns;
+    texts events;
+    port_table* table;
 
-    virtual_loop() {
-        memory_init(0);
-        const thread_edges edges = {now, wait, this};
-        ctx.master = thread_master_create(&edges);
+    explicit recorded_table(std::vector<const char*> served)
+        : patterns(std::move(served)),
+          table(port_table_create(patterns.data(), patterns.size(), {on_port, on_bridge, this})) {}
+    ~recorded_table() { port_table_free(table); }
+
+    static void on_port(void* arg, const nsmd_port& p, port_event e) {
+        static const char* const words[] = {"added", "removed", "up", "down", "pin"};
+        static_cast<recorded_table*>(arg)->events.push_back(
+            std::string(p.name) + " " + std::to_string(p.ifindex) + " " + words[static_cast<int>(e)]);
     }
-    ~virtual_loop() { thread_master_finish(ctx.master); }
-    virtual_loop(const virtual_loop&) = delete;
-    virtual_loop& operator=(const virtual_loop&) = delete;
-
-    static nanoseconds now(void* arg) { return static_cast<virtual_loop*>(arg)->clock; }
-
-    static int wait(void* arg, int timeout_ms, thread_ready* out, int max) {
-        auto* v = static_cast<virtual_loop*>(arg);
-        int count = 0;
-        for (const int fd : v->fake_ready())
-            if (count < max) out[count++] = {fd, true, false};
-        for (const int fd : v->descriptors) {
-            // As the kernel does, report only what is waited for: else time would never move on.
-            const thread_source* source = thread_source_find(v->ctx.master, fd);
-            if (!source || count == max) continue;
-            const auto events =
-                static_cast<short>((source->read ? POLLIN : 0) | (source->write ? POLLOUT : 0));
-            pollfd entry{fd, events, 0};
-            if (!events || poll(&entry, 1, 0) <= 0) continue;
-            out[count++] = {fd, (entry.revents & ~POLLOUT) != 0, (entry.revents & POLLOUT) != 0};
-        }
-        if (count || timeout_ms == 0) return count;
-        if (timeout_ms > 0) v->clock += static_cast<nanoseconds>(timeout_ms) * NS_PER_MS;
-        return 0;
+    static void on_bridge(void* arg, const bridge_identity& b) {
+        static_cast<recorded_table*>(arg)->events.push_back(std::string("bridge ") + b.name + " " +
+                                                            std::to_string(b.mac[5]));
     }
-    // Runs everything that happens within so many milliseconds of virtual time.
-    void run(unsigned milliseconds) {
-        const auto over = [](thread* event) {
-            event->ctx->flags |= LIB_SHUTTING_DOWN;
-            return 0;
-        };
-        ASSERT_NE(thread_add_timer_msec(&ctx, over, nullptr, milliseconds), nullptr);
-        thread event;
-        while (thread_fetch(&ctx, &event)) thread_call(&event);
-        ctx.flags = 0;
+    texts take() { return std::exchange(events, {}); }
+    texts take_ports() {
+        texts all = take();
+        std::erase_if(all, [](const auto& e) { return e.starts_with("bridge "); });
+        return all;
     }
 };
 
@@ -107,7 +82,7 @@ struct virtual_loop {
 struct fake_link {
     int index = 1;
     std::string name = "sw1";
-    std::string kind;
+    std::string kind = {};
     std::uint8_t mac_last = 1;
     bool up = true;
     std::uint32_t carrier_downs = 0;
@@ -117,16 +92,35 @@ struct fake_link {
     bool complete = true;
 };
 
-inline std::vector<std::uint8_t> octets_of(const nl_builder& b) {
+inline fake_link sw_link(int index, bool up = true) {
+    return {.index = index,
+            .name = "sw" + std::to_string(index),
+            .mac_last = static_cast<std::uint8_t>(index),
+            .up = up};
+}
+
+using message = std::vector<std::uint8_t>;
+
+inline message octets_of(const nl_builder& b) {
     return {b.data, b.data + b.length};
 }
 
-inline std::vector<std::uint8_t> link_octets(const fake_link& l, std::uint16_t type = RTM_NEWLINK,
-                                             std::uint16_t flags = 0, std::uint32_t sequence = 0,
-                                             std::uint32_t port = 0, unsigned char family = 0) {
+// Whom the kernel answers: the sequence number of the request, and our address; zeros in what it says
+// unasked.
+struct answer_to {
+    std::uint32_t sequence = 0, port = 0;
+};
+
+inline void address(nl_builder* b, answer_to to) {
+    std::memcpy(b->data + 8, &to.sequence, sizeof to.sequence);
+    std::memcpy(b->data + 12, &to.port, sizeof to.port);
+}
+
+inline message link_octets(const fake_link& l, std::uint16_t type = RTM_NEWLINK, std::uint16_t flags = 0,
+                           answer_to to = {}, unsigned char family = 0) {
     nl_builder b;
-    nl_begin(&b, type, flags, sequence);
-    std::memcpy(b.data + 12, &port, sizeof port);
+    nl_begin(&b, type, flags, 0);
+    address(&b, to);
     ifinfomsg header{};
     header.ifi_family = family;
     header.ifi_index = l.index;
@@ -155,36 +149,37 @@ inline std::vector<std::uint8_t> link_octets(const fake_link& l, std::uint16_t t
     return octets_of(b);
 }
 
-inline std::vector<std::uint8_t> control_octets(std::uint16_t type, std::uint16_t flags,
-                                                std::uint32_t sequence, std::uint32_t port, int value) {
+// NLMSG_ERROR or NLMSG_DONE.
+inline message control_octets(std::uint16_t type, std::uint16_t flags, answer_to to, int value) {
     nl_builder b;
-    nl_begin(&b, type, flags, sequence);
-    std::memcpy(b.data + 12, &port, sizeof port);
+    nl_begin(&b, type, flags, 0);
+    address(&b, to);
     nl_put_raw(&b, &value, sizeof value);
     return octets_of(b);
 }
 
-// The link side of a kernel: holds links, answers dumps and questions, lets tests push notifications, errors
-// and garbage.
+// The kernel's side of the netlink sockets. Holds links, answers dumps and questions, and lets tests push
+// notifications, errors and garbage; requests of generic netlink go to the test's own family.
 struct fake_kernel {
-    static constexpr int FD = virtual_loop::FIRST_FAKE;
+    static constexpr int FD = 700, GENERIC_FD = 701;
     static constexpr std::uint32_t PORT = 4711;
     struct item {
         int error;  // 0, or what the read returns
-        std::vector<std::uint8_t> data;
+        message data;
     };
-    std::deque<item> queue;
+    enum class dump { whole, interrupted, refused, swallowed };
+
+    std::deque<item> queue, generic_queue;
     std::vector<fake_link> links;
     int dumps = 0, questions = 0;
-    bool interrupt_next_dump = false, refuse_next_dump = false, swallow_next_dump = false;
-    std::function<void()> during_dump;
-    // A generic netlink socket beside it, for tests that bring one.
-    static constexpr int GENERIC_FD = FD + 1;
-    std::deque<item> generic_queue;
-    std::function<int(const_octets)> generic_send;
+    dump next_dump = dump::whole;
+    std::function<void()> during_dump;                  // once
+    std::function<void(const nl_message&)> on_generic;  // null: no generic netlink
     std::vector<unsigned> generic_groups;
 
-    netlink_edge edge() { return {open_it, join_it, receive_it, send_it, close_it, this}; }
+    netlink_edge edge() {
+        return {open_it, join_it, receive_it, send_it, [](void*, int) {}, this};
+    }
     void attach(virtual_loop* v) {
         v->fake_ready = [this] {
             std::vector<int> ready;
@@ -194,9 +189,8 @@ struct fake_kernel {
         };
     }
     fake_link* find(int index) {
-        for (auto& l : links)
-            if (l.index == index) return &l;
-        return nullptr;
+        const auto at = std::find_if(links.begin(), links.end(), [&](auto& l) { return l.index == index; });
+        return at == links.end() ? nullptr : &*at;
     }
     // Stores the link and says so, as the kernel does.
     void set(const fake_link& l, bool say = true) {
@@ -204,44 +198,44 @@ struct fake_kernel {
             *known = l;
         else
             links.push_back(l);
-        if (say) queue.push_back({0, link_octets(l)});
+        if (say) push(link_octets(l));
     }
     void remove(int index, bool say = true) {
-        fake_link* known = find(index);
-        ASSERT_NE(known, nullptr);
-        if (say) queue.push_back({0, link_octets(*known, RTM_DELLINK)});
-        links.erase(links.begin() + (known - links.data()));
+        if (say) push(link_octets(*find(index), RTM_DELLINK));
+        std::erase_if(links, [&](auto& l) { return l.index == index; });
     }
-    void push(std::vector<std::uint8_t> data) { queue.push_back({0, std::move(data)}); }
+    void push(message data) { queue.push_back({0, std::move(data)}); }
     void push_error(int error) { queue.push_back({error, {}}); }
 
-    void answer_dump(std::uint32_t sequence) {
+  private:
+    void answer_dump(answer_to to) {
         ++dumps;
-        if (std::exchange(swallow_next_dump, false)) return;
-        if (std::exchange(refuse_next_dump, false))
-            return push(control_octets(NLMSG_ERROR, 0, sequence, PORT, -EBUSY));
-        const std::uint16_t flags =
-            std::exchange(interrupt_next_dump, false) ? NLM_F_MULTI | NLM_F_DUMP_INTR : NLM_F_MULTI;
-        std::vector<std::uint8_t> datagram;
+        const dump kind = std::exchange(next_dump, dump::whole);
+        if (kind == dump::swallowed) return;
+        if (kind == dump::refused) return push(control_octets(NLMSG_ERROR, 0, to, -EBUSY));
+        const std::uint16_t flags = kind == dump::interrupted ? NLM_F_MULTI | NLM_F_DUMP_INTR : NLM_F_MULTI;
+        message datagram;
         for (const auto& l : links) {
-            const auto one = link_octets(l, RTM_NEWLINK, flags, sequence, PORT);
+            const auto one = link_octets(l, RTM_NEWLINK, flags, to);
             datagram.insert(datagram.end(), one.begin(), one.end());
         }
         if (!datagram.empty()) push(datagram);
-        if (during_dump) during_dump();
-        push(control_octets(NLMSG_DONE, flags, sequence, PORT, 0));
+        if (const auto now = std::exchange(during_dump, nullptr)) now();
+        push(control_octets(NLMSG_DONE, flags, to, 0));
     }
-    void answer_question(std::uint32_t sequence, int index) {
+    void answer(const nl_message& m) {
+        EXPECT_EQ(m.type, RTM_GETLINK);
+        const answer_to to = {m.sequence, PORT};
+        if ((m.flags & NLM_F_DUMP) == NLM_F_DUMP) return answer_dump(to);
         ++questions;
-        if (const fake_link* l = find(index))
-            push(link_octets(*l, RTM_NEWLINK, 0, sequence, PORT));
-        else
-            push(control_octets(NLMSG_ERROR, 0, sequence, PORT, -ENODEV));
+        ifinfomsg header{};
+        std::memcpy(&header, m.body.data(), sizeof header);
+        const fake_link* l = find(header.ifi_index);
+        push(l ? link_octets(*l, RTM_NEWLINK, 0, to) : control_octets(NLMSG_ERROR, 0, to, -ENODEV));
     }
-
     static int open_it(void* arg, int protocol) {
         if (protocol == NETLINK_ROUTE) return FD;
-        return static_cast<fake_kernel*>(arg)->generic_send ? GENERIC_FD : -EPROTONOSUPPORT;
+        return static_cast<fake_kernel*>(arg)->on_generic ? GENERIC_FD : -EPROTONOSUPPORT;
     }
     static int join_it(void* arg, int fd, unsigned group) {
         if (fd == FD) return group == RTNLGRP_LINK ? 0 : -EINVAL;
@@ -252,28 +246,60 @@ struct fake_kernel {
         auto* k = static_cast<fake_kernel*>(arg);
         auto& from = fd == FD ? k->queue : k->generic_queue;
         if (from.empty()) return -EAGAIN;
-        const item next = from.front();
+        const item next = std::move(from.front());
         from.pop_front();
         if (next.error) return next.error;
-        const std::size_t size = std::min(buffer.size(), next.data.size());
-        if (size) std::memcpy(buffer.data(), next.data.data(), size);
-        return static_cast<int>(size);
+        std::copy(next.data.begin(), next.data.end(), buffer.begin());
+        return static_cast<int>(next.data.size());
     }
-    static int send_it(void* arg, int fd, const_octets message) {
+    static int send_it(void* arg, int fd, const_octets request) {
         auto* k = static_cast<fake_kernel*>(arg);
-        if (fd == GENERIC_FD) return k->generic_send(message);
         nl_message m;
-        EXPECT_TRUE(nl_next_message(&message, &m));
-        EXPECT_EQ(m.type, RTM_GETLINK);
-        ifinfomsg header{};
-        std::memcpy(&header, m.body.data(), sizeof header);
-        if ((m.flags & NLM_F_DUMP) == NLM_F_DUMP)
-            k->answer_dump(m.sequence);
-        else
-            k->answer_question(m.sequence, header.ifi_index);
+        EXPECT_TRUE(nl_next_message(&request, &m));
+        fd == FD ? k->answer(m) : k->on_generic(m);
         return 0;
     }
-    static void close_it(void*, int) {}
+};
+
+// A family of generic netlink behind the kernel's second socket. Answers the lookup; requests of the family
+// itself are the derived one's.
+struct fake_family {
+    static constexpr std::uint16_t ID = 31;
+    static constexpr std::uint32_t GROUP = 9;
+    fake_kernel& kernel;
+    std::string name;
+    bool there = true;
+
+    fake_family(fake_kernel& k, std::string family) : kernel(k), name(std::move(family)) {
+        kernel.on_generic = [this](const nl_message& m) {
+            if (m.type == GENL_ID_CTRL) return answer_lookup(m);
+            EXPECT_EQ(m.type, ID);
+            requested(m.body[0], m.flags, m.body.subspan(4), m.sequence);
+        };
+    }
+    virtual ~fake_family() = default;
+
+    virtual void requested(std::uint8_t command, std::uint16_t flags, const_octets attributes,
+                           std::uint32_t sequence) = 0;
+
+    void say(nl_builder b, std::uint32_t sequence = 0) {
+        address(&b, {sequence, fake_kernel::PORT});
+        kernel.generic_queue.push_back({0, octets_of(b)});
+    }
+    void acknowledge(std::uint32_t sequence, int error) {
+        kernel.generic_queue.push_back(
+            {0, control_octets(NLMSG_ERROR, 0, {sequence, fake_kernel::PORT}, -error)});
+    }
+
+  private:
+    void answer_lookup(const nl_message& m) {
+        const_octets rest = m.body.subspan(4);
+        nl_attr a;
+        EXPECT_TRUE(nl_next_attr(&rest, &a));
+        if (!there || nl_text(a.value) != name) return acknowledge(m.sequence, ENOENT);
+        say(family_message(ID, GROUP, "monitor"), m.sequence);
+        acknowledge(m.sequence, 0);
+    }
 };
 
 // The client's end of a session.
@@ -281,85 +307,136 @@ struct nsm_test_client {
     int fd = -1;
     std::uint32_t sequence = 0, expected = 0;
 
-    nsm_test_client() = default;
-    nsm_test_client(const nsm_test_client&) = delete;
-    nsm_test_client& operator=(const nsm_test_client&) = delete;
     ~nsm_test_client() { hang_up(); }
     void hang_up() {
         if (fd >= 0) close(fd);
         fd = -1;
     }
-    // Makes the pair and returns the server's end.
-    int make_pair() {
+    // Makes the pair and returns the server's end, of which the loop knows.
+    int dial(virtual_loop* loop) {
         int pair[2] = {-1, -1};
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, pair), 0);
+        hang_up();
+        sequence = expected = 0;
         fd = pair[0];
+        loop->descriptors.push_back(pair[1]);
         return pair[1];
     }
-    void send_octets(const std::vector<std::uint8_t>& packet) const {
+    void send_octets(const message& packet) const {
         EXPECT_EQ(send(fd, packet.data(), packet.size(), MSG_NOSIGNAL), static_cast<ssize_t>(packet.size()));
     }
     void say(std::uint16_t type, const std::vector<std::uint32_t>& words = {}) {
-        std::vector<std::uint8_t> packet(NSM_HEADER_SIZE + words.size() * 4);
+        message packet(NSM_HEADER_SIZE + words.size() * 4);
         put_be16(packet, 0, type);
         put_be16(packet, 2, static_cast<std::uint16_t>(packet.size()));
         put_be32(packet, 4, ++sequence);
         for (std::size_t i = 0; i < words.size(); ++i) put_be32(packet, NSM_HEADER_SIZE + 4 * i, words[i]);
         send_octets(packet);
     }
-    void hello() { say(NSM_MSG_HELLO, {1U << 16 | 36, 0}); }
+    void hello(std::uint32_t version = 1) { say(NSM_MSG_HELLO, {version << 16 | 36, 0}); }
 
     // Next message as text, e.g. "up 3", "clock 4 0"; "" when there is none, "closed" at the end. The header
     // is checked on the way.
     std::string take() {
         std::uint8_t buffer[512];
         const ssize_t got = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
-        if (got < 0) return errno == EAGAIN ? "" : "closed";
-        if (got == 0) return "closed";
+        if (got < 0 && errno == EAGAIN) return "";
+        if (got <= 0) return "closed";
         const const_octets m{buffer, static_cast<std::size_t>(got)};
         EXPECT_GE(m.size(), NSM_HEADER_SIZE);
         EXPECT_EQ(get_be16(m, 2), m.size());
         EXPECT_EQ(get_be32(m, 4), ++expected);
         return describe(get_be16(m, 0), m.subspan(NSM_HEADER_SIZE));
     }
-    static std::string describe(unsigned type, const_octets body) {
-        const auto word = [&](std::size_t at) { return std::to_string(get_be32(body, at)); };
-        switch (type) {
-            case NSM_MSG_HELLO_ACK:
-                return "ack " + word(0);
-            case NSM_MSG_SYNC_DONE:
-                return "sync";
-            case NSM_MSG_LINK_ADD:
-                EXPECT_EQ(body.size(), nsm_link::SIZE);
-                EXPECT_EQ(get_be16(body, nsm_link::TYPE), 2);
-                return "add " + word(nsm_link::IFINDEX) + " " + word(nsm_link::KERNEL_IFINDEX) + " " +
-                       reinterpret_cast<const char*>(body.data() + nsm_link::NAME) +
-                       (get_be16(body, nsm_link::FLAGS) ? " up" : " down");
-            case NSM_MSG_LINK_DELETE:
-                return "delete " + word(0) + " " + word(4);
-            case NSM_MSG_LINK_UP:
-                return "up " + word(0);
-            case NSM_MSG_LINK_DOWN:
-                return "down " + word(0);
-            case NSM_MSG_BRIDGE_ADD:
-                EXPECT_EQ(body.size(), nsm_bridge::SIZE);
-                return std::string("bridge ") + reinterpret_cast<const char*>(body.data()) + " " +
-                       std::to_string(body[nsm_bridge::MAC + 5]);
-            case NSM_MSG_SSM_SEND_BACK_CLOCK_STATE:
-                return "clock " + word(0) + " " + word(4);
-            case 301:
-                return "text " + std::string(reinterpret_cast<const char*>(body.data()), body.size());
-            default:
-                return "type " + std::to_string(type);
-        }
-    }
-    std::vector<std::string> take_all() {
-        std::vector<std::string> all;
+    texts take_all() {
+        texts all;
         for (std::string m; !(m = take()).empty();) {
             all.push_back(m);
             if (m == "closed") break;
         }
         return all;
     }
+
+  private:
+    static std::string describe(unsigned type, const_octets body) {
+        static const struct {
+            unsigned type;
+            const char* word;
+            std::size_t numbers;
+        } plain[] = {{NSM_MSG_HELLO_ACK, "ack", 1},      {NSM_MSG_SYNC_DONE, "sync", 0},
+                     {NSM_MSG_LINK_UP, "up", 1},         {NSM_MSG_LINK_DOWN, "down", 1},
+                     {NSM_MSG_LINK_DELETE, "delete", 2}, {NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, "clock", 2}};
+        const auto number = [&](std::size_t at) { return " " + std::to_string(get_be32(body, at)); };
+        const auto text = [&](std::size_t at) { return " " + std::string(nl_text(body.subspan(at))); };
+        for (const auto& p : plain) {
+            if (p.type != type) continue;
+            std::string out = p.word;
+            for (std::size_t i = 0; i < p.numbers; ++i) out += number(4 * i);
+            return out;
+        }
+        if (type == NSMD_MSG_STATUS_TEXT) return "text" + text(0);
+        if (type == NSM_MSG_BRIDGE_ADD) {
+            EXPECT_EQ(body.size(), nsm_bridge::SIZE);
+            return "bridge" + text(nsm_bridge::NAME) + " " + std::to_string(body[nsm_bridge::MAC + 5]);
+        }
+        EXPECT_EQ(type, NSM_MSG_LINK_ADD);
+        EXPECT_EQ(body.size(), nsm_link::SIZE);
+        EXPECT_EQ(get_be16(body, nsm_link::TYPE), 2);
+        return "add" + number(nsm_link::IFINDEX) + number(nsm_link::KERNEL_IFINDEX) + text(nsm_link::NAME) +
+               (get_be16(body, nsm_link::FLAGS) ? " up" : " down");
+    }
 };
-using texts = std::vector<std::string>;
+
+// nsmd as a whole, with one session of the daemon.
+struct nsmd_session : testing::Test {
+    log_lines log;
+    virtual_loop loop;
+    fake_kernel kernel;
+    nsmd_options options{};
+    nsmd* n = nullptr;
+    nsm_test_client c;
+
+    void SetUp() override {
+        kernel.attach(&loop);
+        options.grace_s = 10;
+    }
+    void TearDown() override { stop(); }
+    void stop() { nsmd_stop(std::exchange(n, nullptr)); }
+    // Without what the session begins with.
+    void start() {
+        start_alone();
+        (void)connect(&c);
+    }
+    void start_alone() {
+        kernel.queue.clear();
+        n = nsmd_start(&loop.ctx, options, {kernel.edge(), nullptr, 1000});
+        ASSERT_NE(n, nullptr);
+        loop.run(1);
+    }
+    // What the client is told at the beginning.
+    texts connect(nsm_test_client* client) {
+        EXPECT_NE(nsm_server_adopt(nsmd_server(n), client->dial(&loop)), nullptr);
+        client->hello();
+        loop.run(1);
+        return client->take_all();
+    }
+    // What the daemon is told within so many milliseconds.
+    texts after(unsigned ms) {
+        loop.run(ms);
+        return c.take_all();
+    }
+
+    // As it is asked for over the session, in pieces.
+    std::string status() {
+        c.say(NSMD_MSG_STATUS_GET);
+        std::string all;
+        for (const auto& piece : after(1)) all += piece.substr(std::strlen("text "));
+        return all;
+    }
+
+    void enable(bool on) { c.say(NSM_MSG_SSM_GLOBAL_ENABLE, {on}); }
+    void recover_from(std::uint32_t input) { c.say(NSM_MSG_SSM_CLOCK_RECOVERY_SELECT, {input}); }
+    // The value is inverted on the wire.
+    void hold(bool on) { c.say(NSM_MSG_SSM_HOLDOVER_ENABLE, {on ? 0U : 1U}); }
+    void select(std::uint32_t ifindex) { c.say(NSM_MSG_SSM_SELECTED_IF_INDEX, {ifindex, 0}); }
+};
