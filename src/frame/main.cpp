@@ -1,6 +1,7 @@
 // esmcd: the synchronisation-status daemon of a SyncE switch. Glue; everything else is a library.
 #include <sys/stat.h>
 
+#include <cstdio>
 #include <cstdlib>
 
 #include "frame/ssm_command_line.h"
@@ -8,6 +9,21 @@
 #include "frame/ssm_signal.h"
 #include "frame/ssm_start.h"
 #include "suite/lib.h"
+#include "suite/rights_user.h"
+
+namespace {
+
+// Who to become is said in the environment, where a service unit has it: the options are those of old. False
+// for a user who is not known (said on standard error); `name` null when nobody is named.
+bool find_user(const char* progname, rights_user* user) {
+    *user = {};
+    const char* text = std::getenv("ESMCD_USER");
+    const char* wrong = text ? rights_user_find(text, user) : nullptr;
+    if (wrong) std::fprintf(stderr, "%s: ESMCD_USER '%s': %s\n", progname, text, wrong);
+    return !wrong;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
     umask(027);
@@ -23,9 +39,11 @@ int main(int argc, char** argv) {
         case ssm_action::run:
             break;
     }
+    rights_user user;
+    if (!find_user(settings.progname, &user)) std::exit(1);
     ssm_signal_init();
     const std::int32_t rv = ssm_start(settings.daemon_mode, settings.config_file, settings.vty_port,
-                                      settings.progname, settings.user.name ? &settings.user : nullptr);
+                                      settings.progname, user.name ? &user : nullptr);
     if (rv < 0) SSM_LOG(LOG_LEVEL_ERROR, "%s%sSSM start fail");
     std::exit(rv);
 }

@@ -1,5 +1,4 @@
-// Command line of the daemon. Called by main before anything else exists, so it only reads (the arguments,
-// and who the user is that they name) and prints.
+// Command line of the daemon. Called by main before anything else exists, so it only reads and prints.
 #include "frame/ssm_command_line.h"
 
 #include <getopt.h>
@@ -17,30 +16,19 @@ const char* program_name(int argc, char** argv) {
 }
 
 constexpr option long_options[] = {
-    {"daemon", no_argument, nullptr, 'd'},
-    {"config_file", required_argument, nullptr, 'f'},
-    {"help", no_argument, nullptr, 'h'},
-    {"vty_port", required_argument, nullptr, 'P'},
-    {"user", required_argument, nullptr, 'u'},
-    {"version", no_argument, nullptr, 'v'},
-    {nullptr, 0, nullptr, 0},
+    {"daemon", no_argument, nullptr, 'd'},  {"config_file", required_argument, nullptr, 'f'},
+    {"help", no_argument, nullptr, 'h'},    {"vty_port", required_argument, nullptr, 'P'},
+    {"version", no_argument, nullptr, 'v'}, {nullptr, 0, nullptr, 0},
 };
-
-bool take_user(ssm_settings* settings, const char* text) {
-    const char* wrong = rights_user_find(text, &settings->user);
-    if (wrong) std::fprintf(stderr, "%s: user '%s': %s\n", settings->progname, text, wrong);
-    return !wrong;
-}
 
 }  // namespace
 
 ssm_settings ssm_command_line(int argc, char** argv) {
-    ssm_settings settings = {ssm_action::run,          false, nullptr, SSM_VTY_PORT_DEFAULT,
-                             program_name(argc, argv), {}};
+    ssm_settings settings = {ssm_action::run, false, nullptr, SSM_VTY_PORT_DEFAULT, program_name(argc, argv)};
     optind = 0;  // from the beginning, also when this is not the first command line of the process
     for (;;) {
         // `r` is a letter that the parser takes without a complaint of its own, but nothing is behind it.
-        const int letter = getopt_long(argc, argv, "df:hP:ru:v", long_options, nullptr);
+        const int letter = getopt_long(argc, argv, "df:hP:rv", long_options, nullptr);
         switch (letter) {
             case -1:
                 return settings;
@@ -53,10 +41,6 @@ ssm_settings ssm_command_line(int argc, char** argv) {
             case 'P':
                 settings.vty_port = std::atoi(optarg);
                 break;
-            case 'u':
-                if (take_user(&settings, optarg)) break;
-                settings.action = ssm_action::refuse;
-                return settings;
             case 'v':
                 settings.action = ssm_action::show_version;
                 return settings;
@@ -80,7 +64,6 @@ void ssm_usage(int status, const char* progname) {
             "-d, --daemon       Runs in daemon mode\n"
             "-f, --config_file  Set configuration file name\n"
             "-P, --vty_port     Set vty's port number\n"
-            "-u, --user         Become user NAME or NAME:GROUP once started\n"
             "-v, --version      Print program version\n"
             "-h, --help         Display this help and exit\n\n"
             "Report bugs to %s\n",

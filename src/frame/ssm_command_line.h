@@ -3,8 +3,6 @@
 
 #include <cstdint>
 
-#include "suite/rights_user.h"
-
 // The platform takes the low 16 bits of a port setting: 54697 by default.
 constexpr std::int32_t SSM_VTY_PORT_DEFAULT = 710057;
 
@@ -16,11 +14,10 @@ struct ssm_settings {
     const char* config_file;  // the argument itself; null: the platform's default
     std::int32_t vty_port;
     const char* progname;  // part of argv[0]
-    rights_user user;      // its name null: none given
 };
 
 // Reads the options up to the first that ends the process (help, version, one that is not known; the option
-// parser has then said on standard error what it did not like, as is said of a user who is not known).
+// parser has then said on standard error what it did not like).
 ssm_settings ssm_command_line(int argc, char** argv);
 
 // Prints the usage (status 0, standard output) or a hint (standard error) and exits with the status.

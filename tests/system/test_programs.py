@@ -15,7 +15,6 @@ Daemon which manages SSM
 -d, --daemon       Runs in daemon mode
 -f, --config_file  Set configuration file name
 -P, --vty_port     Set vty's port number
--u, --user         Become user NAME or NAME:GROUP once started
 -v, --version      Print program version
 -h, --help         Display this help and exit
 

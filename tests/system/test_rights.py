@@ -125,11 +125,16 @@ UNIT_LIMITS = {program: re.search(r"^#CapabilityBoundingSet=(.*)$", text, re.MUL
                                      for each in ("esmcd", "nsmd"))}
 
 
+def as_user(path, user):
+    """The command line that starts the program at `path` as `user`."""
+    return [path, "--user", user] if path.endswith("nsmd") else ["env", f"ESMCD_USER={user}", path]
+
+
 def start_as(sw, program, user, *options):
     """With no more rights than the unit's comment says that it takes."""
     granted = UNIT_LIMITS[program].lower().replace("cap_", "+").replace(" ", ",")
     argv = ["setpriv", "--bounding-set", "-all," + granted,
-            "--inh-caps", "-all", "--no-new-privs", f"{BIN}/{program}", "--user", user]
+            "--inh-caps", "-all", "--no-new-privs", *as_user(f"{BIN}/{program}", user)]
     setattr(sw, program, sw.spawn(program, [*argv, *options]))
     return reduced(sw, program)
 
@@ -199,10 +204,11 @@ def test_unknown_users_and_groups_are_refused(lab, program):
     sw = lab.switch("sw")
     for user, why in (("no-such", "no such user"), ("root:no-such", "no such group"), ("4294967295", "no such user"),
                       ("4242", "needs a group"), ("", "no such user")):
-        refused = sw.run(f"{BIN}/{program}", "--user", user, check=False)
+        refused = sw.run(*as_user(f"{BIN}/{program}", user), check=False)
         assert refused.returncode == 1 and why in refused.stderr, (user, refused)
     # Who is not root can't become anybody, and must not go on as who he is.
-    sw.run("cp", f"{BIN}/{program}", "/tmp/program")
-    stopped = sw.run("setpriv", "--bounding-set", "-setuid,-setgid", "/tmp/program", "--user", "nobody", check=False)
+    copy = f"/tmp/{program}"
+    sw.run("cp", f"{BIN}/{program}", copy)
+    stopped = sw.run("setpriv", "--bounding-set", "-setuid,-setgid", *as_user(copy, "nobody"), check=False)
     assert stopped.returncode not in (0, 1) or program == "nsmd" and stopped.returncode == 1, stopped
     assert "can't become user nobody" in stopped.stderr and not sw.path("/run/esmcd.pid").exists()
