@@ -32,7 +32,8 @@ def lab(request, tmp_path):
     (wrapped / "bin").mkdir(parents=True)
     for name in PROGRAMS:
         script = wrapped / "bin" / name
-        script.write_text(f'#!/bin/sh\nexec {EMULATOR} -L {TARGET_ROOT} {ARM_BUILD}/bin/{name} "$@"\n')
+        shutil.copy(ARM_BUILD / "bin" / name, wrapped / "bin" / f"{name}.arm")  # the build itself may lie where no node sees it
+        script.write_text(f'#!/bin/sh\nexec {EMULATOR} -L {TARGET_ROOT} "${{0%/*}}/{name}.arm" "$@"\n')
         script.chmod(0o755)
     with guarded(lab_module.Lab(tmp_path / "logs", build=wrapped), request) as made:
         yield made
