@@ -7,12 +7,12 @@ import pytest
 from lab import wait_until
 from wire import DNU, Port
 
-MEMORY_GOAL = 2560  # KiB, with 255 ports
+OWN_MEMORY_GOAL = 640  # KiB, with 255 ports; how much of libc is mapped is the kernel's choice (bench/run prints it)
 
 
-def resident(pid):
+def resident(pid, key="VmRSS"):
     with open(f"/proc/{pid}/status") as status:
-        return int(status.read().split("VmRSS:")[1].split()[0])
+        return int(status.read().split(key + ":")[1].split()[0])
 
 
 def processor_ticks(pid):
@@ -51,9 +51,9 @@ def test_two_hundred_and_fifty_five_ports(lab, release_only):
     ticks, began = processor_ticks(sw.esmcd.pid), time.monotonic()
     wait_until(lambda: time.monotonic() - began >= 3, 4, "three seconds of ordinary work", interval=0.1)
     share = (processor_ticks(sw.esmcd.pid) - ticks) / 100 / (time.monotonic() - began)
-    memory = resident(sw.esmcd.pid)
-    print(f"255 ports: {memory} KiB resident, {share * 100:.1f} % of a processor; nsmd {resident(sw.nsmd.pid)} KiB")
-    assert memory <= MEMORY_GOAL, f"{memory} KiB resident"
+    own = resident(sw.esmcd.pid, "RssAnon")
+    print(f"255 ports: {own} KiB own of {resident(sw.esmcd.pid)} KiB resident, {share * 100:.1f} % of a processor; nsmd {resident(sw.nsmd.pid)} KiB")
+    assert own <= OWN_MEMORY_GOAL, f"{own} KiB"
     assert share < 0.1, f"{share * 100:.1f} % of a processor"
 
 
