@@ -214,6 +214,14 @@ struct bench_neighbours {
     }
 };
 
+// Runs the next event of the loop, which must have one coming (a timer at least). Whether it took a frame.
+inline bool run_event_takes_frame() {
+    thread event;
+    if (!thread_fetch(g_p_esmcd, &event)) bench_die("the loop has run dry");
+    const bool receives = event.func == recv_ssm;
+    return ssm_run_event(&event) >= 0 && receives;
+}
+
 // Sends what the daemon sends: one frame of the same length on each port, as fast as bare calls go.
 struct bare_sender {
     int fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);

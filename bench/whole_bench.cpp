@@ -13,10 +13,7 @@ namespace {
 constexpr unsigned BLOCK = 50;  // reactions in a row of one kind
 
 void run_until_heard() {
-    thread event;
-    for (bool heard = false; !heard && thread_fetch(g_p_esmcd, &event);) {
-        const bool receives = event.func == recv_ssm;
-        heard = ssm_run_event(&event) >= 0 && receives;
+    while (!run_event_takes_frame()) {
     }
 }
 
