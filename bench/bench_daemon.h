@@ -23,21 +23,21 @@
 #include <string>
 #include <vector>
 
-#include "core/ssm_loop.h"
-#include "core/ssm_opts.h"
-#include "core/ssm_pdu.h"
-#include "core/ssm_ports.h"
-#include "core/ssm_select.h"
-#include "core/ssm_socket.h"
-#include "core/ssm_timers.h"
-#include "frame/ssm_debug.h"
-#include "nsm/ssm_nsm_session.h"
-#include "suite/clock.h"
-#include "suite/lib.h"
-#include "suite/log.h"
-#include "suite/nsm_client.h"
-#include "suite/slow_socket.h"
-#include "suite/thread.h"
+#include "core/debug.h"
+#include "core/loop.h"
+#include "core/opts.h"
+#include "core/pdu.h"
+#include "core/ports.h"
+#include "core/select.h"
+#include "core/socket.h"
+#include "core/timers.h"
+#include "nsm/session.h"
+#include "suite/base/clock.h"
+#include "suite/log/log.h"
+#include "suite/loop/thread.h"
+#include "suite/manager/client.h"
+#include "suite/ports/slow_socket.h"
+#include "suite/start/lib.h"
 
 template <typename Work>
 double seconds(Work&& work) {

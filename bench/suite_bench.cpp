@@ -10,11 +10,11 @@
 #include <cstdlib>
 #include <random>
 
-#include "suite/interface.h"
-#include "suite/lib.h"
-#include "suite/log.h"
-#include "suite/memory.h"
-#include "suite/thread.h"
+#include "suite/base/memory.h"
+#include "suite/log/log.h"
+#include "suite/loop/thread.h"
+#include "suite/ports/interface.h"
+#include "suite/start/lib.h"
 
 namespace {
 

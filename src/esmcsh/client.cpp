@@ -11,10 +11,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "suite/octets.h"
-#include "suite/session_wire.h"
-#include "suite/slice.h"
-#include "suite/text.h"
+#include "suite/base/octets.h"
+#include "suite/base/slice.h"
+#include "suite/base/text.h"
+#include "suite/terminal/wire.h"
 
 namespace {
 

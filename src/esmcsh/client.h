@@ -1,4 +1,4 @@
-// The shell's end of the local terminal socket. What goes over it is described in suite/session.h.
+// The shell's end of the local terminal socket. What goes over it is described in suite/terminal/session.h.
 #pragma once
 
 #include <string_view>

@@ -11,7 +11,7 @@
 #include <cstdlib>
 
 #include "esmcsh/client.h"
-#include "suite/telnet.h"
+#include "suite/terminal/telnet.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <cstdlib>
 
 #include "esmcsh/client.h"
-#include "suite/host.h"
+#include "suite/host/host.h"
 
 namespace {
 

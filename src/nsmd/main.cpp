@@ -11,13 +11,13 @@
 #include "nsmd/module.h"
 #include "nsmd/nsmd.h"
 #include "nsmd/options.h"
-#include "nsmd/status_client.h"
-#include "suite/log.h"
-#include "suite/memory.h"
-#include "suite/nsm_wire.h"
-#include "suite/rights.h"
-#include "suite/rights_user.h"
-#include "suite/thread.h"
+#include "nsmd/server/status_client.h"
+#include "suite/base/memory.h"
+#include "suite/log/log.h"
+#include "suite/loop/thread.h"
+#include "suite/manager/wire.h"
+#include "suite/rights/rights.h"
+#include "suite/rights/user.h"
 
 namespace {
 

@@ -14,15 +14,15 @@
 #include <cinttypes>
 #include <cstring>
 
-#include "nsmd/copper.h"
-#include "nsmd/dpll_kernel.h"
-#include "nsmd/link_watch.h"
+#include "nsmd/clock/copper.h"
+#include "nsmd/clock/kernel.h"
+#include "nsmd/links/watch.h"
 #include "nsmd/module.h"
-#include "nsmd/nsm_server.h"
-#include "nsmd/requests.h"
-#include "suite/log.h"
-#include "suite/memory.h"
-#include "suite/thread.h"
+#include "nsmd/server/requests.h"
+#include "nsmd/server/server.h"
+#include "suite/base/memory.h"
+#include "suite/log/log.h"
+#include "suite/loop/thread.h"
 
 struct nsmd {
     lib_globals* ctx;

@@ -1,10 +1,10 @@
 // nsmd put together: links, ports, server and clock.
 #pragma once
 
-#include "nsmd/dpll.h"
-#include "nsmd/netlink_socket.h"
+#include "nsmd/clock/dpll.h"
+#include "nsmd/netlink/socket.h"
 #include "nsmd/options.h"
-#include "suite/lib.h"
+#include "suite/start/lib.h"
 
 struct nsmd;
 struct nsm_server;

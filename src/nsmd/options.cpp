@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "suite/log.h"
+#include "suite/log/log.h"
 
 namespace {
 

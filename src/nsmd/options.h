@@ -3,10 +3,10 @@
 
 #include <cstdint>
 
-#include "nsmd/dpll_kernel.h"
-#include "nsmd/dpll_sim.h"
-#include "nsmd/link_watch.h"
-#include "suite/rights_user.h"
+#include "nsmd/clock/kernel.h"
+#include "nsmd/clock/sim.h"
+#include "nsmd/links/watch.h"
+#include "suite/rights/user.h"
 
 constexpr std::size_t NSMD_PATTERNS_MAX = 64;
 constexpr std::size_t NSMD_SOURCE_CODES_MAX = 256;

@@ -5,9 +5,9 @@
 #include <cstring>
 
 #include "fuzz/fuzz.h"
-#include "suite/agentx_record.h"
-#include "suite/log.h"
-#include "suite/memory.h"
+#include "suite/agentx/record.h"
+#include "suite/base/memory.h"
+#include "suite/log/log.h"
 
 namespace {
 

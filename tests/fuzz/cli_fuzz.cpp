@@ -3,9 +3,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "suite/cli_parse.h"
-#include "suite/completion.h"
-#include "suite/log.h"
+#include "suite/command/completion.h"
+#include "suite/command/parse.h"
+#include "suite/log/log.h"
 
 namespace {
 

@@ -7,9 +7,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "suite/host_state.h"
-#include "suite/log.h"
-#include "suite/memory.h"
+#include "suite/base/memory.h"
+#include "suite/host/state.h"
+#include "suite/log/log.h"
 
 namespace {
 

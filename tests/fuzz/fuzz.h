@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "suite/octets.h"
+#include "suite/base/octets.h"
 
 inline void must(bool holds, const char* what) {
     if (holds) return;

@@ -12,9 +12,9 @@
 
 #include <cstring>
 
-#include "nsmd/copper.h"
-#include "nsmd/dpll_kernel.h"
-#include "nsmd/dpll_message.h"
+#include "nsmd/clock/copper.h"
+#include "nsmd/clock/kernel.h"
+#include "nsmd/clock/message.h"
 #include "nsmd_world.h"
 
 namespace {

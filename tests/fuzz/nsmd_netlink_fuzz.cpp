@@ -7,7 +7,7 @@
 
 #include <cstring>
 
-#include "nsmd/link_watch.h"
+#include "nsmd/links/watch.h"
 #include "nsmd_world.h"
 
 namespace {

@@ -9,10 +9,10 @@
 #include <vector>
 
 #include "fuzz/fuzz.h"
-#include "nsmd/netlink.h"
-#include "nsmd/netlink_socket.h"
-#include "nsmd/port_table.h"
-#include "suite/log.h"
+#include "nsmd/links/port_table.h"
+#include "nsmd/netlink/netlink.h"
+#include "nsmd/netlink/socket.h"
+#include "suite/log/log.h"
 #include "unit/nsmd_loop.h"
 
 struct nsmd_world {

@@ -7,10 +7,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "suite/host_state.h"
-#include "suite/log.h"
-#include "suite/memory.h"
-#include "suite/session.h"
+#include "suite/base/memory.h"
+#include "suite/host/state.h"
+#include "suite/log/log.h"
+#include "suite/terminal/session.h"
 
 namespace {
 

@@ -18,17 +18,17 @@
 #include <utility>
 #include <vector>
 
-#include "core/ssm_loop.h"
-#include "core/ssm_opts.h"
-#include "core/ssm_pdu.h"
-#include "core/ssm_ports.h"
-#include "core/ssm_ql.h"
-#include "core/ssm_socket.h"
-#include "frame/ssm_debug.h"
-#include "frame/ssm_start.h"
+#include "core/debug.h"
+#include "core/loop.h"
+#include "core/opts.h"
+#include "core/pdu.h"
+#include "core/ports.h"
+#include "core/ql.h"
+#include "core/socket.h"
+#include "esmcd/start.h"
 #include "fuzz/fuzz.h"
-#include "suite/log.h"
-#include "suite/nsm_client.h"
+#include "suite/log/log.h"
+#include "suite/manager/client.h"
 
 using message = std::vector<std::uint8_t>;
 

@@ -5,13 +5,14 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
-#include "cli/ssm_cli.h"
-#include "core/ssm_select.h"
-#include "frame/ssm_board.h"
-#include "frame/ssm_result.h"
+#include "cli/commands.h"
+#include "core/result.h"
+#include "core/select.h"
+#include "esmcd/board.h"
+#include "esmcd/install.h"
 #include "fuzz/world.h"
-#include "suite/host.h"
-#include "suite/host_state.h"
+#include "suite/host/host.h"
+#include "suite/host/state.h"
 
 namespace {
 
@@ -220,10 +221,7 @@ class command_faults : public memory_faults {
     }
     static void install() {
         if (host_vty_init(g_p_esmcd) != 0) return;
-        (void)ssm_cli_init(g_p_esmcd->ctree);
-        (void)ssm_cli_restore_init(g_p_esmcd->ctree);
-        (void)ssm_cli_everyday_init(g_p_esmcd->ctree);
-        (void)ssm_cli_help_init(g_p_esmcd->ctree);
+        (void)ssm_install_commands(g_p_esmcd->ctree);
         (void)memmgr_cli_init(g_p_esmcd);
     }
     // Reads the file, binds the ports for which lines wait, writes all back, shows.

@@ -14,13 +14,13 @@
 #include <utility>
 #include <vector>
 
-#include "core/ssm_select.h"
-#include "core/ssm_timers.h"
-#include "frame/ssm_result.h"
+#include "core/result.h"
+#include "core/select.h"
+#include "core/timers.h"
 #include "fuzz/world.h"
-#include "nsm/ssm_nsm_session.h"
-#include "suite/lib.h"
-#include "suite/thread.h"
+#include "nsm/session.h"
+#include "suite/loop/thread.h"
+#include "suite/start/lib.h"
 
 struct sent_pdu {
     std::uint64_t at_ms;

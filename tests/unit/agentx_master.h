@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "suite/agentx_record.h"
+#include "suite/agentx/record.h"
 #include "unit/suite_loop_support.h"
 
 using bytes = std::vector<std::uint8_t>;

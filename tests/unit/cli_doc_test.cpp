@@ -10,7 +10,7 @@
 #include <set>
 #include <sstream>
 
-#include "suite/cli_parse.h"
+#include "suite/command/parse.h"
 #include "whole_tree.h"
 
 namespace {

@@ -11,10 +11,10 @@
 #include <set>
 #include <sstream>
 
-#include "core/ssm_ql.h"
-#include "suite/cli_tree.h"
-#include "suite/host_state.h"
-#include "suite/log_sinks.h"
+#include "core/ql.h"
+#include "suite/command/tree.h"
+#include "suite/host/state.h"
+#include "suite/log/sinks.h"
 #include "whole_tree.h"
 
 namespace {

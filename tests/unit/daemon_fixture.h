@@ -13,15 +13,16 @@
 #include <utility>
 #include <vector>
 
-#include "cli/ssm_cli.h"
-#include "core/ssm_opts.h"
-#include "core/ssm_ports.h"
-#include "frame/ssm_board.h"
-#include "frame/ssm_debug.h"
-#include "nsm/ssm_nsm_session.h"
-#include "suite/cli.h"
-#include "suite/nsm_client.h"
-#include "suite/thread.h"
+#include "cli/commands.h"
+#include "core/debug.h"
+#include "core/opts.h"
+#include "core/ports.h"
+#include "esmcd/board.h"
+#include "esmcd/install.h"
+#include "nsm/session.h"
+#include "suite/command/cli.h"
+#include "suite/loop/thread.h"
+#include "suite/manager/client.h"
 
 // A file of its own for each test process.
 class board_file {
@@ -113,10 +114,7 @@ class daemon_test : public ::testing::Test {
         session_.ifm = &ctx_->ifm;
         session_.privilege = PRIVILEGE_MAX;
         exec_mode();
-        init_result_ = ssm_cli_init(ctx_->ctree);
-        EXPECT_EQ(ssm_cli_restore_init(ctx_->ctree), 0);
-        EXPECT_EQ(ssm_cli_everyday_init(ctx_->ctree), 0);
-        EXPECT_EQ(ssm_cli_help_init(ctx_->ctree), 0);
+        init_result_ = ssm_install_commands(ctx_->ctree);
         logged_.clear();
     }
 

@@ -1,5 +1,5 @@
 // Copper timing roles: what is asked of the kernel, and what is left alone.
-#include "nsmd/copper.h"
+#include "nsmd/clock/copper.h"
 
 #include <linux/ethtool.h>
 #include <linux/ethtool_netlink.h>

@@ -3,7 +3,7 @@
 #include <map>
 #include <optional>
 
-#include "nsmd/dpll_message.h"
+#include "nsmd/clock/message.h"
 #include "nsmd_support.h"
 
 namespace {

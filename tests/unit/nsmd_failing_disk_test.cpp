@@ -7,11 +7,11 @@
 #include <fstream>
 #include <sstream>
 
-#include "nsmd/dpll_sim.h"
-#include "suite/log.h"
-#include "suite/memory.h"
-#include "suite/rights_user.h"
-#include "suite/thread.h"
+#include "nsmd/clock/sim.h"
+#include "suite/base/memory.h"
+#include "suite/log/log.h"
+#include "suite/loop/thread.h"
+#include "suite/rights/user.h"
 #include "unit/failing_disk.h"
 
 namespace {

@@ -1,5 +1,5 @@
 // The watcher against a kernel that loses messages, refuses, interrupts, and holds news back.
-#include "nsmd/link_watch.h"
+#include "nsmd/links/watch.h"
 
 #include "nsmd_support.h"
 

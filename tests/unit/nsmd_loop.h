@@ -9,11 +9,11 @@
 #include <functional>
 #include <vector>
 
-#include "nsmd/netlink.h"
-#include "suite/lib.h"
-#include "suite/memory.h"
-#include "suite/thread.h"
-#include "suite/thread_master.h"
+#include "nsmd/netlink/netlink.h"
+#include "suite/base/memory.h"
+#include "suite/loop/master.h"
+#include "suite/loop/thread.h"
+#include "suite/start/lib.h"
 
 struct virtual_loop {
     lib_globals ctx{};

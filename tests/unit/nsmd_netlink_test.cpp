@@ -1,5 +1,5 @@
 // Netlink octets to records: what the kernel says is read right, and lengths that lie are not followed.
-#include "nsmd/link_message.h"
+#include "nsmd/links/message.h"
 #include "nsmd_support.h"
 
 namespace {

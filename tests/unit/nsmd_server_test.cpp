@@ -1,5 +1,5 @@
 // Sessions of the NSM server over socket pairs, and its listening socket.
-#include "nsmd/nsm_server.h"
+#include "nsmd/server/server.h"
 
 #include <sys/resource.h>
 #include <sys/stat.h>

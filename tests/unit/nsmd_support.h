@@ -20,12 +20,12 @@
 #include <utility>
 #include <vector>
 
-#include "nsmd/netlink.h"
-#include "nsmd/nsm_server.h"
+#include "nsmd/links/port_table.h"
+#include "nsmd/netlink/netlink.h"
 #include "nsmd/nsmd.h"
-#include "nsmd/port_table.h"
-#include "suite/log.h"
-#include "suite/nsm_wire.h"
+#include "nsmd/server/server.h"
+#include "suite/log/log.h"
+#include "suite/manager/wire.h"
 #include "unit/nsmd_loop.h"
 
 using texts = std::vector<std::string>;

@@ -5,8 +5,8 @@
 #include <set>
 
 #include "daemon_fixture.h"
-#include "snmp/ssm_mib.h"
-#include "snmp/ssm_notify.h"
+#include "snmp/mib.h"
+#include "snmp/notify.h"
 #include "unit/agentx_master.h"
 
 namespace {

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "suite/cli_tree.h"
-#include "suite/log.h"
-#include "suite/memory.h"
+#include "suite/base/memory.h"
+#include "suite/command/tree.h"
+#include "suite/log/log.h"
 #include "unit/agentx_master.h"
 #include "unit/suite_line_runner.h"
 

@@ -5,12 +5,12 @@
 #include <utility>
 #include <vector>
 
-#include "suite/cli_parse.h"
-#include "suite/cli_tree.h"
-#include "suite/completion.h"
-#include "suite/host_state.h"
-#include "suite/log.h"
-#include "suite/memory.h"
+#include "suite/base/memory.h"
+#include "suite/command/completion.h"
+#include "suite/command/parse.h"
+#include "suite/command/tree.h"
+#include "suite/host/state.h"
+#include "suite/log/log.h"
 
 namespace {
 

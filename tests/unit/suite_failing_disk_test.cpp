@@ -1,9 +1,9 @@
 // The disk fails at each call of a save, and at each line of the log.
 #include <sys/wait.h>
 
-#include "suite/host_file.h"
-#include "suite/log.h"
-#include "suite/rights_user.h"
+#include "suite/host/file.h"
+#include "suite/log/log.h"
+#include "suite/rights/user.h"
 #include "unit/failing_disk.h"
 #include "unit/suite_host_support.h"
 

@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
-#include "suite/cli.h"
-#include "suite/host_state.h"
-#include "suite/log.h"
-#include "suite/memory.h"
+#include "suite/base/memory.h"
+#include "suite/command/cli.h"
+#include "suite/host/state.h"
+#include "suite/log/log.h"
 
 namespace host_support {
 

@@ -1,5 +1,5 @@
 // The interface list: order, lookups while it grows and shrinks, and the order of the hooks.
-#include "suite/interface.h"
+#include "suite/ports/interface.h"
 
 #include <gtest/gtest.h>
 
@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "suite/lib.h"
-#include "suite/log.h"
-#include "suite/memory.h"
+#include "suite/base/memory.h"
+#include "suite/log/log.h"
+#include "suite/start/lib.h"
 
 namespace {
 

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "suite/line_editor.h"
-#include "suite/memory.h"
-#include "suite/utf8.h"
+#include "suite/base/memory.h"
+#include "suite/base/utf8.h"
+#include "suite/terminal/line_editor.h"
 
 namespace {
 

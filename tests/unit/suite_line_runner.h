@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <string>
 
-#include "suite/cli.h"
+#include "suite/command/cli.h"
 
 struct line_runner {
     cli session{};

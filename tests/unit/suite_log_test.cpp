@@ -1,5 +1,5 @@
 // The log: what a line looks like, and that no sink ever holds the caller up, mixes two lines or loses count.
-#include "suite/log.h"
+#include "suite/log/log.h"
 
 #include <fcntl.h>
 #include <regex.h>
@@ -11,7 +11,7 @@
 #include <ctime>
 #include <sstream>
 
-#include "suite/log_sinks.h"
+#include "suite/log/sinks.h"
 #include "unit/suite_host_support.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <functional>
 
-#include "suite/thread_master.h"
+#include "suite/loop/master.h"
 
 // Runs what is ready, and what comes within `ms`, until `done` after some event; whether it came to that.
 inline bool run_loop(lib_globals* ctx, std::uint32_t ms, const std::function<bool()>& done) {

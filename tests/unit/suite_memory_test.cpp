@@ -1,5 +1,5 @@
 // The memory manager: classes, reuse, counts, and what it does about misuse.
-#include "suite/memory.h"
+#include "suite/base/memory.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@
 #include <cstring>
 #include <string>
 
-#include "suite/log.h"
+#include "suite/log/log.h"
 
 namespace {
 

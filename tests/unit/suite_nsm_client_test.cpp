@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "suite/log.h"
-#include "suite/memory.h"
-#include "suite/nsm_client_record.h"
+#include "suite/base/memory.h"
+#include "suite/log/log.h"
+#include "suite/manager/record.h"
 #include "unit/suite_line_runner.h"
 #include "unit/suite_loop_support.h"
 

@@ -1,6 +1,6 @@
 // The slow-protocol socket. Framing and counting run against a replaced edge; everything about the kernel
 // runs over veth links in a network namespace that the test makes for itself.
-#include "suite/slow_socket.h"
+#include "suite/ports/slow_socket.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
-#include "suite/log.h"
-#include "suite/memory.h"
+#include "suite/base/memory.h"
+#include "suite/log/log.h"
 #include "unit/suite_line_runner.h"
 #include "unit/suite_loop_support.h"
 

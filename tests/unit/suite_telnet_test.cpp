@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "suite/telnet.h"
+#include "suite/terminal/telnet.h"
 
 namespace {
 

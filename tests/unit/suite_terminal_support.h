@@ -9,9 +9,9 @@
 
 #include <functional>
 
-#include "suite/octets.h"
-#include "suite/session.h"
-#include "suite/terminal.h"
+#include "suite/base/octets.h"
+#include "suite/terminal/session.h"
+#include "suite/terminal/terminal.h"
 #include "unit/suite_host_support.h"
 
 namespace host_support {

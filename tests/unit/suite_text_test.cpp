@@ -1,12 +1,12 @@
 // Growable text: what is kept when growing fails, limits, and the closing zero.
-#include "suite/text.h"
+#include "suite/base/text.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <string>
 
-#include "suite/memory.h"
+#include "suite/base/memory.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // The event loop. Order, fairness and timers run against replaced edges, where time and readiness are exact;
 // everything about descriptors runs against the kernel.
-#include "suite/thread.h"
+#include "suite/loop/thread.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -17,9 +17,9 @@
 #include <tuple>
 #include <vector>
 
-#include "suite/lib.h"
-#include "suite/log.h"
-#include "suite/memory.h"
+#include "suite/base/memory.h"
+#include "suite/log/log.h"
+#include "suite/start/lib.h"
 
 namespace {
 

@@ -4,10 +4,10 @@
 #pragma once
 
 #include "daemon_fixture.h"
-#include "snmp/ssm_mib.h"
-#include "suite/host.h"
-#include "suite/slow_socket.h"
-#include "suite/snmp.h"
+#include "snmp/mib.h"
+#include "suite/agentx/snmp.h"
+#include "suite/host/host.h"
+#include "suite/ports/slow_socket.h"
 
 inline void install_whole_tree(lib_globals* ctx) {
     ASSERT_EQ(host_vty_init(ctx), 0);

@@ -1,0 +1,112 @@
+// What an operator asks first: which port is the source, and why the others are not. One line a port
+// ("brief"), the candidates in their order ("selection"), and all of it for scripts ("json", in
+// ssm_cli_json.cpp). They change nothing.
+#include <algorithm>
+#include <cstdio>
+#include <span>
+
+#include "cli/commands.h"
+#include "cli/handler.h"
+#include "cli/reason.h"
+#include "core/ports.h"
+#include "core/ql.h"
+
+namespace {
+
+const char* port_state(const ssm_port* port) {
+    if (port == g_s_master->selected_port) return "source";
+    if (!port->synce_enable) return "off";
+    return port->link_up ? "up" : "down";
+}
+
+struct forced_words {
+    char text[16];
+};
+
+// What the operator forced on the port: the switch to it, its received or its sent quality.
+forced_words forced_text(const ssm_port* port) {
+    const bool to_it = port == g_s_master->force_port;
+    const bool rx = port->force_rx_quality != QL_NONE, tx = port->force_tx_quality != QL_NONE;
+    forced_words words;
+    std::snprintf(words.text, sizeof words.text, "%s%s%s%s", to_it ? "switch " : "", rx ? "rx " : "",
+                  tx ? "tx" : "", to_it || rx || tx ? "" : "-");
+    return words;
+}
+
+int show_brief_handler(cli* session, int, char**) {
+    session->out_func(session->out_val, "%-16s %-6s %-8s %-6s %4s  %-12s %s\n", "Port", "State", "Rx", "Tx",
+                      "Prio", "Forced", "Why not the source");
+    const ssm_port* best = ssm_reason_best();
+    ssm_port_walk([session, best](const ssm_port* port) {
+        session->out_func(session->out_val, "%-16s %-6s %-8s %-6s %4d  %-12s %s\n", ssm_port_name(port),
+                          port_state(port), ssm_ql_to_str(port->recv_quality, SSM_QL_STYLE_LONG),
+                          ssm_ql_to_str(port->send_quality, SSM_QL_STYLE_SHORT), port->priority,
+                          forced_text(port).text, ssm_reason_not_source(port, best).text);
+    });
+    return CLI_SUCCESS;
+}
+
+void show_source(cli* session, const ssm_port* best) {
+    if (const char* source = ssm_port_name(g_s_master->selected_port)) {
+        session->out_func(session->out_val, "Source: %s\n", source);
+        return;
+    }
+    const ssm_reason why = ssm_reason_no_source(best);
+    session->out_func(session->out_val, "Source: none%s%s\n", why.text[0] ? ", " : "", why.text);
+}
+
+void show_candidates(cli* session, std::span<const ssm_port* const> candidates) {
+    session->out_func(session->out_val, "%4s  %-16s %-8s %4s %4s %5s  %s\n", "Rank", "Port", "Quality",
+                      "Prio", "Hops", "Index", "Ahead of the next by");
+    for (std::size_t i = 0; i < candidates.size(); ++i) {
+        const ssm_port* port = candidates[i];
+        const char* key = "-";
+        if (i + 1 < candidates.size()) key = ssm_key_text(ssm_reason_order(port, candidates[i + 1]).key);
+        session->out_func(session->out_val, "%4u  %-16s %-8s %4d %4d %5u  %s\n", static_cast<unsigned>(i + 1),
+                          ssm_port_name(port),
+                          ssm_ql_to_str(ssm_port_select_quality(port), SSM_QL_STYLE_LONG), port->priority,
+                          port->recv_hop_count, static_cast<unsigned>(port->intf->ifindex), key);
+    }
+}
+
+void show_refused(cli* session) {
+    session->out_func(session->out_val, "\n%-16s %s\n", "Port", "Why it is no candidate");
+    ssm_port_walk([session](const ssm_port* port) {
+        const ssm_refusal refusal = ssm_reason_refusal(port);
+        if (refusal == ssm_refusal::none) return;
+        session->out_func(session->out_val, "%-16s %s\n", ssm_port_name(port), ssm_refusal_text(refusal));
+    });
+}
+
+int show_selection_handler(cli* session, int, char**) {
+    std::size_t ports = 0, count = 0;
+    ssm_port_walk([&ports](const ssm_port*) { ++ports; });
+    auto** list =
+        static_cast<const ssm_port**>(memmgr_calloc((ports + 1) * sizeof(ssm_port*), MTYPE_CLI_SESSION));
+    if (!list) {
+        session->out_func(session->out_val, "%% Out of memory\n");
+        return CLI_ERROR;
+    }
+    ssm_port_walk([list, &count](const ssm_port* port) {
+        if (ssm_reason_refusal(port) == ssm_refusal::none) list[count++] = port;
+    });
+    std::sort(list, list + count,
+              [](const ssm_port* a, const ssm_port* b) { return ssm_reason_order(a, b).winner < 0; });
+    show_source(session, count ? list[0] : nullptr);
+    show_candidates(session, {list, count});
+    if (count < ports) show_refused(session);
+    memmgr_free(list, MTYPE_CLI_SESSION);
+    return CLI_SUCCESS;
+}
+
+}  // namespace
+
+const cli_element ssm_show_brief_cmd = {"show clock synce brief", show_brief_handler};
+const cli_element ssm_show_selection_cmd = {"show clock synce selection", show_selection_handler};
+
+int ssm_cli_everyday_init(cli_tree* tree) {
+    int rv = 0;
+    for (const cli_element* command : {&ssm_show_brief_cmd, &ssm_show_selection_cmd, &ssm_show_json_cmd})
+        if (cli_install_gen(tree, EXEC_MODE, SSM_CLI_PRIVILEGE, 0, command) < 0) rv = -1;
+    return rv;
+}

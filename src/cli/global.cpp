@@ -1,0 +1,131 @@
+// Switch-wide configuration commands: each command's syntax beside its handler. Handlers keep no state; what
+// they refuse leaves the clock record as it was.
+#include "cli/commands.h"
+#include "cli/handler.h"
+#include "core/opts.h"
+
+bool ssm_cli_number(cli* session, const char* argument, const char* what, std::uint8_t* value) {
+    int status = 0;
+    const std::int32_t number = cmd_str2int(argument, &status);
+    if (status >= 0 && static_cast<std::uint32_t>(number) <= 255) {
+        *value = static_cast<std::uint8_t>(number);
+        return true;
+    }
+    session->out_func(session->out_val, "%% Invalid %s value\n", what);
+    return false;
+}
+
+namespace {
+
+// Roles that were set by hand and SSM exclude each other.
+bool refuse_manual_roles(cli* session) {
+    if (g_s_master->gephy_manual_count == 0) return false;
+    session->out_func(session->out_val, " %% Port gephy role is configured manually, it can't enable ssm\n");
+    return true;
+}
+
+int ssm_enable_handler(cli* session, int argc, char** argv) {
+    if (refuse_manual_roles(session)) return CLI_ERROR;
+    // The operation clears the roles of all ports unless selection is to set them, so the flag comes first.
+    g_s_master->gephy_dynamic = argc > 0 && ssm_cli_keyword(argv[0], "gephy");
+    if (g_s_master->gephy_dynamic)
+        SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG,
+                  "%s%sclock synce ssm enable and setting gephy role dynamically");
+    else
+        SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sclock synce ssm enable");
+    return ssm_cli_finish(session, ssm_opts_set_ssm_enable(1));
+}
+
+int no_ssm_enable_handler(cli* session, int, char**) {
+    if (refuse_manual_roles(session)) return CLI_ERROR;
+    g_s_master->gephy_dynamic = 0;
+    SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sno clock synce ssm enable");
+    return ssm_cli_finish(session, ssm_opts_set_ssm_enable(0));
+}
+
+struct quality_word {
+    std::string_view word;
+    ssm_code code;
+};
+constexpr quality_word option1_words[] = {{"prc", QL_PRC}, {"eec1", QL_EEC1}};
+constexpr quality_word option2_words[] = {{"prs", QL_PRS}, {"eec2", QL_EEC2}};
+
+template <std::size_t Count>
+ssm_code local_quality_code(const quality_word (&words)[Count], const char* argument) {
+    for (const quality_word& entry : words)
+        if (ssm_cli_keyword(argument, entry.word)) return entry.code;
+    return QL_DNU;
+}
+
+int finish_local_quality(cli* session, std::int32_t rv) {
+    if (rv >= 0) return CLI_SUCCESS;
+    if (rv == SSM_CLI_E_OPTION_COLLISION)
+        session->out_func(
+            session->out_val,
+            "%% Can't configure QL value,option collision between force quality and local quality \n");
+    else
+        session->out_func(session->out_val, "%% Unknown Error %d\n", rv);
+    return CLI_ERROR;
+}
+
+int local_quality_op1_handler(cli* session, int, char** argv) {
+    const ssm_code code = local_quality_code(option1_words, argv[0]);
+    SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sclock synce local-quality %s under option1 mode", argv[0]);
+    return finish_local_quality(session, ssm_opts_set_local_quality(code, SSM_OPTION_1));
+}
+
+int local_quality_op2_handler(cli* session, int, char** argv) {
+    const ssm_code code = local_quality_code(option2_words, argv[0]);
+    SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sclock synce local-quality %s under option2 mode", argv[0]);
+    return finish_local_quality(session, ssm_opts_set_local_quality(code, SSM_OPTION_2));
+}
+
+int local_priority_handler(cli* session, int, char** argv) {
+    std::uint8_t priority = 0;
+    if (!ssm_cli_number(session, argv[0], "local-priority", &priority)) return CLI_ERROR;
+    SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sclock synce local-priority %s", argv[0]);
+    return ssm_cli_finish(session, ssm_opts_set_local_priority(priority));
+}
+
+}  // namespace
+
+const cli_element sync_global_enable_cmd = {
+    "clock synce global-enable",
+    ssm_cli_global<"%s%sclock synce global-enable", ssm_opts_set_global_enable, 1>};
+const cli_element no_sync_global_enable_cmd = {
+    "no clock synce global-enable",
+    ssm_cli_global<"%s%sno clock synce global-enable", ssm_opts_set_global_enable, 0>};
+
+const cli_element sync_ssm_enable_cmd = {"clock synce ssm enable (gephy| )", ssm_enable_handler};
+const cli_element no_sync_ssm_enable_cmd = {"no clock synce ssm enable", no_ssm_enable_handler};
+
+const cli_element synce_local_quality_op1_cmd = {"clock synce local-quality option1 (dnu | eec1 | prc)",
+                                                 local_quality_op1_handler};
+const cli_element no_synce_local_quality_cmd = {
+    "no clock synce local-quality",
+    ssm_cli_global<"%s%sno clock synce local-quality", ssm_opts_set_local_quality, QL_DNU, SSM_OPTION_1>};
+const cli_element synce_local_quality_op2_cmd = {"clock synce local-quality option2 (dus | eec2 | prs)",
+                                                 local_quality_op2_handler};
+
+const cli_element ssm_local_priority_cmd = {"clock synce local-priority <1-255>", local_priority_handler};
+const cli_element no_ssm_local_priority_cmd = {
+    "no clock synce local-priority",
+    ssm_cli_global<"%s%sno clock synce local-priority", ssm_opts_set_local_priority, SSM_PRIORITY_NONE>};
+
+const cli_element ssm_master_only_role_cmd = {
+    "clock synce master-only",
+    ssm_cli_global<"%s%sclock synce master-only", ssm_opts_set_device_type, SSM_MASTER_ONLY>};
+const cli_element no_ssm_master_only_role_cmd = {
+    "no clock synce master-only",
+    ssm_cli_global<"%s%sno clock synce master-only", ssm_opts_set_device_type, SSM_DEFAULT_ROLE>};
+const cli_element ssm_slave_only_role_cmd = {
+    "clock synce slave-only",
+    ssm_cli_global<"%s%sclock synce slave-only", ssm_opts_set_device_type, SSM_SLAVE_ONLY>};
+const cli_element no_ssm_slave_only_role_cmd = {
+    "no clock synce slave-only",
+    ssm_cli_global<"%s%sno clock synce slave-only", ssm_opts_set_device_type, SSM_DEFAULT_ROLE>};
+
+const cli_element ssm_set_ssm_extend_cmd = {
+    "clock synce ssm extend", ssm_cli_global<"%s%sclock synce ssm extend", ssm_opts_set_ssm_extend, 1>};
+const cli_element no_ssm_set_ssm_extend_cmd = {
+    "no clock synce ssm extend", ssm_cli_global<"%s%sno clock synce ssm extend", ssm_opts_set_ssm_extend, 0>};

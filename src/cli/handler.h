@@ -1,0 +1,56 @@
+// What the command handlers share: the keyword test, numbers, how a handler traces and how it ends, and the
+// handlers that only hand one fixed value to one operation.
+#pragma once
+
+#include <cstring>
+#include <string_view>
+
+#include "core/debug.h"
+#include "core/result.h"
+#include "suite/command/cli.h"
+#include "suite/ports/interface.h"
+
+constexpr std::int32_t SSM_CLI_PRIVILEGE = 4;
+
+// Whether the argument begins with the keyword. Alternatives are tried one after another; the last one is
+// what is left and needs no test.
+inline bool ssm_cli_keyword(const char* argument, std::string_view keyword) {
+    return std::strncmp(argument, keyword.data(), keyword.size()) == 0;
+}
+
+// How a handler ends: a failed operation is printed.
+inline int ssm_cli_finish(cli* session, std::int32_t rv) {
+    if (rv >= 0) return CLI_SUCCESS;
+    ssm_cli_result_print(session, rv);
+    return CLI_ERROR;
+}
+
+// A number of 0 to 255. Otherwise says which value is wrong, and *value is untouched.
+[[nodiscard]] bool ssm_cli_number(cli* session, const char* argument, const char* what, std::uint8_t* value);
+
+// The interface of the interface mode: null when there is none of that name. The session may be older than
+// the interface, which comes and goes with the network services manager.
+interface* ssm_cli_interface(cli* session);
+
+// A format as a template argument: the command's name in the trace, with the log's two prefix arguments.
+template <std::size_t Size>
+struct ssm_cli_trace {
+    char format[Size] = {};
+    consteval ssm_cli_trace(const char (&text)[Size]) {
+        for (std::size_t i = 0; i < Size; ++i) format[i] = text[i];
+    }
+};
+
+// Traces, then gives one value to one operation of the switch.
+template <ssm_cli_trace Trace, auto Operation, auto... Values>
+int ssm_cli_global(cli* session, int, char**) {
+    SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, Trace.format);
+    return ssm_cli_finish(session, Operation(Values...));
+}
+
+// The same for one port's operation.
+template <ssm_cli_trace Trace, auto Operation, auto Value>
+int ssm_cli_port(cli* session, int, char**) {
+    SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, Trace.format);
+    return ssm_cli_finish(session, Operation(ssm_cli_interface(session), Value));
+}

@@ -1,0 +1,156 @@
+// Configuration commands of one port, and the way into its mode. The operations decide whether the interface
+// is fit; "interface IFNAME" itself takes any name.
+#include <algorithm>
+#include <cstdio>
+
+#include "cli/commands.h"
+#include "cli/handler.h"
+#include "core/opts.h"
+#include "core/ports.h"
+
+interface* ssm_cli_interface(cli* session) {
+    if (!ssm_instance || !ssm_instance->lib_ctx) return nullptr;
+    const if_master* ifm = &ssm_instance->lib_ctx->ifm;
+    const auto known = if_list(ifm);
+    auto* entered = static_cast<interface*>(session->index);
+    const bool alive = std::find(known.begin(), known.end(), entered) != known.end();
+    const bool same = alive && (!session->name[0] || std::strcmp(entered->name, session->name) == 0);
+    if (!same) session->index = session->name[0] ? ifg_get_by_name(ifm, session->name) : nullptr;
+    return static_cast<interface*>(session->index);
+}
+
+namespace {
+
+int interface_handler(cli* session, int, char** argv) {
+    session->index = ssm_instance ? ifg_get_by_name(&ssm_instance->lib_ctx->ifm, argv[0]) : nullptr;
+    session->mode = INTERFACE_MODE;
+    std::snprintf(session->name, sizeof session->name, "%s", argv[0]);
+    return CLI_SUCCESS;
+}
+
+ssm_esmc_mode esmc_direction(const char* argument) {
+    if (ssm_cli_keyword(argument, "rx")) return SSM_ESMC_RX;
+    if (ssm_cli_keyword(argument, "tx")) return SSM_ESMC_TX;
+    return SSM_ESMC_ALL;
+}
+
+int esmc_handler(cli* session, int, char** argv) {
+    const ssm_esmc_mode direction = esmc_direction(argv[0]);
+    SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sinterface clock synce ssm enable %s", argv[0]);
+    return ssm_cli_finish(session, ssm_opts_set_port_esmc(ssm_cli_interface(session), direction));
+}
+
+int no_esmc_handler(cli* session, int, char** argv) {
+    const ssm_esmc_mode direction = esmc_direction(argv[0]);
+    SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sinterface no clock synce ssm enable");
+    return ssm_cli_finish(session, ssm_opts_unset_port_esmc(ssm_cli_interface(session), direction));
+}
+
+int priority_handler(cli* session, int, char** argv) {
+    std::uint8_t priority = 0;
+    if (!ssm_cli_number(session, argv[0], "priority", &priority)) return CLI_ERROR;
+    SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sinterface clock synce priority %s", argv[0]);
+    return ssm_cli_finish(session, ssm_opts_set_port_priority(ssm_cli_interface(session), priority));
+}
+
+int dnu_group_handler(cli* session, int, char** argv) {
+    std::uint8_t group = 0;
+    if (!ssm_cli_number(session, argv[0], "dnu group id", &group)) return CLI_ERROR;
+    SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sinterface clock synce dnu group %s", argv[0]);
+    return ssm_cli_finish(session, ssm_opts_set_port_dnu_group(ssm_cli_interface(session), group));
+}
+
+// The one command of its kind without a trace line.
+int no_dnu_group_handler(cli* session, int, char**) {
+    return ssm_cli_finish(session, ssm_opts_set_port_dnu_group(ssm_cli_interface(session), 0));
+}
+
+std::uint32_t quality_direction(const char* argument) {
+    return ssm_cli_keyword(argument, "rx") ? SSM_ESMC_RX : SSM_ESMC_TX;
+}
+
+int quality_handler(cli* session, int, char** argv) {
+    SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sinterface clock synce quality-level %s %s", argv[0],
+              argv[1]);
+    const std::int32_t rv =
+        ssm_opts_set_port_quality(ssm_cli_interface(session), quality_direction(argv[0]), argv[1]);
+    if (rv >= 0) return CLI_SUCCESS;
+    if (rv == SSM_CLI_E_QL_OPTION1)
+        session->out_func(session->out_val, "%% Can't configure QL value %s under option1 mode\n", argv[1]);
+    else if (rv == SSM_CLI_E_QL_OPTION2)
+        session->out_func(session->out_val, "%% Can't configure QL value %s under option2 mode\n", argv[1]);
+    else if (rv == SSM_CLI_E_INVALID_IF)
+        session->out_func(session->out_val, "%% Invalid interface\n");
+    return CLI_ERROR;
+}
+
+// Fails without a word, as scripts that clear every interface expect.
+int no_quality_handler(cli* session, int, char** argv) {
+    SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sno interface clock synce quality-level %s", argv[0]);
+    const std::int32_t rv =
+        ssm_opts_set_port_quality(ssm_cli_interface(session), quality_direction(argv[0]), "na");
+    return rv < 0 ? CLI_ERROR : CLI_SUCCESS;
+}
+
+// While SSM is on, selection sets the roles.
+bool refuse_role_with_ssm(cli* session) {
+    if (!g_s_master->ssm_enable) return false;
+    session->out_func(session->out_val, " %% Synce ssm is enabled, it can't configure port gephy role\n");
+    return true;
+}
+
+int gephy_handler(cli* session, int, char** argv) {
+    const ssm_gephy_role role = ssm_cli_keyword(argv[0], "master") ? SSM_GEPHY_MASTER : SSM_GEPHY_SLAVE;
+    SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sclock synce gephy %s", argv[0]);
+    if (refuse_role_with_ssm(session)) return CLI_ERROR;
+    interface* intf = ssm_cli_interface(session);
+    if (ssm_opts_set_gephy_role(intf, 1, role) < 0) return CLI_ERROR;
+    // A port counts once, however often its role is changed. Whoever removes the role takes it off again.
+    ssm_port* port = ssm_if_port(intf);
+    if (port && !port->gephy_by_command) {
+        port->gephy_by_command = 1;
+        ++g_s_master->gephy_manual_count;
+    }
+    return CLI_SUCCESS;
+}
+
+int no_gephy_handler(cli* session, int, char**) {
+    SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sno clock synce gephy");
+    if (refuse_role_with_ssm(session)) return CLI_ERROR;
+    return ssm_opts_set_gephy_role(ssm_cli_interface(session), 0, 0) < 0 ? CLI_ERROR : CLI_SUCCESS;
+}
+
+}  // namespace
+
+const cli_element interface_ssm_cmd = {"interface IFNAME", interface_handler};
+
+const cli_element sync_if_synce_enable_cmd = {
+    "clock synce enable", ssm_cli_port<"%s%sinterface clock synce enable", ssm_opts_set_port_synce, 1>};
+const cli_element no_sync_if_synce_enable_cmd = {
+    "no clock synce enable", ssm_cli_port<"%s%sinterface no clock synce enable", ssm_opts_set_port_synce, 0>};
+const cli_element sync_if_ssm_pdu_cmd = {"clock synce ssm enable (rx | tx | all)", esmc_handler};
+const cli_element no_sync_if_ssm_pdu_cmd = {"no clock synce ssm enable (rx | tx | all)", no_esmc_handler};
+
+const cli_element ssm_if_priority_cmd = {"clock synce priority <1-255>", priority_handler};
+const cli_element no_ssm_if_priority_cmd = {
+    "no clock synce priority",
+    ssm_cli_port<"%s%sinterface no clock synce priority", ssm_opts_set_port_priority, SSM_PRIORITY_NONE>};
+const cli_element ssm_if_dnu_group_cmd = {"clock synce dnu-group <1-255>", dnu_group_handler};
+const cli_element no_ssm_if_dnu_group_cmd = {"no clock synce dnu-group", no_dnu_group_handler};
+
+const cli_element ssm_if_extend_replace_clockid_cmd = {
+    "clock synce extend replace-clockid",
+    ssm_cli_port<"%s%sclock synce extend replace-clockid", ssm_opts_set_port_replace_clockid, 1>};
+const cli_element no_ssm_if_extend_replace_clockid_cmd = {
+    "no clock synce extend replace-clockid",
+    ssm_cli_port<"%s%sno clock synce extend replace-clockid", ssm_opts_set_port_replace_clockid, 0>};
+
+const cli_element synce_if_ql_value_cmd = {
+    "clock synce quality-eth (rx | tx) (prc | ssu-a | ssu-b | eec1 | dnu | prs | stu |st2 | tnc | smc | st3e "
+    "| prov "
+    "| eec2 | dus)",
+    quality_handler};
+const cli_element no_synce_if_ql_value_cmd = {"no clock synce quality-eth (rx | tx)", no_quality_handler};
+
+const cli_element sync_ssm_set_master_slave_cmd = {"clock synce gephy (master|slave)", gephy_handler};
+const cli_element no_sync_ssm_set_master_slave_cmd = {"no clock synce gephy", no_gephy_handler};

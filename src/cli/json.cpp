@@ -1,0 +1,151 @@
+// "show clock synce json": the clock and its ports as one JSON object (RFC 8259) on one line, for scripts.
+// The field names are a promise: fields may be added, none changes its name or meaning. Qualities are command
+// tokens, "none" where there is none; what there is not is null.
+#include "cli/commands.h"
+#include "cli/reason.h"
+#include "core/ports.h"
+#include "core/ql.h"
+
+namespace {
+
+// Names are the operator's: they may hold anything. Octets that are no UTF-8 are the reader's to judge.
+void write_text(cli* out, const char* text) {
+    if (!text) {
+        out->out_func(out->out_val, "null");
+        return;
+    }
+    out->out_func(out->out_val, "\"");
+    for (const char* c = text; *c; ++c) {
+        const auto octet = static_cast<unsigned char>(*c);
+        if (octet < 0x20 || octet == 0x7f || *c == '"' || *c == '\\')
+            out->out_func(out->out_val, "\\u%04x", static_cast<unsigned>(octet));
+        else
+            out->out_func(out->out_val, "%c", *c);
+    }
+    out->out_func(out->out_val, "\"");
+}
+
+void field(cli* out, const char* name, const char* value) {
+    out->out_func(out->out_val, ",\"%s\":", name);
+    write_text(out, value);
+}
+
+void field(cli* out, const char* name, std::uint32_t value) {
+    out->out_func(out->out_val, ",\"%s\":%u", name, static_cast<unsigned>(value));
+}
+
+void flag(cli* out, const char* name, bool value) {
+    out->out_func(out->out_val, ",\"%s\":%s", name, value ? "true" : "false");
+}
+
+const char* quality(std::uint32_t code) {
+    return code == QL_NONE ? "none" : ssm_ql_to_token(code);
+}
+
+const char* or_null(const ssm_reason& reason) {
+    return reason.text[0] ? reason.text : nullptr;
+}
+
+const char* running_state() {
+    if (g_s_master->device_type == SSM_MASTER_ONLY) return "master";
+    if (g_s_master->freerun) return "freerun";
+    return g_s_master->holdover ? "holdover" : "lock";
+}
+
+const char* dpll_state() {
+    switch (g_s_master->dpll_state) {
+        case SSM_DPLL_FREERUN:
+            return "freerun";
+        case SSM_DPLL_HOLDOVER:
+            return "holdover";
+        case SSM_DPLL_LOCK:
+            return "lock";
+        default:
+            return "transient";
+    }
+}
+
+const char* device_type() {
+    if (g_s_master->device_type == SSM_MASTER_ONLY) return "master-only";
+    return g_s_master->device_type == SSM_SLAVE_ONLY ? "slave-only" : "default";
+}
+
+const char* recovery_input() {
+    if (g_s_master->recovery_select == SSM_RECOVER_SYNCE) return "synce";
+    return g_s_master->recovery_select == SSM_RECOVER_BITS1 ? "bits1" : "bits2";
+}
+
+const char* esmc_mode(const ssm_port* port) {
+    switch (port->esmc_mode) {
+        case SSM_ESMC_RX:
+            return "rx";
+        case SSM_ESMC_TX:
+            return "tx";
+        case SSM_ESMC_NONE:
+            return "none";
+        default:
+            return "all";
+    }
+}
+
+void write_clock(cli* out, const ssm_port* best) {
+    const ssm_master* clock = g_s_master;
+    out->out_func(out->out_val, "\"clock_id\":");
+    write_text(out, ssm_clock_id_str(clock->clock_id));
+    flag(out, "synce_enabled", clock->global_enable != 0);
+    flag(out, "ssm_enabled", clock->ssm_enable != 0);
+    flag(out, "ssm_extended", clock->ssm_extend != 0);
+    field(out, "option", std::uint32_t{clock->ql_option});
+    field(out, "local_quality", quality(clock->local_quality));
+    field(out, "local_priority", std::uint32_t{clock->local_priority});
+    field(out, "current_quality", quality(clock->current_quality));
+    field(out, "device_type", device_type());
+    field(out, "running_state", running_state());
+    field(out, "dpll_state", dpll_state());
+    field(out, "recovery_input", recovery_input());
+    field(out, "source", ssm_port_name(clock->selected_port));
+    field(out, "no_source_reason", clock->selected_port ? nullptr : or_null(ssm_reason_no_source(best)));
+    field(out, "forced_port", ssm_port_name(clock->force_port));
+}
+
+void write_port(cli* out, const ssm_port* port, const ssm_port* best) {
+    out->out_func(out->out_val, "{\"name\":");
+    write_text(out, ssm_port_name(port));
+    field(out, "ifindex", port->intf->ifindex);
+    flag(out, "source", port == g_s_master->selected_port);
+    field(out, "not_source_reason", or_null(ssm_reason_not_source(port, best)));
+    flag(out, "synce_enabled", port->synce_enable != 0);
+    flag(out, "link_up", port->link_up != 0);
+    field(out, "esmc", esmc_mode(port));
+    field(out, "received_quality", quality(port->recv_quality));
+    field(out, "sent_quality", quality(port->send_quality));
+    field(out, "forced_received_quality", quality(port->force_rx_quality));
+    field(out, "forced_sent_quality", quality(port->force_tx_quality));
+    field(out, "priority", std::uint32_t{port->priority});
+    field(out, "dnu_group", std::uint32_t{port->dnu_group});
+    flag(out, "replace_clock_id", port->replace_clockid != 0);
+    field(out, "received_clock_id", port->recv_pdu ? ssm_clock_id_str(port->recv_clockid) : nullptr);
+    field(out, "hop_count", std::uint32_t{port->recv_hop_count});
+    flag(out, "sending", port->send_timer != nullptr);
+    flag(out, "receiving", port->timeout_timer != nullptr);
+    out->out_func(out->out_val, "}");
+}
+
+int show_json_handler(cli* session, int, char**) {
+    const ssm_port* best = ssm_reason_best();
+    session->out_func(session->out_val, "{");
+    write_clock(session, best);
+    session->out_func(session->out_val, ",\"ports\":[");
+    bool first = true;
+    ssm_port_walk([&](const ssm_port* port) {
+        if (!first) session->out_func(session->out_val, ",");
+        first = false;
+        write_port(session, port, best);
+    });
+    session->out_func(session->out_val, "]}\n");
+    return CLI_SUCCESS;
+}
+
+}  // namespace
+
+const cli_element ssm_show_json_cmd = {"show clock synce json", show_json_handler};

@@ -1,0 +1,110 @@
+// The reasons behind the everyday shows. Pure functions of the records.
+#include "cli/reason.h"
+
+#include <cstdio>
+
+#include "core/ports.h"
+#include "core/ql.h"
+
+namespace {
+
+ssm_reason say(const char* text) {
+    ssm_reason said;
+    std::snprintf(said.text, sizeof said.text, "%s", text);
+    return said;
+}
+
+ssm_reason say(const char* text, const char* subject) {
+    ssm_reason said;
+    std::snprintf(said.text, sizeof said.text, "%s %s", text, subject);
+    return said;
+}
+
+// What keeps the switch from looking at its ports at all; empty when nothing does.
+ssm_reason no_selection() {
+    if (!g_s_master->global_enable) return say("SyncE is off");
+    if (g_s_master->device_type == SSM_MASTER_ONLY) return say("the switch is master-only");
+    if (g_s_master->force_e1) return say("the E1 input is forced");
+    return {};
+}
+
+// A forced port counts only while it could be used.
+const ssm_port* forced_in_effect() {
+    const ssm_port* forced = g_s_master->force_port;
+    return forced && forced->link_up && forced->synce_enable ? forced : nullptr;
+}
+
+// The switch's own clock is worse, but selection has not run since the port became the best: it runs with the
+// next frame or change.
+ssm_reason next_source() {
+    return say("is chosen by the next selection");
+}
+
+// Why the best candidate is not the source either.
+ssm_reason own_clock(const ssm_port* best) {
+    if (g_s_master->device_type == SSM_SLAVE_ONLY) return next_source();
+    if (!g_s_master->ssm_enable)
+        return best->priority < g_s_master->local_priority ? next_source() : say("own priority is not worse");
+    switch (ssm_own_clock_compare(best)) {
+        case ssm_own_clock::better_quality:
+            return say("own quality is better");
+        case ssm_own_clock::not_worse_priority:
+            return say("own priority is not worse");
+        case ssm_own_clock::worse:
+            break;
+    }
+    return next_source();
+}
+
+ssm_reason better_than(const ssm_port* best, const ssm_port* port) {
+    ssm_reason said;
+    std::snprintf(said.text, sizeof said.text, "%s has the better %s", ssm_port_name(best),
+                  ssm_key_text(ssm_reason_order(best, port).key));
+    return said;
+}
+
+}  // namespace
+
+// Without SSM the link, SyncE and the priority decide alone; no quality is asked for.
+ssm_refusal ssm_reason_refusal(const ssm_port* port) {
+    if (g_s_master->ssm_enable) return ssm_candidate_check(port);
+    if (!port->synce_enable) return ssm_refusal::synce_disabled;
+    return port->link_up ? ssm_refusal::none : ssm_refusal::link_down;
+}
+
+ssm_order ssm_reason_order(const ssm_port* a, const ssm_port* b) {
+    if (g_s_master->ssm_enable) return ssm_candidate_compare(a, b);
+    if (a->priority != b->priority) return {a->priority < b->priority ? -1 : 1, ssm_key::priority};
+    if (a->intf->ifindex == b->intf->ifindex) return {0, ssm_key::none};
+    return {a->intf->ifindex < b->intf->ifindex ? -1 : 1, ssm_key::ifindex};
+}
+
+const ssm_port* ssm_reason_best() {
+    const ssm_port* best = nullptr;
+    ssm_port_walk([&best](const ssm_port* port) {
+        if (ssm_reason_refusal(port) != ssm_refusal::none) return;
+        if (!best || ssm_reason_order(port, best).winner < 0) best = port;
+    });
+    return best;
+}
+
+ssm_reason ssm_reason_no_source(const ssm_port* best) {
+    const ssm_reason stopped = no_selection();
+    if (stopped.text[0]) return stopped;
+    if (const ssm_port* forced = forced_in_effect())
+        return say("DNU on the forced port", ssm_port_name(forced));
+    return best ? own_clock(best) : say("no candidate");
+}
+
+ssm_reason ssm_reason_not_source(const ssm_port* port, const ssm_port* best) {
+    if (port == g_s_master->selected_port) return {};
+    const ssm_reason stopped = no_selection();
+    if (stopped.text[0]) return stopped;
+    if (const ssm_port* forced = forced_in_effect())
+        return port == forced ? say("forced, but carries DNU")
+                              : say("switched by force to", ssm_port_name(forced));
+    const ssm_refusal refusal = ssm_reason_refusal(port);
+    if (refusal != ssm_refusal::none) return say(ssm_refusal_text(refusal));
+    if (!best) return {};
+    return port == best ? own_clock(best) : better_than(best, port);
+}

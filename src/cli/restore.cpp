@@ -1,0 +1,58 @@
+// Commands that read back two lines of the configuration whose settings are otherwise made over SNMP: the
+// force switch and the recovery select. They exist only where the SyncE commands do.
+#include "cli/commands.h"
+#include "cli/handler.h"
+#include "core/opts.h"
+#include "core/ports.h"
+
+namespace {
+
+int switch_force_handler(cli* session, int, char** argv) {
+    SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sclock synce switch-force %s", argv[0]);
+    interface* intf = if_lookup_by_name(session->ifm, argv[0]);
+    if (!intf) {
+        session->out_func(session->out_val, "%% Unknown interface %s\n", argv[0]);
+        return CLI_ERROR;
+    }
+    ssm_port* port = ssm_if_port(intf);
+    if (!port) {
+        session->out_func(session->out_val, "%% Interface %s is not a SyncE port\n", argv[0]);
+        return CLI_ERROR;
+    }
+    return ssm_cli_finish(session, ssm_opts_set_force_port(port));
+}
+
+int no_switch_force_handler(cli* session, int, char**) {
+    SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sno clock synce switch-force");
+    const std::int32_t rv = ssm_opts_clear_force();
+    if (rv != SSM_CLI_E_FORCE_CONFLICT) return ssm_cli_finish(session, rv);
+    session->out_func(session->out_val, "%% Both a port and the E1 input are forced, nothing was cleared\n");
+    return CLI_ERROR;
+}
+
+int recovery_select_handler(cli* session, int, char** argv) {
+    SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sclock recovery-select bits %s", argv[0]);
+    const ssm_recovery input = ssm_cli_keyword(argv[0], "bits1") ? SSM_RECOVER_BITS1 : SSM_RECOVER_BITS2;
+    return ssm_cli_finish(session, ssm_opts_set_recovery_select(input));
+}
+
+}  // namespace
+
+const cli_element ssm_switch_force_cmd = {"clock synce switch-force IFNAME", switch_force_handler};
+const cli_element no_ssm_switch_force_cmd = {"no clock synce switch-force", no_switch_force_handler};
+const cli_element ssm_recovery_select_cmd = {"clock recovery-select bits (bits1|bits2)",
+                                             recovery_select_handler};
+const cli_element no_ssm_recovery_select_cmd = {
+    "no clock recovery-select",
+    ssm_cli_global<"%s%sno clock recovery-select", ssm_opts_set_recovery_select, SSM_RECOVER_SYNCE>};
+
+int ssm_cli_restore_init(cli_tree* tree) {
+    // A port that the file names may be bound only later: its line waits for it.
+    int rv =
+        cli_install_gen(tree, CONFIG_MODE, SSM_CLI_PRIVILEGE, CLI_FLAG_AFTER_BIND, &ssm_switch_force_cmd);
+    for (const cli_element* command :
+         {&no_ssm_switch_force_cmd, &ssm_recovery_select_cmd, &no_ssm_recovery_select_cmd}) {
+        if (cli_install_gen(tree, CONFIG_MODE, SSM_CLI_PRIVILEGE, 0, command) < 0) rv = -1;
+    }
+    return rv;
+}

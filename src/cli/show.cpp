@@ -1,0 +1,128 @@
+// The show blocks of the clock, of one port and of the recovered clock. Each is composed whole and written
+// with one call, never as a format itself. They change nothing and always succeed.
+#include <algorithm>
+#include <cstdarg>
+
+#include "cli/commands.h"
+#include "cli/handler.h"
+#include "core/ports.h"
+#include "core/ql.h"
+#include "suite/base/text.h"
+
+namespace {
+
+// What does not fit is cut.
+struct show_block {
+    char text[2048];
+    std::size_t length;
+};
+
+__attribute__((format(printf, 2, 3))) void add(show_block* block, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    block->length += static_cast<std::size_t>(
+        zvsnprintf(block->text + block->length, sizeof block->text - block->length, format, args));
+    va_end(args);
+}
+
+// Global labels are as wide as the longest of them, the port's labels one column wider.
+void add_global(show_block* block, const char* label, const char* value) {
+    add(block, "%-35s: %s\n", label, value);
+}
+
+void add_global(show_block* block, const char* label, unsigned value) {
+    add(block, "%-35s: %u\n", label, value);
+}
+
+void add_port(show_block* block, const char* label, const char* value) {
+    add(block, "%-36s: %s\n", label, value);
+}
+
+void write_block(cli* session, const show_block* block) {
+    session->out_func(session->out_val, "%s", block->text);
+}
+
+const char* name_or_none(const ssm_port* port) {
+    const char* name = ssm_port_name(port);
+    return name ? name : "N/A";
+}
+
+void add_dpll(show_block* block) {
+    add_global(block, "Selected Clock Valid Status", ssm_dpll_valid_str());
+    add_global(block, "DPLL running state", ssm_dpll_state_str(g_s_master->dpll_state));
+}
+
+void show_clock(cli* session) {
+    const ssm_master* clock = g_s_master;
+    show_block block = {};
+    add(&block, "--------------------------  Global Synce Clock Configure  --------------------------\n");
+    add_global(&block, "Device ClockID", ssm_clock_id_str(clock->clock_id));
+    add_global(&block, "Enable global synce", ssm_enable_str(clock->global_enable));
+    add_global(&block, "Enable global ssm", ssm_enable_str(clock->ssm_enable));
+    add_global(&block, "SSM option mode", clock->ql_option);
+    add_global(&block, "Device quality", ssm_ql_to_str(clock->local_quality, SSM_QL_STYLE_SHORT));
+    add_global(&block, "Current quality", ssm_ql_to_str(clock->current_quality, SSM_QL_STYLE_LONG));
+    add_global(&block, "Device priority", clock->local_priority);
+    add_global(&block, "Current selected interface", ssm_selected_source_str());
+    add_global(&block, "Switch force interface", name_or_none(clock->force_port));
+    add_global(&block, "Enable ssm extension", ssm_enable_str(clock->ssm_extend));
+    add_global(&block, "Clock running state", ssm_clock_state_str());
+    add_global(&block, "Device type", ssm_device_type_str(clock->device_type));
+    add(&block, "--------------  DPLL status  -------------\n");
+    add_dpll(&block);
+    write_block(session, &block);
+}
+
+void show_port(cli* session, const ssm_port* port) {
+    show_block block = {};
+    add(&block, "------------------------------------------------------------------------\n");
+    add_port(&block, "Interface", name_or_none(port));
+    add(&block, "---------------------------  Port Configure  ---------------------------\n");
+    add_port(&block, "Synce enable", ssm_enable_str(port->synce_enable));
+    add_port(&block, "ESMC RX/TX", ssm_esmc_mode_str(port->esmc_mode));
+    add_port(&block, "Port up", ssm_enable_str(port->link_up));
+    add_port(&block, "Receive quality", ssm_ql_to_str(port->recv_quality, SSM_QL_STYLE_LONG));
+    add_port(&block, "Send quality", ssm_ql_to_str(port->send_quality, SSM_QL_STYLE_SHORT));
+    add_port(&block, "Quality RX configured", ssm_ql_to_str(port->force_rx_quality, SSM_QL_STYLE_SHORT));
+    add_port(&block, "Quality TX configured", ssm_ql_to_str(port->force_tx_quality, SSM_QL_STYLE_SHORT));
+    add(&block, "%-36s: %d\n", "Port priority", port->priority);
+    add_port(&block, "DNU group", ssm_num_or_na_str(port->dnu_group));
+    add_port(&block, "Replace clockid", ssm_enable_str(port->replace_clockid));
+    add_port(&block, "Send timer running", ssm_enable_str(port->send_timer != nullptr));
+    add_port(&block, "Timeout timer running", ssm_enable_str(port->timeout_timer != nullptr));
+    write_block(session, &block);
+}
+
+int show_clock_handler(cli* session, int argc, char** argv) {
+    if (argc == 0) {
+        show_clock(session);
+        return CLI_SUCCESS;
+    }
+    const ssm_port* port = ssm_if_port(if_lookup_by_name(session->ifm, argv[0]));
+    if (port) show_port(session, port);
+    return CLI_SUCCESS;
+}
+
+int show_recovery_select_handler(cli* session, int, char**) {
+    constexpr const char* lines[] = {"clock recovery from syncE\n", "clock recovery from bits1\n",
+                                     "clock recovery from bits2\n"};
+    const std::uint32_t select = g_s_master->recovery_select;
+    if (select < std::size(lines)) session->out_func(session->out_val, "%s", lines[select]);
+    return CLI_SUCCESS;
+}
+
+int show_bits_handler(cli* session, int, char**) {
+    show_block block = {};
+    add(&block, "--------------------------  select clock bits status --------------------------\n");
+    add_global(&block, "Current selected interface", ssm_selected_source_str());
+    add_dpll(&block);
+    write_block(session, &block);
+    return CLI_SUCCESS;
+}
+
+}  // namespace
+
+const cli_element ssm_show_global_cmd = {"show clock synce (IFPHYSICAL |)", show_clock_handler};
+const cli_element ssm_show_clock_recovery_select_cmd = {"show clock recovery-select",
+                                                        show_recovery_select_handler};
+const cli_element ssm_show_clock_bits_cmd = {"show clock bits", show_bits_handler};

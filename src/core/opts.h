@@ -1,0 +1,50 @@
+// Configuration operations. Each validates, writes its field, and then drives the consequences in a fixed
+// order: port timers, re-evaluation, requests to NSM, and the priority step of a switch without SSM. 0 on
+// success, also when the value is already set (then nothing else happens). The results of the follow-up steps
+// are not looked at.
+#pragma once
+
+#include "core/records.h"
+
+// The switch. Values are those of ssm_records.h; they are not range-checked here.
+std::int32_t ssm_opts_set_global_enable(std::uint32_t on);
+std::int32_t ssm_opts_set_recovery_select(std::uint32_t select);
+std::int32_t ssm_opts_set_ssm_enable(std::uint32_t on);
+std::int32_t ssm_opts_set_ssm_extend(std::uint32_t on);
+std::int32_t ssm_opts_set_local_quality(std::uint32_t quality,
+                                        std::uint8_t option);      // or SSM_CLI_E_OPTION_COLLISION
+std::int32_t ssm_opts_set_local_priority(std::uint32_t priority);  // modulo 256; 255: not configured
+std::int32_t ssm_opts_set_device_type(std::uint32_t type);
+std::int32_t ssm_opts_set_e1_quality(const char* token);  // or SSM_CLI_E_QL_OPTION1, SSM_CLI_E_QL_OPTION2
+
+// One port. SSM_CLI_E_INVALID_IF for an interface that is not usable or has no port record.
+std::int32_t ssm_opts_set_port_synce(interface* intf, std::uint32_t on);
+std::int32_t ssm_opts_set_port_esmc(interface* intf,
+                                    std::uint32_t mode);  // adds directions; or SSM_CLI_E_INVALID_INPUT
+std::int32_t ssm_opts_unset_port_esmc(interface* intf, std::uint32_t mode);  // removes directions
+std::int32_t ssm_opts_set_port_priority(interface* intf, std::uint32_t priority);
+std::int32_t ssm_opts_set_port_dnu_group(interface* intf, std::uint32_t group);
+std::int32_t ssm_opts_set_port_replace_clockid(interface* intf, std::uint32_t on);
+// direction 1: receive, else transmit. "na" removes.
+std::int32_t ssm_opts_set_port_quality(interface* intf, std::uint32_t direction, const char* token);
+std::int32_t ssm_opts_set_gephy_role(interface* intf, std::uint32_t enable, std::uint32_t role);
+
+// Link state of a port (given the record, not the interface).
+std::int32_t ssm_opts_link_up_switch(ssm_port* port);
+std::int32_t ssm_opts_link_down_switch(ssm_port* port);
+std::int32_t ssm_opts_intf_fini_port(ssm_port* port);
+// Before a record is freed: takes the port down and drops every reference to it and its share of the counts.
+void ssm_opts_release_port(ssm_port* port);
+
+// Force switch and holdover.
+std::int32_t ssm_opts_set_force_port(ssm_port* port);
+std::int32_t ssm_opts_unforce_port();
+std::int32_t ssm_opts_force_e1(std::uint32_t on);
+std::int32_t ssm_opts_clear_force();  // or SSM_CLI_E_FORCE_CONFLICT
+std::int32_t ssm_opts_force_switch_if();
+std::int32_t ssm_opts_switch_port(std::uint32_t ifindex);  // SSM_E_GENERAL when already selected
+std::int32_t ssm_opts_set_holdover(std::uint32_t on);  // SSM_E_GENERAL when unchanged or while free-running
+void ssm_opts_no_source();
+void ssm_opts_check_all_lost();
+void ssm_opts_master_only_apply();
+void ssm_opts_reselect();

@@ -1,0 +1,216 @@
+// Every PDU that leaves the daemon goes through ssm_pdu_tx, every one that is accepted through
+// ssm_handle_packet. Nothing else keeps PDU contents: the transmit buffer is built from scratch for each PDU
+// on each port.
+#include "core/pdu.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "core/debug.h"
+#include "core/loop.h"
+#include "core/ports.h"
+#include "core/socket.h"
+#include "core/timers.h"
+
+std::uint8_t ssm_pdu_buf[esmc::SIZE];
+
+// ---- Format -------------------------------------------------------------------------------------------
+
+namespace {
+
+constexpr std::uint8_t ITU_OUI[3] = {0x00, 0x19, 0xA7};
+constexpr std::uint16_t ITU_SUBTYPE_ESMC = 1;
+
+// A clock identity made from a MAC address has 0xFF there, and a port that never received one has zero.
+constexpr std::size_t CLOCK_ID_MARK = 3;
+
+// Whose identity goes out: the source's own, or ours where there is none to pass on or we are to replace it.
+const std::uint8_t* clock_id_to_send(const ssm_port* source) {
+    if (!source) {
+        SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG, "%s%snot select any port, send device's clockid");
+        return g_s_master->clock_id;
+    }
+    if (source->replace_clockid) {
+        SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG,
+                  "%s%sssm_pdu_format_ssmdu: Sending replaced clockid on port %s", source->intf->name);
+        return g_s_master->clock_id;
+    }
+    SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG,
+              "%s%sssm_pdu_format_ssmdu: send selected received clockid of port %s", source->intf->name);
+    return source->recv_clockid[CLOCK_ID_MARK] ? source->recv_clockid : g_s_master->clock_id;
+}
+
+}  // namespace
+
+std::int32_t ssm_pdu_format_ssmdu(std::uint8_t* buffer, std::uint32_t information) {
+    if (!buffer) return -1;
+    const std::span<std::uint8_t, esmc::SIZE> pdu(buffer, esmc::SIZE);
+    std::ranges::fill(pdu, std::uint8_t{0});
+
+    pdu[esmc::SUBTYPE] = esmc::SUBTYPE_OSSP;
+    std::ranges::copy(ITU_OUI, pdu.begin() + esmc::OUI);
+    put_be16(pdu, esmc::ITU_SUBTYPE, ITU_SUBTYPE_ESMC);
+    pdu[esmc::VERSION] = information ? esmc::VERSION_1 : esmc::VERSION_1 | esmc::EVENT_FLAG;
+    pdu[esmc::QL_TLV_TYPE] = esmc::TYPE_QL;
+    put_be16(pdu, esmc::QL_TLV_LENGTH, esmc::LENGTH_QL);
+    pdu[esmc::QUALITY] = static_cast<std::uint8_t>(g_s_master->current_quality);
+    if (!g_s_master->ssm_extend) return 0;
+
+    const ssm_port* source = g_s_master->selected_port;
+    pdu[esmc::EXT_TLV_TYPE] = esmc::TYPE_EXT;
+    put_be16(pdu, esmc::EXT_TLV_LENGTH, esmc::LENGTH_EXT);
+    std::memcpy(&pdu[esmc::CLOCK_ID], clock_id_to_send(source), SSM_CLOCK_ID_SIZE);
+    pdu[esmc::HOP] = source ? static_cast<std::uint8_t>(source->recv_hop_count + 1) : std::uint8_t{0};
+    return 0;
+}
+
+void ssm_pdu_dump(const std::uint8_t* p) {
+    const std::uint8_t* id = p + esmc::CLOCK_ID;
+    // The labels count octets from 1.
+    SSM_LOG(LOG_LEVEL_DEBUG, "%s%sPDU-01: %.02x                  - SSM_OSSP_SUBTYPE", p[esmc::SUBTYPE]);
+    SSM_LOG(LOG_LEVEL_DEBUG, "%s%sPDU-02: %.02x-%.02x-%.02x           - SSM_OUI_VALUE", p[esmc::OUI],
+            p[esmc::OUI + 1], p[esmc::OUI + 2]);
+    SSM_LOG(LOG_LEVEL_DEBUG, "%s%sPDU-06: %.02x                  - SSM_ITU_SUBTYPE",
+            p[esmc::ITU_SUBTYPE + 1]);
+    SSM_LOG(LOG_LEVEL_DEBUG, "%s%sPDU-07: %.02x                  - SSM_OSSP_VERTION", p[esmc::VERSION]);
+    SSM_LOG(LOG_LEVEL_DEBUG, "%s%sPDU-11: %.02x                  - SSM_TLV_TYPE", p[esmc::QL_TLV_TYPE]);
+    SSM_LOG(LOG_LEVEL_DEBUG, "%s%sPDU-13: %.02x                  - SSM_TLV_LEN", p[esmc::QL_TLV_LENGTH + 1]);
+    SSM_LOG(LOG_LEVEL_DEBUG, "%s%sPDU-14: %.02x                  - Quality", p[esmc::QUALITY]);
+    SSM_LOG(LOG_LEVEL_DEBUG, "%s%sPDU-18: %.02x-%.02x-%.02x-%.02x-%.02x-%.02x-%.02x-%.02x - Clock ID", id[0],
+            id[1], id[2], id[3], id[4], id[5], id[6], id[7]);
+    SSM_LOG(LOG_LEVEL_DEBUG, "%s%sPDU-26: %.02x                  - Hop", p[esmc::HOP]);
+}
+
+// ---- What a port advertises ---------------------------------------------------------------------------
+
+namespace {
+
+// The quality of the source that the operator forced, if any. False: a source is forced that has no quality,
+// so that there is nothing true to advertise.
+bool apply_force_switch(const ssm_port* port, std::uint8_t* quality) {
+    const ssm_port* forced = g_s_master->force_port;
+    if (forced && forced->link_up && forced->synce_enable) {
+        if (forced->force_rx_quality != QL_NONE) {
+            *quality = static_cast<std::uint8_t>(forced->force_rx_quality);
+            SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG,
+                      "%s%sssm_pdu_tx: Sending forcible rx QL %d on port %s under force-switch mode",
+                      *quality, port->intf->name);
+        } else if (forced->recv_quality != QL_NONE) {
+            *quality = static_cast<std::uint8_t>(forced->recv_quality);
+            SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG,
+                      "%s%sssm_pdu_tx: Sending recved QL %d on port %s under force-switch mode", *quality,
+                      port->intf->name);
+        } else {
+            SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG, "%s%sssm_pdu_tx: force-switch port has no QL value");
+            return false;
+        }
+    }
+    if (g_s_master->force_e1) {
+        if (g_s_master->e1_quality == QL_NONE) {
+            SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG,
+                      "%s%sssm_pdu_tx: force-switch e1 port has no QL value");
+            return false;
+        }
+        *quality = static_cast<std::uint8_t>(g_s_master->e1_quality);
+        SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG,
+                  "%s%sssm_pdu_tx: Sending forcible e1 rx QL %d under force-switch e1 mode", *quality);
+    }
+    return true;
+}
+
+// The port's own overrides, weakest first: a forced quality never holds where a timing loop would close.
+void apply_port_overrides(const ssm_port* port, std::uint8_t* quality) {
+    if (port->force_tx_quality != QL_NONE) {
+        *quality = static_cast<std::uint8_t>(port->force_tx_quality);
+        SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG, "%s%sssm_pdu_tx: Sending forcible tx QL %d to on port %s",
+                  *quality, port->intf->name);
+    }
+    if (port == g_s_master->selected_port) {
+        *quality = QL_DNU;
+        SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG, "%s%sssm_pdu_tx: Sending dnu to selected port %s",
+                  port->intf->name);
+    }
+    if (port->dnu_group && ssm_dnu_group_has_selected(port->dnu_group)) {
+        *quality = QL_DNU;
+        SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG,
+                  "%s%sssm_pdu_tx: Sending dnu to port  %s because of dnu group", port->intf->name);
+    }
+}
+
+}  // namespace
+
+std::int32_t ssm_dnu_group_has_selected(std::uint8_t group) {
+    const ssm_port* selected = g_s_master->selected_port;
+    return selected && selected->dnu_group == group ? 1 : 0;
+}
+
+std::int32_t ssm_pdu_tx(ssm_port* port, std::uint32_t information) {
+    if (ssm_pdu_format_ssmdu(ssm_pdu_buf, information) < 0) return -1;
+    std::uint8_t& quality = ssm_pdu_buf[esmc::QUALITY];
+    if (!apply_force_switch(port, &quality)) {
+        port->send_quality = QL_NONE;
+        return 0;
+    }
+    apply_port_overrides(port, &quality);
+
+    port->send_quality = quality;
+    SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG, "%s%sssm_pdu_tx: Sending ssm pdu on port %s",
+              port->intf->name);
+    if (ssm_debugging(SSM_DEBUG_PACKET)) ssm_pdu_dump(ssm_pdu_buf);
+
+    slow_address to = {};
+    std::memcpy(to.destination, ssm_grp_addr, sizeof to.destination);
+    to.ifindex = port->intf->ifindex;
+    return send_ssm(to, ssm_pdu_buf, sizeof ssm_pdu_buf);
+}
+
+std::int32_t ssm_pdu_tx_all() {
+    ssm_port_walk([](ssm_port* port) {
+        if (port->send_timer)
+            (void)ssm_pdu_tx(port, 0);  // one port's error is counted at the socket and stops no other
+    });
+    return 0;
+}
+
+// ---- Reception ----------------------------------------------------------------------------------------
+
+namespace {
+
+// Says whether anything is new.
+bool store_received(ssm_port* port, const std::uint8_t* pdu) {
+    static constexpr std::uint8_t NO_CLOCK_ID[SSM_CLOCK_ID_SIZE] = {};
+    const bool extended = pdu[esmc::EXT_TLV_TYPE] == esmc::TYPE_EXT;
+    const std::uint8_t* clock_id = extended ? pdu + esmc::CLOCK_ID : NO_CLOCK_ID;
+    const std::uint8_t hops = extended ? pdu[esmc::HOP] : std::uint8_t{0};
+    const std::uint8_t quality = pdu[esmc::QUALITY];
+    if (port->recv_quality == quality && port->recv_hop_count == hops &&
+        std::memcmp(port->recv_clockid, clock_id, SSM_CLOCK_ID_SIZE) == 0)
+        return false;
+    port->recv_quality = quality;
+    port->recv_hop_count = hops;
+    std::memcpy(port->recv_clockid, clock_id, SSM_CLOCK_ID_SIZE);
+    return true;
+}
+
+}  // namespace
+
+std::int32_t ssm_handle_packet(ssm_port* port, const std::uint8_t* pdu, std::size_t /*length*/) {
+    const int ifindex = static_cast<int>(port->intf->ifindex);
+    SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG, "%s%sssm_handle_packet: received ssm pdu on port %d\n",
+              ifindex);
+    if (ssm_debugging(SSM_DEBUG_PACKET)) ssm_pdu_dump(pdu);
+
+    const bool repeated = !store_received(port, pdu);
+
+    if (pdu[esmc::VERSION] & esmc::EVENT_FLAG) {
+        ssm_select_after_pdu(repeated);
+        const bool transmits = port->esmc_mode == SSM_ESMC_TX || port->esmc_mode == SSM_ESMC_ALL;
+        if (transmits) ssm_send_timer_restart(port);
+        return 0;
+    }
+    // Only information PDUs keep a source alive.
+    SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG, "%s%sssm_handle_packet: port %d run state machine", ifindex);
+    ssm_timeout_timer_restart(port);
+    ssm_select_after_pdu(repeated);
+    return 0;
+}

@@ -1,0 +1,23 @@
+// Timing roles of copper ports: which end of the line gives the clock. Set through ethtool's master-slave
+// setting, where the port's driver has it.
+#pragma once
+
+#include "nsmd/netlink/socket.h"
+#include "nsmd/server/requests.h"
+#include "suite/base/text.h"
+
+struct copper;
+
+// Never fails for want of the kernel's interface: then every role is logged as not settable. Null only when
+// memory is exhausted.
+copper* copper_create(const port_table* table, const netlink_edge& edge);
+void copper_free(copper* c);  // roles stay as they are; null is ignored
+
+// Gives the port the role, or what it had before its first. A role that it has already is not set again: the
+// line would be negotiated anew and go down for seconds.
+void copper_set(copper* c, const copper_role& role);
+
+// The port left: what returns in its place begins without a role.
+void copper_forget(copper* c, std::uint32_t ifindex);
+
+bool copper_status(const copper* c, text_buffer* out);

@@ -1,0 +1,366 @@
+// The kernel's clock interface as a backend. Owns its socket, what is known of devices and pins, and two
+// timers. Called by nsmd's core on the loop.
+//
+// What is wanted becomes a goal: follow this pin, or none of ours. Only the pins of the ports served and of
+// the named external inputs are ever touched.
+//
+// Where a driver refuses, that is said in one line and the rest goes on; a driver that is busy is asked again
+// for a while. Notifications come in the first network namespace only, so the device's state is also asked
+// for once a second.
+#include "nsmd/clock/kernel.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cinttypes>
+#include <cstring>
+
+#include "nsmd/clock/steer.h"
+#include "nsmd/module.h"
+#include "suite/base/memory.h"
+#include "suite/log/log.h"
+#include "suite/loop/thread.h"
+
+namespace {
+
+constexpr std::uint32_t POLL_MS = 1000, AGAIN_MS = 100, BUSY_MS = 1000;
+constexpr unsigned BUSY_TRIES = 30;
+constexpr std::size_t MANAGED_MAX = PORT_INDEX_MAX + 2;
+
+struct dpll_kernel {
+    lib_globals* ctx;
+    const port_table* table;
+    dpll_kernel_options options;
+    dpll_sink sink;
+    genl link;
+    dpll_view view;
+    bool has_device;
+    std::uint32_t device;
+    dpll_wanted wanted;
+    bool was_asked;  // `wanted` holds
+    dpll_report now;
+    thread* read;
+    thread* poll_timer;
+    thread* again_timer;  // the hardware changed, or was busy: state what is wanted again
+    bool stale;           // what is known may be old: read all
+    unsigned busy_tries;
+    dpll_steering steering;
+};
+
+void again_in(dpll_kernel* k, std::uint32_t ms);
+
+// --- reading ---
+
+void message_came(void* arg, const genl_message& m) {
+    auto* k = static_cast<dpll_kernel*>(arg);
+    dpll_device device;
+    dpll_pin pin;
+    bool stored = true;
+    switch (m.command) {
+        case DPLL_CMD_DEVICE_GET:
+        case DPLL_CMD_DEVICE_CREATE_NTF:
+        case DPLL_CMD_DEVICE_CHANGE_NTF:
+            if (dpll_device_parse(m.attributes, &device)) stored = dpll_view_take_device(&k->view, device);
+            break;
+        case DPLL_CMD_DEVICE_DELETE_NTF:
+            if (dpll_device_parse(m.attributes, &device)) dpll_view_drop_device(&k->view, device.id);
+            break;
+        case DPLL_CMD_PIN_GET:
+        case DPLL_CMD_PIN_CREATE_NTF:
+        case DPLL_CMD_PIN_CHANGE_NTF:
+            if (dpll_pin_parse(m.attributes, &pin)) stored = dpll_view_take_pin(&k->view, pin);
+            break;
+        case DPLL_CMD_PIN_DELETE_NTF:
+            if (dpll_pin_parse(m.attributes, &pin)) dpll_view_drop_pin(&k->view, pin.id);
+            break;
+        default:
+            break;
+    }
+    if (!stored) log_sys(NSMD_MODULE, LOG_LEVEL_ERROR, "clock: no memory for a device or pin");
+    const bool comes_or_goes = m.command == DPLL_CMD_DEVICE_CREATE_NTF ||
+                               m.command == DPLL_CMD_DEVICE_DELETE_NTF ||
+                               m.command == DPLL_CMD_PIN_CREATE_NTF || m.command == DPLL_CMD_PIN_DELETE_NTF;
+    if (m.notification && comes_or_goes) again_in(k, AGAIN_MS);
+}
+
+void messages_lost(void* arg) {
+    auto* k = static_cast<dpll_kernel*>(arg);
+    k->stale = true;
+    again_in(k, 0);
+}
+
+int read_dump(dpll_kernel* k, dpll_command command) {
+    int result = -EAGAIN;
+    for (int i = 0; i < 3 && result == -EAGAIN; ++i) {
+        nl_builder request;
+        genl_begin(&k->link, &request, command, DPLL_VERSION, true);
+        result = genl_transact(&k->link, request);
+    }
+    return result;
+}
+
+int read_all(dpll_kernel* k) {
+    dpll_view_clear(&k->view);
+    int result = read_dump(k, DPLL_CMD_DEVICE_GET);
+    if (result == 0) result = read_dump(k, DPLL_CMD_PIN_GET);
+    k->stale = result < 0;  // the next poll tries again
+    return result;
+}
+
+// --- which pins ---
+
+std::size_t managed_pins(const dpll_kernel* k, std::uint32_t (&out)[MANAGED_MAX]) {
+    std::size_t count = 0;
+    for (const nsmd_port* p = port_table_first(k->table); p; p = p->next)
+        if (p->ifindex && p->has_dpll_pin && count < PORT_INDEX_MAX) out[count++] = p->dpll_pin;
+    for (const char* name : k->options.bits)
+        if (const dpll_pin* pin = name ? dpll_view_named_pin(&k->view, name) : nullptr)
+            out[count++] = pin->id;
+    return count;
+}
+
+std::uint32_t source_of(const dpll_kernel* k, const dpll_pin* pin) {
+    if (!pin) return 0;
+    for (const nsmd_port* p = port_table_first(k->table); p; p = p->next)
+        if (p->ifindex && p->has_dpll_pin && p->dpll_pin == pin->id) return p->ifindex;
+    for (const char* name : k->options.bits)
+        if (name && dpll_view_named_pin(&k->view, name) == pin) return DPLL_SOURCE_BITS;
+    return 0;
+}
+
+void choose_device(dpll_kernel* k) {
+    std::uint32_t pins[MANAGED_MAX];
+    const std::size_t count = managed_pins(k, pins);
+    const dpll_device* d = dpll_view_choose(&k->view, k->options.device, pins, count);
+    const bool had = k->has_device;
+    const std::uint32_t before = k->device;
+    k->has_device = d != nullptr;
+    if (d) k->device = d->id;
+    if (d && (!had || before != d->id))
+        log_sys(NSMD_MODULE, LOG_LEVEL_INFO, "clock: kernel device %u of %s, clock %016" PRIx64 ", %s", d->id,
+                d->module, d->clock_id, d->mode == DPLL_MODE_AUTOMATIC ? "automatic" : "manual");
+    if (!d && had) log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "clock: kernel device %u is gone", before);
+}
+
+// --- reporting ---
+
+std::uint32_t state_of(const dpll_device& d) {
+    switch (d.status) {
+        case DPLL_STATUS_UNLOCKED:
+            return DPLL_FREERUN;
+        case DPLL_STATUS_LOCKED:
+        case DPLL_STATUS_LOCKED_HO_ACQ:
+            return DPLL_LOCKED;
+        case DPLL_STATUS_HOLDOVER:
+            return DPLL_HOLDOVER;
+        default:
+            return DPLL_TRANSIENT;
+    }
+}
+
+dpll_report observe(const dpll_kernel* k) {
+    const dpll_device* d = k->has_device ? dpll_view_device(&k->view, k->device) : nullptr;
+    if (!d) return {DPLL_FREERUN, 0};
+    const std::uint32_t state = state_of(*d);
+    if (state != DPLL_LOCKED) return {state, 0};
+    const dpll_pin* child = nullptr;
+    const dpll_pin* input = dpll_view_active_input(&k->view, d->id, &child);
+    return {state, source_of(k, child ? child : input)};
+}
+
+void report(dpll_kernel* k) {
+    const dpll_report seen = observe(k);
+    if (seen.state == k->now.state && seen.source == k->now.source) return;
+    k->now = seen;
+    k->sink.report(k->sink.arg, seen);
+}
+
+// --- steering ---
+
+// The pin to follow. False: none, with the reason said where that is not what was asked for.
+bool find_target(const dpll_kernel* k, std::uint32_t* pin) {
+    const dpll_wanted& w = k->wanted;
+    if (!w.enable || w.holdover) return false;
+    if (w.recovery_select) {
+        const char* name = k->options.bits[w.recovery_select - 1];
+        const dpll_pin* input = name ? dpll_view_named_pin(&k->view, name) : nullptr;
+        if (input)
+            *pin = input->id;
+        else
+            log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "clock: no pin for external input %u, nothing to follow",
+                    w.recovery_select);
+        return input != nullptr;
+    }
+    const nsmd_port* port = port_table_find(k->table, w.selected);
+    if (port && port->has_dpll_pin) {
+        *pin = port->dpll_pin;
+        return true;
+    }
+    log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "clock: port %u (%s) has no clock pin, nothing to follow",
+            w.selected, port ? port->name : "unknown");
+    return false;
+}
+
+bool asks_for_something(const dpll_wanted& w) {
+    return !w.enable || w.holdover || w.recovery_select || w.selected;
+}
+
+void steer(dpll_kernel* k) {
+    if (!k->was_asked || !k->has_device || !asks_for_something(k->wanted)) return;
+    std::uint32_t pins[MANAGED_MAX];
+    dpll_goal goal{};
+    goal.device = k->device;
+    goal.has_target = find_target(k, &goal.target);
+    goal.managed = pins;
+    goal.managed_count = managed_pins(k, pins);
+    goal.prio_best = k->options.prio_best;
+    goal.prio_other = k->options.prio_other;
+    const dpll_steer_end end = dpll_steer_to(&k->steering, goal);
+    if (end == dpll_steer_end::busy && k->busy_tries++ < BUSY_TRIES) return again_in(k, BUSY_MS);
+    if (end == dpll_steer_end::busy)
+        log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "clock: the driver stays busy, given up");
+    if (end == dpll_steer_end::reached || !goal.has_target) return;
+    // What is followed now is not what the daemon believes and tells its neighbours. Holdover is.
+    log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "clock: the source can't be followed, holdover instead");
+    goal.has_target = false;
+    (void)dpll_steer_to(&k->steering, goal);
+}
+
+// --- events ---
+
+int again_due(thread* event) {
+    auto* k = static_cast<dpll_kernel*>(event->arg);
+    k->again_timer = nullptr;
+    if (k->stale) (void)read_all(k);
+    choose_device(k);
+    steer(k);
+    report(k);
+    return 0;
+}
+
+void again_in(dpll_kernel* k, std::uint32_t ms) {
+    if (k->again_timer && ms) return;
+    thread_cancel(k->again_timer);
+    k->again_timer = thread_add_timer_msec(k->ctx, again_due, k, ms);
+}
+
+int readable(thread* event) {
+    auto* k = static_cast<dpll_kernel*>(event->arg);
+    k->read = nullptr;
+    genl_read(&k->link);
+    report(k);
+    k->read = thread_add_read(k->ctx, readable, k, k->link.fd);
+    return 0;
+}
+
+int poll_due(thread* event) {
+    auto* k = static_cast<dpll_kernel*>(event->arg);
+    k->poll_timer = nullptr;
+    if (k->has_device) {
+        const std::uint32_t before = k->now.state;
+        if (dpll_read_device(&k->link, k->device) == -ENODEV) dpll_view_drop_device(&k->view, k->device);
+        // Nothing told us, so nothing told us of the pins either.
+        if (observe(k).state != before) k->stale = true;
+        report(k);
+    }
+    if (k->stale) again_in(k, 0);
+    k->poll_timer = thread_add_timer_msec(k->ctx, poll_due, k, POLL_MS);
+    return 0;
+}
+
+void apply(void* self, const dpll_wanted& wanted) {
+    auto* k = static_cast<dpll_kernel*>(self);
+    k->wanted = wanted;
+    k->was_asked = true;
+    k->busy_tries = 0;
+    steer(k);
+    report(k);
+}
+
+void port(void* self, const nsmd_port&, port_event event) {
+    auto* k = static_cast<dpll_kernel*>(self);
+    // The hardware sees its links itself; what matters here is which pin stands for which port.
+    if (event == port_event::up || event == port_event::down) return;
+    k->stale = true;
+    again_in(k, AGAIN_MS);
+}
+
+dpll_report current(const void* self) {
+    return static_cast<const dpll_kernel*>(self)->now;
+}
+
+bool status(const void* self, text_buffer* out) {
+    const auto* k = static_cast<const dpll_kernel*>(self);
+    const dpll_device* d = k->has_device ? dpll_view_device(&k->view, k->device) : nullptr;
+    if (!d) return text_printf(out, "clock: kernel interface, no device\n");
+    bool ok =
+        text_printf(out,
+                    "clock: kernel device %u (%s %016" PRIx64 "), %s, status %u, error %u; %" PRIu64
+                    " settings, %" PRIu64 " refused\n",
+                    d->id, d->module, d->clock_id, d->mode == DPLL_MODE_AUTOMATIC ? "automatic" : "manual",
+                    d->status, d->error, k->steering.settings, k->steering.refusals);
+    static const char* const states[] = {"", ", connected", ", disconnected", ", selectable"};
+    for (const dpll_pin_node* n = k->view.pins; ok && n; n = n->next) {
+        if (!dpll_view_leads_to(&k->view, n->pin, k->device)) continue;
+        char words[80];
+        ok = text_printf(out, "%s:", dpll_pin_words(&k->view, k->table, n->pin.id, words));
+        for (std::size_t i = 0; ok && i < n->pin.parent_count; ++i) {
+            const dpll_parent& p = n->pin.parents[i];
+            ok = text_printf(out, " on %s %u%s%s", p.is_pin ? "pin" : "device", p.id,
+                             p.state < std::size(states) ? states[p.state] : "",
+                             p.operstate == PIN_OPER_ACTIVE ? ", active" : "");
+            if (ok && p.has_prio) ok = text_printf(out, ", priority %u", p.prio);
+        }
+        ok = ok && text_printf(out, "\n");
+    }
+    return ok;
+}
+
+void finish(void* self) {
+    auto* k = static_cast<dpll_kernel*>(self);
+    thread_cancel(k->poll_timer);
+    thread_cancel(k->again_timer);
+    if (k->link.fd >= 0) thread_forget_fd(k->ctx, k->link.fd);
+    genl_close(&k->link);
+    dpll_view_clear(&k->view);
+    memmgr_free(k, MTYPE_NSMD);
+}
+
+int start(dpll_kernel* k, const netlink_edge& edge, bool need_device) {
+    int result = genl_open(&k->link, edge, DPLL_FAMILY, DPLL_GROUP, {message_came, messages_lost, k});
+    if (result == 0) result = read_all(k);
+    if (result < 0) return result;
+    choose_device(k);
+    if (!k->has_device && need_device) return -ENODEV;
+    if (!k->has_device)
+        log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "clock: no kernel device yet, waiting for one");
+    k->now = observe(k);
+    k->read = thread_add_read(k->ctx, readable, k, k->link.fd);
+    k->poll_timer = thread_add_timer_msec(k->ctx, poll_due, k, POLL_MS);
+    return k->read && k->poll_timer ? 0 : -ENOMEM;
+}
+
+}  // namespace
+
+dpll_backend dpll_kernel_create(lib_globals* ctx, const port_table* table, const netlink_edge& edge,
+                                const dpll_kernel_options& options, bool need_device, const dpll_sink& sink,
+                                int* error) {
+    dpll_backend backend = {"kernel", apply, port, current, status, finish, nullptr};
+    auto* k = static_cast<dpll_kernel*>(memmgr_calloc(sizeof(dpll_kernel), MTYPE_NSMD));
+    *error = -ENOMEM;
+    if (!k) return backend;
+    k->ctx = ctx;
+    k->table = table;
+    k->options = options;
+    k->sink = sink;
+    k->link.fd = -1;
+    k->now = {DPLL_FREERUN, 0};
+    k->steering.link = &k->link;
+    k->steering.view = &k->view;
+    k->steering.table = table;
+    *error = start(k, edge, need_device);
+    if (*error < 0)
+        finish(k);
+    else
+        backend.self = k;
+    return backend;
+}

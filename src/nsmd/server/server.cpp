@@ -1,0 +1,275 @@
+// The NSM server: sessions and their messages. Owns the list of clients; the listening socket is in
+// nsm_listen.cpp. Everything a client sends is untrusted: what is malformed is dropped, and said at most once
+// a minute for each kind of fault, so that a broken client can't fill the log.
+#include "nsmd/server/server.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "nsmd/module.h"
+#include "nsmd/server/listen.h"
+#include "suite/base/memory.h"
+#include "suite/log/log.h"
+#include "suite/loop/thread.h"
+
+namespace {
+
+constexpr std::uint32_t PEERS_MAX = 16;
+constexpr nanoseconds FAULT_INTERVAL = 60 * NS_PER_S;
+
+enum class fault {
+    too_long,
+    bad_header,
+    bad_length,
+    unknown_type,
+    short_body,
+    no_hello,
+    second_hello,
+    count
+};
+
+constexpr const char* FAULT_TEXTS[] = {
+    "message too long",
+    "message shorter than a header",
+    "length field differs from the packet",
+    "unknown message type",
+    "body too short",
+    "message before HELLO",
+    "HELLO a second time",
+};
+static_assert(std::size(FAULT_TEXTS) == static_cast<std::size_t>(fault::count));
+
+}  // namespace
+
+struct nsm_server {
+    lib_globals* ctx;
+    nsm_server_sink sink;
+    nsm_listener* listener;
+    nsm_peer* peers;
+    std::uint32_t greeted;
+    std::uint64_t accepted, dropped;
+    nanoseconds fault_said[static_cast<std::size_t>(fault::count)];  // 0: never
+};
+
+namespace {
+
+void complain(nsm_server* s, const nsm_peer* peer, fault kind, unsigned type) {
+    ++s->dropped;
+    nanoseconds& said = s->fault_said[static_cast<std::size_t>(kind)];
+    const nanoseconds now = thread_now(s->ctx);
+    if (said && now - said < FAULT_INTERVAL) return;
+    said = now ? now : 1;
+    log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "client %ld: %s (type %u), dropped", static_cast<long>(peer->pid),
+            FAULT_TEXTS[static_cast<std::size_t>(kind)], type);
+}
+
+void broadcast(nsm_server* s, nsm_peer* only, std::uint16_t type, const_octets body) {
+    if (only) {
+        nsm_peer_send(only, type, body);
+        return;
+    }
+    for (nsm_peer* p = s->peers; p; p = p->next)
+        if (p->greeted) nsm_peer_send(p, type, body);
+}
+
+void send_word(nsm_server* s, nsm_peer* peer, std::uint16_t type, std::uint32_t word) {
+    std::uint8_t body[4];
+    put_be32(body, 0, word);
+    broadcast(s, peer, type, body);
+}
+
+void take_hello(nsm_server* s, nsm_peer* peer, const_octets body) {
+    if (peer->greeted) {
+        complain(s, peer, fault::second_hello, NSM_MSG_HELLO);
+        return;
+    }
+    const std::uint16_t version = get_be16(body, 0);
+    if (version != NSM_LINK_VERSION) {
+        log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "client %ld speaks version %u of the link, refused",
+                static_cast<long>(peer->pid), version);
+        send_word(s, peer, NSM_MSG_HELLO_ACK, 1);
+        nsm_peer_finish(peer);
+        return;
+    }
+    log_sys(NSMD_MODULE, LOG_LEVEL_INFO, "client %ld (protocol %u) connected", static_cast<long>(peer->pid),
+            get_be16(body, 2));
+    send_word(s, peer, NSM_MSG_HELLO_ACK, 0);
+    peer->greeted = true;
+    ++s->greeted;
+    s->sink.dump(s->sink.arg, peer);
+    broadcast(s, peer, NSM_MSG_SYNC_DONE, {});
+    s->sink.clients(s->sink.arg, s->greeted, false);
+}
+
+void take_status_get(nsm_server* s, nsm_peer* peer) {
+    constexpr std::size_t piece = NSM_MESSAGE_MAX - NSM_HEADER_SIZE;
+    text_buffer text;
+    // Cut short where memory runs out: what there is is still worth showing.
+    (void)s->sink.status(s->sink.arg, &text);
+    const const_octets all{reinterpret_cast<const std::uint8_t*>(text.c_str()), text.length};
+    for (std::size_t at = 0; at < all.size(); at += piece)
+        broadcast(s, peer, NSMD_MSG_STATUS_TEXT, all.subspan(at, std::min(piece, all.size() - at)));
+    broadcast(s, peer, NSMD_MSG_STATUS_TEXT, {});
+    text_free(&text);
+}
+
+struct message_kind {
+    std::uint16_t type;
+    std::uint8_t body_size;
+    bool before_hello;
+    bool is_request;  // words for the owner of the clock
+};
+
+constexpr message_kind KINDS[] = {
+    {NSM_MSG_HELLO, 8, true, false},
+    {NSM_MSG_BYE, 0, false, false},
+    {NSMD_MSG_STATUS_GET, 0, true, false},
+    {NSM_MSG_SSM_GLOBAL_ENABLE, 4, false, true},
+    {NSM_MSG_SSM_CLOCK_RECOVERY_SELECT, 4, false, true},
+    {NSM_MSG_SSM_HOLDOVER_ENABLE, 4, false, true},
+    {NSM_MSG_SSM_SELECTED_IF_INDEX, 8, false, true},
+    {NSM_MSG_SSM_SET_GEPHY_ROLE, 12, false, true},
+};
+
+void take_message(nsm_server* s, nsm_peer* peer, const message_kind& kind, const_octets body) {
+    if (kind.is_request) {
+        std::uint32_t words[NSM_REQUEST_WORDS] = {};
+        for (std::size_t i = 0; i < kind.body_size / sizeof words[0]; ++i) words[i] = get_be32(body, i * 4);
+        s->sink.request(s->sink.arg, kind.type, words);
+        return;
+    }
+    switch (kind.type) {
+        case NSM_MSG_HELLO:
+            take_hello(s, peer, body);
+            break;
+        case NSM_MSG_BYE:
+            peer->said_bye = true;
+            break;
+        default:
+            take_status_get(s, peer);
+            break;
+    }
+}
+
+void packet_came(void* arg, nsm_peer* peer, const_octets packet, bool truncated) {
+    auto* s = static_cast<nsm_server*>(arg);
+    const unsigned type = packet.size() >= 2 ? get_be16(packet, 0) : 0U;
+    if (truncated) return complain(s, peer, fault::too_long, type);
+    if (packet.size() < NSM_HEADER_SIZE) return complain(s, peer, fault::bad_header, type);
+    if (get_be16(packet, 2) != packet.size()) return complain(s, peer, fault::bad_length, type);
+    const auto* kind =
+        std::find_if(std::begin(KINDS), std::end(KINDS), [&](const auto& k) { return k.type == type; });
+    if (kind == std::end(KINDS)) return complain(s, peer, fault::unknown_type, type);
+    const const_octets body = packet.subspan(NSM_HEADER_SIZE);
+    if (body.size() < kind->body_size) return complain(s, peer, fault::short_body, type);
+    if (!peer->greeted && !kind->before_hello) return complain(s, peer, fault::no_hello, type);
+    take_message(s, peer, *kind, body);
+}
+
+void peer_closed(void* arg, nsm_peer* peer) {
+    auto* s = static_cast<nsm_server*>(arg);
+    nsm_peer** link = &s->peers;
+    while (*link && *link != peer) link = &(*link)->next;
+    if (*link) *link = peer->next;
+    const bool greeted = peer->greeted, clean = peer->said_bye;
+    if (greeted)
+        log_sys(NSMD_MODULE, LOG_LEVEL_INFO, "client %ld %s", static_cast<long>(peer->pid),
+                clean ? "said goodbye" : "is gone");
+    nsm_peer_free(peer);
+    if (!greeted) return;
+    --s->greeted;
+    s->sink.clients(s->sink.arg, s->greeted, clean);
+}
+
+void connection_came(void* arg, int fd) {
+    (void)nsm_server_adopt(static_cast<nsm_server*>(arg), fd);
+}
+
+}  // namespace
+
+nsm_server* nsm_server_create(lib_globals* ctx, const nsm_server_sink& sink) {
+    auto* s = static_cast<nsm_server*>(memmgr_calloc(sizeof(nsm_server), MTYPE_NSMD));
+    if (!s) return nullptr;
+    s->ctx = ctx;
+    s->sink = sink;
+    return s;
+}
+
+int nsm_server_listen(nsm_server* s, const char* path) {
+    s->listener = nsm_listen_start(s->ctx, path, connection_came, s);
+    return s->listener ? 0 : -1;
+}
+
+void nsm_server_free(nsm_server* s) {
+    if (!s) return;
+    nsm_listen_stop(s->listener);
+    while (nsm_peer* peer = s->peers) {
+        s->peers = peer->next;
+        nsm_peer_free(peer);
+    }
+    memmgr_free(s, MTYPE_NSMD);
+}
+
+nsm_peer* nsm_server_adopt(nsm_server* s, int fd) {
+    std::uint32_t count = 0;
+    for (const nsm_peer* p = s->peers; p; p = p->next) ++count;
+    nsm_peer* peer = nullptr;
+    if (count >= PEERS_MAX)
+        close(fd);
+    else
+        peer = nsm_peer_create(s->ctx, fd, {packet_came, peer_closed, s});
+    if (!peer) {
+        log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "a client was turned away: %s",
+                count >= PEERS_MAX ? "too many clients" : "no memory");
+        return nullptr;
+    }
+    ++s->accepted;
+    peer->next = s->peers;
+    s->peers = peer;
+    return peer;
+}
+
+void nsm_server_send_port(nsm_server* s, nsm_peer* peer, const nsmd_port& port) {
+    std::uint8_t body[nsm_link::SIZE] = {};
+    put_be32(body, nsm_link::IFINDEX, port.ifindex);
+    put_be32(body, nsm_link::KERNEL_IFINDEX, port.kernel_ifindex);
+    put_be16(body, nsm_link::TYPE, IF_TYPE_SYNCE);
+    put_be16(body, nsm_link::FLAGS, port.up ? nsm_link::FLAG_UP : std::uint16_t{0});
+    std::memcpy(body + nsm_link::MAC, port.mac, sizeof port.mac);
+    std::memcpy(body + nsm_link::NAME, port.name, std::strlen(port.name));
+    broadcast(s, peer, NSM_MSG_LINK_ADD, body);
+}
+
+void nsm_server_send_port_gone(nsm_server* s, const nsmd_port& port) {
+    std::uint8_t body[8];
+    put_be32(body, 0, port.ifindex);
+    put_be32(body, 4, NSM_LINK_GONE);
+    broadcast(s, nullptr, NSM_MSG_LINK_DELETE, body);
+}
+
+void nsm_server_send_link(nsm_server* s, const nsmd_port& port) {
+    send_word(s, nullptr, port.up ? NSM_MSG_LINK_UP : NSM_MSG_LINK_DOWN, port.ifindex);
+}
+
+void nsm_server_send_bridge(nsm_server* s, nsm_peer* peer, const bridge_identity& identity) {
+    std::uint8_t body[nsm_bridge::SIZE] = {};
+    std::memcpy(body + nsm_bridge::NAME, identity.name, std::strlen(identity.name));
+    put_be32(body, nsm_bridge::ID, identity.id);
+    std::memcpy(body + nsm_bridge::MAC, identity.mac, sizeof identity.mac);
+    broadcast(s, peer, NSM_MSG_BRIDGE_ADD, body);
+}
+
+void nsm_server_send_clock(nsm_server* s, nsm_peer* peer, std::uint32_t state, std::uint32_t source) {
+    std::uint8_t body[8];
+    put_be32(body, 0, state);
+    put_be32(body, 4, source);
+    broadcast(s, peer, NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, body);
+}
+
+bool nsm_server_status(const nsm_server* s, text_buffer* out) {
+    return text_printf(out, "clients: %u connected, %llu accepted, %llu messages dropped\n", s->greeted,
+                       static_cast<unsigned long long>(s->accepted),
+                       static_cast<unsigned long long>(s->dropped));
+}

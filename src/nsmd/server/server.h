@@ -1,0 +1,52 @@
+// The server side of the NSM link: takes clients on, gives each the dump, tells all of them what changes, and
+// hands their requests on.
+#pragma once
+
+#include <cstdint>
+
+#include "nsmd/links/port_table.h"
+#include "nsmd/server/peer.h"
+#include "suite/manager/wire.h"
+#include "suite/start/lib.h"
+
+// Messages of this server beyond those of the daemon's link. A client that says BYE before it closes ends on
+// purpose; one whose link just breaks may be restarting. STATUS_GET is taken from anybody, HELLO or not; the
+// answer is any number of STATUS_TEXT (a piece of text each), the last one empty.
+enum nsmd_message : std::uint16_t {
+    NSMD_MSG_STATUS_GET = 300,
+    NSMD_MSG_STATUS_TEXT = 301,
+};
+
+constexpr std::size_t NSM_REQUEST_WORDS = 3;
+
+struct nsm_server;
+
+struct nsm_server_sink {
+    // A client was accepted: state all there is through nsm_server_send_* with this peer.
+    void (*dump)(void* arg, nsm_peer* peer);
+    // A request; words that its type does not have are 0.
+    void (*request)(void* arg, std::uint16_t type, const std::uint32_t (&words)[NSM_REQUEST_WORDS]);
+    // A greeted client came or went, and how many there are now. `clean`: it went with a BYE.
+    void (*clients)(void* arg, std::uint32_t count, bool clean);
+    bool (*status)(void* arg, text_buffer* out);
+    void* arg;
+};
+
+// Null when memory is exhausted. It has no socket yet.
+nsm_server* nsm_server_create(lib_globals* ctx, const nsm_server_sink& sink);
+// Listens on `path`; a stale file is replaced, a live server's is not. 0, or -1 with a log line.
+int nsm_server_listen(nsm_server* server, const char* path);
+// Closes all and removes the file, if it is still ours. Null is ignored.
+void nsm_server_free(nsm_server* server);
+
+// Takes a connected descriptor as a client. What the listener does; tests hand in one end of a pair.
+nsm_peer* nsm_server_adopt(nsm_server* server, int fd);
+
+// To one peer, or with null to all greeted ones.
+void nsm_server_send_port(nsm_server* server, nsm_peer* peer, const nsmd_port& port);
+void nsm_server_send_port_gone(nsm_server* server, const nsmd_port& port);
+void nsm_server_send_link(nsm_server* server, const nsmd_port& port);
+void nsm_server_send_bridge(nsm_server* server, nsm_peer* peer, const bridge_identity& identity);
+void nsm_server_send_clock(nsm_server* server, nsm_peer* peer, std::uint32_t state, std::uint32_t source);
+
+bool nsm_server_status(const nsm_server* server, text_buffer* out);

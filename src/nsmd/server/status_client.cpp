@@ -1,0 +1,67 @@
+// The asking side of the status report: a short life of its own, without the event loop. A server that does
+// not answer within a few seconds is given up.
+#include "nsmd/server/status_client.h"
+
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "nsmd/server/server.h"
+
+namespace {
+
+constexpr int TIMEOUT_S = 5;
+
+int dial(const char* path) {
+    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -1;
+    const timeval limit{TIMEOUT_S, 0};
+    (void)setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path, sizeof address.sun_path - 1);
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return fd;
+    const int error = errno;
+    close(fd);
+    errno = error;
+    return -1;
+}
+
+bool ask(int fd) {
+    std::uint8_t request[NSM_HEADER_SIZE] = {};
+    put_be16(request, 0, NSMD_MSG_STATUS_GET);
+    put_be16(request, 2, sizeof request);
+    put_be32(request, 4, 1);
+    return send(fd, request, sizeof request, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof request);
+}
+
+bool print_answer(int fd) {
+    for (;;) {
+        std::uint8_t packet[NSM_MESSAGE_MAX];
+        const ssize_t got = recv(fd, packet, sizeof packet, 0);
+        if (got < static_cast<ssize_t>(NSM_HEADER_SIZE)) return false;
+        if (get_be16(packet, 0) != NSMD_MSG_STATUS_TEXT) continue;
+        const std::size_t length = static_cast<std::size_t>(got) - NSM_HEADER_SIZE;
+        if (length == 0) return true;
+        if (std::fwrite(packet + NSM_HEADER_SIZE, 1, length, stdout) != length) return false;
+    }
+}
+
+}  // namespace
+
+int status_print(const char* socket_path) {
+    errno = 0;
+    const int fd = dial(socket_path);
+    const bool answered = fd >= 0 && ask(fd) && print_answer(fd) && std::fflush(stdout) == 0;
+    if (!answered)
+        std::fprintf(stderr, "nsmd: no status from %s: %s\n", socket_path,
+                     errno ? std::strerror(errno) : "the link broke");
+    if (fd >= 0) close(fd);
+    return answered ? 0 : 1;
+}

@@ -1,0 +1,58 @@
+// The handlers of the SSM module and the magic numbers by which they know their objects. Used by the table.
+#pragma once
+
+#include "snmp/values.h"
+#include "suite/agentx/snmp.h"
+#include "suite/ports/interface.h"
+
+// Magic numbers: a scalar's is its place below the module's base.
+enum ssm_mib_scalar : std::uint32_t {
+    SSM_MIB_CLOCK_ID = 1,
+    SSM_MIB_GLOBAL_ENABLE = 2,
+    SSM_MIB_SSM_ENABLE = 3,
+    SSM_MIB_DEVICE_TYPE = 4,
+    SSM_MIB_LOCAL_QUALITY = 5,
+    SSM_MIB_CURRENT_QUALITY = 6,
+    SSM_MIB_LOCAL_PRIORITY = 7,
+    SSM_MIB_SELECTED_PORT = 8,
+    SSM_MIB_EXTENSION = 9,
+    SSM_MIB_RUNNING_STATE = 10,
+    SSM_MIB_OPTION = 11,
+    SSM_MIB_FORCE_SWITCH = 12,
+    SSM_MIB_PORT_TABLE = 13,
+    SSM_MIB_RECOVERY_SELECT = 15,
+};
+
+// A column's magic number lies apart from the scalars'.
+constexpr std::uint32_t SSM_MIB_COLUMN = 100;
+enum ssm_mib_column : std::uint32_t {
+    SSM_MIB_INDEX = 1,
+    SSM_MIB_SYNCE_ENABLE = 2,
+    SSM_MIB_ESMC_MODE = 3,
+    SSM_MIB_PRIORITY = 4,
+    SSM_MIB_LINK = 5,
+    SSM_MIB_RECEIVED_QUALITY = 6,
+    SSM_MIB_SEND_TIMER = 7,
+    SSM_MIB_TIMEOUT_TIMER = 8,
+    SSM_MIB_SENT_QUALITY = 9,
+    SSM_MIB_DNU_GROUP = 10,
+    SSM_MIB_REPLACE_CLOCKID = 11,
+    SSM_MIB_FORCED_RX_QUALITY = 12,
+    SSM_MIB_FORCED_TX_QUALITY = 13,
+};
+
+// The state of the clock as its object reads it, and the index of the selected port or 0.
+ssm_mib_value ssm_mib_running_state();
+ssm_mib_value ssm_mib_selected_index();
+
+// The interface of the port table with this index, or (exact 0) the one with the smallest index above it,
+// null when there is none.
+interface* ssm_mib_find_interface(std::uint32_t index, int exact);
+
+// One read handler a scalar; they exist for those of ssm_mib_scalar but the table.
+template <std::uint32_t Object>
+const void* ssm_mib_read_scalar(const snmp_variable* variable, snmp_oid* name, std::size_t* name_length,
+                                int exact, std::size_t* value_length, snmp_write_handler* write);
+// All columns.
+const void* ssm_mib_read_port(const snmp_variable* variable, snmp_oid* name, std::size_t* name_length,
+                              int exact, std::size_t* value_length, snmp_write_handler* write);

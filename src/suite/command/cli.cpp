@@ -1,0 +1,253 @@
+// The command tree's life, installation, and the running of lines. The tree belongs to the library context;
+// terminals, the configuration file and the host's own commands all run their lines through cli_run_line.
+//
+// A session in the interface mode looks its interface up again by name before every line: the record may have
+// gone, or come, since the last one.
+#include "suite/command/cli.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "suite/base/memory.h"
+#include "suite/base/slice.h"
+#include "suite/command/parse.h"
+#include "suite/command/pipe.h"
+#include "suite/command/tree.h"
+#include "suite/log/log.h"
+#include "suite/ports/interface.h"
+
+cli_tree* cli_tree_create() {
+    return static_cast<cli_tree*>(memmgr_calloc(sizeof(cli_tree), MTYPE_CLI_TREE));
+}
+
+void cli_tree_free(cli_tree* tree) {
+    if (!tree) return;
+    for (cli_command_list& list : tree->modes) {
+        for (std::size_t i = 0; i < list.count; i++) memmgr_free(list.items[i], MTYPE_CLI_TREE);
+        memmgr_free(list.items, MTYPE_CLI_TREE);
+    }
+    memmgr_free(tree, MTYPE_CLI_TREE);
+}
+
+namespace {
+
+bool make_room(cli_command_list* list) {
+    if (list->count < list->room) return true;
+    std::size_t room = list->room ? list->room * 2 : 16;
+    void* items = memmgr_realloc(list->items, room * sizeof(cli_command*), MTYPE_CLI_TREE);
+    if (!items) return false;
+    list->items = static_cast<cli_command**>(items);
+    list->room = room;
+    return true;
+}
+
+}  // namespace
+
+int cli_install_gen(cli_tree* tree, std::int32_t mode, std::int32_t privilege, std::uint32_t flags,
+                    const cli_element* element) {
+    if (!tree || mode < 0 || mode >= CLI_MODE_COUNT) return -1;
+    cli_command* command = cli_compile(element);
+    if (!command) return -1;
+    command->mode = mode;
+    command->privilege = privilege;
+    command->flags = flags;
+    cli_command_list* list = &tree->modes[mode];
+    // The same string a second time takes the first one's place: a daemon may replace a command of the
+    // platform.
+    for (std::size_t i = 0; i < list->count; i++) {
+        if (std::strcmp(list->items[i]->element->string, element->string) != 0) continue;
+        memmgr_free(list->items[i], MTYPE_CLI_TREE);
+        list->items[i] = command;
+        return 0;
+    }
+    if (!make_room(list)) {
+        memmgr_free(command, MTYPE_CLI_TREE);
+        log_suite(LOG_LEVEL_ERROR, "command \"%s\": out of memory", element->string);
+        return -1;
+    }
+    list->items[list->count++] = command;
+    return 0;
+}
+
+int cli_install(cli_tree* tree, std::int32_t mode, const cli_element* element) {
+    return cli_install_gen(tree, mode, PRIVILEGE_NORMAL, 0, element);
+}
+
+int cli_install_config(cli_tree* tree, std::int32_t mode, cli_writer writer) {
+    if (!tree || tree->writer_count == CLI_MAX_WRITERS) return -1;
+    tree->writers[tree->writer_count++] = {mode, writer};
+    return 0;
+}
+
+int cli_install_help(cli_tree* tree, const cli_help* texts, std::size_t count) {
+    if (!tree || tree->help_count == CLI_MAX_HELP_TABLES) return -1;
+    tree->help[tree->help_count++] = {texts, count};
+    return 0;
+}
+
+void cli_walk(const cli_tree* tree,
+              void (*visit)(void* arg, std::int32_t mode, const cli_element* element, std::uint32_t flags),
+              void* arg) {
+    for (const cli_command_list& list : tree->modes)
+        for (std::size_t i = 0; i < list.count; i++)
+            visit(arg, list.items[i]->mode, list.items[i]->element, list.items[i]->flags);
+}
+
+namespace {
+
+void run_writers(const cli_tree* tree, cli* session, std::int32_t mode) {
+    for (std::size_t i = 0; i < tree->writer_count; i++)
+        if (tree->writers[i].mode == mode) tree->writers[i].writer(session);
+}
+
+}  // namespace
+
+void cli_write_running(cli_tree* tree, cli* session) {
+    run_writers(tree, session, CLI_WRITERS_FIRST);
+    run_writers(tree, session, EXEC_MODE);
+    for (std::size_t i = 0; i < tree->writer_count; i++) {
+        std::int32_t mode = tree->writers[i].mode;
+        if (mode != CLI_WRITERS_FIRST && mode != EXEC_MODE && mode != CLI_WRITERS_LAST)
+            tree->writers[i].writer(session);
+    }
+    run_writers(tree, session, CLI_WRITERS_LAST);
+}
+
+namespace {
+
+// The handler's arguments: one block, pointers first, then their texts.
+struct argument_block {
+    char** argv;
+    int argc;
+};
+
+bool make_arguments(const cli_parsed& parsed, argument_block* out) {
+    std::size_t count = 0, size = 0;
+    for (std::size_t k = 0; k < parsed.count; k++) {
+        if (!parsed.command->tokens[parsed.tokens[k]].argument) continue;
+        count++;
+        size += cli_parsed_text(parsed, k).size() + 1;
+    }
+    std::size_t head = (count + 1) * sizeof(char*);
+    auto* block = static_cast<char**>(memmgr_calloc(head + size, MTYPE_CLI_SESSION));
+    if (!block) return false;
+    char* text = reinterpret_cast<char*>(block) + head;
+    int argc = 0;
+    for (std::size_t k = 0; k < parsed.count; k++) {
+        if (!parsed.command->tokens[parsed.tokens[k]].argument) continue;
+        std::string_view word = cli_parsed_text(parsed, k);
+        std::memcpy(text, word.data(), word.size());
+        block[argc++] = text;
+        text += word.size() + 1;
+    }
+    *out = {block, argc};
+    return true;
+}
+
+void enter_mode(cli* session, std::int32_t mode) {
+    session->mode = mode;
+    if (mode == INTERFACE_MODE) return;
+    session->index = nullptr;
+    session->name[0] = 0;
+}
+
+void refresh_interface(cli* session) {
+    if (session->mode == INTERFACE_MODE && session->name[0] && session->ifm)
+        session->index = if_lookup_by_name(session->ifm, session->name);
+}
+
+void keep_name(cli* session, const argument_block& arguments) {
+    if (session->mode != INTERFACE_MODE || arguments.argc == 0) return;
+    std::snprintf(session->name, sizeof session->name, "%s", arguments.argv[arguments.argc - 1]);
+}
+
+cli_result run_parsed(cli_tree* tree, cli* session, const cli_parsed& parsed) {
+    const cli_command* command = parsed.command;
+    if ((command->flags & CLI_FLAG_INTERACTIVE) && !session->line) {
+        session->out_func(session->out_val, "%% Only at a terminal\n");
+        return cli_result::failed;
+    }
+    argument_block arguments;
+    if (!make_arguments(parsed, &arguments)) {
+        session->out_func(session->out_val, "%% Out of memory\n");
+        return cli_result::failed;
+    }
+    if (parsed.mode != session->mode) enter_mode(session, parsed.mode);
+    std::int32_t mode_before = session->mode;
+    int result = command->element->handler(session, arguments.argc, arguments.argv);
+    if (command->mode != INTERFACE_MODE && session->mode == INTERFACE_MODE && mode_before != INTERFACE_MODE)
+        keep_name(session, arguments);
+    memmgr_free(arguments.argv, MTYPE_CLI_SESSION);
+    if (result != CLI_SUCCESS) return cli_result::failed;
+    if (tree->after_run) tree->after_run(session, command);
+    return cli_result::ok;
+}
+
+void print_refusal(cli* session, cli_result result) {
+    const char* text = result == cli_result::ambiguous    ? "Ambiguous"
+                       : result == cli_result::incomplete ? "Incomplete"
+                                                          : "Unknown";
+    session->out_func(session->out_val, "%% %s command\n", text);
+}
+
+cli_result run_plain(cli_tree* tree, cli* session, std::string_view line) {
+    refresh_interface(session);
+    cli_parsed parsed;
+    cli_parse(tree, session, line, &parsed);
+    if (parsed.result == cli_result::empty) return parsed.result;
+    if (parsed.result == cli_result::ok) return run_parsed(tree, session, parsed);
+    print_refusal(session, parsed.result);
+    return parsed.result;
+}
+
+// Filters belong to show commands; in other lines "|" is a character like others.
+bool is_show(const cli_tree* tree, const cli* session, std::string_view line) {
+    cli_parsed parsed;
+    cli_parse(tree, session, line, &parsed);
+    return parsed.result == cli_result::ok && cli_parsed_text(parsed, 0) == "show";
+}
+
+cli_result run_filtered(cli_tree* tree, cli* session, std::string_view line, std::string_view behind_bar) {
+    cli_pipe pipe{};
+    bool incomplete = false;
+    if (!cli_pipe_parse(behind_bar, &pipe, &incomplete)) {
+        cli_result result = incomplete ? cli_result::incomplete : cli_result::unknown;
+        print_refusal(session, result);
+        return result;
+    }
+    pipe.out = session->out_func;
+    pipe.out_val = session->out_val;
+    session->out_func = cli_pipe_output;
+    session->out_val = &pipe;
+    cli_result result = run_plain(tree, session, line);
+    session->out_func = pipe.out;
+    session->out_val = pipe.out_val;
+    cli_pipe_finish(&pipe);
+    return result;
+}
+
+}  // namespace
+
+cli_result cli_run_line(cli_tree* tree, cli* session, std::string_view line) {
+    std::size_t bar = cli_pipe_find(line);
+    if (bar != std::string_view::npos && is_show(tree, session, slice(line, 0, bar)))
+        return run_filtered(tree, session, slice(line, 0, bar), slice(line, bar + 1));
+    return run_plain(tree, session, line);
+}
+
+std::int32_t cmd_str2int(const char* text, int* status) {
+    *status = -1;
+    bool negative = *text == '-';
+    const char* at = negative ? text + 1 : text;
+    if (!*at) return 0;
+    std::int64_t value = 0;
+    for (; *at; at++) {
+        if (*at < '0' || *at > '9') return 0;
+        value = value * 10 + (*at - '0');
+        if (value > std::int64_t{INT32_MAX} + 1) return 0;
+    }
+    if (negative) value = -value;
+    if (value > INT32_MAX) return 0;
+    *status = 0;
+    return static_cast<std::int32_t>(value);
+}

@@ -1,0 +1,112 @@
+// The command-line engine: command objects, the tree of modes, and the context in which a handler runs.
+//
+// Command strings: words separated by blanks. A word is a keyword in lower case; "(a|b c|)" is a choice of
+// alternatives (blanks around "|" do not matter; an alternative that is empty may be left out on the line and
+// gives no argument); "<1-255>" is a decimal range; a word in upper case is a parameter:
+//   IFNAME, IFPHYSICAL   the name of an interface (known or not)
+//   WORD                 any one word
+//   LINE                 the rest of the line
+// argv holds what matched choices, ranges and parameters, in their order; fixed keywords are not passed.
+// Keywords, also those inside choices, may be shortened to what is unambiguous; the handler gets them in
+// full.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "suite/base/text.h"
+#include "suite/ports/interface.h"
+#include "suite/start/lib.h"
+
+enum cli_mode : std::int32_t {
+    EXEC_MODE = 4,        // prompt NAME#; show commands; also the mode of the global configuration writers
+    CONFIG_MODE = 5,      // NAME(config)#
+    INTERFACE_MODE = 16,  // NAME(config-if)#; the session's `index` is the interface
+    DEBUG_MODE = 77,      // its commands are entered in the exec mode and in both configuration modes
+};
+constexpr std::int32_t CLI_MODE_COUNT = 96;
+
+constexpr std::int32_t PRIVILEGE_NORMAL = 1, PRIVILEGE_MAX = 15;
+
+// A handler's result.
+constexpr int CLI_SUCCESS = 0, CLI_ERROR = 1;
+
+struct cli;
+struct cli_tree;
+
+using cli_output = int (*)(void* out_val, const char* format, ...);
+using cli_handler = int (*)(cli* session, int argc, char** argv);
+using cli_writer = int (*)(cli* session);
+
+// A command object. Lives as long as the process; the tree keeps the pointer.
+struct cli_element {
+    const char* string;
+    cli_handler handler;
+};
+
+// What a handler sees of its session.
+struct cli {
+    cli_output out_func;   // printf-like
+    void* out_val;         // its first argument
+    lib_globals* zg;       // library context
+    const if_master* ifm;  // the interface table of the session's virtual router
+    std::int32_t mode;     // a handler may set it (enter a mode)
+    void* index;    // current object: the interface in the interface mode, null when the name is unknown
+    char name[64];  // the name as typed with "interface NAME"
+    std::int32_t privilege;
+    void* line;  // the session's own record (suite/terminal/session.h), null for configuration files
+};
+
+// Flags of cli_install_gen.
+enum : std::uint32_t {
+    // In a configuration file the line is kept until the interface that its last argument names is bound.
+    CLI_FLAG_AFTER_BIND = 1,
+    // May not be run from a configuration file or a piped configuration.
+    CLI_FLAG_INTERACTIVE = 2,
+    // Not offered by `?` and TAB.
+    CLI_FLAG_HIDDEN = 4,
+};
+
+cli_tree* cli_tree_create();  // null when exhausted
+void cli_tree_free(cli_tree* tree);
+
+// 0, or -1 when the string can't be parsed (logged; our own mistake) or memory is exhausted.
+int cli_install(cli_tree* tree, std::int32_t mode, const cli_element* element);
+int cli_install_gen(cli_tree* tree, std::int32_t mode, std::int32_t privilege, std::uint32_t flags,
+                    const cli_element* element);
+// Writers are called in the order of their registration, all those of EXEC_MODE before those of other modes.
+int cli_install_config(cli_tree* tree, std::int32_t mode, cli_writer writer);
+// exit, end, do, help and what else the platform offers in every mode. A second call for a mode does nothing.
+int cli_install_default(cli_tree* tree, std::int32_t mode);
+
+// Help texts, kept beside the command tables: for the token `token` ("clock", "<1-255>", "IFNAME") where it
+// follows the words `before` ("clock synce"); the entry with the longest `before` that is the tail of what
+// was typed counts.
+struct cli_help {
+    const char* before;
+    const char* token;
+    const char* text;
+};
+int cli_install_help(cli_tree* tree, const cli_help* texts, std::size_t count);
+
+enum class cli_result { ok, failed, unknown, ambiguous, incomplete, empty };
+
+// Parses and runs one line in session->mode (with the privileges of the session). Prints "% Unknown command",
+// "% Ambiguous command", "% Incomplete command" itself, each alone on a line. Lines of blanks, and lines that
+// begin with "!" or "#", are `empty` and succeed.
+cli_result cli_run_line(cli_tree* tree, cli* session, std::string_view line);
+
+// Every installed command, for tests and documents: visit(arg, mode, element, flags).
+void cli_walk(const cli_tree* tree,
+              void (*visit)(void* arg, std::int32_t mode, const cli_element* element, std::uint32_t flags),
+              void* arg);
+
+// Assembles the running configuration through the session's output function.
+void cli_write_running(cli_tree* tree, cli* session);
+
+// Decimal text to a number. *status is 0, or negative when the text is not a whole decimal number of 32 bits.
+std::int32_t cmd_str2int(const char* text, int* status);
+
+// "show debugging", "debug all", "no debug all" of the platform: op 0 shows, 1 clears, 2 sets.
+using debug_callback = void (*)(cli* session, std::int32_t op, void* arg);
+int debug_callback_register(debug_callback callback, void* arg);

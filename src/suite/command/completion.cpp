@@ -1,0 +1,144 @@
+// Collects what may follow at the cursor from the command tree, the interface list and the pipe filters.
+// "do" in the configuration modes is looked through: behind it the commands of the exec mode follow.
+#include "suite/command/completion.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "suite/base/slice.h"
+#include "suite/command/parse.h"
+#include "suite/command/pipe.h"
+#include "suite/ports/interface.h"
+
+namespace {
+
+struct collector {
+    const cli_tree* tree;
+    const cli* session;
+    completion_list* list;
+    bool words_only;
+};
+
+void add(completion_list* list, const char* text, const char* help) {
+    for (std::size_t i = 0; i < list->count; i++) {
+        if (std::strcmp(list->items[i].text, text) != 0) continue;
+        if (!*list->items[i].help && help) list->items[i].help = help;
+        return;
+    }
+    if (list->count < COMPLETION_MAX) list->items[list->count++] = {text, help ? help : ""};
+}
+
+bool begins(const char* text, std::string_view partial) {
+    return std::string_view(text).starts_with(partial);
+}
+
+bool number_so_far(std::string_view partial) {
+    return partial.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+void add_interfaces(collector* c) {
+    if (!c->session->ifm) return;
+    for (const interface* intf : if_list(c->session->ifm))
+        if (begins(intf->name, c->list->partial)) add(c->list, intf->name, "");
+}
+
+void take(void* arg, const cli_next_token& next) {
+    auto* c = static_cast<collector*>(arg);
+    if (!next.token) {
+        c->list->may_end = true;
+        return;
+    }
+    switch (next.token->kind) {
+        case cli_token_kind::keyword:
+            if (begins(next.token->text, c->list->partial))
+                add(c->list, next.token->text, cli_help_find(c->tree, next));
+            return;
+        case cli_token_kind::range:
+            if (c->words_only || !number_so_far(c->list->partial)) return;
+            break;
+        case cli_token_kind::ifname:
+            if (c->words_only) return add_interfaces(c);
+            break;
+        default:
+            if (c->words_only) return;
+            break;
+    }
+    add(c->list, next.token->text, cli_help_find(c->tree, next));
+}
+
+std::string_view first_word(std::string_view line) {
+    std::size_t first = 0;
+    while (first < line.size() && cli_is_blank(line[first])) first++;
+    std::size_t last = first;
+    while (last < line.size() && !cli_is_blank(line[last])) last++;
+    return slice(line, first, last - first);
+}
+
+// Behind a whole "do" and a blank the rest is a line of the exec mode.
+bool look_through_do(const cli* session, std::string_view* line) {
+    if (session->mode == EXEC_MODE || first_word(*line) != "do") return false;
+    auto behind = static_cast<std::size_t>(first_word(*line).data() - line->data()) + 2;
+    if (behind >= line->size()) return false;
+    line->remove_prefix(behind);
+    return true;
+}
+
+// Filters are offered behind "|", and their text is anything.
+bool collect_filter(completion_list* list, std::string_view before, std::size_t bar) {
+    std::string_view behind = slice(before, bar + 1);
+    if (!first_word(behind).empty()) return true;
+    for (const cli_help& filter : cli_pipe_filters())
+        if (begins(filter.token, list->partial)) add(list, filter.token, filter.text);
+    return true;
+}
+
+void collect(collector* c, std::string_view line) {
+    completion_list* list = c->list;
+    list->count = 0;
+    list->may_end = false;
+    list->result = cli_result::ok;
+    cli inner = *c->session;
+    if (look_through_do(c->session, &line)) inner.mode = EXEC_MODE;
+    std::size_t at = line.size();
+    while (at && !cli_is_blank(line[at - 1])) at--;
+    list->partial = slice(line, at);
+    std::string_view before = slice(line, 0, at);
+    std::size_t bar = cli_pipe_find(line);
+    if (bar != std::string_view::npos && bar < at) {
+        collect_filter(list, before, bar);
+    } else {
+        list->result = cli_list_next(c->tree, &inner, before, take, c);
+    }
+    if (!list->partial.empty()) list->may_end = false;
+    std::sort(list->items, list->items + list->count, [](const completion_item& a, const completion_item& b) {
+        return std::strcmp(a.text, b.text) < 0;
+    });
+}
+
+}  // namespace
+
+void completion_help(const cli_tree* tree, const cli* session, std::string_view line, completion_list* out) {
+    collector c{tree, session, out, false};
+    collect(&c, line);
+}
+
+void completion_words(const cli_tree* tree, const cli* session, std::string_view line, completion_list* out) {
+    collector c{tree, session, out, true};
+    collect(&c, line);
+}
+
+std::string_view completion_common(const completion_list& list) {
+    if (list.count == 0) return {};
+    std::string_view common = list.items[0].text;
+    for (std::size_t i = 1; i < list.count; i++) {
+        std::string_view other = list.items[i].text;
+        std::size_t same = 0;
+        while (same < common.size() && same < other.size() && common[same] == other[same]) same++;
+        common = slice(common, 0, same);
+    }
+    // Not within a character.
+    while (!common.empty() && list.count > 1 && common.size() < std::strlen(list.items[0].text) &&
+           (static_cast<unsigned char>(list.items[0].text[common.size()]) & 0xc0) == 0x80)
+        common.remove_suffix(1);
+    return common;
+}

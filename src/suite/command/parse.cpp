@@ -1,0 +1,346 @@
+// Matches lines against compiled commands. For each command the set of tokens that the words so far can have
+// reached is carried along, each with the best way (path) that leads there; so the work is bounded by the
+// size of the command, whatever the line holds.
+#include "suite/command/parse.h"
+
+#include <bit>
+#include <cstring>
+
+#include "suite/base/slice.h"
+#include "suite/ports/interface.h"
+
+namespace {
+
+enum match_rank : std::uint8_t {
+    RANK_NONE = 0,
+    RANK_LINE,
+    RANK_WORD,
+    RANK_NAME,   // the name of an interface that is not known
+    RANK_SHORT,  // a keyword's beginning
+    RANK_VALUE,  // a number in its range, the name of a known interface
+    RANK_EXACT,
+};
+
+struct word_list {
+    std::string_view items[CLI_MAX_TOKENS];
+    std::size_t count = 0;
+    bool more = false;  // there are words beyond
+    const char* end = nullptr;
+};
+
+struct match_path {
+    std::uint8_t tokens[CLI_MAX_TOKENS];
+    std::uint8_t ranks[CLI_MAX_TOKENS];
+    bool ambiguous;
+    bool swallowed;  // a LINE took the rest
+};
+
+struct matcher {
+    const cli_command* command;
+    const cli* session;
+    const word_list* words;
+};
+
+word_list split(std::string_view line) {
+    word_list words;
+    while (!line.empty() && cli_is_blank(line.back())) line.remove_suffix(1);
+    words.end = line.data() + line.size();
+    std::size_t at = 0;
+    while (at < line.size()) {
+        if (cli_is_blank(line[at])) {
+            at++;
+            continue;
+        }
+        if (words.count == CLI_MAX_TOKENS) {
+            words.more = true;
+            break;
+        }
+        std::size_t first = at;
+        while (at < line.size() && !cli_is_blank(line[at])) at++;
+        words.items[words.count++] = slice(line, first, at - first);
+    }
+    return words;
+}
+
+std::string_view rest_of_line(const word_list& words, std::size_t k) {
+    return {words.items[k].data(), static_cast<std::size_t>(words.end - words.items[k].data())};
+}
+
+// Arguments become C strings and are printed: no control characters. Octets above 0x7f are let through, so
+// names in UTF-8 do no harm.
+bool is_printable(std::string_view text, bool blanks) {
+    for (char c : text) {
+        auto octet = static_cast<unsigned char>(c);
+        if (octet == 0x7f || (octet < 0x20 && !(blanks && c == '\t'))) return false;
+    }
+    return true;
+}
+
+bool in_range(const cli_token& token, std::string_view word) {
+    std::uint64_t value = 0;
+    for (char c : word) {
+        if (c < '0' || c > '9') return false;
+        value = value * 10 + static_cast<unsigned>(c - '0');
+        if (value > token.high) return false;
+    }
+    return value >= token.low;
+}
+
+bool known_interface(const cli* session, std::string_view word) {
+    char name[IF_NAME_SIZE];
+    if (!session->ifm || word.size() >= sizeof name) return false;
+    std::memcpy(name, word.data(), word.size());
+    name[word.size()] = 0;
+    return if_lookup_by_name(session->ifm, name) != nullptr;
+}
+
+match_rank match_token(const matcher& m, const cli_token& token, std::size_t k) {
+    std::string_view word = m.words->items[k];
+    switch (token.kind) {
+        case cli_token_kind::keyword:
+            if (word.size() > token.length || std::memcmp(word.data(), token.text, word.size()) != 0)
+                return RANK_NONE;
+            return word.size() == token.length ? RANK_EXACT : RANK_SHORT;
+        case cli_token_kind::range:
+            return in_range(token, word) ? RANK_VALUE : RANK_NONE;
+        case cli_token_kind::ifname:
+            if (!is_printable(word, false)) return RANK_NONE;
+            return known_interface(m.session, word) ? RANK_VALUE : RANK_NAME;
+        case cli_token_kind::word:
+            return is_printable(word, false) ? RANK_WORD : RANK_NONE;
+        case cli_token_kind::line:
+            return is_printable(rest_of_line(*m.words, k), true) ? RANK_LINE : RANK_NONE;
+    }
+    return RANK_NONE;
+}
+
+bool same_texts(const cli_command* a, const match_path& pa, const cli_command* b, const match_path& pb,
+                std::size_t length) {
+    for (std::size_t k = 0; k < length; k++)
+        if (std::strcmp(a->tokens[pa.tokens[k]].text, b->tokens[pb.tokens[k]].text) != 0) return false;
+    return true;
+}
+
+// Puts the path at `slot` unless a better one is there.
+void merge(const matcher& m, match_path* slot, bool* taken, const match_path& path, std::size_t length) {
+    if (*taken) {
+        int order = std::memcmp(path.ranks, slot->ranks, length);
+        if (order < 0) return;
+        if (order == 0) {
+            if (!same_texts(m.command, path, m.command, *slot, length)) slot->ambiguous = true;
+            return;
+        }
+    }
+    *slot = path;
+    *taken = true;
+}
+
+// The paths alive after a word, one a token.
+struct match_front {
+    match_path paths[CLI_MAX_TOKENS];
+    bool taken[CLI_MAX_TOKENS];
+    std::size_t alive;
+};
+
+void step(const matcher& m, const match_path& from, std::uint64_t candidates, std::size_t k,
+          match_front* front) {
+    for (std::uint64_t left = candidates; left; left &= left - 1) {
+        auto index = static_cast<std::size_t>(std::countr_zero(left));
+        match_rank rank = match_token(m, m.command->tokens[index], k);
+        if (rank == RANK_NONE) continue;
+        match_path path = from;
+        path.tokens[k] = static_cast<std::uint8_t>(index);
+        path.ranks[k] = rank;
+        if (m.command->tokens[index].kind == cli_token_kind::line) {
+            path.swallowed = true;
+            std::memset(path.ranks + k + 1, 0, sizeof path.ranks - k - 1);
+            std::memset(path.tokens + k + 1, static_cast<int>(index), sizeof path.tokens - k - 1);
+        }
+        if (!front->taken[index]) front->alive++;
+        merge(m, &front->paths[index], &front->taken[index], path, k + 1);
+    }
+}
+
+// The front before a word and the one behind it. 16 KiB, kept off the stack of nested "do" lines; visitors of
+// match_command must not match anything themselves.
+match_front fronts[2];
+
+// Calls visit(path) for every way in which all words can be read as (the beginning of) the command.
+template <typename Visit>
+void match_command(const matcher& m, Visit&& visit) {
+    match_front *now = &fronts[0], *then = &fronts[1];
+    std::memset(then->taken, 0, sizeof then->taken);
+    then->alive = 0;
+    step(m, match_path{}, m.command->start, 0, then);
+    for (std::size_t k = 1; k < m.words->count && then->alive; k++) {
+        match_front* swap = now;
+        now = then;
+        then = swap;
+        std::memset(then->taken, 0, sizeof then->taken);
+        then->alive = 0;
+        for (std::size_t i = 0; i < m.command->count; i++) {
+            if (!now->taken[i]) continue;
+            if (!now->paths[i].swallowed) {
+                step(m, now->paths[i], m.command->tokens[i].next, k, then);
+            } else {
+                then->paths[i] = now->paths[i];
+                then->taken[i] = true;
+                then->alive++;
+            }
+        }
+    }
+    for (std::size_t i = 0; i < m.command->count && then->alive; i++)
+        if (then->taken[i] && (!m.words->more || then->paths[i].swallowed)) visit(then->paths[i]);
+}
+
+// Calls visit(command) for the commands that are entered in a mode with the session's privilege.
+template <typename Visit>
+void for_commands(const cli_tree* tree, std::int32_t mode, std::int32_t privilege, Visit&& visit) {
+    bool debug_too = mode == EXEC_MODE || mode == CONFIG_MODE || mode == INTERFACE_MODE;
+    std::int32_t modes[2] = {mode, DEBUG_MODE};
+    for (int i = 0; i < (debug_too ? 2 : 1); i++) {
+        if (modes[i] < 0 || modes[i] >= CLI_MODE_COUNT) continue;
+        const cli_command_list& list = tree->modes[modes[i]];
+        for (std::size_t c = 0; c < list.count; c++)
+            if (list.items[c]->privilege <= privilege) visit(list.items[c]);
+    }
+}
+
+struct best_match {
+    const cli_command* command = nullptr;
+    match_path path{};
+    bool complete = false;
+    bool ambiguous = false;
+};
+
+void offer(best_match* best, const cli_command* command, const match_path& path, std::size_t words) {
+    std::size_t last = words - 1;
+    bool complete = command->tokens[path.tokens[last]].may_end;
+    int order = best->command ? std::memcmp(path.ranks, best->path.ranks, words) : 1;
+    if (order < 0) return;
+    if (order > 0) {
+        *best = {command, path, complete, path.ambiguous};
+        return;
+    }
+    if (!same_texts(command, path, best->command, best->path, words)) {
+        best->ambiguous = true;
+    } else if (complete && !best->complete) {
+        bool ambiguous = best->ambiguous || path.ambiguous;
+        *best = {command, path, complete, ambiguous};
+    }
+}
+
+best_match find_best(const cli_tree* tree, const cli* session, std::int32_t mode, const word_list& words) {
+    best_match best;
+    for_commands(tree, mode, session->privilege, [&](const cli_command* command) {
+        matcher m{command, session, &words};
+        match_command(m, [&](const match_path& path) { offer(&best, command, path, words.count); });
+    });
+    return best;
+}
+
+cli_result result_of(const best_match& best) {
+    if (!best.command) return cli_result::unknown;
+    if (best.ambiguous) return cli_result::ambiguous;
+    return best.complete ? cli_result::ok : cli_result::incomplete;
+}
+
+void keep_words(cli_parsed* out, const best_match& best, const word_list& words) {
+    out->command = best.command;
+    for (std::size_t k = 0; k < words.count; k++) {
+        out->tokens[k] = best.path.tokens[k];
+        out->words[k] = words.items[k];
+        out->count = k + 1;
+        if (best.command->tokens[best.path.tokens[k]].kind == cli_token_kind::line) {
+            out->words[k] = rest_of_line(words, k);
+            break;
+        }
+    }
+}
+
+}  // namespace
+
+void cli_parse(const cli_tree* tree, const cli* session, std::string_view line, cli_parsed* out) {
+    out->command = nullptr;
+    out->count = 0;
+    out->mode = session->mode;
+    word_list words = split(line);
+    if (words.count == 0 || words.items[0][0] == '!' || words.items[0][0] == '#') {
+        out->result = cli_result::empty;
+        return;
+    }
+    best_match best = find_best(tree, session, session->mode, words);
+    // A line that means nothing to an interface but is a configuration command leaves the interface.
+    if (!best.command && session->mode == INTERFACE_MODE) {
+        best = find_best(tree, session, CONFIG_MODE, words);
+        if (best.command) out->mode = CONFIG_MODE;
+    }
+    out->result = result_of(best);
+    if (out->result == cli_result::ok) keep_words(out, best, words);
+}
+
+std::string_view cli_parsed_text(const cli_parsed& parsed, std::size_t k) {
+    const cli_token& token = parsed.command->tokens[parsed.tokens[k]];
+    if (token.kind == cli_token_kind::keyword) return {token.text, token.length};
+    return parsed.words[k];
+}
+
+std::string_view cli_parsed_last_argument(const cli_parsed& parsed) {
+    for (std::size_t k = parsed.count; k > 0; k--)
+        if (parsed.command->tokens[parsed.tokens[k - 1]].argument) return cli_parsed_text(parsed, k - 1);
+    return {};
+}
+
+namespace {
+
+struct next_lister {
+    void (*visit)(void* arg, const cli_next_token& next);
+    void* arg;
+    std::size_t words;
+};
+
+void list_after(const next_lister& lister, const cli_command* command, const match_path* path) {
+    cli_next_token next{command, nullptr, path ? path->tokens : nullptr, lister.words};
+    std::uint64_t follow = command->start;
+    if (path) {
+        const cli_token& last = command->tokens[path->tokens[lister.words - 1]];
+        follow = last.next;
+        if (last.may_end) lister.visit(lister.arg, next);
+    }
+    for (std::uint64_t left = follow; left; left &= left - 1) {
+        next.token = &command->tokens[std::countr_zero(left)];
+        lister.visit(lister.arg, next);
+    }
+}
+
+}  // namespace
+
+cli_result cli_list_next(const cli_tree* tree, const cli* session, std::string_view line,
+                         void (*visit)(void* arg, const cli_next_token& next), void* arg) {
+    word_list words = split(line);
+    next_lister lister{visit, arg, words.count};
+    std::int32_t mode = session->mode;
+    best_match best;
+    if (words.count > 0) {
+        best = find_best(tree, session, mode, words);
+        if (!best.command && mode == INTERFACE_MODE) {
+            mode = CONFIG_MODE;
+            best = find_best(tree, session, mode, words);
+        }
+        if (!best.command) return cli_result::unknown;
+        if (best.ambiguous) return cli_result::ambiguous;
+    }
+    for_commands(tree, mode, session->privilege, [&](const cli_command* command) {
+        if (command->flags & CLI_FLAG_HIDDEN) return;
+        if (words.count == 0) {
+            list_after(lister, command, nullptr);
+            return;
+        }
+        matcher m{command, session, &words};
+        match_command(m, [&](const match_path& path) {
+            if (std::memcmp(path.ranks, best.path.ranks, words.count) == 0)
+                list_after(lister, command, &path);
+        });
+    });
+    return cli_result::ok;
+}

@@ -1,0 +1,74 @@
+// `show nsm`: the state of the link, its counters, and the requests that would be stated after the next dump.
+#include <cinttypes>
+
+#include "suite/command/cli.h"
+#include "suite/manager/record.h"
+
+namespace {
+
+const nsm_client* shown;  // null while there is none
+
+const char* phase_text(nsm_phase phase) {
+    switch (phase) {
+        case nsm_phase::down:
+            break;
+        case nsm_phase::greeting:
+            return "waiting for the answer to HELLO";
+        case nsm_phase::dump:
+            return "connected, initial dump";
+        case nsm_phase::synchronised:
+            return "synchronised";
+    }
+    return "not connected";
+}
+
+const char* request_text(std::uint16_t type) {
+    switch (type) {
+        case NSM_MSG_SSM_GLOBAL_ENABLE:
+            return "global enable";
+        case NSM_MSG_SSM_CLOCK_RECOVERY_SELECT:
+            return "clock recovery select";
+        case NSM_MSG_SSM_HOLDOVER_ENABLE:
+            return "holdover enable";
+        case NSM_MSG_SSM_SELECTED_IF_INDEX:
+            return "selected interface";
+        case NSM_MSG_SSM_SET_GEPHY_ROLE:
+            return "gephy role";
+        default:
+            return "unknown";
+    }
+}
+
+void show_request(cli* session, const nsm_request& r) {
+    session->out_func(session->out_val, "  %-22s", request_text(r.type));
+    for (std::size_t i = 0; i < r.words; ++i) session->out_func(session->out_val, " %" PRIu32, r.word[i]);
+    session->out_func(session->out_val, "%s\n", r.pending ? "  (not sent)" : "");
+}
+
+int show_nsm(cli* session, int, char**) {
+    if (!shown) {
+        session->out_func(session->out_val, "NSM link: not started\n");
+        return CLI_SUCCESS;
+    }
+    const nsm_client_stats s = nsm_client_get_stats(shown);
+    session->out_func(session->out_val, "NSM link: %s\n", phase_text(shown->phase));
+    session->out_func(session->out_val,
+                      "  Connections %" PRIu64 ", messages received %" PRIu64 ", sent %" PRIu64
+                      ", dropped %" PRIu64 "\n",
+                      s.connects, s.messages_in, s.messages_out, s.dropped);
+    session->out_func(session->out_val, "Requests kept: %" PRIu64 "\n", s.requests_kept);
+    for (std::size_t i = 0; i < shown->request_count; ++i) show_request(session, shown->requests[i]);
+    return CLI_SUCCESS;
+}
+
+const cli_element SHOW_NSM = {"show nsm", show_nsm};
+
+}  // namespace
+
+void nsm_client_cli_set(const nsm_client* nc) {
+    shown = nc;
+}
+
+int nsm_client_cli_init(lib_globals* ctx) {
+    return cli_install(ctx->ctree, EXEC_MODE, &SHOW_NSM);
+}

@@ -1,0 +1,112 @@
+// `show slow-protocols` (the socket, its totals, and a line a port) and the limit on what a port may bring
+// in.
+#include <cinttypes>
+#include <cstring>
+#include <iterator>
+
+#include "suite/command/cli.h"
+#include "suite/command/tree.h"
+#include "suite/ports/slow_socket.h"
+#include "suite/ports/slow_socket_show.h"
+
+namespace {
+
+const char* kind_text(slow_kind kind) {
+    switch (kind) {
+        case slow_kind::native:
+            return "switch kernel's slow-protocol family";
+        case slow_kind::packet:
+            return "packet socket";
+        case slow_kind::replaced:
+            return "replaced";
+        case slow_kind::closed:
+            break;
+    }
+    return "closed";
+}
+
+void show_port(cli* session, const interface* intf) {
+    slow_port_stats s;
+    if (!slow_socket_port_stats(intf->ifindex, &s)) return;
+    session->out_func(session->out_val,
+                      "%-16s %5" PRIu32 " %10" PRIu64 " %10" PRIu64 " %9" PRIu64 " %9" PRIu64 " %9" PRIu64
+                      " %9" PRIu64 " %9" PRIu64 " %9" PRIu64 "\n",
+                      intf->name, intf->ifindex, s.frames_in, s.frames_out, s.limited, s.no_buffer, s.again,
+                      s.link_down, s.no_device, s.other_errors);
+}
+
+void show_limit(cli* session, const slow_stats& s) {
+    const std::uint32_t rate = slow_socket_rate_limit();
+    if (rate == 0)
+        session->out_func(session->out_val, "  No limit on what a port may bring in\n");
+    else
+        session->out_func(session->out_val,
+                          "  Limit of a port %" PRIu32 " frames/s, burst %" PRIu32 ", dropped %" PRIu64 "\n",
+                          rate, SLOW_BURST, s.limited);
+}
+
+int show_slow_protocols(cli* session, int, char**) {
+    const slow_opened socket = slow_socket_opened();
+    const slow_stats s = slow_socket_stats();
+    session->out_func(session->out_val, "Slow-protocol socket: %s\n", kind_text(socket.kind));
+    if (socket.kind == slow_kind::packet)
+        session->out_func(session->out_val, "  Receive buffer %d octets, send buffer %d octets, filter %s\n",
+                          socket.receive_buffer, socket.send_buffer,
+                          socket.filtered ? "in the kernel" : "in the daemon");
+    session->out_func(session->out_val, "  Frames received %" PRIu64 ", sent %" PRIu64 "\n", s.frames_in,
+                      s.frames_out);
+    session->out_func(session->out_val,
+                      "  Lost in the kernel %" PRIu64 ", too short %" PRIu64 ", of unknown ports %" PRIu64
+                      "\n",
+                      s.kernel_drops, s.short_frames, s.unknown_port);
+    show_limit(session, s);
+    session->out_func(session->out_val, "%-16s %5s %10s %10s %9s %9s %9s %9s %9s %9s\n", "Interface", "Index",
+                      "Received", "Sent", "Limited", "No-buffer", "Busy", "Link-down", "No-device", "Other");
+    for (const interface* intf : if_list(session->ifm)) show_port(session, intf);
+    return CLI_SUCCESS;
+}
+
+int set_rate_limit(cli*, int, char** argv) {
+    int status = 0;
+    const std::int32_t rate = std::strcmp(argv[0], "off") == 0 ? 0 : cmd_str2int(argv[0], &status);
+    if (status < 0) return CLI_ERROR;  // the parser has checked the range
+    slow_socket_set_rate_limit(static_cast<std::uint32_t>(rate));
+    return CLI_SUCCESS;
+}
+
+int no_rate_limit(cli*, int, char**) {
+    slow_socket_set_rate_limit(SLOW_RATE_DEFAULT);
+    return CLI_SUCCESS;
+}
+
+int write_config(cli* session) {
+    const std::uint32_t rate = slow_socket_rate_limit();
+    if (rate == 0)
+        session->out_func(session->out_val, "slow-protocols rate-limit off\n");
+    else if (rate != SLOW_RATE_DEFAULT)
+        session->out_func(session->out_val, "slow-protocols rate-limit %" PRIu32 "\n", rate);
+    return 0;
+}
+
+const cli_element SHOW_SLOW_PROTOCOLS = {"show slow-protocols", show_slow_protocols};
+const cli_element RATE_LIMIT = {"slow-protocols rate-limit (<10-1000>|off)", set_rate_limit};
+const cli_element NO_RATE_LIMIT = {"no slow-protocols rate-limit", no_rate_limit};
+
+const cli_help HELP[] = {
+    {"show", "slow-protocols", "Packet socket of the slow protocols, with counters"},
+    {"", "slow-protocols", "Packet socket of the slow protocols"},
+    {"no", "slow-protocols", "Packet socket of the slow protocols"},
+    {"slow-protocols", "rate-limit", "Frames a second that a port may bring in for long (default 10)"},
+    {"slow-protocols rate-limit", "<10-1000>", "Frames a second; a burst of 100 passes"},
+    {"slow-protocols rate-limit", "off", "No limit"},
+};
+
+}  // namespace
+
+int slow_socket_cli_init(lib_globals* ctx) {
+    int result = cli_install(ctx->ctree, EXEC_MODE, &SHOW_SLOW_PROTOCOLS);
+    result |= cli_install_gen(ctx->ctree, CONFIG_MODE, PRIVILEGE_MAX, 0, &RATE_LIMIT);
+    result |= cli_install_gen(ctx->ctree, CONFIG_MODE, PRIVILEGE_MAX, 0, &NO_RATE_LIMIT);
+    result |= cli_install_config(ctx->ctree, CLI_WRITERS_FIRST, write_config);
+    return result | cli_install_help(ctx->ctree, HELP, std::size(HELP));
+}

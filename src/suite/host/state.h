@@ -1,0 +1,104 @@
+// What the host's own files share: its record, the lines of the configuration file that wait for their
+// interface, reading and saving. Everything else uses suite/host/host.h.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+#include "suite/base/text.h"
+#include "suite/command/cli.h"
+#include "suite/command/tree.h"
+#include "suite/host/host.h"
+#include "suite/loop/thread.h"
+#include "suite/terminal/password.h"
+
+struct session;
+struct tcp_terminal;
+
+constexpr std::size_t HOST_NAME_SIZE = 64;
+constexpr std::uint32_t HOST_DEFAULT_EXEC_TIMEOUT_S = 600;
+constexpr std::size_t HOST_PENDING_MAX = 4 * 1024 * 1024;  // octets of kept lines
+
+// A line of the configuration file that waits. Text follows the record.
+struct pending_line {
+    pending_line* next;
+    const cli_command* command;  // of a global line (CLI_FLAG_AFTER_BIND); null for an interface's line
+    std::uint32_t number;        // in the file
+    std::size_t length;
+    const char* text() const { return reinterpret_cast<const char*>(this + 1); }
+};
+
+// What waits for one interface, in the order of the file: its own lines, or global ones that name it. They
+// are two blocks, so that the blocks of each kind stand in the order in which they are written.
+struct pending_block {
+    pending_block* next;
+    pending_line* first;
+    pending_line* last;
+    bool global() const { return first->command != nullptr; }
+    const char* name() const { return reinterpret_cast<const char*>(this + 1); }
+};
+
+struct host_state {
+    lib_globals* ctx;
+    char name[HOST_NAME_SIZE];          // empty: the system's name
+    char password[PASSWORD_HASH_SIZE];  // hash; empty: none
+    std::uint32_t exec_timeout_s;       // 0: never
+    char* config_file;
+    bool unreadable;  // the file was there at start and could not be read
+    bool lossy;       // a line could not be kept for want of memory
+    pending_block* pending;
+    std::size_t pending_octets;
+    session* sessions;
+    std::size_t session_count;
+    int local_fd;
+    thread* local_accept;
+    std::uint16_t vty_port;
+    tcp_terminal* tcp;
+};
+
+inline host_state* host_of(const cli* session) {
+    return session->zg->host;
+}
+// Says "% TEXT"; what the handler returns then.
+int host_refuse(cli* session, const char* text);
+
+// A `cli` for lines that come from no terminal: all privileges, `mode`, output to out(out_val, ...).
+cli host_plain_session(host_state* host, std::int32_t mode, cli_output out, void* out_val);
+
+// Waiting lines. False when memory (or HOST_PENDING_MAX) is exhausted.
+[[nodiscard]] bool pending_keep(host_state* host, std::string_view name, std::string_view line,
+                                std::uint32_t number, const cli_command* command);
+void pending_run(host_state* host, interface* intf);    // the host's after_bind
+bool pending_drop(host_state* host, const char* name);  // false when nothing waits for it
+void pending_replaced(host_state* host,
+                      const cli_command* command);  // the same command, or its no form, was run
+int pending_write(cli* session);
+void pending_free(host_state* host);
+
+// Reads host->config_file through the tree.
+void host_config_read(host_state* host);
+void host_log_refused(const host_state* host, std::uint32_t number, std::string_view line);
+// The running configuration as text. False when memory is exhausted.
+[[nodiscard]] bool host_running_text(host_state* host, text_buffer* out);
+// Saves atomically; prints "% ..." and returns false when the file is as before.
+bool host_save(host_state* host, cli* session);
+// The file's content. 0, or a negative errno. -EFBIG above 64 MiB.
+int host_read_file(const char* path, text_buffer* out);
+
+// printf-like output into a text_buffer (out_val); what does not fit is remembered in `cut`.
+struct text_output {
+    text_buffer text;
+    bool cut;
+};
+int text_output_print(void* out_val, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+int host_commands_install(host_state* host);
+// password, exec-timeout, terminal ... and their configuration lines.
+int host_terminal_install(cli_tree* tree);
+void host_terminal_write(const host_state* host, cli* session);
+int host_help_install(cli_tree* tree);
+
+// What a save would change: lines that would go begin with "-", new ones with "+", the interface line of a
+// changed block stands above it. False when memory is exhausted.
+[[nodiscard]] bool host_diff(std::string_view before, std::string_view now, text_buffer* out);

@@ -1,0 +1,62 @@
+// The commands that every mode has: exit, end, do, help. The exec mode has no end and no do.
+#include <cstdio>
+
+#include "suite/command/tree.h"
+#include "suite/terminal/session.h"
+
+namespace {
+
+void enter(cli* session, std::int32_t mode) {
+    session->mode = mode;
+    session->index = nullptr;
+    session->name[0] = 0;
+}
+
+// One mode up; out of the exec mode the terminal's session ends.
+int do_exit(cli* session, int, char**) {
+    if (session->mode == EXEC_MODE)
+        session_end(session);
+    else
+        enter(session, session->mode == CONFIG_MODE ? EXEC_MODE : CONFIG_MODE);
+    return CLI_SUCCESS;
+}
+
+int do_end(cli* session, int, char**) {
+    enter(session, EXEC_MODE);
+    return CLI_SUCCESS;
+}
+
+// Runs an exec command from a configuration mode and comes back, whatever mode that command entered.
+int do_do(cli* session, int, char** argv) {
+    cli kept = *session;
+    enter(session, EXEC_MODE);
+    cli_result result = cli_run_line(session->zg->ctree, session, argv[0]);
+    session->mode = kept.mode;
+    session->index = kept.index;
+    std::snprintf(session->name, sizeof session->name, "%s", kept.name);
+    return result == cli_result::ok || result == cli_result::empty ? CLI_SUCCESS : CLI_ERROR;
+}
+
+int do_help(cli* session, int, char**) {
+    session->out_func(session->out_val, "%s",
+                      "Type ? at any place of a line for what may follow there, TAB to complete a word.\n"
+                      "Words may be shortened to what is unambiguous. The lines of `show` commands can be\n"
+                      "filtered: | include TEXT, | exclude TEXT, | begin TEXT, | count.\n");
+    return CLI_SUCCESS;
+}
+
+const cli_element exit_cmd = {"exit", do_exit};
+const cli_element end_cmd = {"end", do_end};
+const cli_element do_cmd = {"do LINE", do_do};
+const cli_element help_cmd = {"help", do_help};
+
+}  // namespace
+
+int cli_install_default(cli_tree* tree, std::int32_t mode) {
+    if (!tree || mode < 0 || mode >= CLI_MODE_COUNT) return -1;
+    if (tree->has_default[mode]) return 0;
+    tree->has_default[mode] = true;
+    int result = cli_install(tree, mode, &exit_cmd) | cli_install(tree, mode, &help_cmd);
+    if (mode != EXEC_MODE) result |= cli_install(tree, mode, &end_cmd) | cli_install(tree, mode, &do_cmd);
+    return result;
+}

@@ -1,0 +1,392 @@
+// A session's life, its descriptor and its buffers. See session.h for what goes over the wire;
+// session_batch.cpp and session_interactive.cpp say what the octets mean.
+//
+// A client that is slow only holds itself up: its next line is run when the output of the former one has gone
+// out, and what does not fit the buffer ends the session.
+#include "suite/terminal/session.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "suite/base/memory.h"
+#include "suite/base/slice.h"
+#include "suite/host/state.h"
+#include "suite/log/log.h"
+#include "suite/terminal/password.h"
+#include "suite/terminal/stages.h"
+
+namespace {
+
+constexpr std::size_t FLUSH_EARLY = 32 * 1024;  // of unsent output within a command
+
+int on_readable(thread* event);
+int on_writable(thread* event);
+int on_timer(thread* event);
+
+session* of(const thread* event) {
+    return static_cast<session*>(event->arg);
+}
+
+int print_to_session(void* out_val, const char* format, ...) {
+    auto* s = static_cast<session*>(out_val);
+    char small[512];
+    va_list args, again;
+    va_start(args, format);
+    va_copy(again, args);
+    int needed = std::vsnprintf(small, sizeof small, format, args);
+    va_end(args);
+    if (needed >= 0 && static_cast<std::size_t>(needed) < sizeof small) {
+        session_write(s, {small, static_cast<std::size_t>(needed)});
+    } else if (needed >= 0) {
+        text_buffer large;
+        if (text_vprintf(&large, format, again))
+            session_write(s, large.view());
+        else
+            s->overrun = true;
+        text_free(&large);
+    }
+    va_end(again);
+    return needed;
+}
+
+void init_cli(session* s) {
+    s->c.out_func = print_to_session;
+    s->c.out_val = s;
+    s->c.zg = s->ctx;
+    s->c.ifm = &s->ctx->ifm;
+    s->c.mode = EXEC_MODE;
+    s->c.privilege = PRIVILEGE_MAX;
+    s->c.line = s;
+}
+
+std::size_t unsent(const session* s) {
+    return s->out.length - s->sent;
+}
+
+std::size_t may_go(const session* s) {
+    return s->stage == session_stage::paging ? s->released : s->out.length;
+}
+
+// Sends what may go. False when the client is gone.
+bool send_some(session* s) {
+    std::size_t end = may_go(s);
+    while (s->sent < end) {
+        ssize_t count = send(s->fd, s->out.data + s->sent, end - s->sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return errno == EAGAIN || errno == EWOULDBLOCK;
+        s->sent += static_cast<std::size_t>(count);
+        s->active = thread_now(s->ctx);
+    }
+    return true;
+}
+
+// Gives the memory of sent octets back, or at least their place.
+void tidy_output(session* s) {
+    if (s->frame != NO_FRAME) return;
+    if (s->sent == s->out.length) {
+        if (s->out.room > FLUSH_EARLY)
+            text_free(&s->out);
+        else
+            text_clear(&s->out);
+        s->sent = s->released = 0;
+    } else if (s->sent > s->out.length / 2) {
+        text_consume(&s->out, s->sent);
+        s->released -= s->released < s->sent ? s->released : s->sent;
+        s->sent = 0;
+    }
+}
+
+bool make_output_room(session* s) {
+    bool pages = s->stage == session_stage::prompt && session_page_length(s) > 0;
+    if (unsent(s) < FLUSH_EARLY || pages) return true;
+    s->frame = NO_FRAME;
+    bool alive = send_some(s);
+    tidy_output(s);
+    return alive;
+}
+
+bool take_octets(session* s) {
+    char chunk[SESSION_READ_SIZE];
+    ssize_t count = recv(s->fd, chunk, sizeof chunk, MSG_DONTWAIT);
+    if (count == 0) s->eof = true;
+    if (count < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+    if (count > 0) s->active = thread_now(s->ctx);
+    return text_append(&s->in, chunk, static_cast<std::size_t>(count));
+}
+
+// Local clients say in a first line what they are.
+void hello_step(session* s) {
+    const void* newline = std::memchr(s->in.data, '\n', s->in.length);
+    if (!newline) {
+        s->ending = true;
+        return;
+    }
+    auto length = static_cast<std::size_t>(static_cast<const char*>(newline) - s->in.data);
+    unsigned rows = 0, columns = 0;
+    std::string_view line{s->in.data, length};
+    s->in.data[length] = 0;
+    if (line == "batch") {
+        s->stage = session_stage::batch;
+    } else if (std::sscanf(s->in.data, "interactive %5u %5u", &rows, &columns) == 2) {
+        s->rows = static_cast<std::uint16_t>(rows);
+        s->columns = static_cast<std::uint16_t>(columns);
+    } else {
+        session_write(s, "% Unknown kind of session\n");
+        s->ending = true;
+    }
+    text_consume(&s->in, length + 1);
+    if (s->stage == session_stage::hello && !s->ending) session_interactive_start(s);
+}
+
+bool has_line(const session* s) {
+    return s->in.length > 256 || (s->in.length && std::memchr(s->in.data, '\n', s->in.length));
+}
+
+// Is there something to do with the octets that came, without any more of them? No line is run while output
+// of the one before is unsent.
+bool is_ready(const session* s) {
+    if (s->ending || s->overrun || s->busy || s->in.length == 0) return false;
+    switch (s->stage) {
+        case session_stage::hello:
+            return has_line(s);
+        case session_stage::batch:
+            return unsent(s) == 0 && session_batch_ready(s);
+        case session_stage::delayed:
+            return false;
+        default:
+            return session_interactive_ready(s, unsent(s) == 0);
+    }
+}
+
+void take_step(session* s) {
+    switch (s->stage) {
+        case session_stage::hello:
+            return hello_step(s);
+        case session_stage::batch:
+            return session_batch_step(s);
+        case session_stage::delayed:
+            return;
+        default:
+            return session_interactive_step(s);
+    }
+}
+
+std::size_t input_limit(const session* s) {
+    return s->stage == session_stage::batch ? session_batch_input_limit(s) : SESSION_READ_SIZE;
+}
+
+int on_readable(thread* event) {
+    session* s = of(event);
+    s->read_event = nullptr;
+    if (!s->eof && s->in.length < input_limit(s) && !take_octets(s)) {
+        session_close(s);
+        return 0;
+    }
+    if (is_ready(s)) take_step(s);
+    session_settle(s);
+    return 0;
+}
+
+int on_writable(thread* event) {
+    session* s = of(event);
+    s->write_event = nullptr;
+    session_settle(s);
+    return 0;
+}
+
+void arm_timer(session* s) {
+    std::uint32_t limit = s->ctx->host->exec_timeout_s;
+    if (s->timer || limit == 0 || s->stage == session_stage::delayed) return;
+    nanoseconds due = s->active + limit * NS_PER_S, now = thread_now(s->ctx);
+    std::uint64_t left = due > now ? (due - now + NS_PER_MS - 1) / NS_PER_MS : 0;
+    s->timer = thread_add_timer_msec(s->ctx, on_timer, s, static_cast<std::uint32_t>(left));
+}
+
+// The idle limit. A script may think as long as it likes, but not leave its output lying.
+int on_timer(thread* event) {
+    session* s = of(event);
+    s->timer = nullptr;
+    if (s->stage == session_stage::delayed) {
+        session_write(s, "% Wrong password\n");
+        s->ending = true;
+        session_settle(s);
+        return 0;
+    }
+    std::uint32_t limit = s->ctx->host->exec_timeout_s;
+    bool idle = !s->busy && limit && thread_now(s->ctx) - s->active >= limit * NS_PER_S;
+    if (idle && (s->stage != session_stage::batch || unsent(s))) {
+        session_write(s, "\n% Idle for too long\n");
+        (void)send_some(s);  // closed in any case
+        session_close(s);
+        return 0;
+    }
+    if (idle) s->active = thread_now(s->ctx);
+    arm_timer(s);
+    return 0;
+}
+
+}  // namespace
+
+session* session_create(lib_globals* ctx, int fd, session_kind kind) {
+    host_state* host = ctx->host;
+    std::size_t same_kind = 0;
+    for (const session* other = host->sessions; other; other = other->next) same_kind += other->kind == kind;
+    if (same_kind >= SESSION_MAX) {
+        static const char text[] = "% Too many sessions\r\n";
+        (void)send(fd, text, sizeof text - 1, MSG_DONTWAIT | MSG_NOSIGNAL);  // closed in any case
+        close(fd);
+        return nullptr;
+    }
+    auto* s = static_cast<session*>(memmgr_calloc(sizeof(session), MTYPE_CLI_SESSION));
+    if (!s) {
+        close(fd);
+        return nullptr;
+    }
+    s->ctx = ctx;
+    s->fd = fd;
+    s->kind = kind;
+    s->stage = kind == session_kind::local ? session_stage::hello : session_stage::password;
+    s->frame = NO_FRAME;
+    s->page_length = -1;
+    s->out.limit = SESSION_OUTPUT_MAX;
+    s->active = thread_now(ctx);
+    init_cli(s);
+    s->next = host->sessions;
+    host->sessions = s;
+    host->session_count++;
+    return s;
+}
+
+void session_close(session* s) {
+    host_state* host = s->ctx->host;
+    for (session** at = &host->sessions; *at; at = &(*at)->next) {
+        if (*at != s) continue;
+        *at = s->next;
+        host->session_count--;
+        break;
+    }
+    (void)session_monitor(s, false);  // taking a tap away can't fail
+    password_disown(s->ctx, s);
+    thread_cancel(s->read_event);
+    thread_cancel(s->write_event);
+    thread_cancel(s->timer);
+    thread_forget_fd(s->ctx, s->fd);
+    close(s->fd);
+    line_editor_free(s->editor);
+    text_free(&s->in);
+    text_free(&s->out);
+    memmgr_free(s, MTYPE_CLI_SESSION);
+}
+
+void session_end(cli* c) {
+    if (c->line) session_of(c)->ending = true;
+}
+
+void session_write_raw(session* s, std::string_view octets) {
+    if (s->overrun) return;
+    if (!make_output_room(s) || !text_append(&s->out, octets.data(), octets.size())) s->overrun = true;
+}
+
+void session_write(session* s, std::string_view text) {
+    if (s->overrun) return;
+    if (s->stage == session_stage::batch) {
+        if (!make_output_room(s)) s->overrun = true;
+        session_batch_output(s, text);
+        return;
+    }
+    while (!text.empty()) {
+        std::size_t newline = text.find('\n');
+        session_write_raw(s, slice(text, 0, newline));
+        if (newline == std::string_view::npos) return;
+        session_write_raw(s, "\r\n");
+        text.remove_prefix(newline + 1);
+    }
+}
+
+void session_print(session* s, const char* format, ...) {
+    text_buffer text;
+    va_list args;
+    va_start(args, format);
+    if (text_vprintf(&text, format, args))
+        session_write(s, text.view());
+    else
+        s->overrun = true;
+    va_end(args);
+    text_free(&text);
+}
+
+namespace {
+
+// Arms what the session waits for. False when there is no memory for an event: it would never be served
+// again.
+bool arm_events(session* s, bool drained, bool ready) {
+    if (!drained && !s->write_event) {
+        s->write_event = thread_add_write(s->ctx, on_writable, s, s->fd);
+        if (!s->write_event) return false;
+    }
+    bool wants = !s->eof && !s->ending && s->in.length < input_limit(s);
+    if ((ready || wants) && !s->read_event) {
+        s->read_event = thread_add_read(s->ctx, on_readable, s, s->fd);
+        if (!s->read_event) return false;
+    }
+    if (ready) thread_mark_ready(s->ctx, s->fd);
+    arm_timer(s);
+    return true;
+}
+
+}  // namespace
+
+void sessions_rearm(session* list) {
+    for (session* s = list; s; s = s->next) {
+        if (s->stage == session_stage::delayed) continue;
+        thread_cancel(s->timer);
+        s->timer = nullptr;
+        arm_timer(s);
+    }
+}
+
+void session_finish(session* s, bool good) {
+    s->busy = false;
+    if (s->stage == session_stage::batch)
+        session_batch_finish(s, good);
+    else
+        session_interactive_finish(s);
+    session_settle(s);
+}
+
+void session_delay_end(session* s, std::uint32_t seconds) {
+    s->stage = session_stage::delayed;
+    thread_cancel(s->timer);
+    s->timer = thread_add_timer_msec(s->ctx, on_timer, s, seconds * 1000);
+    if (!s->timer) s->ending = true;
+}
+
+void session_want_send(session* s) {
+    if (!s->write_event) s->write_event = thread_add_write(s->ctx, on_writable, s, s->fd);
+}
+
+bool session_settle(session* s) {
+    bool alive = send_some(s);
+    if (alive && s->overrun) {
+        log_suite(LOG_LEVEL_WARNING, "terminal %s closed: its output is not read", s->peer);
+        alive = false;
+    }
+    if (s->eof && s->stage == session_stage::paging && s->in.length == 0) {
+        session_pager_finish(s);  // nobody will turn the page
+        alive = alive && send_some(s);
+    }
+    bool drained = s->sent == may_go(s);
+    bool ready = is_ready(s);
+    bool over = s->ending || (s->eof && !ready && !s->busy);
+    if (drained && over) alive = false;
+    if (alive) {
+        tidy_output(s);
+        alive = arm_events(s, drained, ready);
+    }
+    if (!alive) session_close(s);
+    return alive;
+}

@@ -1,0 +1,96 @@
+// Terminal sessions: one connected client each, local (Unix socket) or TCP. A session owns its descriptor,
+// its input and output buffers and the `cli` that handlers see; the host owns the list of sessions. At most
+// one line is run a loop event, and none while the output of the former one has not gone out, so a session
+// can neither hold the loop nor grow: its output is limited, and a client that does not read it is closed.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "suite/base/clock.h"
+#include "suite/base/text.h"
+#include "suite/command/cli.h"
+#include "suite/loop/thread.h"
+#include "suite/terminal/line_editor.h"
+#include "suite/terminal/telnet.h"
+#include "suite/terminal/wire.h"
+
+constexpr std::size_t SESSION_MAX = 32;
+constexpr std::size_t SESSION_OUTPUT_MAX = 256 * 1024 - 1;  // with the closing zero: 256 KiB of memory
+constexpr std::size_t SESSION_READ_SIZE = 4096;
+
+enum class session_kind : std::uint8_t { local, tcp };
+enum class session_stage : std::uint8_t {
+    hello,  // local: the first line is awaited
+    batch,
+    password,  // TCP: the password is awaited
+    delayed,   // TCP: three wrong passwords; closes when its timer is due
+    prompt,    // interactive: keys go to the line editor
+    paging,    // interactive: "--More--" stands at the bottom of the screen
+};
+
+struct session {
+    cli c;  // what handlers see; c.line points to this record
+    lib_globals* ctx;
+    session* next;  // host's list
+    int fd;
+    session_kind kind;
+    session_stage stage;
+    bool eof;      // the client has sent its last octet
+    bool ending;   // closes when the output has gone out
+    bool overrun;  // output did not fit: what follows is dropped, the session closes
+    bool monitor;  // log lines are shown (terminal monitor)
+    bool running;  // a command is running: no prompt stands on the screen
+    bool busy;     // a child process works for the session: nothing more is taken from the client
+    std::uint32_t monitor_lost;  // log lines that there was no room for
+    text_buffer in;
+    text_buffer out;
+    std::size_t sent;      // octets of `out` that have gone
+    std::size_t released;  // paging: octets of `out` that may go
+    std::size_t frame;     // batch: place of the open output frame in `out`, or NO_FRAME
+    std::size_t to_skip;   // batch: octets still to be passed over
+    thread* read_event;
+    thread* write_event;
+    thread* timer;        // idle limit, or the delay behind wrong passwords
+    nanoseconds active;   // last time that the client did something
+    line_editor* editor;  // interactive only
+    telnet_decoder telnet;
+    std::uint16_t rows, columns;
+    std::int32_t page_length;  // lines a page; -1: the window's height; 0: no pages
+    std::uint8_t wrong_passwords;
+    std::uint8_t source[16];  // TCP: the client's address
+    char peer[64];            // for the log
+};
+
+constexpr std::size_t NO_FRAME = static_cast<std::size_t>(-1);
+
+// Takes the descriptor over (closed on failure). Null when memory is exhausted or SESSION_MAX sessions of
+// this kind are open; the client is told in the second case.
+session* session_create(lib_globals* ctx, int fd, session_kind kind);
+// Frees the record at once. Only from the loop's own handlers, never from inside a command.
+void session_close(session* s);
+
+// A command's wish to end the session (exit); ignored without a session.
+void session_end(cli* c);
+inline session* session_of(const cli* c) {
+    return static_cast<session*>(c->line);
+}
+
+// A command left the session busy (see `busy`) and is at its end now. The session may be gone behind it.
+void session_finish(session* s, bool good);
+
+// The idle limit is another one: from now on it holds for all sessions of the list.
+void sessions_rearm(session* list);
+
+// `terminal monitor`: log lines at the terminal. False when there is no room for one more.
+bool session_monitor(session* s, bool on);
+
+// Appends to the output. Interactive sessions get CR LF for LF; batch sessions a frame.
+void session_print(session* s, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void session_write(session* s, std::string_view text);
+// Octets as they are.
+void session_write_raw(session* s, std::string_view octets);
+// Sends soon: for what appends to the output outside the session's own events.
+void session_want_send(session* s);
+// Sends what may go; arms the events that are needed now. False when the session has been closed.
+bool session_settle(session* s);

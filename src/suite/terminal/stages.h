@@ -1,0 +1,24 @@
+// The halves of a session that session.cpp puts together: what the client's octets mean in each stage. A step
+// takes what it can use from `in` and runs at most one line.
+#pragma once
+
+#include "suite/terminal/session.h"
+
+// Batch.
+bool session_batch_ready(const session* s);  // a whole request is there, or something to pass over
+void session_batch_step(session* s);
+std::size_t session_batch_input_limit(const session* s);
+void session_batch_output(session* s, std::string_view text);
+
+// Interactive: password, prompt, paging. `drained`: all output has gone out.
+bool session_interactive_ready(const session* s, bool drained);
+void session_interactive_step(session* s);
+void session_interactive_start(session* s);
+std::size_t session_page_length(const session* s);  // 0: no pages
+void session_pager_finish(session* s);              // lets all that is held back go
+
+// A command that left its session busy has come to its end.
+void session_batch_finish(session* s, bool good);
+void session_interactive_finish(session* s);
+// Holds the session for some seconds, deaf, and ends it.
+void session_delay_end(session* s, std::uint32_t seconds);

@@ -1,0 +1,251 @@
+// The TCP terminal: listens on the loopback addresses only and asks for a password. Wrong passwords cost
+// time: after three of them the answer is held back, longer with each session of that source, the session
+// closed, and the source sent away until that time is over. A right password clears the source's record.
+#include "suite/terminal/tcp.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "suite/base/memory.h"
+#include "suite/log/log.h"
+#include "suite/terminal/password.h"
+#include "suite/terminal/session.h"
+#include "suite/terminal/stages.h"
+#include "suite/terminal/terminal.h"
+
+namespace {
+
+constexpr std::size_t SOURCES = 16;  // loopback has few; the oldest record makes room
+constexpr std::uint8_t TRIES = 3;
+constexpr std::uint32_t DELAY_FIRST_S = 1, DELAY_LONGEST_S = 64;
+constexpr nanoseconds FORGOTTEN_AFTER = 3600 * NS_PER_S;
+
+struct bad_source {
+    std::uint8_t address[16];
+    std::uint32_t delay_s;  // the last one; 0: free record
+    nanoseconds until;      // sent away until then
+};
+
+}  // namespace
+
+struct tcp_listener {
+    tcp_terminal* tcp;
+    int fd;  // -1: not open
+    thread* event;
+};
+
+struct tcp_terminal {
+    host_state* host;
+    tcp_listener listeners[2];
+    bad_source sources[SOURCES];
+};
+
+namespace {
+
+int on_connection(thread* event);
+
+bad_source* find_source(tcp_terminal* tcp, const std::uint8_t* address) {
+    for (bad_source& source : tcp->sources)
+        if (source.delay_s && std::memcmp(source.address, address, sizeof source.address) == 0)
+            return &source;
+    return nullptr;
+}
+
+bad_source* make_source(tcp_terminal* tcp, const std::uint8_t* address) {
+    bad_source* source = find_source(tcp, address);
+    if (source) return source;
+    source = &tcp->sources[0];
+    for (bad_source& other : tcp->sources)
+        if (other.until < source->until) source = &other;
+    *source = {};
+    std::memcpy(source->address, address, sizeof source->address);
+    return source;
+}
+
+std::uint32_t next_delay(tcp_terminal* tcp, const std::uint8_t* address, nanoseconds now) {
+    bad_source* source = make_source(tcp, address);
+    bool fresh = source->delay_s == 0 || now > source->until + FORGOTTEN_AFTER;
+    source->delay_s = fresh ? DELAY_FIRST_S : source->delay_s * 2;
+    if (source->delay_s > DELAY_LONGEST_S) source->delay_s = DELAY_LONGEST_S;
+    source->until = now + source->delay_s * NS_PER_S;
+    return source->delay_s;
+}
+
+// Tells a client that can't be served, and closes.
+void send_away(int fd, const char* text) {
+    (void)send(fd, text, std::strlen(text), MSG_DONTWAIT | MSG_NOSIGNAL);  // closed in any case
+    close(fd);
+}
+
+void keep_peer(session* s, const sockaddr_storage& peer) {
+    char text[INET6_ADDRSTRLEN] = "?";
+    unsigned port = 0;
+    if (peer.ss_family == AF_INET6) {
+        sockaddr_in6 address;
+        std::memcpy(&address, &peer, sizeof address);
+        std::memcpy(s->source, &address.sin6_addr, 16);
+        inet_ntop(AF_INET6, &address.sin6_addr, text, sizeof text);
+        port = ntohs(address.sin6_port);
+    } else if (peer.ss_family == AF_INET) {
+        sockaddr_in address;
+        std::memcpy(&address, &peer, sizeof address);
+        std::memcpy(s->source, &address.sin_addr, 4);
+        inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
+        port = ntohs(address.sin_port);
+    }
+    std::snprintf(s->peer, sizeof s->peer, "%s port %u", text, port);
+}
+
+void ask_password(session* s) {
+    s->editor->hidden = true;
+    line_editor_start(s->editor, "Password: ", &s->out);
+}
+
+void open_session(tcp_terminal* tcp, int fd, const sockaddr_storage& peer) {
+    session* s = session_create(tcp->host->ctx, fd, session_kind::tcp);
+    if (!s) return;
+    int on = 1;
+    (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // only makes keys wait
+    keep_peer(s, peer);
+    bad_source* source = find_source(tcp, s->source);
+    s->editor = line_editor_create();
+    if (source && thread_now(s->ctx) < source->until) {
+        session_write(s, "% Too many wrong passwords, try again later\n");
+        s->ending = true;
+    } else if (s->editor) {
+        session_write_raw(s, {reinterpret_cast<const char*>(TELNET_OPENING), sizeof TELNET_OPENING});
+        ask_password(s);
+    } else {
+        s->ending = true;
+    }
+    session_settle(s);
+}
+
+int try_again(thread* event) {
+    auto* listener = static_cast<tcp_listener*>(event->arg);
+    listener->event = thread_add_read(listener->tcp->host->ctx, on_connection, listener, listener->fd);
+    return 0;
+}
+
+// One client a turn. Without descriptors or memory the next try waits, because the client that waits would
+// make every turn ready.
+int on_connection(thread* event) {
+    auto* listener = static_cast<tcp_listener*>(event->arg);
+    tcp_terminal* tcp = listener->tcp;
+    listener->event = nullptr;
+    sockaddr_storage peer{};
+    socklen_t size = sizeof peer;
+    int fd = accept4(listener->fd, reinterpret_cast<sockaddr*>(&peer), &size, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (fd < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS)) {
+        listener->event = thread_add_timer_msec(tcp->host->ctx, try_again, listener, 500);
+        return 0;
+    }
+    if (fd >= 0 && !tcp->host->password[0])
+        send_away(fd, "% No terminal password is configured\r\n");
+    else if (fd >= 0)
+        open_session(tcp, fd, peer);
+    listener->event = thread_add_read(tcp->host->ctx, on_connection, listener, listener->fd);
+    return 0;
+}
+
+int listen_at(int family, std::uint16_t port) {
+    int fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) return -errno;
+    int on = 1, result;
+    (void)setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);  // without it a restart may have to wait
+    // The loopback interface of a namespace may come up later than we do.
+    if (family == AF_INET6) {
+        (void)setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+        (void)setsockopt(fd, IPPROTO_IPV6, IPV6_FREEBIND, &on, sizeof on);
+        sockaddr_in6 address{};
+        address.sin6_family = AF_INET6;
+        address.sin6_port = htons(port);
+        address.sin6_addr = in6addr_loopback;
+        result = bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    } else {
+        (void)setsockopt(fd, IPPROTO_IP, IP_FREEBIND, &on, sizeof on);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        result = bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    }
+    if (result == 0 && listen(fd, static_cast<int>(SESSION_MAX)) == 0) return fd;
+    result = -errno;
+    close(fd);
+    return result;
+}
+
+void on_checked(lib_globals* ctx, void* owner, const char* hash) {
+    auto* s = static_cast<session*>(owner);
+    if (!s) return;
+    tcp_terminal* tcp = ctx->host->tcp;
+    s->busy = false;
+    if (hash && ctx->host->password[0] && std::strcmp(hash, ctx->host->password) == 0) {
+        if (bad_source* source = find_source(tcp, s->source)) *source = {};
+        log_suite(LOG_LEVEL_INFO, "terminal opened from %s", s->peer);
+        s->editor->hidden = false;
+        session_interactive_start(s);
+    } else if (++s->wrong_passwords < TRIES) {
+        session_write(s, "% Wrong password\n");
+        ask_password(s);
+    } else {
+        std::uint32_t delay = next_delay(tcp, s->source, thread_now(ctx));
+        log_suite(LOG_LEVEL_WARNING, "%u wrong passwords from %s, held for %u s", TRIES, s->peer, delay);
+        session_delay_end(s, delay);
+    }
+    session_settle(s);
+}
+
+}  // namespace
+
+void tcp_password_line(session* s, std::string_view line) {
+    if (line.size() > PASSWORD_MAX) line = "";  // no password is empty: this one is wrong
+    s->busy = password_start(s->ctx, line, s->ctx->host->password, on_checked, s) != nullptr;
+    if (s->busy) return;
+    session_write(s, "% Passwords can't be checked now\n");
+    s->ending = true;
+}
+
+void tcp_terminal_start(host_state* host) {
+    if (host->vty_port == 0 || host->tcp) return;
+    auto* tcp = static_cast<tcp_terminal*>(memmgr_calloc(sizeof(tcp_terminal), MTYPE_HOST));
+    if (!tcp) {
+        log_suite(LOG_LEVEL_ERROR, "TCP terminal: out of memory");
+        return;
+    }
+    tcp->host = host;
+    host->tcp = tcp;
+    constexpr int families[2] = {AF_INET, AF_INET6};
+    for (std::size_t i = 0; i < 2; i++) {
+        int fd = listen_at(families[i], host->vty_port);
+        tcp_listener* listener = &tcp->listeners[i];
+        *listener = {tcp, fd < 0 ? -1 : fd, nullptr};
+        if (fd >= 0) {
+            listener->event = thread_add_read(host->ctx, on_connection, listener, fd);
+        } else {
+            int level = families[i] == AF_INET6 && fd == -EAFNOSUPPORT ? LOG_LEVEL_INFO : LOG_LEVEL_ERROR;
+            log_suite(level, "TCP terminal on %s port %u: %s", i ? "::1" : "127.0.0.1", host->vty_port,
+                      std::strerror(-fd));
+        }
+    }
+}
+
+void tcp_terminal_stop(host_state* host) {
+    tcp_terminal* tcp = host->tcp;
+    if (!tcp) return;
+    for (tcp_listener& listener : tcp->listeners) {
+        thread_cancel(listener.event);
+        if (listener.fd < 0) continue;
+        thread_forget_fd(host->ctx, listener.fd);
+        close(listener.fd);
+    }
+    memmgr_free(tcp, MTYPE_HOST);
+    host->tcp = nullptr;
+}
