@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "suite/agentx/record.h"
-#include "unit/suite_loop_support.h"
+#include "unit/suite_support.h"
 
 using bytes = std::vector<std::uint8_t>;
 using oid = std::vector<snmp_oid>;

@@ -19,7 +19,7 @@
 #include "suite/base/memory.h"
 #include "suite/log/log.h"
 #include "unit/suite_line_runner.h"
-#include "unit/suite_loop_support.h"
+#include "unit/suite_support.h"
 
 namespace {
 

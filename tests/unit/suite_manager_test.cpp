@@ -8,7 +8,7 @@
 #include "suite/log/log.h"
 #include "suite/manager/record.h"
 #include "unit/suite_line_runner.h"
-#include "unit/suite_loop_support.h"
+#include "unit/suite_support.h"
 
 namespace {
 
