@@ -3,8 +3,6 @@
 #include "esmcsh/client.h"
 
 #include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/un.h>
 #include <unistd.h>
 #include <cerrno>
 #include <cstdio>
@@ -14,18 +12,12 @@
 #include "suite/base/octets.h"
 #include "suite/base/slice.h"
 #include "suite/base/text.h"
+#include "suite/base/unix_socket.h"
 #include "suite/terminal/wire.h"
 
 namespace {
 
 constexpr int CONNECT_LIMIT_S = 10;  // a daemon that does not take connections is not reached
-
-void set_send_limit(int fd, int seconds) {
-    timeval limit{};
-    limit.tv_sec = seconds;
-    (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit,
-                     sizeof limit);  // without it connect only waits longer
-}
 
 bool receive(int fd, void* to, std::size_t count) {
     auto* at = static_cast<char*>(to);
@@ -72,21 +64,8 @@ void client_lost() {
 }
 
 int client_connect(const char* path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (std::strlen(path) >= sizeof address.sun_path) {
-        std::fprintf(stderr, "esmcsh: %s: path too long\n", path);
-        return -1;
-    }
-    std::memcpy(address.sun_path, path, std::strlen(path));  // the rest is zero
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd >= 0) set_send_limit(fd, CONNECT_LIMIT_S);
-    if (fd < 0 || connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        std::fprintf(stderr, "esmcsh: can't reach esmcd at %s: %s\n", path, std::strerror(errno));
-        if (fd >= 0) close(fd);
-        return -1;
-    }
-    set_send_limit(fd, 0);
+    const int fd = unix_connect(path, SOCK_STREAM, CONNECT_LIMIT_S);
+    if (fd < 0) std::fprintf(stderr, "esmcsh: can't reach esmcd at %s: %s\n", path, std::strerror(-fd));
     return fd;
 }
 

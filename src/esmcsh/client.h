@@ -1,4 +1,4 @@
-// The shell's end of the local terminal socket. What goes over it is described in suite/terminal/session.h.
+// The shell's end of the local terminal socket. suite/terminal/wire.h says what goes over it.
 #pragma once
 
 #include <string_view>
@@ -10,7 +10,7 @@ enum shell_status : int {
     SHELL_UNREACHABLE = 2,
 };
 
-// A connected descriptor, or -1: said on standard error.
+// A connected descriptor, or negative: said on standard error.
 int client_connect(const char* path);
 // Sends everything. False when the daemon is gone.
 bool client_send(int fd, std::string_view data);

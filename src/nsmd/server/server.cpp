@@ -1,23 +1,23 @@
-// The NSM server: sessions and their messages. Owns the list of clients; the listening socket is in
-// nsm_listen.cpp. Everything a client sends is untrusted: what is malformed is dropped, and said at most once
-// a minute for each kind of fault, so that a broken client can't fill the log.
+// The NSM server: sessions and their messages. Owns the list of clients and the listening socket. Everything
+// a client sends is untrusted: what is malformed is dropped and said, each kind of fault once a minute at
+// most.
 #include "nsmd/server/server.h"
 
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "nsmd/module.h"
-#include "nsmd/server/listen.h"
 #include "suite/base/memory.h"
 #include "suite/log/log.h"
 #include "suite/loop/thread.h"
+#include "suite/process/listener.h"
 
 namespace {
 
 constexpr std::uint32_t PEERS_MAX = 16;
-constexpr nanoseconds FAULT_INTERVAL = 60 * NS_PER_S;
 
 enum class fault {
     too_long,
@@ -46,23 +46,20 @@ static_assert(std::size(FAULT_TEXTS) == static_cast<std::size_t>(fault::count));
 struct nsm_server {
     lib_globals* ctx;
     nsm_server_sink sink;
-    nsm_listener* listener;
+    listener entrance;
     nsm_peer* peers;
     std::uint32_t greeted;
     std::uint64_t accepted, dropped;
-    nanoseconds fault_said[static_cast<std::size_t>(fault::count)];  // 0: never
+    log_limit faults[static_cast<std::size_t>(fault::count)];
 };
 
 namespace {
 
 void complain(nsm_server* s, const nsm_peer* peer, fault kind, unsigned type) {
     ++s->dropped;
-    nanoseconds& said = s->fault_said[static_cast<std::size_t>(kind)];
-    const nanoseconds now = thread_now(s->ctx);
-    if (said && now - said < FAULT_INTERVAL) return;
-    said = now ? now : 1;
-    log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "client %ld: %s (type %u), dropped", static_cast<long>(peer->pid),
-            FAULT_TEXTS[static_cast<std::size_t>(kind)], type);
+    const auto at = static_cast<std::size_t>(kind);
+    log_limited(&s->faults[at], thread_now(s->ctx), "client %ld: %s (type %u), dropped",
+                static_cast<long>(peer->pid), FAULT_TEXTS[at], type);
 }
 
 void broadcast(nsm_server* s, nsm_peer* only, std::uint16_t type, const_octets body) {
@@ -183,7 +180,7 @@ void peer_closed(void* arg, nsm_peer* peer) {
     s->sink.clients(s->sink.arg, s->greeted, clean);
 }
 
-void connection_came(void* arg, int fd) {
+void connection_came(void* arg, int fd, const sockaddr_storage&) {
     (void)nsm_server_adopt(static_cast<nsm_server*>(arg), fd);
 }
 
@@ -198,13 +195,16 @@ nsm_server* nsm_server_create(lib_globals* ctx, const nsm_server_sink& sink) {
 }
 
 int nsm_server_listen(nsm_server* s, const char* path) {
-    s->listener = nsm_listen_start(s->ctx, path, connection_came, s);
-    return s->listener ? 0 : -1;
+    const int result = listener_start_unix(&s->entrance, s->ctx, path, SOCK_SEQPACKET, connection_came, s);
+    if (result == 0) return 0;
+    log_sys(NSMD_MODULE, LOG_LEVEL_ERROR, "can't listen on %s: %s", path,
+            result == -EADDRINUSE ? "another server is there" : std::strerror(-result));
+    return -1;
 }
 
 void nsm_server_free(nsm_server* s) {
     if (!s) return;
-    nsm_listen_stop(s->listener);
+    listener_stop(&s->entrance);
     while (nsm_peer* peer = s->peers) {
         s->peers = peer->next;
         nsm_peer_free(peer);

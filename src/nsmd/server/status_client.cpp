@@ -4,7 +4,6 @@
 
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,25 +11,18 @@
 #include <cstring>
 
 #include "nsmd/server/server.h"
+#include "suite/base/unix_socket.h"
 
 namespace {
 
 constexpr int TIMEOUT_S = 5;
 
 int dial(const char* path) {
-    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -1;
+    const int fd = unix_connect(path, SOCK_SEQPACKET, TIMEOUT_S);
     const timeval limit{TIMEOUT_S, 0};
-    (void)setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path, sizeof address.sun_path - 1);
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return fd;
-    const int error = errno;
-    close(fd);
-    errno = error;
-    return -1;
+    if (fd >= 0)
+        (void)setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);  // it would wait for ever
+    return fd;
 }
 
 bool ask(int fd) {
@@ -58,6 +50,7 @@ bool print_answer(int fd) {
 int status_print(const char* socket_path) {
     errno = 0;
     const int fd = dial(socket_path);
+    if (fd < 0) errno = -fd;
     const bool answered = fd >= 0 && ask(fd) && print_answer(fd) && std::fflush(stdout) == 0;
     if (!answered)
         std::fprintf(stderr, "nsmd: no status from %s: %s\n", socket_path,

@@ -5,7 +5,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,6 +12,7 @@
 #include <cstring>
 
 #include "suite/agentx/record.h"
+#include "suite/base/unix_socket.h"
 
 namespace {
 
@@ -21,16 +21,6 @@ int begin_connect(int fd, const void* address, socklen_t length) {
     const int error = errno;
     close(fd);
     return -error;
-}
-
-int open_unix(const agentx_target* target) {
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -errno;
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    static_assert(sizeof address.sun_path == sizeof target->path);
-    std::memcpy(address.sun_path, target->path, sizeof target->path);
-    return begin_connect(fd, &address, sizeof address);
 }
 
 int open_tcp(const agentx_target* target) {
@@ -53,7 +43,7 @@ int open_tcp(const agentx_target* target) {
 }  // namespace
 
 int agentx_link_open_real(const agentx_target* target) {
-    return target->tcp ? open_tcp(target) : open_unix(target);
+    return target->tcp ? open_tcp(target) : unix_connect(target->path, SOCK_STREAM | SOCK_NONBLOCK);
 }
 
 bool agentx_set_tcp(agentx_target* target, const char* host, std::uint16_t port) {

@@ -55,7 +55,6 @@ int host_vty_init(lib_globals* ctx) {
     if (!host) return -1;
     host->ctx = ctx;
     host->exec_timeout_s = HOST_DEFAULT_EXEC_TIMEOUT_S;
-    host->local_fd = -1;
     ctx->host = host;
     ctx->ifm.after_bind = run_pending;
     ctx->ctree->after_run = after_run;

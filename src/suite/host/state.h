@@ -11,6 +11,7 @@
 #include "suite/command/tree.h"
 #include "suite/host/host.h"
 #include "suite/loop/thread.h"
+#include "suite/process/listener.h"
 #include "suite/terminal/password.h"
 
 struct session;
@@ -51,8 +52,7 @@ struct host_state {
     std::size_t pending_octets;
     session* sessions;
     std::size_t session_count;
-    int local_fd;
-    thread* local_accept;
+    listener local;
     std::uint16_t vty_port;
     tcp_terminal* tcp;
 };

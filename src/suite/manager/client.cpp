@@ -19,10 +19,10 @@
 #include <cerrno>
 #include <cinttypes>
 #include <cstdarg>
-#include <cstdio>
 #include <cstring>
 
 #include "suite/base/memory.h"
+#include "suite/base/unix_socket.h"
 #include "suite/log/log.h"
 #include "suite/loop/thread.h"
 #include "suite/manager/record.h"
@@ -31,9 +31,13 @@ namespace {
 
 constexpr std::uint32_t RETRY_MS = 500;
 constexpr std::uint32_t RESERVE_MS = 3'600'000;
-constexpr nanoseconds FAULT_LOG_PERIOD = 60 * NS_PER_S;
 
-nsm_link_open link_open = nsm_link_open_real;
+// Connecting to a Unix socket never takes time: it succeeds or fails at once, and is then tried again later.
+int open_real_link() {
+    return unix_connect(NSM_SOCKET_PATH, SOCK_SEQPACKET | SOCK_NONBLOCK);
+}
+
+nsm_link_open link_open = open_real_link;
 
 void try_connect(nsm_client* nc);
 void continue_sending(nsm_client* nc);
@@ -312,22 +316,10 @@ int on_readable(thread* event) {
 
 void nsm_fault_count(nsm_client* nc, nsm_fault kind, const char* format, ...) {
     ++nc->stats.dropped;
-    nsm_fault_log& f = nc->faults[static_cast<std::size_t>(kind)];
-    const nanoseconds now = thread_now(nc->ctx);
-    if (f.logged && now - f.last < FAULT_LOG_PERIOD) {
-        ++f.silent;
-        return;
-    }
-    char text[160];
     va_list args;
     va_start(args, format);
-    vsnprintf(text, sizeof text, format, args);
+    log_limited_args(&nc->faults[static_cast<std::size_t>(kind)], thread_now(nc->ctx), "NSM: ", format, args);
     va_end(args);
-    if (f.silent)
-        log_suite(LOG_LEVEL_WARNING, "NSM: %s (%" PRIu64 " like it since the last line)", text, f.silent);
-    else
-        log_suite(LOG_LEVEL_WARNING, "NSM: %s", text);
-    f = {true, now, 0};
 }
 
 int nsm_send(nsm_client* nc, std::uint16_t type, const std::uint32_t* words, std::size_t count) {
@@ -412,7 +404,7 @@ void nsm_client_stop(nsm_client* nc) {
 }
 
 void nsm_client_set_link_open(nsm_link_open open_link) {
-    link_open = open_link ? open_link : nsm_link_open_real;
+    link_open = open_link ? open_link : open_real_link;
 }
 
 void nsm_client_deliver(nsm_client* nc, const void* message, std::size_t length) {

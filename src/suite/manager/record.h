@@ -1,8 +1,8 @@
 // The NSM client's record and what its files call of each other. Private to the NSM client.
 #pragma once
 
-#include "suite/base/clock.h"
 #include "suite/base/octets.h"
+#include "suite/log/limit.h"
 #include "suite/manager/client.h"
 
 struct thread;
@@ -37,12 +37,6 @@ struct nsm_request {
     bool pending;  // to be sent on this link
 };
 
-struct nsm_fault_log {
-    bool logged;
-    nanoseconds last;
-    std::uint64_t silent;  // faults since the last line
-};
-
 struct nsm_client {
     lib_globals* ctx;
     std::uint16_t version, protocol_id;
@@ -73,12 +67,9 @@ struct nsm_client {
     nsm_request* requests;
     std::size_t request_count, request_room;
 
-    nsm_fault_log faults[static_cast<std::size_t>(nsm_fault::COUNT)];
+    log_limit faults[static_cast<std::size_t>(nsm_fault::COUNT)];
     nsm_client_stats stats;
 };
-
-// nsm_client_link.cpp
-int nsm_link_open_real();
 
 // nsm_client.cpp
 // Counts a fault and logs it, unless its kind was logged less than a minute ago.

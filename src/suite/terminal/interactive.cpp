@@ -230,7 +230,7 @@ std::size_t session_page_length(const session* s) {
     return lines < 2 ? 0 : lines;
 }
 
-bool session_interactive_ready(const session* s, bool) {
+bool session_interactive_ready(const session* s) {
     if (s->stage == session_stage::paging || unsent(s) < KEYS_WAIT_ABOVE) return true;
     return std::memchr(s->in.data, KEY_CTRL_C, s->in.length) != nullptr;
 }

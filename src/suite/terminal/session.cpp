@@ -1,5 +1,5 @@
-// A session's life, its descriptor and its buffers. See session.h for what goes over the wire;
-// session_batch.cpp and session_interactive.cpp say what the octets mean.
+// A session's life, its descriptor and its buffers. wire.h says what goes over the wire,
+// batch.cpp and interactive.cpp do what the octets ask for.
 //
 // A client that is slow only holds itself up: its next line is run when the output of the former one has gone
 // out, and what does not fit the buffer ends the session.
@@ -158,7 +158,7 @@ bool is_ready(const session* s) {
         case session_stage::delayed:
             return false;
         default:
-            return session_interactive_ready(s, unsent(s) == 0);
+            return session_interactive_ready(s);
     }
 }
 

@@ -10,8 +10,8 @@ void session_batch_step(session* s);
 std::size_t session_batch_input_limit(const session* s);
 void session_batch_output(session* s, std::string_view text);
 
-// Interactive: password, prompt, paging. `drained`: all output has gone out.
-bool session_interactive_ready(const session* s, bool drained);
+// Interactive: password, prompt, paging.
+bool session_interactive_ready(const session* s);
 void session_interactive_step(session* s);
 void session_interactive_start(session* s);
 std::size_t session_page_length(const session* s);  // 0: no pages

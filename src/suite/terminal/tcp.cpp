@@ -34,21 +34,13 @@ struct bad_source {
 
 }  // namespace
 
-struct tcp_listener {
-    tcp_terminal* tcp;
-    int fd;  // -1: not open
-    thread* event;
-};
-
 struct tcp_terminal {
     host_state* host;
-    tcp_listener listeners[2];
+    listener listeners[2];
     bad_source sources[SOURCES];
 };
 
 namespace {
-
-int on_connection(thread* event);
 
 bad_source* find_source(tcp_terminal* tcp, const std::uint8_t* address) {
     for (bad_source& source : tcp->sources)
@@ -127,31 +119,12 @@ void open_session(tcp_terminal* tcp, int fd, const sockaddr_storage& peer) {
     session_settle(s);
 }
 
-int try_again(thread* event) {
-    auto* listener = static_cast<tcp_listener*>(event->arg);
-    listener->event = thread_add_read(listener->tcp->host->ctx, on_connection, listener, listener->fd);
-    return 0;
-}
-
-// One client a turn. Without descriptors or memory the next try waits, because the client that waits would
-// make every turn ready.
-int on_connection(thread* event) {
-    auto* listener = static_cast<tcp_listener*>(event->arg);
-    tcp_terminal* tcp = listener->tcp;
-    listener->event = nullptr;
-    sockaddr_storage peer{};
-    socklen_t size = sizeof peer;
-    int fd = accept4(listener->fd, reinterpret_cast<sockaddr*>(&peer), &size, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (fd < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS)) {
-        listener->event = thread_add_timer_msec(tcp->host->ctx, try_again, listener, 500);
-        return 0;
-    }
-    if (fd >= 0 && !tcp->host->password[0])
+void on_connection(void* arg, int fd, const sockaddr_storage& peer) {
+    auto* tcp = static_cast<tcp_terminal*>(arg);
+    if (!tcp->host->password[0])
         send_away(fd, "% No terminal password is configured\r\n");
-    else if (fd >= 0)
+    else
         open_session(tcp, fd, peer);
-    listener->event = thread_add_read(tcp->host->ctx, on_connection, listener, listener->fd);
-    return 0;
 }
 
 int listen_at(int family, std::uint16_t port) {
@@ -224,28 +197,19 @@ void tcp_terminal_start(host_state* host) {
     host->tcp = tcp;
     constexpr int families[2] = {AF_INET, AF_INET6};
     for (std::size_t i = 0; i < 2; i++) {
-        int fd = listen_at(families[i], host->vty_port);
-        tcp_listener* listener = &tcp->listeners[i];
-        *listener = {tcp, fd < 0 ? -1 : fd, nullptr};
-        if (fd >= 0) {
-            listener->event = thread_add_read(host->ctx, on_connection, listener, fd);
-        } else {
-            int level = families[i] == AF_INET6 && fd == -EAFNOSUPPORT ? LOG_LEVEL_INFO : LOG_LEVEL_ERROR;
-            log_suite(level, "TCP terminal on %s port %u: %s", i ? "::1" : "127.0.0.1", host->vty_port,
-                      std::strerror(-fd));
-        }
+        int result = listen_at(families[i], host->vty_port);
+        if (result >= 0) result = listener_start(&tcp->listeners[i], host->ctx, result, on_connection, tcp);
+        if (result == 0) continue;
+        int level = families[i] == AF_INET6 && result == -EAFNOSUPPORT ? LOG_LEVEL_INFO : LOG_LEVEL_ERROR;
+        log_suite(level, "TCP terminal on %s port %u: %s", i ? "::1" : "127.0.0.1", host->vty_port,
+                  std::strerror(-result));
     }
 }
 
 void tcp_terminal_stop(host_state* host) {
     tcp_terminal* tcp = host->tcp;
     if (!tcp) return;
-    for (tcp_listener& listener : tcp->listeners) {
-        thread_cancel(listener.event);
-        if (listener.fd < 0) continue;
-        thread_forget_fd(host->ctx, listener.fd);
-        close(listener.fd);
-    }
+    for (listener& l : tcp->listeners) listener_stop(&l);
     memmgr_free(tcp, MTYPE_HOST);
     host->tcp = nullptr;
 }

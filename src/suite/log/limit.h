@@ -1,0 +1,20 @@
+// Log lines that others can cause: each kind of fault is said once a minute at most, so that a broken peer
+// can't fill the log. What was left out is counted in the next line of its kind.
+#pragma once
+
+#include <cstdarg>
+
+#include "suite/base/clock.h"
+
+// One a kind of fault, zero at first.
+struct log_limit {
+    bool said;
+    nanoseconds last;
+    std::uint64_t silent;  // faults since the last line
+};
+
+// Warns, unless a line of this kind was written less than a minute before `now`.
+void log_limited(log_limit* kind, nanoseconds now, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+// The same with `head` in front.
+void log_limited_args(log_limit* kind, nanoseconds now, const char* head, const char* format, va_list args);
