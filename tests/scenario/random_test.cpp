@@ -12,48 +12,18 @@
 namespace {
 
 constexpr std::uint32_t PORTS = 6;
+constexpr std::uint8_t QUALITIES[] = {QL_PRC, QL_SSU_A, QL_SSU_B, QL_EEC1, QL_DNU,
+                                      QL_PRS, QL_STU,   QL_ST2,   QL_EEC2, 5};
+constexpr const char* TOKENS[] = {"prc", "ssu-a", "ssu-b", "eec1", "dnu", "na", "prs", "st2", "tnc", "dus"};
 
 struct step {
-    enum kind_t {
-        hear_information,
-        hear_event,
-        wait,
-        link_up,
-        link_down,
-        bind,
-        unbind,
-        dpll,
-        global,
-        ssm,
-        extend,
-        role,
-        quality,
-        priority,
-        port_synce,
-        port_esmc_add,
-        port_esmc_remove,
-        port_priority,
-        port_group,
-        port_replace,
-        port_forced,
-        force,
-        unforce,
-        gephy,
-        ssm_gephy,
-        KINDS
-    } kind;
-    std::uint32_t port;
-    std::uint32_t value, other;
+    std::size_t what;
+    std::uint32_t port, value, other;
+
+    std::uint32_t on() const { return value % 2; }
+    std::uint32_t mostly_on() const { return value % 4 != 0; }
+    std::uint8_t quality() const { return QUALITIES[value % std::size(QUALITIES)]; }
 };
-
-const char* const NAMES[] = {
-    "hear_information", "hear_event",   "wait",        "link_up",       "link_down",        "bind",
-    "unbind",           "dpll",         "global",      "ssm",           "extend",           "role",
-    "quality",          "priority",     "port_synce",  "port_esmc_add", "port_esmc_remove", "port_priority",
-    "port_group",       "port_replace", "port_forced", "force",         "unforce",          "gephy",
-    "ssm_gephy"};
-static_assert(std::size(NAMES) == step::KINDS);
-
 using script = std::vector<step>;
 
 class random_rules : public sim {
@@ -61,15 +31,14 @@ class random_rules : public sim {
     void SetUp() override {}
     void TearDown() override {}
 
-    script make_script(std::mt19937& random, std::size_t length) {
-        // Frames and time are most of a switch's life.
-        std::discrete_distribution<int> kinds(
-            {30, 6, 30, 4, 4, 3, 2, 4, 1, 1, 1, 2, 2, 2, 3, 2, 2, 3, 2, 2, 3, 1, 1, 1, 1});
+    static script make_script(std::mt19937& random, std::size_t length) {
+        std::vector<int> weights;
+        for (const action& a : ACTIONS) weights.push_back(a.weight);
+        std::discrete_distribution<std::size_t> actions(weights.begin(), weights.end());
         std::uniform_int_distribution<std::uint32_t> ports(1, PORTS), values;
         script s;
         for (std::size_t i = 0; i < length; ++i)
-            s.push_back(
-                {static_cast<step::kind_t>(kinds(random)), ports(random), values(random), values(random)});
+            s.push_back({actions(random), ports(random), values(random), values(random)});
         return s;
     }
 
@@ -80,37 +49,36 @@ class random_rules : public sim {
     };
     std::optional<fault> run(const script& steps) {
         sim::SetUp();
-        run_as_the_daemon();
+        daemon->as_the_daemon = true;
         broken.clear();
         holdover_word = 1;
         last_said.clear();
-        on_sent = [this](const sent_pdu& pdu) { check_sent(pdu); };
+        daemon->on_sent = [this](std::uint32_t index, const_octets frame) {
+            check_sent(index, frame[PDU_AT + 13]);
+        };
         for (std::uint32_t i = 1; i <= PORTS; ++i) nsm_says(NSM_MSG_LINK_ADD, port_body(i));
-        in_event([&] { enable(); });
+        daemon->in_event([&] { enable(); });
         std::optional<fault> found;
         for (std::size_t i = 0; i < steps.size() && !found; ++i) {
-            apply(steps[i]);
+            const auto act = [&] { ACTIONS[steps[i].what].run(*this, steps[i]); };
+            if (ACTIONS[steps[i].what].is_command)
+                daemon->in_event(act);
+            else
+                act();
             check_records();
             check_requests();
             if (!broken.empty()) found = fault{i, broken};
         }
-        on_sent = nullptr;
         sim::TearDown();
         return found;
     }
 
-    // Drops ever smaller pieces as long as the rest still breaks a rule.
+    // Drops each step without which the rest still breaks a rule.
     script shrink(script failing) {
-        for (std::size_t piece = failing.size() / 2; piece > 0; piece /= 2) {
-            for (std::size_t at = 0; at + piece <= failing.size();) {
-                script shorter = failing;
-                shorter.erase(shorter.begin() + static_cast<std::ptrdiff_t>(at),
-                              shorter.begin() + static_cast<std::ptrdiff_t>(at + piece));
-                if (run(shorter))
-                    failing = shorter;
-                else
-                    at += piece;
-            }
+        for (std::size_t at = failing.size(); at-- > 0;) {
+            script shorter = failing;
+            shorter.erase(shorter.begin() + static_cast<std::ptrdiff_t>(at));
+            if (run(shorter)) failing = shorter;
         }
         return failing;
     }
@@ -118,129 +86,37 @@ class random_rules : public sim {
     static std::string print(const script& steps) {
         std::ostringstream out;
         for (const step& s : steps)
-            out << "  {step::" << NAMES[s.kind] << ", " << s.port << ", " << s.value << "u, " << s.other
-                << "u},\n";
+            out << "  " << ACTIONS[s.what].name << " " << s.port << " " << s.value << " " << s.other << "\n";
         return out.str();
     }
 
   private:
+    struct action {
+        const char* name;
+        int weight;
+        bool is_command;
+        void (*run)(random_rules&, const step&);
+    };
+    static const action ACTIONS[25];
+
     std::string broken;
-    std::vector<nsm_request> seen;
 
-    template <typename... Words>
-    void rule(bool holds, const Words&... words) {
-        if (holds || !broken.empty()) return;
-        std::ostringstream out;
-        (out << ... << words);
-        broken = out.str();
+    void rule(bool holds, const char* what) {
+        if (!holds && broken.empty()) broken = what;
     }
 
-    void apply(const step& s) {
-        static constexpr std::uint8_t QUALITIES[] = {QL_PRC, QL_SSU_A, QL_SSU_B, QL_EEC1, QL_DNU,
-                                                     QL_PRS, QL_STU,   QL_ST2,   QL_EEC2, 5};
-        const auto quality = QUALITIES[s.value % std::size(QUALITIES)];
-        switch (s.kind) {
-            case step::hear_information:
-            case step::hear_event: {
-                neighbour_pdu& pdu = last_said[s.port];
-                // Neighbours mostly say again what they said before.
-                if (s.other % 4 == 0) {
-                    pdu = {.quality = quality, .extended = s.other / 4 % 2 == 0};
-                    pdu.clock_id = {0, 1, 2, 0xFF, 0xFE, 0, 0, static_cast<std::uint8_t>(s.other / 8 % 4)};
-                    pdu.hops = static_cast<std::uint8_t>(s.other / 32 % 3);
-                }
-                pdu.event = s.kind == step::hear_event;
-                const bool taken = takes(s.port, pdu.quality);
-                hear(s.port, pdu);
-                if (taken) check_choice_is_settled();
-                return;
-            }
-            case step::wait:
-                advance(1 + s.value % 2500);
-                return;
-            case step::link_up:
-                link_up(s.port);
-                return;
-            case step::link_down:
-                link_down(s.port);
-                return;
-            case step::bind:
-                nsm_says(NSM_MSG_LINK_ADD, port_body(s.port, s.value % 2));
-                return;
-            case step::unbind:
-                unbind(s.port, s.value % 2);
-                return;
-            case step::dpll:
-                dpll(1 + s.value % 5, s.other % 9);
-                return;
-            default:
-                in_event([&] { operate(s, quality); });
+    void hear_from(const step& s, bool event) {
+        neighbour_pdu& pdu = last_said[s.port];
+        // Neighbours mostly say again what they said before.
+        if (s.other % 4 == 0) {
+            pdu = {.quality = s.quality(), .extended = s.other / 4 % 2 == 0};
+            pdu.clock_id = {0, 1, 2, 0xFF, 0xFE, 0, 0, static_cast<std::uint8_t>(s.other / 8 % 4)};
+            pdu.hops = static_cast<std::uint8_t>(s.other / 32 % 3);
         }
-    }
-
-    void operate(const step& s, std::uint8_t quality) {
-        static constexpr const char* TOKENS[] = {"prc", "ssu-a", "ssu-b", "eec1", "dnu",
-                                                 "na",  "prs",   "st2",   "tnc",  "dus"};
-        interface* i = intf(s.port);
-        const std::uint32_t on = s.value % 2;
-        switch (s.kind) {
-            case step::global:
-                (void)ssm_opts_set_global_enable(s.value % 4 != 0);
-                break;
-            case step::ssm:
-                (void)ssm_opts_set_ssm_enable(s.value % 4 != 0);
-                break;
-            case step::extend:
-                (void)ssm_opts_set_ssm_extend(on);
-                break;
-            case step::role:
-                (void)ssm_opts_set_device_type(1 + s.value % 3);
-                break;
-            case step::quality:
-                (void)ssm_opts_set_local_quality(s.other % 3 ? std::uint32_t{QL_DNU} : quality,
-                                                 static_cast<std::uint8_t>(1 + on));
-                break;
-            case step::priority:
-                (void)ssm_opts_set_local_priority(1 + s.value % 3);
-                break;
-            case step::port_synce:
-                (void)ssm_opts_set_port_synce(i, s.value % 4 != 0);
-                break;
-            case step::port_esmc_add:
-                (void)ssm_opts_set_port_esmc(i, 1 + s.value % 4);
-                break;
-            case step::port_esmc_remove:
-                (void)ssm_opts_unset_port_esmc(i, 1 + s.value % 3);
-                break;
-            case step::port_priority:
-                (void)ssm_opts_set_port_priority(i, 1 + s.value % 3);
-                break;
-            case step::port_group:
-                (void)ssm_opts_set_port_dnu_group(i, s.value % 3);
-                break;
-            case step::port_replace:
-                (void)ssm_opts_set_port_replace_clockid(i, on);
-                break;
-            case step::port_forced:
-                (void)ssm_opts_set_port_quality(i, 1 + on, TOKENS[s.other % std::size(TOKENS)]);
-                break;
-            case step::force:
-                if (ssm_if_port(i)) (void)ssm_opts_set_force_port(ssm_if_port(i));
-                break;
-            case step::unforce:
-                (void)ssm_opts_clear_force();
-                break;
-            case step::gephy:
-                set_gephy_by_command(i, on, 1 + s.other % 2);
-                break;
-            case step::ssm_gephy:
-                if (g_s_master->gephy_manual_count) break;
-                g_s_master->gephy_dynamic = on;
-                (void)ssm_opts_set_ssm_enable(1);
-                break;
-            default:
-                FAIL() << "no operation";
-        }
+        pdu.event = event;
+        const bool taken = takes(s.port, pdu.quality);
+        hear(s.port, pdu);
+        if (taken) check_choice_is_settled();
     }
 
     // As the command does it.
@@ -254,42 +130,17 @@ class random_rules : public sim {
 
     // ---- The rules ----
 
-    bool live(const ssm_port* p) {
-        bool found = false;
-        ssm_port_walk([&](const ssm_port* known) { found |= known == p; });
-        return found;
-    }
-
     void check_records() {
         const ssm_master& m = *g_s_master;
-        rule(!m.selected_port || live(m.selected_port), "the selected port is no live record");
-        rule(!m.force_port || live(m.force_port), "the forced port is no live record");
-        rule(!m.gephy_dynamic_intf || live(ssm_if_port(m.gephy_dynamic_intf)),
-             "the dynamic gephy interface has no record");
-        rule(!m.freerun || !m.holdover, "free-run and holdover at once");
-        rule(!m.freerun || !m.selected_port, "a source is selected in free-run");
-        rule(!m.holdover || !m.selected_port, "a source is selected in holdover");
+        virtual_daemon::check_records([this](bool holds, const char* what) { rule(holds, what); });
         // The operator's force switch is stronger than the role.
         rule(m.device_type != SSM_MASTER_ONLY || !m.selected_port || m.selected_port == m.force_port,
-             "a master-only switch has a source");
-        rule(m.global_enable || !m.selected_port, "a source is selected with SyncE off");
-        if (m.selected_port && live(m.selected_port))
-            rule(m.selected_port->link_up && m.selected_port->synce_enable, "the source is down or disabled");
-
+             "no source of a master-only switch");
         std::uint32_t forced = 0, manual = 0;
         ssm_port_walk([&](const ssm_port* p) {
             forced += (p->force_rx_quality != QL_NONE) + (p->force_tx_quality != QL_NONE);
             manual += p->gephy_by_command;
-            const bool runs = p->synce_enable && m.global_enable && m.ssm_enable;
-            const bool transmits = p->esmc_mode == SSM_ESMC_TX || p->esmc_mode == SSM_ESMC_ALL;
-            // On a port that is down, an event PDU that was still on its way arms the timer for one last
-            // time.
-            rule(!p->link_up || (p->send_timer != nullptr) == (runs && transmits), "send timer of port ",
-                 p->intf->ifindex);
-            // A frame that was on its way when the link went down still counts as heard.
-            rule(!p->timeout_timer || (p->synce_enable && m.global_enable && m.ssm_enable),
-                 "time-out timer of port ", p->intf->ifindex);
-            rule(!p->gephy_by_command || p->gephy_role_enable, "gephy command without a role");
+            rule(!p->gephy_by_command || p->gephy_role_enable, "no gephy command without a role");
         });
         const bool option_1 = m.ql_option == SSM_OPTION_1;
         rule((option_1 ? m.forced_ql_count_op1 : m.forced_ql_count_op2) == forced,
@@ -298,32 +149,28 @@ class random_rules : public sim {
         rule(m.gephy_manual_count == manual, "count of manual gephy roles");
     }
 
-    void check_sent(const sent_pdu& pdu) {
-        const ssm_port* p = port(pdu.port);
-        rule(p != nullptr, "a PDU on a port without a record");
-        if (!p) return;
+    void check_sent(std::uint32_t index, std::uint8_t quality) {
+        const ssm_port* p = port(index);
+        rule(p != nullptr, "PDUs leave on ports with a record");
+        if (!p || !p->link_up) return;  // nothing leaves
         const ssm_port* source = g_s_master->selected_port;
-        if (!p->link_up) return;  // nothing leaves
         rule(p->synce_enable && g_s_master->global_enable && g_s_master->ssm_enable,
-             "a PDU where none is due");
+             "no PDU where none is due");
         rule(p->esmc_mode == SSM_ESMC_TX || p->esmc_mode == SSM_ESMC_ALL,
-             "a PDU against the port's direction");
-        rule(p != source || pdu.quality == QL_DNU, "the source was not told DNU");
-        rule(!source || !p->dnu_group || p->dnu_group != source->dnu_group || pdu.quality == QL_DNU,
-             "the source's DNU group was not told DNU");
-        rule(pdu.quality != QL_NONE && pdu.quality <= QL_DNU, "quality ", int{pdu.quality}, " on the wire");
+             "no PDU against the port's direction");
+        rule(p != source || quality == QL_DNU, "the source is told DNU");
+        rule(!source || !p->dnu_group || p->dnu_group != source->dnu_group || quality == QL_DNU,
+             "the source's DNU group is told DNU");
+        rule(quality != QL_NONE && quality <= QL_DNU, "qualities on the wire are codes");
     }
 
     // Holdover is requested on and off in turn, never twice the same; a source is named again only by a force
     // switch.
     void check_requests() {
         for (const nsm_request& r : take_requests()) {
-            if (r.type == NSM_MSG_SSM_HOLDOVER_ENABLE) {
-                rule(holdover_word != r.words[0], "holdover requested twice");
-                holdover_word = r.words[0];
-            } else if (r.type == NSM_MSG_SSM_SELECTED_IF_INDEX) {
-                rule(r.words[0] >= 1 && r.words[0] <= PORTS, "a source that is no port");
-            }
+            if (r[0] == NSM_MSG_SSM_HOLDOVER_ENABLE)
+                rule(std::exchange(holdover_word, r[1]) != r[1], "holdover is not requested twice");
+            if (r[0] == NSM_MSG_SSM_SELECTED_IF_INDEX) rule(r[1] >= 1 && r[1] <= PORTS, "a source is a port");
         }
     }
 
@@ -348,22 +195,66 @@ class random_rules : public sim {
     std::map<std::uint32_t, neighbour_pdu> last_said;
 };
 
+// Frames and time are most of a switch's life.
+const random_rules::action random_rules::ACTIONS[] = {
+    {"hear_information", 30, false, [](auto& t, auto& s) { t.hear_from(s, false); }},
+    {"hear_event", 6, false, [](auto& t, auto& s) { t.hear_from(s, true); }},
+    {"wait", 30, false, [](auto& t, auto& s) { t.advance(1 + s.value % 2500); }},
+    {"link_up", 4, false, [](auto& t, auto& s) { t.link_up(s.port); }},
+    {"link_down", 4, false, [](auto& t, auto& s) { t.link_down(s.port); }},
+    {"bind", 3, false, [](auto& t, auto& s) { t.nsm_says(NSM_MSG_LINK_ADD, port_body(s.port, s.on())); }},
+    {"unbind", 2, false, [](auto& t, auto& s) { t.unbind(s.port, s.on()); }},
+    {"dpll", 4, false, [](auto& t, auto& s) { t.dpll(1 + s.value % 5, s.other % 9); }},
+    {"global", 1, true, [](auto&, auto& s) { (void)ssm_opts_set_global_enable(s.mostly_on()); }},
+    {"ssm", 1, true, [](auto&, auto& s) { (void)ssm_opts_set_ssm_enable(s.mostly_on()); }},
+    {"extend", 1, true, [](auto&, auto& s) { (void)ssm_opts_set_ssm_extend(s.on()); }},
+    {"role", 2, true, [](auto&, auto& s) { (void)ssm_opts_set_device_type(1 + s.value % 3); }},
+    {"quality", 2, true,
+     [](auto&, auto& s) {
+         (void)ssm_opts_set_local_quality(s.other % 3 ? std::uint32_t{QL_DNU} : s.quality(),
+                                          static_cast<std::uint8_t>(1 + s.on()));
+     }},
+    {"priority", 2, true, [](auto&, auto& s) { (void)ssm_opts_set_local_priority(1 + s.value % 3); }},
+    {"synce", 3, true, [](auto& t, auto& s) { (void)ssm_opts_set_port_synce(t.intf(s.port), s.mostly_on()); }},
+    {"esmc_add", 2, true, [](auto& t, auto& s) { (void)ssm_opts_set_port_esmc(t.intf(s.port), 1 + s.value % 4); }},
+    {"esmc_remove", 2, true,
+     [](auto& t, auto& s) { (void)ssm_opts_unset_port_esmc(t.intf(s.port), 1 + s.value % 3); }},
+    {"port_priority", 3, true,
+     [](auto& t, auto& s) { (void)ssm_opts_set_port_priority(t.intf(s.port), 1 + s.value % 3); }},
+    {"group", 2, true, [](auto& t, auto& s) { (void)ssm_opts_set_port_dnu_group(t.intf(s.port), s.value % 3); }},
+    {"replace", 2, true, [](auto& t, auto& s) { (void)ssm_opts_set_port_replace_clockid(t.intf(s.port), s.on()); }},
+    {"forced", 3, true,
+     [](auto& t, auto& s) {
+         (void)ssm_opts_set_port_quality(t.intf(s.port), 1 + s.on(), TOKENS[s.other % std::size(TOKENS)]);
+     }},
+    {"force", 1, true,
+     [](auto& t, auto& s) {
+         if (t.port(s.port)) (void)ssm_opts_set_force_port(t.port(s.port));
+     }},
+    {"unforce", 1, true, [](auto&, auto&) { (void)ssm_opts_clear_force(); }},
+    {"gephy", 1, true, [](auto& t, auto& s) { set_gephy_by_command(t.intf(s.port), s.on(), 1 + s.other % 2); }},
+    {"ssm_gephy", 1, true,
+     [](auto&, auto& s) {
+         if (g_s_master->gephy_manual_count) return;
+         g_s_master->gephy_dynamic = s.on();
+         (void)ssm_opts_set_ssm_enable(1);
+     }},
+};
+
 TEST_F(random_rules, hold_after_every_step) {
     const char* steps_wanted = std::getenv("ESMC_RANDOM_STEPS");
     const char* seed_wanted = std::getenv("ESMC_RANDOM_SEED");
     const std::uint64_t total = steps_wanted ? std::strtoull(steps_wanted, nullptr, 10) : 100'000;
-    const std::uint32_t first_seed =
-        seed_wanted ? static_cast<std::uint32_t>(std::strtoul(seed_wanted, nullptr, 10)) : 1;
+    const std::uint64_t first_seed = seed_wanted ? std::strtoull(seed_wanted, nullptr, 10) : 1;
     constexpr std::size_t LENGTH = 500;
-    for (std::uint32_t round = 0; round < (total + LENGTH - 1) / LENGTH; ++round) {
-        std::mt19937 random(first_seed + round);
-        const script steps = make_script(random, LENGTH);
+    for (std::uint64_t seed = first_seed; seed < first_seed + (total + LENGTH - 1) / LENGTH; ++seed) {
+        std::mt19937 random(static_cast<std::uint32_t>(seed));
+        script steps = make_script(random, LENGTH);
         const std::optional<fault> found = run(steps);
         if (!found) continue;
-        const script shortest =
-            shrink(script(steps.begin(), steps.begin() + static_cast<std::ptrdiff_t>(found->at + 1)));
-        FAIL() << found->what << " (seed " << first_seed + round << "); shortest script:\n"
-               << print(shortest);
+        steps.resize(found->at + 1);
+        FAIL() << "broken: " << found->what << " (seed " << seed << "); shortest script:\n"
+               << print(shrink(steps));
     }
 }
 

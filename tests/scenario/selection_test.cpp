@@ -5,78 +5,57 @@
 
 namespace {
 
-class selection : public sim {
+class selection : public switched_on {
   protected:
-    void SetUp() override {
-        sim::SetUp();
-        enable();
-    }
-    // Both orders of hearing must end at the same port.
-    void expect_winner(std::uint32_t winner, std::uint32_t loser) {
+    // Whatever the order in which they are compared.
+    void expect_winner(std::uint32_t winner, std::uint32_t loser, ssm_key key) {
         EXPECT_EQ(selected(), winner);
         const ssm_order forth = ssm_candidate_compare(port(winner), port(loser));
         const ssm_order back = ssm_candidate_compare(port(loser), port(winner));
-        EXPECT_LT(forth.winner, 0);
-        EXPECT_GT(back.winner, 0);
-        EXPECT_EQ(forth.key, back.key);
+        EXPECT_TRUE(forth.winner < 0 && back.winner > 0);
+        EXPECT_TRUE(forth.key == key && back.key == key) << ssm_key_text(key);
     }
 };
 
-TEST_F(selection, quality_beats_priority_and_index) {
-    add_port(1);
-    add_port(2);
-    ASSERT_EQ(ssm_opts_set_port_priority(intf(1), 1), 0);
-    hear(1, QL_SSU_A);
-    EXPECT_EQ(selected(), 1U);
-    hear(2, QL_PRC);
-    expect_winner(2, 1);
-    EXPECT_EQ(ssm_candidate_compare(port(1), port(2)).key, ssm_key::quality);
-}
-
-TEST_F(selection, equal_quality_is_decided_by_priority_then_hops_then_index) {
+TEST_F(selection, quality_then_priority_then_hops_then_index) {
+    const struct {
+        ssm_key key;
+        std::uint32_t winner;
+        std::uint8_t quality[2], priority[2], hops[2];  // of ports 3 and 4
+    } cases[] = {
+        {ssm_key::quality, 4, {QL_SSU_A, QL_PRC}, {1, 20}, {1, 3}},
+        {ssm_key::priority, 4, {QL_PRC, QL_PRC}, {20, 10}, {1, 3}},
+        {ssm_key::hop_count, 4, {QL_PRC, QL_PRC}, {20, 20}, {3, 1}},
+        {ssm_key::ifindex, 3, {QL_PRC, QL_PRC}, {20, 20}, {1, 1}},
+    };
     ASSERT_EQ(ssm_opts_set_ssm_extend(1), 0);
-    add_port(3);
-    add_port(4);
-    neighbour_pdu far = {.extended = true, .clock_id = {1, 2, 3, 0xFF, 0xFE, 4, 5, 6}, .hops = 3};
-    neighbour_pdu near = far;
-    near.hops = 1;
-
-    ASSERT_EQ(ssm_opts_set_port_priority(intf(3), 20), 0);
-    ASSERT_EQ(ssm_opts_set_port_priority(intf(4), 10), 0);
-    hear(3, near);
-    hear(4, far);
-    expect_winner(4, 3);
-    EXPECT_EQ(ssm_candidate_compare(port(3), port(4)).key, ssm_key::priority);
-
-    ASSERT_EQ(ssm_opts_set_port_priority(intf(4), 20), 0);
-    hear(4, far);
-    expect_winner(3, 4);
-    EXPECT_EQ(ssm_candidate_compare(port(3), port(4)).key, ssm_key::hop_count);
-
-    hear(4, near);
-    expect_winner(3, 4);
-    EXPECT_EQ(ssm_candidate_compare(port(3), port(4)).key, ssm_key::ifindex);
-}
-
-TEST_F(selection, hops_do_not_count_without_the_extension) {
-    add_port(3);
-    add_port(4);
+    add_ports({3, 4});
+    for (const auto& c : cases) {
+        for (std::uint32_t i : {0U, 1U}) {
+            ASSERT_EQ(ssm_opts_set_port_priority(intf(3 + i), c.priority[i]), 0);
+            hear(3 + i, {.quality = c.quality[i],
+                         .extended = true,
+                         .clock_id = {1, 2, 3, 0xFF, 0xFE, 4, 5, 6},
+                         .hops = c.hops[i]});
+        }
+        expect_winner(c.winner, 7 - c.winner, c.key);
+    }
+    ASSERT_EQ(ssm_opts_set_ssm_extend(0), 0);
     hear(3, {.extended = true, .hops = 9});
     hear(4, {.extended = true, .hops = 1});
-    EXPECT_EQ(selected(), 3U);
+    expect_winner(3, 4, ssm_key::ifindex);  // hops do not count without the extension
 }
 
-// The walk's order must never show: all orders in which five ports are added and heard choose the same one.
+// The walk's order must never show: all orders in which ports are added and heard choose the same one.
 TEST_F(selection, no_order_of_ports_changes_the_choice) {
-    const std::array<std::pair<std::uint32_t, std::uint8_t>, 4> offers = {
-        {{7, QL_SSU_B}, {9, QL_PRC}, {5, QL_PRC}, {2, QL_SSU_A}}};
-    std::array<std::size_t, 4> order = {0, 1, 2, 3};
+    std::vector<std::pair<std::uint32_t, std::uint8_t>> offers = {
+        {2, QL_SSU_A}, {5, QL_PRC}, {7, QL_SSU_B}, {9, QL_PRC}};
     do {
-        for (std::size_t i : order) add_port(offers[i].first);
-        for (std::size_t i : order) hear(offers[i].first, offers[i].second);
+        for (const auto& offer : offers) add_port(offer.first);
+        for (const auto& [index, quality] : offers) hear(index, quality);
         EXPECT_EQ(selected(), 5U);
-        for (std::size_t i : order) unbind(offers[i].first);
-    } while (std::next_permutation(order.begin(), order.end()));
+        for (const auto& offer : offers) unbind(offer.first);
+    } while (std::next_permutation(offers.begin(), offers.end()));
 }
 
 TEST_F(selection, option_2_ranks_its_codes_by_the_standards_order_and_not_by_their_numbers) {
@@ -84,158 +63,109 @@ TEST_F(selection, option_2_ranks_its_codes_by_the_standards_order_and_not_by_the
     const std::array order = {QL_PRS, QL_STU, QL_ST2, QL_TNC, QL_ST3E, QL_EEC2, QL_SMC, QL_PROV, QL_DNU};
     for (std::size_t i = 0; i < order.size(); ++i)
         for (std::size_t j = 0; j < order.size(); ++j)
-            EXPECT_EQ(ssm_ql_compare(order[i], order[j]), i < j   ? -1
-                                                          : i > j ? 1
-                                                                  : 0)
-                << order[i] << " " << order[j];
-
-    add_port(1);
-    add_port(2);
-    hear(1, QL_TNC);
-    hear(2, QL_ST2);
-    EXPECT_EQ(selected(), 2U);
-    EXPECT_EQ(g_s_master->current_quality, QL_ST2);
+            EXPECT_EQ(ssm_ql_compare(order[i], order[j]), (i > j) - (i < j)) << order[i] << " " << order[j];
+    add_ports({1, 2});
+    EXPECT_EQ(source_after(hear(1, QL_TNC)), 1U);
+    take_requests();
+    EXPECT_EQ(after(hear(2, QL_ST2)), outcome(2, QL_ST2, {source(2)}));
 }
 
 TEST_F(selection, own_clock_beats_a_worse_or_equal_port_in_the_default_role_only) {
     add_port(1);
     lock_to(1, QL_SSU_A);
     ASSERT_EQ(ssm_opts_set_local_quality(QL_EEC1, SSM_OPTION_1), 0);
-    hear(1, QL_EEC1);  // equal quality, port priority not below the switch's
-    EXPECT_EQ(selected(), 0U);
-    EXPECT_EQ(take_requests(), std::vector{holdover_request(true)});
-    EXPECT_EQ(g_s_master->current_quality, QL_EEC1);
-
+    EXPECT_EQ(after(hear(1, QL_EEC1)), outcome(0, QL_EEC1, {holdover(true)}))
+        << "equal, and so the priorities";
     ASSERT_EQ(ssm_opts_set_port_priority(intf(1), 254), 0);
-    hear(1, QL_EEC1);
-    EXPECT_EQ(selected(), 1U);
-    EXPECT_EQ(take_requests(), (std::vector{holdover_request(false), select_request(1)}));
-
+    EXPECT_EQ(after(hear(1, QL_EEC1)), outcome(1, QL_EEC1, {holdover(false), source(1)}));
     ASSERT_EQ(ssm_opts_set_local_quality(QL_PRC, SSM_OPTION_1), 0);
-    hear(1, QL_EEC1);  // worse than our own
-    EXPECT_EQ(selected(), 0U);
-
+    EXPECT_EQ(source_after(hear(1, QL_EEC1)), 0U) << "worse than our own";
     ASSERT_EQ(ssm_opts_set_device_type(SSM_SLAVE_ONLY), 0);
-    hear(1, QL_EEC1);  // a slave never looks at itself
-    EXPECT_EQ(selected(), 1U);
+    EXPECT_EQ(source_after(hear(1, QL_EEC1)), 1U) << "a slave never looks at itself";
 }
 
 TEST_F(selection, master_only_selects_nothing_and_advertises_its_own_quality) {
     add_port(1);
     lock_to(1);
     ASSERT_EQ(ssm_opts_set_local_quality(QL_EEC1, SSM_OPTION_1), 0);
-    ASSERT_EQ(ssm_opts_set_device_type(SSM_MASTER_ONLY), 0);
-    EXPECT_EQ(selected(), 0U);
-    EXPECT_EQ(g_s_master->current_quality, QL_EEC1);
+    EXPECT_EQ(after(ssm_opts_set_device_type(SSM_MASTER_ONLY)), outcome(0, QL_EEC1, {holdover(true)}));
     EXPECT_EQ(port(1)->timeout_timer, nullptr);
     EXPECT_EQ(port(1)->send_quality, QL_EEC1);
-    EXPECT_EQ(take_requests(), std::vector{holdover_request(true)});
-
     hear(1, QL_PRC);
     EXPECT_EQ(port(1)->recv_pdu, 0U);
     pass(1000);
     EXPECT_EQ(last_qualities()[1], QL_EEC1);
 }
 
-struct refusal_case {
-    ssm_refusal refusal;
-    void (*make)(ssm_port*);
-};
-
 TEST_F(selection, each_refusal_keeps_a_better_port_from_being_chosen) {
-    const refusal_case cases[] = {
+    const std::pair<ssm_refusal, void (*)(ssm_port*)> cases[] = {
         {ssm_refusal::synce_disabled, [](ssm_port* p) { p->synce_enable = 0; }},
         {ssm_refusal::link_down, [](ssm_port* p) { p->link_up = 0; }},
         {ssm_refusal::nothing_received, [](ssm_port* p) { p->recv_pdu = 0; }},
         {ssm_refusal::forced_dnu, [](ssm_port* p) { p->force_rx_quality = QL_DNU; }},
         {ssm_refusal::received_dnu, [](ssm_port* p) { p->recv_quality = QL_DNU; }},
     };
-    add_port(1);
-    add_port(2);
-    for (const refusal_case& c : cases) {
+    add_ports({1, 2});
+    for (const auto& [refusal, make] : cases) {
         hear(2, QL_SSU_A);
         hear(1, QL_PRC);
         ASSERT_EQ(selected(), 1U);
         const ssm_port before = *port(1);
-        c.make(port(1));
-        EXPECT_EQ(ssm_candidate_check(port(1)), c.refusal);
+        make(port(1));
+        EXPECT_EQ(ssm_candidate_check(port(1)), refusal);
         hear(2, QL_SSU_A);
-        EXPECT_EQ(selected(), 2U) << ssm_refusal_text(c.refusal);
+        EXPECT_EQ(selected(), 2U) << ssm_refusal_text(refusal);
         *port(1) = before;
         hear(1, QL_PRC);
     }
 }
 
-TEST_F(selection, own_clock_coming_back_is_never_a_source) {
+TEST_F(selection, own_clock_and_what_a_replacing_port_receives_are_never_a_source) {
+    const auto extended = [](std::array<std::uint8_t, 8> id, std::uint8_t quality = QL_PRC) {
+        return neighbour_pdu{.quality = quality, .extended = true, .clock_id = id};
+    };
     ASSERT_EQ(ssm_opts_set_ssm_extend(1), 0);
     bridge({0x00, 0x11, 0x22, 0x33, 0x44, 0x55});
-    add_port(1);
-    hear(1, {.extended = true, .clock_id = {0x00, 0x11, 0x22, 0xFF, 0xFE, 0x33, 0x44, 0x55}});
-    EXPECT_EQ(selected(), 0U);
+    add_ports({1, 2});
+    EXPECT_EQ(source_after(hear(1, extended({0x00, 0x11, 0x22, 0xFF, 0xFE, 0x33, 0x44, 0x55}))), 0U);
     EXPECT_EQ(ssm_candidate_check(port(1)), ssm_refusal::own_clock_id);
-    hear(1, {.extended = true, .clock_id = {0x00, 0x11, 0x22, 0xFF, 0xFE, 0x33, 0x44, 0x56}});
-    EXPECT_EQ(selected(), 1U);
-}
+    EXPECT_EQ(source_after(hear(1, extended({0x00, 0x11, 0x22, 0xFF, 0xFE, 0x33, 0x44, 0x56}))), 1U);
 
-TEST_F(selection, an_identity_that_a_replacing_port_receives_is_no_source_elsewhere) {
-    ASSERT_EQ(ssm_opts_set_ssm_extend(1), 0);
-    bridge({0x00, 0x11, 0x22, 0x33, 0x44, 0x55});
-    add_port(1);
-    add_port(2);
     ASSERT_EQ(ssm_opts_set_port_replace_clockid(intf(2), 1), 0);
-    hear(2, QL_SSU_A);
-    hear(1, QL_PRC);  // better, but both receive the zero identity
-    EXPECT_EQ(selected(), 2U);
+    hear(2, QL_SSU_A);  // worse, but both receive the zero identity
+    EXPECT_EQ(source_after(hear(1, QL_PRC)), 2U);
     EXPECT_EQ(ssm_candidate_check(port(1)), ssm_refusal::replaced_clock_id);
-    hear(1, {.extended = true, .clock_id = {9, 9, 9, 0xFF, 0xFE, 9, 9, 9}});
-    EXPECT_EQ(selected(), 1U);
+    EXPECT_EQ(source_after(hear(1, extended({9, 9, 9, 0xFF, 0xFE, 9, 9, 9}))), 1U);
 
     // Many replacing ports: the set that selection builds must agree with the plain walk.
     for (std::uint32_t i = 3; i < 120; ++i) {
         add_port(i);
         ASSERT_EQ(ssm_opts_set_port_replace_clockid(intf(i), i % 2), 0);
-        hear(i, {.quality = QL_SSU_B,
-                 .extended = true,
-                 .clock_id = {1, 2, 3, 0xFF, 0xFE, 0, 0, static_cast<std::uint8_t>(i / 4)}});
+        hear(i, extended({1, 2, 3, 0xFF, 0xFE, 0, 0, static_cast<std::uint8_t>(i / 4)}, QL_SSU_B));
     }
-    ssm_port* best = ssm_best_candidate();
-    ssm_port* expected = nullptr;
-    ssm_port_walk([&](ssm_port* p) {
+    const ssm_port* expected = nullptr;
+    ssm_port_walk([&](const ssm_port* p) {
         if (ssm_candidate_check(p) != ssm_refusal::none) return;
         if (!expected || ssm_candidate_compare(p, expected).winner < 0) expected = p;
     });
-    EXPECT_EQ(best, expected);
+    EXPECT_EQ(ssm_best_candidate(), expected);
 }
 
 TEST_F(selection, a_change_of_source_tells_nsm_once_and_the_neighbours_at_once) {
-    add_port(1);
-    add_port(2);
-    add_port(3);
+    add_ports({1, 2, 3});
     take_requests();
-    hear(1, QL_SSU_A);
-    EXPECT_EQ(take_requests(), std::vector{select_request(1)});
-    // Event PDUs on the transmitting ports: DNU to the source, its quality to the others.
-    auto sent_now = take_sent();
-    ASSERT_EQ(sent_now.size(), 3U);
-    for (const sent_pdu& pdu : sent_now) {
-        EXPECT_TRUE(pdu.event);
-        EXPECT_EQ(pdu.quality, pdu.port == 1 ? QL_DNU : QL_SSU_A);
-    }
-    hear(1, QL_SSU_A);  // nothing new: neither request nor PDU
-    EXPECT_TRUE(take_requests().empty());
-    EXPECT_TRUE(take_sent().empty());
-
-    hear(2, QL_PRC);
-    EXPECT_EQ(take_requests(), std::vector{select_request(2)});
-    EXPECT_EQ(last_qualities(),
-              (std::map<std::uint32_t, std::uint8_t>{{1, QL_PRC}, {2, QL_DNU}, {3, QL_PRC}}));
+    EXPECT_EQ(after(hear(1, QL_SSU_A)), outcome(1, QL_SSU_A, {source(1)}));
+    EXPECT_EQ(told_at_once(), (qualities{{1, QL_DNU}, {2, QL_SSU_A}, {3, QL_SSU_A}}));
+    EXPECT_EQ(after(hear(1, QL_SSU_A)), outcome(1, QL_SSU_A, {})) << "nothing new";
+    EXPECT_EQ(told_at_once(), qualities{});
+    EXPECT_EQ(after(hear(2, QL_PRC)), outcome(2, QL_PRC, {source(2)}));
+    EXPECT_EQ(told_at_once(), (qualities{{1, QL_PRC}, {2, QL_DNU}, {3, QL_PRC}}));
 }
 
 // Repeated PDUs skip the walk over the ports only as long as nothing else happened.
 TEST_F(selection, a_repeated_pdu_selects_again_after_anything_that_matters) {
-    add_port(1);
-    add_port(2);
-    run_as_the_daemon();
+    add_ports({1, 2});
+    daemon->as_the_daemon = true;
     const auto again = [this] {
         hear(1, QL_PRC);
         hear(2, QL_SSU_A);
@@ -244,17 +174,15 @@ TEST_F(selection, a_repeated_pdu_selects_again_after_anything_that_matters) {
     };
     again();
     hear(1, QL_DNU);
-    hear(2, QL_SSU_A);
-    EXPECT_EQ(selected(), 2U) << "a DNU";
+    EXPECT_EQ(source_after(hear(2, QL_SSU_A)), 2U) << "a DNU";
     again();
-    in_event([this] { EXPECT_EQ(ssm_opts_set_local_quality(QL_SSU_A, SSM_OPTION_1), 0); });
-    in_event([this] { EXPECT_EQ(ssm_opts_set_port_quality(intf(1), SSM_ESMC_RX, "ssu-b"), 0); });
-    hear(2, QL_SSU_A);
-    EXPECT_EQ(selected(), 0U) << "a command";
-    in_event([this] { EXPECT_EQ(ssm_opts_set_port_quality(intf(1), SSM_ESMC_RX, "na"), 0); });
+    daemon->in_event([this] { EXPECT_EQ(ssm_opts_set_local_quality(QL_SSU_A, SSM_OPTION_1), 0); });
+    daemon->in_event([this] { EXPECT_EQ(ssm_opts_set_port_quality(intf(1), SSM_ESMC_RX, "ssu-b"), 0); });
+    EXPECT_EQ(source_after(hear(2, QL_SSU_A)), 0U) << "a command";
+    daemon->in_event([this] { EXPECT_EQ(ssm_opts_set_port_quality(intf(1), SSM_ESMC_RX, "na"), 0); });
     again();
-    pass(5000, {{2, QL_SSU_A}});
-    EXPECT_EQ(selected(), 0U) << "a time-out; port 2 is no better than the switch";
+    EXPECT_EQ(source_after(pass(5000, {{2, QL_SSU_A}})), 0U)
+        << "a time-out; port 2 is no better than the switch";
     again();
     dpll(SSM_DPLL_FREERUN);
     EXPECT_EQ(g_s_master->current_quality, QL_SSU_A);
@@ -264,19 +192,13 @@ TEST_F(selection, a_repeated_pdu_selects_again_after_anything_that_matters) {
 
 TEST_F(selection, without_ssm_priorities_alone_decide) {
     ASSERT_EQ(ssm_opts_set_ssm_enable(0), 0);
-    add_port(1);
-    add_port(2);
+    add_ports({1, 2});
     EXPECT_EQ(selected(), 0U);  // 255 is not below the switch's own 255
-    ASSERT_EQ(ssm_opts_set_port_priority(intf(2), 9), 0);
-    EXPECT_EQ(selected(), 2U);
-    ASSERT_EQ(ssm_opts_set_port_priority(intf(1), 9), 0);
-    EXPECT_EQ(selected(), 1U);  // equal priorities: the smaller index
-    ASSERT_EQ(ssm_opts_set_local_priority(5), 0);
-    EXPECT_EQ(selected(), 0U);
-    ASSERT_EQ(ssm_opts_set_device_type(SSM_SLAVE_ONLY), 0);
-    EXPECT_EQ(selected(), 1U);
-    link_down(1);
-    EXPECT_EQ(selected(), 2U);
+    EXPECT_EQ(source_after(ssm_opts_set_port_priority(intf(2), 9)), 2U);
+    EXPECT_EQ(source_after(ssm_opts_set_port_priority(intf(1), 9)), 1U) << "equal: the smaller index";
+    EXPECT_EQ(source_after(ssm_opts_set_local_priority(5)), 0U);
+    EXPECT_EQ(source_after(ssm_opts_set_device_type(SSM_SLAVE_ONLY)), 1U);
+    EXPECT_EQ(source_after(link_down(1)), 2U);
     pass(3000);
     EXPECT_TRUE(take_sent().empty());
 }

@@ -3,16 +3,10 @@
 
 namespace {
 
-class timers : public sim {
-  protected:
-    void SetUp() override {
-        sim::SetUp();
-        enable();
-    }
-};
+using timers = switched_on;
 
 TEST_F(timers, first_pdu_a_second_after_the_start_then_one_a_second) {
-    const std::uint64_t start = now_ms();
+    const std::uint64_t start = daemon->now_ms();
     add_port(1);
     EXPECT_TRUE(take_sent().empty());
     advance(5500);
@@ -28,16 +22,12 @@ TEST_F(timers, first_pdu_a_second_after_the_start_then_one_a_second) {
 TEST_F(timers, directions_decide_what_is_sent_and_taken) {
     add_port(1);
     ASSERT_EQ(ssm_opts_unset_port_esmc(intf(1), SSM_ESMC_TX), 0);
-    EXPECT_EQ(port(1)->esmc_mode, SSM_ESMC_RX);
-    hear(1, QL_PRC);
-    EXPECT_EQ(selected(), 1U);
+    EXPECT_EQ(source_after(hear(1, QL_PRC)), 1U);
     advance(2000);
     EXPECT_TRUE(take_sent().empty());
 
     ASSERT_EQ(ssm_opts_set_port_esmc(intf(1), SSM_ESMC_TX), 0);  // added to rx: both
-    EXPECT_EQ(port(1)->esmc_mode, SSM_ESMC_ALL);
     ASSERT_EQ(ssm_opts_unset_port_esmc(intf(1), SSM_ESMC_RX), 0);
-    EXPECT_EQ(port(1)->esmc_mode, SSM_ESMC_TX);
     hear(1, QL_SSU_B);
     EXPECT_EQ(port(1)->recv_quality, QL_PRC) << "a transmit-only port must not take PDUs";
     advance(1000);
@@ -49,70 +39,52 @@ TEST_F(timers, directions_decide_what_is_sent_and_taken) {
     EXPECT_EQ(ssm_opts_set_port_esmc(intf(1), 5), SSM_CLI_E_INVALID_INPUT);
 }
 
-struct esmc_transition {
-    std::uint32_t before, value, after_add, after_remove;
-};
-
 TEST_F(timers, directions_add_and_remove_by_the_table) {
-    add_port(1);
-    const esmc_transition table[] = {{1, 1, 1, 4}, {1, 2, 3, 1}, {1, 3, 3, 4}, {2, 1, 3, 2},
-                                     {2, 2, 2, 4}, {2, 3, 3, 4}, {3, 1, 3, 2}, {3, 2, 3, 1},
-                                     {3, 3, 3, 4}, {4, 1, 1, 4}, {4, 2, 2, 4}, {4, 3, 3, 4}};
-    for (const esmc_transition& t : table) {
-        port(1)->esmc_mode = t.before;
+    const struct {
+        std::uint32_t before, value, after_add, after_remove;
+    } table[] = {{1, 1, 1, 4}, {1, 2, 3, 1}, {1, 3, 3, 4}, {2, 1, 3, 2}, {2, 2, 2, 4}, {2, 3, 3, 4},
+                 {3, 1, 3, 2}, {3, 2, 3, 1}, {3, 3, 3, 4}, {4, 1, 1, 4}, {4, 2, 2, 4}, {4, 3, 3, 4}};
+    std::uint32_t& mode = add_port(1)->esmc_mode;
+    for (const auto& t : table) {
+        mode = t.before;
         ASSERT_EQ(ssm_opts_set_port_esmc(intf(1), t.value), 0);
-        EXPECT_EQ(port(1)->esmc_mode, t.after_add) << t.before << " add " << t.value;
-        port(1)->esmc_mode = t.before;
+        EXPECT_EQ(mode, t.after_add) << t.before << " add " << t.value;
+        mode = t.before;
         ASSERT_EQ(ssm_opts_unset_port_esmc(intf(1), t.value), 0);
-        EXPECT_EQ(port(1)->esmc_mode, t.after_remove) << t.before << " remove " << t.value;
+        EXPECT_EQ(mode, t.after_remove) << t.before << " remove " << t.value;
     }
 }
 
 TEST_F(timers, silence_of_five_seconds_ends_in_holdover) {
     add_port(1);
     lock_to(1);
-    advance(4999);
-    EXPECT_EQ(selected(), 1U);
+    EXPECT_EQ(source_after(advance(4999)), 1U);
     take_sent();
-    advance(1);
+    EXPECT_EQ(after(advance(1)), outcome(0, QL_EEC1, {holdover(true)}));
     EXPECT_EQ(port(1)->recv_pdu, 0U);
     EXPECT_EQ(port(1)->recv_quality, QL_NONE);
-    EXPECT_EQ(selected(), 0U);
-    EXPECT_EQ(g_s_master->current_quality, QL_EEC1);
-    EXPECT_EQ(take_requests(), std::vector{holdover_request(true)});
     const auto pdus = take_sent();
-    ASSERT_FALSE(pdus.empty());
     EXPECT_TRUE(std::any_of(pdus.begin(), pdus.end(),
                             [](const sent_pdu& p) { return p.event && p.quality == QL_EEC1; }));
-
-    hear(1, QL_PRC);
-    EXPECT_EQ(selected(), 1U);
-    EXPECT_EQ(take_requests(), (std::vector{holdover_request(false), select_request(1)}));
+    EXPECT_EQ(after(hear(1, QL_PRC)), outcome(1, QL_PRC, {holdover(false), source(1)}));
 }
 
 TEST_F(timers, a_lost_source_gives_way_to_the_next_with_that_ones_next_pdu) {
-    add_port(1);
-    add_port(2);
-    hear(1, QL_PRC);
-    pass(5000, {{2, QL_SSU_A}});
-    EXPECT_EQ(selected(), 2U);
-    EXPECT_EQ(g_s_master->current_quality, QL_SSU_A);
-    const auto requests_made = take_requests();
-    EXPECT_EQ(requests_made.back(), select_request(2));
-    EXPECT_EQ(std::count(requests_made.begin(), requests_made.end(), holdover_request(true)), 0);
+    add_ports({1, 2});
+    lock_to(1);
+    EXPECT_EQ(after(pass(5000, {{2, QL_SSU_A}})), outcome(2, QL_SSU_A, {source(2)})) << "without holdover";
 }
 
 TEST_F(timers, event_pdus_do_not_keep_a_port_alive_and_push_its_own_pdu_back) {
     add_port(1);
-    hear(1, QL_PRC);
-    take_sent();
+    lock_to(1);
     for (int i = 0; i < 12; ++i) {
         advance(400);
         hear(1, {.quality = QL_PRC, .event = true});
     }
     EXPECT_TRUE(take_sent().empty()) << "each event PDU restarts the send timer";
     EXPECT_EQ(port(1)->recv_pdu, 1U);
-    const std::uint64_t last_event = now_ms();
+    const std::uint64_t last_event = daemon->now_ms();
     advance(200);
     EXPECT_EQ(port(1)->timeout_timer, nullptr);
     EXPECT_EQ(port(1)->recv_quality, QL_NONE);
@@ -126,70 +98,56 @@ TEST_F(timers, event_pdus_do_not_keep_a_port_alive_and_push_its_own_pdu_back) {
 TEST_F(timers, dnu_marks_the_port_without_restarting_its_time_out) {
     add_port(1);
     lock_to(1);
-    for (int i = 0; i < 4; ++i) {
-        advance(1000);
-        hear(1, QL_DNU);
-    }
+    pass(4000, {{1, QL_DNU}});
     EXPECT_EQ(port(1)->recv_quality, QL_DNU);
     EXPECT_EQ(port(1)->recv_pdu, 1U);
     EXPECT_EQ(selected(), 1U) << "a DNU alone runs no selection";
-    advance(1000);
-    EXPECT_EQ(selected(), 0U);
+    EXPECT_EQ(source_after(advance(1000)), 0U);
     EXPECT_EQ(port(1)->recv_quality, QL_NONE);
 }
 
 TEST_F(timers, frames_that_must_not_count) {
     add_port(1);
-    const auto untouched = [this] { return port(1)->recv_pdu == 0 && port(1)->timeout_timer == nullptr; };
-    std::vector<std::uint8_t> good = {0x01, 0x80, 0xC2, 0,    0, 2,    2,    0, 0, 0,   0,
-                                      1,    0x88, 0x09, 0x0A, 0, 0x19, 0xA7, 0, 1, 0x10};
-    good.resize(60);
-    good[14 + 13] = QL_PRC;
+    const message good = esmc_frame({.quality = QL_PRC});
+    const auto taken = [this](message frame, std::uint32_t index = 1) {
+        hear_raw(index, std::move(frame));
+        return port(1)->recv_pdu != 0 || port(1)->timeout_timer != nullptr;
+    };
+    const auto with = [&](std::size_t at, int octet) {
+        message frame = good;
+        frame[at] = static_cast<std::uint8_t>(octet);
+        return frame;
+    };
+    const auto cut = [&](std::size_t size) {
+        return message(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(PDU_AT + size));
+    };
 
-    auto frame = good;
-    frame[5] = 3;  // another destination
-    raw_frame(1, frame);
-    EXPECT_TRUE(untouched());
-    raw_frame(77, good);  // no such port
-    EXPECT_TRUE(untouched());
-    frame = good;
-    frame.resize(14 + 13);  // no quality octet
+    EXPECT_FALSE(taken(with(5, 3))) << "another destination";
+    EXPECT_FALSE(taken(good, 77)) << "no such port";
     const std::uint64_t short_before = slow_socket_stats().short_frames;
-    raw_frame(1, frame);
-    EXPECT_TRUE(untouched());
+    EXPECT_FALSE(taken(cut(13))) << "no quality octet";
     EXPECT_EQ(slow_socket_stats().short_frames, short_before + 1);
     for (int code = 0; code < 256; ++code) {
         if (ssm_ql_receivable(static_cast<std::uint8_t>(code)) || code == QL_DNU) continue;
-        frame = good;
-        frame[14 + 13] = static_cast<std::uint8_t>(code);
-        raw_frame(1, frame);
-        EXPECT_TRUE(untouched()) << code;
+        EXPECT_FALSE(taken(with(PDU_AT + 13, code))) << code;
     }
-    for (std::uint32_t* gate :
-         {&port(1)->synce_enable, &g_s_master->ssm_enable, &g_s_master->global_enable}) {
+    for (auto* gate : {&port(1)->synce_enable, &g_s_master->ssm_enable, &g_s_master->global_enable}) {
         *gate = 0;
-        raw_frame(1, good);
-        EXPECT_TRUE(untouched());
+        EXPECT_FALSE(taken(good));
         *gate = 1;
     }
-    frame = good;
-    frame.resize(14 + 14);  // just long enough
-    raw_frame(1, frame);
-    EXPECT_FALSE(untouched());
+    EXPECT_TRUE(taken(cut(14))) << "just long enough";
 }
 
 TEST_F(timers, short_extended_frame_reads_zero_where_octets_are_missing) {
     add_port(1);
     hear(1, {.extended = true, .clock_id = {1, 2, 3, 4, 5, 6, 7, 8}, .hops = 7});
     EXPECT_EQ(port(1)->recv_hop_count, 7);
-    std::vector<std::uint8_t> frame = {0x01, 0x80, 0xC2, 0, 0, 2, 2, 0, 0, 0, 0, 1, 0x88, 0x09};
-    frame.resize(14 + 20);
-    frame[14 + 13] = QL_PRC;
-    frame[14 + 14] = 2;
-    frame[14 + 17] = 0xAA;
-    raw_frame(1, frame);
-    EXPECT_EQ(port(1)->recv_clockid[0], 0xAA);
-    EXPECT_EQ(port(1)->recv_clockid[7], 0);
+    message frame = esmc_frame({.extended = true, .clock_id = {0xAA, 1, 2, 3, 4, 5, 6, 7}, .hops = 9});
+    frame.resize(PDU_AT + 20);
+    hear_raw(1, frame);
+    const std::array<std::uint8_t, 8> id = {0xAA, 1, 2};
+    EXPECT_TRUE(std::equal(id.begin(), id.end(), port(1)->recv_clockid));
     EXPECT_EQ(port(1)->recv_hop_count, 0);
 }
 
@@ -208,8 +166,7 @@ TEST_F(timers, indexes_above_eight_bits_are_looked_up_by_their_low_octet) {
 
 TEST_F(timers, a_port_that_brings_too_many_frames_costs_nothing_and_others_are_heard) {
     slow_socket_set_rate_limit(SLOW_RATE_DEFAULT);
-    add_port(1);
-    add_port(2);
+    add_ports({1, 2});
     const auto limited = [](std::uint32_t index) {
         slow_port_stats stats = {};
         EXPECT_TRUE(slow_socket_port_stats(index, &stats));
