@@ -29,7 +29,7 @@ struct nsmd {
     const nsmd_options* options;
     port_table* table;
     link_watch* watch;
-    nsm_server* server;
+    nsmd_server* server;
     copper* roles;
     dpll_backend dpll;
     bool has_dpll;
@@ -129,14 +129,14 @@ void clients_changed(void* arg, std::uint32_t count, bool clean) {
         start_grace(n);
 }
 
-void dump(void* arg, nsm_peer* peer) {
+void dump(void* arg, nsmd_peer* peer) {
     auto* n = static_cast<nsmd*>(arg);
     const bridge_identity& identity = port_table_bridge(n->table);
-    if (identity.known) nsm_server_send_bridge(n->server, peer, identity);
+    if (identity.known) nsmd_server_send_bridge(n->server, peer, identity);
     for (const nsmd_port* p = port_table_first(n->table); p; p = p->next)
-        if (p->ifindex) nsm_server_send_port(n->server, peer, *p);
+        if (p->ifindex) nsmd_server_send_port(n->server, peer, *p);
     const dpll_report now = n->dpll.current(n->dpll.self);
-    nsm_server_send_clock(n->server, peer, now.state, nsmd_source_code(*n->options, now.source));
+    nsmd_server_send_clock(n->server, peer, now.state, nsmd_source_code(*n->options, now.source));
 }
 
 bool status(void* arg, text_buffer* out) {
@@ -166,14 +166,14 @@ void port_changed(void* arg, const nsmd_port& port, port_event event) {
             event == port_event::added ? (port.up ? ", up" : ", down") : "");
     switch (event) {
         case port_event::added:
-            nsm_server_send_port(n->server, nullptr, port);
+            nsmd_server_send_port(n->server, nullptr, port);
             break;
         case port_event::removed:
-            nsm_server_send_port_gone(n->server, port);
+            nsmd_server_send_port_gone(n->server, port);
             break;
         case port_event::up:
         case port_event::down:
-            nsm_server_send_link(n->server, port);
+            nsmd_server_send_link(n->server, port);
             break;
         case port_event::pin_changed:
             break;
@@ -187,7 +187,7 @@ void bridge_changed(void* arg, const bridge_identity& identity) {
     log_sys(NSMD_MODULE, LOG_LEVEL_INFO, "clock identity from %s: %02x:%02x:%02x:%02x:%02x:%02x",
             identity.name, identity.mac[0], identity.mac[1], identity.mac[2], identity.mac[3],
             identity.mac[4], identity.mac[5]);
-    nsm_server_send_bridge(n->server, nullptr, identity);
+    nsmd_server_send_bridge(n->server, nullptr, identity);
 }
 
 const char* state_word(std::uint32_t state) {
@@ -213,7 +213,7 @@ void clock_changed(void* arg, const dpll_report& report) {
             : report.source == DPLL_SOURCE_BITS ? "external input"
                                                 : "none",
             code);
-    nsm_server_send_clock(n->server, nullptr, report.state, code);
+    nsmd_server_send_clock(n->server, nullptr, report.state, code);
 }
 
 // False with a log line when the clock that was asked for can't be had.
@@ -266,7 +266,7 @@ bool start_links(nsmd* n, const nsmd_edges& edges) {
 }
 
 bool start_parts(nsmd* n, const nsmd_edges& edges) {
-    n->server = nsm_server_create(n->ctx, {dump, took_request, clients_changed, status, n});
+    n->server = nsmd_server_create(n->ctx, {dump, took_request, clients_changed, status, n});
     n->table =
         port_table_create(n->options->patterns, n->options->pattern_count, {port_changed, bridge_changed, n});
     n->roles = n->table ? copper_create(n->table, edges.netlink) : nullptr;
@@ -276,7 +276,7 @@ bool start_parts(nsmd* n, const nsmd_edges& edges) {
     }
     if (edges.index_path) port_table_keep_indexes(n->table, edges.index_path);
     if (!start_links(n, edges) || !start_dpll(n, edges)) return false;
-    if (edges.socket_path && nsm_server_listen(n->server, edges.socket_path) < 0) return false;
+    if (edges.socket_path && nsmd_server_listen(n->server, edges.socket_path) < 0) return false;
     start_grace(n);
     return true;
 }
@@ -298,7 +298,7 @@ void nsmd_stop(nsmd* n) {
     if (!n) return;
     thread_cancel(n->settle_timer);
     thread_cancel(n->grace_timer);
-    nsm_server_free(n->server);
+    nsmd_server_free(n->server);
     link_watch_stop(n->watch);
     if (n->has_dpll) n->dpll.finish(n->dpll.self);
     copper_free(n->roles);
@@ -306,7 +306,7 @@ void nsmd_stop(nsmd* n) {
     memmgr_free(n, MTYPE_NSMD);
 }
 
-nsm_server* nsmd_server(nsmd* n) {
+nsmd_server* nsmd_server_of(nsmd* n) {
     return n->server;
 }
 
@@ -320,7 +320,7 @@ bool nsmd_status(const nsmd* n, text_buffer* out) {
         text_printf(out, "requests: %" PRIu64 "; enable %u, recovery select %u, holdover %u, source %u%s\n",
                     n->requests, w.enable, w.recovery_select, w.holdover, w.selected,
                     n->unwatched ? "; unwatched" : "") &&
-        nsm_server_status(n->server, out) && link_watch_status(n->watch, out);
+        nsmd_server_status(n->server, out) && link_watch_status(n->watch, out);
     for (const nsmd_port* p = port_table_first(n->table); ok && p; p = p->next) {
         ok = text_printf(out, "port %u %s: kernel index %u, %s, flaps %" PRIu64, p->ifindex, p->name,
                          p->kernel_ifindex, p->up ? "up" : "down", p->flaps);

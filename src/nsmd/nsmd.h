@@ -7,7 +7,7 @@
 #include "suite/start/lib.h"
 
 struct nsmd;
-struct nsm_server;
+struct nsmd_server;
 
 // Where nsmd meets the world; tests put their own in place.
 struct nsmd_edges {
@@ -21,7 +21,7 @@ struct nsmd_edges {
 nsmd* nsmd_start(lib_globals* ctx, const nsmd_options& options, const nsmd_edges& edges);
 void nsmd_stop(nsmd* n);  // null is ignored
 
-nsm_server* nsmd_server(nsmd* n);
+nsmd_server* nsmd_server_of(nsmd* n);
 bool nsmd_status(const nsmd* n, text_buffer* out);
 
 // The code of a reference in reports to the daemon: as configured, else the one that the daemon's own table

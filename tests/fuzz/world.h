@@ -76,14 +76,14 @@ inline message link_body(std::uint32_t index, bool up, std::string name = {},
                          std::uint16_t type = IF_TYPE_SYNCE) {
     if (name.empty())
         name = {'p', static_cast<char>('0' + index / 10 % 10), static_cast<char>('0' + index % 10)};
-    message body(nsm_link::SIZE);
-    put_be32(body, nsm_link::IFINDEX, index);
-    put_be32(body, nsm_link::KERNEL_IFINDEX, index + 1000);
-    put_be16(body, nsm_link::TYPE, type);
-    put_be16(body, nsm_link::FLAGS, up ? nsm_link::FLAG_UP : 0);
-    body[nsm_link::MAC] = 2;
-    body[nsm_link::MAC + 5] = static_cast<std::uint8_t>(index);
-    std::copy(name.begin(), name.end(), body.begin() + nsm_link::NAME);
+    message body(nsm_link_body::SIZE);
+    put_be32(body, nsm_link_body::IFINDEX, index);
+    put_be32(body, nsm_link_body::KERNEL_IFINDEX, index + 1000);
+    put_be16(body, nsm_link_body::TYPE, type);
+    put_be16(body, nsm_link_body::FLAGS, up ? nsm_link_body::FLAG_UP : 0);
+    body[nsm_link_body::MAC] = 2;
+    body[nsm_link_body::MAC + 5] = static_cast<std::uint8_t>(index);
+    std::copy(name.begin(), name.end(), body.begin() + nsm_link_body::NAME);
     return body;
 }
 
@@ -297,8 +297,8 @@ struct virtual_daemon {
     }
     void greet() {
         nsm_says(NSM_MSG_HELLO_ACK, words({0}));
-        message bridge(nsm_bridge::SIZE);
-        bridge[nsm_bridge::MAC] = 2;
+        message bridge(nsm_bridge_body::SIZE);
+        bridge[nsm_bridge_body::MAC] = 2;
         if (!links.empty()) nsm_says(NSM_MSG_BRIDGE_ADD, bridge);
         for (const auto& body : links) nsm_says(NSM_MSG_LINK_ADD, body);
         nsm_says(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, words({2, 0}));

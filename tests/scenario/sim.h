@@ -108,8 +108,8 @@ class sim : public ::testing::Test {
         return nsm_says(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, words({state, source_index}));
     }
     int bridge(std::array<std::uint8_t, 6> mac) {
-        message body(nsm_bridge::SIZE);
-        std::copy(mac.begin(), mac.end(), body.begin() + nsm_bridge::MAC);
+        message body(nsm_bridge_body::SIZE);
+        std::copy(mac.begin(), mac.end(), body.begin() + nsm_bridge_body::MAC);
         return nsm_says(NSM_MSG_BRIDGE_ADD, body);
     }
 

@@ -12,17 +12,17 @@ namespace {
 struct server : testing::Test {
     log_lines log;
     virtual_loop loop;
-    nsm_server* s = nullptr;
+    nsmd_server* s = nullptr;
     texts calls;
 
     void SetUp() override {
         const auto status = [](void*, text_buffer*) { return true; };
-        s = nsm_server_create(&loop.ctx, {dump, request, clients, status, this});
+        s = nsmd_server_create(&loop.ctx, {dump, request, clients, status, this});
         ASSERT_NE(s, nullptr);
     }
-    void TearDown() override { nsm_server_free(s); }
-    static void dump(void* arg, nsm_peer* peer) {
-        nsm_server_send_clock(static_cast<server*>(arg)->s, peer, 2, 0);
+    void TearDown() override { nsmd_server_free(s); }
+    static void dump(void* arg, nsmd_peer* peer) {
+        nsmd_server_send_clock(static_cast<server*>(arg)->s, peer, 2, 0);
     }
     static void request(void* arg, std::uint16_t type, const std::uint32_t (&w)[NSM_REQUEST_WORDS]) {
         static_cast<server*>(arg)->calls.push_back("request " + std::to_string(type) + " " +
@@ -33,7 +33,7 @@ struct server : testing::Test {
         static_cast<server*>(arg)->calls.push_back("clients " + std::to_string(count) +
                                                    (clean ? " clean" : ""));
     }
-    bool adopt(nsm_test_client* c) { return nsm_server_adopt(s, c->dial(&loop)) != nullptr; }
+    bool adopt(nsm_test_client* c) { return nsmd_server_adopt(s, c->dial(&loop)) != nullptr; }
     void connect(nsm_test_client* c) {
         ASSERT_TRUE(adopt(c));
         c->hello();
@@ -41,7 +41,7 @@ struct server : testing::Test {
     }
     void send_clocks(std::uint32_t count, nsm_test_client* reader = nullptr) {
         for (std::uint32_t i = 0; i < count; ++i) {
-            nsm_server_send_clock(s, nullptr, i, 0);
+            nsmd_server_send_clock(s, nullptr, i, 0);
             if (reader && i % 100 == 0) (void)reader->take_all();
         }
         if (reader) (void)reader->take_all();
@@ -57,14 +57,14 @@ TEST_F(server, each_client_has_its_own_sequence_and_goes_alone) {
     nsm_test_client a, b, silent;
     connect(&a);
     ASSERT_TRUE(adopt(&silent));
-    nsm_server_send_clock(s, nullptr, 3, 0);
+    nsmd_server_send_clock(s, nullptr, 3, 0);
     connect(&b);
-    nsm_server_send_clock(s, nullptr, 4, 0);
+    nsmd_server_send_clock(s, nullptr, 4, 0);
     EXPECT_EQ(a.take_all(), (texts{"ack 0", "clock 2 0", "sync", "clock 3 0", "clock 4 0"}));
     EXPECT_EQ(b.take_all(), (texts{"ack 0", "clock 2 0", "sync", "clock 4 0"}));
     a.hang_up();
     loop.run(1);
-    nsm_server_send_clock(s, nullptr, 2, 0);
+    nsmd_server_send_clock(s, nullptr, 2, 0);
     EXPECT_EQ(b.take_all(), texts{"clock 2 0"});
     EXPECT_EQ(silent.take_all(), texts{});  // it has not said HELLO
     b.say(NSM_MSG_BYE);
@@ -137,7 +137,7 @@ TEST_F(server, a_client_that_never_reads_is_closed_and_costs_a_bounded_queue) {
     EXPECT_LE(memmgr_type_stats(MTYPE_TEXT).peak_octets, before + 600 * 1024);  // doubling included
     EXPECT_EQ(called().back(), "clients 1");
     (void)other.take_all();
-    nsm_server_send_clock(s, nullptr, 4, 0);
+    nsmd_server_send_clock(s, nullptr, 4, 0);
     EXPECT_EQ(other.take_all(), texts{"clock 4 0"});
 }
 
@@ -186,15 +186,15 @@ struct listening : testing::Test {
         unlink(path.c_str());
         EXPECT_EQ(rmdir(directory), 0);
     }
-    nsm_server* make() {
-        return nsm_server_create(
+    nsmd_server* make() {
+        return nsmd_server_create(
             &ctx,
-            {[](void*, nsm_peer*) {}, [](void*, std::uint16_t, const std::uint32_t(&)[NSM_REQUEST_WORDS]) {},
+            {[](void*, nsmd_peer*) {}, [](void*, std::uint16_t, const std::uint32_t(&)[NSM_REQUEST_WORDS]) {},
              [](void*, std::uint32_t, bool) {}, [](void*, text_buffer*) { return true; }, nullptr});
     }
-    nsm_server* serve() {
-        nsm_server* s = make();
-        EXPECT_EQ(nsm_server_listen(s, path.c_str()), 0);
+    nsmd_server* serve() {
+        nsmd_server* s = make();
+        EXPECT_EQ(nsmd_server_listen(s, path.c_str()), 0);
         return s;
     }
     bool file_is_there() { return stat(path.c_str(), &file) == 0; }
@@ -231,33 +231,33 @@ TEST_F(listening, a_stale_file_is_replaced_a_live_server_is_not) {
     const sockaddr_un a = address();
     ASSERT_EQ(bind(dead, reinterpret_cast<const sockaddr*>(&a), sizeof a), 0);
     close(dead);  // a crash leaves the file
-    nsm_server *first = serve(), *second = make();
+    nsmd_server *first = serve(), *second = make();
     ASSERT_TRUE(file_is_there());
     EXPECT_EQ(file.st_mode & 07777, 0660U);
-    EXPECT_LT(nsm_server_listen(second, path.c_str()), 0);
+    EXPECT_LT(nsmd_server_listen(second, path.c_str()), 0);
     EXPECT_EQ(log.count("another server is there"), 1);
-    nsm_server_free(second);
+    nsmd_server_free(second);
     nsm_test_client c;  // the refused one took nothing away
     ASSERT_TRUE(dial(&c));
     c.hello();
     expect_served(&c);
-    nsm_server_free(first);
+    nsmd_server_free(first);
     EXPECT_FALSE(file_is_there());
 }
 
 TEST_F(listening, the_end_leaves_a_successors_file_alone) {
-    nsm_server* s = serve();
+    nsmd_server* s = serve();
     const std::string keep = path + "2";
     ASSERT_EQ(rename(path.c_str(), keep.c_str()), 0);  // its inode stays taken
-    nsm_server* successor = serve();
-    nsm_server_free(s);
+    nsmd_server* successor = serve();
+    nsmd_server_free(s);
     EXPECT_TRUE(file_is_there());
-    nsm_server_free(successor);
+    nsmd_server_free(successor);
     unlink(keep.c_str());
 }
 
 TEST_F(listening, descriptors_that_run_out_are_waited_for) {
-    nsm_server* s = serve();
+    nsmd_server* s = serve();
     nsm_test_client c;
     ASSERT_TRUE(dial(&c));
     c.hello();
@@ -269,7 +269,7 @@ TEST_F(listening, descriptors_that_run_out_are_waited_for) {
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &old), 0);
     EXPECT_EQ(log.count("can't take a client"), 1);
     expect_served(&c);
-    nsm_server_free(s);
+    nsmd_server_free(s);
 }
 
 }  // namespace

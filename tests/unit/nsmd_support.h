@@ -376,14 +376,15 @@ struct nsm_test_client {
         }
         if (type == NSMD_MSG_STATUS_TEXT) return "text" + text(0);
         if (type == NSM_MSG_BRIDGE_ADD) {
-            EXPECT_EQ(body.size(), nsm_bridge::SIZE);
-            return "bridge" + text(nsm_bridge::NAME) + " " + std::to_string(body[nsm_bridge::MAC + 5]);
+            EXPECT_EQ(body.size(), nsm_bridge_body::SIZE);
+            return "bridge" + text(nsm_bridge_body::NAME) + " " +
+                   std::to_string(body[nsm_bridge_body::MAC + 5]);
         }
         EXPECT_EQ(type, NSM_MSG_LINK_ADD);
-        EXPECT_EQ(body.size(), nsm_link::SIZE);
-        EXPECT_EQ(get_be16(body, nsm_link::TYPE), 2);
-        return "add" + number(nsm_link::IFINDEX) + number(nsm_link::KERNEL_IFINDEX) + text(nsm_link::NAME) +
-               (get_be16(body, nsm_link::FLAGS) ? " up" : " down");
+        EXPECT_EQ(body.size(), nsm_link_body::SIZE);
+        EXPECT_EQ(get_be16(body, nsm_link_body::TYPE), 2);
+        return "add" + number(nsm_link_body::IFINDEX) + number(nsm_link_body::KERNEL_IFINDEX) +
+               text(nsm_link_body::NAME) + (get_be16(body, nsm_link_body::FLAGS) ? " up" : " down");
     }
 };
 
@@ -415,7 +416,7 @@ struct nsmd_session : testing::Test {
     }
     // What the client is told at the beginning.
     texts connect(nsm_test_client* client) {
-        EXPECT_NE(nsm_server_adopt(nsmd_server(n), client->dial(&loop)), nullptr);
+        EXPECT_NE(nsmd_server_adopt(nsmd_server_of(n), client->dial(&loop)), nullptr);
         client->hello();
         loop.run(1);
         return client->take_all();

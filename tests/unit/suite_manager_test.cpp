@@ -28,9 +28,9 @@ octet_string message(std::uint16_t type, const std::vector<std::uint32_t>& words
 octet_string link_add(std::uint32_t ifindex, const std::string& name, bool up = false,
                       std::uint32_t kernel = 42, std::uint8_t mac = 0) {
     octet_string m = message(NSM_MSG_LINK_ADD, {ifindex, kernel, 2U << 16 | up, 0, 0});
-    m[NSM_HEADER_SIZE + nsm_link::MAC] = mac;
+    m[NSM_HEADER_SIZE + nsm_link_body::MAC] = mac;
     m.insert(m.end(), name.begin(), name.end());
-    m.resize(NSM_HEADER_SIZE + nsm_link::SIZE);
+    m.resize(NSM_HEADER_SIZE + nsm_link_body::SIZE);
     return m;
 }
 octet_string link_delete(std::uint32_t ifindex, std::uint32_t flags = 0) {

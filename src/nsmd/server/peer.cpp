@@ -21,14 +21,14 @@ constexpr std::size_t QUEUE_LIMIT = 256 * 1024;  // some ten dumps of 255 ports
 constexpr int PACKETS_PER_TURN = 16;
 
 int reap_due(thread* event) {
-    auto* peer = static_cast<nsm_peer*>(event->arg);
+    auto* peer = static_cast<nsmd_peer*>(event->arg);
     peer->reap = nullptr;
     peer->sink.closed(peer->sink.arg, peer);
     return 0;
 }
 
 // The socket's answer to one packet: 1 taken, 0 full, -1 broken.
-int push(const nsm_peer* peer, const_octets packet) {
+int push(const nsmd_peer* peer, const_octets packet) {
     for (;;) {
         const ssize_t sent = send(peer->fd, packet.data(), packet.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (sent >= 0) return 1;
@@ -37,21 +37,21 @@ int push(const nsm_peer* peer, const_octets packet) {
     }
 }
 
-void flush(nsm_peer* peer);
+void flush(nsmd_peer* peer);
 
 int writable(thread* event) {
-    auto* peer = static_cast<nsm_peer*>(event->arg);
+    auto* peer = static_cast<nsmd_peer*>(event->arg);
     peer->write = nullptr;
     flush(peer);
     return 0;
 }
 
-void await_room(nsm_peer* peer) {
+void await_room(nsmd_peer* peer) {
     if (!peer->write) peer->write = thread_add_write(peer->ctx, writable, peer, peer->fd);
-    if (!peer->write) nsm_peer_close(peer);
+    if (!peer->write) nsmd_peer_close(peer);
 }
 
-void flush(nsm_peer* peer) {
+void flush(nsmd_peer* peer) {
     std::size_t done = 0;
     while (peer->queue.length - done >= sizeof(std::uint16_t)) {
         std::uint16_t size;
@@ -59,7 +59,7 @@ void flush(nsm_peer* peer) {
         const auto* packet = reinterpret_cast<const std::uint8_t*>(peer->queue.data + done + sizeof size);
         const int result = push(peer, {packet, size});
         if (result < 0) {
-            nsm_peer_close(peer);
+            nsmd_peer_close(peer);
             return;
         }
         if (result == 0) break;
@@ -69,10 +69,10 @@ void flush(nsm_peer* peer) {
     if (peer->queue.length)
         await_room(peer);
     else if (peer->close_when_sent)
-        nsm_peer_close(peer);
+        nsmd_peer_close(peer);
 }
 
-void enqueue(nsm_peer* peer, const_octets packet) {
+void enqueue(nsmd_peer* peer, const_octets packet) {
     const auto size = static_cast<std::uint16_t>(packet.size());
     std::uint8_t entry[sizeof size + NSM_MESSAGE_MAX];
     std::memcpy(entry, &size, sizeof size);
@@ -80,14 +80,14 @@ void enqueue(nsm_peer* peer, const_octets packet) {
     if (!text_append(&peer->queue, entry, sizeof size + packet.size())) {
         log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "client %ld takes its messages too slowly, closed",
                 static_cast<long>(peer->pid));
-        nsm_peer_close(peer);
+        nsmd_peer_close(peer);
         return;
     }
     await_room(peer);
 }
 
 // False when nothing more is to be read, also because the peer was closed.
-bool read_packet(nsm_peer* peer) {
+bool read_packet(nsmd_peer* peer) {
     std::uint8_t packet[NSM_MESSAGE_MAX];
     iovec part{packet, sizeof packet};
     msghdr header{};
@@ -97,7 +97,7 @@ bool read_packet(nsm_peer* peer) {
     if (got < 0 && errno == EINTR) return true;
     if (got < 0 && errno == EAGAIN) return false;
     if (got <= 0) {
-        nsm_peer_close(peer);
+        nsmd_peer_close(peer);
         return false;
     }
     peer->sink.packet(peer->sink.arg, peer, {packet, static_cast<std::size_t>(got)},
@@ -106,17 +106,17 @@ bool read_packet(nsm_peer* peer) {
 }
 
 int readable(thread* event) {
-    auto* peer = static_cast<nsm_peer*>(event->arg);
+    auto* peer = static_cast<nsmd_peer*>(event->arg);
     peer->read = nullptr;
     for (int i = 0; i < PACKETS_PER_TURN; ++i)
         if (!read_packet(peer)) break;
     if (peer->fd < 0) return 0;
     peer->read = thread_add_read(peer->ctx, readable, peer, peer->fd);
-    if (!peer->read) nsm_peer_close(peer);
+    if (!peer->read) nsmd_peer_close(peer);
     return 0;
 }
 
-void close_descriptor(nsm_peer* peer) {
+void close_descriptor(nsmd_peer* peer) {
     if (peer->fd < 0) return;
     thread_forget_fd(peer->ctx, peer->fd);  // cancels what is pending on it
     close(peer->fd);
@@ -132,8 +132,8 @@ pid_t peer_pid(int fd) {
 
 }  // namespace
 
-nsm_peer* nsm_peer_create(lib_globals* ctx, int fd, const nsm_peer_sink& sink) {
-    auto* peer = static_cast<nsm_peer*>(memmgr_calloc(sizeof(nsm_peer), MTYPE_NSMD));
+nsmd_peer* nsmd_peer_create(lib_globals* ctx, int fd, const nsmd_peer_sink& sink) {
+    auto* peer = static_cast<nsmd_peer*>(memmgr_calloc(sizeof(nsmd_peer), MTYPE_NSMD));
     if (!peer) {
         close(fd);
         return nullptr;
@@ -145,13 +145,13 @@ nsm_peer* nsm_peer_create(lib_globals* ctx, int fd, const nsm_peer_sink& sink) {
     peer->queue.limit = QUEUE_LIMIT;
     peer->read = thread_add_read(ctx, readable, peer, fd);
     if (!peer->read) {
-        nsm_peer_free(peer);
+        nsmd_peer_free(peer);
         return nullptr;
     }
     return peer;
 }
 
-void nsm_peer_send(nsm_peer* peer, std::uint16_t type, const_octets body) {
+void nsmd_peer_send(nsmd_peer* peer, std::uint16_t type, const_octets body) {
     if (peer->fd < 0 || NSM_HEADER_SIZE + body.size() > NSM_MESSAGE_MAX) return;
     std::uint8_t packet[NSM_MESSAGE_MAX];
     const std::size_t size = NSM_HEADER_SIZE + body.size();
@@ -163,15 +163,15 @@ void nsm_peer_send(nsm_peer* peer, std::uint16_t type, const_octets body) {
     if (result == 0)
         enqueue(peer, {packet, size});
     else if (result < 0)
-        nsm_peer_close(peer);
+        nsmd_peer_close(peer);
 }
 
-void nsm_peer_finish(nsm_peer* peer) {
+void nsmd_peer_finish(nsmd_peer* peer) {
     peer->close_when_sent = true;
-    if (peer->queue.length == 0) nsm_peer_close(peer);
+    if (peer->queue.length == 0) nsmd_peer_close(peer);
 }
 
-void nsm_peer_close(nsm_peer* peer) {
+void nsmd_peer_close(nsmd_peer* peer) {
     if (peer->fd < 0) return;
     close_descriptor(peer);
     text_free(&peer->queue);
@@ -179,7 +179,7 @@ void nsm_peer_close(nsm_peer* peer) {
     peer->reap = thread_add_timer_msec(peer->ctx, reap_due, peer, 0);
 }
 
-void nsm_peer_free(nsm_peer* peer) {
+void nsmd_peer_free(nsmd_peer* peer) {
     thread_cancel(peer->reap);
     close_descriptor(peer);
     text_free(&peer->queue);

@@ -11,20 +11,20 @@
 #include "suite/start/lib.h"
 
 struct thread;
-struct nsm_peer;
+struct nsmd_peer;
 
-struct nsm_peer_sink {
+struct nsmd_peer_sink {
     // One packet as it came, header included, at most NSM_MESSAGE_MAX octets; `truncated` when it was longer.
-    void (*packet)(void* arg, nsm_peer* peer, const_octets packet, bool truncated);
+    void (*packet)(void* arg, nsmd_peer* peer, const_octets packet, bool truncated);
     // The link broke, by the client or because it took too little. The peer is closed already; its record is
     // freed when this returns to the loop.
-    void (*closed)(void* arg, nsm_peer* peer);
+    void (*closed)(void* arg, nsmd_peer* peer);
     void* arg;
 };
 
-struct nsm_peer {
+struct nsmd_peer {
     lib_globals* ctx;
-    nsm_peer_sink sink;
+    nsmd_peer_sink sink;
     int fd;  // -1 once closed
     pid_t pid;
     bool greeted;   // HELLO taken: gets what everybody gets
@@ -35,19 +35,19 @@ struct nsm_peer {
     thread* read;
     thread* write;
     thread* reap;
-    nsm_peer* next;  // the server's list
+    nsmd_peer* next;  // the server's list
 };
 
 // Takes the descriptor over (also when it fails: it is closed then). Null when memory is exhausted.
-nsm_peer* nsm_peer_create(lib_globals* ctx, int fd, const nsm_peer_sink& sink);
+nsmd_peer* nsmd_peer_create(lib_globals* ctx, int fd, const nsmd_peer_sink& sink);
 
 // Sends one message: the header is made here, with the length and the peer's next sequence number. What the
 // socket does not take is queued; a peer whose queue is full is closed.
-void nsm_peer_send(nsm_peer* peer, std::uint16_t type, const_octets body);
+void nsmd_peer_send(nsmd_peer* peer, std::uint16_t type, const_octets body);
 
 // Closes once the queue is sent.
-void nsm_peer_finish(nsm_peer* peer);
+void nsmd_peer_finish(nsmd_peer* peer);
 // Closes at once and reports it. The record lives until the loop turns.
-void nsm_peer_close(nsm_peer* peer);
+void nsmd_peer_close(nsmd_peer* peer);
 // Closes without a report and frees: the end of the server.
-void nsm_peer_free(nsm_peer* peer);
+void nsmd_peer_free(nsmd_peer* peer);

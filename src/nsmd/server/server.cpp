@@ -43,11 +43,11 @@ static_assert(std::size(FAULT_TEXTS) == static_cast<std::size_t>(fault::count));
 
 }  // namespace
 
-struct nsm_server {
+struct nsmd_server {
     lib_globals* ctx;
-    nsm_server_sink sink;
+    nsmd_server_sink sink;
     listener entrance;
-    nsm_peer* peers;
+    nsmd_peer* peers;
     std::uint32_t greeted;
     std::uint64_t accepted, dropped;
     log_limit faults[static_cast<std::size_t>(fault::count)];
@@ -55,29 +55,29 @@ struct nsm_server {
 
 namespace {
 
-void complain(nsm_server* s, const nsm_peer* peer, fault kind, unsigned type) {
+void complain(nsmd_server* s, const nsmd_peer* peer, fault kind, unsigned type) {
     ++s->dropped;
     const auto at = static_cast<std::size_t>(kind);
     log_limited(&s->faults[at], thread_now(s->ctx), "client %ld: %s (type %u), dropped",
                 static_cast<long>(peer->pid), FAULT_TEXTS[at], type);
 }
 
-void broadcast(nsm_server* s, nsm_peer* only, std::uint16_t type, const_octets body) {
+void broadcast(nsmd_server* s, nsmd_peer* only, std::uint16_t type, const_octets body) {
     if (only) {
-        nsm_peer_send(only, type, body);
+        nsmd_peer_send(only, type, body);
         return;
     }
-    for (nsm_peer* p = s->peers; p; p = p->next)
-        if (p->greeted) nsm_peer_send(p, type, body);
+    for (nsmd_peer* p = s->peers; p; p = p->next)
+        if (p->greeted) nsmd_peer_send(p, type, body);
 }
 
-void send_word(nsm_server* s, nsm_peer* peer, std::uint16_t type, std::uint32_t word) {
+void send_word(nsmd_server* s, nsmd_peer* peer, std::uint16_t type, std::uint32_t word) {
     std::uint8_t body[4];
     put_be32(body, 0, word);
     broadcast(s, peer, type, body);
 }
 
-void take_hello(nsm_server* s, nsm_peer* peer, const_octets body) {
+void take_hello(nsmd_server* s, nsmd_peer* peer, const_octets body) {
     if (peer->greeted) {
         complain(s, peer, fault::second_hello, NSM_MSG_HELLO);
         return;
@@ -87,7 +87,7 @@ void take_hello(nsm_server* s, nsm_peer* peer, const_octets body) {
         log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "client %ld speaks version %u of the link, refused",
                 static_cast<long>(peer->pid), version);
         send_word(s, peer, NSM_MSG_HELLO_ACK, 1);
-        nsm_peer_finish(peer);
+        nsmd_peer_finish(peer);
         return;
     }
     log_sys(NSMD_MODULE, LOG_LEVEL_INFO, "client %ld (protocol %u) connected", static_cast<long>(peer->pid),
@@ -100,7 +100,7 @@ void take_hello(nsm_server* s, nsm_peer* peer, const_octets body) {
     s->sink.clients(s->sink.arg, s->greeted, false);
 }
 
-void take_status_get(nsm_server* s, nsm_peer* peer) {
+void take_status_get(nsmd_server* s, nsmd_peer* peer) {
     constexpr std::size_t piece = NSM_MESSAGE_MAX - NSM_HEADER_SIZE;
     text_buffer text;
     // Cut short where memory runs out: what there is is still worth showing.
@@ -130,7 +130,7 @@ constexpr message_kind KINDS[] = {
     {NSM_MSG_SSM_SET_GEPHY_ROLE, 12, false, true},
 };
 
-void take_message(nsm_server* s, nsm_peer* peer, const message_kind& kind, const_octets body) {
+void take_message(nsmd_server* s, nsmd_peer* peer, const message_kind& kind, const_octets body) {
     if (kind.is_request) {
         std::uint32_t words[NSM_REQUEST_WORDS] = {};
         for (std::size_t i = 0; i < kind.body_size / sizeof words[0]; ++i) words[i] = get_be32(body, i * 4);
@@ -150,8 +150,8 @@ void take_message(nsm_server* s, nsm_peer* peer, const message_kind& kind, const
     }
 }
 
-void packet_came(void* arg, nsm_peer* peer, const_octets packet, bool truncated) {
-    auto* s = static_cast<nsm_server*>(arg);
+void packet_came(void* arg, nsmd_peer* peer, const_octets packet, bool truncated) {
+    auto* s = static_cast<nsmd_server*>(arg);
     const unsigned type = packet.size() >= 2 ? get_be16(packet, 0) : 0U;
     if (truncated) return complain(s, peer, fault::too_long, type);
     if (packet.size() < NSM_HEADER_SIZE) return complain(s, peer, fault::bad_header, type);
@@ -165,36 +165,36 @@ void packet_came(void* arg, nsm_peer* peer, const_octets packet, bool truncated)
     take_message(s, peer, *kind, body);
 }
 
-void peer_closed(void* arg, nsm_peer* peer) {
-    auto* s = static_cast<nsm_server*>(arg);
-    nsm_peer** link = &s->peers;
+void peer_closed(void* arg, nsmd_peer* peer) {
+    auto* s = static_cast<nsmd_server*>(arg);
+    nsmd_peer** link = &s->peers;
     while (*link && *link != peer) link = &(*link)->next;
     if (*link) *link = peer->next;
     const bool greeted = peer->greeted, clean = peer->said_bye;
     if (greeted)
         log_sys(NSMD_MODULE, LOG_LEVEL_INFO, "client %ld %s", static_cast<long>(peer->pid),
                 clean ? "said goodbye" : "is gone");
-    nsm_peer_free(peer);
+    nsmd_peer_free(peer);
     if (!greeted) return;
     --s->greeted;
     s->sink.clients(s->sink.arg, s->greeted, clean);
 }
 
 void connection_came(void* arg, int fd, const sockaddr_storage&) {
-    (void)nsm_server_adopt(static_cast<nsm_server*>(arg), fd);
+    (void)nsmd_server_adopt(static_cast<nsmd_server*>(arg), fd);
 }
 
 }  // namespace
 
-nsm_server* nsm_server_create(lib_globals* ctx, const nsm_server_sink& sink) {
-    auto* s = static_cast<nsm_server*>(memmgr_calloc(sizeof(nsm_server), MTYPE_NSMD));
+nsmd_server* nsmd_server_create(lib_globals* ctx, const nsmd_server_sink& sink) {
+    auto* s = static_cast<nsmd_server*>(memmgr_calloc(sizeof(nsmd_server), MTYPE_NSMD));
     if (!s) return nullptr;
     s->ctx = ctx;
     s->sink = sink;
     return s;
 }
 
-int nsm_server_listen(nsm_server* s, const char* path) {
+int nsmd_server_listen(nsmd_server* s, const char* path) {
     const int result = listener_start_unix(&s->entrance, s->ctx, path, SOCK_SEQPACKET, connection_came, s);
     if (result == 0) return 0;
     log_sys(NSMD_MODULE, LOG_LEVEL_ERROR, "can't listen on %s: %s", path,
@@ -202,24 +202,24 @@ int nsm_server_listen(nsm_server* s, const char* path) {
     return -1;
 }
 
-void nsm_server_free(nsm_server* s) {
+void nsmd_server_free(nsmd_server* s) {
     if (!s) return;
     listener_stop(&s->entrance);
-    while (nsm_peer* peer = s->peers) {
+    while (nsmd_peer* peer = s->peers) {
         s->peers = peer->next;
-        nsm_peer_free(peer);
+        nsmd_peer_free(peer);
     }
     memmgr_free(s, MTYPE_NSMD);
 }
 
-nsm_peer* nsm_server_adopt(nsm_server* s, int fd) {
+nsmd_peer* nsmd_server_adopt(nsmd_server* s, int fd) {
     std::uint32_t count = 0;
-    for (const nsm_peer* p = s->peers; p; p = p->next) ++count;
-    nsm_peer* peer = nullptr;
+    for (const nsmd_peer* p = s->peers; p; p = p->next) ++count;
+    nsmd_peer* peer = nullptr;
     if (count >= PEERS_MAX)
         close(fd);
     else
-        peer = nsm_peer_create(s->ctx, fd, {packet_came, peer_closed, s});
+        peer = nsmd_peer_create(s->ctx, fd, {packet_came, peer_closed, s});
     if (!peer) {
         log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "a client was turned away: %s",
                 count >= PEERS_MAX ? "too many clients" : "no memory");
@@ -231,44 +231,44 @@ nsm_peer* nsm_server_adopt(nsm_server* s, int fd) {
     return peer;
 }
 
-void nsm_server_send_port(nsm_server* s, nsm_peer* peer, const nsmd_port& port) {
-    std::uint8_t body[nsm_link::SIZE] = {};
-    put_be32(body, nsm_link::IFINDEX, port.ifindex);
-    put_be32(body, nsm_link::KERNEL_IFINDEX, port.kernel_ifindex);
-    put_be16(body, nsm_link::TYPE, IF_TYPE_SYNCE);
-    put_be16(body, nsm_link::FLAGS, port.up ? nsm_link::FLAG_UP : std::uint16_t{0});
-    std::memcpy(body + nsm_link::MAC, port.mac, sizeof port.mac);
-    std::memcpy(body + nsm_link::NAME, port.name, std::strlen(port.name));
+void nsmd_server_send_port(nsmd_server* s, nsmd_peer* peer, const nsmd_port& port) {
+    std::uint8_t body[nsm_link_body::SIZE] = {};
+    put_be32(body, nsm_link_body::IFINDEX, port.ifindex);
+    put_be32(body, nsm_link_body::KERNEL_IFINDEX, port.kernel_ifindex);
+    put_be16(body, nsm_link_body::TYPE, IF_TYPE_SYNCE);
+    put_be16(body, nsm_link_body::FLAGS, port.up ? nsm_link_body::FLAG_UP : std::uint16_t{0});
+    std::memcpy(body + nsm_link_body::MAC, port.mac, sizeof port.mac);
+    std::memcpy(body + nsm_link_body::NAME, port.name, std::strlen(port.name));
     broadcast(s, peer, NSM_MSG_LINK_ADD, body);
 }
 
-void nsm_server_send_port_gone(nsm_server* s, const nsmd_port& port) {
+void nsmd_server_send_port_gone(nsmd_server* s, const nsmd_port& port) {
     std::uint8_t body[8];
     put_be32(body, 0, port.ifindex);
     put_be32(body, 4, NSM_LINK_GONE);
     broadcast(s, nullptr, NSM_MSG_LINK_DELETE, body);
 }
 
-void nsm_server_send_link(nsm_server* s, const nsmd_port& port) {
+void nsmd_server_send_link(nsmd_server* s, const nsmd_port& port) {
     send_word(s, nullptr, port.up ? NSM_MSG_LINK_UP : NSM_MSG_LINK_DOWN, port.ifindex);
 }
 
-void nsm_server_send_bridge(nsm_server* s, nsm_peer* peer, const bridge_identity& identity) {
-    std::uint8_t body[nsm_bridge::SIZE] = {};
-    std::memcpy(body + nsm_bridge::NAME, identity.name, std::strlen(identity.name));
-    put_be32(body, nsm_bridge::ID, identity.id);
-    std::memcpy(body + nsm_bridge::MAC, identity.mac, sizeof identity.mac);
+void nsmd_server_send_bridge(nsmd_server* s, nsmd_peer* peer, const bridge_identity& identity) {
+    std::uint8_t body[nsm_bridge_body::SIZE] = {};
+    std::memcpy(body + nsm_bridge_body::NAME, identity.name, std::strlen(identity.name));
+    put_be32(body, nsm_bridge_body::ID, identity.id);
+    std::memcpy(body + nsm_bridge_body::MAC, identity.mac, sizeof identity.mac);
     broadcast(s, peer, NSM_MSG_BRIDGE_ADD, body);
 }
 
-void nsm_server_send_clock(nsm_server* s, nsm_peer* peer, std::uint32_t state, std::uint32_t source) {
+void nsmd_server_send_clock(nsmd_server* s, nsmd_peer* peer, std::uint32_t state, std::uint32_t source) {
     std::uint8_t body[8];
     put_be32(body, 0, state);
     put_be32(body, 4, source);
     broadcast(s, peer, NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, body);
 }
 
-bool nsm_server_status(const nsm_server* s, text_buffer* out) {
+bool nsmd_server_status(const nsmd_server* s, text_buffer* out) {
     return text_printf(out, "clients: %u connected, %llu accepted, %llu messages dropped\n", s->greeted,
                        static_cast<unsigned long long>(s->accepted),
                        static_cast<unsigned long long>(s->dropped));

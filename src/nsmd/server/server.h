@@ -19,11 +19,11 @@ enum nsmd_message : std::uint16_t {
 
 constexpr std::size_t NSM_REQUEST_WORDS = 3;
 
-struct nsm_server;
+struct nsmd_server;
 
-struct nsm_server_sink {
-    // A client was accepted: state all there is through nsm_server_send_* with this peer.
-    void (*dump)(void* arg, nsm_peer* peer);
+struct nsmd_server_sink {
+    // A client was accepted: state all there is through nsmd_server_send_* with this peer.
+    void (*dump)(void* arg, nsmd_peer* peer);
     // A request; words that its type does not have are 0.
     void (*request)(void* arg, std::uint16_t type, const std::uint32_t (&words)[NSM_REQUEST_WORDS]);
     // A greeted client came or went, and how many there are now. `clean`: it went with a BYE.
@@ -33,20 +33,20 @@ struct nsm_server_sink {
 };
 
 // Null when memory is exhausted. It has no socket yet.
-nsm_server* nsm_server_create(lib_globals* ctx, const nsm_server_sink& sink);
+nsmd_server* nsmd_server_create(lib_globals* ctx, const nsmd_server_sink& sink);
 // Listens on `path`; a stale file is replaced, a live server's is not. 0, or -1 with a log line.
-int nsm_server_listen(nsm_server* server, const char* path);
+int nsmd_server_listen(nsmd_server* server, const char* path);
 // Closes all and removes the file, if it is still ours. Null is ignored.
-void nsm_server_free(nsm_server* server);
+void nsmd_server_free(nsmd_server* server);
 
 // Takes a connected descriptor as a client. What the listener does; tests hand in one end of a pair.
-nsm_peer* nsm_server_adopt(nsm_server* server, int fd);
+nsmd_peer* nsmd_server_adopt(nsmd_server* server, int fd);
 
 // To one peer, or with null to all greeted ones.
-void nsm_server_send_port(nsm_server* server, nsm_peer* peer, const nsmd_port& port);
-void nsm_server_send_port_gone(nsm_server* server, const nsmd_port& port);
-void nsm_server_send_link(nsm_server* server, const nsmd_port& port);
-void nsm_server_send_bridge(nsm_server* server, nsm_peer* peer, const bridge_identity& identity);
-void nsm_server_send_clock(nsm_server* server, nsm_peer* peer, std::uint32_t state, std::uint32_t source);
+void nsmd_server_send_port(nsmd_server* server, nsmd_peer* peer, const nsmd_port& port);
+void nsmd_server_send_port_gone(nsmd_server* server, const nsmd_port& port);
+void nsmd_server_send_link(nsmd_server* server, const nsmd_port& port);
+void nsmd_server_send_bridge(nsmd_server* server, nsmd_peer* peer, const bridge_identity& identity);
+void nsmd_server_send_clock(nsmd_server* server, nsmd_peer* peer, std::uint32_t state, std::uint32_t source);
 
-bool nsm_server_status(const nsm_server* server, text_buffer* out);
+bool nsmd_server_status(const nsmd_server* server, text_buffer* out);

@@ -1,14 +1,15 @@
 // The sub-agent's record and what its files call of each other. Private to the sub-agent.
 //
-//   agentx_register.cpp  modules, and the checks that their handlers share
-//   agentx_codec.cpp     octets
-//   agentx_lookup.cpp    which object a name means, and which comes next
-//   agentx_answer.cpp    Get, GetNext, GetBulk
-//   agentx_set.cpp       TestSet, CommitSet, UndoSet, CleanupSet
-//   agentx.cpp           session with the master
-//   agentx_link.cpp      opens the link
-//   agentx_notify.cpp    notifications
-//   agentx_cli.cpp       commands
+//   register.cpp  modules, and the checks that their handlers share
+//   codec.cpp     octets
+//   lookup.cpp    which object a name means, and which comes next
+//   answer.cpp    Get, GetNext, GetBulk
+//   set.cpp       TestSet, CommitSet, UndoSet, CleanupSet
+//   agent.cpp     session with the master
+//   link.cpp      opens the link
+//   notify.cpp    notifications
+//
+// Its commands are in suite/host/snmp_commands.cpp.
 #pragma once
 
 #include "suite/agentx/codec.h"
@@ -108,7 +109,7 @@ struct snmp_agent {
     agentx_stats stats;
 };
 
-// agentx_lookup.cpp. A name that was found, below its module's root, with the value that its handler gave.
+// lookup.cpp. A name that was found, below its module's root, with the value that its handler gave.
 struct agentx_found {
     const snmp_module* module;
     const snmp_variable* variable;
@@ -126,7 +127,7 @@ bool agentx_find_next(const snmp_agent* agent, const agentx_oid* start, const ag
 // The name of what was found, whole.
 void agentx_full_name(const agentx_found* found, agentx_oid* name);
 
-// agentx_answer.cpp. Answers one request into the writer's buffer. False when the payload can't be read or
+// answer.cpp. Answers one request into the writer's buffer. False when the payload can't be read or
 // memory is exhausted: the session is of no use any more.
 [[nodiscard]] bool agentx_answer(snmp_agent* agent, const agentx_header& header, const_octets payload,
                                  text_buffer* out);
@@ -134,7 +135,7 @@ void agentx_full_name(const agentx_found* found, agentx_oid* name);
 [[nodiscard]] bool agentx_answer_status(const agentx_header& header, std::uint16_t error, std::uint16_t index,
                                         text_buffer* out);
 
-// agentx_set.cpp. The answer's error, and the variable that it is about (from 1).
+// set.cpp. The answer's error, and the variable that it is about (from 1).
 struct agentx_set_result {
     bool readable;  // the payload
     std::uint16_t error, index;
@@ -145,7 +146,7 @@ std::uint16_t agentx_undo_set(snmp_agent* agent, const agentx_header& header);
 void agentx_cleanup_set(snmp_agent* agent, const agentx_header& header);
 void agentx_sets_end(snmp_agent* agent);  // the link is gone: what was not committed is put back
 
-// agentx.cpp
+// agent.cpp
 void agentx_connect_soon(snmp_agent* agent);                       // at the next turn of the loop
 void agentx_restart(snmp_agent* agent);                            // the target was changed
 void agentx_drop(snmp_agent* agent, const char* why);              // and try again later
@@ -155,13 +156,13 @@ void agentx_request_sent(snmp_agent* agent);
 void agentx_flush(snmp_agent* agent);
 agentx_header agentx_new_request(snmp_agent* agent, agentx_type type);
 
-// agentx_notify.cpp
+// notify.cpp
 void agentx_notify_answered(snmp_agent* agent, std::uint32_t packet, std::uint16_t error);
 void agentx_notify_lost(snmp_agent* agent);  // the link is gone
 void agentx_notify_switch(snmp_agent* agent, bool on);
 void agentx_notify_end(snmp_agent* agent);
 
-// agentx_link.cpp
+// link.cpp
 using agentx_link_open = int (*)(const agentx_target*);
 // A descriptor that becomes writable when the connection is made or has failed, or a negative errno.
 int agentx_link_open_real(const agentx_target* target);
@@ -170,5 +171,5 @@ void agentx_set_link_open(agentx_link_open open);  // tests; null: the real one
 [[nodiscard]] bool agentx_set_tcp(agentx_target* target, const char* host, std::uint16_t port);
 [[nodiscard]] bool agentx_set_unix(agentx_target* target, const char* path);
 
-// agentx_cli.cpp
+// suite/host/snmp_commands.cpp
 int agentx_cli_init(lib_globals* ctx);

@@ -8,15 +8,15 @@ namespace {
 
 const nsm_client* shown;  // null while there is none
 
-const char* phase_text(nsm_phase phase) {
+const char* phase_text(nsm_client_phase phase) {
     switch (phase) {
-        case nsm_phase::down:
+        case nsm_client_phase::down:
             break;
-        case nsm_phase::greeting:
+        case nsm_client_phase::greeting:
             return "waiting for the answer to HELLO";
-        case nsm_phase::dump:
+        case nsm_client_phase::dump:
             return "connected, initial dump";
-        case nsm_phase::synchronised:
+        case nsm_client_phase::synchronised:
             return "synchronised";
     }
     return "not connected";
@@ -39,7 +39,7 @@ const char* request_text(std::uint16_t type) {
     }
 }
 
-void show_request(cli* session, const nsm_request& r) {
+void show_request(cli* session, const nsm_client_request& r) {
     session->out_func(session->out_val, "  %-22s", request_text(r.type));
     for (std::size_t i = 0; i < r.words; ++i) session->out_func(session->out_val, " %" PRIu32, r.word[i]);
     session->out_func(session->out_val, "%s\n", r.pending ? "  (not sent)" : "");

@@ -74,11 +74,11 @@ void drop_link(nsm_client* nc) {
     }
     nc->fd = -1;
     nc->read = nc->write = nullptr;
-    nc->phase = nsm_phase::down;
+    nc->phase = nsm_client_phase::down;
 }
 
 void link_failed(nsm_client* nc, const char* why) {
-    const bool was_open = nc->phase == nsm_phase::dump || nc->phase == nsm_phase::synchronised;
+    const bool was_open = nc->phase == nsm_client_phase::dump || nc->phase == nsm_client_phase::synchronised;
     if (was_open || !nc->outage_said) log_suite(LOG_LEVEL_WARNING, "NSM: %s; trying again", why);
     nc->outage_said = true;
     drop_link(nc);
@@ -95,9 +95,9 @@ bool want_read(nsm_client* nc) {
 void send_hello(nsm_client* nc) {
     const std::uint32_t words[2] = {static_cast<std::uint32_t>(nc->version) << 16 | nc->protocol_id,
                                     nc->service_mask};
-    const int result = nsm_send(nc, NSM_MSG_HELLO, words, 2);
+    const int result = nsm_client_send(nc, NSM_MSG_HELLO, words, 2);
     if (result == -EAGAIN || result == -ENOTCONN)
-        nsm_want_write(nc);
+        nsm_client_want_write(nc);
     else if (result < 0)
         link_failed(nc, strerror(-result));
     else
@@ -105,10 +105,10 @@ void send_hello(nsm_client* nc) {
 }
 
 void continue_sending(nsm_client* nc) {
-    if (nc->phase == nsm_phase::greeting && !nc->hello_sent)
+    if (nc->phase == nsm_client_phase::greeting && !nc->hello_sent)
         send_hello(nc);
     else
-        nsm_requests_flush(nc);
+        nsm_client_requests_flush(nc);
 }
 
 int on_writable(thread* event) {
@@ -125,7 +125,7 @@ void try_connect(nsm_client* nc) {
         return;
     }
     nc->fd = fd;
-    nc->phase = nsm_phase::greeting;
+    nc->phase = nsm_client_phase::greeting;
     nc->hello_sent = nc->refused = false;
     nc->next_sequence = 1;
     ++nc->stats.connects;
@@ -139,51 +139,51 @@ void try_connect(nsm_client* nc) {
 // Messages ----------------------------------------------------------------------------------------------
 
 void take_hello_ack(nsm_client* nc, const_octets body) {
-    if (nc->phase == nsm_phase::dump || nc->phase == nsm_phase::synchronised) {
-        nsm_fault_count(nc, nsm_fault::second_ack, "second HELLO_ACK ignored");
+    if (nc->phase == nsm_client_phase::dump || nc->phase == nsm_client_phase::synchronised) {
+        nsm_client_fault_seen(nc, nsm_client_fault::second_ack, "second HELLO_ACK ignored");
         return;
     }
     if (const std::uint32_t status = get_be32(body, 0)) {
-        nsm_fault_count(nc, nsm_fault::refused, "refused by the server, status %" PRIu32 "; trying again",
-                        status);
+        nsm_client_fault_seen(nc, nsm_client_fault::refused,
+                              "refused by the server, status %" PRIu32 "; trying again", status);
         nc->refused = true;
         return;
     }
     log_suite(LOG_LEVEL_INFO, "NSM: connected");
     nc->outage_said = false;
-    nc->phase = nsm_phase::dump;
+    nc->phase = nsm_client_phase::dump;
     nc->bridge_seen = nc->clock_state_seen = false;
-    nsm_dump_begin(nc);
+    nsm_client_dump_begin(nc);
 }
 
 void take_sync_done(nsm_client* nc, const_octets) {
-    if (nc->phase != nsm_phase::dump) {
-        nsm_fault_count(nc, nsm_fault::order, "SYNC_DONE outside a dump ignored");
+    if (nc->phase != nsm_client_phase::dump) {
+        nsm_client_fault_seen(nc, nsm_client_fault::order, "SYNC_DONE outside a dump ignored");
         return;
     }
     // What the sweep makes the daemon ask for is kept and goes out with the rest, in its order.
-    nsm_dump_end(nc);
+    nsm_client_dump_end(nc);
     if (nc->stopped) return;
-    nc->phase = nsm_phase::synchronised;
+    nc->phase = nsm_client_phase::synchronised;
     log_suite(LOG_LEVEL_INFO, "NSM: synchronised");
-    nsm_requests_restate(nc);
+    nsm_client_requests_restate(nc);
 }
 
 void take_link_up(nsm_client* nc, const_octets body) {
-    nsm_link_updown(nc, body, true);
+    nsm_client_link_updown(nc, body, true);
 }
 
 void take_link_down(nsm_client* nc, const_octets body) {
-    nsm_link_updown(nc, body, false);
+    nsm_client_link_updown(nc, body, false);
 }
 
 void take_bridge(nsm_client* nc, const_octets body) {
     nsm_bridge_message m{};
-    std::memcpy(m.name, &body[nsm_bridge::NAME], sizeof m.name);
-    m.kind = get_be32(body, nsm_bridge::KIND);
-    m.id = get_be32(body, nsm_bridge::ID);
-    std::memcpy(m.mac, &body[nsm_bridge::MAC], sizeof m.mac);
-    const bool repeated = nc->phase == nsm_phase::dump && !nc->bridge_seen && nc->have_bridge &&
+    std::memcpy(m.name, &body[nsm_bridge_body::NAME], sizeof m.name);
+    m.kind = get_be32(body, nsm_bridge_body::KIND);
+    m.id = get_be32(body, nsm_bridge_body::ID);
+    std::memcpy(m.mac, &body[nsm_bridge_body::MAC], sizeof m.mac);
+    const bool repeated = nc->phase == nsm_client_phase::dump && !nc->bridge_seen && nc->have_bridge &&
                           std::memcmp(&m, &nc->bridge, sizeof m) == 0;
     nc->bridge_seen = true;
     if (repeated || !nc->on_bridge) return;
@@ -212,11 +212,11 @@ struct message_type {
 constexpr message_type MESSAGES[] = {
     {NSM_MSG_HELLO_ACK, 4, take_hello_ack},
     {NSM_MSG_SYNC_DONE, 0, take_sync_done},
-    {NSM_MSG_LINK_ADD, nsm_link::SIZE, nsm_link_add},
-    {NSM_MSG_LINK_DELETE, 4, nsm_link_delete},
+    {NSM_MSG_LINK_ADD, nsm_link_body::SIZE, nsm_client_link_add},
+    {NSM_MSG_LINK_DELETE, 4, nsm_client_link_delete},
     {NSM_MSG_LINK_UP, 4, take_link_up},
     {NSM_MSG_LINK_DOWN, 4, take_link_down},
-    {NSM_MSG_BRIDGE_ADD, nsm_bridge::SIZE, take_bridge},
+    {NSM_MSG_BRIDGE_ADD, nsm_bridge_body::SIZE, take_bridge},
     {NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, 8, take_clock_state},
 };
 
@@ -230,31 +230,32 @@ const message_type* find_type(std::uint16_t type) {
 void take_message(nsm_client* nc, const_octets packet, std::size_t length) {
     ++nc->stats.messages_in;
     if (length < NSM_HEADER_SIZE || get_be16(packet, 2) != length) {
-        nsm_fault_count(nc, nsm_fault::length, "packet of %zu octets with another length field dropped",
-                        length);
+        nsm_client_fault_seen(nc, nsm_client_fault::length,
+                              "packet of %zu octets with another length field dropped", length);
         return;
     }
     const std::uint16_t type = get_be16(packet, 0);
     const message_type* m = find_type(type);
     if (!m) {
-        nsm_fault_count(nc, nsm_fault::type, "message of unknown type %u dropped", type);
+        nsm_client_fault_seen(nc, nsm_client_fault::type, "message of unknown type %u dropped", type);
         return;
     }
     const const_octets body = packet.subspan(NSM_HEADER_SIZE);
     if (body.size() < m->body) {
-        nsm_fault_count(nc, nsm_fault::body, "message of type %u and %zu octets dropped: too short", type,
-                        length);
+        nsm_client_fault_seen(nc, nsm_client_fault::body,
+                              "message of type %u and %zu octets dropped: too short", type, length);
         return;
     }
-    if (nc->phase == nsm_phase::greeting && type != NSM_MSG_HELLO_ACK) {
-        nsm_fault_count(nc, nsm_fault::order, "message of type %u before HELLO_ACK dropped", type);
+    if (nc->phase == nsm_client_phase::greeting && type != NSM_MSG_HELLO_ACK) {
+        nsm_client_fault_seen(nc, nsm_client_fault::order, "message of type %u before HELLO_ACK dropped",
+                              type);
         return;
     }
     m->take(nc, body);
 }
 
 void free_client(nsm_client* nc) {
-    nsm_requests_free(nc);
+    nsm_client_requests_free(nc);
     memmgr_free(nc->mentioned, MTYPE_NSM);
     memmgr_free(nc, MTYPE_NSM);
 }
@@ -294,8 +295,8 @@ int on_readable(thread* event) {
     std::uint8_t packet[NSM_MESSAGE_MAX];
     const ssize_t got = recv(nc->fd, packet, sizeof packet, MSG_DONTWAIT | MSG_TRUNC);
     if (got == 0 && at_end(nc->fd)) {
-        link_failed(nc, nc->phase == nsm_phase::greeting ? "closed by the server before its answer"
-                                                         : "closed by the server");
+        link_failed(nc, nc->phase == nsm_client_phase::greeting ? "closed by the server before its answer"
+                                                                : "closed by the server");
         return 0;
     }
     if (got < 0 && errno != EAGAIN && errno != EINTR) {
@@ -314,7 +315,7 @@ int on_readable(thread* event) {
 
 // Shared with the client's other files --------------------------------------------------------------------
 
-void nsm_fault_count(nsm_client* nc, nsm_fault kind, const char* format, ...) {
+void nsm_client_fault_seen(nsm_client* nc, nsm_client_fault kind, const char* format, ...) {
     ++nc->stats.dropped;
     va_list args;
     va_start(args, format);
@@ -322,7 +323,7 @@ void nsm_fault_count(nsm_client* nc, nsm_fault kind, const char* format, ...) {
     va_end(args);
 }
 
-int nsm_send(nsm_client* nc, std::uint16_t type, const std::uint32_t* words, std::size_t count) {
+int nsm_client_send(nsm_client* nc, std::uint16_t type, const std::uint32_t* words, std::size_t count) {
     if (nc->fd < 0) return -ENOTCONN;
     std::uint8_t message[NSM_HEADER_SIZE + 4 * 3];
     const std::size_t length = NSM_HEADER_SIZE + 4 * count;
@@ -336,7 +337,7 @@ int nsm_send(nsm_client* nc, std::uint16_t type, const std::uint32_t* words, std
     return 0;
 }
 
-void nsm_want_write(nsm_client* nc) {
+void nsm_client_want_write(nsm_client* nc) {
     if (nc->write || nc->fd < 0) return;
     nc->write = thread_add_write(nc->ctx, on_writable, nc, nc->fd);
     if (!nc->write) set_retry(nc, RETRY_MS);
@@ -350,7 +351,7 @@ nsm_client* nsm_client_create(lib_globals* ctx, std::uint32_t) {
     nc->ctx = ctx;
     nc->fd = -1;
     nc->version = NSM_LINK_VERSION;
-    if (!nsm_requests_init(nc)) {
+    if (!nsm_client_requests_init(nc)) {
         memmgr_free(nc, MTYPE_NSM);
         return nullptr;
     }
@@ -393,8 +394,8 @@ int nsm_client_start(nsm_client* nc) {
 void nsm_client_stop(nsm_client* nc) {
     if (!nc || nc->stopped) return;
     // Not sent when the link is full or down: the server then finds out by itself.
-    if (nc->phase == nsm_phase::dump || nc->phase == nsm_phase::synchronised)
-        (void)nsm_send(nc, NSM_MSG_BYE, nullptr, 0);
+    if (nc->phase == nsm_client_phase::dump || nc->phase == nsm_client_phase::synchronised)
+        (void)nsm_client_send(nc, NSM_MSG_BYE, nullptr, 0);
     drop_link(nc);
     thread_cancel(nc->retry);
     nc->retry = nullptr;
@@ -414,7 +415,7 @@ void nsm_client_deliver(nsm_client* nc, const void* message, std::size_t length)
 nsm_client_stats nsm_client_get_stats(const nsm_client* nc) {
     nsm_client_stats s = nc->stats;
     s.connected = nc->fd >= 0;
-    s.synchronised = nc->phase == nsm_phase::synchronised;
+    s.synchronised = nc->phase == nsm_client_phase::synchronised;
     s.requests_kept = nc->request_count;
     return s;
 }

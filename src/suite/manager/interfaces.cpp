@@ -1,5 +1,5 @@
 // What NSM says about interfaces: keeps the interface list and calls its hooks, and tells the slow-protocol
-// socket which ports there are. Called by nsm_client.cpp for each message about a link.
+// socket which ports there are. Called by client.cpp for each message about a link.
 //
 // During a dump an interface that is known already is compared instead of bound again, and what the dump left
 // out goes at its end; so a manager that restarts changes nothing that did not change.
@@ -31,12 +31,12 @@ struct link_record {
 
 link_record decode(const_octets body) {
     link_record r{};
-    r.ifindex = get_be32(body, nsm_link::IFINDEX);
-    r.kernel_ifindex = get_be32(body, nsm_link::KERNEL_IFINDEX);
-    r.type = get_be16(body, nsm_link::TYPE);
-    r.up = get_be16(body, nsm_link::FLAGS) & nsm_link::FLAG_UP;
-    std::memcpy(r.mac, &body[nsm_link::MAC], sizeof r.mac);
-    std::memcpy(r.name, &body[nsm_link::NAME], nsm_link::NAME_SIZE);  // the 17th octet stays zero
+    r.ifindex = get_be32(body, nsm_link_body::IFINDEX);
+    r.kernel_ifindex = get_be32(body, nsm_link_body::KERNEL_IFINDEX);
+    r.type = get_be16(body, nsm_link_body::TYPE);
+    r.up = get_be16(body, nsm_link_body::FLAGS) & nsm_link_body::FLAG_UP;
+    std::memcpy(r.mac, &body[nsm_link_body::MAC], sizeof r.mac);
+    std::memcpy(r.name, &body[nsm_link_body::NAME], nsm_link_body::NAME_SIZE);  // the 17th octet stays zero
     return r;
 }
 
@@ -53,7 +53,7 @@ bool usable_name(const char* name) {
 }
 
 void mention(nsm_client* nc, std::uint32_t ifindex) {
-    if (nc->phase != nsm_phase::dump || nc->mention_lost) return;
+    if (nc->phase != nsm_client_phase::dump || nc->mention_lost) return;
     if (nc->mentioned_count == nc->mentioned_room) {
         const std::size_t room = nc->mentioned_room ? nc->mentioned_room * 2 : FIRST_ROOM;
         void* grown = memmgr_realloc(nc->mentioned, room * sizeof(std::uint32_t), MTYPE_NSM);
@@ -83,7 +83,7 @@ void unbind_interface(nsm_client* nc, interface* intf) {
     if_unbind(&nc->ctx->ifm, intf);
     intf->up = false;
     slow_socket_port_unbound(intf);
-    nsm_requests_port_gone(nc, intf->ifindex);
+    nsm_client_requests_port_gone(nc, intf->ifindex);
 }
 
 void remove_interface(nsm_client* nc, interface* intf) {
@@ -119,26 +119,27 @@ void deliver_link_state(nsm_client* nc, interface* intf, bool up) {
 
 }  // namespace
 
-void nsm_link_add(nsm_client* nc, const_octets body) {
+void nsm_client_link_add(nsm_client* nc, const_octets body) {
     const link_record r = decode(body);
     if (!usable_index(r.ifindex)) {
-        nsm_fault_count(nc, nsm_fault::interface, "interface %s refused: index %" PRIu32, r.name, r.ifindex);
+        nsm_client_fault_seen(nc, nsm_client_fault::interface, "interface %s refused: index %" PRIu32, r.name,
+                              r.ifindex);
         return;
     }
     if (!usable_name(r.name)) {
-        nsm_fault_count(nc, nsm_fault::interface, "interface of index %" PRIu32 " refused: name \"%s\"",
-                        r.ifindex, r.name);
+        nsm_client_fault_seen(nc, nsm_client_fault::interface,
+                              "interface of index %" PRIu32 " refused: name \"%s\"", r.ifindex, r.name);
         return;
     }
     mention(nc, r.ifindex);
     interface* intf = known_interface(nc, r);
     if (!intf) intf = if_add(&nc->ctx->ifm, r.name, r.ifindex, r.type);
     if (!intf) {
-        nsm_fault_count(nc, nsm_fault::memory, "no memory for interface %s", r.name);
+        nsm_client_fault_seen(nc, nsm_client_fault::memory, "no memory for interface %s", r.name);
         return;
     }
     take_over_addresses(intf, r);
-    if (nc->phase == nsm_phase::dump && intf->bound) {
+    if (nc->phase == nsm_client_phase::dump && intf->bound) {
         slow_socket_port_bound(intf);
         if (intf->up != r.up) deliver_link_state(nc, intf, r.up);
         return;
@@ -147,7 +148,7 @@ void nsm_link_add(nsm_client* nc, const_octets body) {
     if (r.up || intf->up) deliver_link_state(nc, intf, r.up);
 }
 
-void nsm_link_delete(nsm_client* nc, const_octets body) {
+void nsm_client_link_delete(nsm_client* nc, const_octets body) {
     const std::uint32_t ifindex = get_be32(body, 0);
     const std::uint32_t flags = body.size() >= 8 ? get_be32(body, 4) : 0;
     interface* intf = if_lookup_by_index(&nc->ctx->ifm, ifindex);
@@ -160,7 +161,7 @@ void nsm_link_delete(nsm_client* nc, const_octets body) {
     unbind_interface(nc, intf);
 }
 
-void nsm_link_updown(nsm_client* nc, const_octets body, bool up) {
+void nsm_client_link_updown(nsm_client* nc, const_octets body, bool up) {
     const std::uint32_t ifindex = get_be32(body, 0);
     interface* intf = if_lookup_by_index(&nc->ctx->ifm, ifindex);
     if (!intf) {
@@ -171,12 +172,12 @@ void nsm_link_updown(nsm_client* nc, const_octets body, bool up) {
     deliver_link_state(nc, intf, up);
 }
 
-void nsm_dump_begin(nsm_client* nc) {
+void nsm_client_dump_begin(nsm_client* nc) {
     nc->mentioned_count = 0;
     nc->mention_lost = false;
 }
 
-void nsm_dump_end(nsm_client* nc) {
+void nsm_client_dump_end(nsm_client* nc) {
     if (nc->mention_lost) {
         log_suite(LOG_LEVEL_ERROR, "NSM: no memory to compare the interfaces; those that left are kept");
     } else {

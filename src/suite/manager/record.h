@@ -8,7 +8,7 @@
 struct thread;
 
 // What a peer can do wrong. Each kind is logged once a minute at most.
-enum class nsm_fault : std::uint8_t {
+enum class nsm_client_fault : std::uint8_t {
     length,      // length field against the packet
     type,        // unknown, or of the other direction
     body,        // shorter than its type asks
@@ -21,7 +21,7 @@ enum class nsm_fault : std::uint8_t {
 };
 
 // Session on one link.
-enum class nsm_phase : std::uint8_t {
+enum class nsm_client_phase : std::uint8_t {
     down,          // no link
     greeting,      // HELLO to be sent, or sent and not answered
     dump,          // accepted; what is known is being compared
@@ -30,7 +30,7 @@ enum class nsm_phase : std::uint8_t {
 
 // A request as it goes out: type and one to three words. The list is in the order in which requests were
 // last made, with one entry a type (and a port, for the gephy role).
-struct nsm_request {
+struct nsm_client_request {
     std::uint16_t type;
     std::uint16_t words;
     std::uint32_t word[3];
@@ -44,7 +44,7 @@ struct nsm_client {
     nsm_callback on_bridge, on_clock_state;
 
     int fd;  // -1 while there is no link
-    nsm_phase phase;
+    nsm_client_phase phase;
     bool handling;     // inside a message: a stop is put off to its end
     bool stopped;      // stop was called meanwhile
     bool outage_said;  // the server's absence has been logged
@@ -64,34 +64,34 @@ struct nsm_client {
     nsm_bridge_message bridge;
     nsm_clock_state_message clock_state;
 
-    nsm_request* requests;
+    nsm_client_request* requests;
     std::size_t request_count, request_room;
 
-    log_limit faults[static_cast<std::size_t>(nsm_fault::COUNT)];
+    log_limit faults[static_cast<std::size_t>(nsm_client_fault::COUNT)];
     nsm_client_stats stats;
 };
 
-// nsm_client.cpp
+// client.cpp
 // Counts a fault and logs it, unless its kind was logged less than a minute ago.
-void nsm_fault_count(nsm_client* nc, nsm_fault kind, const char* format, ...)
+void nsm_client_fault_seen(nsm_client* nc, nsm_client_fault kind, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 // Sends one message on the open link. Negative errno on failure.
-int nsm_send(nsm_client* nc, std::uint16_t type, const std::uint32_t* words, std::size_t count);
-void nsm_want_write(nsm_client* nc);
+int nsm_client_send(nsm_client* nc, std::uint16_t type, const std::uint32_t* words, std::size_t count);
+void nsm_client_want_write(nsm_client* nc);
 
-// nsm_client_interfaces.cpp; `body` is as long as its type asks, or longer.
-void nsm_link_add(nsm_client* nc, const_octets body);
-void nsm_link_delete(nsm_client* nc, const_octets body);
-void nsm_link_updown(nsm_client* nc, const_octets body, bool up);
-void nsm_dump_begin(nsm_client* nc);
-void nsm_dump_end(nsm_client* nc);  // what was not mentioned goes
+// interfaces.cpp; `body` is as long as its type asks, or longer.
+void nsm_client_link_add(nsm_client* nc, const_octets body);
+void nsm_client_link_delete(nsm_client* nc, const_octets body);
+void nsm_client_link_updown(nsm_client* nc, const_octets body, bool up);
+void nsm_client_dump_begin(nsm_client* nc);
+void nsm_client_dump_end(nsm_client* nc);  // what was not mentioned goes
 
-// nsm_client_requests.cpp
-bool nsm_requests_init(nsm_client* nc);
-void nsm_requests_free(nsm_client* nc);
-void nsm_requests_restate(nsm_client* nc);  // marks all that still make sense and begins to send
-void nsm_requests_flush(nsm_client* nc);    // sends what is pending, as far as the link takes it
-void nsm_requests_port_gone(nsm_client* nc, std::uint32_t ifindex);
+// requests.cpp
+bool nsm_client_requests_init(nsm_client* nc);
+void nsm_client_requests_free(nsm_client* nc);
+void nsm_client_requests_restate(nsm_client* nc);  // marks all that still make sense and begins to send
+void nsm_client_requests_flush(nsm_client* nc);    // sends what is pending, as far as the link takes it
+void nsm_client_requests_port_gone(nsm_client* nc, std::uint32_t ifindex);
 
-// nsm_client_cli.cpp
+// suite/host/manager_commands.cpp
 void nsm_client_cli_set(const nsm_client* nc);

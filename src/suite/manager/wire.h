@@ -9,8 +9,7 @@
 constexpr const char* NSM_SOCKET_PATH = "/run/nsmd.sock";
 constexpr std::uint16_t NSM_LINK_VERSION = 1;
 constexpr std::size_t NSM_HEADER_SIZE = 8;
-constexpr std::size_t NSM_MESSAGE_MAX =
-    256;  // room for later fields; what is longer is cut by the kernel and dropped
+constexpr std::size_t NSM_MESSAGE_MAX = 256;  // room for later fields; what is longer is dropped
 
 enum nsm_message : std::uint16_t {
     NSM_MSG_HELLO = 1,      // u16 version, u16 protocol identifier, u32 service mask
@@ -35,13 +34,13 @@ enum nsm_message : std::uint16_t {
 constexpr std::uint32_t NSM_LINK_GONE = 1;  // LINK_DELETE: the interface itself is gone
 
 // Body of LINK_ADD, offsets from the body's start.
-namespace nsm_link {
+namespace nsm_link_body {
 constexpr std::size_t IFINDEX = 0, KERNEL_IFINDEX = 4, TYPE = 8, FLAGS = 10, MAC = 12, NAME = 20;
 constexpr std::size_t NAME_SIZE = 16, SIZE = 36;
 constexpr std::uint16_t FLAG_UP = 1;
-}  // namespace nsm_link
+}  // namespace nsm_link_body
 
 // Body of BRIDGE_ADD.
-namespace nsm_bridge {
+namespace nsm_bridge_body {
 constexpr std::size_t NAME = 0, KIND = 16, ID = 20, MAC = 24, SIZE = 32;
-}  // namespace nsm_bridge
+}  // namespace nsm_bridge_body
