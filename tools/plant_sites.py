@@ -149,10 +149,11 @@ class Finder:
 
     def swap(self, start, end, children):
         found = self.operator_between(children[0], children[-1])
+        if found and found[0] == "-" and children[-1].type.get_canonical().kind == self.c.TypeKind.POINTER:
+            return  # the sum of two pointers
         if found and found[0] in SWAPS and start <= found[1] and found[2] <= end:
             word, at, after = found
             self.add(start, end, "swap", word, self.text[start:at] + SWAPS[word] + self.text[after:end])
-        return found[0] if found else None
 
     def peel(self, c):
         """Below the nodes that only say that temporaries end here, or that a value is converted."""
