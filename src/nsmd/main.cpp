@@ -8,10 +8,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "nsmd/module.h"
 #include "nsmd/nsmd.h"
 #include "nsmd/options.h"
-#include "nsmd/server/status_client.h"
+#include "nsmd/server/server.h"
 #include "suite/base/memory.h"
 #include "suite/log/log.h"
 #include "suite/loop/thread.h"
@@ -35,7 +34,7 @@ void on_signal(int number) {
 
 void stop_asked(lib_globals* ctx) {
     if (!stop_signal) return;
-    log_sys(NSMD_MODULE, LOG_LEVEL_INFO, "signal %d, ending", static_cast<int>(stop_signal));
+    log_suite(LOG_LEVEL_INFO, "signal %d, ending", static_cast<int>(stop_signal));
     ctx->flags |= LIB_SHUTTING_DOWN;
 }
 
@@ -74,8 +73,8 @@ bool become_user(const nsmd_options& options) {
     if (!user.name) return true;
     const int given = rights_give(NSM_SOCKET_PATH, user, false);
     if (given < 0)
-        log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "can't give %s to user %s: %s", NSM_SOCKET_PATH, user.name,
-                std::strerror(-given));
+        log_suite(LOG_LEVEL_WARNING, "can't give %s to user %s: %s", NSM_SOCKET_PATH, user.name,
+                  std::strerror(-given));
     (void)rights_give(INDEX_PATH, user, true);
     if (options.sim.state_file) (void)rights_give(options.sim.state_file, user, true);
     return rights_become(user, RIGHTS_KEPT) == 0;
@@ -86,7 +85,7 @@ int run(lib_globals* ctx, const nsmd_options& options) {
     if (!n) return 1;
     int status = 1;
     if (become_user(options) && (!options.daemonize || go_to_background())) {
-        log_sys(NSMD_MODULE, LOG_LEVEL_INFO, "nsmd %s serves %s", lib_version(), NSM_SOCKET_PATH);
+        log_suite(LOG_LEVEL_INFO, "nsmd %s serves %s", lib_version(), NSM_SOCKET_PATH);
         rights_reduce(RIGHTS_KEPT);
         thread event;
         while (thread_fetch(ctx, &event)) thread_call(&event);
@@ -105,7 +104,7 @@ int main(int argc, char** argv) {
             nsmd_options_usage(argv[0]);
             return 0;
         case options_result::status:
-            return status_print(NSM_SOCKET_PATH);
+            return nsmd_status_print(NSM_SOCKET_PATH);
         case options_result::version:
             print_version("nsmd");
             return 0;
@@ -121,7 +120,7 @@ int main(int argc, char** argv) {
     lib_globals ctx{};
     ctx.master = thread_master_create();
     if (!ctx.master) {
-        log_sys(NSMD_MODULE, LOG_LEVEL_ERROR, "no memory for the event loop");
+        log_suite(LOG_LEVEL_ERROR, "no memory for the event loop");
         return 1;
     }
     thread_set_interrupt(&ctx, stop_asked);

@@ -1,7 +1,6 @@
 // nsmd put together: links, ports, server and clock.
 #pragma once
 
-#include "nsmd/clock/dpll.h"
 #include "nsmd/netlink/socket.h"
 #include "nsmd/options.h"
 #include "suite/start/lib.h"
@@ -22,8 +21,3 @@ nsmd* nsmd_start(lib_globals* ctx, const nsmd_options& options, const nsmd_edges
 void nsmd_stop(nsmd* n);  // null is ignored
 
 nsmd_server* nsmd_server_of(nsmd* n);
-bool nsmd_status(const nsmd* n, text_buffer* out);
-
-// The code of a reference in reports to the daemon: as configured, else the one that the daemon's own table
-// turns back into this interface, else 0.
-std::uint32_t nsmd_source_code(const nsmd_options& options, std::uint32_t ifindex);

@@ -215,3 +215,12 @@ void nsmd_options_usage(const char* progname) {
     print_option("-h, --help", "this text");
     print_option("-v, --version", "the version");
 }
+
+std::uint32_t nsmd_source_code(const nsmd_options& options, std::uint32_t ifindex) {
+    static constexpr source_code defaults[] = {{26, 1}, {25, 2}, {24, 3}, {20, 4}, {DPLL_SOURCE_BITS, 8}};
+    for (std::size_t i = options.source_code_count; i > 0; --i)  // the last one given counts
+        if (options.source_codes[i - 1].ifindex == ifindex) return options.source_codes[i - 1].code;
+    for (const auto& entry : defaults)
+        if (entry.ifindex == ifindex) return entry.code;
+    return 0;
+}

@@ -40,3 +40,7 @@ enum class options_result { run, help, version, status, bad };
 // Fills *out, defaults included. `bad` has been said on standard error.
 options_result nsmd_options_parse(int argc, char** argv, nsmd_options* out);
 void nsmd_options_usage(const char* progname);  // on standard output
+
+// The code of a reference in reports to the daemon: as configured, else the one that the daemon's own table
+// turns back into this interface, else 0.
+std::uint32_t nsmd_source_code(const nsmd_options& options, std::uint32_t ifindex);

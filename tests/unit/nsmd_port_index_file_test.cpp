@@ -1,5 +1,5 @@
 // The file that keeps the ports' indexes over a restart.
-#include "nsmd/links/port_index_file.h"
+#include "nsmd/links/port_index.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "nsmd/module.h"
 #include "nsmd/netlink/genl.h"
 #include "suite/base/memory.h"
 #include "suite/log/log.h"
@@ -120,8 +119,8 @@ void copper_set(copper* c, const copper_role& role) {
     const int result = bring_about(c, *port, &record, first);
     record.failed = result < 0;
     if (result < 0)
-        log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "copper role of %s can't be set: %s", port->name,
-                result == -EOPNOTSUPP ? "its driver does not offer it" : std::strerror(-result));
+        log_suite(LOG_LEVEL_WARNING, "copper role of %s can't be set: %s", port->name,
+                  result == -EOPNOTSUPP ? "its driver does not offer it" : std::strerror(-result));
 }
 
 void copper_forget(copper* c, std::uint32_t ifindex) {

@@ -2,9 +2,16 @@
 // setting, where the port's driver has it.
 #pragma once
 
+#include "nsmd/links/port_table.h"
 #include "nsmd/netlink/socket.h"
-#include "nsmd/server/requests.h"
 #include "suite/base/text.h"
+
+// A copper port's timing role, as asked for last.
+struct copper_role {
+    std::uint32_t ifindex;
+    bool set;       // false: no role any more
+    bool is_slave;  // recovers its timing from the neighbour
+};
 
 struct copper;
 

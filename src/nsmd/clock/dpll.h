@@ -33,7 +33,6 @@ struct dpll_sink {
 
 // One backend. Reports come from the loop or from inside of the calls.
 struct dpll_backend {
-    const char* name;
     void (*apply)(void* self, const dpll_wanted& wanted);  // requests came, or must be stated again
     void (*port)(void* self, const nsmd_port& port, port_event event);
     dpll_report (*current)(const void* self);
@@ -44,3 +43,5 @@ struct dpll_backend {
 
 // The clock that is none: free-running whatever is asked.
 dpll_backend dpll_none();
+
+const char* dpll_state_word(std::uint32_t state);

@@ -15,7 +15,6 @@
 #include <cstring>
 
 #include "nsmd/clock/steer.h"
-#include "nsmd/module.h"
 #include "suite/base/memory.h"
 #include "suite/log/log.h"
 #include "suite/loop/thread.h"
@@ -75,7 +74,7 @@ void message_came(void* arg, const genl_message& m) {
         default:
             break;
     }
-    if (!stored) log_sys(NSMD_MODULE, LOG_LEVEL_ERROR, "clock: no memory for a device or pin");
+    if (!stored) log_suite(LOG_LEVEL_ERROR, "clock: no memory for a device or pin");
     const bool comes_or_goes = m.command == DPLL_CMD_DEVICE_CREATE_NTF ||
                                m.command == DPLL_CMD_DEVICE_DELETE_NTF ||
                                m.command == DPLL_CMD_PIN_CREATE_NTF || m.command == DPLL_CMD_PIN_DELETE_NTF;
@@ -136,9 +135,9 @@ void choose_device(dpll_kernel* k) {
     k->has_device = d != nullptr;
     if (d) k->device = d->id;
     if (d && (!had || before != d->id))
-        log_sys(NSMD_MODULE, LOG_LEVEL_INFO, "clock: kernel device %u of %s, clock %016" PRIx64 ", %s", d->id,
-                d->module, d->clock_id, d->mode == DPLL_MODE_AUTOMATIC ? "automatic" : "manual");
-    if (!d && had) log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "clock: kernel device %u is gone", before);
+        log_suite(LOG_LEVEL_INFO, "clock: kernel device %u of %s, clock %016" PRIx64 ", %s", d->id, d->module,
+                  d->clock_id, d->mode == DPLL_MODE_AUTOMATIC ? "automatic" : "manual");
+    if (!d && had) log_suite(LOG_LEVEL_WARNING, "clock: kernel device %u is gone", before);
 }
 
 // --- reporting ---
@@ -186,8 +185,8 @@ bool find_target(const dpll_kernel* k, std::uint32_t* pin) {
         if (input)
             *pin = input->id;
         else
-            log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "clock: no pin for external input %u, nothing to follow",
-                    w.recovery_select);
+            log_suite(LOG_LEVEL_WARNING, "clock: no pin for external input %u, nothing to follow",
+                      w.recovery_select);
         return input != nullptr;
     }
     const nsmd_port* port = port_table_find(k->table, w.selected);
@@ -195,8 +194,8 @@ bool find_target(const dpll_kernel* k, std::uint32_t* pin) {
         *pin = port->dpll_pin;
         return true;
     }
-    log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "clock: port %u (%s) has no clock pin, nothing to follow",
-            w.selected, port ? port->name : "unknown");
+    log_suite(LOG_LEVEL_WARNING, "clock: port %u (%s) has no clock pin, nothing to follow", w.selected,
+              port ? port->name : "unknown");
     return false;
 }
 
@@ -216,11 +215,10 @@ void steer(dpll_kernel* k) {
     goal.prio_other = k->options.prio_other;
     const dpll_steer_end end = dpll_steer_to(&k->steering, goal);
     if (end == dpll_steer_end::busy && k->busy_tries++ < BUSY_TRIES) return again_in(k, BUSY_MS);
-    if (end == dpll_steer_end::busy)
-        log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "clock: the driver stays busy, given up");
+    if (end == dpll_steer_end::busy) log_suite(LOG_LEVEL_WARNING, "clock: the driver stays busy, given up");
     if (end == dpll_steer_end::reached || !goal.has_target) return;
     // What is followed now is not what the daemon believes and tells its neighbours. Holdover is.
-    log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "clock: the source can't be followed, holdover instead");
+    log_suite(LOG_LEVEL_WARNING, "clock: the source can't be followed, holdover instead");
     goal.has_target = false;
     (void)dpll_steer_to(&k->steering, goal);
 }
@@ -331,8 +329,7 @@ int start(dpll_kernel* k, const netlink_edge& edge, bool need_device) {
     if (result < 0) return result;
     choose_device(k);
     if (!k->has_device && need_device) return -ENODEV;
-    if (!k->has_device)
-        log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "clock: no kernel device yet, waiting for one");
+    if (!k->has_device) log_suite(LOG_LEVEL_WARNING, "clock: no kernel device yet, waiting for one");
     k->now = observe(k);
     k->read = thread_add_read(k->ctx, readable, k, k->link.fd);
     k->poll_timer = thread_add_timer_msec(k->ctx, poll_due, k, POLL_MS);
@@ -344,7 +341,7 @@ int start(dpll_kernel* k, const netlink_edge& edge, bool need_device) {
 dpll_backend dpll_kernel_create(lib_globals* ctx, const port_table* table, const netlink_edge& edge,
                                 const dpll_kernel_options& options, bool need_device, const dpll_sink& sink,
                                 int* error) {
-    dpll_backend backend = {"kernel", apply, port, current, status, finish, nullptr};
+    dpll_backend backend = {apply, port, current, status, finish, nullptr};
     auto* k = static_cast<dpll_kernel*>(memmgr_calloc(sizeof(dpll_kernel), MTYPE_NSMD));
     *error = -ENOMEM;
     if (!k) return backend;

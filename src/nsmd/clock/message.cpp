@@ -2,17 +2,39 @@
 // backend. Attributes that are not known are skipped, those that are missing stay zero.
 #include "nsmd/clock/message.h"
 
-#include <algorithm>
-#include <cstring>
-
 namespace {
 
-template <std::size_t size>
-void copy_text(char (&out)[size], const_octets value) {
-    const std::string_view text = nl_text(value);
-    const std::size_t length = std::min(text.size(), size - 1);
-    std::memcpy(out, text.data(), length);
-    out[length] = 0;
+// An attribute of 32 bits and where it goes.
+template <typename record>
+struct number_field {
+    std::uint16_t type;
+    std::uint32_t record::*to;
+};
+
+constexpr number_field<dpll_device> DEVICE_NUMBERS[] = {
+    {DPLL_A_ID, &dpll_device::id},
+    {DPLL_A_MODE, &dpll_device::mode},
+    {DPLL_A_LOCK_STATUS, &dpll_device::status},
+    {DPLL_A_LOCK_STATUS_ERROR, &dpll_device::error},
+    {DPLL_A_TYPE, &dpll_device::type},
+};
+
+constexpr number_field<dpll_pin> PIN_NUMBERS[] = {
+    {DPLL_PIN_A_ID, &dpll_pin::id},
+    {DPLL_PIN_A_TYPE, &dpll_pin::type},
+    {DPLL_PIN_A_CAPABILITIES, &dpll_pin::capabilities},
+};
+
+constexpr number_field<dpll_parent> PARENT_NUMBERS[] = {
+    {DPLL_PIN_A_PARENT_ID, &dpll_parent::id}, {DPLL_PIN_A_DIRECTION, &dpll_parent::direction},
+    {DPLL_PIN_A_STATE, &dpll_parent::state},  {DPLL_PIN_A_OPERSTATE, &dpll_parent::operstate},
+    {DPLL_PIN_A_PRIO, &dpll_parent::prio},
+};
+
+template <typename record, std::size_t count>
+void take_number(const number_field<record> (&fields)[count], const nl_attr& attr, record* out) {
+    for (const auto& field : fields)
+        if (field.type == attr.type) out->*field.to = nl_u32(attr.value);
 }
 
 void parse_parent(const_octets nest, bool is_pin, dpll_pin* out) {
@@ -22,27 +44,9 @@ void parse_parent(const_octets nest, bool is_pin, dpll_pin* out) {
     bool named = false;
     nl_attr attr;
     while (nl_next_attr(&nest, &attr)) {
-        switch (attr.type) {
-            case DPLL_PIN_A_PARENT_ID:
-                parent.id = nl_u32(attr.value);
-                named = true;
-                break;
-            case DPLL_PIN_A_DIRECTION:
-                parent.direction = nl_u32(attr.value);
-                break;
-            case DPLL_PIN_A_STATE:
-                parent.state = nl_u32(attr.value);
-                break;
-            case DPLL_PIN_A_OPERSTATE:
-                parent.operstate = nl_u32(attr.value);
-                break;
-            case DPLL_PIN_A_PRIO:
-                parent.prio = nl_u32(attr.value);
-                parent.has_prio = true;
-                break;
-            default:
-                break;
-        }
+        take_number(PARENT_NUMBERS, attr, &parent);
+        named |= attr.type == DPLL_PIN_A_PARENT_ID;
+        parent.has_prio |= attr.type == DPLL_PIN_A_PRIO;
     }
     if (named) out->parents[out->parent_count++] = parent;
 }
@@ -54,32 +58,10 @@ bool dpll_device_parse(const_octets attributes, dpll_device* out) {
     bool named = false;
     nl_attr attr;
     while (nl_next_attr(&attributes, &attr)) {
-        switch (attr.type) {
-            case DPLL_A_ID:
-                out->id = nl_u32(attr.value);
-                named = attr.value.size() >= 4;
-                break;
-            case DPLL_A_MODULE_NAME:
-                copy_text(out->module, attr.value);
-                break;
-            case DPLL_A_CLOCK_ID:
-                out->clock_id = nl_u64(attr.value);
-                break;
-            case DPLL_A_MODE:
-                out->mode = nl_u32(attr.value);
-                break;
-            case DPLL_A_LOCK_STATUS:
-                out->status = nl_u32(attr.value);
-                break;
-            case DPLL_A_LOCK_STATUS_ERROR:
-                out->error = nl_u32(attr.value);
-                break;
-            case DPLL_A_TYPE:
-                out->type = nl_u32(attr.value);
-                break;
-            default:
-                break;
-        }
+        take_number(DEVICE_NUMBERS, attr, out);
+        named |= attr.type == DPLL_A_ID && attr.value.size() >= 4;
+        if (attr.type == DPLL_A_MODULE_NAME) nl_copy_text(out->module, attr.value);
+        if (attr.type == DPLL_A_CLOCK_ID) out->clock_id = nl_u64(attr.value);
     }
     return named;
 }
@@ -89,35 +71,13 @@ bool dpll_pin_parse(const_octets attributes, dpll_pin* out) {
     bool named = false;
     nl_attr attr;
     while (nl_next_attr(&attributes, &attr)) {
-        switch (attr.type) {
-            case DPLL_PIN_A_ID:
-                out->id = nl_u32(attr.value);
-                named = attr.value.size() >= 4;
-                break;
-            case DPLL_PIN_A_BOARD_LABEL:
-                copy_text(out->board_label, attr.value);
-                break;
-            case DPLL_PIN_A_PANEL_LABEL:
-                copy_text(out->panel_label, attr.value);
-                break;
-            case DPLL_PIN_A_PACKAGE_LABEL:
-                copy_text(out->package_label, attr.value);
-                break;
-            case DPLL_PIN_A_TYPE:
-                out->type = nl_u32(attr.value);
-                break;
-            case DPLL_PIN_A_CAPABILITIES:
-                out->capabilities = nl_u32(attr.value);
-                break;
-            case DPLL_PIN_A_PARENT_DEVICE:
-                parse_parent(attr.value, false, out);
-                break;
-            case DPLL_PIN_A_PARENT_PIN:
-                parse_parent(attr.value, true, out);
-                break;
-            default:
-                break;
-        }
+        take_number(PIN_NUMBERS, attr, out);
+        named |= attr.type == DPLL_PIN_A_ID && attr.value.size() >= 4;
+        if (attr.type == DPLL_PIN_A_BOARD_LABEL) nl_copy_text(out->board_label, attr.value);
+        if (attr.type == DPLL_PIN_A_PANEL_LABEL) nl_copy_text(out->panel_label, attr.value);
+        if (attr.type == DPLL_PIN_A_PACKAGE_LABEL) nl_copy_text(out->package_label, attr.value);
+        if (attr.type == DPLL_PIN_A_PARENT_DEVICE) parse_parent(attr.value, false, out);
+        if (attr.type == DPLL_PIN_A_PARENT_PIN) parse_parent(attr.value, true, out);
     }
     return named;
 }

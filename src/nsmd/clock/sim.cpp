@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "nsmd/module.h"
 #include "suite/base/memory.h"
 #include "suite/log/log.h"
 #include "suite/loop/thread.h"
@@ -44,8 +43,8 @@ void save(dpll_sim* s) {
     // Registers that are half old are none.
     const bool written = done >= 0 && ftruncate(fd, done == length ? length : 0) == 0 && done == length;
     if (!written && !s->write_failed)
-        log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "simulated clock: can't write %s: %s", s->options.state_file,
-                std::strerror(errno));
+        log_suite(LOG_LEVEL_WARNING, "simulated clock: can't write %s: %s", s->options.state_file,
+                  std::strerror(errno));
     s->write_failed = !written;
     if (fd >= 0) close(fd);
 }
@@ -188,5 +187,5 @@ dpll_backend dpll_sim_create(lib_globals* ctx, const port_table* table, const dp
         evaluate(s);
         if (s->now.state == DPLL_HOLDOVER) hold(s);  // its decay begins anew
     }
-    return {"sim", apply, port, current, status, finish, s};
+    return {apply, port, current, status, finish, s};
 }

@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "nsmd/module.h"
 #include "suite/log/log.h"
 
 namespace {
@@ -23,8 +22,8 @@ void say_refusal(dpll_steering* s, const dpll_setting& setting, int result) {
     char pin[80];
     ++s->refusals;
     const char* what = setting.what == DPLL_PIN_A_PRIO ? "rank" : setting.releases ? "release" : "use";
-    log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "clock: can't %s %s: %s", what,
-            dpll_pin_words(s->view, s->table, setting.pin, pin), std::strerror(-result));
+    log_suite(LOG_LEVEL_WARNING, "clock: can't %s %s: %s", what,
+              dpll_pin_words(s->view, s->table, setting.pin, pin), std::strerror(-result));
 }
 
 // A setting that the pin's driver does not offer is not tried: the answer is known.
@@ -71,8 +70,7 @@ dpll_steer_end run_round(dpll_steering* s, const dpll_goal& goal) {
         const dpll_step step = dpll_plan_next(s->view, goal, s->tried, &setting);
         if (step == dpll_step::done) return dpll_steer_end::reached;
         if (step == dpll_step::unreachable) {
-            log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "clock: pin %u is no input of device %u", goal.target,
-                    goal.device);
+            log_suite(LOG_LEVEL_WARNING, "clock: pin %u is no input of device %u", goal.target, goal.device);
             return dpll_steer_end::failed;
         }
         s->tried.settings[s->tried.count++] = setting;

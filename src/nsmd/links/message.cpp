@@ -8,7 +8,6 @@
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 
-#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -17,17 +16,10 @@ namespace {
 constexpr std::uint16_t ATTR_CARRIER_DOWN_COUNT = 48, ATTR_DPLL_PIN = 65, DPLL_PIN_ID = 1;
 constexpr std::uint32_t FILTER_SKIP_STATS = 1 << 3;  // statistics are two thirds of a message
 
-void copy_name(char (&out)[LINK_NAME_SIZE], const_octets value) {
-    const std::string_view text = nl_text(value);
-    const std::size_t length = std::min(text.size(), sizeof out - 1);
-    std::memcpy(out, text.data(), length);
-    out[length] = 0;
-}
-
 void parse_link_info(const_octets nest, link_info* out) {
     nl_attr attr;
     while (nl_next_attr(&nest, &attr))
-        if (attr.type == IFLA_INFO_KIND) copy_name(out->kind, attr.value);
+        if (attr.type == IFLA_INFO_KIND) nl_copy_text(out->kind, attr.value);
 }
 
 // Kernels without clock hardware send the nest empty.
@@ -43,7 +35,7 @@ void parse_dpll_pin(const_octets nest, link_info* out) {
 void parse_attr(const nl_attr& attr, link_info* out) {
     switch (attr.type) {
         case IFLA_IFNAME:
-            copy_name(out->name, attr.value);
+            nl_copy_text(out->name, attr.value);
             break;
         case IFLA_ADDRESS:
             if (attr.value.size() == sizeof out->mac)

@@ -1,5 +1,6 @@
 // Which index belongs to which name. An index stays reserved for a name that left, and is given to another
-// only when no other is free: then the one that was left longest ago.
+// only when no other is free: then the one that was left longest ago. In a file the names outlive nsmd: to
+// the daemon a port with another index is another port, and its neighbours would notice.
 #pragma once
 
 #include <cstdint>
@@ -22,3 +23,10 @@ std::uint32_t port_index_take_own(port_index_pool* pool, const char* name, std::
 std::uint32_t port_index_take_any(port_index_pool* pool, const char* name);
 void port_index_rename(port_index_pool* pool, std::uint32_t index, const char* name);
 void port_index_leave(port_index_pool* pool, std::uint32_t index);
+
+// Reserves each index for the name that the file gives it. A file that is missing or makes no sense reserves
+// nothing.
+void port_index_load(port_index_pool* pool, const char* path);
+// 0 or a negative errno. The file is replaced as a whole: a kill leaves the old or the new one. Where no file
+// may be made beside it, it is written over in place.
+[[nodiscard]] int port_index_save(const port_index_pool* pool, const char* path);

@@ -10,11 +10,10 @@
 #include <linux/if_arp.h>
 
 #include <algorithm>
+#include <cinttypes>
 #include <cstring>
 
 #include "nsmd/links/port_index.h"
-#include "nsmd/links/port_index_file.h"
-#include "nsmd/module.h"
 #include "suite/base/memory.h"
 #include "suite/log/log.h"
 
@@ -68,8 +67,9 @@ void unlink_record(record** first, record* removed) {
     if (*first) *first = removed->next;
 }
 
+// Nobody knows of a port that waits for its index.
 void tell(port_table* table, const nsmd_port& port, port_event event) {
-    table->sink.port(table->sink.arg, port, event);
+    if (port.ifindex) table->sink.port(table->sink.arg, port, event);
 }
 
 void copy_name(char (&to)[LINK_NAME_SIZE], const char (&from)[LINK_NAME_SIZE]) {
@@ -117,8 +117,8 @@ void save_indexes(port_table* table) {
     if (!table->index_path) return;
     const int result = port_index_save(&table->indexes, table->index_path);
     if (result < 0 && !table->save_failed)
-        log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "can't write %s: %s; a restart may number the ports anew",
-                table->index_path, std::strerror(-result));
+        log_suite(LOG_LEVEL_WARNING, "can't write %s: %s; a restart may number the ports anew",
+                  table->index_path, std::strerror(-result));
     table->save_failed = result < 0;
 }
 
@@ -130,8 +130,8 @@ void give_index(port_table* table, nsmd_port* port, bool own_only) {
     if (!index && !own_only) index = port_index_take_any(&table->indexes, port->name);
     if (!index) {
         if (!own_only && !port->refused_logged)
-            log_sys(NSMD_MODULE, LOG_LEVEL_WARNING,
-                    "port %s is left out: all %u interface indexes are in use", port->name, PORT_INDEX_MAX);
+            log_suite(LOG_LEVEL_WARNING, "port %s is left out: all %u interface indexes are in use",
+                      port->name, PORT_INDEX_MAX);
         port->refused_logged |= !own_only;
         return;
     }
@@ -148,10 +148,8 @@ void give_indexes(port_table* table) {
 
 void remove_port(port_table* table, nsmd_port* port) {
     unlink_record(&table->ports, port);
-    if (port->ifindex) {
-        port_index_leave(&table->indexes, port->ifindex);
-        tell(table, *port, port_event::removed);
-    }
+    port_index_leave(&table->indexes, port->ifindex);
+    tell(table, *port, port_event::removed);
     memmgr_free(port, MTYPE_NSMD);
     if (!table->dumping) give_indexes(table);
 }
@@ -163,7 +161,11 @@ bool has_flapped(const nsmd_port& port, const link_info& link) {
     return link.carrier_changes - port.carrier_changes >= 2;
 }
 
+// All that the message says of a port but its name and its state.
 void take_over(nsmd_port* port, const link_info& link) {
+    std::memcpy(port->mac, link.mac, sizeof port->mac);
+    port->has_dpll_pin = link.has_dpll_pin;
+    port->dpll_pin = link.dpll_pin;
     port->carrier_changes = link.carrier_changes;
     port->carrier_downs = link.carrier_downs;
     port->master = link.master;
@@ -172,15 +174,12 @@ void take_over(nsmd_port* port, const link_info& link) {
 void add_port(port_table* table, const link_info& link) {
     auto* port = static_cast<nsmd_port*>(memmgr_calloc(sizeof(nsmd_port), MTYPE_NSMD));
     if (!port) {
-        log_sys(NSMD_MODULE, LOG_LEVEL_ERROR, "no memory for port %s", link.name);
+        log_suite(LOG_LEVEL_ERROR, "no memory for port %s", link.name);
         return;
     }
     port->kernel_ifindex = link.kernel_ifindex;
     copy_name(port->name, link.name);
-    std::memcpy(port->mac, link.mac, sizeof port->mac);
     port->up = link_is_up(link);
-    port->has_dpll_pin = link.has_dpll_pin;
-    port->dpll_pin = link.dpll_pin;
     port->sweep = table->sweep;
     take_over(port, link);
     append(&table->ports, port);
@@ -197,10 +196,9 @@ void rename_port(port_table* table, nsmd_port* port, const link_info& link) {
         save_indexes(table);
     }
     copy_name(port->name, link.name);
-    std::memcpy(port->mac, link.mac, sizeof port->mac);
     port->up = link_is_up(link);
     take_over(port, link);
-    if (port->ifindex) tell(table, *port, port_event::added);
+    tell(table, *port, port_event::added);
 }
 
 void change_port(port_table* table, nsmd_port* port, const link_info& link) {
@@ -209,21 +207,17 @@ void change_port(port_table* table, nsmd_port* port, const link_info& link) {
     const bool repinned =
         port->has_dpll_pin != link.has_dpll_pin || (link.has_dpll_pin && port->dpll_pin != link.dpll_pin);
     take_over(port, link);
-    std::memcpy(port->mac, link.mac, sizeof port->mac);
-    port->has_dpll_pin = link.has_dpll_pin;
-    port->dpll_pin = link.dpll_pin;
-    if (flapped || up != port->up) {
-        const bool ends_up = up;
-        if (flapped) {
-            ++port->flaps;
-            port->up = false;
-            if (port->ifindex) tell(table, *port, port_event::down);
-        }
-        port->up = ends_up;
-        if (port->ifindex) tell(table, *port, ends_up ? port_event::up : port_event::down);
+    if (flapped) {
+        ++port->flaps;
+        port->up = false;
+        tell(table, *port, port_event::down);
     }
-    if (moved && port->ifindex) tell(table, *port, port_event::added);
-    if (repinned && port->ifindex) tell(table, *port, port_event::pin_changed);
+    if (up != port->up) {
+        port->up = up;
+        tell(table, *port, up ? port_event::up : port_event::down);
+    }
+    if (moved) tell(table, *port, port_event::added);
+    if (repinned) tell(table, *port, port_event::pin_changed);
 }
 
 void take_bridge(port_table* table, const link_info& link) {
@@ -231,7 +225,7 @@ void take_bridge(port_table* table, const link_info& link) {
     if (!bridge) {
         bridge = static_cast<nsmd_bridge*>(memmgr_calloc(sizeof(nsmd_bridge), MTYPE_NSMD));
         if (!bridge) {
-            log_sys(NSMD_MODULE, LOG_LEVEL_ERROR, "no memory for bridge %s", link.name);
+            log_suite(LOG_LEVEL_ERROR, "no memory for bridge %s", link.name);
             return;
         }
         bridge->kernel_ifindex = link.kernel_ifindex;
@@ -341,6 +335,13 @@ const bridge_identity& port_table_bridge(const port_table* table) {
     return table->identity;
 }
 
-bool port_table_has_kernel_index(const port_table* table, std::uint32_t kernel_ifindex) {
-    return find_by_kernel(table->ports, kernel_ifindex) != nullptr;
+bool port_table_status(const port_table* table, text_buffer* out) {
+    bool ok = true;
+    for (const nsmd_port* p = table->ports; ok && p; p = p->next) {
+        ok = text_printf(out, "port %u %s: kernel index %u, %s, flaps %" PRIu64, p->ifindex, p->name,
+                         p->kernel_ifindex, p->up ? "up" : "down", p->flaps);
+        if (ok && p->has_dpll_pin) ok = text_printf(out, ", clock pin %u", p->dpll_pin);
+        ok = ok && text_printf(out, "\n");
+    }
+    return ok;
 }

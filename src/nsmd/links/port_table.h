@@ -9,6 +9,7 @@
 #include <cstdint>
 
 #include "nsmd/links/message.h"
+#include "suite/base/text.h"
 
 constexpr std::uint32_t PORT_INDEX_MAX = 255;
 
@@ -83,4 +84,4 @@ void port_table_dump_end(port_table* table);
 const nsmd_port* port_table_first(const port_table* table);  // in the order in which they were added
 const nsmd_port* port_table_find(const port_table* table, std::uint32_t ifindex);
 const bridge_identity& port_table_bridge(const port_table* table);
-bool port_table_has_kernel_index(const port_table* table, std::uint32_t kernel_ifindex);
+bool port_table_status(const port_table* table, text_buffer* out);  // a line a port, for the status report

@@ -20,7 +20,6 @@
 #include <cstring>
 
 #include "nsmd/links/message.h"
-#include "nsmd/module.h"
 #include "suite/base/memory.h"
 #include "suite/log/log.h"
 #include "suite/loop/thread.h"
@@ -68,7 +67,7 @@ int dump_timed_out(thread* event) {
     auto* w = static_cast<link_watch*>(event->arg);
     w->dump_timer = nullptr;
     if (w->dump == dump_state::running)
-        log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "the kernel did not finish its list of links, asking again");
+        log_suite(LOG_LEVEL_WARNING, "the kernel did not finish its list of links, asking again");
     begin_dump(w);
     return 0;
 }
@@ -89,8 +88,7 @@ void begin_dump(link_watch* w) {
     link_message_dump(&request, w->dump_sequence);
     const int result = w->edge.send(w->edge.arg, w->fd, request.message());
     if (result < 0) {
-        log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "can't ask the kernel for its links: %s",
-                std::strerror(-result));
+        log_suite(LOG_LEVEL_WARNING, "can't ask the kernel for its links: %s", std::strerror(-result));
         retry_dump(w);
         return;
     }
@@ -115,7 +113,7 @@ void end_dump(link_watch* w) {
 
 void messages_lost(link_watch* w) {
     ++w->overruns;
-    log_sys(NSMD_MODULE, LOG_LEVEL_INFO, "messages about links were lost, asking for all of them");
+    log_suite(LOG_LEVEL_INFO, "messages about links were lost, asking for all of them");
     if (w->dump == dump_state::idle)
         begin_dump(w);
     else
@@ -156,7 +154,7 @@ void take_error(link_watch* w, const nl_message& message) {
     const int code = nl_error_code(message);
     if (code == 0) return;
     if (w->dump == dump_state::running && message.sequence == w->dump_sequence) {
-        log_sys(NSMD_MODULE, LOG_LEVEL_DEBUG, "list of links refused: %s", std::strerror(-code));
+        log_suite(LOG_LEVEL_DEBUG, "list of links refused: %s", std::strerror(-code));
         retry_dump(w);
     }
     // Else a question about a link that is gone: its end comes as a message.
@@ -199,8 +197,7 @@ bool read_datagram(link_watch* w) {
     }
     if (got == -EINTR) return true;
     if (got < 0) {
-        if (got != -EAGAIN)
-            log_sys(NSMD_MODULE, LOG_LEVEL_ERROR, "reading about links: %s", std::strerror(-got));
+        if (got != -EAGAIN) log_suite(LOG_LEVEL_ERROR, "reading about links: %s", std::strerror(-got));
         return false;
     }
     const_octets rest{w->buffer, static_cast<std::size_t>(got)};
@@ -245,7 +242,7 @@ void arm_poll(link_watch* w, std::uint32_t ms) {
 link_watch* link_watch_start(lib_globals* ctx, port_table* table, const netlink_edge& edge, link_poll poll) {
     auto* w = static_cast<link_watch*>(memmgr_calloc(sizeof(link_watch), MTYPE_NSMD));
     if (!w) {
-        log_sys(NSMD_MODULE, LOG_LEVEL_ERROR, "no memory for the link watcher");
+        log_suite(LOG_LEVEL_ERROR, "no memory for the link watcher");
         return nullptr;
     }
     w->ctx = ctx;
@@ -259,7 +256,7 @@ link_watch* link_watch_start(lib_globals* ctx, port_table* table, const netlink_
         if (!w->read) result = -ENOMEM;
     }
     if (result < 0) {
-        log_sys(NSMD_MODULE, LOG_LEVEL_ERROR, "can't watch the kernel's links: %s", std::strerror(-result));
+        log_suite(LOG_LEVEL_ERROR, "can't watch the kernel's links: %s", std::strerror(-result));
         link_watch_stop(w);
         return nullptr;
     }

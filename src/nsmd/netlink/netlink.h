@@ -5,9 +5,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string_view>
 
 #include "suite/base/octets.h"
+#include "suite/base/slice.h"
 
 struct nl_message {
     std::uint16_t type;
@@ -34,6 +36,13 @@ std::uint32_t nl_u32(const_octets value);
 std::uint64_t nl_u64(const_octets value);
 // The text up to its zero, or to the end where a sender left the zero out.
 std::string_view nl_text(const_octets value);
+// The text as one of C, cut to what `out` holds.
+template <std::size_t size>
+void nl_copy_text(char (&out)[size], const_octets value) {
+    const std::string_view text = slice(nl_text(value), 0, size - 1);
+    std::memcpy(out, text.data(), text.size());
+    out[text.size()] = 0;
+}
 
 // The code of an NLMSG_ERROR message: 0 for an acknowledgement, else a negative errno.
 int nl_error_code(const nl_message& message);

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "nsmd/module.h"
 #include "suite/base/memory.h"
 #include "suite/log/log.h"
 #include "suite/loop/thread.h"
@@ -78,8 +77,8 @@ void enqueue(nsmd_peer* peer, const_octets packet) {
     std::memcpy(entry, &size, sizeof size);
     std::memcpy(entry + sizeof size, packet.data(), packet.size());
     if (!text_append(&peer->queue, entry, sizeof size + packet.size())) {
-        log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "client %ld takes its messages too slowly, closed",
-                static_cast<long>(peer->pid));
+        log_suite(LOG_LEVEL_WARNING, "client %ld takes its messages too slowly, closed",
+                  static_cast<long>(peer->pid));
         nsmd_peer_close(peer);
         return;
     }

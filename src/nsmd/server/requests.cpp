@@ -2,7 +2,6 @@
 // nothing. Values that the link does not define are logged and ignored.
 #include "nsmd/server/requests.h"
 
-#include "nsmd/module.h"
 #include "suite/log/log.h"
 
 namespace {
@@ -17,13 +16,13 @@ const char* port_name(const port_table* table, std::uint32_t ifindex) {
 }
 
 request_effect refuse(const char* what, std::uint32_t value) {
-    log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "request ignored: %s %u is not defined", what, value);
+    log_suite(LOG_LEVEL_WARNING, "request ignored: %s %u is not defined", what, value);
     return request_effect::ignored;
 }
 
 request_effect take_enable(std::uint32_t enable, dpll_wanted* wanted) {
     if (enable > 1) return refuse("enable value", enable);
-    log_sys(NSMD_MODULE, LOG_LEVEL_INFO, "request: SyncE %s on the switch", enable ? "enabled" : "disabled");
+    log_suite(LOG_LEVEL_INFO, "request: SyncE %s on the switch", enable ? "enabled" : "disabled");
     wanted->enable = enable != 0;
     return enable ? request_effect::clock : request_effect::source;  // off leaves no question open
 }
@@ -31,9 +30,9 @@ request_effect take_enable(std::uint32_t enable, dpll_wanted* wanted) {
 request_effect take_recovery(std::uint32_t select, dpll_wanted* wanted) {
     if (select > 2) return refuse("clock input", select);
     if (select)
-        log_sys(NSMD_MODULE, LOG_LEVEL_INFO, "request: recover the clock from external input %u", select);
+        log_suite(LOG_LEVEL_INFO, "request: recover the clock from external input %u", select);
     else
-        log_sys(NSMD_MODULE, LOG_LEVEL_INFO, "request: recover the clock from the SyncE ports");
+        log_suite(LOG_LEVEL_INFO, "request: recover the clock from the SyncE ports");
     wanted->recovery_select = select;
     return select ? request_effect::source : request_effect::clock;
 }
@@ -41,7 +40,7 @@ request_effect take_recovery(std::uint32_t select, dpll_wanted* wanted) {
 // The value is the negation of the holdover state: 0 enters, 1 leaves.
 request_effect take_holdover(std::uint32_t value, dpll_wanted* wanted) {
     if (value > 1) return refuse("holdover value", value);
-    log_sys(NSMD_MODULE, LOG_LEVEL_INFO, "request: %s holdover", value ? "leave" : "enter");
+    log_suite(LOG_LEVEL_INFO, "request: %s holdover", value ? "leave" : "enter");
     wanted->holdover = value == 0;
     return value ? request_effect::clock : request_effect::source;
 }
@@ -49,8 +48,8 @@ request_effect take_holdover(std::uint32_t value, dpll_wanted* wanted) {
 request_effect take_selected(std::uint32_t ifindex, const port_table* table, std::uint32_t stated,
                              dpll_wanted* wanted) {
     if (ifindex == 0 || ifindex > PORT_INDEX_MAX) return refuse("interface index", ifindex);
-    log_sys(NSMD_MODULE, LOG_LEVEL_INFO, "request: the clock source is port %u (%s)", ifindex,
-            port_name(table, ifindex));
+    log_suite(LOG_LEVEL_INFO, "request: the clock source is port %u (%s)", ifindex,
+              port_name(table, ifindex));
     wanted->selected = ifindex;
     // A daemon that was started anew says what differs from its own beginnings, not from what the one before
     // it had asked for. Choosing a source ends what that one left behind.
@@ -66,10 +65,10 @@ request_effect take_role(const std::uint32_t (&words)[NSM_REQUEST_WORDS], const 
     if (enable > 1) return refuse("role enable", enable);
     if (enable && value != 1 && value != 2) return refuse("copper role", value);
     *role = {ifindex, enable != 0, value == 2};
-    log_sys(NSMD_MODULE, LOG_LEVEL_INFO, "request: port %u (%s) %s", ifindex, port_name(table, ifindex),
-            !enable      ? "has no copper role"
-            : value == 1 ? "is copper timing master"
-                         : "is copper timing slave");
+    log_suite(LOG_LEVEL_INFO, "request: port %u (%s) %s", ifindex, port_name(table, ifindex),
+              !enable      ? "has no copper role"
+              : value == 1 ? "is copper timing master"
+                           : "is copper timing slave");
     return request_effect::role;
 }
 

@@ -3,15 +3,9 @@
 
 #include <cstdint>
 
+#include "nsmd/clock/copper.h"
 #include "nsmd/clock/dpll.h"
 #include "nsmd/server/server.h"
-
-// A copper port's timing role, as asked for last.
-struct copper_role {
-    std::uint32_t ifindex;
-    bool set;       // false: no role any more
-    bool is_slave;  // recovers its timing from the neighbour
-};
 
 enum class request_effect {
     ignored,  // makes no sense; logged
@@ -20,7 +14,7 @@ enum class request_effect {
     role,     // *role says what a copper port is to do
 };
 
-// `stated`: kinds that this session has stated so far (bits of request_bit), kept by the caller.
+// `stated`: kinds that this session has stated so far (a bit each), kept by the caller.
 request_effect request_take(std::uint16_t type, const std::uint32_t (&words)[NSM_REQUEST_WORDS],
                             const port_table* table, std::uint32_t* stated, dpll_wanted* wanted,
                             copper_role* role);

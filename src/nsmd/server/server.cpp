@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "nsmd/module.h"
 #include "suite/base/memory.h"
 #include "suite/log/log.h"
 #include "suite/loop/thread.h"
@@ -84,14 +83,14 @@ void take_hello(nsmd_server* s, nsmd_peer* peer, const_octets body) {
     }
     const std::uint16_t version = get_be16(body, 0);
     if (version != NSM_LINK_VERSION) {
-        log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "client %ld speaks version %u of the link, refused",
-                static_cast<long>(peer->pid), version);
+        log_suite(LOG_LEVEL_WARNING, "client %ld speaks version %u of the link, refused",
+                  static_cast<long>(peer->pid), version);
         send_word(s, peer, NSM_MSG_HELLO_ACK, 1);
         nsmd_peer_finish(peer);
         return;
     }
-    log_sys(NSMD_MODULE, LOG_LEVEL_INFO, "client %ld (protocol %u) connected", static_cast<long>(peer->pid),
-            get_be16(body, 2));
+    log_suite(LOG_LEVEL_INFO, "client %ld (protocol %u) connected", static_cast<long>(peer->pid),
+              get_be16(body, 2));
     send_word(s, peer, NSM_MSG_HELLO_ACK, 0);
     peer->greeted = true;
     ++s->greeted;
@@ -172,8 +171,8 @@ void peer_closed(void* arg, nsmd_peer* peer) {
     if (*link) *link = peer->next;
     const bool greeted = peer->greeted, clean = peer->said_bye;
     if (greeted)
-        log_sys(NSMD_MODULE, LOG_LEVEL_INFO, "client %ld %s", static_cast<long>(peer->pid),
-                clean ? "said goodbye" : "is gone");
+        log_suite(LOG_LEVEL_INFO, "client %ld %s", static_cast<long>(peer->pid),
+                  clean ? "said goodbye" : "is gone");
     nsmd_peer_free(peer);
     if (!greeted) return;
     --s->greeted;
@@ -197,8 +196,8 @@ nsmd_server* nsmd_server_create(lib_globals* ctx, const nsmd_server_sink& sink) 
 int nsmd_server_listen(nsmd_server* s, const char* path) {
     const int result = listener_start_unix(&s->entrance, s->ctx, path, SOCK_SEQPACKET, connection_came, s);
     if (result == 0) return 0;
-    log_sys(NSMD_MODULE, LOG_LEVEL_ERROR, "can't listen on %s: %s", path,
-            result == -EADDRINUSE ? "another server is there" : std::strerror(-result));
+    log_suite(LOG_LEVEL_ERROR, "can't listen on %s: %s", path,
+              result == -EADDRINUSE ? "another server is there" : std::strerror(-result));
     return -1;
 }
 
@@ -221,8 +220,8 @@ nsmd_peer* nsmd_server_adopt(nsmd_server* s, int fd) {
     else
         peer = nsmd_peer_create(s->ctx, fd, {packet_came, peer_closed, s});
     if (!peer) {
-        log_sys(NSMD_MODULE, LOG_LEVEL_WARNING, "a client was turned away: %s",
-                count >= PEERS_MAX ? "too many clients" : "no memory");
+        log_suite(LOG_LEVEL_WARNING, "a client was turned away: %s",
+                  count >= PEERS_MAX ? "too many clients" : "no memory");
         return nullptr;
     }
     ++s->accepted;

@@ -50,3 +50,7 @@ void nsmd_server_send_bridge(nsmd_server* server, nsmd_peer* peer, const bridge_
 void nsmd_server_send_clock(nsmd_server* server, nsmd_peer* peer, std::uint32_t state, std::uint32_t source);
 
 bool nsmd_server_status(const nsmd_server* server, text_buffer* out);
+
+// The other side of STATUS_GET, for `nsmd --status`: prints the answer of the server at this path. The exit
+// status: 0, or 1 with a line on standard error when nobody answers.
+int nsmd_status_print(const char* socket_path);

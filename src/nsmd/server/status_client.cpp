@@ -1,7 +1,5 @@
 // The asking side of the status report: a short life of its own, without the event loop. A server that does
 // not answer within a few seconds is given up.
-#include "nsmd/server/status_client.h"
-
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -47,7 +45,7 @@ bool print_answer(int fd) {
 
 }  // namespace
 
-int status_print(const char* socket_path) {
+int nsmd_status_print(const char* socket_path) {
     errno = 0;
     const int fd = dial(socket_path);
     if (fd < 0) errno = -fd;

@@ -12,7 +12,7 @@ enum log_sink : unsigned { LOG_SINK_STDERR = 1, LOG_SINK_SYSLOG = 2, LOG_SINK_FI
 // `module` is the caller's module number and is not printed. The suite itself uses module 0.
 void log_sys(int module, int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
-// What the suite's own code calls: the same, with its module number.
+// What the suite's own code and nsmd call: the same, with the suite's module number.
 void log_suite(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 bool log_wants(int level);  // cheap: for callers whose arguments cost something

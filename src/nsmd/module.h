@@ -1,4 +1,0 @@
-// The module number under which nsmd logs.
-#pragma once
-
-constexpr int NSMD_MODULE = 1;
