@@ -1,13 +1,9 @@
-// The memory manager: classes, reuse, counts, and what it does about misuse.
-#include "suite/base/memory.h"
-
-#include <gtest/gtest.h>
-
-#include <cstdint>
+// The memory manager (classes, reuse, counts, what it does about misuse), growable text, and UTF-8.
+#include <cstdarg>
 #include <cstring>
-#include <string>
 
-#include "suite/log/log.h"
+#include "suite/base/utf8.h"
+#include "unit/suite_support.h"
 
 namespace {
 
@@ -25,20 +21,8 @@ bool all_zero(const void* p, std::size_t n) {
     return std::string(static_cast<const char*>(p), n) == std::string(n, '\0');
 }
 
-class Memory : public ::testing::Test {
+class Memory : public Suite {
   protected:
-    void SetUp() override {
-        log_use_sink(LOG_SINK_STDERR, false);
-        log_add_tap(collect, this);
-        memory_init(36);
-    }
-    void TearDown() override {
-        memmgr_fail_at(0);
-        log_remove_tap(collect, this);
-    }
-    static void collect(void* arg, int, const char* line, std::size_t length) {
-        static_cast<Memory*>(arg)->said += std::string(line, length) + "\n";
-    }
     // Takes, soils and gives back; what the type counted for it.
     static std::size_t use(void* p, std::size_t octets) {
         EXPECT_NE(p, nullptr);
@@ -50,7 +34,6 @@ class Memory : public ::testing::Test {
         memmgr_free(p, TYPE);
         return counted;
     }
-    std::string said;
 };
 
 TEST_F(Memory, BlocksAreZeroedAlsoWhenReusedAndCountedByClass) {
@@ -63,7 +46,7 @@ TEST_F(Memory, BlocksAreZeroedAlsoWhenReusedAndCountedByClass) {
     EXPECT_EQ(memmgr_type_stats(TYPE).blocks, 0u);
     EXPECT_EQ(memmgr_type_stats(TYPE).octets, 0u);
     EXPECT_GE(memmgr_type_stats(TYPE).peak_octets, 300000u);
-    EXPECT_EQ(said, "");
+    EXPECT_TRUE(said.empty());
 }
 
 // A shrunk block that grows again must not show what it held before.
@@ -83,8 +66,7 @@ TEST_F(Memory, ReallocKeepsContentsAndZeroesAllGrowth) {
 }
 
 TEST_F(Memory, TheNthAllocationFailsOnceGrowthIncluded) {
-    const auto failures = memmgr_type_stats(TYPE).failures;
-    const auto allocations = memmgr_allocations();
+    const auto failures = memmgr_type_stats(TYPE).failures, allocations = memmgr_allocations();
     memmgr_fail_at(2);
     char* a = static_cast<char*>(memmgr_calloc(8, TYPE));
     ASSERT_NE(a, nullptr);
@@ -106,21 +88,17 @@ TEST_F(Memory, ImpossibleSizesAndUnknownTypes) {
     memmgr_free(p, TYPE);
     const malloc_size* end = malloc_sizes;
     while (end->octets != 0) end++;
-    EXPECT_EQ(_memmgr_calloc(end, TYPE), nullptr) << "the end is no class";
-    EXPECT_EQ(_memmgr_calloc(end + 1, TYPE), nullptr);
+    for (int beyond : {0, 1}) EXPECT_EQ(_memmgr_calloc(end + beyond, TYPE), nullptr) << "the end is no class";
     for (memory_type unknown : {-5, 77777}) {
         EXPECT_NE(memmgr_type_name(unknown), nullptr);
         memmgr_free(memmgr_calloc(8, unknown), unknown);
     }
-    EXPECT_EQ(said, "");
-}
-
-TEST_F(Memory, WrongTypeIsSaidAndTheBlockCountedWhereItWasTaken) {
+    EXPECT_TRUE(said.empty());
+    // A wrong type is said, and the block counted where it was taken.
     memmgr_name_type(OTHER_TYPE, "port record");
     memmgr_free(memmgr_calloc(100, TYPE), OTHER_TYPE);
-    EXPECT_EQ(memmgr_type_stats(TYPE).blocks, 0u);
-    EXPECT_EQ(memmgr_type_stats(OTHER_TYPE).blocks, 0u);
-    EXPECT_NE(said.find("port record"), std::string::npos);
+    for (memory_type t : {TYPE, OTHER_TYPE}) EXPECT_EQ(memmgr_type_stats(t).blocks, 0u);
+    EXPECT_NE(logged().at(0).find("port record"), std::string::npos);
 }
 
 TEST_F(Memory, DoubleFreeAndForeignMemoryAreSaidAndNotDone) {
@@ -128,11 +106,11 @@ TEST_F(Memory, DoubleFreeAndForeignMemoryAreSaidAndNotDone) {
     void* p = memmgr_calloc(64, TYPE);
     memmgr_free(p, TYPE);
     memmgr_free(p, TYPE);
-    EXPECT_NE(said.find("already freed"), std::string::npos);
+    EXPECT_NE(logged().at(0).find("already freed"), std::string::npos);
     EXPECT_EQ(memmgr_realloc(p, 200, TYPE), nullptr);
     alignas(16) char foreign[64] = "not from here";
     memmgr_free(foreign + 32, TYPE);
-    EXPECT_NE(said.find("unknown"), std::string::npos);
+    EXPECT_NE(logged().back().find("unknown"), std::string::npos);
     // The class's cache is not corrupted: the block comes back, and only once.
     void* a = memmgr_calloc(60, OTHER_TYPE);
     void* b = memmgr_calloc(64, TYPE);
@@ -140,6 +118,76 @@ TEST_F(Memory, DoubleFreeAndForeignMemoryAreSaidAndNotDone) {
     EXPECT_NE(a, b);
     memmgr_free(a, OTHER_TYPE);
     memmgr_free(b, TYPE);
+}
+
+class Text : public Suite {
+  protected:
+    ~Text() override { text_free(&t); }
+    text_buffer t;
+};
+
+TEST_F(Text, EveryLengthFromNothingUpToSeveralGrowths) {
+    EXPECT_STREQ(t.c_str(), "");
+    text_consume(&t, 5);
+    EXPECT_TRUE(text_append(&t, nullptr, 0));
+    std::string expected;
+    for (int i = 0; i < 600; i++) {
+        const std::string piece(static_cast<std::size_t>(i < 599 ? i % 7 : 5000),
+                                static_cast<char>('a' + i % 26));
+        ASSERT_TRUE(i % 2 == 0 ? text_append(&t, piece.data(), piece.size())
+                               : text_printf(&t, "%s", piece.c_str()));
+        expected += piece;
+        ASSERT_EQ(t.view(), expected);
+        ASSERT_EQ(std::strlen(t.c_str()), expected.size());
+    }
+}
+
+TEST_F(Text, FailedGrowthAndTheLimitLeaveTheContents) {
+    const std::string large(500, 'z');
+    ASSERT_TRUE(text_printf(&t, "kept"));
+    memmgr_fail_at(1);
+    EXPECT_FALSE(text_append(&t, large.data(), large.size()));
+    memmgr_fail_at(1);
+    EXPECT_FALSE(text_printf(&t, "%s", large.c_str()));
+    EXPECT_FALSE(text_append(&t, large.data(), SIZE_MAX));
+    EXPECT_STREQ(t.c_str(), "kept");
+    t.limit = 10;
+    EXPECT_TRUE(text_append(&t, "456789", 6));
+    EXPECT_FALSE(text_append(&t, "x", 1));
+    text_consume(&t, 3);  // the limit counts what is held
+    EXPECT_FALSE(text_printf(&t, "%s", "abcd"));
+    EXPECT_TRUE(text_printf(&t, "%s", "abc"));
+    EXPECT_STREQ(t.c_str(), "t456789abc");
+    text_consume(&t, 99);
+    EXPECT_STREQ(t.c_str(), "");
+}
+
+int print(char* buffer, std::size_t size, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    const int n = zvsnprintf(buffer, size, format, args);
+    va_end(args);
+    return n;
+}
+
+TEST_F(Text, ZvsnprintfCutsAndReturnsWhatWasKept) {
+    char b[8] = "sentry!";
+    EXPECT_EQ(print(b, 5, "%s", "abcdefgh"), 4);
+    EXPECT_EQ(std::memcmp(b, "abcd\0y!", 8), 0);
+    EXPECT_EQ(print(b, 5, "%d", 12), 2);
+    EXPECT_EQ(print(b, 0, "%d", 34), 0);
+    EXPECT_STREQ(b, "12");
+}
+
+TEST(Utf8, OnlyWholeAndValidCharactersCount) {
+    EXPECT_EQ(utf8_columns("a\xc3\xa9\xe4\xb8\xad"), 4u);
+    EXPECT_EQ(utf8_columns("e\xcc\x81"), 1u) << "a combining mark takes no column";
+    for (const char* bad :
+         {"\xc0\x80", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xe0\x80\x80", "\x80", "\xff", "\xe2\x82"})
+        EXPECT_EQ(utf8_first(bad).length, 1u);
+    EXPECT_FALSE(utf8_first("\xc2\x9b").shown) << "a control character of the upper set";
+    EXPECT_EQ(utf8_last_length("a\xe2\x82\xac"), 3u);
+    EXPECT_EQ(utf8_last_length("\x82\xac"), 1u);
 }
 
 }  // namespace

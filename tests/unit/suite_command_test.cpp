@@ -1,16 +1,8 @@
 // The command engine: what a line means (shortening, ambiguity, ranges, modes), what handlers get, filters.
-#include <gtest/gtest.h>
-
-#include <string>
-#include <utility>
-#include <vector>
-
-#include "suite/base/memory.h"
 #include "suite/command/completion.h"
 #include "suite/command/parse.h"
 #include "suite/command/tree.h"
-#include "suite/host/state.h"
-#include "suite/log/log.h"
+#include "unit/suite_support.h"
 
 namespace {
 
@@ -64,47 +56,36 @@ const std::pair<std::int32_t, cli_element> commands[] = {
 const std::string UNKNOWN = "% Unknown command\n", AMBIGUOUS = "% Ambiguous command\n",
                   INCOMPLETE = "% Incomplete command\n";
 
-class Cli : public testing::Test {
+class Cli : public Suite {
   protected:
-    void SetUp() override {
-        log_use_sink(LOG_SINK_STDERR, false);
-        tree = cli_tree_create();
-        ASSERT_NE(tree, nullptr);
-        tree->after_run = [](cli*, const cli_command* c) { called = c->element->string + arguments; };
-        for (const auto& [mode, element] : commands)
-            ASSERT_EQ(cli_install(tree, mode, &element), 0) << element.string;
-        session.out_func = text_output_print;
-        session.out_val = &printed;
-        session.ifm = &ifm;
+    Cli() {
+        ctx.ctree = cli_tree_create();
+        ctx.ctree->after_run = [](cli*, const cli_command* c) { called = c->element->string + arguments; };
+        for (const auto& [mode, element] : commands) EXPECT_EQ(install(mode, &element), 0) << element.string;
+        session.line = nullptr;
         session.mode = CONFIG_MODE;
-        session.privilege = PRIVILEGE_MAX;
     }
-    void TearDown() override {
-        cli_tree_free(tree);
-        if_finish(&ifm);
-        text_free(&printed.text);
-        EXPECT_EQ(memmgr_type_stats(MTYPE_CLI_TREE).blocks, 0u);
-        EXPECT_EQ(memmgr_type_stats(MTYPE_CLI_SESSION).blocks, 0u);
+    ~Cli() override {
+        cli_tree_free(ctx.ctree);
+        if_finish(&ctx.ifm);
+    }
+    int install(std::int32_t mode, const cli_element* element) {
+        return cli_install(ctx.ctree, mode, element);
     }
     // What was printed, or what ran.
-    std::string run(std::string_view line) {
+    std::string run(const std::string& line) { return run_in(session.mode, line); }
+    std::string run_in(std::int32_t mode, const std::string& line) {
         called.clear();
-        text_clear(&printed.text);
-        cli_run_line(tree, &session, line);
-        return printed.text.length ? printed.text.c_str() : called;
+        const std::string printed = runner.run(line, mode);
+        return printed.empty() ? called : printed;
     }
-    std::string run_in(std::int32_t mode, std::string_view line) {
-        session.mode = mode;
-        return run(line);
-    }
-    void expect(std::int32_t mode, const std::vector<std::pair<std::string_view, std::string>>& cases) {
+    void expect(std::int32_t mode, const std::vector<std::pair<std::string, std::string>>& cases) {
         for (const auto& [line, result] : cases) EXPECT_EQ(run_in(mode, line), result) << line;
     }
 
-    cli_tree* tree = nullptr;
-    if_master ifm{};
-    cli session{};
-    text_output printed{};
+    lib_globals ctx{};
+    line_runner runner{&ctx};
+    cli& session = runner.session;
 };
 
 TEST_F(Cli, KeywordsArriveInFullAndEmptyAlternativesGiveNoArgument) {
@@ -149,8 +130,8 @@ TEST_F(Cli, KeywordOrInterfaceName) {
     expect(EXEC_MODE, {{"show clock synce", "show clock synce (IFPHYSICAL |)"},
                        {"show clock synce bri", "show clock synce brief"},
                        {"show clock synce br0", "show clock synce (IFPHYSICAL |)|br0"}});
-    ASSERT_NE(if_add(&ifm, "bri", 1, IF_TYPE_SYNCE), nullptr);
-    ASSERT_NE(if_add(&ifm, "brief", 2, IF_TYPE_SYNCE), nullptr);
+    ASSERT_NE(if_add(&ctx.ifm, "bri", 1, IF_TYPE_SYNCE), nullptr);
+    ASSERT_NE(if_add(&ctx.ifm, "brief", 2, IF_TYPE_SYNCE), nullptr);
     expect(EXEC_MODE, {{"show clock synce bri", "show clock synce (IFPHYSICAL |)|bri"},
                        {"show clock synce brief", "show clock synce brief"},
                        {"show clock synce b", "show clock synce brief"}});
@@ -162,10 +143,10 @@ TEST_F(Cli, ModesReplacementPrivilegesAndFlags) {
     for (std::int32_t mode : {-1, 95}) EXPECT_EQ(run_in(mode, "debug ssm all"), UNKNOWN);
     static const cli_element high = {"clock high", record}, terminal = {"terminal only", record},
                              mine = {"show clock bits", refuse};
-    ASSERT_EQ(cli_install(tree, EXEC_MODE, &mine), 0);
+    ASSERT_EQ(install(EXEC_MODE, &mine), 0);
     EXPECT_EQ(run_in(EXEC_MODE, "show clock bits"), "% No\n") << "it takes the first one's place";
-    ASSERT_EQ(cli_install_gen(tree, CONFIG_MODE, 4, 0, &high), 0);
-    ASSERT_EQ(cli_install_gen(tree, CONFIG_MODE, 1, CLI_FLAG_INTERACTIVE, &terminal), 0);
+    ASSERT_EQ(cli_install_gen(ctx.ctree, CONFIG_MODE, 4, 0, &high), 0);
+    ASSERT_EQ(cli_install_gen(ctx.ctree, CONFIG_MODE, 1, CLI_FLAG_INTERACTIVE, &terminal), 0);
     session.privilege = 3;
     expect(CONFIG_MODE, {{"clock high", UNKNOWN}, {"terminal only", "% Only at a terminal\n"}});
     session.privilege = 4;
@@ -173,37 +154,34 @@ TEST_F(Cli, ModesReplacementPrivilegesAndFlags) {
     expect(CONFIG_MODE, {{"clock high", "clock high"}, {"terminal only", "terminal only"}});
 }
 
-TEST_F(Cli, ConfigurationCommandLeavesTheInterface) {
+TEST_F(Cli, InterfaceModeIsLeftByAConfigurationCommandAndItsInterfaceLookedUpBeforeEachLine) {
     EXPECT_EQ(run("interface eth7"), "interface IFNAME|eth7");
     EXPECT_STREQ(session.name, "eth7");
     EXPECT_EQ(session.mode, INTERFACE_MODE);
+    EXPECT_EQ(session.index, nullptr);
+    interface* intf = if_add(&ctx.ifm, "eth7", 1, IF_TYPE_SYNCE);
+    run("description x");
+    EXPECT_EQ(session.index, intf);
+    if_remove(&ctx.ifm, intf);
+    run("description x");
+    EXPECT_EQ(session.index, nullptr) << "a removed interface must not be reachable";
+    expect(INTERFACE_MODE, {{"nonsense", UNKNOWN}, {"clock s", AMBIGUOUS}});
+    EXPECT_EQ(session.mode, INTERFACE_MODE) << "a line that does not run changes nothing";
     EXPECT_EQ(run("clock slave-only"), "clock slave-only");
     EXPECT_EQ(session.mode, CONFIG_MODE);
     EXPECT_STREQ(session.name, "");
-    expect(INTERFACE_MODE, {{"nonsense", UNKNOWN}, {"clock s", AMBIGUOUS}});
-    EXPECT_EQ(session.mode, INTERFACE_MODE) << "a line that does not run changes nothing";
-}
-
-TEST_F(Cli, InterfaceIsLookedUpBeforeEachLine) {
-    run("interface eth1");
-    EXPECT_EQ(session.index, nullptr);
-    interface* intf = if_add(&ifm, "eth1", 1, IF_TYPE_SYNCE);
-    run("description x");
-    EXPECT_EQ(session.index, intf);
-    if_remove(&ifm, intf);
-    run("description x");
-    EXPECT_EQ(session.index, nullptr) << "a removed interface must not be reachable";
 }
 
 TEST_F(Cli, ResultsOfLines) {
     for (const char* line : {"", " \t\r\n", "  ! comment", "#clock"})
-        EXPECT_EQ(cli_run_line(tree, &session, line), cli_result::empty) << line;
-    EXPECT_EQ(cli_run_line(tree, &session, "refuse"), cli_result::failed);
+        EXPECT_EQ(cli_run_line(ctx.ctree, &session, line), cli_result::empty) << line;
+    EXPECT_EQ(run("refuse"), "% No\n");
+    EXPECT_EQ(runner.result, cli_result::failed);
     memmgr_fail_at(1);
     EXPECT_EQ(run("clock priority 9"), "% Out of memory\n");
     static const cli_element late = {"late command", record};
     memmgr_fail_at(1);
-    EXPECT_EQ(cli_install(tree, CONFIG_MODE, &late), -1);
+    EXPECT_EQ(install(CONFIG_MODE, &late), -1);
     EXPECT_EQ(run("late command"), UNKNOWN);
 }
 
@@ -213,7 +191,7 @@ TEST_F(Cli, MalformedStringsStayOut) {
     for (const char* text : {"", "  ", "a (b", "a b)", "(a|)", "a (b (c|d)|e)", "a <5-1>", "a <x-9>",
                              "a <1-9", "a | b", "a LINE b", "a <1-4294967296>", many.c_str()}) {
         cli_element element = {text, refuse};
-        EXPECT_EQ(cli_install(tree, CONFIG_MODE, &element), -1) << text;
+        EXPECT_EQ(install(CONFIG_MODE, &element), -1) << text;
     }
 }
 
@@ -229,47 +207,46 @@ TEST_F(Cli, FiltersOfShowCommands) {
                        {"show lines | grep x", UNKNOWN},
                        {"show nothing | count", UNKNOWN},
                        {"show lines", "alpha one\nbeta two\nalpha three\n"}});
-    EXPECT_EQ(session.out_val, &printed) << "the output function is back in place";
+    EXPECT_EQ(session.out_val, &runner.printed) << "the output function is back in place";
     EXPECT_EQ(run_in(INTERFACE_MODE, "description a | include b"), "description LINE|a | include b");
 }
 
-using Words = std::vector<std::string>;
-
-Words texts(const completion_list& list) {
-    Words result;
-    for (std::size_t i = 0; i < list.count; i++) result.push_back(list.items[i].text);
-    return result;
+// "word word", " <cr>" when the line may end there.
+std::string texts(const completion_list& list) {
+    std::string all;
+    for (std::size_t i = 0; i < list.count; i++) all += (i ? " "s : ""s) + list.items[i].text;
+    return list.may_end ? all + " <cr>" : all;
 }
 
 TEST_F(Cli, WhatMayFollow) {
     static constexpr cli_help help[] = {{"", "synce", "anywhere"},
                                         {"show clock", "synce", "Synchronous Ethernet"},
                                         {"clock", "synce", "shorter"}};
-    ASSERT_EQ(cli_install_help(tree, help, 3), 0);
-    session.mode = EXEC_MODE;
+    ASSERT_EQ(cli_install_help(ctx.ctree, help, 3), 0);
+    ASSERT_NE(if_add(&ctx.ifm, "eth10", 1, IF_TYPE_SYNCE), nullptr);
+    ASSERT_NE(if_add(&ctx.ifm, "eth11", 2, IF_TYPE_SYNCE), nullptr);
     completion_list list;
-    completion_help(tree, &session, "sh cl ", &list);
-    EXPECT_EQ(texts(list), (Words{"bits", "synce"}));
+    const struct {
+        std::int32_t mode;
+        decltype(&completion_help) find;
+        const char *line, *words, *common = "";
+    } cases[] = {
+        {EXEC_MODE, completion_help, "show clock synce ", "IFPHYSICAL brief <cr>"},
+        {EXEC_MODE, completion_words, "show clock synce e", "eth10 eth11", "eth1"},
+        {EXEC_MODE, completion_words, "show lines | ", "begin count exclude include"},
+        {CONFIG_MODE, completion_help, "clock priority ", "<1-255>"},
+        {CONFIG_MODE, completion_words, "do show cl", "clock", "clock"},
+        {EXEC_MODE, completion_help, "sh cl ", "bits synce"},
+    };
+    for (const auto& c : cases) {
+        session.mode = c.mode;
+        c.find(ctx.ctree, &session, c.line, &list);
+        EXPECT_EQ(texts(list), c.words) << c.line;
+        EXPECT_TRUE(completion_common(list).starts_with(c.common)) << c.line;
+    }
     EXPECT_STREQ(list.items[1].help, "Synchronous Ethernet");
-    EXPECT_FALSE(list.may_end);
-    completion_help(tree, &session, "show clock synce ", &list);
-    EXPECT_EQ(texts(list), (Words{"IFPHYSICAL", "brief"}));
-    EXPECT_TRUE(list.may_end);
-    completion_help(tree, &session, "show clock x ", &list);
+    completion_help(ctx.ctree, &session, "show clock x ", &list);
     EXPECT_EQ(list.result, cli_result::unknown);
-
-    ASSERT_NE(if_add(&ifm, "eth10", 1, IF_TYPE_SYNCE), nullptr);
-    ASSERT_NE(if_add(&ifm, "eth11", 2, IF_TYPE_SYNCE), nullptr);
-    completion_words(tree, &session, "show clock synce e", &list);
-    EXPECT_EQ(texts(list), (Words{"eth10", "eth11"}));
-    EXPECT_EQ(completion_common(list), "eth1");
-    completion_words(tree, &session, "show lines | ", &list);
-    EXPECT_EQ(texts(list), (Words{"begin", "count", "exclude", "include"}));
-    session.mode = CONFIG_MODE;
-    completion_help(tree, &session, "clock priority ", &list);
-    EXPECT_EQ(texts(list), (Words{"<1-255>"}));
-    completion_words(tree, &session, "do show cl", &list);
-    EXPECT_EQ(texts(list), (Words{"clock"}));
 }
 
 TEST(CliNumbers, WholeDecimalNumbersOnly) {

@@ -1,15 +1,15 @@
 // The disk fails at each call of a save, and at each line of the log.
 #include <sys/wait.h>
 
+#include <sstream>
+
 #include "suite/host/file.h"
-#include "suite/log/log.h"
 #include "suite/rights/user.h"
 #include "unit/failing_disk.h"
 #include "unit/suite_host_support.h"
 
 namespace {
 
-using namespace host_support;
 using failing_disk::fault;
 
 const std::string OLD = "hostname old\n", NEW = "hostname new\n";
@@ -17,32 +17,31 @@ const std::string OLD = "hostname old\n", NEW = "hostname new\n";
 class FailingDisk : public Host {
   protected:
     void SetUp() override {
-        Host::SetUp();
         read(OLD);
         run("hostname new", CONFIG_MODE);
     }
 
-    // The directory is closed to the user of this process from now on; the files are his.
+    // The folder is closed to the user of this process from now on; the files are his.
     void become_user() {
         rights_user user;
         ASSERT_EQ(rights_user_find("65534:65534", &user), nullptr);
-        ASSERT_EQ(chmod(directory.c_str(), 0755), 0);
+        ASSERT_EQ(chmod(folder.c_str(), 0755), 0);
         host_file_give(config.c_str(), user);
         ASSERT_EQ(rights_become(user, 0), 0);
-        ASSERT_EQ(::open((directory + "/none").c_str(), O_WRONLY | O_CREAT, 0600), -1);
+        ASSERT_EQ(::open((folder + "/none").c_str(), O_WRONLY | O_CREAT, 0600), -1);
     }
 
     void save_after(fault kind, int at, bool* struck) {
         write_file(config, OLD);
-        logged.clear();
-        failing_disk::arm(directory, kind, at);
+        said.clear();
+        failing_disk::arm(folder, kind, at);
         const std::string printed = run("write");
         *struck = failing_disk::disarm();
         if (last_result == cli_result::ok) {
             EXPECT_EQ(read_file(config), NEW);
         } else {
             EXPECT_EQ(printed, "% Can't save " + config + ": No space left on device\n");
-            EXPECT_GE(logged.size(), 1U);
+            EXPECT_GE(logged().size(), 1U);
             // A disk on which not even the old text can be put back is seen to by the next start.
             EXPECT_TRUE(kind != fault::full || host_file_settle(config.c_str()) == 0);
             const std::string content = read_file(config);
@@ -68,7 +67,7 @@ class FailingDisk : public Host {
         int at = 0;
         for (int status = -1; status != 0 && !HasFailure();) {
             write_file(config, OLD);
-            failing_disk::arm(directory, fault::killed, ++at);
+            failing_disk::arm(folder, fault::killed, ++at);
             const pid_t child = fork();
             if (child == 0) {
                 run("write");
@@ -128,7 +127,7 @@ TEST_F(FailingDisk, WhatIsNoFileStaysWhatItIs) {
 // Lines that were written and lines that are counted as dropped are all lines.
 TEST_F(FailingDisk, LogGoesOnAndCountsWhatItLost) {
     constexpr int LINES = 12;
-    const std::string path = directory + "/log";
+    const std::string path = folder + "/log";
     for (const fault kind : {fault::once, fault::cut, fault::full}) {
         for (int at = 1; at <= LINES; ++at) {
             ASSERT_EQ(log_set_file(path.c_str()), 0);

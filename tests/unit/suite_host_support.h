@@ -1,30 +1,14 @@
-// A host with a library context, a temporary directory, and a small set of daemon-like commands.
+// A host with a library context and a small set of daemon-like commands.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include "suite/base/memory.h"
 #include "suite/command/cli.h"
-#include "suite/host/state.h"
-#include "suite/log/log.h"
+#include "unit/suite_support.h"
 
-namespace host_support {
-
-inline std::vector<std::string> ran;     // "mode:interface:command argument"
-inline std::vector<std::string> logged;  // error lines, without time and level
+inline words ran;  // "mode:interface:command argument"
 
 inline int note(cli* session, int argc, char** argv) {
-    std::string line = std::to_string(session->mode) + ":" + session->name + ":";
-    for (int i = 0; i < argc; i++) line += (i ? " " : "") + std::string(argv[i]);
-    ran.push_back(line);
+    ran.push_back(std::to_string(session->mode) + ":" + session->name + ":" + argv[0]);
+    if (argc > 1) ran.back() += " " + std::string(argv[1]);
     return CLI_SUCCESS;
 }
 
@@ -45,7 +29,7 @@ inline const struct {
     std::int32_t mode;
     cli_element element;
     std::uint32_t flags = 0;
-} commands[] = {
+} host_commands[] = {
     {CONFIG_MODE, {"(global) <1-9>", note}},
     {CONFIG_MODE, {"(force) IFNAME", note}, CLI_FLAG_AFTER_BIND},
     {CONFIG_MODE, {"no (force)", note}},
@@ -54,87 +38,33 @@ inline const struct {
     {INTERFACE_MODE, {"port refuse", [](cli*, int, char**) { return CLI_ERROR; }}},
 };
 
-inline void keep_error(void*, int level, const char* line, std::size_t length) {
-    std::string text(line, length);
-    if (level <= LOG_LEVEL_ERROR) logged.push_back(text.substr(text.find("error ") + 6));
-}
-
-inline std::string read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-inline void write_file(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
-
-inline mode_t permissions(const std::string& path) {
-    struct stat status {};
-    EXPECT_EQ(stat(path.c_str(), &status), 0);
-    return status.st_mode & 0777;
-}
-
-inline bool exists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
-}
-
-inline std::string take_text(text_buffer* text) {
-    std::string result(text->view());
-    text_free(text);
-    return result;
-}
-
-class Host : public testing::Test {
+class Host : public Suite {
   protected:
-    void SetUp() override {
-        ran.clear();
-        logged.clear();
-        char name[] = "/tmp/suite_host_XXXXXX";
-        directory = mkdtemp(name);
-        config = directory + "/esmcd.conf";
-        start();
-    }
-    void TearDown() override {
-        stop();
-        std::string command = "rm -rf " + directory;
-        EXPECT_EQ(std::system(command.c_str()), 0);
-        for (memory_type type : {MTYPE_HOST, MTYPE_TEXT, MTYPE_CLI_SESSION})
-            EXPECT_EQ(memmgr_type_stats(type).blocks, 0u) << memmgr_type_name(type);
-    }
+    Host() { start(); }
+    ~Host() override { stop(); }
     void start() {
+        ran.clear();
+        said.clear();
         ctx = lib_create("esmcd");
-        ASSERT_NE(ctx, nullptr);
-        ASSERT_EQ(lib_start(ctx), 0);
+        EXPECT_EQ(lib_start(ctx), 0);
         log_set_default_sinks(0);
-        log_add_tap(keep_error, nullptr);
         ctx->master = thread_master_create();
-        ASSERT_NE(ctx->master, nullptr);
-        ASSERT_EQ(host_vty_init(ctx), 0);
-        for (const auto& c : commands)
-            ASSERT_EQ(cli_install_gen(ctx->ctree, c.mode, 4, c.flags, &c.element), 0);
+        EXPECT_EQ(host_vty_init(ctx), 0);
+        for (const auto& c : host_commands)
+            EXPECT_EQ(cli_install_gen(ctx->ctree, c.mode, 4, c.flags, &c.element), 0);
     }
     void stop() {
-        log_remove_tap(keep_error, nullptr);
         lib_stop(ctx);
-        ctx = nullptr;
         log_close();
     }
     void read_from(const std::string& path) { host_config_start(ctx, path.c_str(), 0); }
-    // A new daemon, and what it logs and runs.
     void restart(const std::string& path) {
         stop();
-        ran.clear();
-        logged.clear();
         start();
         read_from(path);
     }
+    // A new daemon with that in its file.
     void read(const std::string& text) {
-        write_file(config, text);
-        read_from(config);
-    }
-    void read_anew(const std::string& text) {
         write_file(config, text);
         restart(config);
     }
@@ -145,12 +75,10 @@ class Host : public testing::Test {
     }
     // Runs a line as a terminal would; what it printed.
     std::string run(const std::string& line, std::int32_t mode = EXEC_MODE) {
-        text_output printed{};
-        cli session = host_plain_session(ctx->host, mode, text_output_print, &printed);
-        static int terminal;
-        session.line = &terminal;
-        last_result = cli_run_line(ctx->ctree, &session, line);
-        return take_text(&printed.text);
+        line_runner terminal(ctx);
+        const std::string printed = terminal.run(line, mode);
+        last_result = terminal.result;
+        return printed;
     }
     interface* bind(const char* name, std::uint32_t index) {
         interface* intf = if_add(&ctx->ifm, name, index, IF_TYPE_SYNCE);
@@ -159,8 +87,6 @@ class Host : public testing::Test {
     }
 
     lib_globals* ctx = nullptr;
-    std::string directory, config;
+    const std::string config = folder + "/esmcd.conf";
     cli_result last_result = cli_result::ok;
 };
-
-}  // namespace host_support

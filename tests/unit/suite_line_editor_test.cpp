@@ -1,16 +1,49 @@
-// The line editor: keys in, octets out. What the screen would show is followed by a small terminal that knows
-// the few sequences that the editor uses.
-#include <gtest/gtest.h>
-
+// Keys: the telnet decoder, then the line editor, octets in and out. What the screen would show is followed
+// by a small terminal that knows the few sequences that the editor uses.
 #include <random>
-#include <string>
-#include <vector>
 
-#include "suite/base/memory.h"
 #include "suite/base/utf8.h"
 #include "suite/terminal/line_editor.h"
+#include "suite/terminal/telnet.h"
+#include "unit/suite_support.h"
 
 namespace {
+
+using namespace std::string_literals;
+
+TEST(Telnet, OctetsAreKeysRepliesAndWindowSizes) {
+    const std::string options = "\xff\xfb\x18\xff\xfd\x27\xff\xfe\x27\xff\xfc\x18";
+    const struct {
+        std::string octets, data, replies, events;
+        int columns = 0, rows = 0;
+    } cases[] = {
+        // Answers to our own requests are not answered.
+        {"\xff\xfd\x01\xff\xfd\x03\xff\xfb\x1f\xff\xfa\x1f\x00\x50\x00\x18\xff\xf0x"s, "x", "", "r", 80, 24},
+        // Other options are refused once, but every timing mark is answered; behind it the interrupt key.
+        {options + options + options, "", "\xff\xfe\x18\xff\xfc\x27", ""},
+        {"\xff\xf4\xff\xfd\x06\xff\xf4\xff\xfd\x06", "\x03\x03", "\xff\xfc\x06\xff\xfc\x06", ""},
+        // Doubled octets, and commands that are keys.
+        {"a\xff\xff_\xff\xf6\xff\xf1\xff\xf7\xff\xf8\xff\xec.", "a\xff_\x7f\x15\x04.", "", "a"},
+        {"\xff\xfa\x1f\xff\xff\xff\xff\x00\xff\xff\xff\xf0"s, "", "", "r", 0xffff, 0x00ff},
+        // Oversized and broken subnegotiations.
+        {"\xff\xfa\x1f" + std::string(100'000, 'x') + "\xff\xf0y\xff\xfa\x1f\x01\x50\xff\xf1z", "yz", "", ""},
+    };
+    for (const auto& c : cases) {
+        telnet_decoder decoder{};
+        std::string data, replies, events;
+        for (char key : c.octets) {
+            std::uint8_t octet = 0;
+            const telnet_event event = telnet_take(&decoder, static_cast<std::uint8_t>(key), &octet);
+            if (event == telnet_event::data) data += static_cast<char>(octet);
+            if (event == telnet_event::resized) events += 'r';
+            if (event == telnet_event::alive) events += 'a';
+            replies.append(reinterpret_cast<const char*>(decoder.reply), decoder.reply_length);
+        }
+        EXPECT_EQ(data + "|" + replies + "|" + events, c.data + "|" + c.replies + "|" + c.events);
+        EXPECT_EQ(decoder.columns, c.columns);
+        EXPECT_EQ(decoder.rows, c.rows);
+    }
+}
 
 // One row of a terminal: what stands on it and where the cursor is, in columns. Wide characters are not used.
 struct Screen {
@@ -53,17 +86,16 @@ std::string ctrl(char letter) {
 const std::string ESC = "\x1b", UP = "\x1b[A", DOWN = "\x1b[B", RIGHT = "\x1b[C", LEFT = "\x1b[D",
                   BACK = "\x7f", DELETE = "\x1b[3~";
 
-class Editor : public testing::Test {
+class Editor : public Suite {
   protected:
-    void SetUp() override {
-        e = line_editor_create();
-        ASSERT_NE(e, nullptr);
-        prompt();
-    }
-    void TearDown() override {
+    line_editor* e = line_editor_create();
+    text_buffer out;
+    Screen screen;
+
+    Editor() { prompt(); }
+    ~Editor() override {
         line_editor_free(e);
         text_free(&out);
-        EXPECT_EQ(memmgr_type_stats(MTYPE_CLI_SESSION).blocks, 0u);
     }
     void prompt() {
         line_editor_start(e, "sw#", &out);
@@ -106,10 +138,6 @@ class Editor : public testing::Test {
             expect(step.text, step.cursor);
         }
     }
-
-    line_editor* e = nullptr;
-    text_buffer out;
-    Screen screen;
 };
 
 TEST_F(Editor, KeysMoveAndErase) {
@@ -129,36 +157,36 @@ TEST_F(Editor, KeysMoveAndErase) {
         {ctrl('U') + "h\xc3\xa9ll\xe2\x82\xac" + BACK + LEFT + LEFT + LEFT, "h\xc3\xa9ll", 1},
         {"\xf0\x9d\x84\x9e" + DELETE, "h\xf0\x9d\x84\x9ell", 2},
     });
-}
-
-TEST_F(Editor, EndsOfLine) {
-    EXPECT_EQ(type("a\r"), editor_event::line);
-    EXPECT_EQ(line(), "a");
-    prompt();
-    EXPECT_EQ(type("\n"), editor_event::none) << "LF behind CR is part of it";
-    EXPECT_EQ(type("b\r"), editor_event::line);
-    prompt();
-    EXPECT_EQ(type(std::string_view("\0c", 2)), editor_event::none) << "and so is NUL";
-    EXPECT_EQ(line(), "c");
-    EXPECT_EQ(type("\n"), editor_event::line);
-    prompt();
-    EXPECT_EQ(type("\n"), editor_event::line) << "LF behind LF is a line of its own";
-    prompt();
-    EXPECT_EQ(type("abc" + ctrl('C')), editor_event::interrupt);
-    EXPECT_EQ(line(), "");
-    prompt();
-    EXPECT_EQ(type(ctrl('D')), editor_event::leave);
-    EXPECT_EQ(type(ctrl('Z')), editor_event::end_mode);
-    EXPECT_EQ(type("sh?"), editor_event::help);
-    EXPECT_EQ(type("\t"), editor_event::complete);
-    expect("sh", 2);
-}
-
-TEST_F(Editor, OctetsThatAreNoTextAreKept) {
-    type("\xff\x80");
+    type(ctrl('E') + ctrl('U') + "\xff\x80");  // no text, but kept
     EXPECT_EQ(line(), "\xff\x80");
     EXPECT_EQ(screen.text(), "sw#??");
     check({{BACK + BACK, "", 0}});
+}
+
+TEST_F(Editor, EndsOfLine) {
+    using event = editor_event;
+    const struct {
+        std::string keys;
+        editor_event result;
+        const char* line;
+    } cases[] = {
+        {"a\r", event::line, "a"},
+        {"\n", event::none, ""},  // LF behind CR is part of it
+        {"b\r", event::line, "b"},
+        {"\0c"s, event::none, "c"},  // and so is NUL
+        {"\n", event::line, "c"},
+        {"\n", event::line, ""},  // LF behind LF is a line of its own
+        {"abc" + ctrl('C'), event::interrupt, ""},
+        {ctrl('D'), event::leave, ""},
+        {ctrl('Z'), event::end_mode, ""},
+        {"sh?", event::help, "sh"},
+        {"\t", event::complete, "sh"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(type(c.keys), c.result) << c.keys;
+        EXPECT_EQ(line(), c.line) << c.keys;
+        if (c.result == event::line || c.result == event::interrupt) prompt();
+    }
 }
 
 TEST_F(Editor, WideLinesScroll) {
@@ -248,17 +276,6 @@ TEST_F(Editor, RandomKeysKeepScreenAndLineTogether) {
         ASSERT_EQ(screen.text(), "sw#" + line()) << i;
         ASSERT_EQ(screen.column, 3 + utf8_columns(line_editor_before_cursor(e))) << i;
     }
-}
-
-TEST(Utf8, OnlyWholeAndValidCharactersCount) {
-    EXPECT_EQ(utf8_columns("a\xc3\xa9\xe4\xb8\xad"), 4u);
-    EXPECT_EQ(utf8_columns("e\xcc\x81"), 1u) << "a combining mark takes no column";
-    for (const char* bad :
-         {"\xc0\x80", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xe0\x80\x80", "\x80", "\xff", "\xe2\x82"})
-        EXPECT_EQ(utf8_first(bad).length, 1u);
-    EXPECT_FALSE(utf8_first("\xc2\x9b").shown) << "a control character of the upper set";
-    EXPECT_EQ(utf8_last_length("a\xe2\x82\xac"), 3u);
-    EXPECT_EQ(utf8_last_length("\x82\xac"), 1u);
 }
 
 }  // namespace

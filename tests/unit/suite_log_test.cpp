@@ -1,22 +1,16 @@
 // The log: what a line looks like, and that no sink ever holds the caller up, mixes two lines or loses count.
-#include "suite/log/log.h"
-
 #include <fcntl.h>
 #include <regex.h>
-#include <sys/socket.h>
 #include <sys/un.h>
 
 #include <algorithm>
-#include <cstring>
 #include <ctime>
 #include <sstream>
 
 #include "suite/log/sinks.h"
-#include "unit/suite_host_support.h"
+#include "unit/suite_support.h"
 
 namespace {
-
-using namespace host_support;
 
 bool matches(const std::string& text, const std::string& form) {
     regex_t compiled;
@@ -26,30 +20,19 @@ bool matches(const std::string& text, const std::string& form) {
     return yes;
 }
 
-class Log : public ::testing::Test {
+class Log : public Suite {
   protected:
-    void SetUp() override {
-        char path[] = "/tmp/suite_log_XXXXXX";
-        ASSERT_NE(mkdtemp(path), nullptr);
-        folder = path;
-        stderr_kept = dup(STDERR_FILENO);
+    Log() {
         log_open("esmcd");
         log_use_sink(LOG_SINK_STDERR, false);
-        log_add_tap(collect, this);
     }
-    void TearDown() override {
+    ~Log() override {
         dup2(stderr_kept, STDERR_FILENO);
         close(stderr_kept);
-        log_remove_tap(collect, this);
         log_close();
         log_syslog_set_path("/dev/log");
-        (void)!system(("rm -r " + folder).c_str());
     }
-    static void collect(void* arg, int level, const char* line, std::size_t length) {
-        Log& l = *static_cast<Log*>(arg);
-        l.levels.push_back(level);
-        l.lines.emplace_back(line, length);
-    }
+    const std::string& line(std::size_t n) const { return said.at(n).second; }
 
     // Puts `fd` in the place of standard error, and closes it.
     static void become_stderr(int fd) {
@@ -89,19 +72,16 @@ class Log : public ::testing::Test {
             if (std::sscanf(line.c_str(), "%*s warning %zu log lines dropped", &lost) == 1) {
                 next += lost;
             } else {
-                ASSERT_LT(next, lines.size());
-                ASSERT_EQ(line, lines[next++]);
+                ASSERT_LT(next, said.size());
+                ASSERT_EQ(line, said[next++].second);
             }
         }
-        EXPECT_EQ(next, lines.size());
+        EXPECT_EQ(next, said.size());
         EXPECT_GT(lost, 0u);
         EXPECT_EQ(all.back(), '\n');
     }
 
-    std::string folder;
-    int stderr_kept = -1;
-    std::vector<int> levels;
-    std::vector<std::string> lines;
+    int stderr_kept = dup(STDERR_FILENO);
 };
 
 TEST_F(Log, LineIsTimeLevelAndText) {
@@ -118,24 +98,29 @@ TEST_F(Log, LineIsTimeLevelAndText) {
     log_suite(LOG_LEVEL_WARNING, "wanted");
     unsetenv("TZ");
     tzset();
-    const char* texts[] = {"info : SIGHUP received", "error plain 5", "warning w", "debug d",
-                           "warning wanted"};
+    const std::pair<int, const char*> expected[] = {{LOG_LEVEL_INFO, "info : SIGHUP received"},
+                                                    {LOG_LEVEL_ERROR, "error plain 5"},
+                                                    {LOG_LEVEL_WARNING, "warning w"},
+                                                    {LOG_LEVEL_DEBUG, "debug d"},
+                                                    {LOG_LEVEL_WARNING, "warning wanted"}};
     const std::string time = "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}[.][0-9]{3}[+]05:30 ";
-    ASSERT_EQ(lines.size(), 5u);
-    for (std::size_t i = 0; i < 5; i++) EXPECT_TRUE(matches(lines[i], time + texts[i])) << lines[i];
-    EXPECT_EQ(levels, (std::vector<int>{6, 3, 4, 7, 4}));
+    ASSERT_EQ(said.size(), std::size(expected));
+    for (std::size_t i = 0; i < said.size(); i++) {
+        EXPECT_EQ(said[i].first, expected[i].first) << i;
+        EXPECT_TRUE(matches(line(i), time + expected[i].second)) << line(i);
+    }
 }
 
 TEST_F(Log, ControlCharactersAreEscapedAndLongTextIsCutNotInTheMiddleOfOne) {
     log_suite(LOG_LEVEL_INFO, "a\nb\tc\x1b[31m\x7f\xc3\xa9");
-    EXPECT_TRUE(lines[0].ends_with(" info a\nb\\x09c\\x1b[31m\\x7f\xc3\xa9")) << lines[0];
+    EXPECT_TRUE(line(0).ends_with(" info a\nb\\x09c\\x1b[31m\\x7f\xc3\xa9")) << line(0);
     for (std::size_t length : {4000u, 4050u, 4096u, 9000u}) {
         for (char c : {'y', '\x01'}) {
             log_suite(LOG_LEVEL_INFO, "%s", std::string(length, c).c_str());
-            const std::string& line = lines.back();
-            EXPECT_LT(line.size(), LOG_LINE_MAX);
-            EXPECT_GT(line.size(), 4000u);
-            EXPECT_TRUE(line.ends_with(c == 'y' ? "y" : "\\x01")) << length;
+            const std::string& cut = said.back().second;
+            EXPECT_LT(cut.size(), LOG_LINE_MAX);
+            EXPECT_GT(cut.size(), 4000u);
+            EXPECT_TRUE(cut.ends_with(c == 'y' ? "y" : "\\x01")) << length;
         }
     }
 }
@@ -151,7 +136,7 @@ TEST_F(Log, TapMayLeaveAndMayNotRecurse) {
     log_remove_tap(tap, &calls);
     log_suite(LOG_LEVEL_INFO, "two");
     EXPECT_EQ(calls, 1);
-    EXPECT_EQ(lines.size(), 2u);
+    EXPECT_EQ(said.size(), 2u);
 }
 
 TEST_F(Log, RecentLinesAreTheLastOnesInOrder) {
@@ -160,16 +145,17 @@ TEST_F(Log, RecentLinesAreTheLastOnesInOrder) {
         log_suite(LOG_LEVEL_INFO, "line %d %s", i, text.c_str());
     }
     log_suite(LOG_LEVEL_INFO, "%s", std::string(8000, 'L').c_str());
-    const auto logged = lines;
-    std::vector<std::string> recent;
+    const auto whole = said;
+    words recent;
     log_walk_recent(
         [](void* a, const char* l, std::size_t n) {
-            static_cast<std::vector<std::string>*>(a)->emplace_back(l, n);
+            static_cast<words*>(a)->emplace_back(l, n);
             log_suite(LOG_LEVEL_DEBUG, "logged by the visitor");
         },
         &recent);
-    ASSERT_LT(recent.size(), logged.size());
-    EXPECT_TRUE(std::equal(recent.rbegin(), recent.rend(), logged.rbegin()));
+    ASSERT_LT(recent.size(), whole.size());
+    for (std::size_t i = 1; i <= recent.size(); i++)
+        ASSERT_EQ(recent[recent.size() - i], whole[whole.size() - i].second);
     std::size_t octets = 0;
     for (const auto& line : recent) octets += line.size() + 2;
     EXPECT_LE(octets, 65536u);
@@ -188,12 +174,12 @@ TEST_F(Log, FileIsAppendedToAndTheFormerStaysWhenANewOneCannotBeOpened) {
     EXPECT_EQ(log_set_file(other.c_str()), -1);
     EXPECT_EQ(errno, ENOMEM);
     log_suite(LOG_LEVEL_INFO, "two");
-    EXPECT_EQ(read_file(path), "before\n" + lines[0] + "\n" + lines[1] + "\n");
+    EXPECT_EQ(read_file(path), "before\n" + line(0) + "\n" + line(1) + "\n");
     ASSERT_EQ(log_set_file(other.c_str()), 0);
     log_suite(LOG_LEVEL_INFO, "three");
     EXPECT_EQ(log_set_file(nullptr), 0);
     log_suite(LOG_LEVEL_INFO, "four");
-    EXPECT_EQ(read_file(other), lines[2] + "\n");
+    EXPECT_EQ(read_file(other), line(2) + "\n");
     EXPECT_EQ(permissions(other) & ~0640u, 0u);
 }
 
@@ -224,19 +210,19 @@ TEST_F(Log, StandardErrorIsFollowedWhenItIsRedirected) {
     for (const std::string& path : paths) {
         become_stderr(open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
         log_suite(LOG_LEVEL_INFO, "to %s", path.c_str());
-        EXPECT_EQ(read_file(path), lines.back() + "\n");
+        EXPECT_EQ(read_file(path), said.back().second + "\n");
     }
     close(STDERR_FILENO);  // gone altogether: counted, nothing else
     log_suite(LOG_LEVEL_INFO, "three");
     EXPECT_TRUE(log_backlog());
-    EXPECT_EQ(read_file(paths[1]), lines[1] + "\n");
+    EXPECT_EQ(read_file(paths[1]), line(1) + "\n");
 }
 
 int listen_at(const std::string& path) {
     const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     sockaddr_un a{};
     a.sun_family = AF_UNIX;
-    std::strncpy(a.sun_path, path.c_str(), sizeof a.sun_path - 1);
+    path.copy(a.sun_path, sizeof a.sun_path - 1);
     unlink(path.c_str());
     EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
     return fd;
@@ -273,19 +259,17 @@ TEST_F(Log, SyslogGetsDatagramsAndAMissingDaemonCostsNothing) {
 }
 
 TEST_F(Log, ConfigurationNamesWhatDiffersFromTheMode) {
-    text_output written{};
-    cli session{};
-    session.out_func = text_output_print;
-    session.out_val = &written;
+    lib_globals ctx{};
+    line_runner written(&ctx);
     log_set_default_sinks(LOG_SINK_SYSLOG);  // daemon mode
-    EXPECT_EQ(log_config_write(&session), 0);
-    EXPECT_EQ(written.text.view(), "");
+    EXPECT_EQ(log_config_write(&written.session), 0);
+    EXPECT_EQ(take_text(&written.printed.text), "");
     log_use_sink(LOG_SINK_STDERR, true);
     log_use_sink(LOG_SINK_SYSLOG, false);
     ASSERT_EQ(log_set_file((folder + "/f").c_str()), 0);
     log_set_level(LOG_LEVEL_WARNING);
-    log_config_write(&session);
-    EXPECT_EQ(take_text(&written.text),
+    log_config_write(&written.session);
+    EXPECT_EQ(take_text(&written.printed.text),
               "log stderr\nno log syslog\nlog file " + folder + "/f\nlog level warning\n");
 }
 

@@ -1,33 +1,125 @@
-// The slow-protocol socket. Framing and counting run against a replaced edge; everything about the kernel
-// runs over veth links in a network namespace that the test makes for itself.
+// Ports: the interface list with its hooks, and the slow-protocol socket, whose framing and counting run
+// against a replaced edge, and everything about the kernel over veth links in a namespace of the test's own.
 #include "suite/ports/slow_socket.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
 #include <sched.h>
 #include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <map>
-#include <string>
-#include <vector>
+#include <random>
 
-#include "suite/base/memory.h"
-#include "suite/log/log.h"
-#include "unit/suite_line_runner.h"
 #include "unit/suite_support.h"
 
 namespace {
 
+// The interface list ------------------------------------------------------------------------------------
+
+std::string trace;
+int bind_result;
+
+// Which hook, and what it sees of the interface: bound, up.
+template <char Word>
+int note(interface* intf) {
+    trace += std::string(" ") + Word + (intf->bound ? "+" : "-") + (intf->up ? "^" : "_");
+    return Word == 'b' ? bind_result : -1;
+}
+
+class Interfaces : public Suite {
+  protected:
+    Interfaces() {
+        trace.clear();
+        bind_result = 0;
+        ifm->ctx = &ctx;
+        EXPECT_EQ(if_add_hook(ifm, IF_CALLBACK_VR_BIND, note<'b'>), 0);
+        EXPECT_EQ(if_add_hook(ifm, IF_CALLBACK_VR_UNBIND, note<'u'>), 0);
+        EXPECT_EQ(if_add_hook(ifm, IF_CALLBACK_UP, note<'U'>), 0);
+        EXPECT_EQ(if_add_hook(ifm, IF_CALLBACK_DOWN, note<'D'>), 0);
+        for (int n : {-1, 0, 1, 4, 7, 8, 1000}) EXPECT_EQ(if_add_hook(ifm, n, note<'x'>), -1) << n;
+        ifm->after_bind = [](lib_globals* l, interface* intf) {
+            EXPECT_EQ(l->ifm.ctx, l);
+            note<'a'>(intf);
+        };
+    }
+    ~Interfaces() override { if_finish(ifm); }
+    lib_globals ctx{};
+    if_master* ifm = &ctx.ifm;
+};
+
+TEST_F(Interfaces, HooksRunInOrderAndAfterBindBeforeUpAndAFirstBindThatFailsIsNone) {
+    interface* e = if_add(ifm, "eth1", 7, IF_TYPE_SYNCE);
+    ASSERT_NE(e, nullptr);
+    if_unbind(ifm, e);  // not bound: ignored
+    bind_result = -1;   // a port record that could not be made: what waits for the interface waits on
+    if_bind(ifm, e);
+    if_unbind(ifm, e);
+    EXPECT_EQ(std::exchange(trace, {}), " b-_");
+    bind_result = 0;
+    if_bind(ifm, e);
+    if_up(ifm, e);
+    if_down(ifm, e);
+    bind_result = -1;  // there already
+    if_bind(ifm, e);
+    if_remove(ifm, e);
+    EXPECT_EQ(std::exchange(trace, {}), " b-_ a+_ U+^ D+_ b+_ a+_ u+_");
+    EXPECT_TRUE(if_list(ifm).empty());
+    if_bind(ifm, if_add(ifm, "eth1", 7, IF_TYPE_SYNCE));
+    trace.clear();
+    if_finish(ifm);  // calls no hook
+    EXPECT_EQ(trace, "");
+    EXPECT_EQ(if_lookup_by_index(ifm, 7), nullptr);
+}
+
+// Indexes that fall together in the table, removals from the middle of a chain, and growth in between.
+TEST_F(Interfaces, LookupsAgreeWithAModelThroughAddsAndRemovals) {
+    std::mt19937 random(2);
+    std::vector<std::uint32_t> order;
+    for (int step = 0; step < 6000; step++) {
+        const std::uint32_t index = static_cast<std::uint32_t>(random() % 400) * (step % 2 ? 128 : 1);
+        const auto at = std::find(order.begin(), order.end(), index);
+        interface* found = if_lookup_by_index(ifm, index);
+        ASSERT_EQ(found != nullptr, at != order.end());
+        if (found != nullptr) {
+            if_remove(ifm, found);
+            order.erase(at);
+        } else {
+            const std::string name = "if" + std::to_string(index);
+            interface* e = if_add(ifm, name.c_str(), index, IF_TYPE_SYNCE);
+            ASSERT_NE(e, nullptr);
+            ASSERT_EQ(if_lookup_by_name(ifm, name.c_str()), e);
+            order.push_back(index);
+        }
+    }
+    ASSERT_EQ(order.size(), if_list(ifm).size());
+    for (std::size_t i = 0; i < order.size(); i++) EXPECT_EQ(if_list(ifm)[i]->ifindex, order[i]);
+}
+
+TEST_F(Interfaces, NamesAreCutIndexesUniqueAndAnExhaustedAddLeavesAUsableList) {
+    EXPECT_STREQ(if_add(ifm, "a-name-that-is-too-long", 7, 1)->name, "a-name-that-is-t");
+    EXPECT_EQ(if_add(ifm, "other", 7, 1), nullptr);
+    EXPECT_EQ(ifg_get_by_name(ifm, "other"), nullptr);
+    EXPECT_EQ(ifg_get_by_name(ifm, nullptr), nullptr);
+    for (std::uint64_t nth = 1; nth <= 3; nth++) {
+        if_finish(ifm);
+        memmgr_fail_at(nth);
+        EXPECT_EQ(if_add(ifm, "eth1", 1, IF_TYPE_SYNCE), nullptr);
+        EXPECT_EQ(if_lookup_by_index(ifm, 1), nullptr);
+        EXPECT_NE(if_add(ifm, "eth1", 1, IF_TYPE_SYNCE), nullptr);
+    }
+}
+
+// Framing -----------------------------------------------------------------------------------------------
+
 using octet_string = std::vector<std::uint8_t>;
 
 constexpr std::uint8_t GROUP[6] = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x02};
+const octet_string PDU(46, 0x0A);
 
-interface make_port(std::uint32_t ifindex, std::uint32_t kernel_ifindex, std::uint8_t mac_end = 0) {
+interface port(std::uint32_t ifindex, std::uint32_t kernel_ifindex, std::uint8_t mac_end = 0) {
     interface intf {};
     std::snprintf(intf.name, sizeof intf.name, "port%u", ifindex);
     intf.type = IF_TYPE_SYNCE;
@@ -37,18 +129,9 @@ interface make_port(std::uint32_t ifindex, std::uint32_t kernel_ifindex, std::ui
     intf.mac[5] = mac_end;
     return intf;
 }
-
 void bind_port(const interface& port) {
     slow_socket_port_bound(&port);
 }
-
-slow_address to_group(std::uint32_t ifindex) {
-    slow_address a{};
-    std::copy(GROUP, GROUP + 6, a.destination);
-    a.ifindex = ifindex;
-    return a;
-}
-
 octet_string frame(const octet_string& payload, std::uint16_t type = 0x8809,
                    const octet_string& to = {GROUP, GROUP + 6}) {
     octet_string f = to;
@@ -57,8 +140,6 @@ octet_string frame(const octet_string& payload, std::uint16_t type = 0x8809,
     f.insert(f.end(), payload.begin(), payload.end());
     return f;
 }
-const octet_string PDU(46, 0x0A);
-
 slow_port_stats stats_of(std::uint32_t ifindex) {
     slow_port_stats s{};
     EXPECT_TRUE(slow_socket_port_stats(ifindex, &s));
@@ -69,34 +150,37 @@ bool is_known(std::uint32_t ifindex) {
     return slow_socket_port_stats(ifindex, &s);
 }
 
-struct Socket : testing::Test {
-    lib_globals* ctx = nullptr;
+struct Socket : Suite {
+    lib_globals* ctx = lib_create("test");
     int fd = -1;
-    void SetUp() override {
-        memory_init(36);
-        log_use_sink(LOG_SINK_STDERR, false);
-        ctx = lib_create("test");
-        ctx->master = thread_master_create();
-    }
-    void TearDown() override {
+
+    Socket() { ctx->master = thread_master_create(); }
+    ~Socket() override {
         memmgr_fail_at(0);
         if (fd >= 0) slow_socket_close(ctx, fd);
         slow_socket_set_edge(nullptr);
         lib_stop(ctx);
-        EXPECT_EQ(memmgr_type_stats(MTYPE_SLOW).blocks, 0u);
+    }
+    // What was sent, or the negative errno.
+    ssize_t send_to_group(std::uint32_t ifindex, const octet_string& payload = PDU, int other_fd = 0) const {
+        slow_address a{};
+        std::copy(GROUP, GROUP + 6, a.destination);
+        a.ifindex = ifindex;
+        const ssize_t sent = slow_sendto(other_fd ? other_fd : fd, payload, a);
+        return sent == -1 ? -errno : sent;
     }
 };
 
-// Framing -----------------------------------------------------------------------------------------------
-
 struct Edge : Socket {
-    octet_string sent;
-    std::uint32_t sent_on = 0;
+    octet_string sent, waiting;
+    std::uint32_t sent_on = 0, waiting_from = 0;
     int fails_with = 0;
-    octet_string waiting;
-    std::uint32_t waiting_from = 0;
+    slow_edge edge{[](void*) { return ::open("/dev/null", O_RDWR | O_CLOEXEC); }, send, receive, this};
 
-    static int open(void*) { return ::open("/dev/null", O_RDWR | O_CLOEXEC); }
+    Edge() {
+        slow_socket_set_edge(&edge);
+        fd = slow_socket_open(ctx);
+    }
     static ssize_t send(void* arg, int, const_octets f, std::uint32_t kernel_ifindex) {
         auto* self = static_cast<Edge*>(arg);
         errno = self->fails_with;
@@ -111,21 +195,13 @@ struct Edge : Socket {
         *kernel_ifindex = self->waiting_from;
         return static_cast<ssize_t>(self->waiting.size());
     }
-    slow_edge edge{open, send, receive, this};
-
-    void SetUp() override {
-        Socket::SetUp();
-        slow_socket_set_edge(&edge);
-        fd = slow_socket_open(ctx);
-        ASSERT_GE(fd, 0);
-    }
 };
 
 TEST_F(Edge, SendsAPaddedFrameFromThePortsOwnAddress) {
-    bind_port(make_port(7, 42, 0x55));
-    EXPECT_EQ(slow_sendto(fd, octet_string(50, 0xEE), to_group(7)), 50);
+    bind_port(port(7, 42, 0x55));
+    EXPECT_EQ(send_to_group(7, octet_string(50, 0xEE)), 50);
     EXPECT_EQ(sent.size(), 64u) << "nothing is cut, nothing padded beyond the least";
-    EXPECT_EQ(slow_sendto(fd, octet_string{0x0A, 1, 2, 3}, to_group(7)), 4);
+    EXPECT_EQ(send_to_group(7, {0x0A, 1, 2, 3}), 4);
     octet_string expected(GROUP, GROUP + 6);
     expected.insert(expected.end(), {2, 0, 0, 0, 0, 0x55, 0x88, 0x09, 0x0A, 1, 2, 3});
     expected.resize(60);
@@ -140,35 +216,23 @@ TEST_F(Edge, CountsEachErrorForItsPortAndShowsALineAPort) {
     ASSERT_EQ(slow_socket_cli_init(ctx), 0);
     slow_socket_port_bound(if_add(&ctx->ifm, "eth7", 7, IF_TYPE_SYNCE));
     if_add(&ctx->ifm, "eth8", 8, IF_TYPE_SYNCE);  // not bound
-    const auto send_times = [this](int error, int times) {
+    for (const auto& [error, times] :
+         {std::pair{0, 2}, {ENOBUFS, 3}, {EAGAIN, 4}, {ENETDOWN, 5}, {ENXIO, 1}, {ENODEV, 5}, {EIO, 7}}) {
         fails_with = error;
-        for (int i = 0; i < times; ++i) EXPECT_EQ(slow_sendto(fd, PDU, to_group(7)), error ? -1 : 46);
-        EXPECT_EQ(errno, error);
-    };
-    send_times(0, 2);
-    send_times(ENOBUFS, 3);
-    send_times(EAGAIN, 4);
-    send_times(ENETDOWN, 5);
-    send_times(ENXIO, 1);
-    send_times(ENODEV, 5);
-    send_times(EIO, 7);
-    line_runner commands(ctx);
-    ASSERT_EQ(commands.run("show slow-protocols"), cli_result::ok);
-    EXPECT_EQ(commands.printed.substr(commands.printed.find("\neth7") + 1),
+        for (int i = 0; i < times; ++i) EXPECT_EQ(send_to_group(7), error ? -error : 46);
+    }
+    const std::string shown = line_runner(ctx).run("show slow-protocols");
+    EXPECT_EQ(shown.substr(shown.find("\neth7") + 1),
               "eth7                 7          0          2         0         3         4         5         6"
               "         7\n");
-
     fails_with = 0;
-    const auto refused = [this](int socket, const octet_string& pdu, std::uint32_t port) {
-        return slow_sendto(socket, pdu, to_group(port)) == -1 ? errno : 0;
-    };
-    EXPECT_EQ(refused(fd, PDU, 8), ENODEV);
-    EXPECT_EQ(refused(fd, octet_string(2000), 7), EMSGSIZE);
-    EXPECT_EQ(refused(-1, PDU, 7), EBADF);
+    EXPECT_EQ(send_to_group(8), -ENODEV);
+    EXPECT_EQ(send_to_group(7, octet_string(2000)), -EMSGSIZE);
+    EXPECT_EQ(send_to_group(7, PDU, -1), -EBADF);
 }
 
 TEST_F(Edge, ReceivesPayloadAndAddress) {
-    bind_port(make_port(7, 42));
+    bind_port(port(7, 42));
     waiting = frame({0x0A, 9, 8, 7});
     waiting_from = 42;
     std::uint8_t buffer[64];
@@ -192,7 +256,7 @@ TEST_F(Edge, ReceivesPayloadAndAddress) {
 }
 
 // Ports come, go, and exchange their kernel indexes; every lookup must find what a plain map would.
-TEST_F(Edge, FindsEveryPortThroughAllChanges) {
+TEST_F(Edge, LookupsAgreeWithAModelThroughAllChanges) {
     std::map<std::uint32_t, std::uint32_t> kernel_of, port_of;
     std::uint8_t buffer[64];
     std::uint32_t random = 1;
@@ -200,23 +264,22 @@ TEST_F(Edge, FindsEveryPortThroughAllChanges) {
     for (int step = 0; step < 6000; ++step) {
         random = random * 1664525 + 1013904223;
         const std::uint32_t ifindex = 1 + (random >> 8) % 300 + ((random >> 20) % 3) * 256;
-        const interface port = make_port(ifindex, 1 + (random >> 16) % 2000);
-        waiting_from = port.kernel_ifindex;
+        const interface changed = port(ifindex, 1 + (random >> 16) % 2000);
+        waiting_from = changed.kernel_ifindex;
         if (kernel_of.contains(ifindex) && port_of[kernel_of[ifindex]] == ifindex)
             port_of.erase(kernel_of[ifindex]);
         if ((random >> 5) % 3 == 0) {
-            slow_socket_port_unbound(&port);
+            slow_socket_port_unbound(&changed);
             kernel_of.erase(ifindex);
         } else {
-            slow_socket_port_bound(&port);
-            kernel_of[ifindex] = port.kernel_ifindex;
-            port_of[port.kernel_ifindex] = ifindex;  // whoever had it is bound, but nowhere
+            slow_socket_port_bound(&changed);
+            kernel_of[ifindex] = changed.kernel_ifindex;
+            port_of[changed.kernel_ifindex] = ifindex;  // whoever had it is bound, but nowhere
         }
         slow_address from{};
         ASSERT_EQ(slow_recvfrom(fd, buffer, &from), 1);
-        ASSERT_EQ(from.ifindex, port_of.contains(waiting_from) ? port_of[waiting_from] : 0)
-            << "step " << step;
-        ASSERT_EQ(is_known(ifindex), kernel_of.contains(ifindex)) << "step " << step;
+        ASSERT_EQ(from.ifindex, port_of.contains(waiting_from) ? port_of[waiting_from] : 0) << step;
+        ASSERT_EQ(is_known(ifindex), kernel_of.contains(ifindex)) << step;
     }
 }
 
@@ -228,25 +291,20 @@ TEST_F(Edge, OpeningTakesTheBoundInterfacesAndFailuresLeaveNoPort) {
     if_bind(&ctx->ifm, if_add(&ctx->ifm, "vlan3", 3, 1));
     fd = slow_socket_open(ctx);
     ASSERT_GE(fd, 0);
-    EXPECT_TRUE(is_known(1));
-    EXPECT_FALSE(is_known(2));
-    EXPECT_FALSE(is_known(3));
+    for (std::uint32_t i : {1u, 2u, 3u}) EXPECT_EQ(is_known(i), i == 1) << i;
     slow_socket_port_unbound(bound);
-    for (std::uint64_t nth = 1; nth <= 3; ++nth) {
+    for (std::uint64_t nth : {1, 2, 3, 0}) {
         memmgr_fail_at(nth);
         slow_socket_port_bound(bound);
-        EXPECT_FALSE(is_known(1)) << "allocation " << nth;
+        EXPECT_EQ(is_known(1), nth == 0) << "allocation " << nth;
         memmgr_fail_at(0);
     }
-    slow_socket_port_bound(bound);
-    EXPECT_TRUE(is_known(1));
 }
 
 // The kernel -----------------------------------------------------------------------------------------------
 
 struct Kernel : Socket {
-    int home = -1;
-    int neighbour = -1;  // sends whole frames on any far end
+    int home = -1, neighbour = -1;  // namespace; sends whole frames on any far end
     struct received {
         octet_string payload;
         slow_address from;
@@ -256,19 +314,17 @@ struct Kernel : Socket {
 
     void SetUp() override {
         if (geteuid() != 0) GTEST_SKIP() << "needs root for a network namespace and raw sockets";
-        Socket::SetUp();
         home = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
         ASSERT_EQ(unshare(CLONE_NEWNET), 0);
         neighbour = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     }
     void TearDown() override {
-        if (home < 0) return;
-        Socket::TearDown();
+        if (fd >= 0) slow_socket_close(ctx, fd);
+        fd = -1;
         close(neighbour);
-        ASSERT_EQ(setns(home, CLONE_NEWNET), 0);  // the test's namespace goes with its last user
+        ASSERT_TRUE(home < 0 || setns(home, CLONE_NEWNET) == 0);  // the test's goes with its last user
         close(home);
     }
-
     static bool run(const std::string& command) { return std::system(command.c_str()) == 0; }
 
     // near0..n-1 with their other ends far0..n-1, all up; ports 1..n on the near ends.
@@ -276,19 +332,17 @@ struct Kernel : Socket {
         std::string commands;
         for (unsigned i = 0; i < count; ++i) {
             const std::string n = std::to_string(i);
-            commands += "link add name near" + n + " type veth peer name far" + n + "\nlink set near" + n +
-                        " up\nlink set far" + n + " up\n";
+            commands +=
+                "link add name near" + n + " up type veth peer name far" + n + "\nlink set far" + n + " up\n";
         }
         ASSERT_TRUE(run("ip -batch - <<'END'\n" + commands + "END\n"));
-        for (unsigned i = 0; i < count; ++i) {
-            ASSERT_TRUE(is_running("near" + std::to_string(i)));
-            ASSERT_TRUE(is_running("far" + std::to_string(i)));
-        }
+        for (unsigned i = 0; i < 2 * count; ++i)
+            ASSERT_TRUE(is_running((i % 2 ? "near" : "far") + std::to_string(i / 2)));
         // The kernel shows a link as running a moment before frames pass; a change waits for that.
         ASSERT_TRUE(run("ip link set near0 up"));
         fd = slow_socket_open(ctx);
         ASSERT_GE(fd, 0);
-        for (unsigned i = 0; i < count; ++i) bind_port(make_port(i + 1, index_of("near", i)));
+        for (unsigned i = 0; i < count; ++i) bind_port(port(i + 1, index_of("near", i)));
     }
     bool is_running(const std::string& name) const {
         ifreq request{};
@@ -300,7 +354,6 @@ struct Kernel : Socket {
     static unsigned index_of(const char* what, unsigned n) {
         return if_nametoindex((what + std::to_string(n)).c_str());
     }
-
     void inject(unsigned n, const octet_string& f) const {
         sockaddr_ll to{};
         to.sll_family = AF_PACKET;
@@ -309,24 +362,20 @@ struct Kernel : Socket {
         ASSERT_EQ(sendto(neighbour, f.data(), f.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to),
                   static_cast<ssize_t>(f.size()));
     }
-
     static int on_frame(thread* event) {
         auto* self = static_cast<Kernel*>(event->arg);
         std::uint8_t buffer[64];
         received r{};
         const ssize_t n = slow_recvfrom(event->fd, buffer, &r.from);
         EXPECT_GE(n, 0) << "the loop said that there is a frame: " << strerror(errno);
-        if (n >= 0) {
-            r.payload.assign(buffer, buffer + n);
-            self->frames.push_back(r);
-        }
+        r.payload.assign(buffer, buffer + std::max<ssize_t>(n, 0));
+        self->frames.push_back(r);
         thread_add_read_high(event->ctx, on_frame, self, event->fd);
         return 0;
     }
     // Reads through the loop until there are `count` frames in all; false after `ms`.
     bool read_until(std::size_t count, std::uint32_t ms = 5000) {
-        if (!reading) thread_add_read_high(ctx, on_frame, this, fd);
-        reading = true;
+        if (!std::exchange(reading, true)) thread_add_read_high(ctx, on_frame, this, fd);
         return run_loop(ctx, ms, [&] { return frames.size() >= count; });
     }
 };
@@ -336,13 +385,12 @@ TEST_F(Kernel, LetsThroughUntaggedEsmcFramesOfTheGroupOnly) {
     make_ports(1);
     octet_string tagged = frame({0x00, 0x05, 0x88, 0x09}, 0x8100);  // VLAN 5
     tagged.insert(tagged.end(), PDU.begin(), PDU.end());
-    inject(0, tagged);
-    inject(0, frame(octet_string(46, 1)));  // LACP
-    inject(0, frame(octet_string(46, 3)));  // OAM
-    inject(0, frame(PDU, 0x88CC));          // LLDP's type
-    inject(0, frame(PDU, 0x8809, {0x01, 0x80, 0xC2, 0, 0, 0x0E}));
-    inject(0, frame(PDU, 0x8809, octet_string(6, 0xFF)));
-    inject(0, frame({0x0A, 0xAB, 0xCD}));  // shorter than Ethernet's least: accepted
+    for (const octet_string& f :
+         {tagged, frame(octet_string(46, 1)),              // LACP
+          frame(octet_string(46, 3)), frame(PDU, 0x88CC),  // OAM, LLDP's type
+          frame(PDU, 0x8809, {0x01, 0x80, 0xC2, 0, 0, 0x0E}), frame(PDU, 0x8809, octet_string(6, 0xFF)),
+          frame({0x0A, 0xAB, 0xCD})})  // shorter than Ethernet's least: accepted
+        inject(0, f);
     ASSERT_TRUE(read_until(1));
     ASSERT_EQ(frames.size(), 1u);
     EXPECT_EQ(frames[0].payload, (octet_string{0x0A, 0xAB, 0xCD}));
@@ -355,8 +403,8 @@ TEST_F(Kernel, ABurstOfAllPortsLosesNothingAndKeepsItsOrder) {
     constexpr unsigned PORTS = 64, EACH = 8;  // twice what a socket's ordinary buffer holds
     make_ports(PORTS);
     const std::uint64_t drops_before = slow_socket_stats().kernel_drops;
+    octet_string p = PDU;
     for (unsigned n = 0; n < PORTS * EACH; ++n) {
-        octet_string p = PDU;
         p[1] = static_cast<std::uint8_t>(n / PORTS);
         inject(n % PORTS, frame(p));
     }
@@ -367,7 +415,6 @@ TEST_F(Kernel, ABurstOfAllPortsLosesNothingAndKeepsItsOrder) {
     }
     EXPECT_EQ(slow_socket_stats().kernel_drops, drops_before);
     EXPECT_EQ(stats_of(PORTS).frames_in, EACH);
-
     // One at a time from here on: what is read ahead must never hold a frame back.
     for (unsigned n = 1; n <= 50; ++n) {
         inject(n % PORTS, frame(PDU));
@@ -394,44 +441,40 @@ TEST_F(Kernel, CountsWhatTheReceiveBufferHadNoRoomFor) {
 
 TEST_F(Kernel, JoinsTheGroupPerBoundPortAndLeavesIt) {
     make_ports(2);
-    // "near0 near1": who is a member.
     const auto members = [] {
         std::string all;
-        for (const char* name : {"near0", "near1", "far0"})
-            if (run(std::string("ip maddr show dev ") + name + " | grep -q 01:80:c2:00:00:02"))
-                all += std::string(name) + " ";
+        for (const std::string name : {"near0", "near1", "far0"})
+            if (run("ip maddr show dev " + name + " | grep -q 01:80:c2:00:00:02")) all += name + " ";
         return all;
     };
     EXPECT_EQ(members(), "near0 near1 ");
-    const interface port = make_port(1, index_of("near", 0));
-    slow_socket_port_bound(&port);  // a second bind
-    slow_socket_port_unbound(&port);
+    const interface first = port(1, index_of("near", 0));
+    slow_socket_port_bound(&first);  // a second bind
+    slow_socket_port_unbound(&first);
     EXPECT_EQ(members(), "near1 ");
-    bind_port(make_port(2, index_of("far", 0)));  // changed kernel index
+    bind_port(port(2, index_of("far", 0)));  // changed kernel index
     EXPECT_EQ(members(), "far0 ");
-    slow_socket_close(ctx, fd);
-    fd = -1;
+    slow_socket_close(ctx, std::exchange(fd, -1));
     EXPECT_EQ(members(), "");
 }
 
 TEST_F(Kernel, AStuckPortAndOnesThatAreDownOrGoneFailAlone) {
     make_ports(4);
     ASSERT_TRUE(run("ip link set near2 down; ip link del near3"));
-    EXPECT_EQ(slow_sendto(fd, PDU, to_group(3)), -1);
+    EXPECT_LT(send_to_group(3), 0);
     EXPECT_EQ(stats_of(3).link_down, 1u);
-    EXPECT_EQ(slow_sendto(fd, PDU, to_group(4)), -1);
+    EXPECT_LT(send_to_group(4), 0);
     EXPECT_EQ(stats_of(4).no_device, 1u);
     // 1 kbit/s behind a queue that takes everything: frames stay and keep their share of the send buffer.
     if (!run("tc qdisc add dev near0 root tbf rate 1kbit burst 1600 limit 100000000"))
         GTEST_SKIP() << "this kernel has no token bucket queue";
     int small = 16384;
     ASSERT_EQ(setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
-    int sent = 0;
-    while (sent < 5000 && slow_sendto(fd, PDU, to_group(1)) == 46) ++sent;
-    ASSERT_LT(sent, 5000);
-    EXPECT_EQ(errno, EAGAIN);
+    ssize_t result = 46;
+    for (int sent = 0; sent < 5000 && result == 46; ++sent) result = send_to_group(1);
+    EXPECT_EQ(result, -EAGAIN);
     EXPECT_EQ(stats_of(1).again, 1u);
-    for (int i = 0; i < 100; ++i) ASSERT_EQ(slow_sendto(fd, PDU, to_group(2)), 46) << i;
+    for (int i = 0; i < 100; ++i) ASSERT_EQ(send_to_group(2), 46) << i;
     EXPECT_EQ(stats_of(2).frames_out, 100u);
 }
 

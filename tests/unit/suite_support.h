@@ -1,14 +1,105 @@
-// What turns a context's event loop in a test.
+// What the tests of the suite share: the log, memory and files of a test, command lines, the event loop, and
+// a link to a server that the test plays.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
+#include <string>
+#include <vector>
 
+#include "suite/base/memory.h"
+#include "suite/host/state.h"
+#include "suite/log/log.h"
 #include "suite/loop/master.h"
+
+using words = std::vector<std::string>;
+
+inline std::string read_file(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+inline void write_file(const std::string& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary) << text;
+}
+inline unsigned permissions(const std::string& path) {
+    return static_cast<unsigned>(std::filesystem::status(path).permissions());
+}
+
+// What is logged is kept; a test has a folder, and leaves no memory behind.
+class Suite : public testing::Test {
+  protected:
+    Suite() {
+        char path[] = "/tmp/suite_XXXXXX";
+        folder = mkdtemp(path);
+        memory_init(36);
+        log_use_sink(LOG_SINK_STDERR, false);
+        log_add_tap(keep, this);
+    }
+    ~Suite() override {
+        memmgr_fail_at(0);
+        log_remove_tap(keep, this);
+        std::filesystem::remove_all(folder);
+        for (memory_type t : {MTYPE_LIB, MTYPE_THREAD, MTYPE_CLI_TREE, MTYPE_CLI_SESSION, MTYPE_TEXT,
+                              MTYPE_HOST, MTYPE_IF, MTYPE_NSM, MTYPE_SLOW, MTYPE_AGENTX})
+            EXPECT_EQ(memmgr_type_stats(t).blocks, 0u) << memmgr_type_name(t);
+    }
+    // What was logged on a level, without time and level.
+    words logged(int level = LOG_LEVEL_ERROR) const {
+        words found;
+        for (const auto& [l, line] : said)
+            if (l == level) found.push_back(line.substr(line.find(' ', line.find(' ') + 1) + 1));
+        return found;
+    }
+
+    std::string folder;
+    std::vector<std::pair<int, std::string>> said;  // levels and lines
+
+  private:
+    static void keep(void* self, int level, const char* line, std::size_t length) {
+        static_cast<Suite*>(self)->said.emplace_back(level, std::string(line, length));
+    }
+};
+
+inline std::string take_text(text_buffer* text) {
+    std::string result(text->view());
+    text_free(text);
+    return result;
+}
+
+// Runs command lines as a terminal does that may do everything.
+struct line_runner {
+    cli session{};
+    text_output printed{};
+    cli_result result = cli_result::ok;  // of the last line
+
+    explicit line_runner(lib_globals* ctx) {
+        session.out_func = text_output_print;
+        session.out_val = &printed;
+        session.zg = ctx;
+        session.ifm = &ctx->ifm;
+        session.privilege = PRIVILEGE_MAX;
+        session.line = this;
+    }
+    // What the line printed.
+    std::string run(const std::string& line, std::int32_t mode = EXEC_MODE) {
+        session.mode = mode;
+        result = cli_run_line(session.zg->ctree, &session, line);
+        return take_text(&printed.text);
+    }
+    std::string running() {
+        cli_write_running(session.zg->ctree, &session);
+        return take_text(&printed.text);
+    }
+};
 
 // Runs what is ready, and what comes within `ms`, until `done` after some event; whether it came to that.
 inline bool run_loop(lib_globals* ctx, std::uint32_t ms, const std::function<bool()>& done) {
@@ -34,14 +125,7 @@ struct virtual_link {
     int opens = 0;       // tries to open the link
     int open_error = 0;  // that they fail with
 
-    virtual_link() = default;
-    virtual_link(const virtual_link&) = delete;
-    virtual_link& operator=(const virtual_link&) = delete;
     ~virtual_link() { hang_up(); }
-
-    thread_edges edges() {
-        return {[](void* self) { return static_cast<virtual_link*>(self)->now; }, wait, this};
-    }
 
     // What the unit gets when it opens its link: a descriptor, or a negative errno.
     int open(int type) {
@@ -58,10 +142,15 @@ struct virtual_link {
         if (far >= 0) close(far);
         far = -1;
     }
-
+    thread_edges edges() {
+        return {[](void* self) { return static_cast<virtual_link*>(self)->now; }, wait, this};
+    }
     bool run(
         std::uint32_t ms, const std::function<bool()>& done = [] { return false; }) const {
         return run_loop(ctx, ms, done);
+    }
+    bool reopens(std::uint32_t ms) const {
+        return run(ms, [this, before = opens] { return opens > before; });
     }
 
   private:

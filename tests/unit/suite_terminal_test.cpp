@@ -1,14 +1,149 @@
-// The local terminal: batch sessions, limits, slow and rude clients.
-#include <algorithm>
-#include <memory>
+// Terminals: batch sessions, limits, slow and rude clients; interactive sessions with prompts, help,
+// completion, pages and log lines; the TCP terminal and its passwords. The clients live in the process of the
+// test: the loop is turned until what is waited for is there, or a deadline has passed.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 
-#include "unit/suite_terminal_support.h"
+#include <algorithm>
+#include <deque>
+
+#include "suite/base/octets.h"
+#include "suite/terminal/session.h"
+#include "suite/terminal/terminal.h"
+#include "unit/suite_host_support.h"
 
 namespace {
 
-using namespace host_support;
+struct Client {
+    int fd = -1;
+    std::string got;
+    bool closed = false;
+    std::string printed, statuses;  // of a batch session: all output, and a digit a line
 
+    ~Client() { drop(); }
+    bool connect_local(const std::string& path) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        return open(reinterpret_cast<sockaddr&>(address), sizeof address);
+    }
+    bool open(const sockaddr& address, socklen_t size) {
+        fd = socket(address.sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const bool ok = connect(fd, &address, size) == 0;
+        return fcntl(fd, F_SETFL, O_NONBLOCK) == 0 && ok;
+    }
+    void drop() {
+        if (fd >= 0) close(fd);
+        fd = -1;
+    }
+    // Octets that the socket took.
+    std::size_t put(std::string_view text) {
+        return static_cast<std::size_t>(
+            std::max<ssize_t>(0, send(fd, text.data(), text.size(), MSG_NOSIGNAL)));
+    }
+    void take() {
+        char chunk[65536];
+        const ssize_t count = recv(fd, chunk, sizeof chunk, 0);
+        if (count > 0) got.append(chunk, static_cast<std::size_t>(count));
+        if (count == 0 || (count < 0 && errno != EAGAIN)) closed = true;
+    }
+    bool has(const std::string& text) {
+        take();
+        return got.find(text) != std::string::npos;
+    }
+    // So many lines of the batch session have been answered.
+    bool answered(std::size_t count) {
+        for (take(); got.size() >= BATCH_FRAME_HEADER;) {
+            std::size_t length = get_be32({reinterpret_cast<const std::uint8_t*>(got.data()), got.size()}, 1);
+            if (got.size() < BATCH_FRAME_HEADER + length) break;
+            const std::string body = got.substr(BATCH_FRAME_HEADER, length);
+            if (got[0] == static_cast<char>(BATCH_OUTPUT)) printed += body;
+            if (got[0] == static_cast<char>(BATCH_STATUS)) statuses += static_cast<char>('0' + body[0]);
+            got.erase(0, BATCH_FRAME_HEADER + length);
+        }
+        return statuses.size() >= count;
+    }
+};
+
+bool holds(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+// A line as a batch session takes it.
+std::string request(const std::string& line) {
+    std::uint8_t head[4];
+    put_be32(head, 0, static_cast<std::uint32_t>(line.size()));
+    return std::string(head, head + 4) + line;
+}
 const std::string SHOW_VERSION = request("show version");
+
+const cli_element show_lines = {"show lines <1-100000>", [](cli* session, int, char** argv) {
+                                    for (int i = 1; i <= std::atoi(argv[0]); i++)
+                                        session->out_func(session->out_val, "line %d\n", i);
+                                    return CLI_SUCCESS;
+                                }};
+
+class Terminal : public Host {
+  protected:
+    Terminal() {
+        write_file(config, "hostname sw\n");
+        read_from(config);
+        EXPECT_EQ(local_terminal_start(ctx->host, socket_path.c_str()), 0);
+        EXPECT_EQ(cli_install(ctx->ctree, EXEC_MODE, &show_lines), 0);
+    }
+    // Turns the loop until `done`; false after twenty seconds.
+    bool pump(const std::function<bool()>& done) {
+        const nanoseconds deadline = monotonic_now() + 20 * NS_PER_S;
+        while (!done()) {
+            if (monotonic_now() > deadline) return false;
+            run_loop(ctx, 2, [n = 0]() mutable { return n++ > 0; });
+        }
+        return true;
+    }
+    bool closes(Client* c) {
+        return pump([&] {
+            c->take();
+            return c->closed;
+        });
+    }
+    bool answers(Client* c, std::size_t count) {
+        return pump([&] { return c->answered(count); });
+    }
+    bool sessions_become(std::size_t count) {
+        return pump([&] { return ctx->host->session_count == count; });
+    }
+    void open_batch(Client* c) {
+        ASSERT_TRUE(c->connect_local(socket_path));
+        c->put("batch\n");
+    }
+    void open(Client* c, const char* hello = "interactive 24 80 xterm\n") {
+        ASSERT_TRUE(c->connect_local(socket_path));
+        talk(c, hello, "sw#");
+    }
+    // What came until `end` was there, `end` included.
+    std::string talk(Client* c, std::string_view keys, const std::string& end) {
+        c->got.clear();
+        c->put(keys);
+        EXPECT_TRUE(pump([&] { return c->has(end); })) << "[" << c->got << "]";
+        return c->got;
+    }
+    // A talk, line by line: keys, what ends the answer, what it holds and what not.
+    struct step {
+        std::string keys, end, has, has_not = "\v";
+    };
+    void expect(Client* c, const std::vector<step>& steps) {
+        for (const step& s : steps) {
+            const std::string answer = talk(c, s.keys, s.end);
+            EXPECT_TRUE(holds(answer, s.has)) << s.keys << ": " << answer;
+            EXPECT_FALSE(holds(answer, s.has_not)) << s.keys << ": " << answer;
+        }
+    }
+
+    const std::string socket_path = folder + "/vty";
+};
+
+// Batch sessions ----------------------------------------------------------------------------------------
 
 TEST_F(Terminal, BatchLinesAreAnsweredInOrderWithTheirStatus) {
     Client c;
@@ -39,40 +174,32 @@ TEST_F(Terminal, RequestsMayComeInAnyPiecesAndOfAnySize) {
         return c.answered(5) && c.closed;
     }));
     EXPECT_EQ(c.statuses, "01110");
-    EXPECT_NE(c.printed.find("% Line too long\n"), std::string::npos);
-}
-
-int print_much(cli* session, int, char**) {
-    const std::string line(1000, 'm');
-    for (int i = 0; i < 5000; i++) session->out_func(session->out_val, "%s\n", line.c_str());
-    return CLI_SUCCESS;
-}
-const cli_element print_much_cmd = {"show much", print_much};
-
-std::uint64_t terminal_octets() {
-    return memmgr_type_stats(MTYPE_TEXT).octets + memmgr_type_stats(MTYPE_CLI_SESSION).octets;
+    EXPECT_TRUE(holds(c.printed, "% Line too long\n"));
 }
 
 TEST_F(Terminal, ClientThatDoesNotReadIsBounded) {
-    ASSERT_EQ(cli_install(ctx->ctree, EXEC_MODE, &print_much_cmd), 0);
-    const std::uint64_t before = terminal_octets();
+    const auto octets = [] {
+        return memmgr_type_stats(MTYPE_TEXT).octets + memmgr_type_stats(MTYPE_CLI_SESSION).octets;
+    };
+    const std::uint64_t before = octets();
     std::uint64_t most = 0;
     Client c;
     open_batch(&c);
-    c.put(request("show much"));
+    c.put(request("show lines 100000") + request("show lines 100000") + request("show lines 100000") +
+          request("show lines 100000"));
     ASSERT_TRUE(sessions_become(1));
     ASSERT_TRUE(pump([&] {
-        most = std::max(most, terminal_octets() - before);
+        most = std::max(most, octets() - before);
         return ctx->host->session_count == 0;
     })) << "more output than a session may hold, and nobody reads it";
     EXPECT_GT(most, 0u);
     EXPECT_LE(most, 256u * 1024 + 16 * 1024);
 }
 
-TEST_F(Terminal, ThirtyTwoSessionsAndNoMore) {
-    std::vector<std::unique_ptr<Client>> clients;
+TEST_F(Terminal, ThirtyTwoSessionsAndNoMoreNorAnUnknownKindOfClient) {
+    std::deque<Client> clients;
     for (std::size_t i = 0; i < SESSION_MAX; i++) {
-        open_batch(clients.emplace_back(std::make_unique<Client>()).get());
+        open_batch(&clients.emplace_back());
         ASSERT_TRUE(sessions_become(i + 1));
     }
     Client late;
@@ -81,9 +208,6 @@ TEST_F(Terminal, ThirtyTwoSessionsAndNoMore) {
     EXPECT_EQ(late.got, "% Too many sessions\r\n");
     clients.clear();
     ASSERT_TRUE(sessions_become(0));
-}
-
-TEST_F(Terminal, UnknownKindOfClientIsSentAway) {
     for (const std::string& hello : {std::string("GET / HTTP/1.0\n"), std::string(1000, 'x')}) {
         Client c;
         ASSERT_TRUE(c.connect_local(socket_path));
@@ -106,11 +230,11 @@ TEST_F(Terminal, SocketFileOfALiveDaemonStaysAndAStaleOneGoes) {
     Client c;
     EXPECT_TRUE(c.connect_local(socket_path));
     // The name of a socket that nobody holds any more.
-    const std::string kept = directory + "/kept";
+    const std::string kept = folder + "/kept";
     ASSERT_EQ(link(socket_path.c_str(), kept.c_str()), 0);
     local_terminal_stop(ctx->host);
-    EXPECT_FALSE(exists(socket_path));
-    ASSERT_EQ(rename(kept.c_str(), socket_path.c_str()), 0);
+    EXPECT_FALSE(std::filesystem::exists(socket_path));
+    std::filesystem::rename(kept, socket_path);
     EXPECT_EQ(start_second(), 0);
     write_file(socket_path, "no socket");
     EXPECT_EQ(start_second(), -1);
@@ -130,6 +254,214 @@ TEST_F(Terminal, MemoryMayBeShortAtAnyPoint) {
         c.drop();
         ASSERT_TRUE(sessions_become(0)) << n;
     }
+}
+
+// Interactive sessions ----------------------------------------------------------------------------------
+
+TEST_F(Terminal, PromptsFollowTheModes) {
+    Client c;
+    open(&c);
+    EXPECT_EQ(talk(&c, "show version\r", "#"),
+              std::string("show version\r\nesmcd version ") + lib_version() + "\r\nsw#");
+    expect(&c, {{"configure terminal\r", "sw(config)#", ""},
+                {"hostname other\r", "other(config)#", ""},
+                {"interface eth1\r", "other(config-if)#", ""},
+                {"port 1\r", "(config-if)#", "% Cannot configure"},
+                {"\x1a", "other#", ""},
+                {"conf t\rinterface eth1\r", "other(config-if)#", ""},
+                {"exit\r", "other(config)#", ""},
+                {"\x04", "other#", ""}});
+    c.put("exit\r");
+    EXPECT_TRUE(closes(&c));
+}
+
+TEST_F(Terminal, HelpAndCompletion) {
+    bind("eth1", 1);
+    bind("eth12", 2);
+    Client c;
+    open(&c);
+    expect(&c, {{"show ?", "sw#show ", "running-config", "% "},
+                {"\x15show ?", "sw#show ", "Version of the program"},
+                {"ver\t", "version ", ""},
+                {"?", "sw#show version ", "<cr>"},
+                {"\x03", "sw#", ""},
+                {"nonsense ?", "% Unknown command", ""},
+                {"\x15"
+                 "conf t\r",
+                 "(config)#", ""},
+                {"interface e\t", "eth1", ""},
+                {"\t", "#interface eth1", "eth12"}});  // both names are listed
+}
+
+TEST_F(Terminal, OutputComesInPages) {
+    Client c;
+    open(&c);
+    expect(&c, {{"show lines 60\r", "--More--", "line 23\r\n", "line 24"},
+                {"\r", "--More--", "line 24\r\n", "line 25"},
+                {" ", "--More--", "line 47\r\n"},
+                {" ", "sw#", "line 60\r\n"},
+                {"show lines 60\r", "--More--", ""},
+                {"q", "sw#", "", "line"},
+                {"show lines 60\r", "--More--", ""},
+                {"\x03", "sw#", "", "line"},
+                {"show lines 23\r", "line 23\r\nsw#", "", "More"},
+                {"terminal length 0\r", "sw#", ""},
+                {"show lines 900\r", "line 900\r\nsw#", "", "More"},
+                {"terminal length 5\r", "sw#", ""},
+                {"show lines 5\r", "--More--", "line 4\r\n"}});
+    Client leaving, small;
+    open(&leaving);
+    leaving.put("show lines 100\rshow version\rshow ver");
+    shutdown(leaving.fd, SHUT_WR);
+    ASSERT_TRUE(closes(&leaving));
+    EXPECT_TRUE(holds(leaving.got, "line 100\r\n")) << "a client that leaves gets the pages too";
+    open(&small, "interactive 1 0 dumb\n");
+    expect(&small, {{"show lines 100\r", "sw#", "", "More"},  // one row is no page
+                    {{"\xff\xfa\x1f\x00\x50\x00\x0a\xff\xf0"
+                      "show lines 100\r",
+                      24},
+                     "--More--",
+                     "line 9\r\n"}});
+}
+
+TEST_F(Terminal, InterruptDropsOutputThatWaits) {
+    Client c;
+    open(&c);
+    talk(&c, "terminal length 0\r", "sw#");
+    const session* s = ctx->host->sessions;
+    const auto unsent = [s] { return s->out.length - s->sent; };
+    c.put("show lines 30000\r");
+    ASSERT_TRUE(pump([&] { return unsent() > 10'000; }));
+    c.put("show lines 3\r\x03");
+    ASSERT_TRUE(pump([&] { return unsent() < 10'000; })) << "nobody has read it meanwhile";
+    expect(&c, {{"show version\r", "esmcd version", "", "line 30000\r\n"}});
+}
+
+TEST_F(Terminal, LogLinesAtTheTerminal) {
+    Client c;
+    open(&c);
+    talk(&c, "terminal monitor\r", "sw#");
+    talk(&c, "show v", "show v");
+    c.got.clear();
+    log_suite(LOG_LEVEL_WARNING, "a link went away");
+    ASSERT_TRUE(pump([&] { return c.has("show v"); })) << "the line that is being typed is shown again";
+    EXPECT_TRUE(holds(c.got, "warning a link went away\r\n"));
+    talk(&c, "er\r", "version");
+    for (int i = 0; i < 20000; i++) log_suite(LOG_LEVEL_WARNING, "flood %d", i);
+    EXPECT_LE(ctx->host->sessions->out.room, 128u * 1024);
+    ASSERT_TRUE(pump([&] { return c.has("flood 0") && ctx->host->sessions->out.length == 0; }));
+    log_suite(LOG_LEVEL_WARNING, "after the flood");
+    ASSERT_TRUE(pump([&] { return c.has("after the flood"); }));
+    EXPECT_TRUE(holds(c.got, "log lines not shown"));
+    talk(&c, "no terminal monitor\r", "sw#");
+    log_suite(LOG_LEVEL_WARNING, "another one");
+    expect(&c, {{"show version\r", "version", "", "another"}});
+}
+
+TEST_F(Terminal, IdleTerminalIsClosed) {
+    Client c, batch;
+    ctx->host->exec_timeout_s = 1;
+    open(&c);
+    open_batch(&batch);
+    ASSERT_TRUE(closes(&c));
+    EXPECT_TRUE(holds(c.got, "% Idle for too long"));
+    EXPECT_EQ(ctx->host->session_count, 1u) << "a script may think as long as it likes";
+}
+
+// The TCP terminal --------------------------------------------------------------------------------------
+
+class Tcp : public Terminal {
+  protected:
+    void SetUp() override {
+        if (!password_supported()) GTEST_SKIP() << "built without crypt(3)";
+        const int probe = socket(AF_INET, SOCK_STREAM, 0);
+        socklen_t size = sizeof address;
+        ASSERT_EQ(::bind(probe, reinterpret_cast<sockaddr*>(&address), size), 0);
+        ASSERT_EQ(getsockname(probe, reinterpret_cast<sockaddr*>(&address), &size), 0);
+        close(probe);
+        ctx->host->vty_port = ntohs(address.sin_port);
+        tcp_terminal_start(ctx->host);
+    }
+    void set_password(const std::string& word) {
+        Client c;
+        open(&c);
+        expect(&c,
+               {{"configure terminal\r", "(config)#", ""}, {"password " + word + "\r", "\nsw(config)#", ""}});
+    }
+    void knock(Client* c, const std::string& answer) {
+        ASSERT_TRUE(c->open(reinterpret_cast<sockaddr&>(address), sizeof address));
+        EXPECT_TRUE(pump([&] { return c->has(answer); })) << c->got;
+    }
+    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+};
+
+TEST_F(Tcp, PasswordIsKeptAsAHashAndOpensTheTerminal) {
+    Client early, c;
+    knock(&early, "% No terminal password is configured\r\n");
+    EXPECT_TRUE(closes(&early));
+    set_password("s3cret");
+    const std::string hash = ctx->host->password;
+    EXPECT_TRUE(hash.starts_with("$y$")) << hash;
+    EXPECT_EQ(running(), "hostname sw\npassword encrypted " + hash + "\n");
+    set_password("s3cret");
+    EXPECT_NE(hash, ctx->host->password) << "a new salt each time";
+    knock(&c, "\xff\xfb\x01\xff\xfb\x03\xff\xfd\x1fPassword: ");
+    expect(&c, {{{"s3cret\r\0", 8}, "sw#", "", "s3cret"},
+                {{"show version\r\0", 14}, "esmcd version", ""},
+                {"\xff\xf4\xff\xfd\x06", "\xff\xfc\x06", "^C"}});
+}
+
+TEST_F(Tcp, ThreeWrongPasswordsCostTimeAndMoreEachTime) {
+    set_password("right");
+    for (nanoseconds delay : {1 * NS_PER_S, 2 * NS_PER_S}) {
+        Client c, other;
+        knock(&c, "Password: ");
+        talk(&c, "wrong\r", "Password: ");
+        talk(&c, std::string(1000, 'x') + "\r", "Password: ");
+        c.put("wrong\r");
+        ASSERT_TRUE(pump([&] { return ctx->host->sessions->stage == session_stage::delayed; }));
+        const nanoseconds start = monotonic_now();
+        knock(&other, "% Too many wrong passwords");
+        EXPECT_TRUE(closes(&other));
+        c.put("right\r");
+        ASSERT_TRUE(closes(&c));
+        EXPECT_FALSE(holds(c.got, "sw#"));
+        EXPECT_GE(monotonic_now() - start, delay - 50 * NS_PER_MS);
+    }
+    Client c;
+    knock(&c, "Password: ");
+    talk(&c, "right\r", "sw#");
+}
+
+TEST_F(Tcp, CheckingAPasswordHoldsNothingUp) {
+    set_password("right");
+    Client c, other;
+    open(&other);
+    knock(&c, "Password: ");
+    const session* asked = ctx->host->sessions;
+    c.put("wrong\r");
+    ASSERT_TRUE(pump([&] { return asked->busy; }));
+    talk(&other, "show version\r", "esmcd version");
+    EXPECT_TRUE(asked->busy) << "the other terminal is answered while the hash is computed";
+    c.drop();
+    ASSERT_TRUE(sessions_become(1));
+    ASSERT_TRUE(pump([] { return waitpid(-1, nullptr, WNOHANG) < 0; })) << "no child is left behind";
+}
+
+TEST_F(Tcp, PasswordLines) {
+    EXPECT_EQ(run("password encrypted plain", CONFIG_MODE), "% Not the hash of a password\n");
+    EXPECT_STREQ(ctx->host->password, "");
+    read("password s3cret\n");
+    EXPECT_TRUE(std::string(ctx->host->password).starts_with("$y$")) << "a clear one in the file is hashed";
+    const std::string saved = running();
+    EXPECT_FALSE(holds(saved, "s3cret"));
+    read(saved);
+    EXPECT_EQ(running(), saved);
+    EXPECT_EQ(run("no password", CONFIG_MODE), "");
+    EXPECT_EQ(running(), "");
+    read("password two words\n");
+    ASSERT_EQ(logged().size(), 1u);
+    EXPECT_FALSE(holds(logged()[0], "two")) << "a password is not for the log";
 }
 
 }  // namespace
