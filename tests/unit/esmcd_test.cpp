@@ -1,0 +1,126 @@
+// What is read and answered around the daemon's start: the board file, the options, the signals.
+#include <csignal>
+
+#include "daemon_fixture.h"
+#include "esmcd/command_line.h"
+#include "esmcd/signal.h"
+
+namespace {
+
+using lines = std::vector<std::string>;
+
+// ---- The board file: read once, by prefix, hexadecimal. ----
+
+ssm_board_info read_board(const std::string& content) {
+    board_file file(content.c_str());
+    ssm_board_info board = {};
+    EXPECT_EQ(ssm_board_info_get(&board), 0);
+    return board;
+}
+
+TEST(board, fields_come_from_lines_of_key_and_hexadecimal_value) {
+    const ssm_board_info board = read_board(
+        "flash_size 1\nflash_size_total 10\nsdram_size 0x10000000\n# a remark\nboard_type 1ab\n"
+        "product_series 1ff\nproduct_series\nproduct_series \nproduct_series yes\n synce_support 1\n");
+    EXPECT_EQ(board.flash_size, 0x10U) << "longer keys match by their beginning, and the last value counts";
+    EXPECT_EQ(board.sdram_size, 0x10000000U);
+    EXPECT_EQ(board.board_type, 0xab);
+    EXPECT_EQ(board.product_series, 0xff) << "a line without a value changes nothing";
+    EXPECT_EQ(board.synce_support, 0U) << "an indented key is none";
+    // A long line is taken in pieces: the second begins with a key, right behind 255 other octets.
+    EXPECT_EQ(read_board(std::string(255, 'x') + "synce_support 13\n").synce_support, 0x13U);
+}
+
+TEST(board, missing_file_is_looked_for_again_and_a_read_one_never) {
+    board_file file("");
+    file.remove();
+    ssm_board_info board = {};
+    board.flash_size = 99;
+    EXPECT_EQ(ssm_board_info_get(&board), -999);
+    EXPECT_EQ(board.flash_size, 99U) << "untouched";
+    file.write("synce_support 1\n");
+    EXPECT_EQ(ssm_board_info_get(nullptr), -999);
+    for (int i = 0; i < 2; i++) {
+        board = {};
+        ASSERT_EQ(ssm_board_info_get(&board), 0);
+        EXPECT_EQ(board.synce_support, 1U);
+        file.remove();
+    }
+}
+
+// ---- Options: what each sets, and which one ends the process. ----
+
+TEST(command_line, options_short_and_long_and_the_first_that_ends_counts) {
+    const struct {
+        lines words;
+        ssm_action action;
+        bool daemon_mode = false;
+        const char* config_file = nullptr;
+        std::uint16_t vty_port = 54697;
+    } cases[] = {
+        {{"/usr/sbin/esmcd"}, ssm_action::run},
+        {{"esmcd", "-d", "-f", "a", "-f", "b", "-P", "70000"}, ssm_action::run, true, "b", 4464},
+        {{"esmcd", "--daemon", "--config_file=x", "--vty_port", "abc"}, ssm_action::run, true, "x", 0},
+        {{"esmcd", "-v", "-h"}, ssm_action::show_version},
+        {{"esmcd", "--help", "--version"}, ssm_action::show_usage},
+        {{"esmcd", "-v", "--nonsense"}, ssm_action::show_version},
+        {{"esmcd", "-r", "-h"}, ssm_action::refuse},
+    };
+    for (const auto& c : cases) {
+        lines words = c.words;
+        std::vector<char*> argv;
+        for (std::string& word : words) argv.push_back(word.data());
+        argv.push_back(nullptr);
+        const ssm_settings s = ssm_command_line(static_cast<int>(words.size()), argv.data());
+        SCOPED_TRACE(testing::PrintToString(words));
+        EXPECT_EQ(s.action, c.action);
+        EXPECT_STREQ(s.progname, "esmcd");
+        if (s.action != ssm_action::run) continue;
+        EXPECT_EQ(s.daemon_mode, c.daemon_mode);
+        EXPECT_STREQ(s.config_file, c.config_file);
+        EXPECT_EQ(static_cast<std::uint16_t>(s.vty_port), c.vty_port);
+    }
+}
+
+TEST(command_line_death, usage_and_hint) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(ssm_usage(1, "esmcd"), testing::ExitedWithCode(1), "^Try `esmcd --help'");
+    EXPECT_EXIT(ssm_usage(0, "esmcd"), testing::ExitedWithCode(0), "^$");
+}
+
+// ---- Signals: nothing happens in the handler, and afterwards each happens once. ----
+
+class signals : public daemon_test {
+  protected:
+    void SetUp() override {
+        daemon_test::SetUp();
+        ssm_signal_init();
+    }
+    void TearDown() override {
+        for (int number : {SIGHUP, SIGINT, SIGTERM, SIGUSR1, SIGUSR2, SIGPIPE, SIGTSTP, SIGTTIN, SIGTTOU,
+                           SIGXCPU, SIGXFSZ})
+            std::signal(number, SIG_DFL);
+        daemon_test::TearDown();
+    }
+    static int look(thread* event) {
+        auto* test = static_cast<signals*>(event->arg);
+        test->seen_ = test->logged();
+        return 0;
+    }
+    lines seen_;  // what was logged before the timer ran
+};
+
+TEST_F(signals, are_answered_outside_the_handler_each_once_and_before_anything_else) {
+    thread_set_interrupt(ctx_, ssm_signal_deliver);
+    thread_add_timer_msec(ctx_, look, this, 0);
+    for (int number : {SIGHUP, SIGUSR1, SIGHUP, SIGUSR2, SIGPIPE, SIGTSTP, SIGTTIN, SIGTTOU}) raise(number);
+    EXPECT_EQ(logged(), lines{});
+    thread event;
+    ASSERT_NE(thread_fetch(ctx_, &event), nullptr);
+    thread_call(&event);
+    EXPECT_EQ(seen_, (lines{": SIGHUP received", ": SIGHUP received", ": SIGUSR1 on received"}));
+    ssm_signal_deliver(ctx_);
+    EXPECT_EQ(logged(), lines{});
+}
+
+}  // namespace
