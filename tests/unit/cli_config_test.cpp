@@ -18,16 +18,17 @@ class config_commands : public daemon_test {
     void SetUp() override {
         daemon_test::SetUp();
         port_ = add_port("p1", 1);
+        add_interface("lo", 9, 1);
+        add_interface("unbound", 10);
         config_mode();
     }
-    std::string global() {
-        EXPECT_EQ(ssm_config_write(&session_), 0);
+    // What the writer makes of the configuration.
+    std::string written(int (*writer)(cli*)) {
+        EXPECT_EQ(writer(&session_), 0);
         return output();
     }
-    std::string interfaces() {
-        EXPECT_EQ(ssm_interface_config_write(&session_), 0);
-        return output();
-    }
+    std::string global() { return written(ssm_config_write); }
+    std::string interfaces() { return written(ssm_interface_config_write); }
     void take(const taken& row) {
         ssm_debug = SSM_DEBUG_CLI;
         quiet(row.line);
@@ -108,19 +109,11 @@ TEST_F(config_commands, of_a_port_are_traced_and_written) {
     interface_mode("p1");
     for (const taken& row : rows) {
         take(row);
-        EXPECT_EQ(interfaces(), std::string("interface p1\n") + row.written + "!\n") << row.line;
+        EXPECT_EQ(interfaces(), std::string("interface p1\n") + row.written + "!\n!\n") << row.line;
     }
 }
 
-TEST_F(config_commands, interfaces_that_are_no_ports_are_not_written) {
-    add_interface("lo", 9, 1);
-    add_interface("unbound", 2);
-    EXPECT_EQ(interfaces(), "interface p1\n!\n!\n");
-}
-
 TEST_F(config_commands, refuse_with_the_reason_and_change_nothing) {
-    add_interface("lo", 9, 1);
-    add_interface("unbound", 10);
     refused("clock synce switch-force nowhere", "% Unknown interface nowhere\n");
     refused("clock synce switch-force lo", "% Interface lo is not a SyncE port\n");
     refused("clock synce switch-force unbound", "% Interface unbound is not a SyncE port\n");
@@ -161,7 +154,7 @@ TEST_F(config_commands, number_outside_its_range_is_named) {
         EXPECT_EQ(command->handler(&session_, 1, argv), CLI_ERROR);
         EXPECT_EQ(output(), complaint);
     }
-    EXPECT_EQ(global() + interfaces(), "!\ninterface p1\n!\n");
+    EXPECT_EQ(global() + interfaces(), "!\ninterface p1\n!\n!\n");
 }
 
 TEST_F(config_commands, roles_by_hand_and_ssm_exclude_each_other) {
@@ -175,17 +168,15 @@ TEST_F(config_commands, roles_by_hand_and_ssm_exclude_each_other) {
     interface_mode("p1");
     quiet("no clock synce gephy");
     config_mode();
-    quiet("clock synce ssm enable");
+    quiet("clock synce ssm enable gephy");
     interface_mode("p1");
     for (const char* line : {"clock synce gephy master", "no clock synce gephy"})
         refused(line, " % Synce ssm is enabled, it can't configure port gephy role\n");
     EXPECT_EQ(port_->gephy_role_enable, 0U);
-}
-
-TEST_F(config_commands, roles_of_selection_are_no_configuration_and_end_with_it) {
-    quiet("clock synce ssm enable gephy");
-    ASSERT_EQ(ssm_opts_set_gephy_role(port_->intf, 1, SSM_GEPHY_SLAVE), 0);  // as selection does
-    EXPECT_EQ(interfaces(), "interface p1\n!\n");
+    // A role of selection's is no configuration, and ends with it.
+    ASSERT_EQ(ssm_opts_set_gephy_role(port_->intf, 1, SSM_GEPHY_SLAVE), 0);
+    EXPECT_EQ(interfaces(), "interface p1\n!\n!\n");
+    config_mode();
     quiet("clock synce ssm enable");
     EXPECT_EQ(port_->gephy_role_enable, 0U);
 }
@@ -206,9 +197,9 @@ TEST_F(config_commands, roles_by_hand_are_counted_a_port_once) {
 }
 
 TEST_F(config_commands, unsuitable_interface_is_entered_and_then_refused) {
-    add_interface("lo", 9, 1);
-    for (const char* name : {"lo", "nowhere"}) {
+    for (const std::string name : {"lo", "nowhere", "p1"}) {
         interface_mode(name);
+        if (name == "p1") if_remove(&ctx_->ifm, port_->intf);  // the session outlives it
         for (const char* line :
              {"clock synce enable", "no clock synce ssm enable all", "clock synce ssm enable rx",
               "no clock synce priority", "no clock synce dnu-group", "clock synce extend replace-clockid"})
@@ -219,12 +210,6 @@ TEST_F(config_commands, unsuitable_interface_is_entered_and_then_refused) {
             refused(line, "");
     }
     EXPECT_EQ(clock_.gephy_manual_count, 0U);
-}
-
-TEST_F(config_commands, session_outlives_its_interface) {
-    interface_mode("p1");
-    if_remove(&ctx_->ifm, port_->intf);
-    refused("clock synce enable", "% Cannot configure on this interface\n");
     port_ = add_port("p1", 1);  // and finds it again
     quiet("clock synce enable");
     EXPECT_EQ(port_->synce_enable, 1U);

@@ -12,10 +12,10 @@
 #include <sstream>
 
 #include "core/ql.h"
+#include "daemon_fixture.h"
 #include "suite/command/tree.h"
 #include "suite/host/state.h"
 #include "suite/log/sinks.h"
-#include "whole_tree.h"
 
 namespace {
 
@@ -169,7 +169,7 @@ class configuration : public daemon_test {
         clock_ = {};
         daemon_test::SetUp();
         log_set_default_sinks(0);
-        install_whole_tree(ctx_);
+        install_whole_tree();
         session_.line = &terminal_;
         config_mode();
         (void)run("no slow-protocols rate-limit");  // the socket outlives the context, with its limit

@@ -1,4 +1,5 @@
-// The show blocks, to the last blank: scripts cut them by column.
+// The shows: their blocks to the last blank, since scripts cut them by column, and the reason that they name
+// for each port that selection passed over.
 #include <cstring>
 
 #include "daemon_fixture.h"
@@ -38,7 +39,7 @@ TEST_F(show_commands, clock_block) {
               "DPLL running state                 : Lock\n");
 }
 
-TEST_F(show_commands, port_block) {
+TEST_F(show_commands, port_block_of_a_port_alone) {
     thread timer = {};
     ssm_port* port = add_port("p1", 1);
     port->synce_enable = port->link_up = 1;
@@ -65,13 +66,10 @@ TEST_F(show_commands, port_block) {
               "Replace clockid                     : disable\n"
               "Send timer running                  : enable\n"
               "Timeout timer running               : disable\n");
-}
-
-TEST_F(show_commands, interface_that_is_no_port_shows_nothing) {
     add_interface("lo", 9, 1);
     add_interface("unbound", 10);
     for (const char* line : {"show clock synce nowhere", "show clock synce lo", "show clock synce unbound"})
-        EXPECT_EQ(shown(line), "") << line;
+        quiet(line);
 }
 
 TEST_F(show_commands, recovered_clock) {
@@ -87,6 +85,149 @@ TEST_F(show_commands, recovered_clock) {
         EXPECT_EQ(shown("show clock recovery-select"), lines[clock_.recovery_select]);
     clock_.recovery_select = 1;
     EXPECT_NE(shown("show clock bits").find(": Bits1\n"), std::string::npos);
+}
+
+class everyday : public daemon_test {
+  protected:
+    void SetUp() override {
+        daemon_test::SetUp();
+        clock_.global_enable = clock_.ssm_enable = 1;
+    }
+    ssm_port* candidate(const char* name, std::uint32_t ifindex, std::uint16_t quality,
+                        std::uint8_t priority) {
+        ssm_port* port = add_port(name, ifindex);
+        port->synce_enable = port->link_up = port->recv_pdu = 1;
+        port->recv_quality = quality;
+        port->priority = priority;
+        return port;
+    }
+    // The last column of the port's line.
+    std::string why(const std::string& name) {
+        const std::string table = shown("show clock synce brief");
+        const std::size_t line = table.find("\n" + name + " ");
+        if (line == std::string::npos) return "no line";
+        constexpr std::size_t column = 60;
+        return table.substr(line + column, table.find('\n', line + 1) - line - column);
+    }
+    // The first line of the selection.
+    std::string source() {
+        const std::string table = shown("show clock synce selection");
+        return table.substr(0, table.find('\n'));
+    }
+};
+
+TEST_F(everyday, brief_is_a_line_a_port) {
+    clock_.selected_port = candidate("p1", 1, QL_PRC, 10);
+    candidate("p2", 2, QL_SSU_A, 255)->force_rx_quality = QL_EEC1;
+    EXPECT_EQ(shown("show clock synce brief"),
+              "Port             State  Rx       Tx     Prio  Forced       Why not the source\n"
+              "p1               source PRC      N/A      10  -            \n"
+              "p2               up     SSU-A    N/A     255  rx           p1 has the better quality\n");
+}
+
+TEST_F(everyday, brief_names_the_reason_of_each_port) {
+    candidate("best", 1, QL_SSU_A, 10);
+    candidate("worse", 2, QL_EEC1, 1);
+    candidate("later", 3, QL_SSU_A, 20);
+    candidate("same", 4, QL_SSU_A, 10);
+    candidate("off", 5, QL_PRC, 1)->synce_enable = 0;
+    candidate("down", 6, QL_PRC, 1)->link_up = 0;
+    candidate("silent", 7, QL_NONE, 1)->recv_pdu = 0;
+    candidate("dnu", 8, QL_DNU, 1);
+    constexpr const char* reasons[][2] = {{"worse", "best has the better quality"},
+                                          {"later", "best has the better priority"},
+                                          {"same", "best has the better interface index"},
+                                          {"off", "synce disabled"},
+                                          {"down", "link down"},
+                                          {"silent", "nothing received"},
+                                          {"dnu", "received DNU"},
+                                          {"best", "is chosen by the next selection"}};
+    for (const auto& [port, reason] : reasons) EXPECT_EQ(why(port), reason) << port;
+}
+
+TEST_F(everyday, the_switchs_own_settings_are_reasons_too) {
+    EXPECT_EQ(source(), "Source: none, no candidate");
+    ssm_port* best = candidate("best", 1, QL_SSU_A, 10);
+    clock_.local_quality = QL_PRC;
+    EXPECT_EQ(why("best"), "own quality is better");
+    EXPECT_EQ(source(), "Source: none, own quality is better");
+    clock_.local_quality = QL_SSU_A;
+    clock_.local_priority = 10;
+    EXPECT_EQ(why("best"), "own priority is not worse");
+    clock_.device_type = SSM_SLAVE_ONLY;
+    EXPECT_EQ(why("best"), "is chosen by the next selection");
+    clock_.device_type = SSM_MASTER_ONLY;
+    clock_.force_port = best;  // is not looked at
+    EXPECT_EQ(why("best"), "the switch is master-only");
+    clock_.global_enable = 0;
+    EXPECT_EQ(why("best"), "SyncE is off");
+}
+
+TEST_F(everyday, force_switch_is_a_reason_only_while_it_is_in_effect) {
+    candidate("best", 1, QL_PRC, 1);
+    ssm_port* forced = candidate("forced", 2, QL_DNU, 1);
+    clock_.force_port = forced;
+    EXPECT_EQ(why("best"), "switched by force to forced");
+    EXPECT_EQ(why("forced"), "forced, but carries DNU");
+    EXPECT_EQ(source(), "Source: none, DNU on the forced port forced");
+    forced->link_up = 0;
+    EXPECT_EQ(why("best"), "is chosen by the next selection");
+    EXPECT_EQ(why("forced"), "link down");
+}
+
+TEST_F(everyday, without_ssm_priority_and_link_count_alone) {
+    clock_.ssm_enable = 0;
+    candidate("silent", 1, QL_NONE, 5)->recv_pdu = 0;
+    candidate("prc", 2, QL_PRC, 6);
+    EXPECT_EQ(why("silent"), "is chosen by the next selection");
+    EXPECT_EQ(why("prc"), "silent has the better priority");
+    clock_.local_priority = 5;
+    EXPECT_EQ(why("silent"), "own priority is not worse");
+}
+
+TEST_F(everyday, selection_lists_candidates_in_order_with_the_deciding_key) {
+    candidate("third", 1, QL_SSU_A, 20);
+    candidate("second", 2, QL_SSU_A, 10);
+    candidate("first", 3, QL_PRC, 255);
+    candidate("down", 4, QL_PRC, 1)->link_up = 0;
+    ssm_opts_reselect();
+    EXPECT_EQ(shown("show clock synce selection"),
+              "Source: first\n"
+              "Rank  Port             Quality  Prio Hops Index  Ahead of the next by\n"
+              "   1  first            PRC       255    0     3  quality\n"
+              "   2  second           SSU-A      10    0     2  priority\n"
+              "   3  third            SSU-A      20    0     1  -\n"
+              "\nPort             Why it is no candidate\n"
+              "down             link down\n");
+    memmgr_fail_at(1);
+    refused("show clock synce selection", "% Out of memory\n");
+    memmgr_fail_at(0);
+}
+
+// The names and kinds of all fields are held to the document (cli_commands_test); here are their values.
+TEST_F(everyday, json_is_one_object) {
+    clock_.selected_port = candidate("p1", 1, QL_PRC, 10);
+    clock_.freerun = 0;
+    ssm_port* odd = candidate("a\"\\\x01", 2, QL_NONE, 255);
+    odd->recv_pdu = odd->link_up = 0;
+    EXPECT_EQ(
+        shown("show clock synce json"),
+        R"({"clock_id":"00:00:00:00:00:00:00:00","synce_enabled":true,"ssm_enabled":true,)"
+        R"("ssm_extended":false,"option":1,"local_quality":"dnu","local_priority":255,)"
+        R"("current_quality":"dnu","device_type":"default","running_state":"lock",)"
+        R"("dpll_state":"freerun","recovery_input":"synce","source":"p1","no_source_reason":null,)"
+        R"("forced_port":null,"ports":[)"
+        R"({"name":"p1","ifindex":1,"source":true,"not_source_reason":null,"synce_enabled":true,)"
+        R"("link_up":true,"esmc":"all","received_quality":"prc","sent_quality":"none",)"
+        R"("forced_received_quality":"none","forced_sent_quality":"none","priority":10,"dnu_group":0,)"
+        R"("replace_clock_id":false,"received_clock_id":"00:00:00:00:00:00:00:00","hop_count":0,)"
+        R"("sending":false,"receiving":false},)"
+        R"({"name":"a\u0022\u005c\u0001","ifindex":2,"source":false,"not_source_reason":"link down",)"
+        R"("synce_enabled":true,"link_up":false,"esmc":"all","received_quality":"none",)"
+        R"("sent_quality":"none","forced_received_quality":"none","forced_sent_quality":"none",)"
+        R"("priority":255,"dnu_group":0,"replace_clock_id":false,"received_clock_id":null,"hop_count":0,)"
+        R"("sending":false,"receiving":false}]})"
+        "\n");
 }
 
 }  // namespace

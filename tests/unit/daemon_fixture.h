@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <fstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,32 +21,30 @@
 #include "esmcd/board.h"
 #include "esmcd/install.h"
 #include "nsm/session.h"
+#include "snmp/mib.h"
+#include "suite/agentx/snmp.h"
 #include "suite/command/cli.h"
+#include "suite/host/host.h"
 #include "suite/loop/thread.h"
 #include "suite/manager/client.h"
+#include "suite/ports/slow_socket.h"
 
 // A file of its own for each test process.
 class board_file {
   public:
-    explicit board_file(const char* content) {
-        std::snprintf(path_, sizeof path_, "/tmp/board_test_%d", static_cast<int>(getpid()));
+    explicit board_file(const std::string& content) {
         write(content);
-        ssm_board_use_file(path_);
+        ssm_board_use_file(path_.c_str());
     }
     ~board_file() {
         remove();
         ssm_board_use_file(nullptr);
     }
-    void write(const char* content) const {
-        FILE* file = std::fopen(path_, "w");
-        ASSERT_NE(file, nullptr);
-        std::fputs(content, file);
-        std::fclose(file);
-    }
-    void remove() const { unlink(path_); }
+    void write(const std::string& content) const { std::ofstream(path_) << content; }
+    void remove() const { unlink(path_.c_str()); }
 
   private:
-    char path_[64];
+    const std::string path_ = "/tmp/board_test_" + std::to_string(getpid());
 };
 
 class daemon_test : public ::testing::Test {
@@ -55,25 +54,25 @@ class daemon_test : public ::testing::Test {
     // The log's lines since the last call, as they were formatted (with the prefix ": ").
     std::vector<std::string> logged() { return std::exchange(logged_, {}); }
 
-    cli_result run(const char* line) { return cli_run_line(ctx_->ctree, &session_, line); }
+    cli_result run(const std::string& line) { return cli_run_line(ctx_->ctree, &session_, line.c_str()); }
     // Runs a line that must succeed; what it printed.
-    std::string shown(const char* line) {
+    std::string shown(const std::string& line) {
         EXPECT_EQ(run(line), cli_result::ok) << line;
         return output();
     }
     // Runs a line that must succeed without a word.
-    void quiet(const char* line) { EXPECT_EQ(shown(line), "") << line; }
+    void quiet(const std::string& line) { EXPECT_EQ(shown(line), "") << line; }
     // Runs a line that must fail with exactly this text.
-    void refused(const char* line, const char* text) {
+    void refused(const std::string& line, const char* text) {
         EXPECT_EQ(run(line), cli_result::failed) << line;
         EXPECT_EQ(output(), text) << line;
     }
     void config_mode() { enter(CONFIG_MODE); }
     void exec_mode() { enter(EXEC_MODE); }
     // Enters the interface mode by the real command.
-    void interface_mode(const char* name) {
+    void interface_mode(const std::string& name) {
         config_mode();
-        quiet((std::string("interface ") + name).c_str());
+        quiet("interface " + name);
         EXPECT_EQ(session_.mode, INTERFACE_MODE);
     }
 
@@ -117,6 +116,21 @@ class daemon_test : public ::testing::Test {
         init_result_ = ssm_install_commands(ctx_->ctree);
         logged_.clear();
     }
+    // The platform's commands beside the daemon's own, and the sub-agent with its table, as the running
+    // daemon has them.
+    void install_whole_tree() const {
+        ASSERT_EQ(host_vty_init(ctx_), 0);
+        ASSERT_EQ(memmgr_cli_init(ctx_), 0);
+        ASSERT_EQ(slow_socket_cli_init(ctx_), 0);
+        ASSERT_EQ(nsm_client_cli_init(ctx_), 0);
+        register_mib();
+        ASSERT_EQ(snmp_start(ctx_), 0);
+    }
+    void register_mib() const {
+        ASSERT_EQ(agentx_register_mib(ctx_, "mibII/ssm", ssm_variables, sizeof ssm_variables[0],
+                                      SSM_VARIABLE_COUNT, ssm_oid, SSM_OID_LENGTH, 0, 0, 0, 0, 0),
+                  0);
+    }
 
     void TearDown() override {
         while (ctx_->ifm.count) if_remove(&ctx_->ifm, ctx_->ifm.items[0]);
@@ -156,13 +170,11 @@ class daemon_test : public ::testing::Test {
     static void tap(void* arg, int, const char* line, std::size_t length) {
         const std::string whole(line, length);
         const std::size_t text = whole.find(": ");  // behind the time and the level
-        static_cast<daemon_test*>(arg)->logged_.push_back(text == std::string::npos ? whole
-                                                                                    : whole.substr(text));
+        static_cast<daemon_test*>(arg)->logged_.push_back(whole.substr(text == whole.npos ? 0 : text));
     }
     static nanoseconds now(void* arg) { return static_cast<daemon_test*>(arg)->time_; }
     static int wait(void* arg, int timeout_ms, thread_ready*, int) {
-        if (timeout_ms > 0)
-            static_cast<daemon_test*>(arg)->time_ += static_cast<nanoseconds>(timeout_ms) * NS_PER_MS;
+        if (timeout_ms > 0) static_cast<daemon_test*>(arg)->time_ += timeout_ms * NS_PER_MS;
         return 0;
     }
 

@@ -12,7 +12,7 @@ using lines = std::vector<std::string>;
 // ---- The board file: read once, by prefix, hexadecimal. ----
 
 ssm_board_info read_board(const std::string& content) {
-    board_file file(content.c_str());
+    board_file file(content);
     ssm_board_info board = {};
     EXPECT_EQ(ssm_board_info_get(&board), 0);
     return board;
