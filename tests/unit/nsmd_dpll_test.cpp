@@ -1,7 +1,6 @@
 // The kernel's clock interface: nsmd as a whole against a kernel made of messages that behaves like each kind
 // of driver. What is checked is the exact order of the requests, and what the daemon is told.
 #include <map>
-#include <optional>
 
 #include "nsmd/clock/message.h"
 #include "nsmd_support.h"
@@ -15,10 +14,11 @@ enum class driver {
     automatic,        // pins on the device, ranked; "connected" can't be asked for
 };
 
+constexpr std::uint32_t DEVICE = 1, MUXES[] = {21, 22}, PORT_PINS[] = {11, 12};
+
 struct fake_pin {
     std::uint32_t capabilities = PIN_CAN_STATE;
-    std::map<std::uint32_t, std::uint32_t> devices = {};  // device to state
-    std::map<std::uint32_t, std::uint32_t> muxes = {};    // pin to state
+    std::map<std::uint32_t, std::uint32_t> places = {};  // its state on the device, or on MUX pins
     std::uint32_t prio = 5;
     bool signal = true;
     std::string label = {};
@@ -26,10 +26,9 @@ struct fake_pin {
     bool output = false;
 };
 
-// Requests are recorded as text: "dump devices", "get pin 3", "pin 3 device 1 state connected".
+// Requests are recorded as text: "dump devices", "get 3", "3 on 1 connected".
 struct fake_dpll : fake_family {
-    const driver kind;
-    texts log;
+    driver kind = driver::direct_manual;
     std::map<std::uint32_t, fake_pin> pins;
     bool has_device = true, tells_operstate = false, notifies = true;
     std::uint32_t type = DPLL_TYPE_EEC, status = DPLL_STATUS_UNLOCKED;
@@ -38,7 +37,7 @@ struct fake_dpll : fake_family {
     int disturbed_dumps = 0;
     std::uint32_t tracked = 0;  // the pin that the device follows
 
-    fake_dpll(fake_kernel& k, driver d) : fake_family(k, "dpll"), kind(d) {}
+    explicit fake_dpll(fake_kernel& k) : fake_family(k, "dpll") {}
     bool is_automatic() const { return kind == driver::mux_automatic || kind == driver::automatic; }
 
     // --- what it says ---
@@ -46,7 +45,7 @@ struct fake_dpll : fake_family {
     nl_builder about_device(std::uint8_t command, std::uint16_t flags = 0) const {
         nl_builder b = generic_message(ID, command, flags);
         const std::uint64_t clock = 0x0011223344556677ULL;
-        nl_put_u32(&b, DPLL_A_ID, 1);
+        nl_put_u32(&b, DPLL_A_ID, DEVICE);
         nl_put_text(&b, DPLL_A_MODULE_NAME, "chip");
         nl_put(&b, 3, nullptr, 0);  // padding before 64 bits
         nl_put(&b, DPLL_A_CLOCK_ID, &clock, sizeof clock);
@@ -62,21 +61,17 @@ struct fake_dpll : fake_family {
         nl_put_u32(&b, DPLL_PIN_A_ID, id);
         nl_put_text(&b, p.label_kind, p.label);
         nl_put_u32(&b, DPLL_PIN_A_CAPABILITIES, p.capabilities);
-        for (const auto& [device, state] : p.devices) {
-            const std::size_t nest = nl_nest_begin(&b, DPLL_PIN_A_PARENT_DEVICE);
-            nl_put_u32(&b, DPLL_PIN_A_PARENT_ID, device);
-            nl_put_u32(&b, DPLL_PIN_A_DIRECTION, p.output ? 2 : 1);
-            if (p.capabilities & PIN_CAN_PRIO) nl_put_u32(&b, DPLL_PIN_A_PRIO, p.prio);
-            if (tells_operstate) nl_put_u32(&b, DPLL_PIN_A_OPERSTATE, tracked == id ? 1 : 2);
+        for (const auto& [parent, state] : p.places) {
+            const bool on_device = parent == DEVICE;
+            const std::size_t nest =
+                nl_nest_begin(&b, on_device ? DPLL_PIN_A_PARENT_DEVICE : DPLL_PIN_A_PARENT_PIN);
+            nl_put_u32(&b, DPLL_PIN_A_PARENT_ID, parent);
+            if (on_device) nl_put_u32(&b, DPLL_PIN_A_DIRECTION, p.output ? 2 : 1);
+            if (on_device && p.capabilities & PIN_CAN_PRIO) nl_put_u32(&b, DPLL_PIN_A_PRIO, p.prio);
+            if (on_device && tells_operstate) nl_put_u32(&b, DPLL_PIN_A_OPERSTATE, tracked == id ? 1 : 2);
             // Without a place of its own for it, the pin in use is shown as connected.
-            const bool in_use = is_automatic() && !tells_operstate && tracked == id;
+            const bool in_use = on_device && is_automatic() && !tells_operstate && tracked == id;
             nl_put_u32(&b, DPLL_PIN_A_STATE, in_use && state == PIN_SELECTABLE ? PIN_CONNECTED : state);
-            nl_nest_end(&b, nest);
-        }
-        for (const auto& [mux, state] : p.muxes) {
-            const std::size_t nest = nl_nest_begin(&b, DPLL_PIN_A_PARENT_PIN);
-            nl_put_u32(&b, DPLL_PIN_A_PARENT_ID, mux);
-            nl_put_u32(&b, DPLL_PIN_A_STATE, state);
             nl_nest_end(&b, nest);
         }
         return b;
@@ -91,19 +86,16 @@ struct fake_dpll : fake_family {
     // --- what it does ---
 
     bool carries_signal(std::uint32_t id) const {
-        bool is_mux = false, carries = false;
-        for (const auto& [child_id, child] : pins) {
-            const auto at = child.muxes.find(id);
-            if (at == child.muxes.end()) continue;
-            is_mux = true;
-            carries |= at->second == PIN_CONNECTED && child.signal;
-        }
-        return is_mux ? carries : pins.at(id).signal;
+        if (!std::count(std::begin(MUXES), std::end(MUXES), id)) return pins.at(id).signal;
+        return std::any_of(pins.begin(), pins.end(), [&](const auto& child) {
+            const auto at = child.second.places.find(id);
+            return at != child.second.places.end() && at->second == PIN_CONNECTED && child.second.signal;
+        });
     }
     bool may_follow(std::uint32_t id) const {
         const fake_pin& p = pins.at(id);
-        const auto at = p.devices.find(1);
-        if (at == p.devices.end() || p.output || !carries_signal(id)) return false;
+        const auto at = p.places.find(DEVICE);
+        if (at == p.places.end() || p.output || !carries_signal(id)) return false;
         return is_automatic() ? at->second != PIN_DISCONNECTED : at->second == PIN_CONNECTED;
     }
     // The device looks at its inputs.
@@ -124,143 +116,148 @@ struct fake_dpll : fake_family {
                 if (changed) notify_pin(changed);
         if (std::exchange(status, now) != now) notify_device();
     }
-    int set_state(std::uint32_t id, bool on_mux, std::uint32_t parent, std::uint32_t state) {
-        auto& places = on_mux ? pins[id].muxes : pins[id].devices;
-        if (!places.count(parent)) return EINVAL;
-        if (!(pins[id].capabilities & PIN_CAN_STATE)) return EOPNOTSUPP;
+    int set_state(std::uint32_t id, std::uint32_t parent, std::uint32_t state) {
+        auto& places = pins[id].places;
+        const bool on_mux = parent != DEVICE;
         if (!on_mux && state == (is_automatic() ? PIN_CONNECTED : PIN_SELECTABLE)) return EINVAL;
         if (kind == driver::mux_automatic && places[parent] == state) return EINVAL;
-        for (auto& [other, p] : pins) {
-            const bool one_child_only = on_mux && state == PIN_CONNECTED;
-            if (one_child_only && p.muxes.count(parent)) p.muxes[parent] = PIN_DISCONNECTED;
-            if (kind == driver::forces_holdover && p.devices.count(1)) p.devices[1] = PIN_DISCONNECTED;
-        }
+        // A MUX has one child only.
+        const bool takes_over = on_mux ? state == PIN_CONNECTED : kind == driver::forces_holdover;
+        for (auto& [other, p] : pins)
+            if (takes_over && p.places.count(parent)) p.places[parent] = PIN_DISCONNECTED;
         places[parent] = state;
         if (kind == driver::direct_manual && state == PIN_CONNECTED) tracked = id;
         return 0;
     }
-    int set_prio(std::uint32_t id, std::uint32_t prio) {
-        if (!(pins[id].capabilities & PIN_CAN_PRIO)) return EOPNOTSUPP;
-        if (prio > 14) return EINVAL;
-        pins[id].prio = prio;
-        return 0;
-    }
     int set_pin(const_octets attributes) {
-        std::uint32_t id = 0, parent = 0, value = 0;
-        bool on_mux = false, is_prio = false;
+        std::map<unsigned, std::uint32_t> pin, place;
         nl_attr a, inner;
+        unsigned kind_of_place = 0;
         while (nl_next_attr(&attributes, &a)) {
-            if (a.type == DPLL_PIN_A_ID) {
-                id = nl_u32(a.value);
-                continue;
-            }
-            on_mux = a.type == DPLL_PIN_A_PARENT_PIN;
-            const_octets nest = a.value;
-            while (nl_next_attr(&nest, &inner)) {
-                is_prio |= inner.type == DPLL_PIN_A_PRIO;
-                (inner.type == DPLL_PIN_A_PARENT_ID ? parent : value) = nl_u32(inner.value);
-            }
+            pin[a.type] = nl_u32(a.value);
+            if (a.type == DPLL_PIN_A_ID) continue;
+            kind_of_place = a.type;
+            while (nl_next_attr(&a.value, &inner)) place[inner.type] = nl_u32(inner.value);
         }
-        static const char* const states[] = {"?", "connected", "disconnected", "selectable"};
-        log.push_back("pin " + std::to_string(id) + (on_mux ? " mux " : " device ") + std::to_string(parent) +
-                      (is_prio ? " prio " + std::to_string(value) : std::string(" state ") + states[value]));
-        if (busy > 0) {
-            --busy;
-            return EBUSY;
-        }
-        if (refused.count(id)) return refused[id];
-        const int result = is_prio ? set_prio(id, value) : set_state(id, on_mux, parent, value);
-        if (result == 0) {
-            notify_pin(id);
-            work();
-        }
-        return result;
+        const std::uint32_t id = pin[DPLL_PIN_A_ID], parent = place[DPLL_PIN_A_PARENT_ID];
+        const bool is_prio = place.count(DPLL_PIN_A_PRIO);
+        static const char* const states[] = {" ?", " connected", " disconnected", " selectable"};
+        add(std::to_string(id) + " on " + std::to_string(parent) +
+            (is_prio ? " prio " + std::to_string(place[DPLL_PIN_A_PRIO]) : states[place[DPLL_PIN_A_STATE]]));
+        if (busy > 0) return --busy, EBUSY;
+        if (refused[id]) return refused[id];
+        const auto expected = parent == DEVICE ? DPLL_PIN_A_PARENT_DEVICE : DPLL_PIN_A_PARENT_PIN;
+        if (kind_of_place != expected || !pins[id].places.count(parent)) return EINVAL;
+        if (is_prio) pins[id].prio = place[DPLL_PIN_A_PRIO];
+        const int error = is_prio ? 0 : set_state(id, parent, place[DPLL_PIN_A_STATE]);
+        if (error) return error;
+        notify_pin(id);
+        work();
+        return 0;
     }
 
     // --- what it is asked ---
 
-    void requested(std::uint8_t command, std::uint16_t flags, const_octets attributes,
-                   std::uint32_t sequence) override {
-        if ((flags & NLM_F_DUMP) == NLM_F_DUMP) return dump(command, sequence);
-        if (command == DPLL_CMD_PIN_SET) return acknowledge(sequence, set_pin(attributes));
+    int requested(std::uint8_t command, const_octets attributes, std::uint32_t sequence) override {
+        if (command == DPLL_CMD_PIN_SET) return set_pin(attributes);
         nl_attr a;
         EXPECT_TRUE(nl_next_attr(&attributes, &a));
         const std::uint32_t id = nl_u32(a.value);
         const bool is_device = command == DPLL_CMD_DEVICE_GET;
-        if (!is_device) log.push_back("get pin " + std::to_string(id));
-        if (is_device ? !has_device : !pins.count(id)) return acknowledge(sequence, ENODEV);
+        if (!is_device) add("get " + std::to_string(id));
+        if (is_device ? !has_device : !pins.count(id)) return ENODEV;
         say(is_device ? about_device(command) : about_pin(id, command), sequence);
-        acknowledge(sequence, 0);
+        return 0;
     }
-    void dump(std::uint8_t command, std::uint32_t sequence) {
+    int dumped(std::uint8_t command, std::uint32_t sequence, std::uint16_t* flags) override {
         const bool devices = command == DPLL_CMD_DEVICE_GET;
-        log.push_back(devices ? "dump devices" : "dump pins");
-        std::uint16_t flags = NLM_F_MULTI;
-        if (disturbed_dumps > 0) {
-            --disturbed_dumps;
-            flags |= NLM_F_DUMP_INTR;
-        }
-        if (devices && has_device) say(about_device(command, flags), sequence);
-        if (!devices)
-            for (const auto& [id, p] : pins) say(about_pin(id, command, flags), sequence);
-        kernel.generic_queue.push_back(
-            {0, control_octets(NLMSG_DONE, flags, {sequence, fake_kernel::PORT}, 0)});
+        add(devices ? "dump devices" : "dump pins");
+        *flags = disturbed_dumps > 0 ? NLM_F_MULTI | NLM_F_DUMP_INTR : NLM_F_MULTI;
+        if (disturbed_dumps > 0) --disturbed_dumps;
+        if (devices && has_device) say(about_device(command, *flags), sequence);
+        for (const auto& [id, p] : pins)
+            if (!devices) say(about_pin(id, command, *flags), sequence);
+        return 0;
     }
 };
 
-struct clock_test : nsmd_session {
-    std::optional<fake_dpll> dpll;
+// nsmd and its daemon with a board: the pins 11 and 12 are those of the ports 1 and 2, behind the MUX pins 21
+// and 22 if there are any.
+struct clock_session : nsmd_session {
+    fake_dpll dpll{kernel};
 
-    void SetUp() override {
-        nsmd_session::SetUp();
-        kernel.links = {port(1, 11), port(2, 12), port(3, -1)};
+    explicit clock_session(driver kind = driver::direct_manual) {
+        act("quiet sw1 1 pin 11, quiet sw2 2 pin 12, quiet sw3 3");
         options.dpll = dpll_kind::kernel;
         options.kernel.prio_other = 14;
         options.source_codes[0] = {1, 1};
         options.source_codes[1] = {2, 2};
         options.source_code_count = 2;
-    }
-    void TearDown() override { stop(); }
-    static fake_link port(int index, int pin) {
-        return {.index = index, .name = "eth" + std::to_string(index), .pin = pin};
-    }
-    // A board with the pins 11 and 12 for the ports 1 and 2, behind the MUX pins 21 and 22 if there are any.
-    fake_dpll& board(driver kind) {
-        fake_dpll& d = dpll.emplace(kernel, kind);
+        dpll.kind = kind;
+        const std::uint32_t capabilities = dpll.is_automatic() ? PIN_CAN_STATE | PIN_CAN_PRIO : PIN_CAN_STATE;
         const bool has_muxes = kind == driver::mux_automatic;
-        const std::uint32_t capabilities = d.is_automatic() ? PIN_CAN_STATE | PIN_CAN_PRIO : PIN_CAN_STATE;
-        for (const std::uint32_t id : {21U, 22U})
-            if (has_muxes) d.pins[id] = {.capabilities = capabilities, .devices = {{1, PIN_SELECTABLE}}};
-        for (const std::uint32_t id : {11U, 12U})
+        for (const std::uint32_t id : MUXES)
             if (has_muxes)
-                d.pins[id].muxes = {{21, PIN_DISCONNECTED}, {22, PIN_DISCONNECTED}};
-            else
-                d.pins[id] = {.capabilities = capabilities, .devices = {{1, PIN_DISCONNECTED}}};
-        return d;
+                dpll.pins[id] = {.capabilities = capabilities, .places = {{DEVICE, PIN_SELECTABLE}}};
+        for (const std::uint32_t id : PORT_PINS)
+            dpll.pins[id] = {.capabilities = capabilities, .places = {{DEVICE, PIN_DISCONNECTED}}};
+        for (const std::uint32_t id : PORT_PINS)
+            if (has_muxes) dpll.pins[id].places = {{21, PIN_DISCONNECTED}, {22, PIN_DISCONNECTED}};
+        // Of the board before the start.
+        verbs["family"] = [this](const numbers& w) { dpll.there = w[0]; };
+        verbs["type"] = [this](const numbers& w) { dpll.type = w[0]; };
+        verbs["has-device"] = [this](const numbers& w) { dpll.has_device = w[0]; };
+        verbs["mute"] = [this](const numbers&) { dpll.notifies = false; };
+        verbs["disturb"] = [this](const numbers& w) { dpll.disturbed_dumps = static_cast<int>(w[0]); };
+        verbs["busy"] = [this](const numbers& w) { dpll.busy = static_cast<int>(w[0]); };
+        verbs["capable"] = [this](const numbers& w) { dpll.pins[w[0]].capabilities = w[1]; };
+        verbs["rank"] = [this](const numbers& w) { dpll.pins[w[0]].prio = w[1]; };
+        verbs["output"] = [this](const numbers& w) { dpll.pins[w[0]].output = true; };
+        verbs["one-mux"] = [this](const numbers&) {
+            dpll.pins.erase(22);
+            for (const std::uint32_t id : PORT_PINS) dpll.pins[id].places.erase(22);
+        };
+        // An input of the board that is no port's, or with a label the first external one.
+        verbs["input"] = [this](const numbers& w) {
+            dpll.pins[w[0]] = dpll.pins[11];
+            if (w.size() == 1) return;
+            dpll.pins[w[0]].label_kind = static_cast<std::uint16_t>(w[1]);
+            dpll.pins[w[0]].label = options.kernel.bits[0] = "EXT";
+        };
+        verbs["state"] = [this](const numbers& w) {
+            dpll.pins[w[0]].places[DEVICE] = w[1];
+            dpll.work();
+        };
+        // While nsmd runs.
+        verbs["signal"] = [this](const numbers& w) {
+            dpll.pins[w[0]].signal = w[1];
+            dpll.work();
+        };
+        verbs["status"] = [this](const numbers& w) {
+            dpll.status = w[0];
+            dpll.notify_device();
+        };
+        verbs["refuse"] = [this](const numbers& w) { dpll.refused[w[0]] = static_cast<int>(w[1]); };
+        verbs["lose"] = [this](const numbers&) { dpll.push({}, -ENOBUFS); };
+        verbs["device"] = [this](const numbers& w) {
+            dpll.has_device = w[0];
+            dpll.notify_pin(11, w[0] ? DPLL_CMD_PIN_CREATE_NTF : DPLL_CMD_PIN_DELETE_NTF);
+            dpll.notify_device(w[0] ? DPLL_CMD_DEVICE_CREATE_NTF : DPLL_CMD_DEVICE_DELETE_NTF);
+            dpll.pins[11].places[DEVICE] = PIN_DISCONNECTED;
+            dpll.status = DPLL_STATUS_UNLOCKED;
+        };
+        // Readings of one pin are left out.
+        take_asked = [this] {
+            said settings;
+            for (const auto& one : parts_of(dpll.take()))
+                if (!one.starts_with("get ")) settings.add(one);
+            return settings.all;
+        };
     }
-    // The daemon names its source. What is asked of the hardware is in requests() then.
-    void follow(std::uint32_t ifindex) {
-        enable(true);
-        select(ifindex);
-        loop.run(30);
-    }
-    // Started, and locked to port 1; what was asked and told is taken.
-    void start_locked() {
-        start();
-        (void)requests();
-        follow(1);
-        ASSERT_EQ(c.take_all(), texts{"clock 4 1"});
-        (void)requests();
-    }
-    texts requests() { return std::exchange(dpll->log, {}); }
-    texts settings() {
-        texts all = requests();
-        std::erase_if(all, [](const auto& l) { return !l.starts_with("pin "); });
-        return all;
-    }
-    void set_signal(std::uint32_t pin, bool on) {
-        dpll->pins[pin].signal = on;
-        dpll->work();
+    ~clock_session() { stop(); }
+    void start() {
+        nsmd_session::start();
+        dpll.take();
     }
 };
 
@@ -269,329 +266,188 @@ struct clock_test : nsmd_session {
 const struct behaviour {
     const char* name;
     driver kind;
-    texts first, second;  // what is asked to follow port 1, and then port 2
-    const char* lost;     // the clock when port 2 loses its signal
-    texts held, again;    // settings for holdover, and for port 2 after it
+    const char *first, *second;  // what is asked to follow port 1, and then port 2
+    const char* lost;            // the clock when port 2 loses its signal
+    const char *held, *again;    // settings for holdover, and for port 2 after it
 } behaviours[] = {
     {"pins on the device, manual: the new one first, then the old one, which is still connected",
-     driver::direct_manual,
-     {"pin 11 device 1 state connected", "get pin 11", "get pin 11"},
-     {"pin 12 device 1 state connected", "get pin 12", "get pin 11", "pin 11 device 1 state disconnected",
-      "get pin 11", "get pin 12"},
-     "clock 2 0",
-     {"pin 12 device 1 state disconnected"},
-     {"pin 12 device 1 state connected"}},
+     driver::direct_manual, "11 on 1 connected, get 11, get 11",
+     "12 on 1 connected, get 12, get 11, 11 on 1 disconnected, get 11, get 12", "clock 2 0",
+     "12 on 1 disconnected", "12 on 1 connected"},
     {"a driver that switches over by itself, and that a release would force into holdover",
-     driver::forces_holdover,
-     {"pin 11 device 1 state connected", "get pin 11", "get pin 11"},
-     {"pin 12 device 1 state connected", "get pin 12", "get pin 11", "get pin 12"},
-     "clock 3 0",
-     {"pin 12 device 1 state disconnected"},
-     {"pin 12 device 1 state connected"}},
+     driver::forces_holdover, "11 on 1 connected, get 11, get 11",
+     "12 on 1 connected, get 12, get 11, get 12", "clock 3 0", "12 on 1 disconnected", "12 on 1 connected"},
     {"behind MUX pins: by the other MUX, so that the old source stays until the new one is there",
-     driver::mux_automatic,
-     {"pin 11 mux 21 state connected", "get pin 11", "pin 21 device 1 prio 0", "get pin 21", "get pin 11"},
-     {"pin 12 mux 22 state connected", "get pin 12", "pin 22 device 1 prio 0", "get pin 22", "get pin 11",
-      "pin 11 mux 21 state disconnected", "get pin 11", "get pin 12"},
-     "clock 3 0",
-     {"pin 12 mux 22 state disconnected"},
-     {"pin 12 mux 21 state connected"}},
-    {"pins on the device, automatic",
-     driver::automatic,
-     {"pin 11 device 1 prio 0", "get pin 11", "pin 11 device 1 state selectable", "get pin 11", "get pin 11"},
-     {"pin 12 device 1 prio 0", "get pin 12", "pin 12 device 1 state selectable", "get pin 12", "get pin 11",
-      "pin 11 device 1 state disconnected", "get pin 11", "get pin 12"},
-     "clock 3 0",
-     {"pin 12 device 1 state disconnected"},
-     {"pin 12 device 1 state selectable"}},
+     driver::mux_automatic, "11 on 21 connected, get 11, 21 on 1 prio 0, get 21, get 11",
+     "12 on 22 connected, get 12, 22 on 1 prio 0, get 22, get 11, 11 on 21 disconnected, get 11, get 12",
+     "clock 3 0", "12 on 22 disconnected", "12 on 21 connected"},
+    {"pins on the device, automatic", driver::automatic,
+     "11 on 1 prio 0, get 11, 11 on 1 selectable, get 11, get 11",
+     "12 on 1 prio 0, get 12, 12 on 1 selectable, get 12, get 11, 11 on 1 disconnected, get 11, get 12",
+     "clock 3 0", "12 on 1 disconnected", "12 on 1 selectable"},
 };
 
-TEST_F(clock_test, drivers_are_steered_as_each_needs_it) {
-    // With and without operational states.
-    for (std::size_t i = 0; i < 2 * std::size(behaviours); ++i) {
-        const behaviour& b = behaviours[i / 2];
-        SCOPED_TRACE(b.name);
-        board(b.kind).tells_operstate = i % 2;
-        start();
-        (void)requests();
-        follow(1);
-        EXPECT_EQ(requests(), b.first);
-        EXPECT_EQ(c.take_all(), texts{"clock 4 1"});
-        follow(2);
-        EXPECT_EQ(requests(), b.second);
-        EXPECT_EQ(c.take_all(), texts{"clock 4 2"});
-        set_signal(12, false);  // the hardware says so by itself
-        EXPECT_EQ(after(1), texts{b.lost});
-        EXPECT_EQ(requests(), texts{});
-        hold(true);
-        loop.run(30);
-        EXPECT_EQ(settings(), b.held);
-        set_signal(12, true);
-        EXPECT_EQ(after(1), texts{});  // in holdover as asked
-        hold(false);
-        select(2);
-        EXPECT_EQ(after(30), texts{"clock 4 2"});
-        EXPECT_EQ(settings(), b.again);
-        stop();
+TEST(dpll, drivers_are_steered_as_each_needs_it) {
+    for (const behaviour& b : behaviours)
+        for (const bool tells_operstate : {false, true}) {
+            SCOPED_TRACE(b.name);
+            clock_session s(b.kind);
+            s.dpll.tells_operstate = tells_operstate;
+            s.start();
+            EXPECT_EQ(s.after("enable 1, select 1", 30), "clock 4 1");
+            EXPECT_EQ(s.dpll.take(), b.first);
+            EXPECT_EQ(s.after("select 2", 30), "clock 4 2");
+            EXPECT_EQ(s.dpll.take(), b.second);
+            s.play({{"signal 12 0", 1, b.lost, ""},  // the hardware says so by itself
+                    {"holdover 0", 30, "", b.held},
+                    {"signal 12 1", 1, "", ""},  // in holdover as asked
+                    {"holdover 1, select 2", 30, "clock 4 2", b.again}});
+            EXPECT_EQ(s.kernel.generic_groups, std::vector<unsigned>{fake_family::GROUP});
+            EXPECT_EQ(s.log.count("can't use"), 0);
+        }
+}
+
+// --- the rest of the requests, states, and what can't be done ---
+
+constexpr const char* FOLLOW = "enable 1, select 1";
+
+const struct {
+    struct {
+        const char* fault;  // what it would be
+        driver kind;
+        const char* board = "";  // verbs before the start
+    } when;
+    std::vector<step> steps;
+    struct {
+        const char* text = "can't";
+        long times = 0;
+    } said = {};
+} stories[] = {
+    {{"a single MUX is changed by more than the kernel's own change", driver::mux_automatic, "one-mux"},
+     {{FOLLOW, 30, "clock 4 1"}, {"select 2", 30, "clock 4 2", "12 on 21 connected"}}},
+    {{"an external input is not the pin named in the configuration", driver::automatic, "input 30 6"},
+     {{FOLLOW, 30, "clock 4 1"},
+      {"recover 1", 30, "clock 4 8", "30 on 1 prio 0, 30 on 1 selectable, 11 on 1 disconnected"},
+      {"recover 2", 30, "clock 3 0", "30 on 1 disconnected"},  // no pin is named for it
+      {"recover 0", 30, "clock 4 1", "11 on 1 selectable"}},
+     {"no pin for external input 2", 1}},
+    {{"a panel label does not name an input", driver::automatic, "input 30 7"},
+     {{"recover 1", 30, "clock 4 8"}}},
+    {{"a package label does not name an input", driver::automatic, "input 30 8"},
+     {{"recover 1", 30, "clock 4 8"}}},
+    {{"switched off releases other pins than ours", driver::automatic,
+      "input 40, state 40 3, rank 40 9, input 41, output 41, state 41 1"},  // a receiver for satellites, say
+     {{FOLLOW, 30, "clock 4 1"},
+      {"enable 0", 30, "clock 4 0", "11 on 1 disconnected"}}},  // locked, to something that is none of ours
+    {{"something is touched before a source is named", driver::direct_manual, "state 11 1"},
+     {{"enable 1", 30, "", ""}, {"select 1", 30, "", ""}}},  // as it is already
+    {{"a lock state is another one to the daemon", driver::direct_manual},
+     {{FOLLOW, 30, "clock 4 1"},
+      {"status 2", 1, ""},  // without a holdover to fall back to, but locked still
+      {"status 4", 1, "clock 3 0"},
+      {"status 1", 1, "clock 2 0"},
+      {"status 77", 1, "clock 5 0"},  // a status of the future is transient
+      {"status 3", 1, "clock 4 1"}}},
+    {{"without notifications the state is not asked for", driver::automatic, "mute"},
+     {{FOLLOW, 1030, "clock 4 1"},
+      {"signal 11 0", 1001, "clock 3 0"},
+      {"signal 11 1", 1010, "clock 4 0, clock 4 1"}}},
+    {{"after lost notifications and in disturbed dumps old news are believed", driver::automatic,
+      "disturb 2"},
+     {{FOLLOW, 30, "clock 4 1"}, {"signal 11 0, lose", 10, "clock 3 0", "dump devices, dump pins"}}},
+    {{"a refused source is not said in one line, or becomes no holdover", driver::forces_holdover},
+     {{FOLLOW, 30, "clock 4 1"},
+      {"refuse 12 22, select 2", 30, "clock 3 0", "12 on 1 connected, 11 on 1 disconnected"},
+      {"refuse 12 0, select 2", 30, "clock 4 2"}},
+     {"clock: can't use pin 12 (sw2): Invalid argument", 1}},
+    {{"a pin without the capability is tried", driver::direct_manual, "capable 11 0"},
+     {{FOLLOW, 30, "", ""}},
+     {"can't use pin 11 (sw1): Operation not supported", 1}},
+    {{"pins that can only be ranked are not ranked last", driver::automatic,
+      "capable 11 2, capable 12 2, state 11 3, state 12 3"},
+     {{FOLLOW, 30, "", "11 on 1 prio 0, 12 on 1 prio 14"},
+      {"select 2", 30, "clock 4 2", "12 on 1 prio 0, 11 on 1 prio 14"}}},
+    {{"what is forbidden is said more than once a request", driver::direct_manual,
+      "refuse 11 1, refuse 12 1"},
+     {{FOLLOW, 5030, ""}},
+     {"Operation not permitted", 1}},
+    {{"a busy driver is not asked again", driver::mux_automatic, "busy 3"},
+     {{FOLLOW, 30, ""}, {"", 3100, "clock 4 1"}}},
+    {{"a busy driver is asked for ever", driver::mux_automatic, "busy 1000"},
+     {{FOLLOW, 60000, ""}, {"", 10000, "", ""}},
+     {"stays busy", 1}},
+    {{"a port without a pin is followed, or not when its driver comes up with one", driver::automatic,
+      "input 13"},
+     {{FOLLOW, 30, "clock 4 1"},
+      {"select 3", 30, "clock 3 0", "11 on 1 disconnected"},
+      {"sw3 3 pin 13", 200, "clock 4 0", "dump devices, dump pins, 13 on 1 prio 0, 13 on 1 selectable"}},
+     {"port 3 (sw3) has no clock pin", 1}},
+    {{"a device that goes and returns gets not what is wanted", driver::direct_manual},
+     {{FOLLOW, 30, "clock 4 1"},
+      {"device 0", 200, "clock 2 0"},
+      {"device 1", 200, "clock 4 1", "11 on 1 connected"}}},
+};
+
+TEST(dpll, stories) {
+    for (const auto& [when, steps, said] : stories) {
+        SCOPED_TRACE(when.fault);
+        clock_session s(when.kind);
+        s.act(when.board);
+        s.start();
+        s.play(steps);
+        EXPECT_EQ(s.log.count(said.text), said.times);
     }
-    EXPECT_EQ(kernel.generic_groups, std::vector<unsigned>(2 * std::size(behaviours), fake_family::GROUP));
-    EXPECT_EQ(log.count("can't use"), 0);
-}
-
-TEST_F(clock_test, with_a_single_mux_the_kernel_changes_the_child) {
-    fake_dpll& d = board(driver::mux_automatic);
-    d.pins.erase(22);
-    for (const std::uint32_t id : {11U, 12U}) d.pins[id].muxes.erase(22);
-    start_locked();
-    follow(2);
-    EXPECT_EQ(requests(), (texts{"pin 12 mux 21 state connected", "get pin 12", "get pin 11", "get pin 12"}));
-    EXPECT_EQ(c.take_all().back(), "clock 4 2");
-}
-
-// --- the rest of the requests ---
-
-TEST_F(clock_test, external_inputs_are_pins_named_in_the_configuration) {
-    fake_dpll& d = board(driver::automatic);
-    d.pins[30] = d.pins[11];
-    d.pins[30].label = "BITS-A";
-    options.kernel.bits[0] = "BITS-A";
-    start_locked();
-    recover_from(1);
-    EXPECT_EQ(after(30), texts{"clock 4 8"});
-    EXPECT_EQ(settings(), (texts{"pin 30 device 1 prio 0", "pin 30 device 1 state selectable",
-                                 "pin 11 device 1 state disconnected"}));
-    recover_from(2);  // no pin is named for it
-    EXPECT_EQ(after(30), texts{"clock 3 0"});
-    EXPECT_EQ(settings(), texts{"pin 30 device 1 state disconnected"});
-    EXPECT_EQ(log.count("no pin for external input 2"), 1);
-    recover_from(0);
-    loop.run(30);
-    EXPECT_EQ(settings(), texts{"pin 11 device 1 state selectable"});
-}
-
-TEST_F(clock_test, an_external_input_is_known_by_each_of_its_labels) {
-    options.kernel.bits[0] = "EXT";
-    for (const std::uint16_t kind :
-         {DPLL_PIN_A_BOARD_LABEL, DPLL_PIN_A_PANEL_LABEL, DPLL_PIN_A_PACKAGE_LABEL}) {
-        fake_dpll& d = board(driver::automatic);
-        d.pins[30] = d.pins[11];
-        d.pins[30].label = "EXT";
-        d.pins[30].label_kind = kind;
-        start();
-        recover_from(1);
-        EXPECT_EQ(after(30), texts{"clock 4 8"}) << kind;
-        stop();
-    }
-}
-
-TEST_F(clock_test, switched_off_releases_our_pins_and_nobody_elses) {
-    fake_dpll& d = board(driver::automatic);
-    d.pins[40] = d.pins[11];  // a receiver for satellites, say
-    d.pins[40].devices[1] = PIN_SELECTABLE;
-    d.pins[40].prio = 9;
-    d.pins[41] = d.pins[11];
-    d.pins[41].output = true;
-    d.pins[41].devices[1] = PIN_CONNECTED;
-    start();
-    follow(1);
-    EXPECT_EQ(after(30).back(), "clock 4 1");
-    (void)requests();
-    enable(false);
-    EXPECT_EQ(after(30), texts{"clock 4 0"});  // locked, to something that is none of ours
-    EXPECT_EQ(settings(), texts{"pin 11 device 1 state disconnected"});
-}
-
-TEST_F(clock_test, nothing_is_touched_before_a_source_is_named) {
-    fake_dpll& d = board(driver::direct_manual);
-    d.pins[11].devices[1] = PIN_CONNECTED;
-    d.tracked = 11;
-    d.work();
-    start();
-    enable(true);
-    loop.run(30);
-    EXPECT_EQ(settings(), texts{});
-    select(1);  // as it is already
-    EXPECT_EQ(after(30), texts{});
-    EXPECT_EQ(settings(), texts{});
-}
-
-// --- states ---
-
-TEST_F(clock_test, lock_states_as_the_daemon_knows_them) {
-    fake_dpll& d = board(driver::direct_manual);
-    start_locked();
-    const std::pair<std::uint32_t, texts> states[] = {
-        {DPLL_STATUS_LOCKED, {}},  // without a holdover to fall back to, but locked still
-        {DPLL_STATUS_HOLDOVER, {"clock 3 0"}},
-        {DPLL_STATUS_UNLOCKED, {"clock 2 0"}},
-        {77, {"clock 5 0"}},  // a status of the future is transient
-        {DPLL_STATUS_LOCKED_HO_ACQ, {"clock 4 1"}}};
-    for (const auto& [status, told] : states) {
-        d.status = status;
-        d.notify_device();
-        EXPECT_EQ(after(1), told) << status;
-    }
-}
-
-TEST_F(clock_test, without_notifications_the_state_is_asked_for) {
-    board(driver::automatic).notifies = false;
-    start();
-    follow(1);
-    EXPECT_EQ(after(1000), texts{"clock 4 1"});
-    set_signal(11, false);
-    EXPECT_EQ(after(1001), texts{"clock 3 0"});
-    set_signal(11, true);
-    EXPECT_EQ(after(1010).back(), "clock 4 1");
-}
-
-TEST_F(clock_test, lost_notifications_and_disturbed_dumps_are_read_again) {
-    fake_dpll& d = board(driver::automatic);
-    d.disturbed_dumps = 2;
-    start_locked();
-    d.notifies = false;
-    set_signal(11, false);
-    kernel.generic_queue.push_back({-ENOBUFS, {}});
-    EXPECT_EQ(after(10), texts{"clock 3 0"});
-    EXPECT_EQ(requests(), (texts{"dump devices", "dump pins", "get pin 11"}));
-}
-
-// --- what can't be done ---
-
-TEST_F(clock_test, a_refused_source_is_said_in_one_line_and_becomes_holdover) {
-    fake_dpll& d = board(driver::forces_holdover);
-    start_locked();
-    d.refused[12] = EINVAL;
-    follow(2);
-    EXPECT_EQ(settings(), (texts{"pin 12 device 1 state connected", "pin 11 device 1 state disconnected"}));
-    EXPECT_EQ(log.count("clock: can't use pin 12 (eth2): Invalid argument"), 1);
-    EXPECT_EQ(c.take_all(), texts{"clock 3 0"});
-    d.refused.clear();
-    follow(2);
-    EXPECT_EQ(c.take_all(), texts{"clock 4 2"});
-}
-
-TEST_F(clock_test, a_pin_without_the_capability_is_not_even_tried) {
-    board(driver::direct_manual).pins[11].capabilities = 0;
-    start();
-    follow(1);
-    EXPECT_EQ(settings(), texts{});
-    EXPECT_EQ(log.count("can't use pin 11 (eth1): Operation not supported"), 1);
-}
-
-TEST_F(clock_test, pins_that_can_only_be_ranked_are_ranked_last) {
-    fake_dpll& d = board(driver::automatic);
-    for (const std::uint32_t id : {11U, 12U})
-        d.pins[id] = {.capabilities = PIN_CAN_PRIO, .devices = {{1, PIN_SELECTABLE}}};
-    start();
-    follow(1);
-    EXPECT_EQ(settings(), (texts{"pin 11 device 1 prio 0", "pin 12 device 1 prio 14"}));
-    follow(2);
-    EXPECT_EQ(settings(), (texts{"pin 12 device 1 prio 0", "pin 11 device 1 prio 14"}));
-    EXPECT_EQ(c.take_all().back(), "clock 4 2");
-}
-
-TEST_F(clock_test, without_permission_it_is_said_once_a_request) {
-    board(driver::direct_manual).refused = {{11, EPERM}, {12, EPERM}};
-    start();
-    follow(1);
-    EXPECT_EQ(log.count("Operation not permitted"), 1);
-    loop.run(5000);
-    EXPECT_EQ(log.count("Operation not permitted"), 1);
-}
-
-TEST_F(clock_test, a_busy_driver_is_asked_again_for_a_while) {
-    fake_dpll& d = board(driver::mux_automatic);
-    d.busy = 3;
-    start();
-    follow(1);
-    EXPECT_EQ(c.take_all(), texts{});
-    EXPECT_EQ(after(3100), texts{"clock 4 1"});
-    EXPECT_EQ(log.count("can't"), 0);
-    d.busy = 1000;
-    follow(2);
-    loop.run(60000);
-    EXPECT_EQ(log.count("stays busy"), 1);
-    (void)requests();
-    loop.run(10000);
-    EXPECT_EQ(settings(), texts{});
-}
-
-TEST_F(clock_test, a_port_without_a_pin_can_not_be_followed) {
-    fake_dpll& d = board(driver::automatic);
-    start_locked();
-    follow(3);
-    EXPECT_EQ(log.count("port 3 (eth3) has no clock pin"), 1);
-    EXPECT_EQ(settings(), texts{"pin 11 device 1 state disconnected"});
-    EXPECT_EQ(c.take_all(), texts{"clock 3 0"});
-    // The driver comes up with a pin for it.
-    d.pins[13] = d.pins[12];
-    kernel.set(port(3, 13));
-    loop.run(200);
-    EXPECT_EQ(settings(), (texts{"pin 13 device 1 prio 0", "pin 13 device 1 state selectable"}));
-}
-
-TEST_F(clock_test, a_device_that_goes_and_returns_gets_what_is_wanted) {
-    fake_dpll& d = board(driver::direct_manual);
-    start_locked();
-    d.has_device = false;
-    d.notify_pin(11, DPLL_CMD_PIN_DELETE_NTF);
-    d.notify_device(DPLL_CMD_DEVICE_DELETE_NTF);
-    EXPECT_EQ(after(200), texts{"clock 2 0"});
-    d.has_device = true;
-    d.pins[11].devices[1] = PIN_DISCONNECTED;
-    d.status = DPLL_STATUS_UNLOCKED;
-    d.notify_pin(11, DPLL_CMD_PIN_CREATE_NTF);
-    d.notify_device(DPLL_CMD_DEVICE_CREATE_NTF);
-    EXPECT_EQ(after(200), texts{"clock 4 1"});
-    EXPECT_EQ(settings(), texts{"pin 11 device 1 state connected"});
 }
 
 // --- the start ---
 
-TEST_F(clock_test, a_kernel_without_a_clock_for_ethernet) {
-    options.dpll = dpll_kind::automatic;
-    board(driver::direct_manual).there = false;
-    start();
-    follow(1);
-    EXPECT_EQ(c.take_all(), texts{});
-    EXPECT_EQ(log.count("this kernel has no clock interface, going on without"), 1);
-    stop();
-    board(driver::direct_manual).type = DPLL_TYPE_PPS;
-    start();
-    EXPECT_EQ(log.count("no clock device for Ethernet, going on without"), 1);
-    stop();
-    options.dpll = dpll_kind::kernel;  // asked for by name it must be there
-    board(driver::direct_manual).there = false;
-    EXPECT_EQ(nsmd_start(&loop.ctx, options, {kernel.edge(), nullptr, 1000}), nullptr);
-    EXPECT_EQ(log.count("error clock: this kernel has no clock interface"), 1);
-    board(driver::direct_manual).has_device = false;  // its driver may come later
-    start();
-    EXPECT_EQ(log.count("no kernel device yet"), 1);
+const struct {
+    dpll_kind wanted;
+    const char* board;
+    bool starts;
+    const char* said;
+} starts[] = {
+    {dpll_kind::automatic, "family 0", true, "this kernel has no clock interface, going on without"},
+    {dpll_kind::automatic, "type 1", true, "no clock device for Ethernet, going on without"},
+    // Asked for by name it must be there; its driver may come later.
+    {dpll_kind::kernel, "family 0", false, "error clock: this kernel has no clock interface"},
+    {dpll_kind::kernel, "has-device 0", true, "no kernel device yet"},
+};
+
+TEST(dpll, a_kernel_without_a_clock_for_ethernet) {
+    for (const auto& start : starts) {
+        clock_session s;
+        s.options.dpll = start.wanted;
+        s.act(start.board);
+        s.n = nsmd_start(&s.loop.ctx, s.options, {s.kernel.edge(), nullptr, 1000});
+        EXPECT_EQ(s.n != nullptr, start.starts) << start.said;
+        EXPECT_EQ(s.log.count(start.said), 1) << start.said;
+        if (s.n) s.play({{"connect", 0, "clock 2 0"}, {FOLLOW, 30, ""}});
+    }
 }
 
-TEST_F(clock_test, a_device_is_named_by_number_module_or_clock) {
-    board(driver::direct_manual);
+TEST(dpll, a_device_is_named_by_number_module_or_clock) {
     const std::pair<const char*, bool> names[] = {{"1", true},     {"chip", true},
                                                   {"2", false},    {"chip/0011223344556677", true},
                                                   {"ship", false}, {"chip/11223344556678", false},
                                                   {"chip/", false}};
     for (const auto& [name, found] : names) {
-        options.kernel.device = name;
-        const long before = log.count("kernel device 1 of chip");
-        start_alone();
-        EXPECT_EQ(log.count("kernel device 1 of chip") - before, found) << name;
-        stop();
+        clock_session s;
+        s.options.kernel.device = name;
+        s.start();
+        EXPECT_EQ(s.log.count("kernel device 1 of chip"), found) << name;
     }
 }
 
-TEST_F(clock_test, the_status_shows_device_and_pins) {
-    board(driver::mux_automatic);
-    start_locked();
-    const std::string all = status();
+TEST(dpll, the_status_shows_device_and_pins) {
+    clock_session s(driver::mux_automatic);
+    s.start();
+    s.play({{FOLLOW, 30, "clock 4 1"}});
+    const std::string all = s.status();
     EXPECT_GT(all.size(), NSM_MESSAGE_MAX);
     for (const char* part :
          {"kernel device 1 (chip 0011223344556677), automatic, status 3",
-          "pin 11 (eth1): on pin 21, connected", "pin 21 (unnamed): on device 1, connected, priority 0"})
+          "pin 11 (sw1): on pin 21, connected", "pin 21 (unnamed): on device 1, connected, priority 0"})
         EXPECT_NE(all.find(part), std::string::npos) << part << " in\n" << all;
 }
 

@@ -1,16 +1,11 @@
 // The disk fails at each call that saves nsmd's port indexes and the simulated clock's registers.
-#include <gtest/gtest.h>
-#include <linux/if_arp.h>
 #include <sys/wait.h>
 
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 
 #include "nsmd/clock/sim.h"
-#include "suite/base/memory.h"
-#include "suite/log/log.h"
-#include "suite/loop/thread.h"
+#include "nsmd_support.h"
 #include "suite/rights/user.h"
 #include "unit/failing_disk.h"
 
@@ -18,124 +13,92 @@ namespace {
 
 using failing_disk::fault;
 
-class NsmdFailingDisk : public testing::Test {
-  protected:
-    void SetUp() override {
-        char name[] = "/tmp/nsmd_disk_XXXXXX";
-        folder = mkdtemp(name);
-        path = folder + "/file";
-        memory_init(0);
-        log_open("test");
-        log_use_sink(LOG_SINK_STDERR, false);
-        log_add_tap(count_warning, this);
+// What saves to a file: what that says at first, after a change that meets the disk's fault, and after
+// another.
+struct indexes {
+    static constexpr const char *FIRST = "1 p1\n", *SECOND = "1 p1\n2 p2\n", *THIRD = "1 p1\n2 p2\n3 p3\n";
+    recorded_table ports{{"p*"}};
+
+    explicit indexes(const char* path) { port_table_keep_indexes(ports.table, path); }
+    void change(int nth) {
+        const std::string number = std::to_string(nth);
+        port_table_link(ports.table, info_of("p" + number + " " + number));
+        EXPECT_EQ(ports.take(), "p" + number + " " + number + " added") << "it goes on without the file";
     }
-    void TearDown() override {
-        log_remove_tap(count_warning, this);
-        log_close();
-        EXPECT_EQ(std::system(("rm -r " + folder).c_str()), 0);
+};
+
+struct registers {
+    static constexpr const char *FIRST = "2 0 0 0 0 0\n", *SECOND = "2 0 1 0 1 0\n", *THIRD = SECOND;
+    virtual_loop loop;
+    dpll_backend clock;
+
+    explicit registers(const char* path)
+        : clock(dpll_sim_create(&loop.ctx, nullptr, {1000, 0, path},
+                                {[](void*, const dpll_report&) {}, nullptr})) {}
+    ~registers() { clock.finish(clock.self); }
+    void change(int nth) { clock.apply(clock.self, {nth > 1, 0, nth > 1, 0}); }
+};
+
+struct nsmd_failing_disk : testing::Test {
+    log_lines log;
+    char folder[32] = "/tmp/nsmd_disk_XXXXXX";
+    std::string path = std::string(mkdtemp(folder)) + "/file";
+    int kept = 0;
+
+    ~nsmd_failing_disk() override {
+        unlink(path.c_str());
+        EXPECT_EQ(rmdir(folder), 0);
     }
-    static void count_warning(void* arg, int level, const char* line, std::size_t length) {
-        const bool is_it = std::string_view(line, length).find(" can't write ") != std::string_view::npos;
-        if (level == LOG_LEVEL_WARNING && is_it) ++static_cast<NsmdFailingDisk*>(arg)->warnings;
-    }
-    std::string content() {
+    std::string content() const {
         std::ostringstream all;
         all << std::ifstream(path).rdbuf();
         return all.str();
     }
-    static link_info port(unsigned index) {
-        link_info link{};
-        link.kernel_ifindex = index;
-        link.hardware_type = ARPHRD_ETHER;
-        std::snprintf(link.name, sizeof link.name, "p%u", index);
-        link.complete = true;
-        return link;
-    }
-
-    // A second port's index is saved after the first's, then a third's.
-    bool indexes_saved_after(fault kind, int at) {
-        std::ofstream(path).close();
-        warnings = 0;
-        port_table* table = port_table_create(
-            nullptr, 0,
-            {[](void*, const nsmd_port&, port_event) {}, [](void*, const bridge_identity&) {}, nullptr});
-        port_table_keep_indexes(table, path.c_str());
-        port_table_link(table, port(1));
-        EXPECT_EQ(content(), "1 p1\n");
+    // Whether there was a call with that number.
+    template <typename saver>
+    bool strikes(fault kind, int at) {
+        if (!std::ofstream(path)) ADD_FAILURE();
+        log.lines.clear();
+        saver s(path.c_str());
+        s.change(1);
+        EXPECT_EQ(content(), saver::FIRST);
         failing_disk::arm(path, kind, at);
-        port_table_link(table, port(2));
-        const bool struck = failing_disk::disarm();
-        EXPECT_NE(port_table_find(table, 2), nullptr) << "it goes on without the file";
-        const std::string left = content();
-        EXPECT_TRUE(left == "1 p1\n2 p2\n" || left == "1 p1\n" || left.empty()) << left;
-        EXPECT_EQ(warnings, left != "1 p1\n2 p2\n");
-        kept += left == "1 p1\n";
-        port_table_link(table, port(3));
-        EXPECT_EQ(content(), "1 p1\n2 p2\n3 p3\n") << "there is room again";
-        port_table_free(table);
-        return struck;
-    }
-
-    bool registers_saved_after(fault kind, int at) {
-        unlink(path.c_str());
-        warnings = 0;
-        lib_globals ctx{};
-        ctx.master = thread_master_create();
-        const dpll_sim_options options{1000, 0, path.c_str()};
-        const dpll_backend clock =
-            dpll_sim_create(&ctx, nullptr, options, {[](void*, const dpll_report&) {}, nullptr});
-        const dpll_wanted off{false, 0, false, 0}, held{true, 0, true, 0};
-        clock.apply(clock.self, off);
-        EXPECT_EQ(content(), "2 0 0 0 0 0\n");
-        failing_disk::arm(path, kind, at);
-        clock.apply(clock.self, held);
+        s.change(2);
         const bool struck = failing_disk::disarm();
         const std::string left = content();
-        EXPECT_TRUE(left == "2 0 0 0 0 0\n" || left == "2 0 1 0 1 0\n" || left.empty()) << left;
-        EXPECT_TRUE(warnings == 1 || left == "2 0 1 0 1 0\n");
-        kept += left == "2 0 0 0 0 0\n";
-        clock.apply(clock.self, held);
-        EXPECT_EQ(content(), "2 0 1 0 1 0\n");
-        clock.finish(clock.self);
-        thread_master_finish(ctx.master);
+        EXPECT_TRUE(left == saver::FIRST || left == saver::SECOND || left.empty()) << left;
+        EXPECT_TRUE(left == saver::SECOND || log.count(" can't write ") == 1);
+        kept += left == saver::FIRST;
+        s.change(3);
+        EXPECT_EQ(content(), saver::THIRD) << "there is room again";
         return struck;
     }
-
-    template <typename body>
-    int after_each(body run) {
-        for (int at = 1;; ++at)
-            if (SCOPED_TRACE("call " + std::to_string(at)); !run(at) || HasFailure()) return at - 1;
+    // Each call fails, takes half, or finds the disk full: at least so many there are.
+    template <typename saver>
+    void expect_calls(int fail, int full) {
+        for (const fault kind : {fault::once, fault::cut, fault::full}) {
+            int at = 1;
+            while (strikes<saver>(kind, at) && !HasFailure()) ++at;
+            EXPECT_GT(at, kind == fault::full ? full : fail);
+        }
     }
-    int indexes(fault kind) {
-        return after_each([&](int at) { return indexes_saved_after(kind, at); });
-    }
-    int registers(fault kind) {
-        return after_each([&](int at) { return registers_saved_after(kind, at); });
-    }
-
-    std::string folder, path;
-    int warnings = 0, kept = 0;
 };
 
-TEST_F(NsmdFailingDisk, IndexesByANewFile) {
-    EXPECT_GE(indexes(fault::once), 4);
-    EXPECT_GE(indexes(fault::cut), 4);
-    EXPECT_GE(indexes(fault::full), 2);
+TEST_F(nsmd_failing_disk, indexes_by_a_new_file) {
+    expect_calls<indexes>(4, 2);
     EXPECT_GE(kept, 3);
 }
 
-TEST_F(NsmdFailingDisk, IndexesInPlaceByAnotherUser) {
+TEST_F(nsmd_failing_disk, indexes_in_place_by_another_user) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root";
     const pid_t child = fork();
     if (child == 0) {
         rights_user user;
         EXPECT_EQ(rights_user_find("65534:65534", &user), nullptr);
-        EXPECT_EQ(chmod(folder.c_str(), 0755), 0);
+        EXPECT_EQ(chmod(folder, 0755), 0);
         EXPECT_EQ(rights_give(path.c_str(), user, true), 1);
         EXPECT_EQ(rights_become(user, 0), 0);
-        EXPECT_GE(indexes(fault::once), 7);
-        EXPECT_GE(indexes(fault::cut), 7);
-        EXPECT_GE(indexes(fault::full), 3);
+        expect_calls<indexes>(7, 3);
         std::fflush(nullptr);
         _exit(HasFailure() ? 1 : 0);
     }
@@ -144,10 +107,8 @@ TEST_F(NsmdFailingDisk, IndexesInPlaceByAnotherUser) {
     EXPECT_EQ(status, 0);
 }
 
-TEST_F(NsmdFailingDisk, RegistersOfTheSimulatedClock) {
-    EXPECT_GE(registers(fault::once), 4);
-    EXPECT_GE(registers(fault::cut), 4);
-    EXPECT_GE(registers(fault::full), 2);
+TEST_F(nsmd_failing_disk, registers_of_the_simulated_clock) {
+    expect_calls<registers>(4, 2);
     EXPECT_GE(kept, 2);
 }
 

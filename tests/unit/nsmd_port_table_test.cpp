@@ -1,234 +1,194 @@
 // Which links are ports, which index they get, and what is told of their changes.
+#include <fstream>
+
 #include "nsmd_support.h"
 
 namespace {
 
-struct ports : testing::Test {
-    log_lines log;
-    virtual_loop loop;  // for the memory that it begins with
-    recorded_table reports{{"sw*", "x?"}};
-    port_table* table = reports.table;
-
-    void link(const fake_link& l) {
-        const message data = link_octets(l);
-        const_octets rest{data};
-        nl_message m;
-        link_info info;
-        ASSERT_TRUE(nl_next_message(&rest, &m) && link_message_parse(m, &info));
-        port_table_link(table, info);
-    }
-    void add(int index, const std::string& name) { link({.index = index, .name = name}); }
-    void add(int first, int last, int offset) {
-        for (int i = first; i <= last; ++i) add(i + offset, "sw" + std::to_string(i));
-    }
-    std::uint32_t index_of(const std::string& name) const {
-        for (const nsmd_port* p = port_table_first(table); p; p = p->next)
-            if (name == p->name) return p->ifindex;
-        return 0;
-    }
-    texts take() { return reports.take(); }
+struct step_of_links {
+    const char* happens;  // links by their texts, and the verbs below
+    const char* told;
 };
 
-TEST_F(ports, hardware_dsa_and_named_links_are_ports_others_are_not) {
-    const struct {
-        const char *name, *kind;
-        unsigned short hardware;
-        bool is_port;
-    } cases[] = {{"eth0", "", ARPHRD_ETHER, true},       {"lan1", "dsa", ARPHRD_ETHER, true},
-                 {"veth0", "veth", ARPHRD_ETHER, false}, {"sw9", "veth", ARPHRD_ETHER, true},
-                 {"x1", "macvlan", ARPHRD_ETHER, true},  {"x12", "macvlan", ARPHRD_ETHER, false},
-                 {"lo", "", ARPHRD_LOOPBACK, false},     {"sw8", "tun", ARPHRD_NONE, false},
-                 {"sw7", "bridge", ARPHRD_ETHER, false}};
-    int index = 0;
-    for (const auto& c : cases) {
-        link({.index = ++index, .name = c.name, .kind = c.kind, .hardware = c.hardware});
-        EXPECT_EQ(index_of(c.name) != 0, c.is_port) << c.name;
+struct port_story {
+    const char* fault;  // what it would be
+    std::vector<step_of_links> steps;
+    const char* said = "port";
+    long times = 0;
+};
+
+struct links {
+    log_lines log;
+    virtual_loop loop;  // for the memory that it begins with
+    recorded_table ports{{"sw*", "x?"}};
+    const std::string path = "/tmp/nsmd-indexes-" + std::to_string(getpid());
+
+    ~links() { unlink(path.c_str()); }
+    void keep() { port_table_keep_indexes(ports.table, path.c_str()); }
+    void link(const std::string& text) {
+        const link_info info = info_of(text);
+        if (info.kernel_ifindex) port_table_link(ports.table, info);
     }
-}
-
-// --- indexes ---
-
-TEST_F(ports, the_kernels_index_where_it_fits_else_the_lowest_free_one) {
-    for (const int index : {7, 255, 256, 70000}) add(index, "sw" + std::to_string(index));
-    EXPECT_EQ(index_of("sw7"), 7U);
-    EXPECT_EQ(index_of("sw255"), 255U);
-    EXPECT_EQ(index_of("sw256"), 1U);
-    EXPECT_EQ(index_of("sw70000"), 2U);
-    add(1, "sw1");  // taken by another meanwhile
-    EXPECT_EQ(index_of("sw1"), 3U);
-}
-
-// A restart of nsmd must number as before, whatever the order of the kernel's list.
-TEST_F(ports, in_a_dump_the_kernels_indexes_come_first) {
-    port_table_dump_begin(table);
-    add(300, "sw300");
-    add(1, "sw1");
-    EXPECT_EQ(take(), texts{});
-    port_table_dump_end(table);
-    EXPECT_EQ(reports.take_ports(), (texts{"sw1 1 added", "sw300 2 added"}));
-}
-
-TEST_F(ports, a_port_that_returns_finds_its_index) {
-    add(300, "sw300");
-    port_table_link_gone(table, 300);
-    add(302, "sw302");
-    EXPECT_EQ(index_of("sw302"), 2U);      // 1 is kept
-    for (const int returned : {999, 9}) {  // also with a kernel index that would fit
-        add(returned, "sw300");
-        EXPECT_EQ(index_of("sw300"), 1U);
-        port_table_link_gone(table, static_cast<std::uint32_t>(returned));
+    // From the first number to the last, and what to add to get the kernel's index; what is told is dropped.
+    void many(std::istream& words) {
+        long number, last, offset;
+        for (words >> number >> last >> offset; number <= last; ++number)
+            link("sw" + std::to_string(number) + " " + std::to_string(number + offset));
+        ports.take();
     }
+    void act(const std::string& text) {
+        std::istringstream words(text);
+        std::string verb;
+        std::uint32_t index;
+        words >> verb >> std::ws;
+        if (verb == "gone" && words >> index) return port_table_link_gone(ports.table, index);
+        if (verb == "dump") return port_table_dump_begin(ports.table);
+        if (verb == "end") return port_table_dump_end(ports.table);
+        if (verb == "no-memory") return memmgr_fail_at(1);
+        if (verb == "many") return many(words);
+        if (verb == "keep") return keep();
+        if (verb == "restart") return ports.restart(), keep();
+        if (verb == "blow-up") return void(std::ofstream(path) << std::string(100000, 'x'));
+        if (verb != "file" && verb != "says") return link(text);
+        // The file's lines end with semicolons here.
+        std::string lines(std::istreambuf_iterator<char>(words), {}), content;
+        std::replace(lines.begin(), lines.end(), ';', '\n');
+        if (verb == "file") std::ofstream(path) << lines;
+        std::getline(std::ifstream(path), content, '\0');
+        EXPECT_EQ(content, lines);
+    }
+    void play(const port_story& story) {
+        SCOPED_TRACE(story.fault);
+        for (const auto& [happens, told] : story.steps) {
+            for (const auto& one : parts_of(happens)) act(one);
+            EXPECT_EQ(ports.take(), told) << happens;
+        }
+        memmgr_fail_at(0);
+        EXPECT_EQ(log.count(story.said), story.times);
+    }
+};
+
+const port_story PORTS[] = {
+    {"a link is a port that is none, or none that is one: hardware, DSA, and others by their names",
+     {{"eth0 1 kind -, lan1 2 kind dsa, sw9 3, x1 4 kind macvlan",
+       "eth0 1 added, lan1 2 added, sw9 3 added, x1 4 added"},
+      {"veth0 5, x12 6 kind macvlan, lo 7 kind - hardware 772, sw8 8 kind tun hardware 65534", ""},
+      {"sw7 9 kind bridge", ""}}},
+
+    // --- indexes ---
+
+    {"not the kernel's index where it fits, or not the lowest free one else",
+     {{"sw7 7, sw255 255", "sw7 7 added, sw255 255 added"},
+      {"sw256 256, sw70000 70000", "sw256 1 added, sw70000 2 added"},
+      {"sw1 1", "sw1 3 added"}}},  // taken by another meanwhile
+    {"a restart of nsmd numbers otherwise, in the order of the kernel's list",
+     {{"dump, sw300 300, sw1 1", ""}, {"end", "sw1 1 added, sw300 2 added"}}},
+    {"a port that returns does not find its index",
+     {{"sw300 300, gone 300", "sw300 1 added, sw300 1 removed"},
+      {"sw302 302", "sw302 2 added"},  // 1 is kept
+      {"sw300 999, gone 999", "sw300 1 added, sw300 1 removed"},
+      {"sw300 9", "sw300 1 added"}}},  // also with a kernel index that would fit
+    {"the 256th port does not wait, or takes not the place of one that leaves",
+     {{"many 0 254 1000, sw255 1255, sw255 1255", ""}, {"gone 1100", "sw100 101 removed, sw255 101 added"}},
+     "sw255 is left out",
+     1},
+    {"when kept indexes run out, another one than that left longest ago is given",
+     {{"many 1 255 0, gone 40, gone 30", "sw40 40 removed, sw30 30 removed"},
+      {"sw500 500, sw30 30", "sw500 40 added, sw30 30 added"}}},
+    {"a renamed port is not an old one gone and a new one come under its index",
+     {{"sw4 4, sw5 4", "sw4 4 added, sw4 4 removed, sw5 4 added"},
+      {"other0 4 kind -", "sw5 4 removed, other0 4 added"},  // hardware: a port whatever its name
+      {"sw6 6, other6 6", "sw6 6 added, sw6 6 removed"},     // no pattern any more
+      {"gone 4, sw5 900", "other0 4 removed, sw5 1 added"},  // the index is kept for the last name
+      {"other0 901 kind -", "other0 4 added"}}},
+    {"two ports that swap their names swap more",
+     {{"swA 1, swB 2, swtmp 1", "swA 1 added, swB 2 added, swA 1 removed, swtmp 1 added"},
+      {"swA 2, swB 1", "swB 2 removed, swA 2 added, swtmp 1 removed, swB 1 added"}}},
+
+    // --- indexes in a file ---
+
+    {"the next nsmd does not number alike, or gives what is reserved away",
+     {{"keep, sw10 10, swfar 300, swnear 301, swpast 302",
+       "sw10 10 added, swfar 1 added, swnear 2 added, swpast 3 added"},
+      {"gone 302, gone 301, sw11 11", "swpast 3 removed, swnear 2 removed, sw11 11 added"},
+      {"says 3 swpast;2 swnear;1 swfar;10 sw10;11 sw11;", ""},  // those left longest ago first
+      {"restart, swnew 10", "swnew 4 added"},
+      {"swnear 400, sw10 401", "swnear 2 added, sw10 10 added"}}},
+    {"a full file of the longest names does not fit",
+     {{"keep, many 1000000000001 1000000000255 -1000000000000, restart", ""},
+      {"sw1000000000255 900, sw1000000000001 901", "sw1000000000255 255 added, sw1000000000001 1 added"},
+      {"swnew 902", "swnew 2 added"}}},  // all are reserved: one of them has to give way
+    {"nonsense in the file is taken",
+     {{"file 0 swzero;256 swbig;-1 swminus;7;word;;8 swgood;8 swbetter;9 swgood;4294967297 swwraps;5 swcut",
+       ""},
+      {"keep, swgood 900, swbetter 901", "swgood 9 added, swbetter 8 added"},
+      {"swzero 902, swbig 903, swminus 904", "swzero 1 added, swbig 2 added, swminus 3 added"},
+      {"swwraps 905, swcut 906", "swwraps 4 added, swcut 5 added"},
+      {"blow-up, restart, swgood 1", "swgood 1 added"}}},
+
+    // --- up and down ---
+
+    {"a flap within one message is not down and up, or one that nobody saw is",
+     {{"sw1 1", "sw1 1 added"},
+      {"sw1 1 downs 2", "sw1 1 down, sw1 1 up"},
+      {"sw1 1 downs 2", ""},  // the same state told again is no second flap
+      // Counted while it was down anyway: nothing came and went for those who use it.
+      {"sw1 1 down downs 3, sw1 1 down downs 5", "sw1 1 down"},
+      {"sw1 1 downs 6", "sw1 1 up"}}},
+    {"a flap is not seen by the common counter of old kernels",
+     {{"sw1 1 downs -1 changes 5", "sw1 1 added"},
+      {"sw1 1 downs -1 changes 6", ""},  // the first up after the port was made
+      {"sw1 1 downs -1 changes 8", "sw1 1 down, sw1 1 up"}}},
+    {"what a whole dump leaves out stays, or goes with a spoiled one",
+     {{"many 1 3 0, dump, sw2 2", ""},
+      {"sw3 9", ""},  // deleted and made again while nobody looked
+      {"dump, sw3 9, sw1 1", ""},
+      {"end", "sw2 2 removed, sw3 3 removed, sw3 3 added"}}},
+    {"a link is up without administration, operation or carrier, or down where its driver does not tell",
+     {{"sw1 1", "sw1 1 added"},
+      {"sw1 1 oper 0", ""},
+      {"sw1 1 carrier 0", "sw1 1 down"},  // the operational state lags behind
+      {"sw1 1, sw1 1 admin 0", "sw1 1 up, sw1 1 down"},
+      {"sw1 1 oper 1, sw1 1 oper 2, sw1 1 oper 3, sw1 1 oper 4, sw1 1 oper 5", ""}}},
+    {"a bridge that speaks about its port is the port", {{"sw1 1 family 7", ""}}},
+    {"a changed clock pin is not told",
+     {{"sw1 1, sw1 1 pin 0", "sw1 1 added, sw1 1 pin"},  // a valid identity
+      {"sw1 1 pin 7", "sw1 1 pin"},
+      {"sw1 1 pin 7", ""},
+      {"sw1 1 pin 8, sw1 1", "sw1 1 pin, sw1 1 pin"}}},
+    {"a port for which there is no memory is lost",
+     {{"no-memory, sw1 1", ""}, {"sw1 1", "sw1 1 added"}},
+     "no memory for port sw1",
+     1},
+};
+
+const port_story IDENTITIES[] = {
+    {"the identity is not that of the lowest bridge with a port of ours",
+     {{"br20 20 kind bridge mac 99", ""},  // none while no port of ours is in it
+      {"sw3 3 mac 30", "sw3 3 added, bridge sw3 30"},
+      {"sw3 3 mac 30 master 20", "bridge br20 99"},
+      {"br10 10 kind bridge mac 77", ""},
+      {"sw4 4 mac 30 master 10", "sw4 4 added, bridge br10 77"},
+      {"br10 10 kind bridge mac 78", "bridge br10 78"},
+      {"gone 10", "bridge br20 99"},
+      {"gone 20", "bridge sw3 30"},
+      {"gone 3, gone 4", "sw3 3 removed, sw4 4 removed"}}},  // the last one is kept
+    {"without a bridge it is not the lowest address of a port, or a changed one is not told",
+     {{"sw1 1 mac 5, sw2 2 mac 4", "sw1 1 added, bridge sw1 5, sw2 2 added, bridge sw2 4"},
+      {"sw3 3 mac 6", "sw3 3 added"},
+      {"sw3 3 mac 2", "sw3 3 added, bridge sw3 2"}}},
+};
+
+TEST(port_table, ports) {
+    for (const auto& story : PORTS) links{}.play(story);
 }
 
-TEST_F(ports, the_256th_port_waits_and_takes_the_place_of_one_that_leaves) {
-    add(0, 255, 1000);
-    add(1255, "sw255");
-    EXPECT_EQ(index_of("sw255"), 0U);
-    EXPECT_EQ(log.count("sw255 is left out"), 1);
-    const std::string freed = std::to_string(index_of("sw100"));
-    (void)take();
-    port_table_link_gone(table, 1100);
-    EXPECT_EQ(take(), (texts{"sw100 " + freed + " removed", "sw255 " + freed + " added"}));
-}
-
-TEST_F(ports, when_kept_indexes_run_out_the_one_left_longest_ago_is_given) {
-    add(1, 255, 0);
-    port_table_link_gone(table, 40);
-    port_table_link_gone(table, 30);
-    add(500, "sw500");
-    EXPECT_EQ(index_of("sw500"), 40U);
-    add(30, "sw30");
-    EXPECT_EQ(index_of("sw30"), 30U);
-}
-
-TEST_F(ports, a_renamed_port_is_an_old_one_gone_and_a_new_one_come_under_its_index) {
-    add(4, "sw4");
-    add(4, "sw5");
-    add(4, "other0");  // hardware: a port whatever its name
-    EXPECT_EQ(reports.take_ports(),
-              (texts{"sw4 4 added", "sw4 4 removed", "sw5 4 added", "sw5 4 removed", "other0 4 added"}));
-    link({.index = 6, .name = "sw6", .kind = "veth"});
-    link({.index = 6, .name = "other6", .kind = "veth"});  // no pattern any more
-    EXPECT_EQ(take(), (texts{"sw6 6 added", "sw6 6 removed"}));
-    // What the index is kept for is the last name.
-    port_table_link_gone(table, 4);
-    add(900, "sw5");
-    EXPECT_EQ(index_of("sw5"), 1U);
-    add(901, "other0");
-    EXPECT_EQ(index_of("other0"), 4U);
-}
-
-TEST_F(ports, two_ports_that_swap_their_names_swap_nothing_else) {
-    add(1, "swA");
-    add(2, "swB");
-    add(1, "swtmp");
-    add(2, "swA");
-    add(1, "swB");
-    EXPECT_EQ(index_of("swB"), 1U);
-    EXPECT_EQ(index_of("swA"), 2U);
-}
-
-// --- up and down ---
-
-TEST_F(ports, a_flap_within_one_message_is_down_and_up) {
-    link({});
-    (void)take();
-    link({.carrier_downs = 2});
-    link({.carrier_downs = 2});  // the same state told again is no second flap
-    EXPECT_EQ(take(), (texts{"sw1 1 down", "sw1 1 up"}));
-    // Counted while it was down anyway: nothing came and went for those who use it.
-    link({.up = false, .carrier_downs = 3});
-    link({.up = false, .carrier_downs = 5});
-    EXPECT_EQ(take(), texts{"sw1 1 down"});
-    link({.carrier_downs = 6});
-    EXPECT_EQ(take(), texts{"sw1 1 up"});
-}
-
-TEST_F(ports, a_flap_is_seen_by_the_common_counter_of_old_kernels) {
-    link_info info{};
-    info.kernel_ifindex = 1;
-    info.hardware_type = ARPHRD_ETHER;
-    std::strcpy(info.name, "eth0");
-    info.flags = IFF_UP;
-    info.operstate = IF_OPER_UP;
-    info.carrier = true;
-    const auto told_with = [&](std::uint32_t carrier_changes) {
-        info.carrier_changes = carrier_changes;
-        port_table_link(table, info);
-        return take();
-    };
-    EXPECT_EQ(told_with(5), texts{"eth0 1 added"});
-    EXPECT_EQ(told_with(6), texts{});  // the first up after the port was made
-    EXPECT_EQ(told_with(8), (texts{"eth0 1 down", "eth0 1 up"}));
-}
-
-TEST_F(ports, what_a_whole_dump_leaves_out_is_gone) {
-    add(1, 3, 0);
-    (void)take();
-    port_table_dump_begin(table);
-    add(2, "sw2");
-    add(9, "sw3");                 // deleted and made again while nobody looked
-    port_table_dump_begin(table);  // the first one was spoiled: it proves nothing
-    EXPECT_EQ(take(), texts{});
-    add(9, "sw3");
-    add(1, "sw1");
-    port_table_dump_end(table);
-    EXPECT_EQ(take(), (texts{"sw2 2 removed", "sw3 3 removed", "sw3 3 added"}));
-}
-
-// --- the switch's identity ---
-
-TEST_F(ports, the_identity_is_the_lowest_bridge_with_a_port_of_ours) {
-    const fake_link br20{.index = 20, .name = "br20", .kind = "bridge", .mac_last = 99};
-    const fake_link br10{.index = 10, .name = "br10", .kind = "bridge", .mac_last = 77};
-    fake_link moved = br10;
-    moved.mac_last = 78;
-    link(br20);
-    EXPECT_EQ(take(), texts{});  // none while no port of ours is in it
-    link({.index = 3, .name = "sw3", .mac_last = 30});
-    EXPECT_EQ(take(), (texts{"sw3 3 added", "bridge sw3 30"}));
-    link({.index = 3, .name = "sw3", .mac_last = 30, .master = 20});
-    EXPECT_EQ(take(), texts{"bridge br20 99"});
-    link(br10);
-    EXPECT_EQ(take(), texts{});
-    link({.index = 4, .name = "sw4", .mac_last = 30, .master = 10});
-    EXPECT_EQ(take(), (texts{"sw4 4 added", "bridge br10 77"}));
-    link(moved);
-    EXPECT_EQ(take(), texts{"bridge br10 78"});
-    port_table_link_gone(table, 10);
-    EXPECT_EQ(take(), texts{"bridge br20 99"});
-    // A switch that lost its last port keeps the identity that it had.
-    port_table_link_gone(table, 20);
-    (void)take();
-    port_table_link_gone(table, 3);
-    port_table_link_gone(table, 4);
-    EXPECT_EQ(take(), (texts{"sw3 3 removed", "sw4 4 removed"}));
-}
-
-TEST_F(ports, without_a_bridge_the_lowest_address_of_a_port) {
-    link({.index = 1, .name = "sw1", .mac_last = 5});
-    link({.index = 2, .name = "sw2", .mac_last = 4});
-    link({.index = 3, .name = "sw3", .mac_last = 6});
-    EXPECT_EQ(take(), (texts{"sw1 1 added", "bridge sw1 5", "sw2 2 added", "bridge sw2 4", "sw3 3 added"}));
-    link({.index = 3, .name = "sw3", .mac_last = 2});  // a changed address is told
-    EXPECT_EQ(take(), (texts{"sw3 3 added", "bridge sw3 2"}));
-}
-
-// --- clock pins ---
-
-TEST_F(ports, a_changed_clock_pin_is_told) {
-    for (const int pin : {-1, 7, 7, 8, -1}) link({.pin = pin});
-    EXPECT_EQ(reports.take_ports(), (texts{"sw1 1 added", "sw1 1 pin", "sw1 1 pin", "sw1 1 pin"}));
-}
-
-TEST_F(ports, a_port_for_which_there_is_no_memory_is_taken_by_the_next_message) {
-    memmgr_fail_at(1);
-    add(1, "sw1");
-    EXPECT_EQ(index_of("sw1"), 0U);
-    EXPECT_EQ(log.count("no memory for port sw1"), 1);
-    add(1, "sw1");
-    EXPECT_EQ(index_of("sw1"), 1U);
-    memmgr_fail_at(0);
+TEST(port_table, identities) {
+    for (const auto& story : IDENTITIES) {
+        links l;
+        l.ports.with_bridges = true;
+        l.play(story);
+    }
 }
 
 }  // namespace

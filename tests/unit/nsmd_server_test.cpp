@@ -12,26 +12,24 @@ namespace {
 struct server : testing::Test {
     log_lines log;
     virtual_loop loop;
-    nsmd_server* s = nullptr;
-    texts calls;
+    said calls;
+    nsmd_server* s = make();
 
-    void SetUp() override {
+    ~server() override { nsmd_server_free(s); }
+    nsmd_server* make() {
         const auto status = [](void*, text_buffer*) { return true; };
-        s = nsmd_server_create(&loop.ctx, {dump, request, clients, status, this});
-        ASSERT_NE(s, nullptr);
+        return nsmd_server_create(&loop.ctx, {dump, request, clients, status, this});
     }
-    void TearDown() override { nsmd_server_free(s); }
     static void dump(void* arg, nsmd_peer* peer) {
         nsmd_server_send_clock(static_cast<server*>(arg)->s, peer, 2, 0);
     }
     static void request(void* arg, std::uint16_t type, const std::uint32_t (&w)[NSM_REQUEST_WORDS]) {
-        static_cast<server*>(arg)->calls.push_back("request " + std::to_string(type) + " " +
-                                                   std::to_string(w[0]) + " " + std::to_string(w[1]) + " " +
-                                                   std::to_string(w[2]));
+        std::string words;
+        for (const std::uint32_t word : w) words += " " + std::to_string(word);
+        static_cast<server*>(arg)->calls.add("request " + std::to_string(type) + words);
     }
     static void clients(void* arg, std::uint32_t count, bool clean) {
-        static_cast<server*>(arg)->calls.push_back("clients " + std::to_string(count) +
-                                                   (clean ? " clean" : ""));
+        static_cast<server*>(arg)->calls.add("clients " + std::to_string(count) + (clean ? " clean" : ""));
     }
     bool adopt(nsm_test_client* c) { return nsmd_server_adopt(s, c->dial(&loop)) != nullptr; }
     void connect(nsm_test_client* c) {
@@ -47,9 +45,9 @@ struct server : testing::Test {
         if (reader) (void)reader->take_all();
     }
     // What the owner was called for, once all that was sent has been read.
-    texts called() {
+    std::string called() {
         loop.run(1);
-        return std::exchange(calls, {});
+        return calls.take();
     }
 };
 
@@ -60,55 +58,53 @@ TEST_F(server, each_client_has_its_own_sequence_and_goes_alone) {
     nsmd_server_send_clock(s, nullptr, 3, 0);
     connect(&b);
     nsmd_server_send_clock(s, nullptr, 4, 0);
-    EXPECT_EQ(a.take_all(), (texts{"ack 0", "clock 2 0", "sync", "clock 3 0", "clock 4 0"}));
-    EXPECT_EQ(b.take_all(), (texts{"ack 0", "clock 2 0", "sync", "clock 4 0"}));
+    EXPECT_EQ(a.take_all(), "ack 0, clock 2 0, sync, clock 3 0, clock 4 0");
+    EXPECT_EQ(b.take_all(), "ack 0, clock 2 0, sync, clock 4 0");
     a.hang_up();
     loop.run(1);
     nsmd_server_send_clock(s, nullptr, 2, 0);
-    EXPECT_EQ(b.take_all(), texts{"clock 2 0"});
-    EXPECT_EQ(silent.take_all(), texts{});  // it has not said HELLO
+    EXPECT_EQ(b.take_all(), "clock 2 0");
+    EXPECT_EQ(silent.take_all(), "");  // it has not said HELLO
     b.say(NSM_MSG_BYE);
     b.hang_up();
-    EXPECT_EQ(called(), (texts{"clients 1", "clients 2", "clients 1", "clients 0 clean"}));
+    EXPECT_EQ(called(), "clients 1, clients 2, clients 1, clients 0 clean");
 }
 
 TEST_F(server, another_version_is_refused_and_closed) {
     nsm_test_client c;
     ASSERT_TRUE(adopt(&c));
     c.hello(2);
-    EXPECT_EQ(called(), texts{});
-    EXPECT_EQ(c.take_all(), (texts{"ack 1", "closed"}));
+    EXPECT_EQ(called(), "");
+    EXPECT_EQ(c.take_all(), "ack 1, closed");
 }
 
 TEST_F(server, malformed_messages_are_dropped_said_once_a_minute_and_the_link_stays) {
+    const std::pair<const char*, message> bad[] = {
+        {"message shorter than a header", {0, 206, 0}},
+        {"length field differs", {0, 206, 0, 13, 0, 0, 0, 1, 0, 0, 0, 1}},
+        {"body too short", {0, 206, 0, 10, 0, 0, 0, 1, 0, 0}},
+        {"unknown message type", {3, 231, 0, 12, 0, 0, 0, 1, 0, 0, 0, 1}},
+        {"unknown message type", {0, NSM_MSG_LINK_UP, 0, 12, 0, 0, 0, 1, 0, 0, 0, 1}},  // the server's own
+        {"message too long", message(408)},
+        {"HELLO a second time", {0, NSM_MSG_HELLO, 0, 16, 0, 0, 0, 1, 0, 1, 0, 36, 0, 0, 0, 0}}};
     nsm_test_client c;
     ASSERT_TRUE(adopt(&c));
     c.say(206, {1});
     loop.run(1);
     EXPECT_EQ(log.count("before HELLO"), 1);
     c.hello();
-    (void)called();
-    const auto bad_round = [&] {
-        c.send_octets({0, 206, 0});
-        c.send_octets({0, 206, 0, 13, 0, 0, 0, 1, 0, 0, 0, 1});
-        c.send_octets({0, 206, 0, 10, 0, 0, 0, 1, 0, 0});
-        c.say(999, {1});
-        c.say(NSM_MSG_LINK_UP, {1});  // the server's own message
-        c.say(206, std::vector<std::uint32_t>(100, 1));
-        c.hello();
+    EXPECT_EQ(called(), "clients 1");
+    for (const int minute : {1, 2}) {
+        for (int i = 0; i < 3; ++i)
+            for (const auto& [said, octets] : bad) c.send_octets(octets);
         loop.run(1);
-    };
-    for (int i = 0; i < 3; ++i) bad_round();
-    for (const char* text : {"message shorter than a header", "length field differs", "body too short",
-                             "unknown message type", "message too long", "HELLO a second time"})
-        EXPECT_EQ(log.count(text), 1) << text;
-    loop.run(61000);
-    bad_round();
-    EXPECT_EQ(log.count("length field differs"), 2);
-    EXPECT_EQ(called(), texts{});
+        for (const auto& [said, octets] : bad) EXPECT_EQ(log.count(said), minute) << said;
+        loop.run(61000);
+    }
+    EXPECT_EQ(called(), "");
     c.say(206, {1, 77, 88, 99});  // later versions may add fields
     c.say(210, {3, 1, 2});
-    EXPECT_EQ(called(), (texts{"request 206 1 0 0", "request 210 3 1 2"}));
+    EXPECT_EQ(called(), "request 206 1 0 0, request 210 3 1 2");
 }
 
 TEST_F(server, a_slow_client_loses_nothing_until_its_queue_is_full) {
@@ -116,14 +112,12 @@ TEST_F(server, a_slow_client_loses_nothing_until_its_queue_is_full) {
     connect(&slow);
     connect(&other);
     send_clocks(5000, &other);
-    texts got = slow.take_all();
-    for (int i = 0; i < 100 && got.size() < 5003; ++i) {
-        loop.run(1);
-        const texts more = slow.take_all();
-        got.insert(got.end(), more.begin(), more.end());
+    std::string last;
+    for (int i = 0; i < 5003; ++i) {
+        if (i % 8 == 0) loop.run(1);
+        last = slow.take();
     }
-    ASSERT_EQ(got.size(), 5003U);
-    EXPECT_EQ(got.back(), "clock 4999 0");
+    EXPECT_EQ(last, "clock 4999 0");
     EXPECT_EQ(log.count("too slowly"), 0);
 }
 
@@ -135,10 +129,9 @@ TEST_F(server, a_client_that_never_reads_is_closed_and_costs_a_bounded_queue) {
     send_clocks(40000, &other);
     EXPECT_EQ(log.count("too slowly"), 1);
     EXPECT_LE(memmgr_type_stats(MTYPE_TEXT).peak_octets, before + 600 * 1024);  // doubling included
-    EXPECT_EQ(called().back(), "clients 1");
-    (void)other.take_all();
+    EXPECT_EQ(called(), "clients 1, clients 2, clients 1");
     nsmd_server_send_clock(s, nullptr, 4, 0);
-    EXPECT_EQ(other.take_all(), texts{"clock 4 0"});
+    EXPECT_EQ(other.take_all(), "clock 4 0");
 }
 
 TEST_F(server, too_many_clients_are_turned_away) {
@@ -167,109 +160,73 @@ TEST_F(server, memory_that_runs_out_costs_the_session_only) {
     EXPECT_EQ(c.take(), "ack 0");
 }
 
-// With the system's own loop: files, connections, descriptors.
-struct listening : testing::Test {
-    log_lines log;
-    lib_globals ctx{};
+// Clients come by the socket's file.
+struct listening : server {
     char directory[32] = "/tmp/nsmdtest.XXXXXX";
-    std::string path;
+    std::string path = std::string(mkdtemp(directory)) + "/sock";
     struct stat file {};
 
-    void SetUp() override {
-        memory_init(0);
-        ctx.master = thread_master_create();
-        ASSERT_NE(mkdtemp(directory), nullptr);
-        path = std::string(directory) + "/sock";
+    listening() {
+        for (int fd = 3; fd < 32; ++fd) loop.descriptors.push_back(fd);
     }
-    void TearDown() override {
-        thread_master_finish(ctx.master);
+    ~listening() override {
+        nsmd_server_free(std::exchange(s, nullptr));
         unlink(path.c_str());
         EXPECT_EQ(rmdir(directory), 0);
     }
-    nsmd_server* make() {
-        return nsmd_server_create(
-            &ctx,
-            {[](void*, nsmd_peer*) {}, [](void*, std::uint16_t, const std::uint32_t(&)[NSM_REQUEST_WORDS]) {},
-             [](void*, std::uint32_t, bool) {}, [](void*, text_buffer*) { return true; }, nullptr});
-    }
-    nsmd_server* serve() {
-        nsmd_server* s = make();
-        EXPECT_EQ(nsmd_server_listen(s, path.c_str()), 0);
-        return s;
-    }
     bool file_is_there() { return stat(path.c_str(), &file) == 0; }
-    sockaddr_un address() const {
+    // A socket that is bound to the file (or connected to it).
+    int open_at_path(decltype(::connect)* how) const {
         sockaddr_un a{};
         a.sun_family = AF_UNIX;
         std::strcpy(a.sun_path, path.c_str());
-        return a;
-    }
-    bool dial(nsm_test_client* c) const {
-        const sockaddr_un a = address();
-        c->fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0);
-        return connect(c->fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0;
-    }
-    // Turns the loop until it is so; the deadline is the test's.
-    void await(const std::function<bool()>& is_so) {
-        const nanoseconds deadline = monotonic_now() + 5 * NS_PER_S;
-        const auto nothing = [](thread*) { return 0; };
-        thread event;
-        while (!is_so() && monotonic_now() < deadline) {
-            thread_add_timer_msec(&ctx, nothing, nullptr, 5);
-            if (thread_fetch(&ctx, &event)) thread_call(&event);
-        }
-    }
-    void expect_served(nsm_test_client* c) {
-        std::string answer;
-        await([&] { return !(answer = c->take()).empty(); });
-        EXPECT_EQ(answer, "ack 0");
+        const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0);
+        EXPECT_EQ(how(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a), 0);
+        return fd;
     }
 };
 
 TEST_F(listening, a_stale_file_is_replaced_a_live_server_is_not) {
-    const int dead = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-    const sockaddr_un a = address();
-    ASSERT_EQ(bind(dead, reinterpret_cast<const sockaddr*>(&a), sizeof a), 0);
-    close(dead);  // a crash leaves the file
-    nsmd_server *first = serve(), *second = make();
+    close(open_at_path(bind));  // a crash leaves the file
+    EXPECT_EQ(nsmd_server_listen(s, path.c_str()), 0);
     ASSERT_TRUE(file_is_there());
     EXPECT_EQ(file.st_mode & 07777, 0660U);
+    nsmd_server* second = make();
     EXPECT_LT(nsmd_server_listen(second, path.c_str()), 0);
     EXPECT_EQ(log.count("another server is there"), 1);
     nsmd_server_free(second);
-    nsm_test_client c;  // the refused one took nothing away
-    ASSERT_TRUE(dial(&c));
+    nsm_test_client c{open_at_path(::connect)};  // the refused one took nothing away
     c.hello();
-    expect_served(&c);
-    nsmd_server_free(first);
+    loop.run(1);
+    EXPECT_EQ(c.take(), "ack 0");
+    nsmd_server_free(std::exchange(s, nullptr));
     EXPECT_FALSE(file_is_there());
 }
 
 TEST_F(listening, the_end_leaves_a_successors_file_alone) {
-    nsmd_server* s = serve();
+    EXPECT_EQ(nsmd_server_listen(s, path.c_str()), 0);
     const std::string keep = path + "2";
     ASSERT_EQ(rename(path.c_str(), keep.c_str()), 0);  // its inode stays taken
-    nsmd_server* successor = serve();
-    nsmd_server_free(s);
+    nsmd_server* successor = make();
+    EXPECT_EQ(nsmd_server_listen(successor, path.c_str()), 0);
+    nsmd_server_free(std::exchange(s, successor));
     EXPECT_TRUE(file_is_there());
-    nsmd_server_free(successor);
     unlink(keep.c_str());
 }
 
 TEST_F(listening, descriptors_that_run_out_are_waited_for) {
-    nsmd_server* s = serve();
-    nsm_test_client c;
-    ASSERT_TRUE(dial(&c));
+    EXPECT_EQ(nsmd_server_listen(s, path.c_str()), 0);
+    nsm_test_client c{open_at_path(::connect)};
     c.hello();
     rlimit old{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
     const rlimit none = {3, old.rlim_max};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    await([&] { return log.count("can't take a client") > 0; });
+    loop.run(10);
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &old), 0);
     EXPECT_EQ(log.count("can't take a client"), 1);
-    expect_served(&c);
-    nsmd_server_free(s);
+    loop.run(5000);
+    EXPECT_EQ(c.take(), "ack 0");
 }
 
 }  // namespace

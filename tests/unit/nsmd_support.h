@@ -16,10 +16,13 @@
 #include <cstring>
 #include <deque>
 #include <functional>
+#include <map>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "nsmd/links/message.h"
 #include "nsmd/links/port_table.h"
 #include "nsmd/netlink/netlink.h"
 #include "nsmd/nsmd.h"
@@ -28,11 +31,27 @@
 #include "suite/manager/wire.h"
 #include "unit/nsmd_loop.h"
 
-using texts = std::vector<std::string>;
+// What was said one after the other, as one text: "down 26, clock 3 0".
+struct said {
+    std::string all;
+    void add(const std::string& one) {
+        if (!all.empty() && !one.empty()) all += ", ";
+        all += one;
+    }
+    std::string take() { return std::exchange(all, {}); }
+};
+
+// Its parts.
+inline std::vector<std::string> parts_of(const std::string& all) {
+    std::vector<std::string> parts;
+    std::istringstream in(all);
+    for (std::string one; std::getline(in >> std::ws, one, ',');) parts.push_back(one);
+    return parts;
+}
 
 // Collects log lines while it lives.
 struct log_lines {
-    texts lines;
+    std::vector<std::string> lines;
     log_lines() {
         log_open("test");
         log_use_sink(LOG_SINK_STDERR, false);
@@ -49,32 +68,27 @@ struct log_lines {
     }
 };
 
-// A port table that keeps what it reports: "sw1 1 up" for port 1, "bridge br0 7" for an identity that ends
-// in 7.
-struct recorded_table {
+// A port table that keeps what it reports: "sw1 1 up" for port 1, and where it is asked for "bridge br0 7"
+// for an identity that ends in 7.
+struct recorded_table : said {
     std::vector<const char*> patterns;
-    texts events;
-    port_table* table;
+    bool with_bridges = false;
+    port_table* table = nullptr;
 
-    explicit recorded_table(std::vector<const char*> served)
-        : patterns(std::move(served)),
-          table(port_table_create(patterns.data(), patterns.size(), {on_port, on_bridge, this})) {}
+    explicit recorded_table(std::vector<const char*> served) : patterns(std::move(served)) { restart(); }
     ~recorded_table() { port_table_free(table); }
-
+    void restart() {
+        port_table_free(table);
+        table = port_table_create(patterns.data(), patterns.size(), {on_port, on_bridge, this});
+    }
     static void on_port(void* arg, const nsmd_port& p, port_event e) {
         static const char* const words[] = {"added", "removed", "up", "down", "pin"};
-        static_cast<recorded_table*>(arg)->events.push_back(
-            std::string(p.name) + " " + std::to_string(p.ifindex) + " " + words[static_cast<int>(e)]);
+        static_cast<recorded_table*>(arg)->add(std::string(p.name) + " " + std::to_string(p.ifindex) + " " +
+                                               words[static_cast<int>(e)]);
     }
     static void on_bridge(void* arg, const bridge_identity& b) {
-        static_cast<recorded_table*>(arg)->events.push_back(std::string("bridge ") + b.name + " " +
-                                                            std::to_string(b.mac[5]));
-    }
-    texts take() { return std::exchange(events, {}); }
-    texts take_ports() {
-        texts all = take();
-        std::erase_if(all, [](const auto& e) { return e.starts_with("bridge "); });
-        return all;
+        auto* t = static_cast<recorded_table*>(arg);
+        if (t->with_bridges) t->add(std::string("bridge ") + b.name + " " + std::to_string(b.mac[5]));
     }
 };
 
@@ -82,28 +96,42 @@ struct recorded_table {
 struct fake_link {
     int index = 1;
     std::string name = "sw1";
-    std::string kind = {};
-    std::uint8_t mac_last = 1;
-    bool up = true;
-    std::uint32_t carrier_downs = 0;
-    int master = 0;
-    unsigned short hardware = ARPHRD_ETHER;
-    int pin = -1;
-    bool complete = true;
+    std::string kind = "veth";  // "-": none, as of hardware
+    int admin = IFF_UP, oper = IF_OPER_UP, carrier = 1, complete = 1;
+    int hardware = ARPHRD_ETHER, family = 0;
+    int mac = 1;                 // the last octet
+    int downs = 0, changes = 0;  // downs -1: an old kernel, which counts all changes only
+    int master = 0, pin = -1;
 };
 
-inline fake_link sw_link(int index, bool up = true) {
-    return {.index = index,
-            .name = "sw" + std::to_string(index),
-            .mac_last = static_cast<std::uint8_t>(index),
-            .up = up};
+// From text: "sw1 1 down", "br0 20 kind bridge mac 99".
+inline fake_link link_of(const std::string& text) {
+    static const std::map<std::string, int fake_link::*> numbers = {{"admin", &fake_link::admin},
+                                                                    {"oper", &fake_link::oper},
+                                                                    {"carrier", &fake_link::carrier},
+                                                                    {"family", &fake_link::family},
+                                                                    {"hardware", &fake_link::hardware},
+                                                                    {"mac", &fake_link::mac},
+                                                                    {"downs", &fake_link::downs},
+                                                                    {"changes", &fake_link::changes},
+                                                                    {"master", &fake_link::master},
+                                                                    {"complete", &fake_link::complete},
+                                                                    {"pin", &fake_link::pin}};
+    fake_link l;
+    std::istringstream words(text);
+    words >> l.name >> l.index;
+    l.mac = l.index;
+    for (std::string key; words >> key;)
+        if (key == "down")
+            l.carrier = 0, l.oper = IF_OPER_DOWN;
+        else if (key == "kind")
+            words >> l.kind;
+        else
+            words >> l.*numbers.at(key);
+    return l;
 }
 
 using message = std::vector<std::uint8_t>;
-
-inline message octets_of(const nl_builder& b) {
-    return {b.data, b.data + b.length};
-}
 
 // Whom the kernel answers: the sequence number of the request, and our address; zeros in what it says
 // unasked.
@@ -111,51 +139,61 @@ struct answer_to {
     std::uint32_t sequence = 0, port = 0;
 };
 
-inline void address(nl_builder* b, answer_to to) {
-    std::memcpy(b->data + 8, &to.sequence, sizeof to.sequence);
-    std::memcpy(b->data + 12, &to.port, sizeof to.port);
+inline message addressed(nl_builder b, answer_to to) {
+    std::memcpy(b.data + 8, &to.sequence, sizeof to.sequence);
+    std::memcpy(b.data + 12, &to.port, sizeof to.port);
+    return {b.data, b.data + b.length};
 }
 
 inline message link_octets(const fake_link& l, std::uint16_t type = RTM_NEWLINK, std::uint16_t flags = 0,
-                           answer_to to = {}, unsigned char family = 0) {
+                           answer_to to = {}) {
     nl_builder b;
+    const auto u8 = [&](std::uint16_t attr, int value) {
+        const auto octet = static_cast<std::uint8_t>(value);
+        nl_put(&b, attr, &octet, 1);
+    };
+    const auto u32 = [&](std::uint16_t attr, int value) {
+        nl_put_u32(&b, attr, static_cast<std::uint32_t>(value));
+    };
     nl_begin(&b, type, flags, 0);
-    address(&b, to);
-    ifinfomsg header{};
-    header.ifi_family = family;
-    header.ifi_index = l.index;
-    header.ifi_type = l.hardware;
-    header.ifi_flags = l.up ? IFF_UP | IFF_RUNNING : IFF_UP;
+    const ifinfomsg header{static_cast<unsigned char>(l.family),    0,
+                           static_cast<unsigned short>(l.hardware), l.index,
+                           static_cast<unsigned>(l.admin),          0};
     nl_put_raw(&b, &header, sizeof header);
     nl_put_text(&b, IFLA_IFNAME, l.name);
-    const std::uint8_t mac[6] = {2, 0, 0, 0, 0, l.mac_last}, up = l.up;
+    const std::uint8_t mac[6] = {2, 0, 0, 0, 0, static_cast<std::uint8_t>(l.mac)};
     nl_put(&b, IFLA_ADDRESS, mac, sizeof mac);
-    if (l.master) nl_put_u32(&b, IFLA_MASTER, static_cast<std::uint32_t>(l.master));
-    if (l.complete) {
-        const std::uint8_t state = l.up ? IF_OPER_UP : IF_OPER_DOWN;
-        nl_put(&b, IFLA_OPERSTATE, &state, 1);
-        nl_put(&b, IFLA_CARRIER, &up, 1);
-    }
-    nl_put_u32(&b, IFLA_CARRIER_CHANGES, 2 * l.carrier_downs);
-    nl_put_u32(&b, 48, l.carrier_downs);
-    if (!l.kind.empty()) {
-        const std::size_t nest = nl_nest_begin(&b, IFLA_LINKINFO);
-        nl_put_text(&b, IFLA_INFO_KIND, l.kind);
-        nl_nest_end(&b, nest);
-    }
+    if (l.master) u32(IFLA_MASTER, l.master);
+    if (l.complete) u8(IFLA_OPERSTATE, l.oper);
+    if (l.complete) u8(IFLA_CARRIER, l.carrier);
+    u32(IFLA_CARRIER_CHANGES, l.downs < 0 ? l.changes : 2 * l.downs);
+    if (l.downs >= 0) u32(48, l.downs);
+    const std::size_t info = nl_nest_begin(&b, IFLA_LINKINFO);
+    if (l.kind != "-") nl_put_text(&b, IFLA_INFO_KIND, l.kind);
+    nl_nest_end(&b, info);
     const std::size_t pin = nl_nest_begin(&b, 65);
-    if (l.pin >= 0) nl_put_u32(&b, 1, static_cast<std::uint32_t>(l.pin));
+    if (l.pin >= 0) u32(1, l.pin);
     nl_nest_end(&b, pin);
-    return octets_of(b);
+    return addressed(b, to);
+}
+
+// As it is read from such a message; without an index where it is not.
+inline link_info info_of(const std::string& text) {
+    const message data = link_octets(link_of(text));
+    const_octets rest{data};
+    nl_message m;
+    link_info info;
+    EXPECT_TRUE(nl_next_message(&rest, &m));
+    if (!link_message_parse(m, &info)) info.kernel_ifindex = 0;
+    return info;
 }
 
 // NLMSG_ERROR or NLMSG_DONE.
 inline message control_octets(std::uint16_t type, std::uint16_t flags, answer_to to, int value) {
     nl_builder b;
     nl_begin(&b, type, flags, 0);
-    address(&b, to);
     nl_put_raw(&b, &value, sizeof value);
-    return octets_of(b);
+    return addressed(b, to);
 }
 
 // The kernel's side of the netlink sockets. Holds links, answers dumps and questions, and lets tests push
@@ -164,63 +202,88 @@ struct fake_kernel {
     static constexpr int FD = 700, GENERIC_FD = 701;
     static constexpr std::uint32_t PORT = 4711;
     struct item {
-        int error;  // 0, or what the read returns
         message data;
+        int error = 0;  // what the read returns instead
     };
-    enum class dump { whole, interrupted, refused, swallowed };
 
-    std::deque<item> queue, generic_queue;
+    std::map<int, std::deque<item>> queues;  // by descriptor
     std::vector<fake_link> links;
     int dumps = 0, questions = 0;
-    dump next_dump = dump::whole;
-    std::function<void()> during_dump;                  // once
+    std::string next_dump;                              // how it fails, once
+    std::vector<std::string> during_dump;               // once
     std::function<void(const nl_message&)> on_generic;  // null: no generic netlink
     std::vector<unsigned> generic_groups;
 
     netlink_edge edge() {
-        return {open_it, join_it, receive_it, send_it, [](void*, int) {}, this};
+        const auto open = [](void* k, int protocol) {
+            const bool generic = protocol != NETLINK_ROUTE;
+            return !generic ? FD : static_cast<fake_kernel*>(k)->on_generic ? GENERIC_FD : -EPROTONOSUPPORT;
+        };
+        const auto join = [](void* k, int fd, unsigned group) {
+            if (fd == FD) return group == RTNLGRP_LINK ? 0 : -EINVAL;
+            static_cast<fake_kernel*>(k)->generic_groups.push_back(group);
+            return 0;
+        };
+        const auto receive = [](void* k, int fd, octets buffer) {
+            auto& queue = static_cast<fake_kernel*>(k)->queues[fd];
+            if (queue.empty()) return -EAGAIN;
+            const item next = std::move(queue.front());
+            queue.pop_front();
+            std::copy(next.data.begin(), next.data.end(), buffer.begin());
+            return next.error ? next.error : static_cast<int>(next.data.size());
+        };
+        const auto send = [](void* k, int fd, const_octets request) {
+            nl_message m;
+            EXPECT_TRUE(nl_next_message(&request, &m));
+            fd == FD ? static_cast<fake_kernel*>(k)->answer(m) : static_cast<fake_kernel*>(k)->on_generic(m);
+            return 0;
+        };
+        return {open, join, receive, send, [](void*, int) {}, this};
     }
     void attach(virtual_loop* v) {
         v->fake_ready = [this] {
             std::vector<int> ready;
-            if (!queue.empty()) ready.push_back(FD);
-            if (!generic_queue.empty()) ready.push_back(GENERIC_FD);
+            for (const auto& [fd, queue] : queues)
+                if (!queue.empty()) ready.push_back(fd);
             return ready;
         };
     }
-    fake_link* find(int index) {
-        const auto at = std::find_if(links.begin(), links.end(), [&](auto& l) { return l.index == index; });
-        return at == links.end() ? nullptr : &*at;
+    // What happens in it, by its words: a link that is so now, of which the kernel says so, or one of these.
+    void act(const std::string& text) {
+        std::istringstream words(text);
+        std::string verb, rest;
+        std::getline(words >> verb >> std::ws, rest);
+        if (verb == "old") return push(link_octets(link_of(rest)));
+        if (verb == "overrun") return push({}, -ENOBUFS);
+        if (verb == "cut-off") return push({}, -EMSGSIZE);
+        if (verb == "interrupted" || verb == "refused" || verb == "swallowed") return void(next_dump = verb);
+        if (verb == "during") return during_dump.push_back(rest);
+        const bool says = verb != "quiet" && verb != "quiet-gone";  // else the message is lost
+        const bool goes = verb == "gone" || verb == "quiet-gone";
+        const fake_link l = link_of(goes ? "any " + rest : verb == "quiet" ? rest : text);
+        if (says) push(goes ? link_octets(*find(l.index), RTM_DELLINK) : link_octets(l));
+        std::erase_if(links, [&](auto& known) { return known.index == l.index; });
+        if (!goes) links.push_back(l);
     }
-    // Stores the link and says so, as the kernel does.
-    void set(const fake_link& l, bool say = true) {
-        if (fake_link* known = find(l.index))
-            *known = l;
-        else
-            links.push_back(l);
-        if (say) push(link_octets(l));
-    }
-    void remove(int index, bool say = true) {
-        if (say) push(link_octets(*find(index), RTM_DELLINK));
-        std::erase_if(links, [&](auto& l) { return l.index == index; });
-    }
-    void push(message data) { queue.push_back({0, std::move(data)}); }
-    void push_error(int error) { queue.push_back({error, {}}); }
+    void push(message data, int error = 0) { queues[FD].push_back({std::move(data), error}); }
 
   private:
+    std::vector<fake_link>::iterator find(int index) {
+        return std::find_if(links.begin(), links.end(), [&](auto& l) { return l.index == index; });
+    }
     void answer_dump(answer_to to) {
         ++dumps;
-        const dump kind = std::exchange(next_dump, dump::whole);
-        if (kind == dump::swallowed) return;
-        if (kind == dump::refused) return push(control_octets(NLMSG_ERROR, 0, to, -EBUSY));
-        const std::uint16_t flags = kind == dump::interrupted ? NLM_F_MULTI | NLM_F_DUMP_INTR : NLM_F_MULTI;
+        const std::string how = std::exchange(next_dump, "");
+        if (how == "swallowed") return;
+        if (how == "refused") return push(control_octets(NLMSG_ERROR, 0, to, -EBUSY));
+        const std::uint16_t flags = how == "interrupted" ? NLM_F_MULTI | NLM_F_DUMP_INTR : NLM_F_MULTI;
         message datagram;
         for (const auto& l : links) {
             const auto one = link_octets(l, RTM_NEWLINK, flags, to);
             datagram.insert(datagram.end(), one.begin(), one.end());
         }
-        if (!datagram.empty()) push(datagram);
-        if (const auto now = std::exchange(during_dump, nullptr)) now();
+        push(datagram);
+        for (const auto& text : std::exchange(during_dump, {})) act(text);
         push(control_octets(NLMSG_DONE, flags, to, 0));
     }
     void answer(const nl_message& m) {
@@ -230,40 +293,15 @@ struct fake_kernel {
         ++questions;
         ifinfomsg header{};
         std::memcpy(&header, m.body.data(), sizeof header);
-        const fake_link* l = find(header.ifi_index);
-        push(l ? link_octets(*l, RTM_NEWLINK, 0, to) : control_octets(NLMSG_ERROR, 0, to, -ENODEV));
-    }
-    static int open_it(void* arg, int protocol) {
-        if (protocol == NETLINK_ROUTE) return FD;
-        return static_cast<fake_kernel*>(arg)->on_generic ? GENERIC_FD : -EPROTONOSUPPORT;
-    }
-    static int join_it(void* arg, int fd, unsigned group) {
-        if (fd == FD) return group == RTNLGRP_LINK ? 0 : -EINVAL;
-        static_cast<fake_kernel*>(arg)->generic_groups.push_back(group);
-        return 0;
-    }
-    static int receive_it(void* arg, int fd, octets buffer) {
-        auto* k = static_cast<fake_kernel*>(arg);
-        auto& from = fd == FD ? k->queue : k->generic_queue;
-        if (from.empty()) return -EAGAIN;
-        const item next = std::move(from.front());
-        from.pop_front();
-        if (next.error) return next.error;
-        std::copy(next.data.begin(), next.data.end(), buffer.begin());
-        return static_cast<int>(next.data.size());
-    }
-    static int send_it(void* arg, int fd, const_octets request) {
-        auto* k = static_cast<fake_kernel*>(arg);
-        nl_message m;
-        EXPECT_TRUE(nl_next_message(&request, &m));
-        fd == FD ? k->answer(m) : k->on_generic(m);
-        return 0;
+        const auto l = find(header.ifi_index);
+        push(l != links.end() ? link_octets(*l, RTM_NEWLINK, 0, to)
+                              : control_octets(NLMSG_ERROR, 0, to, -ENODEV));
     }
 };
 
 // A family of generic netlink behind the kernel's second socket. Answers the lookup; requests of the family
-// itself are the derived one's.
-struct fake_family {
+// itself are the derived one's, which says its part and returns the errno of the acknowledgement.
+struct fake_family : said {
     static constexpr std::uint16_t ID = 31;
     static constexpr std::uint32_t GROUP = 9;
     fake_kernel& kernel;
@@ -272,33 +310,35 @@ struct fake_family {
 
     fake_family(fake_kernel& k, std::string family) : kernel(k), name(std::move(family)) {
         kernel.on_generic = [this](const nl_message& m) {
-            if (m.type == GENL_ID_CTRL) return answer_lookup(m);
-            EXPECT_EQ(m.type, ID);
-            requested(m.body[0], m.flags, m.body.subspan(4), m.sequence);
+            const bool is_dump = (m.flags & NLM_F_DUMP) == NLM_F_DUMP;
+            const const_octets attributes = m.body.subspan(4);
+            std::uint16_t flags = 0;
+            const int error = m.type == GENL_ID_CTRL ? look_up(attributes, m.sequence)
+                              : is_dump              ? dumped(m.body[0], m.sequence, &flags)
+                                                     : requested(m.body[0], attributes, m.sequence);
+            const answer_to to = {m.sequence, fake_kernel::PORT};
+            push(control_octets(is_dump ? NLMSG_DONE : NLMSG_ERROR, flags, to, -error));
         };
     }
     virtual ~fake_family() = default;
 
-    virtual void requested(std::uint8_t command, std::uint16_t flags, const_octets attributes,
-                           std::uint32_t sequence) = 0;
+    virtual int requested(std::uint8_t command, const_octets attributes, std::uint32_t sequence) = 0;
+    virtual int dumped(std::uint8_t, std::uint32_t, std::uint16_t*) { return EOPNOTSUPP; }
 
-    void say(nl_builder b, std::uint32_t sequence = 0) {
-        address(&b, {sequence, fake_kernel::PORT});
-        kernel.generic_queue.push_back({0, octets_of(b)});
+    void push(message data, int error = 0) {
+        kernel.queues[fake_kernel::GENERIC_FD].push_back({std::move(data), error});
     }
-    void acknowledge(std::uint32_t sequence, int error) {
-        kernel.generic_queue.push_back(
-            {0, control_octets(NLMSG_ERROR, 0, {sequence, fake_kernel::PORT}, -error)});
+    void say(const nl_builder& b, std::uint32_t sequence = 0) {
+        push(addressed(b, {sequence, fake_kernel::PORT}));
     }
 
   private:
-    void answer_lookup(const nl_message& m) {
-        const_octets rest = m.body.subspan(4);
+    int look_up(const_octets attributes, std::uint32_t sequence) {
         nl_attr a;
-        EXPECT_TRUE(nl_next_attr(&rest, &a));
-        if (!there || nl_text(a.value) != name) return acknowledge(m.sequence, ENOENT);
-        say(family_message(ID, GROUP, "monitor"), m.sequence);
-        acknowledge(m.sequence, 0);
+        EXPECT_TRUE(nl_next_attr(&attributes, &a));
+        if (!there || nl_text(a.value) != name) return ENOENT;
+        say(family_message(ID, GROUP, "monitor"), sequence);
+        return 0;
     }
 };
 
@@ -340,7 +380,7 @@ struct nsm_test_client {
     std::string take() {
         std::uint8_t buffer[512];
         const ssize_t got = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
-        if (got < 0 && errno == EAGAIN) return "";
+        if (got < 0 && (errno == EAGAIN || fd < 0)) return "";
         if (got <= 0) return "closed";
         const const_octets m{buffer, static_cast<std::size_t>(got)};
         EXPECT_GE(m.size(), NSM_HEADER_SIZE);
@@ -348,60 +388,93 @@ struct nsm_test_client {
         EXPECT_EQ(get_be32(m, 4), ++expected);
         return describe(get_be16(m, 0), m.subspan(NSM_HEADER_SIZE));
     }
-    texts take_all() {
-        texts all;
-        for (std::string m; !(m = take()).empty();) {
-            all.push_back(m);
-            if (m == "closed") break;
-        }
-        return all;
+    std::string take_all() {
+        said all;
+        for (std::string m = "-"; !m.empty() && m != "closed"; all.add(m)) m = take();
+        return all.all;
     }
 
   private:
+    // Fields are named by their kind and place: numbers of 32 and 16 bits, octets, texts; "s" is the size.
     static std::string describe(unsigned type, const_octets body) {
         static const struct {
             unsigned type;
-            const char* word;
-            std::size_t numbers;
-        } plain[] = {{NSM_MSG_HELLO_ACK, "ack", 1},      {NSM_MSG_SYNC_DONE, "sync", 0},
-                     {NSM_MSG_LINK_UP, "up", 1},         {NSM_MSG_LINK_DOWN, "down", 1},
-                     {NSM_MSG_LINK_DELETE, "delete", 2}, {NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, "clock", 2}};
-        const auto number = [&](std::size_t at) { return " " + std::to_string(get_be32(body, at)); };
-        const auto text = [&](std::size_t at) { return " " + std::string(nl_text(body.subspan(at))); };
-        for (const auto& p : plain) {
-            if (p.type != type) continue;
-            std::string out = p.word;
-            for (std::size_t i = 0; i < p.numbers; ++i) out += number(4 * i);
-            return out;
-        }
-        if (type == NSMD_MSG_STATUS_TEXT) return "text" + text(0);
-        if (type == NSM_MSG_BRIDGE_ADD) {
-            EXPECT_EQ(body.size(), nsm_bridge_body::SIZE);
-            return "bridge" + text(nsm_bridge_body::NAME) + " " +
-                   std::to_string(body[nsm_bridge_body::MAC + 5]);
-        }
-        EXPECT_EQ(type, NSM_MSG_LINK_ADD);
-        EXPECT_EQ(body.size(), nsm_link_body::SIZE);
-        EXPECT_EQ(get_be16(body, nsm_link_body::TYPE), 2);
-        return "add" + number(nsm_link_body::IFINDEX) + number(nsm_link_body::KERNEL_IFINDEX) +
-               text(nsm_link_body::NAME) + (get_be16(body, nsm_link_body::FLAGS) ? " up" : " down");
+            const char *word, *fields;
+        } known[] = {{NSM_MSG_HELLO_ACK, "ack", "n0"},
+                     {NSM_MSG_SYNC_DONE, "sync", "s0"},
+                     {NSM_MSG_LINK_UP, "up", "n0"},
+                     {NSM_MSG_LINK_DOWN, "down", "n0"},
+                     {NSM_MSG_LINK_DELETE, "delete", "n0 n4"},
+                     {NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, "clock", "n0 n4"},
+                     {NSMD_MSG_STATUS_TEXT, "text", "t0"},
+                     {NSM_MSG_BRIDGE_ADD, "bridge", "s32 t0 o29"},
+                     {NSM_MSG_LINK_ADD, "add", "s36 n0 n4 h8 t20 h10"}};
+        const auto at =
+            std::find_if(std::begin(known), std::end(known), [&](auto& k) { return k.type == type; });
+        if (at == std::end(known)) return "unknown " + std::to_string(type);
+        std::string out = at->word;
+        std::istringstream fields(at->fields);
+        std::size_t place;
+        for (char kind; fields >> kind >> place;)
+            if (kind == 's')
+                EXPECT_EQ(body.size(), place);
+            else if (kind == 't')
+                out += " " + std::string(nl_text(body.subspan(place)));
+            else
+                out += " " + std::to_string(kind == 'n'   ? get_be32(body, place)
+                                            : kind == 'h' ? get_be16(body, place)
+                                                          : body[place]);
+        return out;
     }
 };
 
+using numbers = std::vector<std::uint32_t>;
+
+// One step of a story: what happens, how long is waited, what the daemon is told meanwhile, and, where that
+// is looked at, what the hardware is asked for.
+struct step {
+    const char* happens;  // verbs with their numbers, and the kernel's: "enable 1, sw1 1 down"
+    unsigned ms;
+    const char* told;
+    const char* asked = nullptr;
+};
+
 // nsmd as a whole, with one session of the daemon.
-struct nsmd_session : testing::Test {
+struct nsmd_session {
     log_lines log;
     virtual_loop loop;
     fake_kernel kernel;
     nsmd_options options{};
     nsmd* n = nullptr;
     nsm_test_client c;
+    said told;
+    std::map<std::string, std::function<void(numbers)>> verbs;
+    std::function<std::string()> take_asked = [] { return ""; };
 
-    void SetUp() override {
+    nsmd_session() {
         kernel.attach(&loop);
         options.grace_s = 10;
+        options.patterns[0] = "sw*";
+        options.pattern_count = 1;
+        const auto request = [this](const char* verb, std::uint16_t type, std::size_t count) {
+            verbs[verb] = [=, this](auto words) { words.resize(count), c.say(type, words); };
+        };
+        request("enable", NSM_MSG_SSM_GLOBAL_ENABLE, 1);
+        request("recover", NSM_MSG_SSM_CLOCK_RECOVERY_SELECT, 1);
+        request("holdover", NSM_MSG_SSM_HOLDOVER_ENABLE, 1);  // inverted on the wire: 0 enters it
+        request("select", NSM_MSG_SSM_SELECTED_IF_INDEX, 2);
+        request("role", NSM_MSG_SSM_SET_GEPHY_ROLE, 3);
+        request("bye", NSM_MSG_BYE, 0);
+        verbs["hang-up"] = [this](const auto&) { c.hang_up(); };
+        verbs["pass"] = [this](const auto& words) { loop.run(words[0]); };
+        // Of what a session begins with, the clock is told.
+        verbs["connect"] = [this](const auto&) {
+            const std::string all = connect(&c);
+            const std::size_t at = all.find("clock");
+            told.add(all.substr(at, all.find(", sync") - at));
+        };
     }
-    void TearDown() override { stop(); }
+    ~nsmd_session() { stop(); }
     void stop() { nsmd_stop(std::exchange(n, nullptr)); }
     // Without what the session begins with.
     void start() {
@@ -409,35 +482,49 @@ struct nsmd_session : testing::Test {
         (void)connect(&c);
     }
     void start_alone() {
-        kernel.queue.clear();
+        kernel.queues.clear();
         n = nsmd_start(&loop.ctx, options, {kernel.edge(), nullptr, 1000});
         ASSERT_NE(n, nullptr);
         loop.run(1);
     }
     // What the client is told at the beginning.
-    texts connect(nsm_test_client* client) {
+    std::string connect(nsm_test_client* client) {
         EXPECT_NE(nsmd_server_adopt(nsmd_server_of(n), client->dial(&loop)), nullptr);
         client->hello();
         loop.run(1);
         return client->take_all();
     }
-    // What the daemon is told within so many milliseconds.
-    texts after(unsigned ms) {
+    void act(const char* happens) {
+        for (const auto& one : parts_of(happens)) {
+            std::istringstream words(one);
+            std::string verb;
+            words >> verb;
+            const auto at = verbs.find(verb);
+            if (at == verbs.end()) kernel.act(one);
+            if (at != verbs.end()) at->second({std::istream_iterator<std::uint32_t>(words), {}});
+        }
+    }
+    // What the daemon is told within so many milliseconds of what happens.
+    std::string after(const char* happens, unsigned ms) {
+        act(happens);
         loop.run(ms);
-        return c.take_all();
+        told.add(c.take_all());
+        return told.take();
+    }
+    void play(const std::vector<step>& story) {
+        for (const step& s : story) {
+            EXPECT_EQ(after(s.happens, s.ms), s.told) << s.happens;
+            const std::string asked = take_asked();
+            EXPECT_EQ(asked, s.asked ? s.asked : asked) << s.happens;
+        }
     }
 
     // As it is asked for over the session, in pieces.
     std::string status() {
         c.say(NSMD_MSG_STATUS_GET);
+        loop.run(1);
         std::string all;
-        for (const auto& piece : after(1)) all += piece.substr(std::strlen("text "));
+        for (std::string piece; !(piece = c.take()).empty();) all += piece.substr(std::strlen("text "));
         return all;
     }
-
-    void enable(bool on) { c.say(NSM_MSG_SSM_GLOBAL_ENABLE, {on}); }
-    void recover_from(std::uint32_t input) { c.say(NSM_MSG_SSM_CLOCK_RECOVERY_SELECT, {input}); }
-    // The value is inverted on the wire.
-    void hold(bool on) { c.say(NSM_MSG_SSM_HOLDOVER_ENABLE, {on ? 0U : 1U}); }
-    void select(std::uint32_t ifindex) { c.say(NSM_MSG_SSM_SELECTED_IF_INDEX, {ifindex, 0}); }
 };
