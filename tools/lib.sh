@@ -2,7 +2,7 @@
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
-# Lower priority where it can be had: a build beside other work should not be felt.
+# How many jobs a build runs side by side.
 jobs=$(nproc 2>/dev/null || echo 2)
 
 die() {

@@ -13,8 +13,9 @@
 
 namespace {
 
-// Who to become is said in the environment, where a service unit has it: the options are those of old. False
-// for a user who is not known (said on standard error); `name` null when nobody is named.
+// The user to run as comes from the environment, where a service unit can set it: the command line's options
+// are fixed. user->name is null when ESMCD_USER is not set. False for a user who does not exist, with a line
+// on standard error.
 bool find_user(const char* progname, rights_user* user) {
     *user = {};
     const char* text = std::getenv("ESMCD_USER");

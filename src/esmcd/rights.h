@@ -7,7 +7,7 @@ struct rights_user;
 // written. Says in the log what is in force; nothing that fails here ends the daemon.
 void pal_rights_drop();
 
-// Becomes another user and keeps what pal_rights_drop keeps. Before the configuration is read: what it tells
-// the daemon to open is opened with his rights. 0 or a negative errno, said in the log; the daemon must not
-// go on then.
+// Goes on as another user, with the rights that pal_rights_drop keeps. Called before the configuration is
+// read, so that the files it names are opened with that user's rights. 0, or a negative errno with a log line:
+// the daemon must end then.
 [[nodiscard]] int pal_rights_become(const rights_user& user);

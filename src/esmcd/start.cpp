@@ -88,11 +88,12 @@ void start_snmp() {
     (void)snmp_start(g_p_esmcd);
 }
 
-// Open as long as the daemon runs, because another user than root can't remove it.
+// Stays open while the daemon runs: one that has become another user can't remove the file at its end, but
+// can still empty it.
 int pid_file = -1;
 
-// Without a pid file the daemon runs all the same, and says nothing about it; part of a number would be
-// another process's.
+// The daemon runs without a pid file as well, and says nothing about it. A number that was written in part is
+// taken back, because it would be another process's.
 void write_pid_file() {
     pid_file = open(SSM_PID_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0666);
     if (pid_file < 0) return;
@@ -102,15 +103,15 @@ void write_pid_file() {
     if (write(pid_file, text, static_cast<std::size_t>(length)) != length) (void)ftruncate(pid_file, 0);
 }
 
-// It stays root's, and is emptied where it can't be removed: who reads it finds no process.
+// A file that can't be removed is emptied, so that it names no process.
 void remove_pid_file() {
     if (remove(SSM_PID_FILE) != 0 && pid_file >= 0) (void)ftruncate(pid_file, 0);
     if (pid_file >= 0) close(pid_file);
     pid_file = -1;
 }
 
-// What root has opened so far stays open; files that are opened by name later are given to the user, or said
-// to be closed to him.
+// From root to `user`. What is open already stays open. The files that the daemon opens by name later are
+// given to the user first; those that he can't open all the same are named in warnings.
 std::int32_t become_user(const rights_user& user, const char* config_file) {
     if (!config_file) config_file = HOST_DEFAULT_CONFIG;
     host_file_give(config_file, user);
@@ -166,8 +167,9 @@ std::int32_t ssm_start(bool daemon_mode, const char* config_file, std::int32_t v
     ssm_signal_deliver(g_p_esmcd);
     write_pid_file();
     ssm_signal_deliver(g_p_esmcd);
-    // The configuration is the user's to write, so it is read as him; the terminal's socket only root can
-    // make.
+    // With another user to become, the terminal's socket is made while the daemon is root, because only root
+    // may make files in that folder. The configuration is read afterwards, with the user's rights: he may
+    // write it, and it names files to open.
     if (user) (void)bmcli_start(g_p_esmcd, progname);
     if (user && become_user(*user, config_file) < 0) {
         (void)ssm_terminate();

@@ -11,7 +11,8 @@ constexpr const char* SSM_PID_FILE = "/var/run/esmcd.pid";
 
 // Brings the daemon up and runs the event loop. 0 when the loop has run dry; a negative result code when
 // start-up failed (there is no pid file then). `config_file` null: the platform's default. Only the low 16
-// bits of `vty_port` count. `user` null: the daemon stays who it is; one that can't be become is a failure.
+// bits of `vty_port` count. `user` is whom to run as once everything that needs root is open; null: whoever
+// started the daemon. A user who can't be taken on is a failure.
 std::int32_t ssm_start(bool daemon_mode, const char* config_file, std::int32_t vty_port, const char* progname,
                        const rights_user* user = nullptr);
 
