@@ -8,6 +8,6 @@ struct rights_user;
 void pal_rights_drop();
 
 // Goes on as another user, with the rights that pal_rights_drop keeps. Called before the configuration is
-// read, so that the files it names are opened with that user's rights. 0, or a negative errno with a log line:
-// the daemon must end then.
+// read, so that the files it names are opened with that user's rights. 0, or a negative errno with a log
+// line: the daemon must end then.
 [[nodiscard]] int pal_rights_become(const rights_user& user);

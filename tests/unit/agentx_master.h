@@ -58,9 +58,9 @@ struct agentx_master : virtual_link {
         unsigned type, std::uint32_t transaction, std::uint32_t packet,
         const put_payload& put = [](agentx_writer*) {}) const {
         text_buffer out{};
-        agentx_writer w{&out, 0, big, false};
         const std::uint8_t flags = big ? AGENTX_FLAG_BIG_ENDIAN : 0;
-        agentx_begin(&w, {1, static_cast<std::uint8_t>(type), flags, SESSION, transaction, packet, 0});
+        agentx_writer w =
+            agentx_begin(&out, {1, static_cast<std::uint8_t>(type), flags, SESSION, transaction, packet, 0});
         put(&w);
         EXPECT_TRUE(agentx_end(&w));
         const std::string text = take_text(&out);

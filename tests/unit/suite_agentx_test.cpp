@@ -152,12 +152,12 @@ class agentx : public Suite, public testing::WithParamInterface<bool> {
                 if (type == AGENTX_TEST_SET) {
                     const std::size_t colon = rest.find(':');
                     const int of = colon < rest.size() ? std::stoi(rest.substr(colon + 1)) : AGENTX_INTEGER;
-                    agentx_put_number(w, static_cast<std::uint16_t>(of), name.data(), name.size(),
+                    agentx_put_number(w, static_cast<std::uint16_t>(of), name,
                                       static_cast<std::uint32_t>(std::stol(rest)));
                 } else {
                     const oid end = name_of(word.back() == '+' ? "/" : rest);
-                    agentx_put_oid(w, name.data(), name.size(), word.back() == '+');
-                    agentx_put_oid(w, end.data(), end.size());
+                    agentx_put_oid(w, name, word.back() == '+');
+                    agentx_put_oid(w, end);
                 }
             }
         });
@@ -349,11 +349,10 @@ TEST_P(agentx, garbage_ends_the_link_and_another_is_made) {
     const std::pair<std::size_t, std::uint8_t> header[] = {{0, 9}, {1, 0}, {1, 19}, {low, 3}, {high, 0x7f}};
     for (const auto& [at, octet] : header) cases.emplace_back(request("ping"))[at] = octet;
     for (unsigned type : {AGENTX_GET, AGENTX_TEST_SET, AGENTX_OPEN})  // a range without its end
-        cases.push_back(
-            master.make(type, 1, 1, [](agentx_writer* w) { agentx_put_oid(w, ROOT.data(), ROOT.size()); }));
+        cases.push_back(master.make(type, 1, 1, [](agentx_writer* w) { agentx_put_oid(w, ROOT); }));
     for (std::uint32_t length : {5U, 0xfffffffeU})  // of four octets; would wrap around with its padding
         cases.push_back(master.make(AGENTX_TEST_SET, 1, 1, [=](agentx_writer* w) {
-            agentx_put_number(w, AGENTX_OCTET_STRING, ROOT.data(), ROOT.size(), length);
+            agentx_put_number(w, AGENTX_OCTET_STRING, ROOT, length);
             agentx_put_u32(w, 0);
         }));
     for (std::size_t i = 0; i < cases.size(); ++i) {

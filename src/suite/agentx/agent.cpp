@@ -50,9 +50,7 @@ nanoseconds due_next(const snmp_agent* agent) {
 }
 
 void send_ping(snmp_agent* agent) {
-    agentx_writer w{};
-    w.out = &agent->out;
-    agentx_begin(&w, agentx_new_request(agent, AGENTX_PING));
+    agentx_writer w = agentx_begin(&agent->out, agentx_new_request(agent, AGENTX_PING));
     if (agentx_end(&w))
         agentx_request_sent(agent);
     else
@@ -130,9 +128,7 @@ void forget_link(snmp_agent* agent) {
 // A courtesy: a master that does not get it sees the end of the link.
 void say_close(snmp_agent* agent, agentx_close_reason reason) {
     if (agent->phase < agentx_phase::registering || agent->out.length) return;
-    agentx_writer w{};
-    w.out = &agent->out;
-    agentx_begin(&w, agentx_new_request(agent, AGENTX_CLOSE));
+    agentx_writer w = agentx_begin(&agent->out, agentx_new_request(agent, AGENTX_CLOSE));
     agentx_put_u8(&w, reason);
     agentx_put_u8(&w, 0);
     agentx_put_u16(&w, 0);
@@ -156,38 +152,37 @@ bool want_read(snmp_agent* agent) {
     return agent->read != nullptr;
 }
 
-void send_open(snmp_agent* agent) {
-    enter(agent, agentx_phase::opening);
-    const snmp_module* named = agent->modules;
-    agentx_writer w{};
-    w.out = &agent->out;
-    const agentx_header header = agentx_new_request(agent, AGENTX_OPEN);
+// Begins the PDU of a step whose answer is awaited; send_step sends it.
+agentx_writer begin_step(snmp_agent* agent, agentx_phase phase, agentx_type type) {
+    enter(agent, phase);
+    const agentx_header header = agentx_new_request(agent, type);
     agent->awaited = header.packet;
-    agentx_begin(&w, header);
-    agentx_put_u32(&w, 0);  // time-outs are the master's own
-    agentx_put_oid(&w, named->root, named->root_length);
-    agentx_put_string(&w, named->name, std::strlen(named->name));
-    if (!agentx_end(&w) || !want_read(agent)) return agentx_drop(agent, "no memory for the session");
+    return agentx_begin(&agent->out, header);
+}
+
+void send_step(snmp_agent* agent, agentx_writer* w) {
+    if (!agentx_end(w) || !want_read(agent)) return agentx_drop(agent, "no memory for the session");
     agentx_flush(agent);
     arm_timer(agent);
 }
 
+void send_open(snmp_agent* agent) {
+    const snmp_module* named = agent->modules;
+    agentx_writer w = begin_step(agent, agentx_phase::opening, AGENTX_OPEN);
+    agentx_put_u32(&w, 0);  // time-outs are the master's own
+    agentx_put_oid(&w, named->root());
+    agentx_put_string(&w, named->name, std::strlen(named->name));
+    send_step(agent, &w);
+}
+
 void send_register(snmp_agent* agent) {
-    enter(agent, agentx_phase::registering);
     constexpr std::uint8_t DEFAULT_PRIORITY = 127;
-    agentx_writer w{};
-    w.out = &agent->out;
-    const agentx_header header = agentx_new_request(agent, AGENTX_REGISTER);
-    agent->awaited = header.packet;
-    agentx_begin(&w, header);
+    agentx_writer w = begin_step(agent, agentx_phase::registering, AGENTX_REGISTER);
     agentx_put_u8(&w, 0);
     agentx_put_u8(&w, DEFAULT_PRIORITY);
-    agentx_put_u8(&w, 0);
-    agentx_put_u8(&w, 0);
-    agentx_put_oid(&w, agent->registering->root, agent->registering->root_length);
-    if (!agentx_end(&w)) return agentx_drop(agent, "no memory for the session");
-    agentx_flush(agent);
-    arm_timer(agent);
+    agentx_put_u16(&w, 0);
+    agentx_put_oid(&w, agent->registering->root());
+    send_step(agent, &w);
 }
 
 int on_writable(thread* event) {

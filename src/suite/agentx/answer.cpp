@@ -17,12 +17,10 @@ constexpr std::size_t BULK_MAX = 1000;  // variables in one answer, so that a tu
 constexpr std::size_t ANSWER_MAX = 256 * 1024;
 
 agentx_writer begin_response(const agentx_header& request, text_buffer* out) {
-    agentx_writer w{};
-    w.out = out;
     agentx_header header = request;
     header.type = AGENTX_RESPONSE;
     header.flags = request.flags & AGENTX_FLAG_BIG_ENDIAN;
-    agentx_begin(&w, header);
+    agentx_writer w = agentx_begin(out, header);
     agentx_put_u32(&w, 0);  // the master's up-time is asked of nobody but the master
     agentx_put_u16(&w, 0);
     agentx_put_u16(&w, 0);
@@ -37,16 +35,16 @@ void put_found(agentx_writer* w, const agentx_found* found) {
     agentx_oid name;
     agentx_full_name(found, &name);
     if (found->variable->type == SNMP_TYPE_OCTET_STRING)
-        return agentx_put_text(w, name.id, name.length, found->value, found->value_length);
+        return agentx_put_text(w, name.name(), found->value, found->value_length);
     std::uint32_t number = 0;
     std::memcpy(&number, found->value, sizeof number);
-    agentx_put_number(w, found->variable->type, name.id, name.length, number);
+    agentx_put_number(w, found->variable->type, name.name(), number);
 }
 
 void put_get(const snmp_agent* agent, const agentx_oid* start, const agentx_oid*, agentx_writer* w) {
     agentx_found found;
     if (const std::uint16_t missing = agentx_find(agent, start, &found))
-        agentx_put_empty(w, missing, start->id, start->length);
+        agentx_put_empty(w, missing, start->name());
     else
         put_found(w, &found);
 }
@@ -56,7 +54,7 @@ void put_next(const snmp_agent* agent, const agentx_oid* start, const agentx_oid
     if (agentx_find_next(agent, start, end, &found))
         put_found(w, &found);
     else
-        agentx_put_empty(w, AGENTX_END_OF_MIB_VIEW, start->id, start->length);
+        agentx_put_empty(w, AGENTX_END_OF_MIB_VIEW, start->name());
 }
 
 using put_one = void (*)(const snmp_agent*, const agentx_oid* start, const agentx_oid* end, agentx_writer*);
@@ -73,7 +71,7 @@ void answer_ranges(const snmp_agent* agent, agentx_reader* payload, put_one put,
 bool repeat(const snmp_agent* agent, agentx_oid* start, const agentx_oid* end, agentx_writer* w) {
     agentx_found found;
     if (!agentx_find_next(agent, start, end, &found)) {
-        agentx_put_empty(w, AGENTX_END_OF_MIB_VIEW, start->id, start->length);
+        agentx_put_empty(w, AGENTX_END_OF_MIB_VIEW, start->name());
         return false;
     }
     put_found(w, &found);

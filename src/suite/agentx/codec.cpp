@@ -3,7 +3,6 @@
 #include "suite/agentx/codec.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace {
 
@@ -24,8 +23,11 @@ const_octets take(agentx_reader* r, std::size_t count) {
     return taken;
 }
 
-std::uint32_t word(const_octets b, std::size_t at, bool big_endian) {
-    const std::uint32_t value = get_be32(b, at);
+// Between the host's order and the PDU's: put_be and get_be take it from there.
+std::uint16_t in_order(std::uint16_t value, bool big_endian) {
+    return big_endian ? value : __builtin_bswap16(value);
+}
+std::uint32_t in_order(std::uint32_t value, bool big_endian) {
     return big_endian ? value : __builtin_bswap32(value);
 }
 
@@ -33,10 +35,8 @@ void put(agentx_writer* w, const void* data, std::size_t count) {
     if (!w->full && !text_append(w->out, data, count)) w->full = true;
 }
 
-void begin_variable(agentx_writer* w, std::uint16_t type, const snmp_oid* name, std::size_t length) {
-    agentx_put_u16(w, type);
-    agentx_put_u16(w, 0);
-    agentx_put_oid(w, name, length);
+octets pdu(const agentx_writer* w) {
+    return {reinterpret_cast<std::uint8_t*>(w->out->data + w->start), w->out->length - w->start};
 }
 
 void take_cell(agentx_reader* r, agentx_variable* out) {
@@ -90,10 +90,10 @@ void take_value(agentx_reader* r, agentx_variable* out) {
 bool agentx_read_header(const_octets data, agentx_header* header) {
     *header = {data[0], data[1], data[2], 0, 0, 0, 0};
     const bool big_endian = agentx_is_big_endian(*header);
-    header->session = word(data, 4, big_endian);
-    header->transaction = word(data, 8, big_endian);
-    header->packet = word(data, 12, big_endian);
-    header->length = word(data, LENGTH_AT, big_endian);
+    header->session = in_order(get_be32(data, 4), big_endian);
+    header->transaction = in_order(get_be32(data, 8), big_endian);
+    header->packet = in_order(get_be32(data, 12), big_endian);
+    header->length = in_order(get_be32(data, LENGTH_AT), big_endian);
     return header->version == AGENTX_VERSION && header->type >= AGENTX_OPEN &&
            header->type <= AGENTX_RESPONSE && header->length % 4 == 0;
 }
@@ -105,14 +105,12 @@ std::uint8_t agentx_take_u8(agentx_reader* r) {
 
 std::uint16_t agentx_take_u16(agentx_reader* r) {
     const const_octets b = take(r, 2);
-    if (b.empty()) return 0;
-    const std::uint16_t value = get_be16(b, 0);
-    return r->big_endian ? value : __builtin_bswap16(value);
+    return b.empty() ? std::uint16_t{0} : in_order(get_be16(b, 0), r->big_endian);
 }
 
 std::uint32_t agentx_take_u32(agentx_reader* r) {
     const const_octets b = take(r, 4);
-    return b.empty() ? 0 : word(b, 0, r->big_endian);
+    return b.empty() ? 0 : in_order(get_be32(b, 0), r->big_endian);
 }
 
 void agentx_take_oid(agentx_reader* r, agentx_oid* out) {
@@ -122,9 +120,8 @@ void agentx_take_oid(agentx_reader* r, agentx_oid* out) {
     out->include = agentx_take_u8(r) != 0;
     (void)agentx_take_u8(r);  // reserved
     if (prefix) {
-        std::copy(std::begin(INTERNET), std::end(INTERNET), out->id);
-        out->id[std::size(INTERNET)] = prefix;
-        out->length = std::size(INTERNET) + 1;
+        agentx_append(out, INTERNET);
+        out->id[out->length++] = prefix;
     }
     if (out->length + count > AGENTX_OID_MAX) r->bad = true;
     for (std::size_t i = 0; i < count && !r->bad; ++i) out->id[out->length++] = agentx_take_u32(r);
@@ -152,26 +149,34 @@ void agentx_take_variable(agentx_reader* r, agentx_variable* out) {
     if (!r->bad) take_value(r, out);
 }
 
-int agentx_compare(const snmp_oid* one, std::size_t one_length, const snmp_oid* other,
-                   std::size_t other_length) {
-    const std::size_t common = std::min(one_length, other_length);
-    for (std::size_t i = 0; i < common; ++i)
-        if (one[i] != other[i]) return one[i] < other[i] ? -1 : 1;
-    return one_length == other_length ? 0 : one_length < other_length ? -1 : 1;
+void agentx_append(agentx_oid* to, agentx_name more) {
+    const std::size_t count = std::min(more.size(), AGENTX_OID_MAX - to->length);
+    std::copy_n(more.data(), count, to->id + to->length);
+    to->length += count;
 }
 
-void agentx_begin(agentx_writer* w, const agentx_header& header) {
-    w->start = w->out->length;
-    w->big_endian = agentx_is_big_endian(header);
-    w->full = false;
-    agentx_put_u8(w, AGENTX_VERSION);
-    agentx_put_u8(w, header.type);
-    agentx_put_u8(w, header.flags);
-    agentx_put_u8(w, 0);
-    agentx_put_u32(w, header.session);
-    agentx_put_u32(w, header.transaction);
-    agentx_put_u32(w, header.packet);
-    agentx_put_u32(w, 0);
+int agentx_compare(agentx_name one, agentx_name other) {
+    const std::size_t common = std::min(one.size(), other.size());
+    for (std::size_t i = 0; i < common; ++i)
+        if (one[i] != other[i]) return one[i] < other[i] ? -1 : 1;
+    return one.size() == other.size() ? 0 : one.size() < other.size() ? -1 : 1;
+}
+
+bool agentx_begins_with(agentx_name name, agentx_name head) {
+    return name.size() >= head.size() && std::equal(head.begin(), head.end(), name.begin());
+}
+
+agentx_writer agentx_begin(text_buffer* out, const agentx_header& header) {
+    agentx_writer w = {out, out->length, agentx_is_big_endian(header), false};
+    agentx_put_u8(&w, AGENTX_VERSION);
+    agentx_put_u8(&w, header.type);
+    agentx_put_u8(&w, header.flags);
+    agentx_put_u8(&w, 0);
+    agentx_put_u32(&w, header.session);
+    agentx_put_u32(&w, header.transaction);
+    agentx_put_u32(&w, header.packet);
+    agentx_put_u32(&w, 0);
+    return w;
 }
 
 bool agentx_end(agentx_writer* w) {
@@ -180,8 +185,7 @@ bool agentx_end(agentx_writer* w) {
         if (w->out->data) w->out->data[w->start] = 0;
         return false;
     }
-    agentx_patch_u32(w, LENGTH_AT,
-                     static_cast<std::uint32_t>(w->out->length - w->start - AGENTX_HEADER_SIZE));
+    agentx_patch_u32(w, LENGTH_AT, static_cast<std::uint32_t>(pdu(w).size() - AGENTX_HEADER_SIZE));
     return true;
 }
 
@@ -191,26 +195,26 @@ void agentx_put_u8(agentx_writer* w, std::uint8_t value) {
 
 void agentx_put_u16(agentx_writer* w, std::uint16_t value) {
     std::uint8_t b[2];
-    put_be16(b, 0, w->big_endian ? value : __builtin_bswap16(value));
+    put_be16(b, 0, in_order(value, w->big_endian));
     put(w, b, sizeof b);
 }
 
 void agentx_put_u32(agentx_writer* w, std::uint32_t value) {
     std::uint8_t b[4];
-    put_be32(b, 0, w->big_endian ? value : __builtin_bswap32(value));
+    put_be32(b, 0, in_order(value, w->big_endian));
     put(w, b, sizeof b);
 }
 
-void agentx_put_oid(agentx_writer* w, const snmp_oid* id, std::size_t length, bool include) {
+void agentx_put_oid(agentx_writer* w, agentx_name name, bool include) {
     constexpr std::size_t head = std::size(INTERNET) + 1;
-    const bool short_form = length >= head && std::equal(std::begin(INTERNET), std::end(INTERNET), id) &&
-                            id[head - 1] > 0 && id[head - 1] <= UINT8_MAX;
-    const std::size_t skipped = short_form ? head : 0;
-    agentx_put_u8(w, static_cast<std::uint8_t>(length - skipped));
-    agentx_put_u8(w, short_form ? static_cast<std::uint8_t>(id[head - 1]) : std::uint8_t{0});
+    const bool short_form = name.size() >= head && agentx_begins_with(name, INTERNET) && name[head - 1] > 0 &&
+                            name[head - 1] <= UINT8_MAX;
+    const agentx_name rest = name.subspan(short_form ? head : 0);
+    agentx_put_u8(w, static_cast<std::uint8_t>(rest.size()));
+    agentx_put_u8(w, short_form ? static_cast<std::uint8_t>(name[head - 1]) : std::uint8_t{0});
     agentx_put_u8(w, include ? 1 : 0);
     agentx_put_u8(w, 0);
-    for (std::size_t i = skipped; i < length; ++i) agentx_put_u32(w, id[i]);
+    for (const snmp_oid id : rest) agentx_put_u32(w, id);
 }
 
 void agentx_put_string(agentx_writer* w, const void* data, std::size_t length) {
@@ -220,40 +224,31 @@ void agentx_put_string(agentx_writer* w, const void* data, std::size_t length) {
     put(w, zeros, padding(length));
 }
 
-void agentx_put_empty(agentx_writer* w, std::uint16_t type, const snmp_oid* name, std::size_t name_length) {
-    begin_variable(w, type, name, name_length);
+void agentx_put_empty(agentx_writer* w, std::uint16_t type, agentx_name name) {
+    agentx_put_u16(w, type);
+    agentx_put_u16(w, 0);
+    agentx_put_oid(w, name);
 }
 
-void agentx_put_number(agentx_writer* w, std::uint16_t type, const snmp_oid* name, std::size_t name_length,
-                       std::uint32_t value) {
-    begin_variable(w, type, name, name_length);
+void agentx_put_number(agentx_writer* w, std::uint16_t type, agentx_name name, std::uint32_t value) {
+    agentx_put_empty(w, type, name);
     agentx_put_u32(w, value);
 }
 
-void agentx_put_text(agentx_writer* w, const snmp_oid* name, std::size_t name_length, const void* data,
-                     std::size_t length) {
-    begin_variable(w, AGENTX_OCTET_STRING, name, name_length);
+void agentx_put_text(agentx_writer* w, agentx_name name, const void* data, std::size_t length) {
+    agentx_put_empty(w, AGENTX_OCTET_STRING, name);
     agentx_put_string(w, data, length);
 }
 
-void agentx_put_oid_value(agentx_writer* w, const snmp_oid* name, std::size_t name_length,
-                          const snmp_oid* value, std::size_t value_length) {
-    begin_variable(w, AGENTX_OBJECT_ID, name, name_length);
-    agentx_put_oid(w, value, value_length);
+void agentx_put_oid_value(agentx_writer* w, agentx_name name, agentx_name value) {
+    agentx_put_empty(w, AGENTX_OBJECT_ID, name);
+    agentx_put_oid(w, value);
 }
 
 void agentx_patch_u16(agentx_writer* w, std::size_t at, std::uint16_t value) {
-    if (w->full) return;
-    const std::uint16_t ordered = w->big_endian ? value : __builtin_bswap16(value);
-    std::uint8_t b[2];
-    put_be16(b, 0, ordered);
-    std::memcpy(w->out->data + w->start + at, b, sizeof b);
+    if (!w->full) put_be16(pdu(w), at, in_order(value, w->big_endian));
 }
 
 void agentx_patch_u32(agentx_writer* w, std::size_t at, std::uint32_t value) {
-    if (w->full) return;
-    const std::uint32_t ordered = w->big_endian ? value : __builtin_bswap32(value);
-    std::uint8_t b[4];
-    put_be32(b, 0, ordered);
-    std::memcpy(w->out->data + w->start + at, b, sizeof b);
+    if (!w->full) put_be32(pdu(w), at, in_order(value, w->big_endian));
 }

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 #include "suite/agentx/snmp.h"
 #include "suite/base/octets.h"
@@ -56,15 +57,12 @@ enum agentx_value_type : std::uint16_t {
 enum agentx_error : std::uint16_t {
     AGENTX_NOT_OPEN = 257,
     AGENTX_UNSUPPORTED_CONTEXT = 262,
-    AGENTX_DUPLICATE_REGISTRATION = 263,
     AGENTX_PARSE_ERROR = 266,
-    AGENTX_PROCESSING_ERROR = 268,
 };
 
 enum agentx_close_reason : std::uint8_t {
     AGENTX_CLOSE_OTHER = 1,
     AGENTX_CLOSE_PARSE_ERROR = 2,
-    AGENTX_CLOSE_TIMEOUTS = 4,
     AGENTX_CLOSE_SHUTDOWN = 5,
 };
 
@@ -74,11 +72,16 @@ struct agentx_header {
     std::uint32_t length;  // of the payload
 };
 
+using agentx_name = std::span<const snmp_oid>;
+
+// A name with its memory.
 struct agentx_oid {
     std::size_t length;
     bool include;  // of a range's start: it counts itself
     snmp_oid id[AGENTX_OID_MAX];
+    agentx_name name() const { return {id, length}; }
 };
+void agentx_append(agentx_oid* to, agentx_name more);  // as far as it fits
 
 struct agentx_reader {
     const_octets data;
@@ -117,8 +120,11 @@ void agentx_take_range(agentx_reader* r, agentx_oid* start, agentx_oid* end);
 void agentx_take_variable(agentx_reader* r, agentx_variable* out);  // an unknown type is bad
 
 // Lexicographical order: negative, 0 or positive.
-int agentx_compare(const snmp_oid* one, std::size_t one_length, const snmp_oid* other,
-                   std::size_t other_length);
+int agentx_compare(agentx_name one, agentx_name other);
+bool agentx_begins_with(agentx_name name, agentx_name head);
+inline agentx_name agentx_suffix(const snmp_variable* v) {
+    return {v->suffix, v->suffix_length};
+}
 
 struct agentx_writer {
     text_buffer* out;
@@ -127,24 +133,21 @@ struct agentx_writer {
     bool full;
 };
 
-// Begins a PDU; agentx_end fills in the length of its payload, or takes back what was written when it did not
-// fit. True when the PDU is whole.
-void agentx_begin(agentx_writer* w, const agentx_header& header);
+// Begins a PDU behind what `out` holds; agentx_end fills in the length of its payload, or takes back what was
+// written when it did not fit. True when the PDU is whole.
+agentx_writer agentx_begin(text_buffer* out, const agentx_header& header);
 [[nodiscard]] bool agentx_end(agentx_writer* w);
 
 void agentx_put_u8(agentx_writer* w, std::uint8_t value);
 void agentx_put_u16(agentx_writer* w, std::uint16_t value);
 void agentx_put_u32(agentx_writer* w, std::uint32_t value);
-void agentx_put_oid(agentx_writer* w, const snmp_oid* id, std::size_t length, bool include = false);
+void agentx_put_oid(agentx_writer* w, agentx_name name, bool include = false);
 void agentx_put_string(agentx_writer* w, const void* data, std::size_t length);
 // Types without a value, Integer and the other 32-bit types.
-void agentx_put_empty(agentx_writer* w, std::uint16_t type, const snmp_oid* name, std::size_t name_length);
-void agentx_put_number(agentx_writer* w, std::uint16_t type, const snmp_oid* name, std::size_t name_length,
-                       std::uint32_t value);
-void agentx_put_text(agentx_writer* w, const snmp_oid* name, std::size_t name_length, const void* data,
-                     std::size_t length);
-void agentx_put_oid_value(agentx_writer* w, const snmp_oid* name, std::size_t name_length,
-                          const snmp_oid* value, std::size_t value_length);
+void agentx_put_empty(agentx_writer* w, std::uint16_t type, agentx_name name);
+void agentx_put_number(agentx_writer* w, std::uint16_t type, agentx_name name, std::uint32_t value);
+void agentx_put_text(agentx_writer* w, agentx_name name, const void* data, std::size_t length);
+void agentx_put_oid_value(agentx_writer* w, agentx_name name, agentx_name value);
 // Overwrites 16 or 32 bits of the PDU at hand, `at` octets behind its start.
 void agentx_patch_u16(agentx_writer* w, std::size_t at, std::uint16_t value);
 void agentx_patch_u32(agentx_writer* w, std::size_t at, std::uint32_t value);

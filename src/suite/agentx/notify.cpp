@@ -1,8 +1,6 @@
 // Notifications: the timer that lets the module look for what changed, the PDU, and what becomes of it. A
 // notification counts as delivered when the master has answered it; the module hears of those that a lost
 // link may have taken along, and sends what is true by then.
-#include <algorithm>
-
 #include "suite/agentx/record.h"
 #include "suite/loop/thread.h"
 
@@ -42,28 +40,17 @@ void settle(agentx_sent_notification* sent, bool delivered) {
     sent->done(sent->tag, delivered);
 }
 
-// A name below a module's base, whole.
-struct whole_name {
-    snmp_oid id[AGENTX_OID_MAX];
-    std::size_t length;
-};
-
-void add(whole_name* name, const snmp_oid* id, std::size_t length) {
-    length = std::min(length, AGENTX_OID_MAX - name->length);
-    std::copy_n(id, length, name->id + name->length);
-    name->length += length;
-}
-
-void put_notification(agentx_writer* w, const whole_name& base, snmp_oid number,
+// `base` is the whole name of the module's base.
+void put_notification(agentx_writer* w, const agentx_oid& base, snmp_oid number,
                       const snmp_notify_object* objects, std::size_t count) {
-    whole_name name = base;
+    agentx_oid name = base;
     const snmp_oid trap[] = {0, number};
-    add(&name, trap, std::size(trap));
-    agentx_put_oid_value(w, SNMP_TRAP_OID, std::size(SNMP_TRAP_OID), name.id, name.length);
+    agentx_append(&name, trap);
+    agentx_put_oid_value(w, SNMP_TRAP_OID, name.name());
     for (const snmp_notify_object* o = objects; o != objects + count; ++o) {
-        name = base;
-        add(&name, o->name, o->name_length);
-        agentx_put_number(w, AGENTX_INTEGER, name.id, name.length, static_cast<std::uint32_t>(o->value));
+        name.length = base.length;
+        agentx_append(&name, {o->name, o->name_length});
+        agentx_put_number(w, AGENTX_INTEGER, name.name(), static_cast<std::uint32_t>(o->value));
     }
 }
 
@@ -77,13 +64,11 @@ int snmp_notify(lib_globals* ctx, const snmp_oid* base, std::size_t base_length,
         return -1;
     agentx_sent_notification* sent = free_place(agent);
     if (!sent) return -1;
-    whole_name root{};
-    add(&root, agent->modules->root, SNMP_ROOT_SIZE);
-    add(&root, base, base_length);
-    agentx_writer w{};
-    w.out = &agent->out;
+    agentx_oid root{};
+    agentx_append(&root, agent->modules->root().first(SNMP_ROOT_SIZE));
+    agentx_append(&root, {base, base_length});
     const agentx_header header = agentx_new_request(agent, AGENTX_NOTIFY);
-    agentx_begin(&w, header);
+    agentx_writer w = agentx_begin(&agent->out, header);
     put_notification(&w, root, number, objects, count);
     if (!agentx_end(&w)) return -1;
     *sent = {true, header.packet, tag, done};

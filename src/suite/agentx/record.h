@@ -26,8 +26,9 @@ struct snmp_module {
     const char* name;   // the caller's
     const snmp_variable* variables;
     std::size_t entry_count;
-    snmp_oid root[SNMP_ROOT_SIZE + SNMP_BASE_MAX];
+    snmp_oid root_id[SNMP_ROOT_SIZE + SNMP_BASE_MAX];
     std::size_t root_length;
+    agentx_name root() const { return {root_id, root_length}; }
 };
 
 // Where the master is.
@@ -113,8 +114,7 @@ struct snmp_agent {
 struct agentx_found {
     const snmp_module* module;
     const snmp_variable* variable;
-    snmp_oid name[AGENTX_OID_MAX];
-    std::size_t name_length;
+    agentx_oid name;
     const void* value;  // null: the object has no such instance
     std::size_t value_length;
     snmp_write_handler write;

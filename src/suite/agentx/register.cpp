@@ -30,9 +30,8 @@ bool variable_fits(const snmp_variable* v, std::size_t root_length) {
 }
 
 bool in_order(const snmp_variable* one, const snmp_variable* next) {
-    if (agentx_compare(one->suffix, one->suffix_length, next->suffix, next->suffix_length) >= 0) return false;
-    return next->suffix_length < one->suffix_length ||
-           !std::equal(one->suffix, one->suffix + one->suffix_length, next->suffix);
+    return agentx_compare(agentx_suffix(one), agentx_suffix(next)) < 0 &&
+           !agentx_begins_with(agentx_suffix(next), agentx_suffix(one));
 }
 
 }  // namespace
@@ -52,8 +51,8 @@ int agentx_register_mib(lib_globals* ctx, const char* name, const snmp_variable*
     module->name = name;
     module->variables = variables;
     module->entry_count = entry_count;
-    std::copy_n(ENTERPRISES, SNMP_ROOT_SIZE, module->root);
-    std::copy_n(base, base_length, module->root + SNMP_ROOT_SIZE);
+    std::copy_n(ENTERPRISES, SNMP_ROOT_SIZE, module->root_id);
+    std::copy_n(base, base_length, module->root_id + SNMP_ROOT_SIZE);
     module->root_length = SNMP_ROOT_SIZE + base_length;
     snmp_module** end = &ctx->snmp->modules;
     while (*end) end = &(*end)->next;

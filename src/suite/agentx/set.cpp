@@ -67,16 +67,16 @@ bool take_back(snmp_agent* agent, agentx_transaction* t) {
 
 // Notes what an object is before it is changed. Null when memory is exhausted.
 agentx_change* note(const agentx_found* found) {
-    const std::size_t names = found->name_length * sizeof found->name[0];
+    const std::size_t names = found->name.length * sizeof found->name.id[0];
     const std::size_t old_length = found->value ? found->value_length : 0;
     auto* change =
         static_cast<agentx_change*>(memmgr_calloc(sizeof(agentx_change) + names + old_length, MTYPE_AGENTX));
     if (!change) return nullptr;
     change->variable = found->variable;
     change->write = found->write;
-    change->name_length = found->name_length;
+    change->name_length = found->name.length;
     change->old_length = old_length;
-    std::copy_n(found->name, found->name_length, change->name());
+    std::copy_n(found->name.id, found->name.length, change->name());
     if (old_length) std::memcpy(change->old_value(), found->value, old_length);
     return change;
 }
@@ -86,7 +86,7 @@ int apply(agentx_transaction* t, const agentx_found* found, const agentx_variabl
     if (!change) return SNMP_RESOURCE_UNAVAILABLE;
     const int status = found->write(SNMP_ACTION_SET, v->value, static_cast<std::uint8_t>(v->type),
                                     v->value_length, static_cast<const std::uint8_t*>(found->value),
-                                    found->name, found->name_length, found->variable);
+                                    found->name.id, found->name.length, found->variable);
     if (status == SNMP_NO_ERROR && found->value) {
         change->next = t->changes;
         t->changes = change;
