@@ -1,5 +1,5 @@
-// The rules of clock/control.h as two timers over one backend. Called by nsmd's core on the event loop. A
-// timer that can't be had for want of memory is one that is over at once.
+// The rules of clock/control.h as two timers over one backend. Called by nsmd's core on the event loop.
+// Without memory for a timer requests take effect at once, and the grace time has no end.
 #include "nsmd/clock/control.h"
 
 #include "suite/log/log.h"

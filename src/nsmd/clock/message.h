@@ -50,7 +50,7 @@ enum dpll_pin_attr : std::uint16_t {
 };
 
 enum : std::uint32_t { DPLL_MODE_MANUAL = 1, DPLL_MODE_AUTOMATIC = 2 };
-enum : std::uint32_t { DPLL_TYPE_PPS = 1, DPLL_TYPE_EEC = 2, DPLL_TYPE_GENERIC = 3 };
+enum : std::uint32_t { DPLL_TYPE_PPS = 1, DPLL_TYPE_EEC = 2 };
 enum : std::uint32_t {
     DPLL_STATUS_UNLOCKED = 1,
     DPLL_STATUS_LOCKED = 2,
@@ -59,7 +59,7 @@ enum : std::uint32_t {
 };
 enum : std::uint32_t { PIN_CONNECTED = 1, PIN_DISCONNECTED = 2, PIN_SELECTABLE = 3 };
 enum : std::uint32_t { PIN_OPER_ACTIVE = 1 };
-enum : std::uint32_t { PIN_CAN_DIRECTION = 1, PIN_CAN_PRIO = 2, PIN_CAN_STATE = 4 };
+enum : std::uint32_t { PIN_CAN_PRIO = 2, PIN_CAN_STATE = 4 };
 enum : std::uint32_t { PIN_OUTPUT = 2 };
 
 struct dpll_device {

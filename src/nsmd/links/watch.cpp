@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cinttypes>
 #include <cstring>
 
 #include "nsmd/links/message.h"
@@ -295,7 +296,6 @@ bool link_watch_wait_ready(link_watch* w, int timeout_ms) {
 
 bool link_watch_status(const link_watch* w, text_buffer* out) {
     return text_printf(
-        out, "links: %llu messages, %llu dumps, %llu overruns, %llu questions\n",
-        static_cast<unsigned long long>(w->messages), static_cast<unsigned long long>(w->dumps),
-        static_cast<unsigned long long>(w->overruns), static_cast<unsigned long long>(w->questions));
+        out, "links: %" PRIu64 " messages, %" PRIu64 " dumps, %" PRIu64 " overruns, %" PRIu64 " questions\n",
+        w->messages, w->dumps, w->overruns, w->questions);
 }

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cinttypes>
 #include <cstring>
 
 #include "suite/base/memory.h"
@@ -268,7 +269,6 @@ void nsmd_server_send_clock(nsmd_server* s, nsmd_peer* peer, std::uint32_t state
 }
 
 bool nsmd_server_status(const nsmd_server* s, text_buffer* out) {
-    return text_printf(out, "clients: %u connected, %llu accepted, %llu messages dropped\n", s->greeted,
-                       static_cast<unsigned long long>(s->accepted),
-                       static_cast<unsigned long long>(s->dropped));
+    return text_printf(out, "clients: %u connected, %" PRIu64 " accepted, %" PRIu64 " messages dropped\n",
+                       s->greeted, s->accepted, s->dropped);
 }
