@@ -1,5 +1,5 @@
 // An AgentX master that a test plays: its end of the sub-agent's link. It writes and reads by the sub-agent's
-// own codec, which suite_agentx_test holds against octets.
+// own codec; that the octets are right is shown by a real master in the system tests.
 #pragma once
 
 #include "suite/agentx/record.h"

@@ -226,32 +226,27 @@ TEST_F(Editor, History) {
 
 TEST_F(Editor, SearchInHistory) {
     for (const char* text : {"show clock", "show version", "clock synce"}) enter(text);
-    type(ctrl('R') + "cl");
-    EXPECT_EQ(line(), "clock synce");
-    type(ctrl('R'));
-    EXPECT_EQ(line(), "show clock");
-    type(ctrl('R'));
+    for (const auto& [keys, found] :
+         {std::pair{ctrl('R') + "cl", "clock synce"}, {ctrl('R'), "show clock"}, {ctrl('R'), "show clock"}}) {
+        EXPECT_EQ(type(keys), editor_event::none);
+        EXPECT_EQ(line(), found) << keys;
+    }
     EXPECT_EQ(screen.bells, 1u);
-    type(BACK + BACK + "vers" + ctrl('E'));
-    expect("show version", 12);
-    type(ctrl('R') + "xyz" + ctrl('G'));
-    expect("", 0);
-    type(ctrl('R') + "synce");
-    EXPECT_EQ(type("\r"), editor_event::line);
+    check({{BACK + BACK + "vers" + ctrl('E'), "show version", 12}, {ctrl('R') + "xyz" + ctrl('G'), "", 0}});
+    EXPECT_EQ(type(ctrl('R') + "synce\r"), editor_event::line);
     EXPECT_EQ(line(), "clock synce");
 }
 
-TEST_F(Editor, HiddenLinesShowNothing) {
+TEST_F(Editor, HiddenLinesShowNothingAndTooLongOnesAreRefusedWhole) {
     enter("earlier");
-    e->hidden = true;
     const std::string before = screen.text();
+    e->hidden = true;
     EXPECT_EQ(type("secret?\t" + UP + ctrl('R') + ctrl('A') + BACK), editor_event::none);
     EXPECT_EQ(screen.text(), before);
     EXPECT_EQ(line(), "secret?");
     EXPECT_EQ(type("\r"), editor_event::line);
-}
-
-TEST_F(Editor, LineThatIsTooLongIsRefusedWhole) {
+    e->hidden = false;
+    prompt();
     type(std::string(LINE_EDITOR_MAX, 'x'));
     EXPECT_EQ(line().size(), LINE_EDITOR_MAX);
     EXPECT_EQ(type("yy\r"), editor_event::too_long);

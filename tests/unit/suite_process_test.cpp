@@ -18,19 +18,15 @@ struct sigaction disposition(int number) {
     return now;
 }
 
-TEST(pal_signal, set_returns_the_former_handler_and_calls_are_restarted) {
+TEST(pal_signal, set_returns_the_former_handler_and_the_unwanted_are_ignored) {
     const pal_signal_handler before = pal_signal_set(SIGUSR2, SIG_IGN);
     EXPECT_EQ(pal_signal_set(SIGUSR2, pal_sigxcpu), SIG_IGN);
-    EXPECT_EQ(disposition(SIGUSR2).sa_flags & ~0x04000000,
-              SA_RESTART);  // but for the kernel's own restorer flag
+    const int flags = disposition(SIGUSR2).sa_flags & ~0x04000000;  // but for the kernel's own restorer flag
+    EXPECT_EQ(flags, SA_RESTART);
     EXPECT_EQ(pal_signal_set(SIGUSR2, before), pal_sigxcpu);
     EXPECT_EQ(pal_signal_set(SIGKILL, SIG_IGN), SIG_ERR);
-}
-
-TEST(pal_signal, limits_are_caught_once_and_the_rest_is_ignored) {
     pal_signal_init();
-    raise(SIGXCPU);
-    raise(SIGXFSZ);
+    for (int limit : {SIGXCPU, SIGXFSZ}) raise(limit);  // caught once
     for (int number : {SIGHUP, SIGUSR1, SIGUSR2, SIGPIPE, SIGTSTP, SIGTTIN, SIGTTOU, SIGXCPU, SIGXFSZ}) {
         EXPECT_EQ(disposition(number).sa_handler, SIG_IGN) << number;
         pal_signal_set(number, SIG_DFL);

@@ -23,16 +23,15 @@ struct Client {
     std::string printed, statuses;  // of a batch session: all output, and a digit a line
 
     ~Client() { drop(); }
-    bool connect_local(const std::string& path) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        return open(reinterpret_cast<sockaddr&>(address), sizeof address);
-    }
     bool open(const sockaddr& address, socklen_t size) {
         fd = socket(address.sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
         const bool ok = connect(fd, &address, size) == 0;
         return fcntl(fd, F_SETFL, O_NONBLOCK) == 0 && ok;
+    }
+    bool connect_local(const std::string& path) {
+        sockaddr_un address{AF_UNIX, ""};
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        return open(reinterpret_cast<sockaddr&>(address), sizeof address);
     }
     void drop() {
         if (fd >= 0) close(fd);
@@ -113,9 +112,9 @@ class Terminal : public Host {
     bool sessions_become(std::size_t count) {
         return pump([&] { return ctx->host->session_count == count; });
     }
-    void open_batch(Client* c) {
+    void open_batch(Client* c, const std::string& hello = "batch\n") {
         ASSERT_TRUE(c->connect_local(socket_path));
-        c->put("batch\n");
+        c->put(hello);
     }
     void open(Client* c, const char* hello = "interactive 24 80 xterm\n") {
         ASSERT_TRUE(c->connect_local(socket_path));
@@ -148,9 +147,9 @@ class Terminal : public Host {
 TEST_F(Terminal, BatchLinesAreAnsweredInOrderWithTheirStatus) {
     Client c;
     open_batch(&c);
-    for (const char* line :
+    for (const char* l :
          {"show version", "", "configure terminal", "hostname x", "nonsense", "do sho ver", "end"})
-        c.put(request(line));
+        c.put(request(l));
     ASSERT_TRUE(answers(&c, 7));
     const std::string version = std::string("esmcd version ") + lib_version() + "\n";
     EXPECT_EQ(c.printed, version + "% Unknown command\n" + version);
@@ -185,8 +184,7 @@ TEST_F(Terminal, ClientThatDoesNotReadIsBounded) {
     std::uint64_t most = 0;
     Client c;
     open_batch(&c);
-    c.put(request("show lines 100000") + request("show lines 100000") + request("show lines 100000") +
-          request("show lines 100000"));
+    for (int times = 0; times < 4; times++) c.put(request("show lines 100000"));
     ASSERT_TRUE(sessions_become(1));
     ASSERT_TRUE(pump([&] {
         most = std::max(most, octets() - before);
@@ -209,10 +207,9 @@ TEST_F(Terminal, ThirtyTwoSessionsAndNoMoreNorAnUnknownKindOfClient) {
     clients.clear();
     ASSERT_TRUE(sessions_become(0));
     for (const std::string& hello : {std::string("GET / HTTP/1.0\n"), std::string(1000, 'x')}) {
-        Client c;
-        ASSERT_TRUE(c.connect_local(socket_path));
-        c.put(hello);
-        EXPECT_TRUE(closes(&c));
+        Client other;
+        open_batch(&other, hello);
+        EXPECT_TRUE(closes(&other));
     }
 }
 
