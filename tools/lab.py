@@ -108,6 +108,10 @@ class Process:
         return wait_until(lambda: self.text().count(pattern) >= count, deadline,
                           f"{self.name} logs {pattern!r} {count} time(s)")
 
+    def complaints(self):
+        """The warnings and errors among what it wrote."""
+        return [line for line in self.text().splitlines() if " warning " in line or " error " in line]
+
     def send(self, number):
         self.popen.send_signal(number)
 
@@ -218,11 +222,12 @@ class Node:
         return result["value"]
 
     def packet_socket(self, port, protocol=3):
-        """A raw packet socket bound to `port`; protocol 3 sees every frame, those sent from here included."""
+        """A raw packet socket of `port`, of all if None; 3 as the protocol sees what is sent from here too."""
         def make():
             made = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(protocol))
             made.setsockopt(socket.SOL_SOCKET, 33, 4 << 20)  # SO_RCVBUFFORCE
-            made.bind((port, protocol))
+            if port:
+                made.bind((port, protocol))
             return made
         return self.in_network(make)
 
@@ -273,8 +278,8 @@ class Switch(Node):
             self.wait_shell()
         return self.esmcd
 
-    def start(self):
-        self.start_nsmd()
+    def start(self, ports="p*"):
+        self.start_nsmd("--port", ports, "--dpll", "sim")
         self.start_esmcd()
         return self
 

@@ -10,7 +10,8 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent.parent / "
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 
 import lab as lab_module  # noqa: E402
-from wire import ENABLE, Port  # noqa: E402
+import ring  # noqa: E402
+from wire import Port  # noqa: E402
 
 
 @pytest.hookimpl(hookwrapper=True)
@@ -41,13 +42,26 @@ def lab(request, tmp_path):
 
 
 @pytest.fixture
-def linked(lab):
-    """A switch with two ports, p1 and p2, whose other ends t1 and t2 are in the node `lab.tester`. Nothing runs yet."""
-    made = lab.switch("sw")
-    lab.tester = lab.node("tester", board=None)
-    lab.link(made, "p1", lab.tester, "t1")
-    lab.link(made, "p2", lab.tester, "t2")
-    return made
+def sw(lab):
+    """A switch without ports. Nothing runs yet."""
+    return lab.switch("sw")
+
+
+@pytest.fixture
+def linked(sw):
+    """A switch with two ports, p1 and p2, whose other ends t1 and t2 are in `lab.tester`. Nothing runs yet."""
+    tester = sw.lab.tester = sw.lab.node("tester", board=None)
+    for port, far in (("p1", "t1"), ("p2", "t2")):
+        sw.lab.link(sw, port, tester, far)
+    sw.t1, sw.t2 = Port(tester, "t1"), Port(tester, "t2")
+    return sw
+
+
+@pytest.fixture
+def configured(linked):
+    """The same, its file saying SyncE and SSM on both ports, p1 preferred."""
+    linked.path("/etc/esmcd.conf").write_text(ring.CONFIG["B"])
+    return linked
 
 
 @pytest.fixture
@@ -57,13 +71,25 @@ def switch(linked):
 
 
 @pytest.fixture
-def enabled(switch):
-    """The same with SyncE and SSM on both ports, p1 preferred; the tester's ends are `switch.t1` and `switch.t2`."""
-    switch.t1, switch.t2 = Port(switch.lab.tester, "t1"), Port(switch.lab.tester, "t2")
-    switch.configure(*ENABLE)
-    switch.wait_port("p1", up="enable")
-    switch.wait_port("p2", up="enable")
-    return switch
+def enabled(configured):
+    """The same, running."""
+    configured.start()
+    for port in ("p1", "p2"):
+        configured.wait_port(port, up="enable", sending="enable")
+    return configured
+
+
+@pytest.fixture
+def many(sw):
+    """A master with 255 ports d1 to d255, all configured and up; their other ends e1 to e255 are in `lab.tester`.
+    Nothing runs yet."""
+    ports = "".join(f"interface d{n}\n clock synce priority {n}\n clock synce enable\n!\n" for n in range(1, 256))
+    sw.path("/etc/esmcd.conf").write_text(ring.CONFIG["A"].split("!")[0] + "!\n" + ports)
+    sw.lab.tester = sw.lab.node("tester", board=None)
+    sw.ip_batch([f"link add d{n} index {n + 1} type veth peer name e{n} netns {sw.lab.tester.pid}"
+                 for n in range(1, 256)] + [f"link set d{n} up" for n in range(1, 256)])
+    sw.lab.tester.ip_batch([f"link set e{n} up" for n in range(1, 256)])
+    return sw
 
 
 @pytest.fixture
@@ -72,10 +98,14 @@ def release_only():
         pytest.skip("figures of the sanitized build say nothing")
 
 
+@pytest.hookimpl(tryfirst=True)
 def pytest_collection_modifyitems(items):
-    """Tests of figures may be spoilt by whatever else the machine does: those get a second and a third try."""
+    """Tests of figures may be spoilt by whatever else the machine does: those get a second and a third try, and
+    ./check runs them one at a time."""
     for item in items:
-        if "release_only" in getattr(item, "fixturenames", ()) or item.get_closest_marker("timing"):
+        if "release_only" in getattr(item, "fixturenames", ()):
+            item.add_marker(pytest.mark.timing)
+        if item.get_closest_marker("timing"):
             item.add_marker(pytest.mark.flaky(reruns=2))
 
 

@@ -1,162 +1,115 @@
 """The NSM link, octet by octet: the test plays the network services manager."""
 
+import select
+import socket
 import struct
-import time
 
-import fake_nsm
-import pytest
-from fake_nsm import GEPHY, GLOBAL_ENABLE, HELLO, HOLDOVER, LOCK, SELECTED, SYNC_DONE, Nsm
 from lab import wait_until
-from wire import ENABLE, PRC, SSU_A, Neighbour, Port, esmc, gaps
+from wire import PRC, SSU_A, esmc
+
+HELLO, HELLO_ACK, SYNC_DONE = 1, 2, 3
+LINK_ADD, LINK_DELETE, LINK_UP, LINK_DOWN, BRIDGE_ADD = 10, 11, 12, 13, 115
+GLOBAL_ENABLE, RECOVERY_SELECT, HOLDOVER, SELECTED, GEPHY, CLOCK_STATE = 206, 207, 208, 209, 210, 211
+
+FREERUN, LOCK = 2, 4
+BRIDGE = struct.pack(">16sII6s2x", b"br0", 0, 1, bytes.fromhex("001122334455"))
+BRIDGE_ID = "00:11:22:FF:FE:33:44:55"
+PORT = 2  # the kind of an interface
 
 
-@pytest.fixture
-def sw(linked):
-    """A switch without nsmd, its daemon about to connect to `sw.nsm`."""
-    kernel = {name: int(linked.ip("-o", "link", "show", name).stdout.split(":")[0]) for name in ("p1", "p2")}
-    linked.ports = [dict(index=index, name=name, kernel=kernel[name]) for index, name in ((1, "p1"), (2, "p2"))]
-    linked.t1, linked.t2 = Port(linked.lab.tester, "t1"), Port(linked.lab.tester, "t2")
-    linked.nsm = Nsm(linked)
-    linked.start_esmcd()
-    return linked
+def link_record(index, name, kernel, up=True):
+    return struct.pack(">IIHH6s2x16s", index, kernel, PORT, up, bytes([2, 0, 0, 0, 0, index]), name.encode())
 
 
-@pytest.fixture
-def dumped(sw):
-    """The same, with its ports told."""
-    sw.hello = sw.nsm.session(sw.ports)
-    sw.wait_port("p2", up="enable")
-    return sw
+class Nsm:
+    """Listens on the node's NSM path. One connection at a time, as the daemon makes them."""
+
+    def __init__(self, node):
+        self.connection, self.sequence = None, 0
+        self.listener = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        self.listener.bind(str(node.path("/run/nsmd.sock")))
+        self.listener.listen(4)
+
+    def accept(self):
+        if self.connection:
+            self.connection.close()
+        self.listener.settimeout(3)
+        self.connection, self.sequence = self.listener.accept()[0], 0
+
+    def send(self, kind, *words, body=b""):
+        self.sequence += 1
+        body = struct.pack(f">{len(words)}I", *words) + body
+        self.connection.send(struct.pack(">HHI", kind, 8 + len(body), self.sequence) + body)
+
+    def collect(self, quiet=0.3):
+        """All messages, as (sequence, type, word...), until none has come for `quiet` seconds."""
+        found = []
+        while select.select([self.connection], [], [], quiet)[0]:
+            packet = self.connection.recv(4096)
+            kind, length, sequence = struct.unpack(">HHI", packet[:8])
+            assert length == len(packet)
+            found.append((sequence, kind, *struct.unpack(f">{length // 4 - 2}I", packet[8:])))
+        return found
+
+    def asked(self):
+        return [message[1:] for message in self.collect()]
+
+    def session(self, ports, state=FREERUN):
+        """Accepts, is greeted, dumps. `ports` are the arguments of `link_record`."""
+        self.accept()
+        assert self.collect() == [(1, HELLO, 1 << 16 | 36, 0)]
+        self.send(HELLO_ACK, 0)
+        self.send(BRIDGE_ADD, body=BRIDGE)
+        for port in ports:
+            self.send(LINK_ADD, body=link_record(*port))
+        self.send(CLOCK_STATE, state, 0)
+        assert self.collect(0.1) == [], "nothing is asked before the dump is complete"
+        self.send(SYNC_DONE)
 
 
-def requests(messages):
-    """(type, first word) of each request."""
-    return [(message.type, message.words()[0]) for message in messages]
-
-
-def test_hello_and_first_dump(dumped):
-    assert dumped.hello.length == len(dumped.hello.packet) == 16 and dumped.hello.sequence == 1
-    assert struct.unpack(">HHI", dumped.hello.body) == (1, 36, 0)
-    dumped.wait_clock(id=fake_nsm.BRIDGE_ID, dpll="FreeRun", state="FreeRun")
-    dumped.wait_port("p1", up="enable", synce="disable")
-    assert dumped.nsm.collect() == []
-    dumped.nsm.state(LOCK, 1)
-    dumped.wait_clock(dpll="Lock", valid="Valid")
-
-
-def test_nothing_is_asked_before_the_dump_is_complete(sw):
-    sw.nsm.accept()
-    sw.nsm.expect(HELLO)
-    sw.configure("clock synce global-enable")
-    assert sw.nsm.receive(0.5) is None
-    sw.nsm.acknowledge()
-    sw.nsm.state(2)
-    assert sw.nsm.receive(0.5) is None
-    sw.nsm.send(SYNC_DONE)
-    assert sw.nsm.expect(GLOBAL_ENABLE).words() == (1,)
-
-
-def test_requests_of_a_selection_in_order(dumped):
-    nsm = dumped.nsm
-    dumped.configure(*ENABLE)
-    assert requests(nsm.collect()) == [(GLOBAL_ENABLE, 1)]
-    dumped.t1.send(esmc(SSU_A))
-    first = nsm.collect()
-    assert [(m.type, m.words()) for m in first] == [(SELECTED, (1, 0))]  # out of free-run: no holdover to leave
-    assert first[0].sequence == 3, "hello, global enable, selected"
-    dumped.t2.send(esmc(PRC))
-    assert requests(nsm.collect()) == [(SELECTED, 2)]
-    dumped.t2.send(esmc(PRC))
-    assert nsm.collect() == []
+def test_every_message_in_both_directions(configured):
+    sw, nsm = configured, Nsm(configured)
+    ports = [(index, name, int(sw.ip("-o", "link", "show", name).stdout.split(":")[0]))
+             for index, name in ((1, "p1"), (2, "p2"))]
+    sw.start_esmcd(wait=False)
+    nsm.session(ports)
+    sw.wait_shell()
+    sw.wait_clock(id=BRIDGE_ID, dpll="FreeRun", state="FreeRun")
+    sw.wait_port("p1", up="enable", priority="10")
+    assert nsm.collect() == [(2, GLOBAL_ENABLE, 1)]
+    nsm.send(CLOCK_STATE, LOCK, 1)
+    sw.wait_clock(dpll="Lock", valid="Valid")
+    for port, quality, asked in ((sw.t1, SSU_A, [(3, SELECTED, 1, 0)]),  # out of free-run: no holdover to leave
+                                 (sw.t2, PRC, [(4, SELECTED, 2, 0)]),
+                                 (sw.t2, PRC, [])):  # a repeated frame asks for nothing
+        port.send(esmc(quality))
+        assert nsm.collect() == asked
 
     # Both links go: holdover, told as 0. One returns: holdover ends, told as 1, before the source.
-    nsm.down(2)
-    assert requests(nsm.collect()) == [(SELECTED, 1)]
-    nsm.down(1)
-    assert requests(nsm.collect()) == [(HOLDOVER, 0)]
-    dumped.wait_clock(state="Holdover", source="N/A", quality="EEC1/SEC")
-    nsm.up(1)
-    dumped.t1.send(esmc(SSU_A))
-    assert requests(nsm.collect()) == [(HOLDOVER, 1), (SELECTED, 1)]
+    for index, asked in ((2, [(SELECTED, 1, 0)]), (1, [(HOLDOVER, 0)])):
+        nsm.send(LINK_DOWN, index)
+        assert nsm.asked() == asked
+    sw.wait_clock(state="Holdover", source="N/A", quality="EEC1/SEC")
+    nsm.send(LINK_UP, 1)
+    sw.t1.send(esmc(SSU_A))
+    assert nsm.asked() == [(HOLDOVER, 1), (SELECTED, 1, 0)]
 
+    nsm.send(LINK_DELETE, 1)
+    sw.wait_clock(source="N/A", state="Holdover")
+    assert sw.port("p1") == {}
+    nsm.send(LINK_ADD, body=link_record(*ports[0]))
+    sw.wait_port("p1", up="enable", synce="disable")
+    nsm.send(LINK_DELETE, 2, 1)  # the interface itself too
+    wait_until(lambda: sw.port("p2") == {}, 2)
+    assert "interface p2" not in sw.show("running-config")
 
-def test_gephy_roles(dumped):
-    nsm = dumped.nsm
-    dumped.configure("interface p1", "clock synce gephy master", "exit", "interface p2", "clock synce gephy slave")
-    assert [message.words() for message in nsm.collect()] == [(1, 1, 1), (2, 1, 2)]
-    dumped.configure("interface p1", "no clock synce gephy", "exit", "interface p2", "no clock synce gephy")
-    assert [message.words() for message in nsm.collect()] == [(1, 0, 0), (2, 0, 0)]
-    # With SSM "gephy", selection sets the role itself.
-    dumped.configure("clock synce global-enable", "clock synce ssm enable gephy", "interface p1", "clock synce enable")
-    nsm.collect()
-    dumped.t1.send(esmc(PRC))
-    assert [(m.type, m.words()) for m in nsm.collect()] == [(SELECTED, (1, 0)), (GEPHY, (1, 1, 2))]
-
-
-def test_restarted_nsm_is_told_everything_again_and_neighbours_notice_nothing(dumped):
-    nsm = dumped.nsm
-    nsm.state(LOCK)
-    dumped.configure(*ENABLE)
-    neighbour = Neighbour(dumped.t1, PRC)
-    dumped.wait_clock(source="p1", quality="PRC")
-    made = requests(nsm.collect())
-    assert made == [(GLOBAL_ENABLE, 1), (SELECTED, 1)]
-    dumped.t2.drain()
-
-    nsm.vanish()
-    seen, end = [], time.monotonic() + 2.5
-    while time.monotonic() < end:
-        neighbour.keep()
-        seen += list(dumped.t2.frames(0.25))
-    nsm.listen()
-    nsm.session(dumped.ports, state=LOCK)
-    assert requests(nsm.collect()) == made, "the requests are stated again in their order"
-    seen += list(dumped.t2.frames(0.2))
-    assert {(frame.quality, frame.event) for frame in seen} == {(PRC, False)}
-    assert all(gap < 1.2 for gap in gaps(seen)), gaps(seen)
-    dumped.wait_port("p1", priority="10")
-    dumped.wait_clock(source="p1")
-
-    # What is asked while NSM is away is told at its return.
-    nsm.vanish()
-    dumped.configure("no clock synce global-enable")
-    nsm.listen()
-    nsm.session(dumped.ports, state=LOCK)
-    assert (GLOBAL_ENABLE, 0) in requests(nsm.collect())
-
-
-def test_ports_that_are_taken_away(dumped):
-    nsm = dumped.nsm
-    dumped.configure(*ENABLE)
-    dumped.t1.send(esmc(PRC))
-    dumped.wait_clock(source="p1")
-    nsm.delete(1)
-    dumped.wait_clock(source="N/A", state="Holdover")
-    assert dumped.port("p1") == {}
-    nsm.add(**dumped.ports[0])
-    dumped.wait_port("p1", up="enable", synce="disable")
-    nsm.delete(2, 1)  # the interface itself too
-    wait_until(lambda: dumped.port("p2") == {}, 2)
-    assert "interface p2" not in dumped.show("running-config")
-    # A dump after a reconnection says what changed meanwhile.
-    nsm.close()
-    nsm.session([dict(dumped.ports[0], up=False), dict(index=3, name="p3", kernel=77)])
-    dumped.wait_port("p3", up="enable")
-    dumped.wait_port("p1", up="disable")
-
-
-def test_nsm_that_does_not_answer_or_read_delays_nobody(sw):
-    sw.nsm.accept()
-    for _ in range(5):
-        began = time.monotonic()
-        sw.clock()
-        assert time.monotonic() - began < 1
-    sw.nsm.close()
-    # The socket's buffer fills up with requests; what can't be sent is kept as the last of its kind.
-    sw.nsm.session(sw.ports)
-    for _ in range(12):
-        sw.configure(*["clock synce global-enable", "no clock synce global-enable"] * 40)
-    sw.configure("clock synce global-enable")
-    assert sw.nsm.collect()[-1].words() == (1,)
-    sw.nsm.delete(2)
-    wait_until(lambda: sw.port("p2") == {}, 3)
+    # After a reconnection: what changed meanwhile on one side, all that is wanted on the other.
+    sw.configure("clock recovery-select bits bits1", "no clock synce ssm enable", "clock synce ssm enable gephy")
+    nsm.session([(*ports[0], False), (3, "p3", 77)], state=LOCK)
+    assert {(GLOBAL_ENABLE, 1), (RECOVERY_SELECT, 1)} <= set(nsm.asked())
+    sw.wait_port("p3", up="enable (with gephy)")
+    sw.wait_port("p1", up="disable")
+    sw.configure("interface p1", "clock synce enable")
+    nsm.send(LINK_UP, 1)
+    sw.t1.send(esmc(PRC))
+    assert (GEPHY, 1, 1, 2) in nsm.asked()

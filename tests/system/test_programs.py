@@ -1,6 +1,7 @@
-"""The daemon as a process: options, exit statuses, pid file, signals, daemon mode, missing rights."""
+"""esmcd and nsmd as processes: options, exit statuses, their files, signals, daemon mode, missing rights."""
 
 import os
+import pathlib
 import re
 import signal
 import stat
@@ -8,70 +9,61 @@ import time
 
 import pytest
 from lab import BIN, wait_until
+from watch import process_status, status_of
 
-USAGE = """Usage : esmcd [OPTION...]
-Daemon which manages SSM 
-
--d, --daemon       Runs in daemon mode
--f, --config_file  Set configuration file name
--P, --vty_port     Set vty's port number
--v, --version      Print program version
--h, --help         Display this help and exit
-
-Report bugs to support
-"""
-HINT = "Try `esmcd --help' for more information.\n"
+# program -> the files that it makes, with their modes
+FILES = {"esmcd": {"/run/esmcd.pid": 0o644, "/run/esmcd.vty": 0o660}, "nsmd": {"/run/nsmd.sock": 0o660}}
+PROGRAMS = pytest.mark.parametrize("program", FILES)
 
 
-@pytest.fixture
-def sw(lab):
-    return lab.switch("sw")
+def run(sw, program, *options):
+    done = sw.run(f"{BIN}/{program}", *options, check=False, timeout=10)
+    return done.returncode, done.stdout, done.stderr
 
 
-def test_options_that_start_nothing(sw):
-    def esmcd(*options):
-        done = sw.run(f"{BIN}/esmcd", *options, check=False, timeout=10)
-        return done.returncode, done.stdout, done.stderr
-
-    assert esmcd("--help") == esmcd("-d", "-h", "-x") == (0, USAGE, "")
-    status, out, err = esmcd("--version")
-    assert (status, err) == (0, "") and re.fullmatch(r"esmcd version \S+\n", out)
-    assert esmcd("-r") == (1, "", HINT)
-    for words in (["-x"], ["--nonsense"], ["-f"], ["-P"]):
-        status, out, err = esmcd(*words)
-        assert (status, out) == (1, "") and err.endswith(HINT) and err != HINT, "what is wrong is said too"
+def assert_gone(sw, program):
+    assert [path for path in FILES[program] if sw.path(path).exists()] == []
 
 
-def pid_file(sw):
-    return sw.path("/run/esmcd.pid")
+@pytest.mark.parametrize("program, words, status, out, err", [
+    ("esmcd", "--help", 0, r"Usage : esmcd \[OPTION...\]\n(?s:.*)Report bugs to support\n", ""),
+    ("esmcd", "--version", 0, r"esmcd version \S+\n", ""),
+    ("esmcd", "-d -x", 1, "", ".+\nTry `esmcd --help' for more information.\n"),
+    ("nsmd", "--help", 0, r"(?s:.*)--port(?s:.*)--grace-s(?s:.*)", ""),
+    ("nsmd", "--version", 0, r"nsmd version \S+\n", ""),
+    ("nsmd", "--dpll quartz", 1, "", "(?s:.*)bad value 'quartz' for --dpll(?s:.*)"),
+])
+def test_options_that_start_nothing(sw, program, words, status, out, err):
+    done = run(sw, program, *words.split())
+    assert done[0] == status and re.fullmatch(out, done[1]) and re.fullmatch(err, done[2]), done
+    assert_gone(sw, program)
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
-def test_pid_file_lives_as_long_as_the_daemon(sw, number):
-    daemon = sw.start_esmcd()
-    assert pid_file(sw).read_text() == f"{daemon.pid}\n"
-    assert stat.S_IMODE(pid_file(sw).stat().st_mode) == 0o644
-    assert stat.S_IMODE(sw.path("/run/esmcd.vty").stat().st_mode) == 0o660
+@PROGRAMS
+def test_files_live_as_long_as_the_program(sw, program, number):
+    daemon = sw.start_esmcd() if program == "esmcd" else sw.start_nsmd()
+    for path, mode in FILES[program].items():
+        assert stat.S_IMODE(sw.path(path).stat().st_mode) == mode, path
+    assert program == "nsmd" or sw.path("/run/esmcd.pid").read_text() == f"{daemon.pid}\n"
+    # Signals that end nothing; how a line of the log looks.
+    daemon.send(signal.SIGHUP)
+    if program == "esmcd":
+        for other in (signal.SIGPIPE, signal.SIGUSR2, signal.SIGTSTP, signal.SIGTTIN, signal.SIGTTOU, signal.SIGUSR1):
+            daemon.send(other)
+        daemon.wait_log("SIGUSR1 on received")
+        daemon.wait_log("SIGHUP received")
+        line = next(line for line in daemon.text().splitlines() if "SIGHUP received" in line)
+        assert re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}(Z|[+-]\d\d:?\d\d) info : SIGHUP received", line)
+        sw.clock()
+    else:
+        assert "clock" in status_of(sw)
     began = time.monotonic()
     assert daemon.stop(number) == 0
     took = time.monotonic() - began
     assert took < (2.0 if sw.lab.sanitized else 0.1), f"took {took * 1000:.0f} ms"
-    assert not pid_file(sw).exists()
-    assert not sw.path("/run/esmcd.vty").exists()
-    assert daemon.text().count("Terminating on signal") == 1
-
-
-def test_signals_that_end_nothing(sw):
-    daemon = sw.start_esmcd()
-    for number in (signal.SIGPIPE, signal.SIGUSR2, signal.SIGTSTP, signal.SIGTTIN, signal.SIGTTOU, signal.SIGHUP,
-                   signal.SIGUSR1):
-        daemon.send(number)
-    daemon.wait_log("SIGHUP received")
-    daemon.wait_log("SIGUSR1 on received")
-    sw.clock()
-    assert daemon.alive() and pid_file(sw).exists()
-    line = next(line for line in daemon.text().splitlines() if "SIGHUP received" in line)
-    assert re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}(Z|[+-]\d\d:?\d\d) info : SIGHUP received", line), line
+    assert_gone(sw, program)
+    assert program == "nsmd" or daemon.text().count("Terminating on signal") == 1
 
 
 def test_signal_during_start_ends_cleanly(sw):
@@ -81,28 +73,51 @@ def test_signal_during_start_ends_cleanly(sw):
         time.sleep(delay)  # the point of the test is where in start-up the signal falls
         daemon.expected_status = daemon.stop(signal.SIGTERM)
         assert daemon.expected_status in (0, -signal.SIGTERM), delay
-    assert not pid_file(sw).exists()
+    assert_gone(sw, "esmcd")
 
 
-def test_daemon_mode(sw):
-    parent = sw.spawn("esmcd", [f"{BIN}/esmcd", "-d"])
-    assert parent.wait() == 0
-    wait_until(lambda: sw.path("/run/esmcd.vty").exists() and sw.cli(check=False).status == 0, 5, "the child answers")
-    pid = int(pid_file(sw).read_text())
+def pids_in(node, name):
+    """Processes of that name in the node's network, by the kernel's account."""
+    space, found = os.readlink(f"/proc/{node.pid}/ns/net"), []
+    for entry in pathlib.Path("/proc").iterdir():
+        try:
+            if entry.name.isdigit() and os.readlink(entry / "ns/net") == space and \
+                    (entry / "comm").read_text().strip() == name:
+                found.append(int(entry.name))
+        except OSError:
+            continue  # it ended meanwhile
+    return found
+
+
+@PROGRAMS
+def test_daemon_mode(sw, program):
+    """The parent ends once everything is open; nothing of the caller's is held on to; failures show in its status."""
+    began = time.monotonic()
+    status, _, err = run(sw, program, "-d")
+    assert status == 0, err
+    assert time.monotonic() - began < 8, "the caller's pipes were kept open"
+    if program == "esmcd":
+        wait_until(lambda: sw.path("/run/esmcd.vty").exists() and sw.cli(check=False).status == 0, 5, "it answers")
+    (pid,) = pids_in(sw, program)
     try:
-        assert pid != parent.pid
-        assert os.readlink(f"/proc/{pid}/cwd") == "/"
-        assert {os.readlink(f"/proc/{pid}/fd/{n}") for n in range(3)} == {"/dev/null"}
-        assert os.getsid(pid) == pid
+        wait_until(lambda: process_status(pid)["NoNewPrivs"] == "1", 5, "rights are reduced in this mode too")
+        assert os.getsid(pid) == pid and os.readlink(f"/proc/{pid}/cwd") == "/"
+        kept = {os.readlink(f"/proc/{pid}/fd/{fd}") for fd in os.listdir(f"/proc/{pid}/fd")}
+        assert not [name for name in kept if name.startswith(("pipe:", "/work"))], kept
+        assert {os.readlink(f"/proc/{pid}/fd/{fd}") for fd in range(3)} == {"/dev/null"}
+        if program == "esmcd":
+            assert sw.path("/run/esmcd.pid").read_text() == f"{pid}\n"
+        else:
+            status, _, err = run(sw, "nsmd", "--daemon", "--dpll", "sim")
+            assert status == 1 and "another server is there" in err
     finally:
         os.kill(pid, signal.SIGTERM)
-        wait_until(lambda: not os.path.exists(f"/proc/{pid}") or "Z" in open(f"/proc/{pid}/stat").read().split()[2], 5)
-    assert not pid_file(sw).exists()
+        wait_until(lambda: not pids_in(sw, program), 5, "the daemon ends")
+    assert_gone(sw, program)
 
 
 def test_without_the_right_to_packet_sockets(sw):
     done = sw.run("setpriv", "--bounding-set=-net_raw", "--inh-caps=-net_raw", f"{BIN}/esmcd", check=False, timeout=10)
     assert done.returncode == 255
-    for said in ("open_ssm: Error opening socket", "Open ssm error\n", "SSM start fail"):
-        assert said in done.stderr
-    assert not pid_file(sw).exists() and not sw.path("/run/esmcd.vty").exists()
+    assert all(said in done.stderr for said in ("open_ssm: Error opening socket", "Open ssm error\n", "SSM start fail"))
+    assert_gone(sw, "esmcd")

@@ -1,12 +1,14 @@
 """What leaves a port and what is taken from it, seen by a protocol analyser and made by a packet library."""
 
-import random
 import struct
 import subprocess
 import time
 
-from lab import wait_until
-from wire import DNU, EEC1, GROUP, PRC, SSU_A, SSU_B, Neighbour, esmc, gaps
+from wire import DNU, EEC1, GROUP, PRC, SSU_A, SSU_B, Neighbour, esmc
+
+
+FIELDS = ["eth.dst", "eth.type", "slow.subtype", "ossp.itu.subtype", "ossp.esmc.version", "ossp.esmc.event_flag",
+          "ossp.esmc.tlv_type", "ossp.esmc.tlv_length", "ossp.esmc.tlv_ql_ssm", "_ws.col.Info", "_ws.malformed"]
 
 
 def decode(tmp_path, frames):
@@ -16,13 +18,9 @@ def decode(tmp_path, frames):
         out.write(struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 65535, 1))
         for frame in frames:
             out.write(struct.pack("<IIII", 0, 0, len(frame), len(frame)) + frame)
-    fields = ["eth.dst", "eth.type", "slow.subtype", "ossp.itu.subtype", "ossp.esmc.version", "ossp.esmc.event_flag",
-              "ossp.esmc.tlv_type", "ossp.esmc.tlv_length", "ossp.esmc.tlv_ql_ssm", "_ws.col.Info", "_ws.malformed"]
-    argv = ["tshark", "-r", str(capture), "-T", "fields", "-E", "separator=|"]
-    for field in fields:
-        argv += ["-e", field]
+    argv = ["tshark", "-r", str(capture), "-T", "fields", "-E", "separator=|", *("-e" + field for field in FIELDS)]
     done = subprocess.run(argv, capture_output=True, text=True, check=True)
-    return [dict(zip(fields, line.split("|"))) for line in done.stdout.splitlines()]
+    return [dict(zip(FIELDS, line.split("|"))) for line in done.stdout.splitlines()]
 
 
 def test_tshark_decodes_what_leaves_a_port(enabled, tmp_path):
@@ -31,22 +29,21 @@ def test_tshark_decodes_what_leaves_a_port(enabled, tmp_path):
     neighbour = Neighbour(enabled.t1, PRC)
     event = enabled.t2.expect(2, event=True, quality=PRC)
     neighbour.keep()
+    enabled.t1.drain()
     frames = [first, event, enabled.t2.expect(2, event=False, quality=PRC),
               enabled.t1.expect(2, event=False, quality=DNU)]
     decoded = decode(tmp_path, [seen.frame for seen in frames])
     assert len(decoded) == 4
     for seen, fields in zip(frames, decoded):
-        assert len(seen.frame) == 60
-        assert fields["eth.dst"] == "01:80:c2:00:00:02"
-        assert fields["_ws.malformed"] == ""
+        assert (len(seen.frame), fields["eth.dst"], fields["_ws.malformed"]) == (60, "01:80:c2:00:00:02", "")
         numbers = {"eth.type": 0x8809, "slow.subtype": 0x0A, "ossp.itu.subtype": 1, "ossp.esmc.version": 1,
                    "ossp.esmc.tlv_type": 1, "ossp.esmc.tlv_length": 4}
         assert {name: int(fields[name].split(",")[0], 16) for name in numbers} == numbers
     flags = [fields["ossp.esmc.event_flag"] in ("1", "True") for fields in decoded]
     assert flags == [False, True, False, False]
     assert [int(fields["ossp.esmc.tlv_ql_ssm"], 16) for fields in decoded] == [DNU, PRC, PRC, DNU]
-    assert "Information" in decoded[0]["_ws.col.Info"] and "QL-DNU" in decoded[0]["_ws.col.Info"]
-    assert "Time-critical" in decoded[1]["_ws.col.Info"] and "QL-PRC" in decoded[1]["_ws.col.Info"]
+    for fields, words in zip(decoded, (("Information", "QL-DNU"), ("Time-critical", "QL-PRC"))):
+        assert all(word in fields["_ws.col.Info"] for word in words)
     # Its source is the port itself.
     assert first.source.hex(":") == enabled.ip("-br", "link", "show", "p2").stdout.split()[2]
 
@@ -67,20 +64,21 @@ def test_frame_made_by_scapy_is_taken(enabled):
     assert enabled.port("p2")["Timeout timer running"] == "disable"
 
 
-def test_information_frames_leave_once_a_second(enabled):
-    enabled.t1.drain()
-    seen = gaps([frame for frame in enabled.t1.frames(5.5) if not frame.event])
-    assert len(seen) >= 3
-    assert all(0.95 < gap < 1.1 for gap in seen), seen
-
-
-def test_event_frames_leave_at_once_on_every_other_port(enabled):
+def test_changes_are_told_at_once_and_none_is_lost_in_a_flood(enabled):
+    """Each frame is a change of the clock: the worst that a neighbour can do, with nothing held back."""
     enabled.t2.drain()
     for quality in (SSU_B, PRC, SSU_A):
         began = time.monotonic()
         enabled.t1.send(esmc(quality, event=True))
-        seen = enabled.t2.expect(1, event=True, quality=quality)
-        assert seen.when - began < (0.5 if enabled.lab.sanitized else 0.1)
+        took = enabled.t2.expect(1, event=True, quality=quality).when - began
+        assert took < (0.5 if enabled.lab.sanitized else 0.1)
+    enabled.configure("slow-protocols rate-limit off")
+    for number in range(4000):
+        enabled.t1.send(esmc((PRC, SSU_A, SSU_B, EEC1)[number % 4], event=number % 3 == 0))
+        if number % 500 == 0:
+            enabled.t2.drain()
+    enabled.t1.send(esmc(SSU_B))
+    enabled.wait_clock(5, source="p1", quality="SSU-B")
 
 
 def test_frames_that_are_none_of_ours_change_nothing(enabled):
@@ -97,37 +95,6 @@ def test_frames_that_are_none_of_ours_change_nothing(enabled):
     enabled.t2.send(esmc(EEC1))
     enabled.wait_clock(source="p2", quality="EEC1/SEC")
     assert enabled.port("p1")["Receive quality"] == "N/A"
-    assert enabled.clock()["Current selected interface"] == "p2"
-
-
-def test_frames_of_any_length_and_content(enabled):
-    """With debugging on: the dumps read every octet that they print."""
-    enabled.cli("debug ssm all")
-    enabled.configure("clock synce ssm extend", "slow-protocols rate-limit off")
-    chance = random.Random(2)
-    good = esmc(PRC, extension=(bytes(range(8)), 255))
-    for round_number in range(1500):
-        frame = bytearray(good)
-        for _ in range(chance.randrange(6)):
-            frame[chance.randrange(14, len(frame))] = chance.randrange(256)
-        frame[14] = 0x0A
-        cut = bytes(frame[:chance.choice([15, 16, 20, 26, 27, 28, 40, 60])])
-        if round_number % 10 == 0:
-            cut += bytes(chance.randrange(1, 1400))
-        enabled.t1.send(cut)
-    enabled.t2.send(esmc(PRC, event=True))
-    enabled.wait_port("p2", 5, rx="PRC")
-
-
-def test_flood_of_changing_qualities(enabled):
-    """Each frame is a change of the clock: the worst that a neighbour can do, with nothing held back."""
-    enabled.configure("slow-protocols rate-limit off")
-    for number in range(4000):
-        enabled.t1.send(esmc((PRC, SSU_A, SSU_B, EEC1)[number % 4], event=number % 3 == 0))
-        if number % 500 == 0:
-            enabled.t2.drain()
-    enabled.t1.send(esmc(SSU_B))
-    enabled.wait_clock(5, source="p1", quality="SSU-B")
 
 
 def test_bridge_port_still_speaks_for_itself(enabled):
@@ -148,6 +115,6 @@ def test_bridge_port_still_speaks_for_itself(enabled):
     enabled.t1.drain()
     assert enabled.t1.expect(3, event=False).quality == DNU
     enabled.ip("link", "set", "p1", "nomaster")
-    wait_until(lambda: enabled.port("p1").get("Port up") == "enable", 3, "p1 outlives its bridge")
+    enabled.wait_port("p1", 3, up="enable")
     enabled.t1.send(esmc(SSU_A))
     enabled.wait_port("p1", rx="SSU-A")

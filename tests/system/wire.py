@@ -1,5 +1,6 @@
 """ESMC frames made and read by hand, for tests that speak to a port directly."""
 
+import contextlib
 import errno
 import select
 import socket
@@ -13,11 +14,6 @@ SOURCE = bytes.fromhex("020000000099")
 
 PRC, SSU_A, SSU_B, EEC1, DNU = 2, 4, 8, 11, 15
 
-# SyncE and SSM on the switch and on both of its ports.
-ENABLE = ["clock synce global-enable", "clock synce ssm enable",
-          "interface p1", "clock synce priority 10", "clock synce enable", "exit",
-          "interface p2", "clock synce priority 20", "clock synce enable", "exit"]
-
 
 def esmc(quality, event=False, destination=GROUP, source=SOURCE, extension=None):
     """A whole Ethernet frame. `extension` is (clock identity of 8 octets, hop count)."""
@@ -29,24 +25,19 @@ def esmc(quality, event=False, destination=GROUP, source=SOURCE, extension=None)
 
 
 class Seen:
-    """One frame taken off a link, with the time at which it was read."""
+    """One frame taken off a link, with the time at which it came."""
 
-    def __init__(self, frame, when):
-        self.frame, self.when = frame, when
-        payload = frame[14:]
-        self.destination, self.source = frame[:6], frame[6:12]
+    def __init__(self, frame, when, port):
+        self.frame, self.when, self.port = frame, when, port
+        payload, self.source = frame[14:], frame[6:12]
         self.event, self.quality = bool(payload[6] & 8), payload[13]
         self.extended, self.clock_id, self.hop = payload[14] == 2, payload[17:25], payload[25]
-        self.payload = payload
 
 
 def stamp(ancillary):
     """When the kernel took the frame, on the monotonic clock: the reader may come late."""
-    for level, kind, data in ancillary:
-        if (level, kind) == (socket.SOL_SOCKET, SO_TIMESTAMPNS):
-            seconds, nanoseconds = struct.unpack("qq", data[:16])
-            return time.monotonic() - (time.time() - seconds - nanoseconds / 1e9)
-    return time.monotonic()
+    seconds, nanoseconds = struct.unpack("qq", ancillary[0][2][:16])
+    return time.monotonic() - (time.time() - seconds - nanoseconds / 1e9)
 
 
 def gaps(frames):
@@ -54,20 +45,35 @@ def gaps(frames):
     return [later.when - earlier.when for earlier, later in zip(frames, frames[1:])]
 
 
+def assert_on_time(frames, count, allowed=0.020):
+    """At least so many information frames of one port, a second apart within what is allowed."""
+    apart = gaps([frame for frame in frames if not frame.event])
+    print(f"{len(apart)} gaps, {min(apart) * 1000:.1f} to {max(apart) * 1000:.1f} ms")
+    assert len(apart) >= count
+    assert all(abs(gap - 1) <= allowed for gap in apart), [round(gap, 4) for gap in apart]
+
+
+@contextlib.contextmanager
+def network_down_ignored():
+    """A bound packet socket says once that its link has been down, and can't send meanwhile."""
+    try:
+        yield
+    except OSError as error:
+        if error.errno not in (errno.ENETDOWN, errno.ENXIO):
+            raise
+
+
 class Port:
-    """The tester's end of a link: sends frames and reads the ESMC frames that arrive."""
+    """The tester's end of a link: sends frames and reads the ESMC frames that arrive. With None: of all links."""
 
     def __init__(self, node, name):
         self.socket = node.packet_socket(name)
         self.socket.setsockopt(socket.SOL_SOCKET, SO_TIMESTAMPNS, 1)
 
     def send(self, frame):
-        try:
-            self.socket.send(frame)
-        except OSError as error:  # a bound socket reports once that its link has been down
-            if error.errno != errno.ENETDOWN:
-                raise
-            self.socket.send(frame)
+        for _ in range(2):
+            with network_down_ignored():
+                return self.socket.send(frame)
 
     def frames(self, seconds):
         """ESMC frames from the other side, as they come, for at most `seconds`."""
@@ -76,13 +82,16 @@ class Port:
             left = end - time.monotonic()
             if left <= 0 or not select.select([self.socket], [], [], left)[0]:
                 return
-            frame, ancillary, _, address = self.socket.recvmsg(2048, 64)
-            if address[2] != 4 and frame[12:14] == SLOW and len(frame) >= 40:  # 4: sent from this very port
-                yield Seen(frame, stamp(ancillary))
+            frame = b""
+            with network_down_ignored():
+                frame, ancillary, _, address = self.socket.recvmsg(2048, 64)
+            if frame[12:14] == SLOW and address[2] != 4 and len(frame) >= 40:  # 4: sent from this very port
+                yield Seen(frame, stamp(ancillary), address[0])
 
     def drain(self):
         while select.select([self.socket], [], [], 0)[0]:
-            self.socket.recv(2048)
+            with network_down_ignored():
+                self.socket.recv(2048)
 
     def expect(self, deadline, **fields):
         """The first frame whose fields have these values."""
@@ -98,12 +107,12 @@ class Neighbour:
     """Keeps a quality alive on a port: sends an information frame now, and again whenever `keep` is called
     and half a second has passed."""
 
-    def __init__(self, port, quality, **more):
-        self.port, self.quality, self.more, self.last = port, quality, more, 0.0
+    def __init__(self, port, quality):
+        self.port, self.quality, self.last = port, quality, 0.0
         self.keep()
 
     def keep(self):
         if time.monotonic() - self.last > 0.5:
             self.last = time.monotonic()
-            self.port.send(esmc(self.quality, **self.more))
+            self.port.send(esmc(self.quality))
         return True
