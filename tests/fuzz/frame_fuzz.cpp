@@ -76,16 +76,16 @@ void step(input* in, virtual_daemon* d) {
         case 8:
             return d->pass(1 + in->octet() * 25U);
         case 9:
-            return d->deliver(NSM_MSG_LINK_UP, words({index}));
+            return d->deliver(NSM_MSG_LINK_UP, be_words({index}));
         case 10:
-            return d->deliver(NSM_MSG_LINK_DOWN, words({index}));
+            return d->deliver(NSM_MSG_LINK_DOWN, be_words({index}));
         case 11:
             return d->deliver(NSM_MSG_LINK_ADD, link_body(index, in->octet() & 1));
         case 12:
-            return d->deliver(NSM_MSG_LINK_DELETE, words({index, in->octet() & 1U}));
+            return d->deliver(NSM_MSG_LINK_DELETE, be_words({index, in->octet() & 1U}));
         case 13: {
             const std::uint32_t state = in->octet() % 7;
-            return d->deliver(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, words({state, in->octet()}));
+            return d->deliver(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, be_words({state, in->octet()}));
         }
         default: {
             const std::uint8_t kind = in->octet(), value = in->octet();

@@ -64,7 +64,7 @@ inline message esmc_frame(const neighbour_pdu& pdu) {
     return f;
 }
 
-inline message words(std::initializer_list<std::uint32_t> values) {
+inline message be_words(std::initializer_list<std::uint32_t> values) {
     message body(values.size() * 4);
     std::size_t at = 0;
     for (const std::uint32_t v : values) put_be32(body, std::exchange(at, at + 4), v);
@@ -296,12 +296,12 @@ struct virtual_daemon {
         return client_readable() || (client_fd >= 0 && !greeted);
     }
     void greet() {
-        nsm_says(NSM_MSG_HELLO_ACK, words({0}));
+        nsm_says(NSM_MSG_HELLO_ACK, be_words({0}));
         message bridge(nsm_bridge_body::SIZE);
         bridge[nsm_bridge_body::MAC] = 2;
         if (!links.empty()) nsm_says(NSM_MSG_BRIDGE_ADD, bridge);
         for (const auto& body : links) nsm_says(NSM_MSG_LINK_ADD, body);
-        nsm_says(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, words({2, 0}));
+        nsm_says(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, be_words({2, 0}));
         nsm_says(NSM_MSG_SYNC_DONE, {});
     }
     // An event of the test's own. Where allocations are made to fail, the failure may be this one's.

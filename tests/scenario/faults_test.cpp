@@ -82,7 +82,7 @@ class memory_faults : public faults {
         hear(1, QL_SSU_A);
         w.pass(900);
         w.hear(1002, esmc_frame({.event = true}));
-        w.deliver(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, words({4, 2}));
+        w.deliver(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, be_words({4, 2}));
         w.in_event([] {
             (void)ssm_opts_set_ssm_extend(1);
             (void)ssm_opts_set_local_quality(QL_EEC1, SSM_OPTION_1);
@@ -94,13 +94,13 @@ class memory_faults : public faults {
             (void)ssm_opts_clear_force();
         });
         w.check_records_after_faults();
-        w.deliver(NSM_MSG_LINK_DOWN, words({2}));
+        w.deliver(NSM_MSG_LINK_DOWN, be_words({2}));
         w.pass(6000);  // time-outs, holdover
         w.end_link();
         w.pass(1200);
         hear(2, QL_PRC);
-        w.deliver(NSM_MSG_LINK_DELETE, words({3, 1}));
-        w.deliver(NSM_MSG_LINK_DELETE, words({4, 0}));
+        w.deliver(NSM_MSG_LINK_DELETE, be_words({3, 1}));
+        w.deliver(NSM_MSG_LINK_DELETE, be_words({4, 0}));
         w.deliver(NSM_MSG_LINK_ADD, link_body(4, true));
         w.deliver(NSM_MSG_LINK_ADD, link_body(200, true));
         w.check_records_after_faults();

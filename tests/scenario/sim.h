@@ -99,13 +99,13 @@ class sim : public ::testing::Test {
         daemon->settle();
         return 0;
     }
-    int link_up(std::uint32_t index) { return nsm_says(NSM_MSG_LINK_UP, words({index})); }
-    int link_down(std::uint32_t index) { return nsm_says(NSM_MSG_LINK_DOWN, words({index})); }
+    int link_up(std::uint32_t index) { return nsm_says(NSM_MSG_LINK_UP, be_words({index})); }
+    int link_down(std::uint32_t index) { return nsm_says(NSM_MSG_LINK_DOWN, be_words({index})); }
     int unbind(std::uint32_t index, bool gone = true) {
-        return nsm_says(NSM_MSG_LINK_DELETE, words({index, gone ? 1U : 0U}));
+        return nsm_says(NSM_MSG_LINK_DELETE, be_words({index, gone ? 1U : 0U}));
     }
     int dpll(std::uint32_t state, std::uint32_t source_index = 0) {
-        return nsm_says(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, words({state, source_index}));
+        return nsm_says(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, be_words({state, source_index}));
     }
     int bridge(std::array<std::uint8_t, 6> mac) {
         message body(nsm_bridge_body::SIZE);

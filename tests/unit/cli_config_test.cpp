@@ -134,12 +134,12 @@ TEST_F(config_commands, refuse_with_the_reason_and_change_nothing) {
     interface_mode("p1");
     refused("clock synce quality-eth rx prs", "% Can't configure QL value prs under option1 mode\n");
 
-    clock_.force_port = port_;
-    clock_.force_e1 = 1;
+    g_s_master->force_port = port_;
+    g_s_master->force_e1 = 1;
     config_mode();
     refused("no clock synce switch-force",
             "% Both a port and the E1 input are forced, nothing was cleared\n");
-    EXPECT_EQ(clock_.force_port, port_);
+    EXPECT_EQ(g_s_master->force_port, port_);
 }
 
 // The handlers' own check, for a platform whose ranges are looser.
@@ -188,12 +188,12 @@ TEST_F(config_commands, roles_by_hand_are_counted_a_port_once) {
     quiet("clock synce gephy slave");
     interface_mode("p2");
     quiet("no clock synce gephy");  // has none
-    EXPECT_EQ(clock_.gephy_manual_count, 1U);
+    EXPECT_EQ(g_s_master->gephy_manual_count, 1U);
     quiet("clock synce gephy slave");
-    EXPECT_EQ(clock_.gephy_manual_count, 2U);
+    EXPECT_EQ(g_s_master->gephy_manual_count, 2U);
     quiet("no clock synce gephy");
     if_unbind(&ctx_->ifm, port_->intf);
-    EXPECT_EQ(clock_.gephy_manual_count, 0U);
+    EXPECT_EQ(g_s_master->gephy_manual_count, 0U);
 }
 
 TEST_F(config_commands, unsuitable_interface_is_entered_and_then_refused) {
@@ -209,7 +209,7 @@ TEST_F(config_commands, unsuitable_interface_is_entered_and_then_refused) {
              {"no clock synce quality-eth rx", "clock synce gephy master", "no clock synce gephy"})
             refused(line, "");
     }
-    EXPECT_EQ(clock_.gephy_manual_count, 0U);
+    EXPECT_EQ(g_s_master->gephy_manual_count, 0U);
     port_ = add_port("p1", 1);  // and finds it again
     quiet("clock synce enable");
     EXPECT_EQ(port_->synce_enable, 1U);

@@ -4,7 +4,7 @@
 // never, and written again. A failure names the seed and its steps.
 #include <sys/mman.h>
 
-#include <array>
+#include <algorithm>
 #include <cstdlib>
 #include <map>
 #include <random>
@@ -119,35 +119,27 @@ class generator {
     }
 
     std::string word_for(const cli_token& token, const std::string& before) {
-        switch (token.kind) {
-            case cli_token_kind::keyword:
-                return token.text;
-            case cli_token_kind::ifname:
-                return below(12) ? any_port() : "nobody";
-            case cli_token_kind::range: {
-                const std::uint32_t span = token.high - token.low;
-                const std::array<std::uint32_t, 4> edges = {token.low, token.high, token.high - (span > 0),
-                                                            token.low + below(std::min(span, 9u) + 1)};
-                return std::to_string(edges[below(4)]);
-            }
-            default:
-                return free_word(before);
-        }
+        if (token.kind == cli_token_kind::keyword) return token.text;
+        if (token.kind == cli_token_kind::ifname) return below(12) ? any_port() : "nobody";
+        if (token.kind != cli_token_kind::range) return free_word(before);
+        const std::uint32_t span = token.high - token.low;
+        return std::to_string(one_of(std::vector{token.low, token.high, token.high - (span > 0),
+                                                 token.low + below(std::min(span, 9U) + 1)}));
     }
-
+    template <class type>
+    type one_of(const std::vector<type>& choices) {
+        return choices[below(static_cast<unsigned>(choices.size()))];
+    }
     std::string free_word(const std::string& before) {
-        static constexpr const char* paths[] = {"/tmp/cli_property.log", "/tmp/|x", "/tmp/agentx",
-                                                "relative"};
-        static constexpr const char* hosts[] = {"127.0.0.1", "::1", "localhost", "192.0.2.7", "nowhere"};
-        static constexpr const char* words[] = {"switch-A", "!",        "#7", "|", "a|b",
-                                                "%s",       "\xc3\xbc", "no", "-1"};
-        if (before == "unix") return paths[below(4)];
+        using words = std::vector<std::string>;
+        if (before == "unix")
+            return one_of(words{"/tmp/cli_property.log", "/tmp/|x", "/tmp/agentx", "relative"});
         if (before == "file") return "/dev/null";
-        if (before == "tcp") return hosts[below(5)];
+        if (before == "tcp") return one_of(words{"127.0.0.1", "::1", "localhost", "192.0.2.7", "nowhere"});
         if (before == "encrypted")
             return "$6$saltsalt$"
                    "qFmFH.bQmmtXzyBY0s9v7Oicd2z4XSIecDzlB5KiA2/jctKu9YterLp8wwnSq.qc.eoxqOmSuNp2xS0ktL3nh/";
-        return words[below(9)];
+        return one_of(words{"switch-A", "!", "#7", "|", "a|b", "%s", "\xc3\xbc", "no", "-1"});
     }
 
     const cli_tree* tree_;
@@ -166,7 +158,6 @@ class configuration : public daemon_test {
     void begin() {
         log_close();
         log_syslog_set_path("/nonexistent");
-        clock_ = {};
         daemon_test::SetUp();
         log_set_default_sinks(0);
         install_whole_tree();
@@ -191,9 +182,8 @@ class configuration : public daemon_test {
 
     void bind(const std::string& name) {
         if (if_lookup_by_name(&ctx_->ifm, name.c_str())) return;
-        std::uint32_t index = 1;
-        while (name != PORT_NAMES[index - 1]) index++;
-        add_port(name.c_str(), index);
+        const auto* const place = std::find(PORT_NAMES, PORT_NAMES + PORTS, name);
+        add_port(name.c_str(), static_cast<std::uint32_t>(place - PORT_NAMES) + 1);
     }
     void bind_all(unsigned ports) {
         for (std::size_t i = 0; i < PORTS; i++)
@@ -205,18 +195,16 @@ class configuration : public daemon_test {
             interface* intf = if_lookup_by_name(&ctx_->ifm, s.port.c_str());
             if (s.line == BIND)
                 bind(s.port);
-            else if (s.line == UP && intf)
-                if_up(&ctx_->ifm, intf);
-            else if (s.line == DOWN && intf)
-                if_down(&ctx_->ifm, intf);
             else if (s.line[0] != '(')
                 enter(s);
+            else if (intf)
+                (s.line == UP ? if_up : if_down)(&ctx_->ifm, intf);
         }
     }
     void enter(const step& s) {
         config_mode();
-        if (!s.port.empty()) (void)run(("interface " + s.port).c_str());
-        const cli_result result = run(s.line.c_str());  // may be refused: most things may, at some moment
+        if (!s.port.empty()) (void)run("interface " + s.port);
+        const cli_result result = run(s.line);  // may be refused: most things may, at some moment
         (void)output();
         EXPECT_TRUE(result == cli_result::ok || result == cli_result::failed) << s.line;
     }
@@ -224,30 +212,29 @@ class configuration : public daemon_test {
     // What is configured, as the records have it: a line that a writer forgets is missing in both texts.
     // Ports stand in the order of their binds, which does not count.
     std::multiset<std::string> state() {
-        const ssm_master& c = clock_;
+        const ssm_master& c = *g_s_master;
+        std::multiset<std::string> lines;
+        const auto add = [&](const auto&... values) {
+            std::ostringstream out;
+            ((out << values << " "), ...);
+            lines.insert(out.str());
+        };
         const char* forced = ssm_port_name(c.force_port);
-        std::ostringstream out;
-        out << "switch " << c.global_enable << c.ssm_enable << c.ssm_extend << c.gephy_dynamic << " quality "
-            << c.local_quality << " option " << int{c.ql_option} << " priority " << int{c.local_priority}
-            << " type " << c.device_type << " recovery " << c.recovery_select << " force "
-            << (forced ? forced : "-") << " forced qualities " << c.forced_ql_count_op1 << "/"
-            << c.forced_ql_count_op2 << " roles " << c.gephy_manual_count << "\n";
+        add("switch", c.global_enable, c.ssm_enable, c.ssm_extend, c.gephy_dynamic, c.local_quality,
+            int{c.ql_option}, int{c.local_priority}, c.device_type, c.recovery_select, forced ? forced : "-",
+            c.forced_ql_count_op1, c.forced_ql_count_op2, c.gephy_manual_count);
         ssm_port_walk([&](const ssm_port* p) {
-            out << ssm_port_name(p) << " on " << p->synce_enable << " esmc " << p->esmc_mode << " priority "
-                << int{p->priority} << " group " << int{p->dnu_group} << " replace " << p->replace_clockid
-                << " forced " << p->force_rx_quality << "/" << p->force_tx_quality;
-            if (!c.ssm_enable) out << " role " << p->gephy_role_enable << p->gephy_role;
-            out << "\n";
+            add(ssm_port_name(p), p->synce_enable, p->esmc_mode, int{p->priority}, int{p->dnu_group},
+                p->replace_clockid, p->force_rx_quality, p->force_tx_quality,
+                c.ssm_enable ? 0 : p->gephy_role_enable, c.ssm_enable ? 0 : p->gephy_role);
         });
         const host_state* h = ctx_->host;
-        out << "host " << h->name << " " << h->password << " " << h->exec_timeout_s << " "
-            << slow_socket_rate_limit() << "\n";
+        add("host", h->name, h->password, h->exec_timeout_s, slow_socket_rate_limit());
         exec_mode();
-        (void)run("show snmp | include Master");
-        (void)run("show snmp | include Notifications");
-        std::istringstream in(out.str() + output());
-        std::multiset<std::string> lines;
-        for (std::string line; std::getline(in, line);) lines.insert(line);
+        for (const char* line : {"show snmp | include Master", "show snmp | include Notifications"}) {
+            (void)run(line);
+            add(output());
+        }
         return lines;
     }
 
@@ -302,16 +289,15 @@ class configuration : public daemon_test {
     }
 
     static std::string report(const scenario& s) {
-        std::string text;
-        for (const step& one : s.first) text += "  " + one.port + " " + one.line + "\n";
-        text +=
-            "read with ports " + std::to_string(s.early) + " bound, then " + std::to_string(s.between) + "\n";
-        for (const step& one : s.later) text += "  then " + one.port + " " + one.line + "\n";
-        return text;
+        std::ostringstream text;
+        for (const step& one : s.first) text << "  " << one.port << " " << one.line << "\n";
+        text << "read with ports " << s.early << " bound, then " << s.between << "\n";
+        for (const step& one : s.later) text << "  then " << one.port << " " << one.line << "\n";
+        return text.str();
     }
 
-    int file_ =
-        memfd_create("configuration", MFD_CLOEXEC);  // on a disk the test would take four times as long
+    // On a disk the test would take four times as long.
+    int file_ = memfd_create("configuration", MFD_CLOEXEC);
     char terminal_ = 0;  // a session's record, as far as these commands look at it
 };
 

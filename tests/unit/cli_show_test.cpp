@@ -11,15 +11,16 @@ using show_commands = daemon_test;
 TEST_F(show_commands, clock_block) {
     ssm_port* port = add_port("p%s", 1);  // a name is never a format
     const std::uint8_t id[] = {0x00, 0x1A, 0x2B, 0xFF, 0xFE, 0x3C, 0x4D, 0x5E};
-    std::memcpy(clock_.clock_id, id, sizeof id);
-    clock_.global_enable = clock_.ssm_enable = clock_.ssm_extend = clock_.gephy_dynamic = 1;
-    clock_.ql_option = SSM_OPTION_2;
-    clock_.local_quality = clock_.current_quality = QL_EEC2;
-    clock_.local_priority = 4;
-    clock_.selected_port = clock_.force_port = port;
-    clock_.freerun = 0;
-    clock_.device_type = SSM_SLAVE_ONLY;
-    clock_.dpll_state = SSM_DPLL_LOCK;
+    std::memcpy(g_s_master->clock_id, id, sizeof id);
+    g_s_master->global_enable = g_s_master->ssm_enable = g_s_master->ssm_extend = g_s_master->gephy_dynamic =
+        1;
+    g_s_master->ql_option = SSM_OPTION_2;
+    g_s_master->local_quality = g_s_master->current_quality = QL_EEC2;
+    g_s_master->local_priority = 4;
+    g_s_master->selected_port = g_s_master->force_port = port;
+    g_s_master->freerun = 0;
+    g_s_master->device_type = SSM_SLAVE_ONLY;
+    g_s_master->dpll_state = SSM_DPLL_LOCK;
     EXPECT_EQ(shown("show clock synce"),
               "--------------------------  Global Synce Clock Configure  --------------------------\n"
               "Device ClockID                     : 00:1A:2B:FF:FE:3C:4D:5E\n"
@@ -73,7 +74,7 @@ TEST_F(show_commands, port_block_of_a_port_alone) {
 }
 
 TEST_F(show_commands, recovered_clock) {
-    clock_.selected_port = add_port("p1", 1);
+    g_s_master->selected_port = add_port("p1", 1);
     EXPECT_EQ(shown("show clock bits"),
               "--------------------------  select clock bits status --------------------------\n"
               "Current selected interface         : p1\n"
@@ -81,9 +82,9 @@ TEST_F(show_commands, recovered_clock) {
               "DPLL running state                 : FreeRun\n");
     const char* const lines[] = {"clock recovery from syncE\n", "clock recovery from bits1\n",
                                  "clock recovery from bits2\n", ""};
-    for (clock_.recovery_select = 0; clock_.recovery_select < 4; clock_.recovery_select++)
-        EXPECT_EQ(shown("show clock recovery-select"), lines[clock_.recovery_select]);
-    clock_.recovery_select = 1;
+    for (g_s_master->recovery_select = 0; g_s_master->recovery_select < 4; g_s_master->recovery_select++)
+        EXPECT_EQ(shown("show clock recovery-select"), lines[g_s_master->recovery_select]);
+    g_s_master->recovery_select = 1;
     EXPECT_NE(shown("show clock bits").find(": Bits1\n"), std::string::npos);
 }
 
@@ -91,7 +92,7 @@ class everyday : public daemon_test {
   protected:
     void SetUp() override {
         daemon_test::SetUp();
-        clock_.global_enable = clock_.ssm_enable = 1;
+        g_s_master->global_enable = g_s_master->ssm_enable = 1;
     }
     ssm_port* candidate(const char* name, std::uint32_t ifindex, std::uint16_t quality,
                         std::uint8_t priority) {
@@ -117,7 +118,7 @@ class everyday : public daemon_test {
 };
 
 TEST_F(everyday, brief_is_a_line_a_port) {
-    clock_.selected_port = candidate("p1", 1, QL_PRC, 10);
+    g_s_master->selected_port = candidate("p1", 1, QL_PRC, 10);
     candidate("p2", 2, QL_SSU_A, 255)->force_rx_quality = QL_EEC1;
     EXPECT_EQ(shown("show clock synce brief"),
               "Port             State  Rx       Tx     Prio  Forced       Why not the source\n"
@@ -148,25 +149,25 @@ TEST_F(everyday, brief_names_the_reason_of_each_port) {
 TEST_F(everyday, the_switchs_own_settings_are_reasons_too) {
     EXPECT_EQ(source(), "Source: none, no candidate");
     ssm_port* best = candidate("best", 1, QL_SSU_A, 10);
-    clock_.local_quality = QL_PRC;
+    g_s_master->local_quality = QL_PRC;
     EXPECT_EQ(why("best"), "own quality is better");
     EXPECT_EQ(source(), "Source: none, own quality is better");
-    clock_.local_quality = QL_SSU_A;
-    clock_.local_priority = 10;
+    g_s_master->local_quality = QL_SSU_A;
+    g_s_master->local_priority = 10;
     EXPECT_EQ(why("best"), "own priority is not worse");
-    clock_.device_type = SSM_SLAVE_ONLY;
+    g_s_master->device_type = SSM_SLAVE_ONLY;
     EXPECT_EQ(why("best"), "is chosen by the next selection");
-    clock_.device_type = SSM_MASTER_ONLY;
-    clock_.force_port = best;  // is not looked at
+    g_s_master->device_type = SSM_MASTER_ONLY;
+    g_s_master->force_port = best;  // is not looked at
     EXPECT_EQ(why("best"), "the switch is master-only");
-    clock_.global_enable = 0;
+    g_s_master->global_enable = 0;
     EXPECT_EQ(why("best"), "SyncE is off");
 }
 
 TEST_F(everyday, force_switch_is_a_reason_only_while_it_is_in_effect) {
     candidate("best", 1, QL_PRC, 1);
     ssm_port* forced = candidate("forced", 2, QL_DNU, 1);
-    clock_.force_port = forced;
+    g_s_master->force_port = forced;
     EXPECT_EQ(why("best"), "switched by force to forced");
     EXPECT_EQ(why("forced"), "forced, but carries DNU");
     EXPECT_EQ(source(), "Source: none, DNU on the forced port forced");
@@ -176,12 +177,12 @@ TEST_F(everyday, force_switch_is_a_reason_only_while_it_is_in_effect) {
 }
 
 TEST_F(everyday, without_ssm_priority_and_link_count_alone) {
-    clock_.ssm_enable = 0;
+    g_s_master->ssm_enable = 0;
     candidate("silent", 1, QL_NONE, 5)->recv_pdu = 0;
     candidate("prc", 2, QL_PRC, 6);
     EXPECT_EQ(why("silent"), "is chosen by the next selection");
     EXPECT_EQ(why("prc"), "silent has the better priority");
-    clock_.local_priority = 5;
+    g_s_master->local_priority = 5;
     EXPECT_EQ(why("silent"), "own priority is not worse");
 }
 
@@ -206,8 +207,8 @@ TEST_F(everyday, selection_lists_candidates_in_order_with_the_deciding_key) {
 
 // The names and kinds of all fields are held to the document (cli_commands_test); here are their values.
 TEST_F(everyday, json_is_one_object) {
-    clock_.selected_port = candidate("p1", 1, QL_PRC, 10);
-    clock_.freerun = 0;
+    g_s_master->selected_port = candidate("p1", 1, QL_PRC, 10);
+    g_s_master->freerun = 0;
     ssm_port* odd = candidate("a\"\\\x01", 2, QL_NONE, 255);
     odd->recv_pdu = odd->link_up = 0;
     EXPECT_EQ(

@@ -1,33 +1,27 @@
-// The daemon without its edges, for the tests of commands: the real library context, event loop in virtual
-// time, command engine, records and operations; ports that a test adds by name; a session that records what
-// is printed; the log's lines. No descriptor, socket or link is opened: nothing that is sent goes anywhere.
+// The daemon without its edges, for the tests of commands: the virtual daemon without a link to NSM, ports
+// that a test adds by name, a session that records what is printed, and the log's lines. Nothing that is sent
+// goes anywhere.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "cli/commands.h"
-#include "core/debug.h"
-#include "core/opts.h"
-#include "core/ports.h"
 #include "esmcd/board.h"
 #include "esmcd/install.h"
-#include "nsm/session.h"
+#include "fuzz/world.h"
 #include "snmp/mib.h"
 #include "suite/agentx/snmp.h"
 #include "suite/command/cli.h"
 #include "suite/host/host.h"
-#include "suite/loop/thread.h"
-#include "suite/manager/client.h"
-#include "suite/ports/slow_socket.h"
 
 // A file of its own for each test process.
 class board_file {
@@ -88,24 +82,12 @@ class daemon_test : public ::testing::Test {
     virtual const char* board() const { return "synce_support 1\n"; }
 
     void SetUp() override {
-        board_ = new board_file(board());
-        memory_init(SSM_PROTO_ID);
-        log_use_sink(LOG_SINK_STDERR, false);
+        board_.emplace(board());
         log_add_tap(tap, this);
-        ctx_ = lib_create("esmcd");
-        ASSERT_NE(ctx_, nullptr);
-        ASSERT_EQ(lib_start(ctx_), 0);
-        log_use_sink(LOG_SINK_STDERR, false);
-        const thread_edges edges = {now, wait, this};
-        ctx_->master = thread_master_create(&edges);
-        g_p_esmcd = ctx_;
-        g_s_master = &clock_;
-        ASSERT_EQ(ssm_master_init(), 0);
-        instance_ = {-1, nullptr, ctx_, nullptr};
-        ssm_instance = &instance_;
-        nsm_client_set_link_open([] { return -ENOENT; });
-        ASSERT_EQ(ssm_nsm_client_init(), 0);
-        ssm_debug = 0;
+        daemon_.emplace();
+        daemon_->on_sent = [](std::uint32_t, const_octets) {};
+        daemon_->start(false);
+        ctx_ = g_p_esmcd;
         session_ = {};
         session_.out_func = record;
         session_.out_val = this;
@@ -116,6 +98,12 @@ class daemon_test : public ::testing::Test {
         init_result_ = ssm_install_commands(ctx_->ctree);
         logged_.clear();
     }
+    void TearDown() override {
+        daemon_->stop();
+        log_remove_tap(tap, this);
+        board_.reset();
+    }
+
     // The platform's commands beside the daemon's own, and the sub-agent with its table, as the running
     // daemon has them.
     void install_whole_tree() const {
@@ -132,24 +120,10 @@ class daemon_test : public ::testing::Test {
                   0);
     }
 
-    void TearDown() override {
-        while (ctx_->ifm.count) if_remove(&ctx_->ifm, ctx_->ifm.items[0]);
-        nsm_client_stop(instance_.nsm_client);
-        nsm_client_set_link_open(nullptr);
-        lib_stop(ctx_);
-        g_p_esmcd = nullptr;
-        g_s_master = nullptr;
-        ssm_instance = nullptr;
-        log_remove_tap(tap, this);
-        delete board_;
-    }
-
+    std::optional<virtual_daemon> daemon_;
     lib_globals* ctx_ = nullptr;
-    ssm_master clock_ = {};
-    ssm_instance_record instance_ = {};
     cli session_ = {};
     int init_result_ = 0;
-    nanoseconds time_ = NS_PER_S;
 
   private:
     void enter(std::int32_t mode) {
@@ -172,13 +146,7 @@ class daemon_test : public ::testing::Test {
         const std::size_t text = whole.find(": ");  // behind the time and the level
         static_cast<daemon_test*>(arg)->logged_.push_back(whole.substr(text == whole.npos ? 0 : text));
     }
-    static nanoseconds now(void* arg) { return static_cast<daemon_test*>(arg)->time_; }
-    static int wait(void* arg, int timeout_ms, thread_ready*, int) {
-        if (timeout_ms > 0) static_cast<daemon_test*>(arg)->time_ += timeout_ms * NS_PER_MS;
-        return 0;
-    }
-
     std::string output_;
     std::vector<std::string> logged_;
-    board_file* board_ = nullptr;
+    std::optional<board_file> board_;
 };

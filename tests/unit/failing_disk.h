@@ -58,78 +58,65 @@ inline bool strikes(int fd, bool needs_room) {
     return length > 0 && strikes(path, needs_room);
 }
 
+// The C library's function of that name.
 template <typename call>
 call* real(const char* name) {
     return reinterpret_cast<call*>(dlsym(RTLD_NEXT, name));
 }
 
-// `put` writes that much; a write that is cut takes half.
-template <typename writer>
-ssize_t write_through(int fd, std::size_t count, writer put) {
-    if (!strikes(fd, true)) return put(count);
-    return now.kind == fault::cut ? put(count / 2) : -1;
+// A write that is cut takes half.
+template <typename... rest>
+ssize_t write_through(const char* name, int fd, const void* data, std::size_t count, rest... at) {
+    auto* const next = real<ssize_t(int, const void*, std::size_t, rest...)>(name);
+    if (!strikes(fd, true)) return next(fd, data, count, at...);
+    return now.kind == fault::cut ? next(fd, data, count / 2, at...) : -1;
+}
+
+template <typename file, typename... arguments>
+int pass_through(const char* name, bool needs_room, file what, arguments... given) {
+    return strikes(what, needs_room) ? -1 : real<int(file, arguments...)>(name)(what, given...);
 }
 
 }  // namespace failing_disk
 
-extern "C" {
+#define PASSES_HERE extern "C" inline __attribute__((used))
 
-inline __attribute__((used)) ssize_t write(int fd, const void* data, std::size_t count) {
-    static auto* const next = failing_disk::real<ssize_t(int, const void*, std::size_t)>("write");
-    return failing_disk::write_through(fd, count, [&](std::size_t n) { return next(fd, data, n); });
+PASSES_HERE ssize_t write(int fd, const void* data, std::size_t count) {
+    return failing_disk::write_through("write", fd, data, count);
 }
-
-inline __attribute__((used)) ssize_t pwrite(int fd, const void* data, std::size_t count, off_t at) {
-    static auto* const next = failing_disk::real<ssize_t(int, const void*, std::size_t, off_t)>("pwrite64");
-    return failing_disk::write_through(fd, count, [&](std::size_t n) { return next(fd, data, n, at); });
+PASSES_HERE ssize_t pwrite(int fd, const void* data, std::size_t count, off_t at) {
+    return failing_disk::write_through("pwrite64", fd, data, count, at);
 }
-
-inline __attribute__((used)) int open(const char* path, int flags, ...) {
-    static auto* const next = failing_disk::real<int(const char*, int, ...)>("open64");
+PASSES_HERE int open(const char* path, int flags, ...) {
     va_list args;
     va_start(args, flags);
     const unsigned mode = flags & O_CREAT ? va_arg(args, unsigned) : 0;
     va_end(args);
     if (flags & (O_WRONLY | O_RDWR) && failing_disk::strikes(path, (flags & O_CREAT) != 0)) return -1;
-    return next(path, flags, mode);
+    return failing_disk::real<int(const char*, int, ...)>("open64")(path, flags, mode);
 }
-
-inline __attribute__((used)) int fallocate(int fd, int mode, off_t from, off_t length) {
-    static auto* const next = failing_disk::real<int(int, int, off_t, off_t)>("fallocate64");
-    return failing_disk::strikes(fd, true) ? -1 : next(fd, mode, from, length);
+PASSES_HERE int fallocate(int fd, int mode, off_t from, off_t length) {
+    return failing_disk::pass_through("fallocate64", true, fd, mode, from, length);
 }
-
-inline __attribute__((used)) int fsync(int fd) {
-    static auto* const next = failing_disk::real<int(int)>("fsync");
-    return failing_disk::strikes(fd, true) ? -1 : next(fd);
+PASSES_HERE int fsync(int fd) {
+    return failing_disk::pass_through("fsync", true, fd);
 }
-
-inline __attribute__((used)) int close(int fd) {
-    static auto* const next = failing_disk::real<int(int)>("close");
+PASSES_HERE int close(int fd) {
     const bool fails = failing_disk::strikes(fd, false);
-    const int result = next(fd);
+    const int result = failing_disk::real<int(int)>("close")(fd);
     if (fails) errno = ENOSPC;
     return fails ? -1 : result;
 }
-
-inline __attribute__((used)) int ftruncate(int fd, off_t length) noexcept {
-    static auto* const next = failing_disk::real<int(int, off_t)>("ftruncate64");
-    return failing_disk::strikes(fd, false) ? -1 : next(fd, length);
+PASSES_HERE int ftruncate(int fd, off_t length) noexcept {
+    return failing_disk::pass_through("ftruncate64", false, fd, length);
 }
-
-inline __attribute__((used)) int fchmod(int fd, mode_t mode) noexcept {
-    static auto* const next = failing_disk::real<int(int, mode_t)>("fchmod");
-    return failing_disk::strikes(fd, false) ? -1 : next(fd, mode);
+PASSES_HERE int fchmod(int fd, mode_t mode) noexcept {
+    return failing_disk::pass_through("fchmod", false, fd, mode);
 }
-
-inline __attribute__((used)) int rename(const char* from, const char* to) noexcept {
-    static auto* const next = failing_disk::real<int(const char*, const char*)>("rename");
-    return failing_disk::strikes(to, false) ? -1 : next(from, to);
+PASSES_HERE int rename(const char* from, const char* to) noexcept {
+    if (failing_disk::strikes(to, false)) return -1;
+    return failing_disk::real<int(const char*, const char*)>("rename")(from, to);
 }
-
-inline __attribute__((used)) int unlink(const char* path) noexcept {
-    static auto* const next = failing_disk::real<int(const char*)>("unlink");
-    return failing_disk::strikes(path, false) ? -1 : next(path);
+PASSES_HERE int unlink(const char* path) noexcept {
+    return failing_disk::pass_through("unlink", false, path);
 }
-
-}  // extern "C"

@@ -5,6 +5,7 @@
 #include <set>
 
 #include "daemon_fixture.h"
+#include "nsm/session.h"
 #include "snmp/notify.h"
 #include "unit/agentx_master.h"
 
@@ -85,33 +86,33 @@ class ssm_mib : public daemon_test {
 
 TEST_F(ssm_mib, identity_running_state_and_source) {
     const std::uint8_t id[] = {0, 0x1b, 0x21, 0xff, 0xfe, 0xa, 0xb, 0xc};
-    std::copy_n(id, 8, clock_.clock_id);
+    std::copy_n(id, 8, g_s_master->clock_id);
     EXPECT_EQ(read(scalar(1)).text, "00:1B:21:FF:FE:0A:0B:0C");
-    clock_.freerun = 0;
+    g_s_master->freerun = 0;
     EXPECT_EQ(get(RUNNING_STATE), 4);
-    clock_.holdover = 1;
+    g_s_master->holdover = 1;
     EXPECT_EQ(get(RUNNING_STATE), 3);
-    clock_.freerun = 1;
+    g_s_master->freerun = 1;
     EXPECT_EQ(get(RUNNING_STATE), 2);
-    clock_.device_type = SSM_MASTER_ONLY;
+    g_s_master->device_type = SSM_MASTER_ONLY;
     EXPECT_EQ(get(RUNNING_STATE), 1);
     EXPECT_EQ(get(scalar(8)), 0);
-    clock_.selected_port = clock_.force_port = p1;
+    g_s_master->selected_port = g_s_master->force_port = p1;
     EXPECT_EQ(get(scalar(8)), 7);
     EXPECT_EQ(get(FORCE_SWITCH), 7);
-    clock_.selected_port = clock_.force_port = nullptr;
+    g_s_master->selected_port = g_s_master->force_port = nullptr;
 }
 
 TEST_F(ssm_mib, qualities_read_by_code_and_option) {
     constexpr int option1[16] = {3, 1, 2, 15, 4, 13, 13, 6, 7, 13, 8, 9, 10, 11, 12, 13};
     for (std::uint8_t option : {SSM_OPTION_1, SSM_OPTION_2}) {
-        clock_.ql_option = option;
+        g_s_master->ql_option = option;
         for (std::uint16_t code = 0; code < 18; ++code) {
             int expected = code < 16 ? option1[code] : 13;
             if (option == SSM_OPTION_2 && code == QL_TNC) expected = 5;
             if (option == SSM_OPTION_2 && code == QL_DNU) expected = 14;
             p1->recv_quality = p1->send_quality = p1->force_rx_quality = p1->force_tx_quality = code;
-            clock_.current_quality = code;
+            g_s_master->current_quality = code;
             for (snmp_oid number : {6U, 9U, 12U, 13U}) EXPECT_EQ(get(cell(number)), expected) << code;
             EXPECT_EQ(get(scalar(6)), code == QL_NONE ? 13 : expected) << "no quality reads as do not use";
         }
@@ -147,26 +148,26 @@ TEST_F(ssm_mib, local_quality_brings_its_option_unless_a_forced_quality_holds_it
     check(LOCAL_QUALITY, 3, SNMP_NO_ERROR, 3);
     check(cell(12), 1, SNMP_NO_ERROR, 1);  // prs, of option 2
     check(LOCAL_QUALITY, 4, SNMP_GEN_ERR, 3);
-    EXPECT_EQ(clock_.local_quality, std::uint32_t{QL_EEC2});
+    EXPECT_EQ(g_s_master->local_quality, std::uint32_t{QL_EEC2});
     EXPECT_EQ(get(NETWORK_OPTION), 2);
-    clock_.local_quality = QL_SMC;  // has no number
+    g_s_master->local_quality = QL_SMC;  // has no number
     EXPECT_EQ(get(LOCAL_QUALITY), 5);
 }
 
 TEST_F(ssm_mib, force_switch_names_a_port_or_none) {
     check(FORCE_SWITCH, 0, SNMP_NO_ERROR, 0);  // nothing was forced
     check(FORCE_SWITCH, 7, SNMP_NO_ERROR, 7);
-    EXPECT_EQ(clock_.force_port, p1);
+    EXPECT_EQ(g_s_master->force_port, p1);
     for (int index : {8, 900, 10, 9999, INT32_MAX}) check(FORCE_SWITCH, index, SNMP_INCONSISTENT_VALUE, 7);
     check(FORCE_SWITCH, -1, SNMP_WRONG_VALUE, 7);
-    clock_.force_e1 = 1;  // both, which the operation does not take back
+    g_s_master->force_e1 = 1;  // both, which the operation does not take back
     EXPECT_EQ(set(FORCE_SWITCH, 0), SNMP_GEN_ERR);
-    clock_.force_port = nullptr;
+    g_s_master->force_port = nullptr;
     EXPECT_EQ(set(FORCE_SWITCH, 7), SNMP_NO_ERROR);
-    EXPECT_EQ(clock_.force_e1, 0U);
+    EXPECT_EQ(g_s_master->force_e1, 0U);
     EXPECT_EQ(restore(FORCE_SWITCH, 9999), SNMP_NO_ERROR);
     EXPECT_EQ(get(FORCE_SWITCH), 9999);
-    EXPECT_EQ(clock_.force_port, nullptr);
+    EXPECT_EQ(g_s_master->force_port, nullptr);
     check(FORCE_SWITCH, 0, SNMP_NO_ERROR, 0);
 }
 
@@ -195,7 +196,7 @@ TEST_F(ssm_mib, a_mode_is_written_in_steps_and_restored_whole) {
 TEST_F(ssm_mib, forced_qualities_obey_the_option_in_force) {
     const std::set<int> known[2] = {{2, 4, 7, 9, 13, 15}, {1, 3, 5, 6, 8, 10, 11, 12, 14, 15}};
     for (std::uint8_t option : {SSM_OPTION_1, SSM_OPTION_2}) {
-        clock_.ql_option = option;
+        g_s_master->ql_option = option;
         for (const oid& name : {cell(12), cell(13)}) {
             for (int value = 1; value <= 15; ++value) {
                 const bool takes = known[option - 1].contains(value);
@@ -256,8 +257,9 @@ class ssm_notify : public ssm_mib {
         ASSERT_EQ(ssm_notify_init(ctx_), 0);
         agentx_set_link_open([](const agentx_target*) { return current->master.open(); });
         // A loop that looks at the sub-agent's link, in place of one that looks at nothing.
-        nsm_client_stop(instance_.nsm_client);
+        nsm_client_stop(ssm_instance->nsm_client);
         thread_master_finish(ctx_->master);
+        ssm_instance->t_read = nullptr;  // went with the loop
         const thread_edges edges = master.edges();
         ctx_->master = thread_master_create(&edges);
         master.ctx = ctx_;
@@ -300,17 +302,17 @@ class ssm_notify : public ssm_mib {
 ssm_notify* ssm_notify::current;
 
 TEST_F(ssm_notify, nothing_is_told_unless_configured_and_nothing_of_before) {
-    clock_.freerun = 0;
+    g_s_master->freerun = 0;
     p1->recv_pdu = 1;
     run(3000);
     quiet("snmp notifications");
     run(3000);
     EXPECT_TRUE(heard.empty()) << "what was then is known";
-    clock_.holdover = 1;
+    g_s_master->holdover = 1;
     run(300);
     EXPECT_EQ(heard.size(), 1U);
     quiet("no snmp notifications");
-    clock_.holdover = 0;
+    g_s_master->holdover = 0;
     run(3000);
     EXPECT_EQ(heard.size(), 1U);
 }
@@ -318,10 +320,10 @@ TEST_F(ssm_notify, nothing_is_told_unless_configured_and_nothing_of_before) {
 TEST_F(ssm_notify, each_change_is_told_with_its_objects) {
     quiet("snmp notifications");
     run(100);
-    clock_.freerun = 0;
-    clock_.selected_port = p1;
-    clock_.current_quality = QL_PRC;
-    clock_.dpll_state = SSM_DPLL_LOCK;
+    g_s_master->freerun = 0;
+    g_s_master->selected_port = p1;
+    g_s_master->current_quality = QL_PRC;
+    g_s_master->dpll_state = SSM_DPLL_LOCK;
     p1->recv_pdu = p1->link_up = 1;
     p1->recv_quality = QL_PRC;
     run(500);
@@ -336,7 +338,7 @@ TEST_F(ssm_notify, each_change_is_told_with_its_objects) {
     for (const auto& [number, objects] : expected) EXPECT_EQ(of(number).at(0).objects, objects) << number;
     p1->recv_pdu = 0;
     p1->recv_quality = QL_NONE;
-    clock_.selected_port = nullptr;
+    g_s_master->selected_port = nullptr;
     run(1500);
     EXPECT_EQ(of(SSM_NOTIFY_PORT_LOST).at(0).objects, (std::vector<object>{{cell(6), 15}, {cell(5), 1}}));
     EXPECT_EQ(of(SSM_NOTIFY_SOURCE).at(1).objects.at(0), (object{{16, 1, 0}, 7}));
@@ -347,11 +349,11 @@ TEST_F(ssm_notify, a_subject_that_flaps_is_told_once_a_second_and_its_last_state
     quiet("snmp notifications");
     run(100);
     for (int i = 0; i < 100; ++i) {
-        clock_.dpll_state = i % 2 ? SSM_DPLL_LOCK : SSM_DPLL_HOLDOVER;
+        g_s_master->dpll_state = i % 2 ? SSM_DPLL_LOCK : SSM_DPLL_HOLDOVER;
         p1->recv_pdu = p2->recv_pdu = i % 2;
         run(70);
     }
-    clock_.dpll_state = SSM_DPLL_HOLDOVER;
+    g_s_master->dpll_state = SSM_DPLL_HOLDOVER;
     p1->recv_pdu = 1;
     p2->recv_pdu = 0;
     run(1500);
@@ -373,10 +375,10 @@ TEST_F(ssm_notify, what_a_lost_master_may_not_have_heard_is_told_again) {
     quiet("snmp notifications");
     run(500);
     answers = false;
-    clock_.freerun = 0;
+    g_s_master->freerun = 0;
     run(1000);
     ASSERT_EQ(of(SSM_NOTIFY_RUNNING_STATE).size(), 1U);
-    clock_.freerun = 1;  // back to what was told before the one that may be lost
+    g_s_master->freerun = 1;  // back to what was told before the one that may be lost
     run(1000);
     answers = true;
     run(13000);
