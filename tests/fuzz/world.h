@@ -111,16 +111,16 @@ struct virtual_daemon {
         ssm_debug = 0;
         memory_init(SSM_PROTO_ID);
         log_use_sink(LOG_SINK_STDERR, false);
-        for (std::size_t type = 0; type < TYPES; ++type)
-            before[type] = memmgr_type_stats(static_cast<memory_type>(type)).blocks;
         must(try_start(), "the daemon starts");
         ssm_socket_arm_read();
         settle();
     }
 
-    // What start() does where memory may be short. Without success there is nothing but to clear away.
+    // What start() does where memory may be short. Without success there is nothing but to stop.
     bool try_start() {
         current = this;
+        for (std::size_t type = 0; type < TYPES; ++type)
+            before[type] = memmgr_type_stats(static_cast<memory_type>(type)).blocks;
         slow = {open_edge, send_edge, receive_edge, this};
         slow_socket_set_edge(&slow);
         nsm_client_set_link_open(link_edge);

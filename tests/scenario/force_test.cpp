@@ -3,10 +3,10 @@
 
 namespace {
 
-class force : public switched_on {
+class force : public sim {
   protected:
     void SetUp() override {
-        switched_on::SetUp();
+        sim::SetUp();
         add_ports({1, 2});
         take_requests();
     }

@@ -4,7 +4,7 @@
 
 namespace {
 
-using ports = switched_on;
+using ports = sim;
 
 TEST_F(ports, removal_leaves_no_reference_and_takes_its_counts_along) {
     add_ports({1, 2});

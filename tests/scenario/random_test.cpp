@@ -57,7 +57,6 @@ class random_rules : public sim {
             check_sent(index, frame[PDU_AT + 13]);
         };
         for (std::uint32_t i = 1; i <= PORTS; ++i) nsm_says(NSM_MSG_LINK_ADD, port_body(i));
-        daemon->in_event([&] { enable(); });
         std::optional<fault> found;
         for (std::size_t i = 0; i < steps.size() && !found; ++i) {
             const auto act = [&] { ACTIONS[steps[i].what].run(*this, steps[i]); };

@@ -5,7 +5,7 @@
 
 namespace {
 
-class selection : public switched_on {
+class selection : public sim {
   protected:
     // Whatever the order in which they are compared.
     void expect_winner(std::uint32_t winner, std::uint32_t loser, ssm_key key) {

@@ -1,5 +1,5 @@
-// The daemon in virtual time as the scenario tests use it: what a neighbour, NSM and the operator do is a
-// line, and what the daemon sent and asked for is kept with its time.
+// The daemon in virtual time as the scenario tests use it, with SyncE and SSM on: what a neighbour, NSM and
+// the operator do is a line, and what the daemon sent and asked for is kept with its time.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -57,7 +57,9 @@ class sim : public ::testing::Test {
         };
         slow_socket_set_rate_limit(0);  // scenarios hear much in no time
         daemon->start(true);
-        requests_.clear();
+        ASSERT_EQ(ssm_opts_set_global_enable(1), 0);
+        ASSERT_EQ(ssm_opts_set_ssm_enable(1), 0);
+        take_requests();
     }
     void TearDown() override { daemon->stop(); }
 
@@ -70,12 +72,6 @@ class sim : public ::testing::Test {
     }
 
     // ---- What happens. As an operation does, it returns 0: see after(). ----
-
-    // SyncE and SSM on, as most scenarios want it.
-    void enable() {
-        ASSERT_EQ(ssm_opts_set_global_enable(1), 0);
-        ASSERT_EQ(ssm_opts_set_ssm_enable(1), 0);
-    }
 
     static message port_body(std::uint32_t index, bool up = true) {
         return link_body(index, up, "p" + std::to_string(index));
@@ -178,13 +174,4 @@ class sim : public ::testing::Test {
   private:
     std::vector<sent_pdu> sent_;
     requests requests_;
-};
-
-// A switch with SyncE and SSM on, without ports.
-class switched_on : public sim {
-  protected:
-    void SetUp() override {
-        sim::SetUp();
-        enable();
-    }
 };

@@ -3,10 +3,10 @@
 
 namespace {
 
-class transmit : public switched_on {
+class transmit : public sim {
   protected:
     void SetUp() override {
-        switched_on::SetUp();
+        sim::SetUp();
         add_ports({1, 2, 3, 4});
         take_requests();
     }
