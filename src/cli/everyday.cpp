@@ -36,7 +36,7 @@ forced_words forced_text(const ssm_port* port) {
 int show_brief_handler(cli* session, int, char**) {
     session->out_func(session->out_val, "%-16s %-6s %-8s %-6s %4s  %-12s %s\n", "Port", "State", "Rx", "Tx",
                       "Prio", "Forced", "Why not the source");
-    const ssm_port* best = ssm_reason_best();
+    const ssm_port* best = ssm_best_candidate();
     ssm_port_walk([session, best](const ssm_port* port) {
         session->out_func(session->out_val, "%-16s %-6s %-8s %-6s %4d  %-12s %s\n", ssm_port_name(port),
                           port_state(port), ssm_ql_to_str(port->recv_quality, SSM_QL_STYLE_LONG),
@@ -61,7 +61,7 @@ void show_candidates(cli* session, std::span<const ssm_port* const> candidates) 
     for (std::size_t i = 0; i < candidates.size(); ++i) {
         const ssm_port* port = candidates[i];
         const char* key = "-";
-        if (i + 1 < candidates.size()) key = ssm_key_text(ssm_reason_order(port, candidates[i + 1]).key);
+        if (i + 1 < candidates.size()) key = ssm_candidate_compare(port, candidates[i + 1]).key;
         session->out_func(session->out_val, "%4u  %-16s %-8s %4d %4d %5u  %s\n", static_cast<unsigned>(i + 1),
                           ssm_port_name(port),
                           ssm_ql_to_str(ssm_port_select_quality(port), SSM_QL_STYLE_LONG), port->priority,
@@ -72,7 +72,7 @@ void show_candidates(cli* session, std::span<const ssm_port* const> candidates) 
 void show_refused(cli* session) {
     session->out_func(session->out_val, "\n%-16s %s\n", "Port", "Why it is no candidate");
     ssm_port_walk([session](const ssm_port* port) {
-        const ssm_refusal refusal = ssm_reason_refusal(port);
+        const ssm_refusal refusal = ssm_candidate_check(port);
         if (refusal == ssm_refusal::none) return;
         session->out_func(session->out_val, "%-16s %s\n", ssm_port_name(port), ssm_refusal_text(refusal));
     });
@@ -88,10 +88,10 @@ int show_selection_handler(cli* session, int, char**) {
         return CLI_ERROR;
     }
     ssm_port_walk([list, &count](const ssm_port* port) {
-        if (ssm_reason_refusal(port) == ssm_refusal::none) list[count++] = port;
+        if (ssm_candidate_check(port) == ssm_refusal::none) list[count++] = port;
     });
     std::sort(list, list + count,
-              [](const ssm_port* a, const ssm_port* b) { return ssm_reason_order(a, b).winner < 0; });
+              [](const ssm_port* a, const ssm_port* b) { return ssm_candidate_compare(a, b).winner < 0; });
     show_source(session, count ? list[0] : nullptr);
     show_candidates(session, {list, count});
     if (count < ports) show_refused(session);

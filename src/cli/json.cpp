@@ -132,7 +132,7 @@ void write_port(cli* out, const ssm_port* port, const ssm_port* best) {
 }
 
 int show_json_handler(cli* session, int, char**) {
-    const ssm_port* best = ssm_reason_best();
+    const ssm_port* best = ssm_best_candidate();
     session->out_func(session->out_val, "{");
     write_clock(session, best);
     session->out_func(session->out_val, ",\"ports\":[");

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 
+#include "core/opts.h"
 #include "core/ports.h"
 #include "core/ql.h"
 
@@ -28,12 +29,6 @@ ssm_reason no_selection() {
     return {};
 }
 
-// A forced port counts only while it could be used.
-const ssm_port* forced_in_effect() {
-    const ssm_port* forced = g_s_master->force_port;
-    return forced && forced->link_up && forced->synce_enable ? forced : nullptr;
-}
-
 // The switch's own clock is worse, but selection has not run since the port became the best: it runs with the
 // next frame or change.
 ssm_reason next_source() {
@@ -43,8 +38,6 @@ ssm_reason next_source() {
 // Why the best candidate is not the source either.
 ssm_reason own_clock(const ssm_port* best) {
     if (g_s_master->device_type == SSM_SLAVE_ONLY) return next_source();
-    if (!g_s_master->ssm_enable)
-        return best->priority < g_s_master->local_priority ? next_source() : say("own priority is not worse");
     switch (ssm_own_clock_compare(best)) {
         case ssm_own_clock::better_quality:
             return say("own quality is better");
@@ -59,40 +52,17 @@ ssm_reason own_clock(const ssm_port* best) {
 ssm_reason better_than(const ssm_port* best, const ssm_port* port) {
     ssm_reason said;
     std::snprintf(said.text, sizeof said.text, "%s has the better %s", ssm_port_name(best),
-                  ssm_key_text(ssm_reason_order(best, port).key));
+                  ssm_candidate_compare(best, port).key);
     return said;
 }
 
 }  // namespace
 
-// Without SSM the link, SyncE and the priority decide alone; no quality is asked for.
-ssm_refusal ssm_reason_refusal(const ssm_port* port) {
-    if (g_s_master->ssm_enable) return ssm_candidate_check(port);
-    if (!port->synce_enable) return ssm_refusal::synce_disabled;
-    return port->link_up ? ssm_refusal::none : ssm_refusal::link_down;
-}
-
-ssm_order ssm_reason_order(const ssm_port* a, const ssm_port* b) {
-    if (g_s_master->ssm_enable) return ssm_candidate_compare(a, b);
-    if (a->priority != b->priority) return {a->priority < b->priority ? -1 : 1, ssm_key::priority};
-    if (a->intf->ifindex == b->intf->ifindex) return {0, ssm_key::none};
-    return {a->intf->ifindex < b->intf->ifindex ? -1 : 1, ssm_key::ifindex};
-}
-
-const ssm_port* ssm_reason_best() {
-    const ssm_port* best = nullptr;
-    ssm_port_walk([&best](const ssm_port* port) {
-        if (ssm_reason_refusal(port) != ssm_refusal::none) return;
-        if (!best || ssm_reason_order(port, best).winner < 0) best = port;
-    });
-    return best;
-}
-
 ssm_reason ssm_reason_no_source(const ssm_port* best) {
     const ssm_reason stopped = no_selection();
     if (stopped.text[0]) return stopped;
-    if (const ssm_port* forced = forced_in_effect())
-        return say("DNU on the forced port", ssm_port_name(forced));
+    if (ssm_force_port_in_effect())
+        return say("DNU on the forced port", ssm_port_name(g_s_master->force_port));
     return best ? own_clock(best) : say("no candidate");
 }
 
@@ -100,10 +70,11 @@ ssm_reason ssm_reason_not_source(const ssm_port* port, const ssm_port* best) {
     if (port == g_s_master->selected_port) return {};
     const ssm_reason stopped = no_selection();
     if (stopped.text[0]) return stopped;
-    if (const ssm_port* forced = forced_in_effect())
+    const ssm_port* forced = g_s_master->force_port;
+    if (ssm_force_port_in_effect())
         return port == forced ? say("forced, but carries DNU")
                               : say("switched by force to", ssm_port_name(forced));
-    const ssm_refusal refusal = ssm_reason_refusal(port);
+    const ssm_refusal refusal = ssm_candidate_check(port);
     if (refusal != ssm_refusal::none) return say(ssm_refusal_text(refusal));
     if (!best) return {};
     return port == best ? own_clock(best) : better_than(best, port);

@@ -10,11 +10,6 @@ struct ssm_reason {
     char text[64];
 };
 
-// As selection sees it with SSM on and off.
-ssm_refusal ssm_reason_refusal(const ssm_port* port);
-ssm_order ssm_reason_order(const ssm_port* a, const ssm_port* b);
-const ssm_port* ssm_reason_best();  // null: no candidate
-
 // Why there is no source, given the best candidate (null: none).
 ssm_reason ssm_reason_no_source(const ssm_port* best);
 // Why this port is not the source; empty for the source.

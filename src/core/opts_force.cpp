@@ -4,7 +4,6 @@
 #include "core/debug.h"
 #include "core/nsm_request.h"
 #include "core/opts.h"
-#include "core/opts_steps.h"
 #include "core/pdu.h"
 #include "core/ports.h"
 #include "core/result.h"
@@ -19,11 +18,6 @@ bool ssm_runs() {
 // The quality of this switch's own oscillator, which holds the last frequency.
 std::uint32_t holdover_quality() {
     return g_s_master->ql_option == SSM_OPTION_1 ? QL_EEC1 : QL_EEC2;
-}
-
-bool force_port_usable() {
-    const ssm_port* forced = g_s_master->force_port;
-    return g_s_master->global_enable && forced->link_up && forced->synce_enable;
 }
 
 // A port that has a time-out running, or an operator's word for its quality, can still serve.
@@ -66,13 +60,23 @@ void switch_to_force_port() {
               static_cast<int>(forced->intf->ifindex));
 }
 
-void after_force_change() {
-    ssm_opts_master_only_apply();
-    (void)ssm_opts_force_switch_if();  // always 0
-    ssm_without_ssm_step();
+}  // namespace
+
+bool ssm_force_port_in_effect() {
+    const ssm_port* forced = g_s_master->force_port;
+    return forced && g_s_master->global_enable && forced->link_up && forced->synce_enable;
 }
 
-}  // namespace
+void ssm_opts_without_ssm_step() {
+    if (g_s_master->global_enable && !g_s_master->ssm_enable)
+        (void)ssm_select_without_ssm(g_s_master->device_type);  // always 0
+}
+
+void ssm_opts_after_change() {
+    ssm_opts_master_only_apply();
+    (void)ssm_opts_force_switch_if();  // always 0
+    ssm_opts_without_ssm_step();
+}
 
 std::int32_t ssm_opts_set_holdover(std::uint32_t on) {
     if (g_s_master->holdover == on) return SSM_E_GENERAL;
@@ -119,7 +123,7 @@ std::int32_t ssm_opts_force_switch_if() {
         switch_to_e1();
     else if (!g_s_master->force_port)
         return SSM_OK;
-    else if (force_port_usable())
+    else if (ssm_force_port_in_effect())
         switch_to_force_port();
     else
         ssm_opts_no_source();
@@ -130,7 +134,7 @@ std::int32_t ssm_opts_set_force_port(ssm_port* port) {
     if (g_s_master->force_port == port) return SSM_OK;
     if (port) g_s_master->force_e1 = 0;
     g_s_master->force_port = port;
-    after_force_change();
+    ssm_opts_after_change();
     return SSM_OK;
 }
 
@@ -138,7 +142,7 @@ std::int32_t ssm_opts_unforce_port() {
     g_s_master->force_port = nullptr;
     ssm_opts_master_only_apply();
     ssm_opts_no_source();  // the next selection chooses anew
-    ssm_without_ssm_step();
+    ssm_opts_without_ssm_step();
     return SSM_OK;
 }
 
@@ -146,7 +150,7 @@ std::int32_t ssm_opts_force_e1(std::uint32_t on) {
     if (g_s_master->force_e1 == on) return SSM_OK;
     if (on) g_s_master->force_port = nullptr;
     g_s_master->force_e1 = on;
-    after_force_change();
+    ssm_opts_after_change();
     return SSM_OK;
 }
 
@@ -163,7 +167,7 @@ void ssm_opts_reselect() {
         return;
     }
     if (g_s_master->force_port) {
-        if (!force_port_usable()) {
+        if (!ssm_force_port_in_effect()) {
             g_s_master->current_quality = QL_DNU;
             g_s_master->selected_port = nullptr;
         }

@@ -4,7 +4,6 @@
 
 #include "core/nsm_request.h"
 #include "core/opts.h"
-#include "core/opts_steps.h"
 #include "core/pdu.h"
 #include "core/ports.h"
 #include "core/ql.h"
@@ -15,15 +14,16 @@
 namespace {
 
 void update_all_timers(std::uint32_t on) {
-    ssm_port_walk([on](ssm_port* port) { (void)ssm_port_timers_update(port, on); });
+    ssm_opts_port_list_loop(on ? [](ssm_port* port) { return ssm_port_timers_update(port, 1); }
+                               : [](ssm_port* port) { return ssm_port_timers_update(port, 0); });
 }
 
 void clear_gephy_roles() {
-    ssm_port_walk([](ssm_port* port) { (void)ssm_opts_set_gephy_role(port->intf, 0, 0); });
+    ssm_opts_port_list_loop([](ssm_port* port) { return ssm_opts_set_gephy_role(port->intf, 0, 0); });
 }
 
-// What a port heard says nothing about a switch that changed its role.
-void forget_received(ssm_port* port) {
+// What a port heard says nothing about a switch that changed its role: quality and clock are forgotten.
+void forget_neighbour(ssm_port* port) {
     port->recv_pdu = 0;
     port->recv_hop_count = 0;
     port->recv_quality = QL_NONE;
@@ -33,7 +33,7 @@ void forget_received(ssm_port* port) {
 void enter_master_only() {
     ssm_opts_master_only_apply();
     ssm_port_walk([](ssm_port* port) {
-        forget_received(port);
+        forget_neighbour(port);
         port->send_quality =
             static_cast<std::uint16_t>(port->send_timer ? g_s_master->local_quality : std::uint32_t{QL_NONE});
         ssm_timer_cancel(&port->timeout_timer);
@@ -45,16 +45,16 @@ bool forced_quality_counts(const ssm_port* port) {
            port->force_rx_quality != QL_NONE;
 }
 
-void leave_master_only() {
+void enter_selecting_role() {
     ssm_opts_no_source();
     g_s_master->current_quality = QL_DNU;
     ssm_port_walk([](ssm_port* port) {
-        forget_received(port);  // time-outs are left running
+        forget_neighbour(port);  // time-outs are left running
         port->send_quality = QL_NONE;
         if (forced_quality_counts(port) && !g_s_master->selected_port) ssm_clock_select();
     });
     (void)ssm_opts_force_switch_if();  // always 0
-    ssm_without_ssm_step();
+    ssm_opts_without_ssm_step();
 }
 
 }  // namespace
@@ -65,10 +65,8 @@ std::int32_t ssm_opts_set_global_enable(std::uint32_t on) {
     update_all_timers(on);
     ssm_opts_reselect();
     (void)ssm_nsm_send_global_enable(on);
-    ssm_without_ssm_step();
-    ssm_opts_master_only_apply();
-    (void)ssm_opts_force_switch_if();
-    ssm_without_ssm_step();  // again: the two steps between may have changed what it chooses from
+    ssm_opts_without_ssm_step();
+    ssm_opts_after_change();
     return SSM_OK;
 }
 
@@ -86,9 +84,7 @@ std::int32_t ssm_opts_set_ssm_enable(std::uint32_t on) {
     update_all_timers(on);
     ssm_opts_reselect();
     if (!on) clear_gephy_roles();
-    ssm_opts_master_only_apply();
-    (void)ssm_opts_force_switch_if();
-    ssm_without_ssm_step();
+    ssm_opts_after_change();
     return SSM_OK;
 }
 
@@ -121,7 +117,7 @@ std::int32_t ssm_opts_set_local_priority(std::uint32_t priority) {
     const auto value = static_cast<std::uint8_t>(priority);
     if (g_s_master->local_priority == value) return SSM_OK;
     g_s_master->local_priority = value;
-    ssm_without_ssm_step();
+    ssm_opts_without_ssm_step();
     return SSM_OK;
 }
 
@@ -131,7 +127,7 @@ std::int32_t ssm_opts_set_device_type(std::uint32_t type) {
     if (type == SSM_MASTER_ONLY)
         enter_master_only();
     else
-        leave_master_only();
+        enter_selecting_role();
     return SSM_OK;
 }
 

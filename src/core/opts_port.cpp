@@ -3,7 +3,6 @@
 #include "core/debug.h"
 #include "core/nsm_request.h"
 #include "core/opts.h"
-#include "core/opts_steps.h"
 #include "core/ports.h"
 #include "core/ql.h"
 #include "core/result.h"
@@ -26,13 +25,6 @@ void drop_manual_gephy(ssm_port* port) {
     --g_s_master->gephy_manual_count;
 }
 
-// After a link change of a port, in this order.
-void after_link_change() {
-    ssm_opts_master_only_apply();
-    (void)ssm_opts_force_switch_if();  // always 0
-    ssm_without_ssm_step();
-}
-
 }  // namespace
 
 std::int32_t ssm_opts_set_port_synce(interface* intf, std::uint32_t on) {
@@ -42,9 +34,7 @@ std::int32_t ssm_opts_set_port_synce(interface* intf, std::uint32_t on) {
     port->synce_enable = on;
     (void)ssm_port_timers_update(port, on != 0);
     ssm_opts_reselect();
-    ssm_opts_master_only_apply();
-    (void)ssm_opts_force_switch_if();
-    ssm_without_ssm_step();
+    ssm_opts_after_change();
     return SSM_OK;
 }
 
@@ -78,7 +68,7 @@ std::int32_t ssm_opts_set_port_priority(interface* intf, std::uint32_t priority)
     const auto value = static_cast<std::uint8_t>(priority);
     if (port->priority == value) return SSM_OK;
     port->priority = value;
-    ssm_without_ssm_step();
+    ssm_opts_without_ssm_step();
     return SSM_OK;
 }
 
@@ -143,13 +133,13 @@ std::int32_t ssm_opts_link_up_switch(ssm_port* port) {
     const std::int32_t rv = ssm_port_timers_update(port, 1);
     if (rv < 0) return ssm_op_failed(rv, "ssm_opts_link_up_switch", 283);
     ssm_opts_reselect();
-    after_link_change();
+    ssm_opts_after_change();
     return SSM_OK;
 }
 
 std::int32_t ssm_opts_link_down_switch(ssm_port* port) {
     (void)ssm_opts_intf_fini_port(port);  // the rules below hold whatever became of the timers
-    after_link_change();
+    ssm_opts_after_change();
     return SSM_OK;
 }
 

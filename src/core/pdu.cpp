@@ -8,6 +8,7 @@
 
 #include "core/debug.h"
 #include "core/loop.h"
+#include "core/opts.h"
 #include "core/ports.h"
 #include "core/socket.h"
 #include "core/timers.h"
@@ -89,7 +90,8 @@ namespace {
 // so that there is nothing true to advertise.
 bool apply_force_switch(const ssm_port* port, std::uint8_t* quality) {
     const ssm_port* forced = g_s_master->force_port;
-    if (forced && forced->link_up && forced->synce_enable) {
+    // Whether SyncE is on as well makes no difference here: without it no port sends.
+    if (ssm_force_port_in_effect()) {
         if (forced->force_rx_quality != QL_NONE) {
             *quality = static_cast<std::uint8_t>(forced->force_rx_quality);
             SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG,
@@ -176,7 +178,8 @@ std::int32_t ssm_pdu_tx_all() {
 
 namespace {
 
-// Says whether anything is new.
+// Says whether the PDU repeats what the port received before. Every field that is stored here and that a
+// selection key or a refusal reads takes part in the comparison.
 bool store_received(ssm_port* port, const std::uint8_t* pdu) {
     static constexpr std::uint8_t NO_CLOCK_ID[SSM_CLOCK_ID_SIZE] = {};
     const bool extended = pdu[esmc::EXT_TLV_TYPE] == esmc::TYPE_EXT;
@@ -185,11 +188,11 @@ bool store_received(ssm_port* port, const std::uint8_t* pdu) {
     const std::uint8_t quality = pdu[esmc::QUALITY];
     if (port->recv_quality == quality && port->recv_hop_count == hops &&
         std::memcmp(port->recv_clockid, clock_id, SSM_CLOCK_ID_SIZE) == 0)
-        return false;
+        return true;
     port->recv_quality = quality;
     port->recv_hop_count = hops;
     std::memcpy(port->recv_clockid, clock_id, SSM_CLOCK_ID_SIZE);
-    return true;
+    return false;
 }
 
 }  // namespace
@@ -200,7 +203,7 @@ std::int32_t ssm_handle_packet(ssm_port* port, const std::uint8_t* pdu, std::siz
               ifindex);
     if (ssm_debugging(SSM_DEBUG_PACKET)) ssm_pdu_dump(pdu);
 
-    const bool repeated = !store_received(port, pdu);
+    const bool repeated = store_received(port, pdu);
 
     if (pdu[esmc::VERSION] & esmc::EVENT_FLAG) {
         ssm_select_after_pdu(repeated);

@@ -1,43 +1,60 @@
-// The records' life: their defaults, and how a port is found. The clock record and the instance record live
-// as long as the process; a port record as long as NSM has the interface bound.
+// Port records come from blocks of the memory manager, so that those of all ports lie side by side: selection
+// walks them after every PDU. A place in a block is free while its record names no interface. A block goes
+// back when its last record does.
 #include "core/ports.h"
 
 #include "core/result.h"
 
-ssm_master* g_s_master = nullptr;
-lib_globals* g_p_esmcd = nullptr;
-ssm_instance_record* ssm_instance = nullptr;
+ssm_record_block* ssm_record_blocks = nullptr;
 
-void* ssm_calloc(std::size_t octets, memory_type type) {
-    for (const malloc_size* fit = malloc_sizes; fit->octets != 0; ++fit)
-        if (fit->octets >= octets) return _memmgr_calloc(fit, type);
+namespace {
+
+ssm_record_block* new_block() {
+    auto* block = static_cast<ssm_record_block*>(ssm_calloc(sizeof(ssm_record_block), MTYPE_SSM_PORT));
+    if (!block) return nullptr;
+    block->end = block->records;
+    // At the end: the records are walked in the order in which they were made.
+    ssm_record_block** last = &ssm_record_blocks;
+    while (*last) last = &(*last)->next;
+    return *last = block;
+}
+
+// The first place of the block that no interface has, or null.
+ssm_port* free_place(ssm_record_block* block) {
+    for (ssm_port& port : block->records)
+        if (!port.intf) return &port;
     return nullptr;
 }
 
-std::int32_t ssm_master_init() {
-    *g_s_master = {};
-    g_s_master->local_priority = SSM_PRIORITY_NONE;
-    g_s_master->ql_option = SSM_OPTION_1;
-    g_s_master->local_quality = QL_DNU;
-    g_s_master->current_quality = QL_DNU;
-    g_s_master->device_type = SSM_DEFAULT_ROLE;
-    g_s_master->freerun = 1;
-    g_s_master->dpll_state = SSM_DPLL_FREERUN;
-    g_s_master->e1_quality = QL_NONE;
-    return SSM_OK;
+}  // namespace
+
+ssm_port* ssm_record_take(interface* intf) {
+    ssm_record_block* block = ssm_record_blocks;
+    ssm_port* port = nullptr;
+    for (; block; block = block->next)
+        if ((port = free_place(block))) break;
+    if (!port) {
+        block = new_block();
+        if (!block) return nullptr;
+        port = block->records;
+    }
+    if (port == block->end) ++block->end;
+    port->intf = intf;
+    return port;
 }
 
-std::int32_t ssm_port_init(ssm_port* port) {
-    interface* intf = port->intf;
+void ssm_record_give_back(ssm_port* port) {
     *port = {};
-    port->intf = intf;
-    port->esmc_mode = SSM_ESMC_ALL;
-    port->priority = SSM_PRIORITY_NONE;
-    port->send_quality = QL_NONE;
-    port->recv_quality = QL_NONE;
-    port->force_tx_quality = QL_NONE;
-    port->force_rx_quality = QL_NONE;
-    return SSM_OK;
+    for (ssm_record_block** at = &ssm_record_blocks; *at;) {
+        ssm_record_block* block = *at;
+        while (block->end != block->records && !block->end[-1].intf) --block->end;
+        if (block->end != block->records) {
+            at = &block->next;
+        } else {
+            *at = block->next;
+            memmgr_free(block, MTYPE_SSM_PORT);
+        }
+    }
 }
 
 void ssm_opts_port_list_loop(std::int32_t (*fn)(ssm_port*)) {

@@ -1,13 +1,8 @@
-// The port table: the suite's interface list, walked in its own order.
+// The port table: the suite's interface list, walked in its own order, and the port records, which lie
+// together in memory.
 #pragma once
 
 #include "core/records.h"
-
-// Zeroed block from the memory manager's size classes, or null.
-[[nodiscard]] void* ssm_calloc(std::size_t octets, memory_type type);
-
-std::int32_t ssm_master_init();              // defaults into *g_s_master; 0
-std::int32_t ssm_port_init(ssm_port* port);  // defaults, `intf` kept; 0
 
 inline bool ssm_if_usable(const interface* intf) {
     return intf && intf->type == IF_TYPE_SYNCE;
@@ -35,6 +30,27 @@ inline void ssm_port_walk(Visit&& visit) {
         visit(port);
         return false;
     });
+}
+
+// A block of the memory manager with room for some records.
+struct ssm_record_block {
+    ssm_record_block* next;
+    ssm_port* end;  // behind the last record that is taken
+    ssm_port records[16];
+};
+extern ssm_record_block* ssm_record_blocks;
+
+// A zeroed record for this interface; null when memory is exhausted.
+[[nodiscard]] ssm_port* ssm_record_take(interface* intf);
+void ssm_record_give_back(ssm_port* port);
+
+// Every port record in the order in which they lie in memory, for decisions that don't depend on it. Places
+// that became free among them are visited too: zeroed records, with SyncE off like a port that nobody
+// configured.
+template <typename Visit>
+inline void ssm_record_walk(Visit&& visit) {
+    for (ssm_record_block* block = ssm_record_blocks; block; block = block->next)
+        for (ssm_port* port = block->records; port != block->end; ++port) visit(port);
 }
 
 // Calls fn on every port; a negative result is logged and the walk goes on.

@@ -3,6 +3,7 @@
 // They are touched from the event loop only.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "suite/base/memory.h"
@@ -77,27 +78,32 @@ struct ssm_master {
     interface* gephy_dynamic_intf;     // the interface that selection made slave
 };
 
+// The records of all ports lie together (ports.h), and what selection reads of each comes first, in one line
+// of the cache.
 struct ssm_port {
-    std::uint32_t synce_enable;
-    std::uint32_t esmc_mode;
-    std::uint8_t priority;
-    std::uint32_t link_up;
-    std::uint32_t replace_clockid;
-    std::uint32_t recv_pdu;  // a usable PDU came and its time-out has not expired
-    std::uint16_t send_quality;
-    std::uint16_t recv_quality;
-    std::uint16_t force_tx_quality;
-    std::uint16_t force_rx_quality;
-    std::uint8_t recv_clockid[SSM_CLOCK_ID_SIZE];
+    interface* intf;        // owner; its `port` slot points back here
+    std::uint32_t ifindex;  // of `intf`, which keeps it
     std::uint8_t recv_hop_count;
+    std::uint8_t priority;
+    std::uint32_t synce_enable;
+    std::uint32_t link_up;
+    std::uint32_t recv_pdu;  // a usable PDU came and its time-out has not expired
+    std::uint16_t recv_quality;
+    std::uint16_t force_rx_quality;
+    std::uint32_t replace_clockid;
+    std::uint8_t recv_clockid[SSM_CLOCK_ID_SIZE];
+
+    std::uint32_t esmc_mode;
+    std::uint16_t send_quality;
+    std::uint16_t force_tx_quality;
     std::uint8_t dnu_group;  // 0: none
-    thread* timeout_timer;   // null: not running
-    thread* send_timer;      // null: not running; set: a transmitting port
+    std::uint8_t event_skip;
+    std::uint8_t gephy_by_command;                   // the role counts in gephy_manual_count
+    std::uint8_t logged_clockid[SSM_CLOCK_ID_SIZE];  // that this port replaces, as the log has it
     std::uint32_t gephy_role_enable;
     std::uint32_t gephy_role;
-    std::uint8_t event_skip;
-    interface* intf;                // owner; its `port` slot points back here
-    std::uint8_t gephy_by_command;  // the role counts in gephy_manual_count
+    thread* timeout_timer;  // null: not running
+    thread* send_timer;     // null: not running; set: a transmitting port
 };
 
 extern ssm_master* g_s_master;
@@ -110,3 +116,9 @@ struct ssm_instance_record {
     thread* t_read;  // the pending read, or null
 };
 extern ssm_instance_record* ssm_instance;
+
+// Zeroed block from the memory manager's size classes, or null.
+[[nodiscard]] void* ssm_calloc(std::size_t octets, memory_type type);
+
+std::int32_t ssm_master_init();              // defaults into *g_s_master; 0
+std::int32_t ssm_port_init(ssm_port* port);  // defaults, `intf` kept; 0

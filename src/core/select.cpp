@@ -1,10 +1,12 @@
 // Selection in three steps that don't mix: which ports are candidates (ssm_candidate_check), which one is
-// best (the rank, one number a candidate), and what follows from the choice (select_port, no_candidate). Run
-// after every accepted PDU, so the walk touches each port once and costs nothing for what is switched off.
+// best (the rank, one number a port), and what follows from the choice (select_port, no_candidate). Run after
+// every accepted PDU: the walk compares first, and asks only of a port that would win whether it is a
+// candidate.
 #include "core/select.h"
 
 #include <array>
 #include <cstring>
+#include <utility>
 
 #include "core/debug.h"
 #include "core/opts.h"
@@ -39,22 +41,68 @@ const rank_table& ranks_in_force() {
     return g_s_master->ql_option == SSM_OPTION_1 ? OPTION_1_RANKS : OPTION_2_RANKS;
 }
 
-// All keys of a candidate in one number, the first key in the highest bits, so that the smaller number is the
-// better candidate: quality, priority, hop count (only with the extension on), interface index.
-constexpr unsigned QUALITY_SHIFT = 48, PRIORITY_SHIFT = 40, HOP_SHIFT = 32;
+using port_rank = std::uint64_t;
 
-// `ifindex` is that of the port's interface, which the walk has at hand.
-std::uint64_t candidate_rank(const ssm_port* port, std::uint32_t ifindex, const rank_table& ranks,
-                             bool extend) {
-    const std::uint64_t quality = ranks[ssm_port_select_quality(port)];
-    const std::uint64_t hops = extend ? port->recv_hop_count : 0;
-    return quality << QUALITY_SHIFT | std::uint64_t{port->priority} << PRIORITY_SHIFT | hops << HOP_SHIFT |
-           ifindex;
+constexpr unsigned bit(ssm_rule rule) {
+    return 1U << static_cast<unsigned>(rule);
+}
+constexpr unsigned WITH_EXTENSION = bit(ssm_rule::extension);
+constexpr unsigned WITH_SSM = bit(ssm_rule::quality) | WITH_EXTENSION;
+constexpr unsigned ALWAYS = bit(ssm_rule::priority) | WITH_SSM;
+
+// By what candidates are ranked: the first row counts most, and the smaller value is the better one. Rank,
+// comparison and the reason that the shows give all follow from these rows; the last one differs for any two
+// ports.
+constexpr struct {
+    const char* name;
+    unsigned bits;   // that the value has at most
+    unsigned rules;  // under which it counts
+    port_rank (*value)(const ssm_port*);
+} KEYS[] = {
+    {"quality", 8, WITH_SSM,
+     [](const ssm_port* port) -> port_rank { return ranks_in_force()[ssm_port_select_quality(port)]; }},
+    {"priority", 8, ALWAYS, [](const ssm_port* port) -> port_rank { return port->priority; }},
+    {"hop count", 8, WITH_EXTENSION, [](const ssm_port* port) -> port_rank { return port->recv_hop_count; }},
+    {"interface index", 32, ALWAYS, [](const ssm_port* port) -> port_rank { return port->ifindex; }},
+};
+
+// All keys in one number, the first one in the highest bits: a key begins where those behind it end.
+consteval unsigned shift_of(std::size_t key) {
+    unsigned behind = 0;
+    for (std::size_t i = key + 1; i < std::size(KEYS); ++i) behind += KEYS[i].bits;
+    return behind;
+}
+static_assert(shift_of(0) + KEYS[0].bits <= 64, "the keys must fit into one number");
+
+consteval port_rank keys_under(ssm_rule rule) {
+    port_rank mask = 0;
+    port_rank behind = 0;
+    for (std::size_t i = std::size(KEYS); i-- > 0; behind += KEYS[i].bits)
+        if (KEYS[i].rules & bit(rule)) mask |= ((port_rank{1} << KEYS[i].bits) - 1) << behind;
+    return mask;
 }
 
-// Without SSM only priority and index count.
-std::uint64_t priority_rank(const ssm_port* port) {
-    return std::uint64_t{port->priority} << PRIORITY_SHIFT | port->intf->ifindex;
+port_rank mask_of(ssm_rule rule) {
+    static constexpr port_rank MASKS[] = {keys_under(ssm_rule::priority), keys_under(ssm_rule::quality),
+                                          keys_under(ssm_rule::extension)};
+    return MASKS[static_cast<std::size_t>(rule)];
+}
+
+template <std::size_t... Key>
+port_rank all_keys(const ssm_port* port, std::index_sequence<Key...>) {
+    return ((KEYS[Key].value(port) << shift_of(Key)) | ...);
+}
+
+port_rank rank_of(const ssm_port* port, port_rank mask) {
+    return all_keys(port, std::make_index_sequence<std::size(KEYS)>{}) & mask;
+}
+
+template <std::size_t... Key>
+const char* first_difference(port_rank differs, std::index_sequence<Key...>) {
+    const char* name = nullptr;
+    // The first key whose bits, or any above them, differ.
+    (void)((differs >> shift_of(Key) ? (name = KEYS[Key].name, true) : false) || ...);
+    return name;
 }
 
 bool same_clock_id(const std::uint8_t* a, const std::uint8_t* b) {
@@ -74,183 +122,123 @@ std::uint8_t ssm_port_select_quality(const ssm_port* port) {
                                                                        : port->recv_quality);
 }
 
-ssm_order ssm_candidate_compare(const ssm_port* a, const ssm_port* b) {
-    const bool extend = g_s_master->ssm_extend != 0;
-    const std::uint64_t rank_a = candidate_rank(a, a->intf->ifindex, ranks_in_force(), extend);
-    const std::uint64_t rank_b = candidate_rank(b, b->intf->ifindex, ranks_in_force(), extend);
-    if (rank_a == rank_b) return {0, ssm_key::none};
-    const std::uint64_t differs = rank_a ^ rank_b;
-    ssm_key key = ssm_key::ifindex;
-    if (differs >> QUALITY_SHIFT)
-        key = ssm_key::quality;
-    else if (differs >> PRIORITY_SHIFT)
-        key = ssm_key::priority;
-    else if (differs >> HOP_SHIFT)
-        key = ssm_key::hop_count;
-    return {rank_a < rank_b ? -1 : 1, key};
+ssm_rule ssm_rule_in_force() {
+    if (!g_s_master->ssm_enable) return ssm_rule::priority;
+    return g_s_master->ssm_extend ? ssm_rule::extension : ssm_rule::quality;
 }
 
-ssm_own_clock ssm_own_clock_compare(const ssm_port* best) {
-    const auto own_quality = static_cast<std::uint8_t>(g_s_master->local_quality);
-    const std::int32_t order = ssm_ql_compare(ssm_port_select_quality(best), own_quality);
-    if (order > 0) return ssm_own_clock::better_quality;
-    if (order == 0 && best->priority >= g_s_master->local_priority) return ssm_own_clock::not_worse_priority;
-    return ssm_own_clock::worse;
+ssm_order ssm_candidate_compare(const ssm_port* a, const ssm_port* b, ssm_rule rule) {
+    const port_rank rank_a = rank_of(a, mask_of(rule)), rank_b = rank_of(b, mask_of(rule));
+    return {(rank_a > rank_b) - (rank_a < rank_b),
+            first_difference(rank_a ^ rank_b, std::make_index_sequence<std::size(KEYS)>{})};
+}
+
+ssm_own_clock ssm_own_clock_compare(const ssm_port* best, ssm_rule rule) {
+    if (rule != ssm_rule::priority) {
+        const auto own_quality = static_cast<std::uint8_t>(g_s_master->local_quality);
+        const std::int32_t order = ssm_ql_compare(ssm_port_select_quality(best), own_quality);
+        if (order > 0) return ssm_own_clock::better_quality;
+        if (order < 0) return ssm_own_clock::worse;
+    }
+    return best->priority < g_s_master->local_priority ? ssm_own_clock::worse
+                                                       : ssm_own_clock::not_worse_priority;
 }
 
 // ---- Candidates ---------------------------------------------------------------------------------------
 
 namespace {
 
-// The ports with replace-clockid, by the identity that they receive, so that a selection over many ports asks
-// in constant time whether an identity is among them. Made anew for each selection; when the ports don't fit,
-// the question is answered by a walk.
-class replaced_ids {
-  public:
-    void collect() {
-        ssm_port_walk([this](const ssm_port* port) {
-            if (!port->replace_clockid) return;
-            if (count_++ == 0) slots_.fill(nullptr);
-            if (count_ <= SLOTS / 2) insert(port);
-        });
-    }
-
-    // The first port of the walk that received `id`, or null.
-    const ssm_port* find(const std::uint8_t* id) const {
-        if (count_ == 0) return nullptr;
-        if (count_ > SLOTS / 2) return walk(id);
-        for (std::size_t at = slot_of(id); slots_[at]; at = (at + 1) % SLOTS)
-            if (same_clock_id(slots_[at]->recv_clockid, id)) return slots_[at];
-        return nullptr;
-    }
-
-    static const ssm_port* walk(const std::uint8_t* id) {
-        const ssm_port* found = nullptr;
-        ssm_port_walk_until([&](const ssm_port* port) {
-            if (!port->replace_clockid || !same_clock_id(port->recv_clockid, id)) return false;
-            found = port;
-            return true;
-        });
-        return found;
-    }
-
-  private:
-    static constexpr std::size_t SLOTS = 1024;
-
-    static std::size_t slot_of(const std::uint8_t* id) {
-        std::uint64_t value;
-        std::memcpy(&value, id, sizeof value);
-        return static_cast<std::size_t>(value * 0x9E3779B97F4A7C15U >> 54);  // top ten bits: one of SLOTS
-    }
-
-    void insert(const ssm_port* port) {
-        std::size_t at = slot_of(port->recv_clockid);
-        while (slots_[at]) {
-            if (same_clock_id(slots_[at]->recv_clockid, port->recv_clockid))
-                return;  // the first of the walk stays
-            at = (at + 1) % SLOTS;
-        }
-        slots_[at] = port;
-    }
-
-    std::size_t count_ = 0;
-    std::array<const ssm_port*, SLOTS> slots_;  // filled only when there is something to hold
-};
-
 // What the port itself says; the look at the other ports (replaced identities) comes after it.
-ssm_refusal check_port(const ssm_port* port, bool extend) {
+ssm_refusal check_port(const ssm_port* port, ssm_rule rule) {
     if (!port->synce_enable) return ssm_refusal::synce_disabled;
     if (!port->link_up) return ssm_refusal::link_down;
+    if (rule == ssm_rule::priority) return ssm_refusal::none;
     if (port->force_rx_quality == QL_NONE) {
         if (!port->recv_pdu) return ssm_refusal::nothing_received;
         if (port->recv_quality == QL_DNU) return ssm_refusal::received_dnu;
     } else if (port->force_rx_quality == QL_DNU) {
         return ssm_refusal::forced_dnu;
     }
-    if (extend && same_clock_id(port->recv_clockid, g_s_master->clock_id)) return ssm_refusal::own_clock_id;
+    if (rule == ssm_rule::extension && same_clock_id(port->recv_clockid, g_s_master->clock_id))
+        return ssm_refusal::own_clock_id;
     return ssm_refusal::none;
 }
 
-[[gnu::cold, gnu::noinline]] void log_refusal(const ssm_port* port) {
-    SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG,
-              "%s%sdon't select clock on port, status:  port  %d, synce_enable  %d, link_up  %d,recv_pdu  "
-              "%d, recv_quality %d "
-              "  force_rx_quality  %d",
-              static_cast<int>(port->intf->ifindex), static_cast<int>(port->synce_enable),
-              static_cast<int>(port->link_up), static_cast<int>(port->recv_pdu), port->recv_quality,
-              port->force_rx_quality);
+// The port with replace-clockid that received this identity, or null.
+ssm_port* replacing_port(const std::uint8_t* clockid) {
+    ssm_port* found = nullptr;
+    ssm_record_walk([&](ssm_port* port) {
+        if (port->replace_clockid && !found && same_clock_id(port->recv_clockid, clockid)) found = port;
+    });
+    return found;
 }
 
-[[gnu::cold, gnu::noinline]] void log_replaced(const ssm_port* found) {
-    SSM_LOG(
-        LOG_LEVEL_DEBUG,
-        "%s%sdon't compare replace clockid on port, status:                                       port  %d, "
-        "replace_clockid %d",
-        static_cast<int>(found->intf->ifindex), static_cast<int>(found->replace_clockid));
+// Every run says why it refuses a port; most of them never get as far as to be asked.
+[[gnu::cold, gnu::noinline]] void log_refusals(ssm_rule rule) {
+    ssm_port_walk([rule](const ssm_port* port) {
+        const ssm_refusal refusal = ssm_candidate_check(port, rule);
+        if (refusal == ssm_refusal::none) return;
+        if (refusal == ssm_refusal::replaced_clock_id) {
+            SSM_LOG(LOG_LEVEL_DEBUG, "%s%sdon't select clock on port, status:  port  %d, replace_clockid %d",
+                    static_cast<int>(port->ifindex), 1);
+            return;
+        }
+        SSM_LOG(LOG_LEVEL_DEBUG,
+                "%s%sdon't select clock on port, status:  port  %d, synce_enable  %d, link_up  %d,recv_pdu  "
+                "%d, recv_quality %d "
+                "  force_rx_quality  %d",
+                static_cast<int>(port->ifindex), static_cast<int>(port->synce_enable),
+                static_cast<int>(port->link_up), static_cast<int>(port->recv_pdu), port->recv_quality,
+                port->force_rx_quality);
+    });
 }
 
-// The walk's verdict on one port, with its log lines.
-template <bool EXTEND>
-bool is_candidate(const ssm_port* port, const replaced_ids& replaced) {
-    if (__builtin_expect(check_port(port, EXTEND) != ssm_refusal::none, 0)) {
-        log_refusal(port);
-        return false;
-    }
-    if (!EXTEND || port->replace_clockid) return true;
-    const ssm_port* found = replaced.find(port->recv_clockid);
-    if (!found) return true;
-    log_replaced(found);
-    SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG,
-              "%s%sdon't select clock on port, status:  port  %d, replace_clockid %d",
-              static_cast<int>(port->intf->ifindex), 1);
-    return false;
-}
-
-// Once for each state of the extension, so that without it the walk asks nothing about identities and hops.
-template <bool EXTEND>
-ssm_port* best_candidate() {
-    const rank_table& ranks = ranks_in_force();
-    replaced_ids replaced;
-    if (EXTEND) replaced.collect();
-
+// The best port that says nothing against itself, among those that rank no better than `floor`; null: none.
+ssm_port* best_from(port_rank floor, ssm_rule rule, port_rank* rank_found) {
+    const port_rank mask = mask_of(rule);
     ssm_port* best = nullptr;
-    std::uint64_t best_rank = UINT64_MAX;
-    if (!g_p_esmcd) return nullptr;
-    for (const interface* intf : if_list(&g_p_esmcd->ifm)) {
-        ssm_port* port = ssm_if_port(intf);
-        if (!port || !is_candidate<EXTEND>(port, replaced)) continue;
-        const std::uint64_t rank = candidate_rank(port, intf->ifindex, ranks, EXTEND);
-        if (rank >= best_rank) continue;
+    port_rank best_rank = UINT64_MAX;
+    ssm_record_walk([&](ssm_port* port) {
+        const port_rank rank = rank_of(port, mask);
+        if (rank >= best_rank) [[likely]]
+            return;
+        if (rank < floor || check_port(port, rule) != ssm_refusal::none) return;
         best = port;
         best_rank = rank;
-    }
+    });
+    *rank_found = best_rank;
     return best;
 }
 
 }  // namespace
 
-ssm_refusal ssm_candidate_check(const ssm_port* port) {
-    const ssm_refusal refusal = check_port(port, g_s_master->ssm_extend != 0);
-    if (refusal != ssm_refusal::none || !g_s_master->ssm_extend || port->replace_clockid) return refusal;
-    return replaced_ids::walk(port->recv_clockid) ? ssm_refusal::replaced_clock_id : ssm_refusal::none;
+ssm_refusal ssm_candidate_check(const ssm_port* port, ssm_rule rule) {
+    const ssm_refusal refusal = check_port(port, rule);
+    if (refusal != ssm_refusal::none || rule != ssm_rule::extension || port->replace_clockid) return refusal;
+    return replacing_port(port->recv_clockid) ? ssm_refusal::replaced_clock_id : ssm_refusal::none;
 }
 
 std::int32_t ssm_replace_clockid_seen(const std::uint8_t* clockid) {
-    const ssm_port* found = replaced_ids::walk(clockid);
-    if (found) log_replaced(found);
-    return found ? 1 : 0;
+    ssm_port* found = replacing_port(clockid);
+    if (!found) return 0;
+    // Whatever the debug flags, but not again with every PDU.
+    if (!same_clock_id(found->logged_clockid, clockid)) {
+        std::memcpy(found->logged_clockid, clockid, SSM_CLOCK_ID_SIZE);
+        SSM_LOG(
+            LOG_LEVEL_DEBUG,
+            "%s%sdon't compare replace clockid on port, status:                                       port "
+            " %d, replace_clockid %d",
+            static_cast<int>(found->ifindex), static_cast<int>(found->replace_clockid));
+    }
+    return 1;
 }
 
-ssm_port* ssm_best_candidate() {
-    return g_s_master->ssm_extend ? best_candidate<true>() : best_candidate<false>();
-}
-
-ssm_port* ssm_best_without_ssm() {
-    ssm_port* best = nullptr;
-    ssm_port_walk([&best](ssm_port* port) {
-        if (!port->link_up || !port->synce_enable) return;
-        if (!best || priority_rank(port) < priority_rank(best)) best = port;
-    });
+ssm_port* ssm_best_candidate(ssm_rule rule) {
+    port_rank rank = 0;
+    ssm_port* best = best_from(0, rule, &rank);
+    if (rule != ssm_rule::extension) return best;
+    while (best && !best->replace_clockid && ssm_replace_clockid_seen(best->recv_clockid))
+        best = best_from(rank + 1, rule, &rank);
     return best;
 }
 
@@ -276,22 +264,6 @@ const char* ssm_refusal_text(ssm_refusal refusal) {
     return "unknown";
 }
 
-const char* ssm_key_text(ssm_key key) {
-    switch (key) {
-        case ssm_key::none:
-            return "none";
-        case ssm_key::quality:
-            return "quality";
-        case ssm_key::priority:
-            return "priority";
-        case ssm_key::hop_count:
-            return "hop count";
-        case ssm_key::ifindex:
-            return "interface index";
-    }
-    return "unknown";
-}
-
 // ---- Applying the choice ------------------------------------------------------------------------------
 
 namespace {
@@ -311,7 +283,7 @@ void move_gephy_role(ssm_port* port) {
 }
 
 void select_port(ssm_port* port) {
-    (void)ssm_opts_switch_port(port->intf->ifindex);  // says when it is selected already: nothing to do then
+    (void)ssm_opts_switch_port(port->ifindex);  // says when it is selected already: nothing to do then
     if (g_s_master->gephy_dynamic) move_gephy_role(port);
     g_s_master->selected_port = port;
 
@@ -334,14 +306,15 @@ void no_candidate() {
     ssm_opts_no_source();
 }
 
-// A forced port counts only while the switch and the port itself could use it.
-bool force_port_in_effect() {
-    const ssm_port* forced = g_s_master->force_port;
-    return forced && g_s_master->global_enable && forced->link_up && forced->synce_enable;
+// With SSM on. Says, when asked to, why ports are refused.
+ssm_port* choose() {
+    const ssm_rule rule = g_s_master->ssm_extend ? ssm_rule::extension : ssm_rule::quality;
+    if (ssm_debugging(SSM_DEBUG_EVENT)) log_refusals(rule);
+    return ssm_best_candidate(rule);
 }
 
 void switch_without_ssm(ssm_port* port) {
-    (void)ssm_opts_switch_port(port->intf->ifindex);  // as in select_port
+    (void)ssm_opts_switch_port(port->ifindex);  // as in select_port
     g_s_master->selected_port = port;
 }
 
@@ -353,7 +326,7 @@ void ssm_clock_select() {
         g_s_master->current_quality = g_s_master->local_quality;
         return;
     }
-    if (g_s_master->force_e1 || force_port_in_effect()) {
+    if (g_s_master->force_e1 || ssm_force_port_in_effect()) {
         (void)ssm_opts_force_switch_if();  // always 0
         return;
     }
@@ -368,27 +341,28 @@ void ssm_select_by_role(std::uint32_t role) {
 }
 
 void ssm_select_default() {
-    ssm_port* best = ssm_best_candidate();
+    ssm_port* best = choose();
     if (!best)
         no_candidate();
-    else if (ssm_own_clock_compare(best) == ssm_own_clock::worse)
+    else if (ssm_own_clock_compare(best, ssm_rule::quality) == ssm_own_clock::worse)
         select_port(best);
     else
         ssm_opts_no_source();
 }
 
 void ssm_select_slave_only() {
-    if (ssm_port* best = ssm_best_candidate())
+    if (ssm_port* best = choose())
         select_port(best);
     else
         no_candidate();
 }
 
 std::int32_t ssm_select_without_ssm(std::uint32_t role) {
-    if (g_s_master->force_e1 || force_port_in_effect() || role == SSM_MASTER_ONLY) return 0;
+    if (g_s_master->force_e1 || ssm_force_port_in_effect() || role == SSM_MASTER_ONLY) return 0;
 
-    ssm_port* best = ssm_best_without_ssm();
-    if (best && (role == SSM_SLAVE_ONLY || best->priority < g_s_master->local_priority))
+    ssm_port* best = ssm_best_candidate(ssm_rule::priority);
+    if (best &&
+        (role == SSM_SLAVE_ONLY || ssm_own_clock_compare(best, ssm_rule::priority) == ssm_own_clock::worse))
         switch_without_ssm(best);
     else
         ssm_opts_no_source();

@@ -6,7 +6,6 @@
 #include <cstring>
 
 #include "core/debug.h"
-#include "core/loop.h"
 #include "core/pdu.h"
 #include "core/ports.h"
 #include "core/ql.h"
@@ -71,7 +70,6 @@ void refuse_quality(ssm_port* port, std::uint8_t quality) {
     if (quality != QL_DNU) return;
     port->recv_pdu = 1;
     port->recv_quality = QL_DNU;
-    ssm_choice_is_stale();
 }
 
 // Takes one received frame; what recv_ssm returns for it.

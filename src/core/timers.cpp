@@ -11,7 +11,8 @@
 
 namespace {
 
-void forget_received(ssm_port* port) {
+// The clock identity and the hop count stay: they say who was last heard.
+void forget_quality(ssm_port* port) {
     port->recv_pdu = 0;
     port->recv_quality = QL_NONE;
 }
@@ -24,7 +25,7 @@ void stop_sending(ssm_port* port) {
 void stop_port(ssm_port* port) {
     ssm_timer_cancel(&port->timeout_timer);
     stop_sending(port);
-    forget_received(port);
+    forget_quality(port);
 }
 
 void start_sending(ssm_port* port) {
@@ -107,6 +108,6 @@ int _ssm_opts_timeout_trigger(thread* event) {
     // forgotten after it.
     port->timeout_timer = nullptr;
     ssm_opts_check_all_lost();
-    forget_received(port);
+    forget_quality(port);
     return SSM_OK;
 }

@@ -63,16 +63,15 @@ int ssm_port_create(interface* intf) {
                   intf->name);
         return SSM_E_HAVE_EXIST;
     }
-    auto* port = static_cast<ssm_port*>(ssm_calloc(sizeof(ssm_port), MTYPE_SSM_PORT));
+    ssm_port* port = ssm_record_take(intf);
     if (!port) {
         SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_ERROR, "%s%sCan't allocate memory of SSM port (interface %s)",
                   intf->name);
         return SSM_E_NO_MEMORY;
     }
     intf->port = port;
-    port->intf = intf;
     if (ssm_port_init(port) < 0) {
-        memmgr_free(port, MTYPE_SSM_PORT);
+        ssm_record_give_back(port);
         intf->port = nullptr;
         return SSM_E_NSM_PORT_INIT_ERROR;
     }
@@ -89,7 +88,7 @@ int ssm_port_delete(interface* intf) {
     ssm_port* port = ssm_if_port(intf);
     if (!port) return no_port(intf);
     ssm_opts_release_port(port);
-    memmgr_free(port, MTYPE_SSM_PORT);
+    ssm_record_give_back(port);
     intf->port = nullptr;
     return SSM_OK;
 }

@@ -104,7 +104,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::uint32_t ports = 1 + in.octet() % PORTS_MAX;
     d.in_event([&] { set_up_switch(&in); });
     for (std::uint32_t index = 1; index <= ports; ++index) set_up_port(&in, &d, index);
-    ssm_choice_is_stale();
     while (in.left) {
         step(&in, &d);
         d.check_records();

@@ -134,7 +134,7 @@ TEST_F(memory_faults, every_allocation_of_a_life_fails_once) {
         if (HasFatalFailure()) return;
         w.stop();
     }
-    EXPECT_GT(nth, 3 * PORTS) << "the life is too poor";
+    EXPECT_GT(nth, 2 * PORTS) << "the life is too poor";
 }
 
 TEST_F(memory_faults, a_link_that_breaks_with_no_memory_left_comes_back) {
