@@ -1,7 +1,5 @@
-// The disk fails at each call of a save, and at each line of the log.
+// The disk fails at each call of a save.
 #include <sys/wait.h>
-
-#include <sstream>
 
 #include "suite/host/file.h"
 #include "suite/rights/user.h"
@@ -108,34 +106,6 @@ TEST_F(FailingDisk, WhatIsNoFileStaysWhatItIs) {
     struct stat status {};
     ASSERT_EQ(stat(config.c_str(), &status), 0);
     EXPECT_TRUE(S_ISFIFO(status.st_mode));
-}
-
-// Lines that were written and lines that are counted as dropped are all lines.
-TEST_F(FailingDisk, LogGoesOnAndCountsWhatItLost) {
-    constexpr int LINES = 12;
-    const std::string path = folder + "/log";
-    for (const fault kind : {fault::once, fault::cut, fault::full}) {
-        for (int at = 1; at <= LINES; ++at) {
-            ASSERT_EQ(log_set_file(path.c_str()), 0);
-            failing_disk::arm(path, kind, at);
-            for (int line = 0; line < LINES; ++line) log_suite(LOG_LEVEL_INFO, "line %d of them", line);
-            EXPECT_TRUE(failing_disk::disarm());
-            log_suite(LOG_LEVEL_INFO, "last line of them");
-            ASSERT_EQ(log_set_file(nullptr), 0);
-            int whole = 0, lost = 0;
-            std::istringstream text(read_file(path));
-            for (std::string line; std::getline(text, line);) {
-                const std::string words = line.substr(line.find(' ', line.find(' ') + 1) + 1);
-                const bool is_count = words.ends_with(" log lines dropped");
-                EXPECT_TRUE(is_count || words.ends_with(" of them")) << line;
-                if (is_count) lost += std::stoi(words);
-                whole += !is_count;
-            }
-            EXPECT_EQ(whole + lost, LINES + 1) << static_cast<int>(kind) << " at " << at;
-            EXPECT_EQ(lost, kind == fault::once ? 1 : kind == fault::full ? LINES + 1 - at : 0);
-            unlink(path.c_str());
-        }
-    }
 }
 
 }  // namespace
