@@ -19,23 +19,20 @@ constexpr std::uint32_t DEVICE = 1, MUXES[] = {21, 22}, PORT_PINS[] = {11, 12};
 struct fake_pin {
     std::uint32_t capabilities = PIN_CAN_STATE;
     std::map<std::uint32_t, std::uint32_t> places = {};  // its state on the device, or on MUX pins
-    std::uint32_t prio = 5;
-    bool signal = true;
-    std::string label = {};
+    std::uint32_t prio = 5, signal = 1, output = 0;
+    std::uint32_t refused = 0;  // errno
     std::uint16_t label_kind = DPLL_PIN_A_BOARD_LABEL;
-    bool output = false;
+    const char* label = "";
 };
 
 // Requests are recorded as text: "dump devices", "get 3", "3 on 1 connected".
 struct fake_dpll : fake_family {
     driver kind = driver::direct_manual;
     std::map<std::uint32_t, fake_pin> pins;
-    bool has_device = true, tells_operstate = false, notifies = true;
-    std::uint32_t type = DPLL_TYPE_EEC, status = DPLL_STATUS_UNLOCKED;
-    std::map<std::uint32_t, int> refused;  // errno by pin
-    int busy = 0;                          // so many settings are refused with EBUSY
-    int disturbed_dumps = 0;
-    std::uint32_t tracked = 0;  // the pin that the device follows
+    bool tells_operstate = false;
+    std::uint32_t has_device = 1, notifies = 1, type = DPLL_TYPE_EEC, status = DPLL_STATUS_UNLOCKED;
+    std::uint32_t busy = 0, disturbed_dumps = 0;  // so many settings and dumps fail
+    std::uint32_t tracked = 0;                    // the pin that the device follows
 
     explicit fake_dpll(fake_kernel& k) : fake_family(k, "dpll") {}
     bool is_automatic() const { return kind == driver::mux_automatic || kind == driver::automatic; }
@@ -130,26 +127,24 @@ struct fake_dpll : fake_family {
         return 0;
     }
     int set_pin(const_octets attributes) {
-        std::map<unsigned, std::uint32_t> pin, place;
+        std::map<unsigned, std::uint32_t> value;  // those of the place too, whose numbers are others
         nl_attr a, inner;
-        unsigned kind_of_place = 0;
         while (nl_next_attr(&attributes, &a)) {
-            pin[a.type] = nl_u32(a.value);
-            if (a.type == DPLL_PIN_A_ID) continue;
-            kind_of_place = a.type;
-            while (nl_next_attr(&a.value, &inner)) place[inner.type] = nl_u32(inner.value);
+            value[a.type] = nl_u32(a.value);
+            while (a.type != DPLL_PIN_A_ID && nl_next_attr(&a.value, &inner))
+                value[inner.type] = nl_u32(inner.value);
         }
-        const std::uint32_t id = pin[DPLL_PIN_A_ID], parent = place[DPLL_PIN_A_PARENT_ID];
-        const bool is_prio = place.count(DPLL_PIN_A_PRIO);
+        const std::uint32_t id = value[DPLL_PIN_A_ID], parent = value[DPLL_PIN_A_PARENT_ID];
+        const bool is_prio = value.count(DPLL_PIN_A_PRIO);
         static const char* const states[] = {" ?", " connected", " disconnected", " selectable"};
         add(std::to_string(id) + " on " + std::to_string(parent) +
-            (is_prio ? " prio " + std::to_string(place[DPLL_PIN_A_PRIO]) : states[place[DPLL_PIN_A_STATE]]));
+            (is_prio ? " prio " + std::to_string(value[DPLL_PIN_A_PRIO]) : states[value[DPLL_PIN_A_STATE]]));
         if (busy > 0) return --busy, EBUSY;
-        if (refused[id]) return refused[id];
+        if (pins[id].refused) return static_cast<int>(pins[id].refused);
         const auto expected = parent == DEVICE ? DPLL_PIN_A_PARENT_DEVICE : DPLL_PIN_A_PARENT_PIN;
-        if (kind_of_place != expected || !pins[id].places.count(parent)) return EINVAL;
-        if (is_prio) pins[id].prio = place[DPLL_PIN_A_PRIO];
-        const int error = is_prio ? 0 : set_state(id, parent, place[DPLL_PIN_A_STATE]);
+        if (!value.count(expected) || !pins[id].places.count(parent)) return EINVAL;
+        if (is_prio) pins[id].prio = value[DPLL_PIN_A_PRIO];
+        const int error = is_prio ? 0 : set_state(id, parent, value[DPLL_PIN_A_STATE]);
         if (error) return error;
         notify_pin(id);
         work();
@@ -203,16 +198,26 @@ struct clock_session : nsmd_session {
             dpll.pins[id] = {.capabilities = capabilities, .places = {{DEVICE, PIN_DISCONNECTED}}};
         for (const std::uint32_t id : PORT_PINS)
             if (has_muxes) dpll.pins[id].places = {{21, PIN_DISCONNECTED}, {22, PIN_DISCONNECTED}};
-        // Of the board before the start.
+        const auto of_device = [this](const char* verb, std::uint32_t fake_dpll::*field) {
+            verbs[verb] = [=, this](const numbers& w) { dpll.*field = w[0]; };
+        };
         verbs["family"] = [this](const numbers& w) { dpll.there = w[0]; };
-        verbs["type"] = [this](const numbers& w) { dpll.type = w[0]; };
-        verbs["has-device"] = [this](const numbers& w) { dpll.has_device = w[0]; };
-        verbs["mute"] = [this](const numbers&) { dpll.notifies = false; };
-        verbs["disturb"] = [this](const numbers& w) { dpll.disturbed_dumps = static_cast<int>(w[0]); };
-        verbs["busy"] = [this](const numbers& w) { dpll.busy = static_cast<int>(w[0]); };
-        verbs["capable"] = [this](const numbers& w) { dpll.pins[w[0]].capabilities = w[1]; };
-        verbs["rank"] = [this](const numbers& w) { dpll.pins[w[0]].prio = w[1]; };
-        verbs["output"] = [this](const numbers& w) { dpll.pins[w[0]].output = true; };
+        of_device("type", &fake_dpll::type);
+        of_device("has-device", &fake_dpll::has_device);
+        of_device("notifies", &fake_dpll::notifies);
+        of_device("disturb", &fake_dpll::disturbed_dumps);
+        of_device("busy", &fake_dpll::busy);
+        const auto of_pin = [this](const char* verb, std::uint32_t fake_pin::*field) {
+            verbs[verb] = [=, this](const numbers& w) {
+                dpll.pins[w[0]].*field = w[1];
+                dpll.work();
+            };
+        };
+        of_pin("capable", &fake_pin::capabilities);
+        of_pin("rank", &fake_pin::prio);
+        of_pin("output", &fake_pin::output);
+        of_pin("signal", &fake_pin::signal);
+        of_pin("refuse", &fake_pin::refused);
         verbs["one-mux"] = [this](const numbers&) {
             dpll.pins.erase(22);
             for (const std::uint32_t id : PORT_PINS) dpll.pins[id].places.erase(22);
@@ -228,16 +233,10 @@ struct clock_session : nsmd_session {
             dpll.pins[w[0]].places[DEVICE] = w[1];
             dpll.work();
         };
-        // While nsmd runs.
-        verbs["signal"] = [this](const numbers& w) {
-            dpll.pins[w[0]].signal = w[1];
-            dpll.work();
-        };
         verbs["status"] = [this](const numbers& w) {
             dpll.status = w[0];
             dpll.notify_device();
         };
-        verbs["refuse"] = [this](const numbers& w) { dpll.refused[w[0]] = static_cast<int>(w[1]); };
         verbs["lose"] = [this](const numbers&) { dpll.push({}, -ENOBUFS); };
         verbs["device"] = [this](const numbers& w) {
             dpll.has_device = w[0];
@@ -336,7 +335,8 @@ const struct {
     {{"a package label does not name an input", driver::automatic, "input 30 8"},
      {{"recover 1", 30, "clock 4 8"}}},
     {{"switched off releases other pins than ours", driver::automatic,
-      "input 40, state 40 3, rank 40 9, input 41, output 41, state 41 1"},  // a receiver for satellites, say
+      "input 40, state 40 3, rank 40 9, input 41, output 41 1, state 41 1"},  // a receiver for satellites,
+                                                                              // say
      {{FOLLOW, 30, "clock 4 1"},
       {"enable 0", 30, "clock 4 0", "11 on 1 disconnected"}}},  // locked, to something that is none of ours
     {{"something is touched before a source is named", driver::direct_manual, "state 11 1"},
@@ -348,7 +348,7 @@ const struct {
       {"status 1", 1, "clock 2 0"},
       {"status 77", 1, "clock 5 0"},  // a status of the future is transient
       {"status 3", 1, "clock 4 1"}}},
-    {{"without notifications the state is not asked for", driver::automatic, "mute"},
+    {{"without notifications the state is not asked for", driver::automatic, "notifies 0"},
      {{FOLLOW, 1030, "clock 4 1"},
       {"signal 11 0", 1001, "clock 3 0"},
       {"signal 11 1", 1010, "clock 4 0, clock 4 1"}}},

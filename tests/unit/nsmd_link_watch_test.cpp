@@ -48,13 +48,13 @@ const struct {
      1},
     {"lost messages lead to no dump, or something is lost",
      {{"quiet sw1 1, quiet sw2 2, quiet sw3 3", 1, "sw1 1 added, sw2 2 added, sw3 3 added"},
-      {"quiet-gone 1, quiet sw2 2 down, quiet sw4 4, quiet sw3 3 downs 1, overrun, "
+      {"lost 1, quiet sw2 2 down, quiet sw4 4, quiet sw3 3 downs 1, overrun, "
        "old sw2 2, "  // old news that was queued before the loss
        "old sw1 1",   // and of a link whose end was among what was lost
        1, "sw2 2 down, sw3 3 down, sw3 3 up, sw1 1 removed, sw4 4 added"}},
      2},
     {"a dump that was interrupted or overrun is believed",
-     {{"quiet sw1 1, quiet sw2 2, interrupted, during quiet-gone 1", 1, "sw2 2 added"},
+     {{"quiet sw1 1, quiet sw2 2, interrupted, during lost 1", 1, "sw2 2 added"},
       {"cut-off, during overrun, during quiet sw3 3", 1, "sw3 3 added"}},  // as good as lost
      4},
     {"refused and unanswered dumps are not repeated, or at once",

@@ -10,7 +10,7 @@ TEST(nsmd_netlink, walking_ends_at_lengths_that_make_no_sense) {
     const_octets rest{zeros};
     EXPECT_FALSE(nl_next_message(&rest, &m));
     EXPECT_FALSE(nl_next_attr(&rest, &a));
-    message cut = link_octets({});
+    message cut = link_octets("sw1 1");
     cut.pop_back();
     rest = cut;
     EXPECT_FALSE(nl_next_message(&rest, &m));

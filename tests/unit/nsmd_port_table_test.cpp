@@ -136,9 +136,9 @@ const port_story PORTS[] = {
       {"sw1 1 down downs 3, sw1 1 down downs 5", "sw1 1 down"},
       {"sw1 1 downs 6", "sw1 1 up"}}},
     {"a flap is not seen by the common counter of old kernels",
-     {{"sw1 1 downs -1 changes 5", "sw1 1 added"},
-      {"sw1 1 downs -1 changes 6", ""},  // the first up after the port was made
-      {"sw1 1 downs -1 changes 8", "sw1 1 down, sw1 1 up"}}},
+     {{"sw1 1 old 5", "sw1 1 added"},
+      {"sw1 1 old 6", ""},  // the first up after the port was made
+      {"sw1 1 old 8", "sw1 1 down, sw1 1 up"}}},
     {"what a whole dump leaves out stays, or goes with a spoiled one",
      {{"many 1 3 0, dump, sw2 2", ""},
       {"sw3 9", ""},  // deleted and made again while nobody looked

@@ -92,45 +92,6 @@ struct recorded_table : said {
     }
 };
 
-// One link of the kernel that is made of messages.
-struct fake_link {
-    int index = 1;
-    std::string name = "sw1";
-    std::string kind = "veth";  // "-": none, as of hardware
-    int admin = IFF_UP, oper = IF_OPER_UP, carrier = 1, complete = 1;
-    int hardware = ARPHRD_ETHER, family = 0;
-    int mac = 1;                 // the last octet
-    int downs = 0, changes = 0;  // downs -1: an old kernel, which counts all changes only
-    int master = 0, pin = -1;
-};
-
-// From text: "sw1 1 down", "br0 20 kind bridge mac 99".
-inline fake_link link_of(const std::string& text) {
-    static const std::map<std::string, int fake_link::*> numbers = {{"admin", &fake_link::admin},
-                                                                    {"oper", &fake_link::oper},
-                                                                    {"carrier", &fake_link::carrier},
-                                                                    {"family", &fake_link::family},
-                                                                    {"hardware", &fake_link::hardware},
-                                                                    {"mac", &fake_link::mac},
-                                                                    {"downs", &fake_link::downs},
-                                                                    {"changes", &fake_link::changes},
-                                                                    {"master", &fake_link::master},
-                                                                    {"complete", &fake_link::complete},
-                                                                    {"pin", &fake_link::pin}};
-    fake_link l;
-    std::istringstream words(text);
-    words >> l.name >> l.index;
-    l.mac = l.index;
-    for (std::string key; words >> key;)
-        if (key == "down")
-            l.carrier = 0, l.oper = IF_OPER_DOWN;
-        else if (key == "kind")
-            words >> l.kind;
-        else
-            words >> l.*numbers.at(key);
-    return l;
-}
-
 using message = std::vector<std::uint8_t>;
 
 // Whom the kernel answers: the sequence number of the request, and our address; zeros in what it says
@@ -145,8 +106,24 @@ inline message addressed(nl_builder b, answer_to to) {
     return {b.data, b.data + b.length};
 }
 
-inline message link_octets(const fake_link& l, std::uint16_t type = RTM_NEWLINK, std::uint16_t flags = 0,
+// A link from its text: name, index, and what is special, as "sw1 1 down" or "br0 20 kind bridge mac 99". The
+// address ends in the index unless told; of kind "-" is hardware; an old kernel counts all changes only.
+inline message link_octets(const std::string& text, std::uint16_t type = RTM_NEWLINK, std::uint16_t flags = 0,
                            answer_to to = {}) {
+    std::map<std::string, int> is = {
+        {"admin", IFF_UP},          {"oper", IF_OPER_UP}, {"carrier", 1}, {"complete", 1},
+        {"hardware", ARPHRD_ETHER}, {"downs", 0},         {"pin", -1},    {"old", 0}};
+    std::istringstream words(text);
+    std::string name, kind = "veth";
+    words >> name >> is["index"];
+    is["mac"] = is["index"];
+    for (std::string key; words >> key;)
+        if (key == "kind")
+            words >> kind;
+        else if (key != "down")
+            words >> is[key];
+        else
+            is["carrier"] = 0;
     nl_builder b;
     const auto u8 = [&](std::uint16_t attr, int value) {
         const auto octet = static_cast<std::uint8_t>(value);
@@ -156,30 +133,32 @@ inline message link_octets(const fake_link& l, std::uint16_t type = RTM_NEWLINK,
         nl_put_u32(&b, attr, static_cast<std::uint32_t>(value));
     };
     nl_begin(&b, type, flags, 0);
-    const ifinfomsg header{static_cast<unsigned char>(l.family),    0,
-                           static_cast<unsigned short>(l.hardware), l.index,
-                           static_cast<unsigned>(l.admin),          0};
+    ifinfomsg header{};
+    header.ifi_family = static_cast<unsigned char>(is["family"]);
+    header.ifi_type = static_cast<unsigned short>(is["hardware"]);
+    header.ifi_index = is["index"];
+    header.ifi_flags = static_cast<unsigned>(is["admin"]);
     nl_put_raw(&b, &header, sizeof header);
-    nl_put_text(&b, IFLA_IFNAME, l.name);
-    const std::uint8_t mac[6] = {2, 0, 0, 0, 0, static_cast<std::uint8_t>(l.mac)};
+    nl_put_text(&b, IFLA_IFNAME, name);
+    const std::uint8_t mac[6] = {2, 0, 0, 0, 0, static_cast<std::uint8_t>(is["mac"])};
     nl_put(&b, IFLA_ADDRESS, mac, sizeof mac);
-    if (l.master) u32(IFLA_MASTER, l.master);
-    if (l.complete) u8(IFLA_OPERSTATE, l.oper);
-    if (l.complete) u8(IFLA_CARRIER, l.carrier);
-    u32(IFLA_CARRIER_CHANGES, l.downs < 0 ? l.changes : 2 * l.downs);
-    if (l.downs >= 0) u32(48, l.downs);
+    if (is["master"]) u32(IFLA_MASTER, is["master"]);
+    if (is["complete"]) u8(IFLA_OPERSTATE, is["oper"]);
+    if (is["complete"]) u8(IFLA_CARRIER, is["carrier"]);
+    u32(IFLA_CARRIER_CHANGES, is["old"] ? is["old"] : 2 * is["downs"]);
+    if (!is["old"]) u32(48, is["downs"]);
     const std::size_t info = nl_nest_begin(&b, IFLA_LINKINFO);
-    if (l.kind != "-") nl_put_text(&b, IFLA_INFO_KIND, l.kind);
+    if (kind != "-") nl_put_text(&b, IFLA_INFO_KIND, kind);
     nl_nest_end(&b, info);
     const std::size_t pin = nl_nest_begin(&b, 65);
-    if (l.pin >= 0) u32(1, l.pin);
+    if (is["pin"] >= 0) u32(1, is["pin"]);
     nl_nest_end(&b, pin);
     return addressed(b, to);
 }
 
 // As it is read from such a message; without an index where it is not.
 inline link_info info_of(const std::string& text) {
-    const message data = link_octets(link_of(text));
+    const message data = link_octets(text);
     const_octets rest{data};
     nl_message m;
     link_info info;
@@ -207,7 +186,7 @@ struct fake_kernel {
     };
 
     std::map<int, std::deque<item>> queues;  // by descriptor
-    std::vector<fake_link> links;
+    std::map<int, std::string> links;        // by index, their texts
     int dumps = 0, questions = 0;
     std::string next_dump;                              // how it fails, once
     std::vector<std::string> during_dump;               // once
@@ -252,25 +231,24 @@ struct fake_kernel {
     void act(const std::string& text) {
         std::istringstream words(text);
         std::string verb, rest;
+        int index = 0;
         std::getline(words >> verb >> std::ws, rest);
-        if (verb == "old") return push(link_octets(link_of(rest)));
+        if (verb == "old") return push(link_octets(rest));
         if (verb == "overrun") return push({}, -ENOBUFS);
         if (verb == "cut-off") return push({}, -EMSGSIZE);
         if (verb == "interrupted" || verb == "refused" || verb == "swallowed") return void(next_dump = verb);
         if (verb == "during") return during_dump.push_back(rest);
-        const bool says = verb != "quiet" && verb != "quiet-gone";  // else the message is lost
-        const bool goes = verb == "gone" || verb == "quiet-gone";
-        const fake_link l = link_of(goes ? "any " + rest : verb == "quiet" ? rest : text);
-        if (says) push(goes ? link_octets(*find(l.index), RTM_DELLINK) : link_octets(l));
-        std::erase_if(links, [&](auto& known) { return known.index == l.index; });
-        if (!goes) links.push_back(l);
+        const bool says = verb != "quiet" && verb != "lost";  // else the message is lost
+        const bool goes = verb == "gone" || verb == "lost";
+        const std::string link = goes ? "any " + rest : says ? text : rest;
+        std::istringstream(link) >> verb >> index;
+        if (says) push(goes ? link_octets(links[index], RTM_DELLINK) : link_octets(link));
+        links.erase(index);
+        if (!goes) links[index] = link;
     }
     void push(message data, int error = 0) { queues[FD].push_back({std::move(data), error}); }
 
   private:
-    std::vector<fake_link>::iterator find(int index) {
-        return std::find_if(links.begin(), links.end(), [&](auto& l) { return l.index == index; });
-    }
     void answer_dump(answer_to to) {
         ++dumps;
         const std::string how = std::exchange(next_dump, "");
@@ -278,8 +256,8 @@ struct fake_kernel {
         if (how == "refused") return push(control_octets(NLMSG_ERROR, 0, to, -EBUSY));
         const std::uint16_t flags = how == "interrupted" ? NLM_F_MULTI | NLM_F_DUMP_INTR : NLM_F_MULTI;
         message datagram;
-        for (const auto& l : links) {
-            const auto one = link_octets(l, RTM_NEWLINK, flags, to);
+        for (const auto& [index, link] : links) {
+            const auto one = link_octets(link, RTM_NEWLINK, flags, to);
             datagram.insert(datagram.end(), one.begin(), one.end());
         }
         push(datagram);
@@ -293,8 +271,8 @@ struct fake_kernel {
         ++questions;
         ifinfomsg header{};
         std::memcpy(&header, m.body.data(), sizeof header);
-        const auto l = find(header.ifi_index);
-        push(l != links.end() ? link_octets(*l, RTM_NEWLINK, 0, to)
+        const auto l = links.find(header.ifi_index);
+        push(l != links.end() ? link_octets(l->second, RTM_NEWLINK, 0, to)
                               : control_octets(NLMSG_ERROR, 0, to, -ENODEV));
     }
 };
@@ -306,7 +284,7 @@ struct fake_family : said {
     static constexpr std::uint32_t GROUP = 9;
     fake_kernel& kernel;
     std::string name;
-    bool there = true;
+    std::uint32_t there = 1;
 
     fake_family(fake_kernel& k, std::string family) : kernel(k), name(std::move(family)) {
         kernel.on_generic = [this](const nl_message& m) {
