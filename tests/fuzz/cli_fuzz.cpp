@@ -1,8 +1,8 @@
 // Command lines: parsing, running, completion and help must agree with each other on any octets. The input is
 // lines; the first octet of a line chooses the mode. A line that parses runs, one that does not runs nothing.
-#include <cstdlib>
 #include <cstring>
 
+#include "fuzz/fuzz.h"
 #include "suite/command/completion.h"
 #include "suite/command/parse.h"
 #include "suite/log/log.h"
@@ -58,9 +58,9 @@ void make_world() {
     log_use_sink(LOG_SINK_STDERR, false);
     world.tree = cli_tree_create();
     for (const auto& command : commands)
-        if (cli_install(world.tree, command.mode, &command.element) != 0) std::abort();
+        must(cli_install(world.tree, command.mode, &command.element) == 0, "commands can be installed");
     for (std::int32_t mode : {EXEC_MODE, CONFIG_MODE, INTERFACE_MODE})
-        if (cli_install_default(world.tree, mode) != 0) std::abort();
+        must(cli_install_default(world.tree, mode) == 0, "defaults can be installed");
     (void)if_add(&world.ifm, "eth1", 1, IF_TYPE_SYNCE);
     (void)if_add(&world.ifm, "brie", 2, IF_TYPE_SYNCE);
 }
@@ -69,15 +69,15 @@ void try_line(cli* session, std::string_view line) {
     static completion_list list;
     completion_help(world.tree, session, line, &list);
     completion_words(world.tree, session, line, &list);
-    if (completion_common(list).size() < (list.count ? list.partial.size() : 0)) std::abort();
+    must(!list.count || completion_common(list).size() >= list.partial.size(), "completion only adds");
     cli_parsed parsed;
     cli_parse(world.tree, session, line, &parsed);
     bool plain = line.find('|') == std::string_view::npos;
     runs = 0;
     cli_result result = cli_run_line(world.tree, session, line);
     bool ran = result == cli_result::ok || result == cli_result::failed;
-    if (plain && (parsed.result == cli_result::ok) != ran) std::abort();
-    if (!ran && runs) std::abort();
+    must(!plain || (parsed.result == cli_result::ok) == ran, "what parses runs");
+    must(ran || !runs, "what does not parse runs nothing");
 }
 
 }  // namespace

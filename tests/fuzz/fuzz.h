@@ -1,9 +1,14 @@
-// What every fuzz target may need: an input to take from, and the end of a process whose rule was broken.
+// What every fuzz target may need: an input to take from, a file that says it, and the end of a process whose
+// rule was broken.
 #pragma once
+
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <string_view>
 
 #include "suite/base/octets.h"
 
@@ -30,4 +35,18 @@ struct input {
         left -= count;
         return taken;
     }
+};
+
+// A file in memory, and a path that opens it.
+struct memory_file {
+    int fd = memfd_create("input", MFD_CLOEXEC);
+    char path[32];
+
+    explicit memory_file(std::string_view text) {
+        std::snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
+        must(write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()), "there is memory");
+    }
+    ~memory_file() { close(fd); }
+    memory_file(const memory_file&) = delete;
+    memory_file& operator=(const memory_file&) = delete;
 };

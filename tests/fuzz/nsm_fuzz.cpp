@@ -9,18 +9,6 @@ namespace {
 constexpr std::uint16_t TYPES[] = {
     NSM_MSG_HELLO_ACK, NSM_MSG_SYNC_DONE, NSM_MSG_LINK_ADD,   NSM_MSG_LINK_DELETE,
     NSM_MSG_LINK_UP,   NSM_MSG_LINK_DOWN, NSM_MSG_BRIDGE_ADD, NSM_MSG_SSM_SEND_BACK_CLOCK_STATE};
-constexpr std::uint8_t KINDS = std::size(TYPES);
-
-enum : std::uint8_t {
-    RAW = 8,
-    LINK_ENDS = 9,
-    PASS = 10,
-    WRONG_LENGTH = 11,
-    OPERATE = 12,
-    KNOWN_LINK = 13,
-    KINDS_ALL
-};
-
 // What makes requests, and needs ports: SyncE, SSM, SyncE of a port, force and its end, external inputs.
 constexpr std::uint8_t REQUESTING[] = {0, 1, 6, 12, 13, 15};
 
@@ -32,34 +20,39 @@ void say(virtual_daemon* d, const message& m) {
     d->settle();
 }
 
+void say_typed(virtual_daemon* d, std::size_t kind, const_octets body, std::size_t too_much = 0) {
+    say(d, virtual_daemon::with_header(TYPES[kind % std::size(TYPES)], body, too_much));
+}
+
+// The kinds of record behind those that are a message of TYPES each. Inputs name them by their place.
+using record = void (*)(virtual_daemon*, const_octets whole, input body, std::size_t kind);
+constexpr record RECORDS[] = {
+    [](virtual_daemon* d, const_octets whole, input, std::size_t) {
+        say(d, {whole.begin(), whole.end()});
+    },
+    [](virtual_daemon* d, const_octets, input, std::size_t) {
+        d->end_link();
+        d->settle();
+    },
+    [](virtual_daemon* d, const_octets, input body, std::size_t) { d->pass(1 + body.octet() * 10U); },
+    [](virtual_daemon* d, const_octets whole, input body, std::size_t kind) {
+        say_typed(d, kind, whole, 1U + body.octet());
+    },
+    [](virtual_daemon* d, const_octets, input body, std::size_t) {
+        const std::uint8_t what = body.octet(), index = body.octet(), value = body.octet();
+        d->in_event([&] { operate(OPERATIONS[REQUESTING[what % std::size(REQUESTING)]], index, value); });
+    },
+    [](virtual_daemon* d, const_octets, input body, std::size_t) {  // a link that can be
+        const std::uint8_t index = body.octet(), flags = body.octet();
+        say_typed(d, 2, link_body(index, flags & 1, {}, flags & 2 ? 1 : IF_TYPE_SYNCE));
+    }};
+constexpr std::size_t KINDS = std::size(TYPES) + std::size(RECORDS);
+
 void take_record(virtual_daemon* d, input* in) {
-    const std::uint8_t head = in->octet(), kind = head % KINDS_ALL;
+    const std::size_t head = in->octet(), kind = head % KINDS;
     const const_octets whole = in->take(in->octet());
-    input body = {whole.data(), whole.size()};
-    if (kind < KINDS) return say(d, virtual_daemon::with_header(TYPES[kind], whole));
-    switch (kind) {
-        case RAW:
-            return say(d, {whole.begin(), whole.end()});
-        case LINK_ENDS:
-            d->end_link();
-            return d->settle();
-        case PASS:
-            return d->pass(1 + body.octet() * 10U);
-        case WRONG_LENGTH:
-            return say(d,
-                       virtual_daemon::with_header(TYPES[head / KINDS_ALL % KINDS], whole, 1 + body.octet()));
-        case OPERATE: {
-            const std::uint8_t what = body.octet(), index = body.octet(), value = body.octet();
-            return d->in_event(
-                [&] { operate(OPERATIONS[REQUESTING[what % std::size(REQUESTING)]], index, value); });
-        }
-        default: {
-            const std::uint8_t index = body.octet(), flags = body.octet();
-            const std::uint16_t type = flags & 2 ? 1 : IF_TYPE_SYNCE;
-            return say(d,
-                       virtual_daemon::with_header(NSM_MSG_LINK_ADD, link_body(index, flags & 1, {}, type)));
-        }
-    }
+    if (kind < std::size(TYPES)) return say_typed(d, kind, whole);
+    RECORDS[kind - std::size(TYPES)](d, whole, {whole.data(), whole.size()}, head / KINDS);
 }
 
 void check_list() {

@@ -30,13 +30,15 @@ void run(const std::string& input, std::size_t length) {
     ++runs;
 }
 
-bool replay_file(const fs::path& path) {
+bool replay(const fs::path& path) {
+    if (fs::is_directory(path)) {
+        const std::set<fs::path> entries(fs::directory_iterator(path), {});
+        return std::all_of(entries.begin(), entries.end(), replay);
+    }
     std::ifstream file(path, std::ios::binary);
     const std::string input{std::istreambuf_iterator<char>(file), {}};
-    if (!file) {
-        std::fprintf(stderr, "FAULT can't read %s\n", path.c_str());
-        return false;
-    }
+    if (!file) std::fprintf(stderr, "FAULT can't read %s\n", path.c_str());
+    if (!file) return false;
     if (std::getenv("ESMC_REPLAY_VERBOSE")) std::fprintf(stderr, "%s\n", path.c_str());
     const std::size_t n = input.size();
     const std::set<std::size_t> lengths = {
@@ -44,14 +46,6 @@ bool replay_file(const fs::path& path) {
     for (const std::size_t length : lengths) run(input, length);
     ++files;
     return true;
-}
-
-bool replay(const fs::path& path) {
-    std::error_code error;
-    if (!fs::is_directory(path, error)) return replay_file(path);
-    std::set<fs::path> entries;
-    for (const auto& entry : fs::directory_iterator(path, error)) entries.insert(entry.path());
-    return std::all_of(entries.begin(), entries.end(), replay);
 }
 
 }  // namespace

@@ -2,11 +2,10 @@
 // any size. The first octet says how large the pieces are. Whatever comes, the session ends when the client
 // has gone, its output stays within its limit, and no memory is left behind.
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
 
+#include "fuzz/fuzz.h"
 #include "suite/base/memory.h"
 #include "suite/host/state.h"
 #include "suite/log/log.h"
@@ -22,15 +21,11 @@ struct world {
     unsigned rounds;
 } w;
 
-nanoseconds now(void*) {
-    return w.now;
-}
-
 // Each wait is a chance for the client: it sends a piece, or reads, or is gone.
 int wait(void*, int, thread_ready* out, int) {
     char scratch[4096];
     w.now += NS_PER_MS;
-    if (++w.rounds > 200'000) std::abort();
+    must(++w.rounds <= 200'000, "the session ends");
     while (recv(w.client, scratch, sizeof scratch, MSG_DONTWAIT) > 0) {
     }
     std::size_t count = w.left < w.piece ? w.left : w.piece;
@@ -53,14 +48,18 @@ const cli_element print_many_cmd = {"show lines <1-50000>", print_many};
 lib_globals* ctx;
 
 void make_context() {
-    static const thread_edges edges = {now, wait, nullptr};
+    static const thread_edges edges = {[](void*) { return w.now; }, wait, nullptr};
     ctx = lib_create("fuzz");
-    if (!ctx || lib_start(ctx) != 0) std::abort();
+    must(ctx && lib_start(ctx) == 0, "the library starts");
     log_use_sink(LOG_SINK_STDERR, false);
     ctx->master = thread_master_create(&edges);
-    if (!ctx->master || host_vty_init(ctx) != 0) std::abort();
+    must(ctx->master && host_vty_init(ctx) == 0, "the host starts");
     (void)cli_install(ctx->ctree, EXEC_MODE, &print_many_cmd);
     (void)if_add(&ctx->ifm, "eth1", 1, IF_TYPE_SYNCE);
+}
+
+std::uint64_t blocks() {
+    return memmgr_type_stats(MTYPE_TEXT).blocks + memmgr_type_stats(MTYPE_CLI_SESSION).blocks;
 }
 
 // Lines that reach beyond the process are not for a fuzzer.
@@ -79,18 +78,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) != 0) return 0;
     std::size_t piece = data[0] < 128 ? data[0] + 1u : 4096;
     w = {w.now, ends[0], ends[1], data + 1, size - 1, piece, 0};
-    std::uint64_t before = memmgr_type_stats(MTYPE_TEXT).blocks + memmgr_type_stats(MTYPE_CLI_SESSION).blocks;
+    const std::uint64_t before = blocks();
     session* s = session_create(ctx, ends[0], session_kind::local);
     if (s) session_settle(s);
     thread event;
     while (ctx->host->session_count && thread_fetch(ctx, &event)) {
         thread_call(&event);
         const session* open = ctx->host->sessions;
-        if (open && open->out.length > SESSION_OUTPUT_MAX) std::abort();
+        must(!open || open->out.length <= SESSION_OUTPUT_MAX, "output stays within its limit");
     }
-    if (ctx->host->session_count) std::abort();
-    if (memmgr_type_stats(MTYPE_TEXT).blocks + memmgr_type_stats(MTYPE_CLI_SESSION).blocks != before)
-        std::abort();
+    must(ctx->host->session_count == 0 && blocks() == before, "nothing is left of the session");
     close(ends[1]);
     return 0;
 }
