@@ -69,7 +69,7 @@ void try_line(cli* session, std::string_view line) {
     static completion_list list;
     completion_help(world.tree, session, line, &list);
     completion_words(world.tree, session, line, &list);
-    must(!list.count || completion_common(list).size() >= list.partial.size(), "completion only adds");
+    must(completion_common(list).size() >= (list.count ? list.partial.size() : 0), "completion only adds");
     cli_parsed parsed;
     cli_parse(world.tree, session, line, &parsed);
     bool plain = line.find('|') == std::string_view::npos;

@@ -1,6 +1,7 @@
 // Which links are ports, which index they get, and what is told of their changes.
 #include <fstream>
 
+#include "nsmd/links/port_index.h"
 #include "nsmd_support.h"
 
 namespace {
@@ -189,6 +190,13 @@ TEST(port_table, identities) {
         l.ports.with_bridges = true;
         l.play(story);
     }
+}
+
+TEST(port_table, saving_indexes_says_whether_it_was_done) {
+    links l;
+    const port_index_pool pool{};
+    EXPECT_EQ(port_index_save(&pool, l.path.c_str()), 0);
+    EXPECT_EQ(port_index_save(&pool, "/nowhere/indexes"), -ENOENT);
 }
 
 }  // namespace
