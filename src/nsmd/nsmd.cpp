@@ -6,8 +6,8 @@
 #include <cinttypes>
 #include <cstring>
 
-#include "nsmd/clock/control.h"
 #include "nsmd/clock/copper.h"
+#include "nsmd/control.h"
 #include "nsmd/server/requests.h"
 #include "nsmd/server/server.h"
 #include "suite/base/memory.h"

@@ -1,6 +1,6 @@
-// The rules of clock/control.h as two timers over one backend. Called by nsmd's core on the event loop.
+// The rules of control.h as two timers over one backend. Called by nsmd's core on the event loop.
 // Without memory for a timer requests take effect at once, and the grace time has no end.
-#include "nsmd/clock/control.h"
+#include "nsmd/control.h"
 
 #include "suite/log/log.h"
 #include "suite/loop/thread.h"
