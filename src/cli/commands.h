@@ -1,6 +1,8 @@
 // The daemon's command line: command objects, configuration writers, installation.
 #pragma once
 
+#include <span>
+
 #include "suite/command/cli.h"
 
 // Switch-wide configuration.
@@ -54,6 +56,16 @@ extern const cli_element ssm_debug_enable_cmd;
 extern const cli_element no_ssm_debug_enable_cmd;
 extern const cli_element show_ssm_debugging_cmd;
 
+// Help texts for `?` and TAB, of the commands in the file of that name. An entry holds for its token wherever
+// it follows the words before it; the entry with the most words counts.
+extern const std::span<const cli_help> ssm_global_help;
+extern const std::span<const cli_help> ssm_interface_help;
+extern const std::span<const cli_help> ssm_restore_help;
+extern const std::span<const cli_help> ssm_show_help;
+extern const std::span<const cli_help> ssm_everyday_help;
+extern const std::span<const cli_help> ssm_json_help;
+extern const std::span<const cli_help> ssm_debug_help;
+
 // Configuration writers.
 int ssm_config_write(cli* session);
 int ssm_interface_config_write(cli* session);
@@ -62,4 +74,3 @@ int ssm_interface_config_write(cli* session);
 // or negative when something could not be installed.
 int ssm_cli_restore_init(cli_tree* tree);
 int ssm_cli_everyday_init(cli_tree* tree);
-int ssm_cli_help_init(cli_tree* tree);

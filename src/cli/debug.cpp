@@ -54,8 +54,21 @@ int show_debugging_handler(cli* session, int, char**) {
     return CLI_SUCCESS;
 }
 
+constexpr cli_help help_texts[] = {
+    {"", "debug", "Switch debug messages on"},
+    {"show debugging", "ssm", "Status message daemon"},
+    {"no", "debug", "Switch debug messages off"},
+    {"debug", "ssm", "Status message daemon"},
+    {"debug ssm", "event", "Events, requests, selection"},
+    {"debug ssm", "cli", "Commands that are entered"},
+    {"debug ssm", "timer", "Timers that expire"},
+    {"debug ssm", "packet", "Frames sent and received"},
+    {"debug ssm", "all", "All of them"},
+};
+
 }  // namespace
 
 const cli_element ssm_debug_enable_cmd = {"debug ssm (event|cli|timer|packet|all)", debug_handler};
 const cli_element no_ssm_debug_enable_cmd = {"no debug ssm (event|cli|timer|packet|all)", no_debug_handler};
 const cli_element show_ssm_debugging_cmd = {"show debugging ssm", show_debugging_handler};
+const std::span<const cli_help> ssm_debug_help = help_texts;

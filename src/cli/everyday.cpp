@@ -99,10 +99,16 @@ int show_selection_handler(cli* session, int, char**) {
     return CLI_SUCCESS;
 }
 
+constexpr cli_help help_texts[] = {
+    {"show clock synce", "brief", "One line a port, and why it is not the source"},
+    {"show clock synce", "selection", "Candidates in their order, and why the others are none"},
+};
+
 }  // namespace
 
 const cli_element ssm_show_brief_cmd = {"show clock synce brief", show_brief_handler};
 const cli_element ssm_show_selection_cmd = {"show clock synce selection", show_selection_handler};
+const std::span<const cli_help> ssm_everyday_help = help_texts;
 
 int ssm_cli_everyday_init(cli_tree* tree) {
     int rv = 0;

@@ -87,6 +87,31 @@ int local_priority_handler(cli* session, int, char** argv) {
     return ssm_cli_finish(session, ssm_opts_set_local_priority(priority));
 }
 
+constexpr cli_help help_texts[] = {
+    {"", "no", "Undo a setting"},
+    {"", "clock", "Clock synchronisation of the switch"},
+    {"no", "clock", "Clock synchronisation of the switch"},
+    {"clock", "synce", "Synchronous Ethernet"},
+    {"clock synce", "global-enable", "Synchronous Ethernet of the whole switch"},
+    {"clock synce", "ssm", "Synchronisation status messages"},
+    {"clock synce ssm", "enable", "Send, receive and act on status messages"},
+    {"clock synce ssm enable", "gephy", "Let the selection set the master or slave role of copper ports"},
+    {"clock synce ssm", "extend", "Carry clock identity and hop count in the messages"},
+    {"clock synce", "local-quality", "Quality level of the switch's own clock, and the network option"},
+    {"clock synce local-quality", "option1", "Levels of G.781 option 1 (SDH) networks"},
+    {"clock synce local-quality option1", "prc", "Primary reference clock"},
+    {"clock synce local-quality option1", "eec1", "Ethernet equipment clock, option 1"},
+    {"clock synce local-quality option1", "dnu", "Do not use"},
+    {"clock synce local-quality", "option2", "Levels of G.781 option 2 (SONET) networks"},
+    {"clock synce local-quality option2", "prs", "Primary reference source"},
+    {"clock synce local-quality option2", "eec2", "Ethernet equipment clock, option 2"},
+    {"clock synce local-quality option2", "dus", "Do not use for synchronisation"},
+    {"clock synce", "local-priority", "Priority of the switch's own clock"},
+    {"clock synce local-priority", "<1-255>", "Smaller is better; 255: not configured"},
+    {"clock synce", "master-only", "Never recover the clock from a port"},
+    {"clock synce", "slave-only", "Always recover the clock from a port, whatever the own quality"},
+};
+
 }  // namespace
 
 const cli_element sync_global_enable_cmd = {
@@ -129,3 +154,4 @@ const cli_element ssm_set_ssm_extend_cmd = {
     "clock synce ssm extend", ssm_cli_global<"%s%sclock synce ssm extend", ssm_opts_set_ssm_extend, 1>};
 const cli_element no_ssm_set_ssm_extend_cmd = {
     "no clock synce ssm extend", ssm_cli_global<"%s%sno clock synce ssm extend", ssm_opts_set_ssm_extend, 0>};
+const std::span<const cli_help> ssm_global_help = help_texts;

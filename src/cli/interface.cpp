@@ -120,6 +120,41 @@ int no_gephy_handler(cli* session, int, char**) {
     return ssm_opts_set_gephy_role(ssm_cli_interface(session), 0, 0) < 0 ? CLI_ERROR : CLI_SUCCESS;
 }
 
+constexpr cli_help help_texts[] = {
+    {"", "interface", "Configure one port"},
+    {"interface", "IFNAME", "Name of a port"},
+    {"clock synce", "enable", "Synchronous Ethernet on this port"},
+    {"clock synce ssm enable", "rx", "Receive only"},
+    {"clock synce ssm enable", "tx", "Send only"},
+    {"clock synce ssm enable", "all", "Both directions"},
+    {"clock synce", "priority", "Priority of this port as clock source"},
+    {"clock synce priority", "<1-255>", "Smaller is better; 255: not configured"},
+    {"clock synce", "dnu-group", "Ports that all send do-not-use while one of them is the source"},
+    {"clock synce dnu-group", "<1-255>", "Number of the group"},
+    {"clock synce", "extend", "Extended messages"},
+    {"clock synce extend", "replace-clockid", "Replace the clock identity that this port receives"},
+    {"clock synce", "quality-eth", "Take a fixed quality level for this port"},
+    {"clock synce quality-eth", "rx", "In place of what is received"},
+    {"clock synce quality-eth", "tx", "In place of what would be sent"},
+    {"", "prc", "Primary reference clock (option 1)"},
+    {"", "ssu-a", "Synchronisation supply unit A (option 1)"},
+    {"", "ssu-b", "Synchronisation supply unit B (option 1)"},
+    {"", "eec1", "Ethernet equipment clock (option 1)"},
+    {"", "dnu", "Do not use (option 1)"},
+    {"", "prs", "Primary reference source (option 2)"},
+    {"", "stu", "Synchronised, traceability unknown (option 2)"},
+    {"", "st2", "Stratum 2 clock (option 2)"},
+    {"", "tnc", "Transit node clock (option 2)"},
+    {"", "smc", "SONET minimum clock (option 2)"},
+    {"", "st3e", "Stratum 3E clock (option 2)"},
+    {"", "prov", "Level provisioned by the operator (option 2)"},
+    {"", "eec2", "Ethernet equipment clock (option 2)"},
+    {"", "dus", "Do not use for synchronisation (option 2)"},
+    {"clock synce", "gephy", "Role of this copper port on its link"},
+    {"clock synce gephy", "master", "The port gives the link's clock"},
+    {"clock synce gephy", "slave", "The port recovers the link's clock"},
+};
+
 }  // namespace
 
 const cli_element interface_ssm_cmd = {"interface IFNAME", interface_handler};
@@ -154,3 +189,4 @@ const cli_element no_synce_if_ql_value_cmd = {"no clock synce quality-eth (rx | 
 
 const cli_element sync_ssm_set_master_slave_cmd = {"clock synce gephy (master|slave)", gephy_handler};
 const cli_element no_sync_ssm_set_master_slave_cmd = {"no clock synce gephy", no_gephy_handler};
+const std::span<const cli_help> ssm_interface_help = help_texts;

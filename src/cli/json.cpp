@@ -146,6 +146,11 @@ int show_json_handler(cli* session, int, char**) {
     return CLI_SUCCESS;
 }
 
+constexpr cli_help help_texts[] = {
+    {"show clock synce", "json", "The clock and its ports as one JSON object, for scripts"},
+};
+
 }  // namespace
 
 const cli_element ssm_show_json_cmd = {"show clock synce json", show_json_handler};
+const std::span<const cli_help> ssm_json_help = help_texts;

@@ -36,6 +36,15 @@ int recovery_select_handler(cli* session, int, char** argv) {
     return ssm_cli_finish(session, ssm_opts_set_recovery_select(input));
 }
 
+constexpr cli_help help_texts[] = {
+    {"clock synce", "switch-force", "Recover the clock from this port whatever the selection says"},
+    {"clock synce switch-force", "IFNAME", "Port to recover the clock from"},
+    {"clock", "recovery-select", "Input from which the clock is recovered"},
+    {"clock recovery-select", "bits", "An external input"},
+    {"clock recovery-select bits", "bits1", "First external input"},
+    {"clock recovery-select bits", "bits2", "Second external input"},
+};
+
 }  // namespace
 
 const cli_element ssm_switch_force_cmd = {"clock synce switch-force IFNAME", switch_force_handler};
@@ -45,6 +54,7 @@ const cli_element ssm_recovery_select_cmd = {"clock recovery-select bits (bits1|
 const cli_element no_ssm_recovery_select_cmd = {
     "no clock recovery-select",
     ssm_cli_global<"%s%sno clock recovery-select", ssm_opts_set_recovery_select, SSM_RECOVER_SYNCE>};
+const std::span<const cli_help> ssm_restore_help = help_texts;
 
 int ssm_cli_restore_init(cli_tree* tree) {
     // A port that the file names may be bound only later: its line waits for it.

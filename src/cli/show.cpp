@@ -120,9 +120,19 @@ int show_bits_handler(cli* session, int, char**) {
     return CLI_SUCCESS;
 }
 
+constexpr cli_help help_texts[] = {
+    {"", "show", "Show state and configuration"},
+    {"show", "clock", "Clock synchronisation"},
+    {"show clock", "synce", "Synchronous Ethernet: the switch, or one port"},
+    {"show clock synce", "IFPHYSICAL", "Port to show"},
+    {"show clock", "recovery-select", "Input from which the clock is recovered"},
+    {"show clock", "bits", "State of the selected clock"},
+};
+
 }  // namespace
 
 const cli_element ssm_show_global_cmd = {"show clock synce (IFPHYSICAL |)", show_clock_handler};
 const cli_element ssm_show_clock_recovery_select_cmd = {"show clock recovery-select",
                                                         show_recovery_select_handler};
 const cli_element ssm_show_clock_bits_cmd = {"show clock bits", show_bits_handler};
+const std::span<const cli_help> ssm_show_help = help_texts;

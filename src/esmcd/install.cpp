@@ -55,6 +55,13 @@ void install_basics(cli_tree* tree) {
     (void)cli_install_default(tree, INTERFACE_MODE);
 }
 
+void install_help(cli_tree* tree) {
+    for (const std::span<const cli_help> texts :
+         {ssm_global_help, ssm_interface_help, ssm_restore_help, ssm_show_help, ssm_everyday_help,
+          ssm_json_help, ssm_debug_help})
+        (void)cli_install_help(tree, texts.data(), texts.size());
+}
+
 }  // namespace
 
 int ssm_cli_init(cli_tree* tree) {
@@ -80,6 +87,6 @@ int ssm_install_commands(cli_tree* tree) {
         (void)ssm_cli_restore_init(tree);
         (void)ssm_cli_everyday_init(tree);
     }
-    (void)ssm_cli_help_init(tree);
+    install_help(tree);
     return result;
 }

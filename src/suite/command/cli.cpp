@@ -80,7 +80,10 @@ int cli_install_config(cli_tree* tree, std::int32_t mode, cli_writer writer) {
 }
 
 int cli_install_help(cli_tree* tree, const cli_help* texts, std::size_t count) {
-    if (!tree || tree->help_count == CLI_MAX_HELP_TABLES) return -1;
+    if (!tree) return -1;
+    for (std::size_t i = 0; i < tree->help_count; ++i)
+        if (tree->help[i].texts == texts) return 0;
+    if (tree->help_count == CLI_MAX_HELP_TABLES) return -1;
     tree->help[tree->help_count++] = {texts, count};
     return 0;
 }

@@ -81,7 +81,7 @@ int cli_install_default(cli_tree* tree, std::int32_t mode);
 
 // Help texts, kept beside the command tables: for the token `token` ("clock", "<1-255>", "IFNAME") where it
 // follows the words `before` ("clock synce"); the entry with the longest `before` that is the tail of what
-// was typed counts.
+// was typed counts. Installing a table a second time does nothing.
 struct cli_help {
     const char* before;
     const char* token;

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 
 #include "suite/host/show.h"
 #include "suite/host/state.h"
@@ -98,6 +99,33 @@ const cli_element config_commands[] = {
     {"no log level", no_log_level},
 };
 
+const cli_help help_texts[] = {
+    {"", "configure", "Enter the configuration mode"},
+    {"configure", "terminal", "Configure from this terminal"},
+    {"", "copy", "Copy a configuration"},
+    {"", "write", "Save the running configuration"},
+    {"", "running-config", "The configuration that is in force"},
+    {"", "startup-config", "The configuration that the next start reads"},
+    {"", "no", "Undo a setting"},
+    {"", "hostname", "Name of this switch in the prompt"},
+    {"hostname", "WORD", "Name, at most 63 octets"},
+    {"", "interface", "Configure one port"},
+    {"no", "interface", "Forget lines that wait for a port"},
+    {"interface", "IFNAME", "Name of a port"},
+    {"", "IFNAME", "Name of a port"},
+    {"", "IFPHYSICAL", "Name of a port"},
+    {"", "log", "Where log messages go"},
+    {"log", "file", "Into a file"},
+    {"log file", "PATH", "The file, made if it is not there"},
+    {"log", "level", "How important a message must be"},
+    {"log level", "error", "Errors only"},
+    {"log level", "warning", "Warnings and errors"},
+    {"log level", "info", "What happens, warnings and errors"},
+    {"log level", "debug", "Everything"},
+    {"log", "stderr", "To standard error"},
+    {"log", "syslog", "To the system's log"},
+};
+
 int write_own_lines(cli* session) {
     const host_state* host = host_of(session);
     if (host->name[0]) session->out_func(session->out_val, "hostname %s\n", host->name);
@@ -116,5 +144,6 @@ int host_commands_install(host_state* host) {
         result |= cli_install_gen(tree, CONFIG_MODE, PRIVILEGE_MAX, 0, &element);
     result |= cli_install_config(tree, CLI_WRITERS_FIRST, write_own_lines);
     result |= cli_install_config(tree, CLI_WRITERS_LAST, pending_write);
-    return result | host_terminal_install(tree) | host_show_install(tree) | host_help_install(tree);
+    return result | host_terminal_install(tree) | host_show_install(tree) |
+           cli_install_help(tree, help_texts, std::size(help_texts));
 }

@@ -1,6 +1,8 @@
 // "show debugging", "debug all" and "no debug all" of the platform: handed to every registered callback.
 #include "suite/host/debug_commands.h"
 
+#include <iterator>
+
 namespace {
 
 struct {
@@ -32,6 +34,12 @@ const cli_element show_debugging_cmd = {"show debugging", show_debugging};
 const cli_element debug_all_cmd = {"debug all", debug_all};
 const cli_element no_debug_all_cmd = {"no debug all", no_debug_all};
 
+const cli_help help_texts[] = {
+    {"", "debug", "Switch debug messages on"},
+    {"debug", "all", "Of every part"},
+    {"show", "debugging", "Debug messages that are on"},
+};
+
 }  // namespace
 
 int debug_callback_register(debug_callback callback, void* arg) {
@@ -44,5 +52,6 @@ int debug_callback_register(debug_callback callback, void* arg) {
 
 int cli_debug_install(cli_tree* tree) {
     return cli_install(tree, EXEC_MODE, &show_debugging_cmd) | cli_install(tree, DEBUG_MODE, &debug_all_cmd) |
-           cli_install(tree, DEBUG_MODE, &no_debug_all_cmd);
+           cli_install(tree, DEBUG_MODE, &no_debug_all_cmd) |
+           cli_install_help(tree, help_texts, std::size(help_texts));
 }

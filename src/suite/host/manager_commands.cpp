@@ -1,5 +1,6 @@
 // `show nsm`: the state of the link, its counters, and the requests that would be stated after the next dump.
 #include <cinttypes>
+#include <iterator>
 
 #include "suite/command/cli.h"
 #include "suite/manager/record.h"
@@ -63,6 +64,10 @@ int show_nsm(cli* session, int, char**) {
 
 const cli_element SHOW_NSM = {"show nsm", show_nsm};
 
+const cli_help help_texts[] = {
+    {"show", "nsm", "The link to the network services manager, and what it was asked for"},
+};
+
 }  // namespace
 
 void nsm_client_cli_set(const nsm_client* nc) {
@@ -70,5 +75,6 @@ void nsm_client_cli_set(const nsm_client* nc) {
 }
 
 int nsm_client_cli_init(lib_globals* ctx) {
-    return cli_install(ctx->ctree, EXEC_MODE, &SHOW_NSM);
+    return cli_install(ctx->ctree, EXEC_MODE, &SHOW_NSM) |
+           cli_install_help(ctx->ctree, help_texts, std::size(help_texts));
 }

@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 
 #include "suite/base/memory.h"
 #include "suite/host/state.h"
@@ -145,12 +146,22 @@ const cli_element show_commands[] = {
 };
 const cli_element show_memory_cmd = {"show memory", show_memory};
 
+const cli_help help_texts[] = {
+    {"running-config", "diff", "What a save would change"},
+    {"show", "log", "The last log messages"},
+    {"", "show", "Show state and configuration"},
+    {"show", "events", "The event loop: runs, longest run, what is pending"},
+    {"show", "interfaces", "Ports, their state and frames"},
+    {"show", "memory", "Memory by purpose"},
+    {"show", "version", "Version of the program"},
+};
+
 }  // namespace
 
 int host_show_install(cli_tree* tree) {
     int result = 0;
     for (const cli_element& element : show_commands) result |= cli_install(tree, EXEC_MODE, &element);
-    return result;
+    return result | cli_install_help(tree, help_texts, std::size(help_texts));
 }
 
 int memmgr_cli_init(lib_globals* ctx) {

@@ -92,8 +92,8 @@ const cli_element SHOW_SLOW_PROTOCOLS = {"show slow-protocols", show_slow_protoc
 const cli_element RATE_LIMIT = {"slow-protocols rate-limit (<10-1000>|off)", set_rate_limit};
 const cli_element NO_RATE_LIMIT = {"no slow-protocols rate-limit", no_rate_limit};
 
-const cli_help HELP[] = {
-    {"show", "slow-protocols", "Packet socket of the slow protocols, with counters"},
+const cli_help help_texts[] = {
+    {"show", "slow-protocols", "The packet socket and its counters"},
     {"", "slow-protocols", "Packet socket of the slow protocols"},
     {"no", "slow-protocols", "Packet socket of the slow protocols"},
     {"slow-protocols", "rate-limit", "Frames a second that a port may bring in for long (default 10)"},
@@ -108,5 +108,5 @@ int slow_socket_cli_init(lib_globals* ctx) {
     result |= cli_install_gen(ctx->ctree, CONFIG_MODE, PRIVILEGE_MAX, 0, &RATE_LIMIT);
     result |= cli_install_gen(ctx->ctree, CONFIG_MODE, PRIVILEGE_MAX, 0, &NO_RATE_LIMIT);
     result |= cli_install_config(ctx->ctree, CLI_WRITERS_FIRST, write_config);
-    return result | cli_install_help(ctx->ctree, HELP, std::size(HELP));
+    return result | cli_install_help(ctx->ctree, help_texts, std::size(help_texts));
 }

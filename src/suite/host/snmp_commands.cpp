@@ -132,7 +132,7 @@ const cli_element CONFIG[] = {
     {"no snmp notifications", no_notifications},
 };
 
-const cli_help HELP[] = {
+const cli_help help_texts[] = {
     {"", "snmp", "SNMP sub-agent"},
     {"show", "snmp", "State of the SNMP sub-agent"},
     {"snmp", "agentx", "Where the AgentX master is"},
@@ -153,5 +153,5 @@ int agentx_cli_init(lib_globals* ctx) {
     for (const cli_element& element : CONFIG)
         result |= cli_install_gen(ctx->ctree, CONFIG_MODE, PRIVILEGE_MAX, 0, &element);
     result |= cli_install_config(ctx->ctree, CLI_WRITERS_FIRST, write_config);
-    return result | cli_install_help(ctx->ctree, HELP, std::size(HELP));
+    return result | cli_install_help(ctx->ctree, help_texts, std::size(help_texts));
 }

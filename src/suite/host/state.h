@@ -97,7 +97,6 @@ int host_commands_install(host_state* host);
 // password, exec-timeout, terminal ... and their configuration lines.
 int host_terminal_install(cli_tree* tree);
 void host_terminal_write(const host_state* host, cli* session);
-int host_help_install(cli_tree* tree);
 
 // What a save would change: lines that would go begin with "-", new ones with "+", the interface line of a
 // changed block stands above it. False when memory is exhausted.

@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include "suite/host/state.h"
 #include "suite/log/log.h"
@@ -87,6 +88,19 @@ const cli_element terminal_commands[] = {
     {"no terminal monitor", no_terminal_monitor},
 };
 
+const cli_help help_texts[] = {
+    {"", "exec-timeout", "Minutes after which an idle terminal is closed (default 10)"},
+    {"exec-timeout", "<0-35791>", "Minutes; 0: never"},
+    {"", "password", "Password of the TCP terminal"},
+    {"password", "WORD", "The password; its hash is kept"},
+    {"password", "encrypted", "Give the hash itself"},
+    {"password encrypted", "WORD", "Hash, as the running configuration shows it"},
+    {"", "terminal", "Settings of this terminal"},
+    {"terminal", "length", "Lines of a page (default: the window)"},
+    {"terminal length", "<0-512>", "Lines; 0: no pages"},
+    {"terminal", "monitor", "Show log messages here"},
+};
+
 }  // namespace
 
 void host_terminal_write(const host_state* host, cli* session) {
@@ -101,5 +115,5 @@ int host_terminal_install(cli_tree* tree) {
         result |= cli_install_gen(tree, CONFIG_MODE, PRIVILEGE_MAX, 0, &element);
     for (const cli_element& element : terminal_commands)
         result |= cli_install_gen(tree, EXEC_MODE, PRIVILEGE_NORMAL, CLI_FLAG_INTERACTIVE, &element);
-    return result;
+    return result | cli_install_help(tree, help_texts, std::size(help_texts));
 }

@@ -1,5 +1,6 @@
 // The commands that every mode has: exit, end, do, help. The exec mode has no end and no do.
 #include <cstdio>
+#include <iterator>
 
 #include "suite/command/tree.h"
 #include "suite/terminal/session.h"
@@ -50,6 +51,14 @@ const cli_element end_cmd = {"end", do_end};
 const cli_element do_cmd = {"do LINE", do_do};
 const cli_element help_cmd = {"help", do_help};
 
+const cli_help help_texts[] = {
+    {"", "do", "Run a command of the exec mode"},
+    {"do", "LINE", "The command"},
+    {"", "end", "Go back to the exec mode"},
+    {"", "exit", "Leave this mode; from the exec mode, the session"},
+    {"", "help", "How to get help"},
+};
+
 }  // namespace
 
 int cli_install_default(cli_tree* tree, std::int32_t mode) {
@@ -58,5 +67,5 @@ int cli_install_default(cli_tree* tree, std::int32_t mode) {
     tree->has_default[mode] = true;
     int result = cli_install(tree, mode, &exit_cmd) | cli_install(tree, mode, &help_cmd);
     if (mode != EXEC_MODE) result |= cli_install(tree, mode, &end_cmd) | cli_install(tree, mode, &do_cmd);
-    return result;
+    return result | cli_install_help(tree, help_texts, std::size(help_texts));
 }
