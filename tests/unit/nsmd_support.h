@@ -373,35 +373,32 @@ struct nsm_test_client {
     }
 
   private:
-    // Fields are named by their kind and place: numbers of 32 and 16 bits, octets, texts; "s" is the size.
+    // Fields by their size and place; of size 0 are texts.
     static std::string describe(unsigned type, const_octets body) {
-        static const struct {
-            unsigned type;
+        struct form {
             const char *word, *fields;
-        } known[] = {{NSM_MSG_HELLO_ACK, "ack", "n0"},
-                     {NSM_MSG_SYNC_DONE, "sync", "s0"},
-                     {NSM_MSG_LINK_UP, "up", "n0"},
-                     {NSM_MSG_LINK_DOWN, "down", "n0"},
-                     {NSM_MSG_LINK_DELETE, "delete", "n0 n4"},
-                     {NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, "clock", "n0 n4"},
-                     {NSMD_MSG_STATUS_TEXT, "text", "t0"},
-                     {NSM_MSG_BRIDGE_ADD, "bridge", "s32 t0 o29"},
-                     {NSM_MSG_LINK_ADD, "add", "s36 n0 n4 h8 t20 h10"}};
-        const auto at =
-            std::find_if(std::begin(known), std::end(known), [&](auto& k) { return k.type == type; });
-        if (at == std::end(known)) return "unknown " + std::to_string(type);
-        std::string out = at->word;
-        std::istringstream fields(at->fields);
-        std::size_t place;
-        for (char kind; fields >> kind >> place;)
-            if (kind == 's')
-                EXPECT_EQ(body.size(), place);
-            else if (kind == 't')
-                out += " " + std::string(nl_text(body.subspan(place)));
-            else
-                out += " " + std::to_string(kind == 'n'   ? get_be32(body, place)
-                                            : kind == 'h' ? get_be16(body, place)
-                                                          : body[place]);
+            std::size_t size;
+        };
+        static const std::map<unsigned, form> forms = {
+            {NSM_MSG_HELLO_ACK, {"ack", "4 0", 4}},
+            {NSM_MSG_SYNC_DONE, {"sync", "", 0}},
+            {NSM_MSG_LINK_UP, {"up", "4 0", 4}},
+            {NSM_MSG_LINK_DOWN, {"down", "4 0", 4}},
+            {NSM_MSG_LINK_DELETE, {"delete", "4 0 4 4", 8}},
+            {NSM_MSG_BRIDGE_ADD, {"bridge", "0 0 1 29", 32}},
+            {NSM_MSG_LINK_ADD, {"add", "4 0 4 4 2 8 0 20 2 10", 36}},
+            {NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, {"clock", "4 0 4 4", 8}}};
+        if (type == NSMD_MSG_STATUS_TEXT) return "text " + std::string(nl_text(body));
+        if (!forms.count(type)) return "unknown " + std::to_string(type);
+        const form& f = forms.at(type);
+        EXPECT_EQ(body.size(), f.size) << f.word;
+        std::string out = f.word;
+        std::istringstream fields(f.fields);
+        for (std::size_t size, place; fields >> size >> place;) {
+            std::uint32_t number = 0;
+            for (const std::uint8_t octet : body.subspan(place, size)) number = number << 8 | octet;
+            out += " " + (size ? std::to_string(number) : std::string(nl_text(body.subspan(place))));
+        }
         return out;
     }
 };
@@ -444,7 +441,6 @@ struct nsmd_session {
         request("role", NSM_MSG_SSM_SET_GEPHY_ROLE, 3);
         request("bye", NSM_MSG_BYE, 0);
         verbs["hang-up"] = [this](const auto&) { c.hang_up(); };
-        verbs["pass"] = [this](const auto& words) { loop.run(words[0]); };
         // Of what a session begins with, the clock is told.
         verbs["connect"] = [this](const auto&) {
             const std::string all = connect(&c);
