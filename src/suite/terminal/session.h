@@ -11,7 +11,7 @@
 #include "suite/base/text.h"
 #include "suite/command/cli.h"
 #include "suite/loop/thread.h"
-#include "suite/terminal/line_editor.h"
+#include "suite/editor/line_editor.h"
 #include "suite/terminal/telnet.h"
 #include "suite/terminal/wire.h"
 

@@ -1,6 +1,6 @@
 // Decoding of UTF-8, strict: overlong forms, surrogates and what is above U+10FFFF are single octets of no
 // meaning. The table of widths holds the blocks that occur in names, not every character of Unicode.
-#include "suite/base/utf8.h"
+#include "suite/editor/utf8.h"
 #include "suite/base/slice.h"
 
 namespace {

@@ -1,13 +1,13 @@
 // See line_editor.h. Keys are dispatched by table; what changes the line ends in show(), which writes the row
 // anew unless one character at the end is all that changed. Nothing here depends on timing: an escape
 // sequence may come in any number of pieces.
-#include "suite/terminal/line_editor.h"
+#include "suite/editor/line_editor.h"
 
 #include <cstring>
 
 #include "suite/base/memory.h"
 #include "suite/base/slice.h"
-#include "suite/base/utf8.h"
+#include "suite/editor/utf8.h"
 
 namespace {
 
