@@ -134,9 +134,9 @@ struct bench_daemon {
         slow_socket_set_rate_limit(1'000'000'000);  // at work, but never the limit
         // Not started: requests are kept, which costs what sending costs without the kernel's part.
         ssm_instance->nsm_client = nsm_client_create(g_p_esmcd, 0);
-        (void)if_add_hook(&g_p_esmcd->ifm, IF_CALLBACK_VR_BIND, ssm_port_create);
-        (void)if_add_hook(&g_p_esmcd->ifm, IF_CALLBACK_VR_UNBIND, ssm_port_delete);
-        (void)if_add_hook(&g_p_esmcd->ifm, IF_CALLBACK_UP, _ssm_nsm_recv_interface_up);
+        (void)if_add_hook(g_p_esmcd->ifm, IF_CALLBACK_VR_BIND, ssm_port_create);
+        (void)if_add_hook(g_p_esmcd->ifm, IF_CALLBACK_VR_UNBIND, ssm_port_delete);
+        (void)if_add_hook(g_p_esmcd->ifm, IF_CALLBACK_UP, _ssm_nsm_recv_interface_up);
         g_s_master->global_enable = 1;
         g_s_master->ssm_enable = 1;
         g_s_master->ssm_extend = extend;
@@ -145,24 +145,24 @@ struct bench_daemon {
 
     void add_port(unsigned index) {
         const std::string name = "s" + std::to_string(index);
-        interface* intf = if_add(&g_p_esmcd->ifm, name.c_str(), index, IF_TYPE_SYNCE);
+        interface* intf = if_add(g_p_esmcd->ifm, name.c_str(), index, IF_TYPE_SYNCE);
         if (!intf) bench_die("if_add");
         intf->kernel_ifindex = if_nametoindex(name.c_str());
         intf->mac[0] = 2;
         intf->mac[5] = static_cast<std::uint8_t>(index);
         slow_socket_port_bound(intf);
-        if_bind(&g_p_esmcd->ifm, intf);
-        if_up(&g_p_esmcd->ifm, intf);
+        if_bind(g_p_esmcd->ifm, intf);
+        if_up(g_p_esmcd->ifm, intf);
         (void)ssm_opts_set_port_synce(intf, 1);
         ports.push_back(intf);
     }
 
     ~bench_daemon() {
-        while (g_p_esmcd->ifm.count) {
-            interface* intf = g_p_esmcd->ifm.items[0];
-            if_unbind(&g_p_esmcd->ifm, intf);
+        while (g_p_esmcd->ifm->count) {
+            interface* intf = g_p_esmcd->ifm->items[0];
+            if_unbind(g_p_esmcd->ifm, intf);
             slow_socket_port_unbound(intf);
-            if_remove(&g_p_esmcd->ifm, intf);
+            if_remove(g_p_esmcd->ifm, intf);
         }
         nsm_client_stop(ssm_instance->nsm_client);
         close_ssm();

@@ -10,7 +10,7 @@
 
 interface* ssm_cli_interface(cli* session) {
     if (!ssm_instance || !ssm_instance->lib_ctx) return nullptr;
-    const if_master* ifm = &ssm_instance->lib_ctx->ifm;
+    const if_master* ifm = ssm_instance->lib_ctx->ifm;
     const auto known = if_list(ifm);
     auto* entered = static_cast<interface*>(session->index);
     const bool alive = std::find(known.begin(), known.end(), entered) != known.end();
@@ -22,7 +22,7 @@ interface* ssm_cli_interface(cli* session) {
 namespace {
 
 int interface_handler(cli* session, int, char** argv) {
-    session->index = ssm_instance ? ifg_get_by_name(&ssm_instance->lib_ctx->ifm, argv[0]) : nullptr;
+    session->index = ssm_instance ? ifg_get_by_name(ssm_instance->lib_ctx->ifm, argv[0]) : nullptr;
     session->mode = INTERFACE_MODE;
     std::snprintf(session->name, sizeof session->name, "%s", argv[0]);
     return CLI_SUCCESS;

@@ -86,7 +86,7 @@ int ssm_config_write(cli* session) {
 }
 
 int ssm_interface_config_write(cli* session) {
-    for (const interface* intf : if_list(&session->zg->ifm)) {
+    for (const interface* intf : if_list(session->zg->ifm)) {
         if (!ssm_if_usable(intf)) continue;
         if (const ssm_port* port = ssm_if_port(intf)) write_port(session, port);
         session->out_func(session->out_val, "!\n");

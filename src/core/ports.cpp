@@ -66,5 +66,5 @@ void ssm_opts_port_list_loop(std::int32_t (*fn)(ssm_port*)) {
 }
 
 ssm_port* ssm_port_lookup_by_ifindex(std::uint32_t key) {
-    return g_p_esmcd ? ssm_if_port(if_lookup_by_index(&g_p_esmcd->ifm, key & 0xFF)) : nullptr;
+    return g_p_esmcd ? ssm_if_port(if_lookup_by_index(g_p_esmcd->ifm, key & 0xFF)) : nullptr;
 }

@@ -17,7 +17,7 @@ inline ssm_port* ssm_if_port(const interface* intf) {
 template <typename Visit>
 inline bool ssm_port_walk_until(Visit&& visit) {
     if (!g_p_esmcd) return false;
-    for (interface* intf : if_list(&g_p_esmcd->ifm)) {
+    for (interface* intf : if_list(g_p_esmcd->ifm)) {
         ssm_port* port = ssm_if_port(intf);
         if (port && visit(port)) return true;
     }

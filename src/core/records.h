@@ -6,10 +6,10 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "suite/base/context.h"
 #include "suite/base/memory.h"
 #include "suite/loop/thread.h"
 #include "suite/ports/interface.h"
-#include "suite/start/lib.h"
 
 constexpr std::int32_t SSM_PROTO_ID = 36;
 constexpr int SSM_LOG_MODULE = 16;

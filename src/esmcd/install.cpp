@@ -6,6 +6,7 @@
 #include "cli/commands.h"
 #include "cli/handler.h"
 #include "esmcd/board.h"
+#include "suite/terminal/terminal.h"
 
 namespace {
 

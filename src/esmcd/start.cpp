@@ -29,6 +29,8 @@
 #include "suite/ports/slow_socket.h"
 #include "suite/process/pal.h"
 #include "suite/rights/user.h"
+#include "suite/start/lib.h"
+#include "suite/terminal/wire.h"
 
 namespace {
 
@@ -85,7 +87,7 @@ void start_snmp() {
     (void)agentx_register_mib(g_p_esmcd, "mibII/ssm", ssm_variables, sizeof ssm_variables[0],
                               SSM_VARIABLE_COUNT, ssm_oid, SSM_OID_LENGTH, 0, 0, 0, 0, 0);
     (void)ssm_notify_init(g_p_esmcd);  // without it there are no notifications, logged there
-    (void)snmp_start(g_p_esmcd);
+    if (snmp_start(g_p_esmcd) == 0) (void)agentx_cli_init(g_p_esmcd);
 }
 
 // Stays open while the daemon runs: one that has become another user can't remove the file at its end, but
@@ -115,9 +117,9 @@ void remove_pid_file() {
 std::int32_t become_user(const rights_user& user, const char* config_file) {
     if (!config_file) config_file = HOST_DEFAULT_CONFIG;
     host_file_give(config_file, user);
-    const int given = rights_give(HOST_LOCAL_SOCKET, user, false);
+    const int given = rights_give(TERMINAL_LOCAL_SOCKET, user, false);
     if (given < 0 && given != -ENOENT)
-        SSM_LOG(LOG_LEVEL_WARNING, "%s%sCan't give %s to user %s: %s", HOST_LOCAL_SOCKET, user.name,
+        SSM_LOG(LOG_LEVEL_WARNING, "%s%sCan't give %s to user %s: %s", TERMINAL_LOCAL_SOCKET, user.name,
                 std::strerror(-given));
     if (pal_rights_become(user) < 0) return -1;
     host_file_check(config_file, user);
@@ -130,7 +132,7 @@ std::int32_t become_user(const rights_user& user, const char* config_file) {
 // The interface list goes without calling the unbind hooks, which would still advertise and send requests:
 // the records are given back as they are. Their timers end with the event master.
 void free_port_records() {
-    for (interface* intf : if_list(&g_p_esmcd->ifm)) {
+    for (interface* intf : if_list(g_p_esmcd->ifm)) {
         memmgr_free(ssm_if_port(intf), MTYPE_SSM_PORT);
         intf->port = nullptr;
     }

@@ -5,7 +5,7 @@
 #include <cstdlib>
 
 #include "esmcsh/client.h"
-#include "suite/host/host.h"
+#include "suite/terminal/wire.h"
 
 namespace {
 
@@ -21,7 +21,7 @@ constexpr char USAGE[] =
     "Exit status: 0 every line succeeded, 1 a line failed (the rest is not run), 2 esmcd can't be reached.\n";
 
 struct settings {
-    const char* path = HOST_LOCAL_SOCKET;
+    const char* path = TERMINAL_LOCAL_SOCKET;
     char** lines = nullptr;  // -c, in their order
     int line_count = 0;
 };

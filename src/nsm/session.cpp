@@ -40,10 +40,10 @@ std::int32_t ssm_nsm_client_init() {
     nsm_client_set_service(client, NSM_NO_SERVICES);
     (void)nsm_client_set_callback(client, NSM_MSG_BRIDGE_ADD, _ssm_nsm_recv_bridge_add);
     (void)nsm_client_set_callback(client, NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, _ssm_nsm_recv_clock_state);
-    (void)if_add_hook(&ctx->ifm, IF_CALLBACK_VR_BIND, ssm_port_create);
-    (void)if_add_hook(&ctx->ifm, IF_CALLBACK_VR_UNBIND, ssm_port_delete);
-    (void)if_add_hook(&ctx->ifm, IF_CALLBACK_UP, _ssm_nsm_recv_interface_up);
-    (void)if_add_hook(&ctx->ifm, IF_CALLBACK_DOWN, _ssm_nsm_recv_interface_down);
+    (void)if_add_hook(ctx->ifm, IF_CALLBACK_VR_BIND, ssm_port_create);
+    (void)if_add_hook(ctx->ifm, IF_CALLBACK_VR_UNBIND, ssm_port_delete);
+    (void)if_add_hook(ctx->ifm, IF_CALLBACK_UP, _ssm_nsm_recv_interface_up);
+    (void)if_add_hook(ctx->ifm, IF_CALLBACK_DOWN, _ssm_nsm_recv_interface_down);
     if (nsm_client_start(client) < 0) {
         SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_ERROR, "%s%sStart NSM client fail");
         return SSM_E_INIT_FAILED;

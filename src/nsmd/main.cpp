@@ -17,6 +17,7 @@
 #include "suite/manager/wire.h"
 #include "suite/rights/rights.h"
 #include "suite/rights/user.h"
+#include "suite/start/lib.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 
 #include "nsmd/netlink/socket.h"
 #include "nsmd/options.h"
-#include "suite/start/lib.h"
+#include "suite/base/context.h"
 
 struct nsmd;
 struct nsmd_server;

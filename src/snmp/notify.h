@@ -2,7 +2,7 @@
 // second; what differs from what was told last is sent.
 #pragma once
 
-#include "suite/start/lib.h"
+#include "suite/base/context.h"
 
 // Numbers below the module's notification node.
 enum ssm_notification : unsigned {

@@ -150,11 +150,11 @@ bool index_of(const snmp_variable* variable, const snmp_oid* name, std::size_t n
 interface* ssm_mib_find_interface(std::uint32_t index, int exact) {
     if (!g_p_esmcd) return nullptr;
     if (exact) {
-        interface* found = if_lookup_by_index(&g_p_esmcd->ifm, index);
+        interface* found = if_lookup_by_index(g_p_esmcd->ifm, index);
         return ssm_if_usable(found) ? found : nullptr;
     }
     interface* best = nullptr;
-    for (interface* intf : if_list(&g_p_esmcd->ifm))
+    for (interface* intf : if_list(g_p_esmcd->ifm))
         if (ssm_if_usable(intf) && intf->ifindex > index && (!best || intf->ifindex < best->ifindex))
             best = intf;
     return best;

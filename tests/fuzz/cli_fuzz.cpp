@@ -6,6 +6,7 @@
 #include "suite/command/completion.h"
 #include "suite/command/parse.h"
 #include "suite/log/log.h"
+#include "suite/terminal/terminal.h"
 
 namespace {
 

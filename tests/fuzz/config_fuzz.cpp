@@ -4,6 +4,7 @@
 #include "suite/base/memory.h"
 #include "suite/host/state.h"
 #include "suite/log/log.h"
+#include "suite/start/lib.h"
 
 namespace {
 
@@ -35,8 +36,8 @@ text_buffer read_back(std::string_view text, bool port) {
     for (const auto& c : COMMANDS) (void)cli_install_gen(ctx->ctree, c.mode, 1, c.flags, &c.element);
     host_config_start(ctx, file.path, 0);
     if (port) {
-        interface* intf = if_add(&ctx->ifm, "eth1", 1, IF_TYPE_SYNCE);
-        if (intf) if_bind(&ctx->ifm, intf);
+        interface* intf = if_add(ctx->ifm, "eth1", 1, IF_TYPE_SYNCE);
+        if (intf) if_bind(ctx->ifm, intf);
     }
     text_buffer out;
     must(host_running_text(ctx->host, &out), "the configuration can be told");

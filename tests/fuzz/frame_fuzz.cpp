@@ -23,7 +23,7 @@ void set_up_switch(input* in) {
 void set_up_port(input* in, virtual_daemon* d, std::uint32_t index) {
     const std::uint8_t flags = in->octet(), more = in->octet();
     d->deliver(NSM_MSG_LINK_ADD, link_body(index, ~flags & 1));
-    interface* intf = if_lookup_by_index(&g_p_esmcd->ifm, index);
+    interface* intf = if_lookup_by_index(g_p_esmcd->ifm, index);
     (void)ssm_opts_set_port_synce(intf, ~flags >> 1 & 1);
     if (flags & 4) (void)ssm_opts_unset_port_esmc(intf, 1 + (flags >> 3 & 1));
     (void)ssm_opts_set_port_priority(intf, flags >> 4);

@@ -56,12 +56,12 @@ void take_record(virtual_daemon* d, input* in) {
 }
 
 void check_list() {
-    const auto list = if_list(&g_p_esmcd->ifm);
+    const auto list = if_list(g_p_esmcd->ifm);
     for (const interface* intf : list) {
         must(intf->ifindex != 0 && intf->ifindex != SSM_IFINDEX_E1, "indexes are usable");
         must(intf->name[0] && intf->name[IF_NAME_SIZE - 1] == 0, "names are usable");
-        must(if_lookup_by_index(&g_p_esmcd->ifm, intf->ifindex) == intf, "an index is one interface's");
-        must(if_lookup_by_name(&g_p_esmcd->ifm, intf->name) == intf, "a name is one interface's");
+        must(if_lookup_by_index(g_p_esmcd->ifm, intf->ifindex) == intf, "an index is one interface's");
+        must(if_lookup_by_name(g_p_esmcd->ifm, intf->name) == intf, "a name is one interface's");
         must(!intf->port || intf->bound, "a port record belongs to a bound interface");
     }
 }

@@ -33,5 +33,5 @@ constexpr operation OPERATIONS[] = {
 };
 
 inline void operate(operation what, std::uint32_t index, std::uint8_t value) {
-    (void)what(if_lookup_by_index(&g_p_esmcd->ifm, index), value);
+    (void)what(if_lookup_by_index(g_p_esmcd->ifm, index), value);
 }

@@ -9,7 +9,9 @@
 #include "suite/base/memory.h"
 #include "suite/host/state.h"
 #include "suite/log/log.h"
+#include "suite/start/lib.h"
 #include "suite/terminal/session.h"
+#include "suite/terminal/terminal.h"
 
 namespace {
 
@@ -55,7 +57,7 @@ void make_context() {
     ctx->master = thread_master_create(&edges);
     must(ctx->master && host_vty_init(ctx) == 0, "the host starts");
     (void)cli_install(ctx->ctree, EXEC_MODE, &print_many_cmd);
-    (void)if_add(&ctx->ifm, "eth1", 1, IF_TYPE_SYNCE);
+    (void)if_add(ctx->ifm, "eth1", 1, IF_TYPE_SYNCE);
 }
 
 std::uint64_t blocks() {
@@ -82,12 +84,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     session* s = session_create(ctx, ends[0], session_kind::local);
     if (s) session_settle(s);
     thread event;
-    while (ctx->host->session_count && thread_fetch(ctx, &event)) {
+    while (ctx->terminals->session_count && thread_fetch(ctx, &event)) {
         thread_call(&event);
-        const session* open = ctx->host->sessions;
+        const session* open = ctx->terminals->sessions;
         must(!open || open->out.length <= SESSION_OUTPUT_MAX, "output stays within its limit");
     }
-    must(ctx->host->session_count == 0 && blocks() == before, "nothing is left of the session");
+    must(ctx->terminals->session_count == 0 && blocks() == before, "nothing is left of the session");
     close(ends[1]);
     return 0;
 }

@@ -29,6 +29,7 @@
 #include "fuzz/fuzz.h"
 #include "suite/log/log.h"
 #include "suite/manager/client.h"
+#include "suite/start/lib.h"
 
 using message = std::vector<std::uint8_t>;
 
@@ -133,7 +134,7 @@ struct virtual_daemon {
         return ssm_instance_create(g_p_esmcd) == 0;
     }
     void clear_away() {
-        while (g_p_esmcd && g_p_esmcd->ifm.count) if_remove(&g_p_esmcd->ifm, g_p_esmcd->ifm.items[0]);
+        while (g_p_esmcd && g_p_esmcd->ifm->count) if_remove(g_p_esmcd->ifm, g_p_esmcd->ifm->items[0]);
         if (ssm_instance) nsm_client_stop(ssm_instance->nsm_client);
         if (ssm_instance) close_ssm();
         lib_stop(g_p_esmcd);

@@ -19,7 +19,7 @@ namespace {
 constexpr std::uint32_t PORTS = 70;  // more than the first blocks of events, timers, links and requests hold
 
 ssm_port* port(std::uint32_t index) {
-    return ssm_if_port(if_lookup_by_index(&g_p_esmcd->ifm, index));
+    return ssm_if_port(if_lookup_by_index(g_p_esmcd->ifm, index));
 }
 
 class faults : public ::testing::Test {
@@ -37,7 +37,7 @@ class faults : public ::testing::Test {
         w.in_event([] {
             (void)ssm_opts_set_global_enable(1);
             (void)ssm_opts_set_ssm_enable(1);
-            for (interface* intf : if_list(&g_p_esmcd->ifm))
+            for (interface* intf : if_list(g_p_esmcd->ifm))
                 if (ssm_if_port(intf)) (void)ssm_opts_set_port_synce(intf, 1);
         });
     }
@@ -218,7 +218,7 @@ class command_faults : public faults {
         printed = accepted = 0;
         cli session = {};
         session.zg = g_p_esmcd;
-        session.ifm = &g_p_esmcd->ifm;
+        session.ifm = g_p_esmcd->ifm;
         session.out_func = print;
         session.out_val = &printed;
         session.privilege = PRIVILEGE_MAX;

@@ -43,7 +43,7 @@ TEST_F(ports, unbound_ports_keep_their_place_and_start_from_defaults) {
     EXPECT_EQ(port(1), nullptr);
     EXPECT_EQ(ssm_opts_set_port_priority(intf(1), 7), SSM_CLI_E_INVALID_IF);
     EXPECT_EQ(add_port(1, true, false)->priority, SSM_PRIORITY_NONE);
-    EXPECT_EQ(g_p_esmcd->ifm.items[0], intf(1)) << "the list keeps the order of first addition";
+    EXPECT_EQ(g_p_esmcd->ifm->items[0], intf(1)) << "the list keeps the order of first addition";
     EXPECT_EQ(ssm_port_create(intf(1)), SSM_E_HAVE_EXIST);
 }
 
@@ -61,10 +61,10 @@ TEST_F(ports, link_events_that_change_nothing_change_nothing) {
     link_up(1);
     EXPECT_NE(port(1)->send_timer, nullptr);
     EXPECT_EQ(selected(), 0U);
-    interface* other = if_add(&g_p_esmcd->ifm, "mgmt0", 99, 1);
+    interface* other = if_add(g_p_esmcd->ifm, "mgmt0", 99, 1);
     EXPECT_EQ(ssm_port_create(other), 0);
     EXPECT_EQ(other->port, nullptr);
-    interface* bare = if_add(&g_p_esmcd->ifm, "p98", 98, IF_TYPE_SYNCE);
+    interface* bare = if_add(g_p_esmcd->ifm, "p98", 98, IF_TYPE_SYNCE);
     EXPECT_EQ(_ssm_nsm_recv_interface_down(bare), SSM_E_NOT_EXIST);
     EXPECT_EQ(ssm_port_delete(bare), SSM_E_NOT_EXIST);
 }

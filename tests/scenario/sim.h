@@ -86,7 +86,7 @@ class sim : public ::testing::Test {
         for (std::uint32_t index : indexes) add_port(index);
     }
     interface* intf(std::uint32_t index) {
-        return if_lookup_by_index(&g_p_esmcd->ifm, index);
+        return if_lookup_by_index(g_p_esmcd->ifm, index);
     }
     ssm_port* port(std::uint32_t index) { return ssm_if_port(intf(index)); }
 

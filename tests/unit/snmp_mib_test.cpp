@@ -390,10 +390,10 @@ TEST_F(ssm_notify, ports_come_and_go_without_a_word_and_without_mixing_up) {
     for (snmp_oid i = 20; i < 60; ++i) add_port(("q" + std::to_string(i)).c_str(), i)->recv_pdu = 1;
     quiet("snmp notifications");
     run(500);
-    for (snmp_oid i = 20; i < 60; i += 2) if_remove(&ctx_->ifm, if_lookup_by_index(&ctx_->ifm, i));
+    for (snmp_oid i = 20; i < 60; i += 2) if_remove(ctx_->ifm, if_lookup_by_index(ctx_->ifm, i));
     run(1500);
     EXPECT_TRUE(heard.empty());
-    ssm_if_port(if_lookup_by_index(&ctx_->ifm, 41))->recv_pdu = 0;
+    ssm_if_port(if_lookup_by_index(ctx_->ifm, 41))->recv_pdu = 0;
     add_port("q20", 20)->recv_pdu = 1;
     run(1500);
     ASSERT_EQ(heard.size(), 2U);

@@ -114,6 +114,7 @@ class agentx : public Suite, public testing::WithParamInterface<bool> {
         agentx_set_link_open([](const agentx_target*) { return current->master.open(); });
         EXPECT_EQ(register_table(&ctx, TABLE, std::size(TABLE), sizeof TABLE[0]), 0);
         EXPECT_EQ(snmp_start(&ctx), 0);
+        EXPECT_EQ(agentx_cli_init(&ctx), 0);
     }
     ~agentx() override {
         memmgr_fail_at(0);

@@ -59,6 +59,7 @@ const std::string UNKNOWN = "% Unknown command\n", AMBIGUOUS = "% Ambiguous comm
 class Cli : public Suite {
   protected:
     Cli() {
+        session.ifm = ctx.ifm = &ifm;
         ctx.ctree = cli_tree_create();
         ctx.ctree->after_run = [](cli*, const cli_command* c) { called = c->element->string + arguments; };
         for (const auto& [mode, element] : commands) EXPECT_EQ(install(mode, &element), 0) << element.string;
@@ -67,7 +68,7 @@ class Cli : public Suite {
     }
     ~Cli() override {
         cli_tree_free(ctx.ctree);
-        if_finish(&ctx.ifm);
+        if_finish(ctx.ifm);
     }
     int install(std::int32_t mode, const cli_element* element) {
         return cli_install(ctx.ctree, mode, element);
@@ -86,6 +87,7 @@ class Cli : public Suite {
         for (const std::string& line : all) EXPECT_EQ(run_in(mode, line), result) << line;
     }
 
+    if_master ifm{};
     lib_globals ctx{};
     line_runner runner{&ctx};
     cli& session = runner.session;
@@ -128,8 +130,8 @@ TEST_F(Cli, KeywordOrInterfaceName) {
     expect(EXEC_MODE, {{"show clock synce", "show clock synce (IFPHYSICAL |)"},
                        {"show clock synce bri", "show clock synce brief"},
                        {"show clock synce br0", "show clock synce (IFPHYSICAL |)|br0"}});
-    ASSERT_NE(if_add(&ctx.ifm, "bri", 1, IF_TYPE_SYNCE), nullptr);
-    ASSERT_NE(if_add(&ctx.ifm, "brief", 2, IF_TYPE_SYNCE), nullptr);
+    ASSERT_NE(if_add(ctx.ifm, "bri", 1, IF_TYPE_SYNCE), nullptr);
+    ASSERT_NE(if_add(ctx.ifm, "brief", 2, IF_TYPE_SYNCE), nullptr);
     expect(EXEC_MODE, {{"show clock synce bri", "show clock synce (IFPHYSICAL |)|bri"},
                        {"show clock synce brief", "show clock synce brief"},
                        {"show clock synce b", "show clock synce brief"}});
@@ -157,10 +159,10 @@ TEST_F(Cli, InterfaceModeIsLeftByAConfigurationCommandAndItsInterfaceLookedUpBef
     EXPECT_STREQ(session.name, "eth7");
     EXPECT_EQ(session.mode, INTERFACE_MODE);
     EXPECT_EQ(session.index, nullptr);
-    interface* intf = if_add(&ctx.ifm, "eth7", 1, IF_TYPE_SYNCE);
+    interface* intf = if_add(ctx.ifm, "eth7", 1, IF_TYPE_SYNCE);
     run("description x");
     EXPECT_EQ(session.index, intf);
-    if_remove(&ctx.ifm, intf);
+    if_remove(ctx.ifm, intf);
     run("description x");
     EXPECT_EQ(session.index, nullptr) << "a removed interface must not be reachable";
     expect(INTERFACE_MODE, {{"nonsense", UNKNOWN}, {"clock s", AMBIGUOUS}});
@@ -218,8 +220,8 @@ TEST_F(Cli, WhatMayFollow) {
                                         {"show clock", "synce", "Synchronous Ethernet"},
                                         {"clock", "synce", "shorter"}};
     ASSERT_EQ(cli_install_help(ctx.ctree, help, 3), 0);
-    ASSERT_NE(if_add(&ctx.ifm, "eth10", 1, IF_TYPE_SYNCE), nullptr);
-    ASSERT_NE(if_add(&ctx.ifm, "eth11", 2, IF_TYPE_SYNCE), nullptr);
+    ASSERT_NE(if_add(ctx.ifm, "eth10", 1, IF_TYPE_SYNCE), nullptr);
+    ASSERT_NE(if_add(ctx.ifm, "eth11", 2, IF_TYPE_SYNCE), nullptr);
     completion_list list;
     const struct {
         std::int32_t mode;

@@ -14,7 +14,7 @@ inline int note(cli* session, int argc, char** argv) {
 
 inline int enter_interface(cli* s, int, char** argv) {
     s->mode = INTERFACE_MODE;
-    s->index = ifg_get_by_name(&s->zg->ifm, argv[0]);
+    s->index = ifg_get_by_name(s->zg->ifm, argv[0]);
     return CLI_SUCCESS;
 }
 
@@ -81,8 +81,8 @@ class Host : public Suite {
         return printed;
     }
     interface* bind(const char* name, std::uint32_t index) {
-        interface* intf = if_add(&ctx->ifm, name, index, IF_TYPE_SYNCE);
-        if_bind(&ctx->ifm, intf);
+        interface* intf = if_add(ctx->ifm, name, index, IF_TYPE_SYNCE);
+        if_bind(ctx->ifm, intf);
         return intf;
     }
 

@@ -58,8 +58,8 @@ TEST_F(Host, LinesOfAnUnboundInterfaceRunOnceAtItsFirstBind) {
     EXPECT_EQ(logged(), words{config + ":3: refused: port nonsense"});
     EXPECT_EQ(running(), "interface eth2\n port 2\n!\n");
     ran.clear();
-    if_unbind(&ctx->ifm, intf);
-    if_bind(&ctx->ifm, intf);
+    if_unbind(ctx->ifm, intf);
+    if_bind(ctx->ifm, intf);
     EXPECT_TRUE(ran.empty()) << "a second bind starts from defaults";
 }
 

@@ -2,8 +2,8 @@
 // by a small terminal that knows the few sequences that the editor uses.
 #include <random>
 
-#include "suite/base/utf8.h"
-#include "suite/terminal/line_editor.h"
+#include "suite/editor/line_editor.h"
+#include "suite/editor/utf8.h"
 #include "suite/terminal/telnet.h"
 #include "unit/suite_support.h"
 

@@ -250,13 +250,13 @@ TEST_F(Log, ConfigurationNamesWhatDiffersFromTheMode) {
     lib_globals ctx{};
     line_runner written(&ctx);
     log_set_default_sinks(LOG_SINK_SYSLOG);  // daemon mode
-    EXPECT_EQ(log_config_write(&written.session), 0);
+    host_log_write(&written.session);
     EXPECT_EQ(take_text(&written.printed.text), "");
     log_use_sink(LOG_SINK_STDERR, true);
     log_use_sink(LOG_SINK_SYSLOG, false);
     ASSERT_EQ(log_set_file((folder + "/f").c_str()), 0);
     log_set_level(LOG_LEVEL_WARNING);
-    log_config_write(&written.session);
+    host_log_write(&written.session);
     EXPECT_EQ(take_text(&written.printed.text),
               "log stderr\nno log syslog\nlog file " + folder + "/f\nlog level warning\n");
 }

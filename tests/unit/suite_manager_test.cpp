@@ -70,10 +70,10 @@ struct NsmClient : Suite {
         ctx->master = thread_master_create(&edges);
         link.ctx = ctx;
         nsm_client_set_link_open([] { return current->link.open(SOCK_SEQPACKET); });
-        if_add_hook(&ctx->ifm, IF_CALLBACK_VR_BIND, on_bind);
-        if_add_hook(&ctx->ifm, IF_CALLBACK_VR_UNBIND, [](interface* i) { return note("unbind", i); });
-        if_add_hook(&ctx->ifm, IF_CALLBACK_UP, [](interface* i) { return note("up", i); });
-        if_add_hook(&ctx->ifm, IF_CALLBACK_DOWN, [](interface* i) { return note("down", i); });
+        if_add_hook(ctx->ifm, IF_CALLBACK_VR_BIND, on_bind);
+        if_add_hook(ctx->ifm, IF_CALLBACK_VR_UNBIND, [](interface* i) { return note("unbind", i); });
+        if_add_hook(ctx->ifm, IF_CALLBACK_UP, [](interface* i) { return note("up", i); });
+        if_add_hook(ctx->ifm, IF_CALLBACK_DOWN, [](interface* i) { return note("down", i); });
         client = nsm_client_create(ctx, 0);
         nsm_client_set_version(client, 1);
         nsm_client_set_protocol(client, 36);
@@ -141,7 +141,7 @@ struct NsmClient : Suite {
     // Name, index, kernel index, last octet of the address, whether bound and up, in the list's order.
     std::string interfaces() const {
         std::string all;
-        for (const interface* i : if_list(&ctx->ifm))
+        for (const interface* i : if_list(ctx->ifm))
             all += std::string(i->name) + " " + std::to_string(i->ifindex) + " " +
                    std::to_string(i->kernel_ifindex) + " " + std::to_string(i->mac[0]) +
                    (i->bound ? " bound" : "") + (i->up ? " up" : "") + "\n";
@@ -238,7 +238,7 @@ TEST_F(NsmClient, ReconnectionDeliversDifferencesOnly) {
              link_delete(2, NSM_LINK_GONE), link_delete(5), message(NSM_MSG_LINK_UP, {6}), clock_state(2, 0),
              SYNC_DONE}),
         "bridge 2, unbind eth2, unbind eth5, up eth6, clock 2 0");
-    EXPECT_EQ(ctx->ifm.count, 4u);
+    EXPECT_EQ(ctx->ifm->count, 4u);
 }
 
 TEST_F(NsmClient, RestatesTheLastRequestsInTheirOrder) {

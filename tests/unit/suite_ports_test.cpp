@@ -34,6 +34,7 @@ class Interfaces : public Suite {
     Interfaces() {
         trace.clear();
         bind_result = 0;
+        ctx.ifm = ifm;
         ifm->ctx = &ctx;
         EXPECT_EQ(if_add_hook(ifm, IF_CALLBACK_VR_BIND, note<'b'>), 0);
         EXPECT_EQ(if_add_hook(ifm, IF_CALLBACK_VR_UNBIND, note<'u'>), 0);
@@ -41,13 +42,14 @@ class Interfaces : public Suite {
         EXPECT_EQ(if_add_hook(ifm, IF_CALLBACK_DOWN, note<'D'>), 0);
         for (int n : {-1, 0, 1, 4, 7, 8, 1000}) EXPECT_EQ(if_add_hook(ifm, n, note<'x'>), -1) << n;
         ifm->after_bind = [](lib_globals* l, interface* intf) {
-            EXPECT_EQ(l->ifm.ctx, l);
+            EXPECT_EQ(l->ifm->ctx, l);
             note<'a'>(intf);
         };
     }
     ~Interfaces() override { if_finish(ifm); }
     lib_globals ctx{};
-    if_master* ifm = &ctx.ifm;
+    if_master list{};
+    if_master* ifm = &list;
 };
 
 TEST_F(Interfaces, HooksRunInOrderAndAfterBindBeforeUpAndAFirstBindThatFailsIsNone) {
@@ -214,8 +216,8 @@ TEST_F(Edge, CountsEachErrorForItsPortAndShowsALineAPort) {
     ASSERT_EQ(lib_start(ctx), 0);
     log_use_sink(LOG_SINK_STDERR, false);
     ASSERT_EQ(slow_socket_cli_init(ctx), 0);
-    slow_socket_port_bound(if_add(&ctx->ifm, "eth7", 7, IF_TYPE_SYNCE));
-    if_add(&ctx->ifm, "eth8", 8, IF_TYPE_SYNCE);  // not bound
+    slow_socket_port_bound(if_add(ctx->ifm, "eth7", 7, IF_TYPE_SYNCE));
+    if_add(ctx->ifm, "eth8", 8, IF_TYPE_SYNCE);  // not bound
     for (const auto& [error, times] :
          {std::pair{0, 2}, {ENOBUFS, 3}, {EAGAIN, 4}, {ENETDOWN, 5}, {ENXIO, 1}, {ENODEV, 5}, {EIO, 7}}) {
         fails_with = error;
@@ -284,11 +286,11 @@ TEST_F(Edge, LookupsAgreeWithAModelThroughAllChanges) {
 }
 
 TEST_F(Edge, OpeningTakesTheBoundInterfacesAndFailuresLeaveNoPort) {
-    interface* bound = if_add(&ctx->ifm, "eth1", 1, IF_TYPE_SYNCE);
+    interface* bound = if_add(ctx->ifm, "eth1", 1, IF_TYPE_SYNCE);
     bound->kernel_ifindex = 11;
-    if_bind(&ctx->ifm, bound);
-    if_add(&ctx->ifm, "eth2", 2, IF_TYPE_SYNCE);
-    if_bind(&ctx->ifm, if_add(&ctx->ifm, "vlan3", 3, 1));
+    if_bind(ctx->ifm, bound);
+    if_add(ctx->ifm, "eth2", 2, IF_TYPE_SYNCE);
+    if_bind(ctx->ifm, if_add(ctx->ifm, "vlan3", 3, 1));
     fd = slow_socket_open(ctx);
     ASSERT_GE(fd, 0);
     for (std::uint32_t i : {1u, 2u, 3u}) EXPECT_EQ(is_known(i), i == 1) << i;

@@ -20,6 +20,8 @@
 #include "suite/host/state.h"
 #include "suite/log/log.h"
 #include "suite/loop/master.h"
+#include "suite/start/lib.h"
+#include "suite/terminal/terminal.h"
 
 using words = std::vector<std::string>;
 
@@ -41,6 +43,7 @@ class Suite : public testing::Test {
         char path[] = "/tmp/suite_XXXXXX";
         folder = mkdtemp(path);
         memory_init(36);
+        memmgr_set_report([](const char* text) { log_suite(LOG_LEVEL_ERROR, "%s", text); });
         log_use_sink(LOG_SINK_STDERR, false);
         log_add_tap(keep, this);
     }
@@ -85,7 +88,7 @@ struct line_runner {
         session.out_func = text_output_print;
         session.out_val = &printed;
         session.zg = ctx;
-        session.ifm = &ctx->ifm;
+        session.ifm = ctx->ifm;
         session.privilege = PRIVILEGE_MAX;
         session.line = this;
     }

@@ -87,7 +87,7 @@ class Terminal : public Host {
     Terminal() {
         write_file(config, "hostname sw\n");
         read_from(config);
-        EXPECT_EQ(local_terminal_start(ctx->host, socket_path.c_str()), 0);
+        EXPECT_EQ(local_terminal_start(ctx->terminals, socket_path.c_str()), 0);
         EXPECT_EQ(cli_install(ctx->ctree, EXEC_MODE, &show_lines), 0);
     }
     // Turns the loop until `done`; false after twenty seconds.
@@ -109,7 +109,7 @@ class Terminal : public Host {
         return pump([&] { return c->answered(count); });
     }
     bool sessions_become(std::size_t count) {
-        return pump([&] { return ctx->host->session_count == count; });
+        return pump([&] { return ctx->terminals->session_count == count; });
     }
     void open_batch(Client* c, const std::string& hello = "batch\n") {
         ASSERT_TRUE(c->connect_local(socket_path));
@@ -187,7 +187,7 @@ TEST_F(Terminal, ClientThatDoesNotReadIsBounded) {
     ASSERT_TRUE(sessions_become(1));
     ASSERT_TRUE(pump([&] {
         most = std::max(most, octets() - before);
-        return ctx->host->session_count == 0;
+        return ctx->terminals->session_count == 0;
     })) << "more output than a session may hold, and nobody reads it";
     EXPECT_GT(most, 0u);
     EXPECT_LE(most, 256u * 1024 + 16 * 1024);
@@ -206,7 +206,7 @@ TEST_F(Terminal, SocketFileOfALiveDaemonStaysAndAStaleOneGoes) {
     const auto start_second = [&] {
         lib_globals* first = ctx;
         start();
-        const int result = local_terminal_start(ctx->host, socket_path.c_str());
+        const int result = local_terminal_start(ctx->terminals, socket_path.c_str());
         stop();
         ctx = first;
         return result;
@@ -217,7 +217,7 @@ TEST_F(Terminal, SocketFileOfALiveDaemonStaysAndAStaleOneGoes) {
     // The name of a socket that nobody holds any more.
     const std::string kept = folder + "/kept";
     ASSERT_EQ(link(socket_path.c_str(), kept.c_str()), 0);
-    local_terminal_stop(ctx->host);
+    local_terminal_stop(ctx->terminals);
     EXPECT_FALSE(std::filesystem::exists(socket_path));
     std::filesystem::rename(kept, socket_path);
     EXPECT_EQ(start_second(), 0);
@@ -307,7 +307,7 @@ TEST_F(Terminal, InterruptDropsOutputThatWaits) {
     Client c;
     open(&c);
     talk(&c, "terminal length 0\r", "sw#");
-    const session* s = ctx->host->sessions;
+    const session* s = ctx->terminals->sessions;
     const auto unsent = [s] { return s->out.length - s->sent; };
     c.put("show lines 30000\r");
     ASSERT_TRUE(pump([&] { return unsent() > 10'000; }));
@@ -327,8 +327,8 @@ TEST_F(Terminal, LogLinesAtTheTerminal) {
     EXPECT_TRUE(holds(c.got, "warning a link went away\r\n"));
     talk(&c, "er\r", "version");
     for (int i = 0; i < 20000; i++) log_suite(LOG_LEVEL_WARNING, "flood %d", i);
-    EXPECT_LE(ctx->host->sessions->out.room, 128u * 1024);
-    ASSERT_TRUE(pump([&] { return c.has("flood 0") && ctx->host->sessions->out.length == 0; }));
+    EXPECT_LE(ctx->terminals->sessions->out.room, 128u * 1024);
+    ASSERT_TRUE(pump([&] { return c.has("flood 0") && ctx->terminals->sessions->out.length == 0; }));
     log_suite(LOG_LEVEL_WARNING, "after the flood");
     ASSERT_TRUE(pump([&] { return c.has("after the flood"); }));
     EXPECT_TRUE(holds(c.got, "log lines not shown"));
@@ -339,12 +339,12 @@ TEST_F(Terminal, LogLinesAtTheTerminal) {
 
 TEST_F(Terminal, IdleTerminalIsClosed) {
     Client c, batch;
-    ctx->host->exec_timeout_s = 1;
+    ctx->terminals->exec_timeout_s = 1;
     open(&c);
     open_batch(&batch);
     ASSERT_TRUE(closes(&c));
     EXPECT_TRUE(holds(c.got, "% Idle for too long"));
-    EXPECT_EQ(ctx->host->session_count, 1u) << "a script may think as long as it likes";
+    EXPECT_EQ(ctx->terminals->session_count, 1u) << "a script may think as long as it likes";
 }
 
 // The TCP terminal --------------------------------------------------------------------------------------
@@ -358,8 +358,8 @@ class Tcp : public Terminal {
         ASSERT_EQ(::bind(probe, reinterpret_cast<sockaddr*>(&address), size), 0);
         ASSERT_EQ(getsockname(probe, reinterpret_cast<sockaddr*>(&address), &size), 0);
         close(probe);
-        ctx->host->vty_port = ntohs(address.sin_port);
-        tcp_terminal_start(ctx->host);
+        ctx->terminals->vty_port = ntohs(address.sin_port);
+        tcp_terminal_start(ctx->terminals);
     }
     void set_password(const std::string& word) {
         Client c;
@@ -379,11 +379,11 @@ TEST_F(Tcp, PasswordIsKeptAsAHashAndOpensTheTerminal) {
     knock(&early, "% No terminal password is configured\r\n");
     EXPECT_TRUE(closes(&early));
     set_password("s3cret");
-    const std::string hash = ctx->host->password;
+    const std::string hash = ctx->terminals->password;
     EXPECT_TRUE(hash.starts_with("$y$")) << hash;
     EXPECT_EQ(running(), "hostname sw\npassword encrypted " + hash + "\n");
     set_password("s3cret");
-    EXPECT_NE(hash, ctx->host->password) << "a new salt each time";
+    EXPECT_NE(hash, ctx->terminals->password) << "a new salt each time";
     knock(&c, "\xff\xfb\x01\xff\xfb\x03\xff\xfd\x1fPassword: ");
     expect(&c, {{{"s3cret\r\0", 8}, "sw#", "", "s3cret"},
                 {{"show version\r\0", 14}, "esmcd version", ""},
@@ -398,7 +398,7 @@ TEST_F(Tcp, ThreeWrongPasswordsCostTimeAndMoreEachTime) {
         talk(&c, "wrong\r", "Password: ");
         talk(&c, std::string(1000, 'x') + "\r", "Password: ");
         c.put("wrong\r");
-        ASSERT_TRUE(pump([&] { return ctx->host->sessions->stage == session_stage::delayed; }));
+        ASSERT_TRUE(pump([&] { return ctx->terminals->sessions->stage == session_stage::delayed; }));
         const nanoseconds start = monotonic_now();
         knock(&other, "% Too many wrong passwords");
         EXPECT_TRUE(closes(&other));
@@ -417,7 +417,7 @@ TEST_F(Tcp, CheckingAPasswordHoldsNothingUp) {
     Client c, other;
     open(&other);
     knock(&c, "Password: ");
-    const session* asked = ctx->host->sessions;
+    const session* asked = ctx->terminals->sessions;
     c.put("wrong\r");
     ASSERT_TRUE(pump([&] { return asked->busy; }));
     talk(&other, "show version\r", "esmcd version");
@@ -429,9 +429,10 @@ TEST_F(Tcp, CheckingAPasswordHoldsNothingUp) {
 
 TEST_F(Tcp, PasswordLines) {
     EXPECT_EQ(run("password encrypted plain", CONFIG_MODE), "% Not the hash of a password\n");
-    EXPECT_STREQ(ctx->host->password, "");
+    EXPECT_STREQ(ctx->terminals->password, "");
     read("password s3cret\n");
-    EXPECT_TRUE(std::string(ctx->host->password).starts_with("$y$")) << "a clear one in the file is hashed";
+    EXPECT_TRUE(std::string(ctx->terminals->password).starts_with("$y$"))
+        << "a clear one in the file is hashed";
     const std::string saved = running();
     EXPECT_FALSE(holds(saved, "s3cret"));
     read(saved);

@@ -4,8 +4,8 @@
 #include <cstdint>
 
 #include "nsmd/links/port_table.h"
+#include "suite/base/context.h"
 #include "suite/base/text.h"
-#include "suite/start/lib.h"
 
 // States on the NSM link. Any other value is transient: the daemon shows it and changes nothing.
 enum dpll_state : std::uint32_t { DPLL_FREERUN = 2, DPLL_HOLDOVER = 3, DPLL_LOCKED = 4, DPLL_TRANSIENT = 5 };

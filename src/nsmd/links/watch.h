@@ -5,8 +5,8 @@
 
 #include "nsmd/links/port_table.h"
 #include "nsmd/netlink/socket.h"
+#include "suite/base/context.h"
 #include "suite/base/text.h"
-#include "suite/start/lib.h"
 
 struct link_watch;
 

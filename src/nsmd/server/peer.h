@@ -6,9 +6,9 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "suite/base/context.h"
 #include "suite/base/octets.h"
 #include "suite/base/text.h"
-#include "suite/start/lib.h"
 
 struct thread;
 struct nsmd_peer;

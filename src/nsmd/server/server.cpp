@@ -13,6 +13,7 @@
 #include "suite/base/memory.h"
 #include "suite/log/log.h"
 #include "suite/loop/thread.h"
+#include "suite/ports/interface.h"
 #include "suite/process/listener.h"
 
 namespace {

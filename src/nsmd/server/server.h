@@ -6,8 +6,8 @@
 
 #include "nsmd/links/port_table.h"
 #include "nsmd/server/peer.h"
+#include "suite/base/context.h"
 #include "suite/manager/wire.h"
-#include "suite/start/lib.h"
 
 // Messages of this server beyond those of the daemon's link. A client that says BYE before it closes ends on
 // purpose; one whose link just breaks may be restarting. STATUS_GET is taken from anybody, HELLO or not; the

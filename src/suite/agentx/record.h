@@ -170,6 +170,3 @@ void agentx_set_link_open(agentx_link_open open);  // tests; null: the real one
 // Takes "localhost" and numeric addresses; false for anything else.
 [[nodiscard]] bool agentx_set_tcp(agentx_target* target, const char* host, std::uint16_t port);
 [[nodiscard]] bool agentx_set_unix(agentx_target* target, const char* path);
-
-// suite/host/snmp_commands.cpp
-int agentx_cli_init(lib_globals* ctx);

@@ -68,9 +68,8 @@ int snmp_set_notifier(lib_globals* ctx, const snmp_notifier* notifier) {
 
 int snmp_start(lib_globals* ctx) {
     if (!ctx || !take_agent(ctx)) return -1;
-    const int installed = ctx->ctree ? agentx_cli_init(ctx) : 0;
     if (ctx->master && ctx->snmp->modules) agentx_connect_soon(ctx->snmp);
-    return installed;
+    return 0;
 }
 
 void snmp_stop(lib_globals* ctx) {

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "suite/start/lib.h"
+#include "suite/base/context.h"
 
 using snmp_oid = std::uint32_t;
 
@@ -66,8 +66,7 @@ static_assert(sizeof(snmp_variable) == 544);
 int agentx_register_mib(lib_globals* ctx, const char* name, const snmp_variable* variables,
                         std::size_t entry_size, std::size_t entry_count, const snmp_oid* base,
                         std::size_t base_length, int, int, int, int, int);
-// Installs the commands (`snmp agentx`, `snmp notifications`, `show snmp`) and begins to connect, from the
-// next turn of the loop on. 0 or negative.
+// Begins to connect, from the next turn of the loop on. 0, or -1 when memory is exhausted.
 int snmp_start(lib_globals* ctx);
 void snmp_stop(lib_globals* ctx);  // says good-bye to the master; frees the registrations
 

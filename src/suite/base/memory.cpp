@@ -9,10 +9,10 @@
 // free and every overrun.
 #include "suite/base/memory.h"
 
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-
-#include "suite/log/log.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define MEMORY_EXACT 1
@@ -67,6 +67,19 @@ type_record types[TYPE_COUNT];
 class_cache caches[CLASS_COUNT];
 std::uint64_t allocations;
 std::uint64_t fail_countdown;
+memory_report report = nullptr;
+
+__attribute__((format(printf, 1, 2))) void tell(const char* format, ...) {
+    char text[128];
+    va_list args;
+    va_start(args, format);
+    (void)std::vsnprintf(text, sizeof text, format, args);  // cut at the end
+    va_end(args);
+    if (report != nullptr)
+        report(text);
+    else
+        std::fprintf(stderr, "%s\n", text);
+}
 
 std::uint16_t type_slot(memory_type type) {
     return type >= 0 && static_cast<std::size_t>(type) < TYPE_COUNT ? static_cast<std::uint16_t>(type)
@@ -147,8 +160,7 @@ void* take_block(std::size_t size_class, std::size_t octets, memory_type type) {
 block_header* live_header(void* block, const char* what) {
     block_header* h = static_cast<block_header*>(block) - 1;
     if (h->mark == MARK_LIVE) return h;
-    log_suite(LOG_LEVEL_ERROR, "memory: %s of %s block %p", what,
-              h->mark == MARK_FREE ? "an already freed" : "an unknown", block);
+    tell("memory: %s of %s block %p", what, h->mark == MARK_FREE ? "an already freed" : "an unknown", block);
     return nullptr;
 }
 
@@ -174,8 +186,7 @@ void release_block(block_header* h) {
 
 void check_type(const block_header* h, memory_type type) {
     if (h->type == type_slot(type)) return;
-    log_suite(LOG_LEVEL_ERROR, "memory: block of type %s given back as %s", memmgr_type_name(h->type),
-              memmgr_type_name(type));
+    tell("memory: block of type %s given back as %s", memmgr_type_name(h->type), memmgr_type_name(type));
 }
 
 constexpr struct {
@@ -242,6 +253,10 @@ void memmgr_free(void* block, memory_type type) {
     if (h == nullptr) return;
     check_type(h, type);
     release_block(h);
+}
+
+void memmgr_set_report(memory_report to) {
+    report = to;
 }
 
 void memmgr_name_type(memory_type type, const char* name) {

@@ -35,6 +35,11 @@ extern const malloc_size malloc_sizes[];
 // Prepares the manager for a process with this protocol identifier. May be called again; counts are kept.
 void memory_init(std::int32_t protocol_id);
 
+// Where our own mistakes (a block given back twice, or under another type) are told. The log names itself
+// when it opens; until then they go to standard error.
+using memory_report = void (*)(const char* text);
+void memmgr_set_report(memory_report report);
+
 // Zeroed block of the given class (a pointer into malloc_sizes), or null. Counted under `type`.
 [[nodiscard]] void* _memmgr_calloc(const malloc_size* size_class, memory_type type);
 

@@ -254,3 +254,8 @@ std::int32_t cmd_str2int(const char* text, int* status) {
     *status = 0;
     return static_cast<std::int32_t>(value);
 }
+
+int cli_refuse(cli* session, const char* text) {
+    session->out_func(session->out_val, "%% %s\n", text);
+    return CLI_ERROR;
+}

@@ -14,9 +14,9 @@
 #include <cstdint>
 #include <string_view>
 
+#include "suite/base/context.h"
 #include "suite/base/text.h"
 #include "suite/ports/interface.h"
-#include "suite/start/lib.h"
 
 enum cli_mode : std::int32_t {
     EXEC_MODE = 4,        // prompt NAME#; show commands; also the mode of the global configuration writers
@@ -76,9 +76,6 @@ int cli_install_gen(cli_tree* tree, std::int32_t mode, std::int32_t privilege, s
                     const cli_element* element);
 // Writers are called in the order of their registration, all those of EXEC_MODE before those of other modes.
 int cli_install_config(cli_tree* tree, std::int32_t mode, cli_writer writer);
-// exit, end, do, help and what else the platform offers in every mode. A second call for a mode does nothing.
-int cli_install_default(cli_tree* tree, std::int32_t mode);
-
 // Help texts, kept beside the command tables: for the token `token` ("clock", "<1-255>", "IFNAME") where it
 // follows the words `before` ("clock synce"); the entry with the longest `before` that is the tail of what
 // was typed counts. Installing a table a second time does nothing.
@@ -104,9 +101,14 @@ void cli_walk(const cli_tree* tree,
 // Assembles the running configuration through the session's output function.
 void cli_write_running(cli_tree* tree, cli* session);
 
+// Says "% TEXT"; what the handler returns then.
+int cli_refuse(cli* session, const char* text);
+
 // Decimal text to a number. *status is 0, or negative when the text is not a whole decimal number of 32 bits.
 std::int32_t cmd_str2int(const char* text, int* status);
 
-// "show debugging", "debug all", "no debug all" of the platform: op 0 shows, 1 clears, 2 sets.
+// "show debugging", "debug all" and "no debug all" call everyone who is registered: op 0 shows, 1 clears,
+// 2 sets.
 using debug_callback = void (*)(cli* session, std::int32_t op, void* arg);
 int debug_callback_register(debug_callback callback, void* arg);
+int cli_debug_install(cli_tree* tree);

@@ -1,5 +1,5 @@
 // "show debugging", "debug all" and "no debug all" of the platform: handed to every registered callback.
-#include "suite/host/debug_commands.h"
+#include "suite/command/cli.h"
 
 #include <iterator>
 

@@ -60,7 +60,7 @@ bool is_bound(const config_reader* r, std::string_view name) {
     if (name.size() >= sizeof text) return false;
     std::memcpy(text, name.data(), name.size());
     text[name.size()] = 0;
-    const interface* intf = if_lookup_by_name(&r->host->ctx->ifm, text);
+    const interface* intf = if_lookup_by_name(r->host->ctx->ifm, text);
     return intf && intf->bound;
 }
 

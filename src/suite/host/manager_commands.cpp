@@ -3,11 +3,10 @@
 #include <iterator>
 
 #include "suite/command/cli.h"
+#include "suite/host/host.h"
 #include "suite/manager/record.h"
 
 namespace {
-
-const nsm_client* shown;  // null while there is none
 
 const char* phase_text(nsm_client_phase phase) {
     switch (phase) {
@@ -47,18 +46,19 @@ void show_request(cli* session, const nsm_client_request& r) {
 }
 
 int show_nsm(cli* session, int, char**) {
-    if (!shown) {
+    const nsm_client* nc = session->zg->nsm;
+    if (!nc) {
         session->out_func(session->out_val, "NSM link: not started\n");
         return CLI_SUCCESS;
     }
-    const nsm_client_stats s = nsm_client_get_stats(shown);
-    session->out_func(session->out_val, "NSM link: %s\n", phase_text(shown->phase));
+    const nsm_client_stats s = nsm_client_get_stats(nc);
+    session->out_func(session->out_val, "NSM link: %s\n", phase_text(nc->phase));
     session->out_func(session->out_val,
                       "  Connections %" PRIu64 ", messages received %" PRIu64 ", sent %" PRIu64
                       ", dropped %" PRIu64 "\n",
                       s.connects, s.messages_in, s.messages_out, s.dropped);
     session->out_func(session->out_val, "Requests kept: %" PRIu64 "\n", s.requests_kept);
-    for (std::size_t i = 0; i < shown->request_count; ++i) show_request(session, shown->requests[i]);
+    for (std::size_t i = 0; i < nc->request_count; ++i) show_request(session, nc->requests[i]);
     return CLI_SUCCESS;
 }
 
@@ -69,10 +69,6 @@ const cli_help help_texts[] = {
 };
 
 }  // namespace
-
-void nsm_client_cli_set(const nsm_client* nc) {
-    shown = nc;
-}
 
 int nsm_client_cli_init(lib_globals* ctx) {
     return cli_install(ctx->ctree, EXEC_MODE, &SHOW_NSM) |

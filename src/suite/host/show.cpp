@@ -1,13 +1,12 @@
 // The platform's show commands. They read what the other units count; nothing here changes anything.
-#include "suite/host/show.h"
-
 #include <cerrno>
 #include <cstring>
 #include <iterator>
 
 #include "suite/base/memory.h"
 #include "suite/host/state.h"
-#include "suite/log/log.h"
+#include "suite/loop/thread.h"
+#include "suite/ports/interface.h"
 #include "suite/ports/slow_socket.h"
 
 namespace {
@@ -82,20 +81,6 @@ int show_interfaces(cli* session, int, char**) {
     return CLI_SUCCESS;
 }
 
-void print_log_line(void* arg, const char* line, std::size_t length) {
-    auto* session = static_cast<cli*>(arg);
-    session->out_func(session->out_val, "%.*s\n", static_cast<int>(length), line);
-}
-
-int show_log(cli* session, int, char**) {
-    log_walk_recent(print_log_line, session);
-    std::uint64_t dropped = log_dropped_lines();
-    if (dropped)
-        session->out_func(session->out_val, "%llu lines dropped by slow sinks\n",
-                          static_cast<unsigned long long>(dropped));
-    return CLI_SUCCESS;
-}
-
 void print_count(cli* session, const char* what, std::uint64_t value) {
     session->out_func(session->out_val, "%-22s: %llu\n", what, static_cast<unsigned long long>(value));
 }
@@ -136,19 +121,14 @@ int show_memory(cli* session, int, char**) {
 }
 
 const cli_element show_commands[] = {
-    {"show running-config", show_running},
-    {"show startup-config", show_startup},
-    {"show version", show_version},
-    {"show interfaces", show_interfaces},
-    {"show log", show_log},
-    {"show events", show_events},
-    {"show running-config diff", show_diff},
+    {"show running-config", show_running}, {"show startup-config", show_startup},
+    {"show version", show_version},        {"show interfaces", show_interfaces},
+    {"show events", show_events},          {"show running-config diff", show_diff},
 };
 const cli_element show_memory_cmd = {"show memory", show_memory};
 
 const cli_help help_texts[] = {
     {"running-config", "diff", "What a save would change"},
-    {"show", "log", "The last log messages"},
     {"", "show", "Show state and configuration"},
     {"show", "events", "The event loop: runs, longest run, what is pending"},
     {"show", "interfaces", "Ports, their state and frames"},

@@ -6,8 +6,8 @@
 
 #include "suite/command/cli.h"
 #include "suite/command/tree.h"
+#include "suite/host/host.h"
 #include "suite/ports/slow_socket.h"
-#include "suite/ports/slow_socket_show.h"
 
 namespace {
 

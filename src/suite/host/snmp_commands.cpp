@@ -6,17 +6,13 @@
 #include "suite/agentx/record.h"
 #include "suite/command/cli.h"
 #include "suite/command/tree.h"
+#include "suite/host/host.h"
 #include "suite/loop/thread.h"
 
 namespace {
 
 snmp_agent* agent_of(cli* session) {
     return session->zg->snmp;  // as long as its commands are installed
-}
-
-int refuse(cli* session, const char* text) {
-    session->out_func(session->out_val, "%% %s\n", text);
-    return CLI_ERROR;
 }
 
 bool same_target(const agentx_target& a, const agentx_target& b) {
@@ -35,7 +31,7 @@ int use_target(cli* session, const agentx_target& target) {
 
 int set_unix(cli* session, int, char** argv) {
     agentx_target target{};
-    if (!agentx_set_unix(&target, argv[0])) return refuse(session, "Not a usable absolute path");
+    if (!agentx_set_unix(&target, argv[0])) return cli_refuse(session, "Not a usable absolute path");
     return use_target(session, target);
 }
 
@@ -44,7 +40,7 @@ int set_tcp(cli* session, int, char** argv) {
     int status = 0;
     const std::int32_t port = cmd_str2int(argv[1], &status);
     if (status < 0 || !agentx_set_tcp(&target, argv[0], static_cast<std::uint16_t>(port)))
-        return refuse(session, "Not a numeric address or localhost");
+        return cli_refuse(session, "Not a numeric address or localhost");
     return use_target(session, target);
 }
 

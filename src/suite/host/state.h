@@ -10,15 +10,7 @@
 #include "suite/command/cli.h"
 #include "suite/command/tree.h"
 #include "suite/host/host.h"
-#include "suite/loop/thread.h"
-#include "suite/process/listener.h"
-#include "suite/terminal/password.h"
 
-struct session;
-struct tcp_terminal;
-
-constexpr std::size_t HOST_NAME_SIZE = 64;
-constexpr std::uint32_t HOST_DEFAULT_EXEC_TIMEOUT_S = 600;
 constexpr std::size_t HOST_PENDING_MAX = 4 * 1024 * 1024;  // octets of kept lines
 
 // A line of the configuration file that waits. Text follows the record.
@@ -42,26 +34,16 @@ struct pending_block {
 
 struct host_state {
     lib_globals* ctx;
-    char name[HOST_NAME_SIZE];          // empty: the system's name
-    char password[PASSWORD_HASH_SIZE];  // hash; empty: none
-    std::uint32_t exec_timeout_s;       // 0: never
     char* config_file;
     bool unreadable;  // the file was there at start and could not be read
     bool lossy;       // a line could not be kept for want of memory
     pending_block* pending;
     std::size_t pending_octets;
-    session* sessions;
-    std::size_t session_count;
-    listener local;
-    std::uint16_t vty_port;
-    tcp_terminal* tcp;
 };
 
 inline host_state* host_of(const cli* session) {
     return session->zg->host;
 }
-// Says "% TEXT"; what the handler returns then.
-int host_refuse(cli* session, const char* text);
 
 // A `cli` for lines that come from no terminal: all privileges, `mode`, output to out(out_val, ...).
 cli host_plain_session(host_state* host, std::int32_t mode, cli_output out, void* out_val);
@@ -94,9 +76,11 @@ struct text_output {
 int text_output_print(void* out_val, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 int host_commands_install(host_state* host);
-// password, exec-timeout, terminal ... and their configuration lines.
-int host_terminal_install(cli_tree* tree);
-void host_terminal_write(const host_state* host, cli* session);
+// show running-config, startup-config, version, interfaces, events.
+int host_show_install(cli_tree* tree);
+// log ..., show log, and their configuration lines.
+int host_log_install(cli_tree* tree);
+void host_log_write(cli* session);
 
 // What a save would change: lines that would go begin with "-", new ones with "+", the interface line of a
 // changed block stands above it. False when memory is exhausted.

@@ -8,10 +8,11 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <initializer_list>
 
 #include "suite/base/clock.h"
 #include "suite/base/memory.h"
-#include "suite/command/cli.h"
+#include "suite/base/text.h"
 #include "suite/log/sinks.h"
 
 namespace {
@@ -41,12 +42,6 @@ struct {
 std::time_t stamped = -1;  // the second of the time that is kept formatted
 
 bool formatting;  // a tap that logs in spite of its contract must not recurse
-
-const char* level_word(int level) {
-    if (level <= LOG_LEVEL_ERROR) return "error";
-    if (level == LOG_LEVEL_WARNING) return "warning";
-    return level <= LOG_LEVEL_INFO ? "info" : "debug";
-}
 
 void ring_copy_in(const void* from, std::size_t count) {
     const std::size_t at = (ring.first + ring.used) % RING_OCTETS;
@@ -114,7 +109,17 @@ void log_line(int level, const char* format, va_list args) {
     formatting = false;
 }
 
+void report_memory(const char* text) {
+    log_suite(LOG_LEVEL_ERROR, "%s", text);
+}
+
 }  // namespace
+
+const char* log_level_word(int level) {
+    if (level <= LOG_LEVEL_ERROR) return "error";
+    if (level == LOG_LEVEL_WARNING) return "warning";
+    return level <= LOG_LEVEL_INFO ? "info" : "debug";
+}
 
 std::size_t log_format_prefix(char* out, std::size_t size, int level) {
     // The part that changes once a second is kept: what the time zone costs is paid only then.
@@ -130,8 +135,9 @@ std::size_t log_format_prefix(char* out, std::size_t size, int level) {
         std::snprintf(zone, sizeof zone, "%c%02ld:%02ld", offset < 0 ? '-' : '+', minutes / 60, minutes % 60);
         stamped = seconds;
     }
-    const int n = std::snprintf(out, size, "%s.%03u%s %s ", stamp,
-                                static_cast<unsigned>(now % NS_PER_S / NS_PER_MS), zone, level_word(level));
+    const int n =
+        std::snprintf(out, size, "%s.%03u%s %s ", stamp, static_cast<unsigned>(now % NS_PER_S / NS_PER_MS),
+                      zone, log_level_word(level));
     return n < 0 ? 0 : static_cast<std::size_t>(n) < size ? static_cast<std::size_t>(n) : size - 1;
 }
 
@@ -157,6 +163,7 @@ bool log_wants(int level) {
 }
 
 void log_open(const char* progname) {
+    memmgr_set_report(report_memory);
     log_syslog_open(progname);
     stamped = -1;
     // Without memory for it there are just no recent lines to show.
@@ -189,7 +196,7 @@ int log_set_file(const char* path) {
 
 bool log_level_of(const char* word, int* level) {
     for (const int known : {LOG_LEVEL_ERROR, LOG_LEVEL_WARNING, LOG_LEVEL_INFO, LOG_LEVEL_DEBUG}) {
-        if (std::strcmp(word, level_word(known)) != 0) continue;
+        if (std::strcmp(word, log_level_word(known)) != 0) continue;
         *level = known;
         return true;
     }
@@ -200,19 +207,8 @@ void log_set_level(int level) {
     settings.level = level;
 }
 
-int log_config_write(cli* session) {
-    const unsigned differs = settings.sinks ^ settings.default_sinks;
-    if (differs & LOG_SINK_STDERR) {
-        session->out_func(session->out_val, "%slog stderr\n", settings.sinks & LOG_SINK_STDERR ? "" : "no ");
-    }
-    if (differs & LOG_SINK_SYSLOG) {
-        session->out_func(session->out_val, "%slog syslog\n", settings.sinks & LOG_SINK_SYSLOG ? "" : "no ");
-    }
-    if (log_file_path() != nullptr) session->out_func(session->out_val, "log file %s\n", log_file_path());
-    if (settings.level != LOG_LEVEL_DEBUG) {
-        session->out_func(session->out_val, "log level %s\n", level_word(settings.level));
-    }
-    return CLI_SUCCESS;
+log_settings log_get_settings() {
+    return {settings.sinks, settings.default_sinks, settings.level, log_file_path()};
 }
 
 int log_add_tap(log_tap tap, void* arg) {

@@ -29,10 +29,14 @@ void log_set_default_sinks(unsigned sinks);
 int log_set_file(const char* path);
 void log_set_level(int level);
 bool log_level_of(const char* word, int* level);  // "error", "warning", "info", "debug"
+const char* log_level_word(int level);
 
-// The platform's own configuration lines ("log file ...\n"), through a printf-like output.
-struct cli;
-int log_config_write(cli* session);
+struct log_settings {
+    unsigned sinks, default_sinks;  // `log_sink` bits in use, and those of log_set_default_sinks
+    int level;
+    const char* file;  // null: none
+};
+log_settings log_get_settings();
 
 // Taps: terminals with `terminal monitor`, and tests. Called with the finished line without newline. A tap
 // must neither block nor log.

@@ -15,10 +15,10 @@
 #include <climits>
 #include <cstring>
 
+#include "suite/base/context.h"
 #include "suite/base/memory.h"
 #include "suite/log/log.h"
 #include "suite/loop/master.h"
-#include "suite/start/lib.h"
 
 constexpr std::size_t CHUNK_EVENTS = 64;
 struct thread_chunk {

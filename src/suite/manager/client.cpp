@@ -355,7 +355,7 @@ nsm_client* nsm_client_create(lib_globals* ctx, std::uint32_t) {
         memmgr_free(nc, MTYPE_NSM);
         return nullptr;
     }
-    nsm_client_cli_set(nc);
+    ctx->nsm = nc;
     return nc;
 }
 
@@ -400,7 +400,7 @@ void nsm_client_stop(nsm_client* nc) {
     thread_cancel(nc->retry);
     nc->retry = nullptr;
     nc->stopped = true;
-    nsm_client_cli_set(nullptr);
+    if (nc->ctx->nsm == nc) nc->ctx->nsm = nullptr;
     if (!nc->handling) free_client(nc);
 }
 

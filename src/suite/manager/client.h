@@ -5,8 +5,8 @@
 
 #include <cstdint>
 
+#include "suite/base/context.h"
 #include "suite/manager/wire.h"
-#include "suite/start/lib.h"
 
 struct nsm_client;
 
@@ -80,6 +80,3 @@ struct nsm_client_stats {
     std::uint64_t connects, messages_in, messages_out, dropped, requests_kept;
 };
 nsm_client_stats nsm_client_get_stats(const nsm_client* nc);
-
-// Installs `show nsm`, which shows the client that was created last.
-int nsm_client_cli_init(lib_globals* ctx);

@@ -76,11 +76,11 @@ bool was_mentioned(const nsm_client* nc, std::uint32_t ifindex) {
 // The socket knows the port from before its bind hook to after its unbind hook, as either may send.
 void bind_interface(nsm_client* nc, interface* intf) {
     slow_socket_port_bound(intf);
-    if_bind(&nc->ctx->ifm, intf);
+    if_bind(nc->ctx->ifm, intf);
 }
 
 void unbind_interface(nsm_client* nc, interface* intf) {
-    if_unbind(&nc->ctx->ifm, intf);
+    if_unbind(nc->ctx->ifm, intf);
     intf->up = false;
     slow_socket_port_unbound(intf);
     nsm_client_requests_port_gone(nc, intf->ifindex);
@@ -88,7 +88,7 @@ void unbind_interface(nsm_client* nc, interface* intf) {
 
 void remove_interface(nsm_client* nc, interface* intf) {
     unbind_interface(nc, intf);
-    if_remove(&nc->ctx->ifm, intf);
+    if_remove(nc->ctx->ifm, intf);
 }
 
 void take_over_addresses(interface* intf, const link_record& r) {
@@ -99,7 +99,7 @@ void take_over_addresses(interface* intf, const link_record& r) {
 // The known interface of that index, if it is still the same one. A record that has another name, or whose
 // name now belongs to this index, is an interface that is gone.
 interface* known_interface(nsm_client* nc, const link_record& r) {
-    if_master* ifm = &nc->ctx->ifm;
+    if_master* ifm = nc->ctx->ifm;
     interface* namesake = if_lookup_by_name(ifm, r.name);
     if (namesake && namesake->ifindex != r.ifindex) remove_interface(nc, namesake);
     interface* intf = if_lookup_by_index(ifm, r.ifindex);
@@ -112,9 +112,9 @@ interface* known_interface(nsm_client* nc, const link_record& r) {
 
 void deliver_link_state(nsm_client* nc, interface* intf, bool up) {
     if (up)
-        if_up(&nc->ctx->ifm, intf);
+        if_up(nc->ctx->ifm, intf);
     else
-        if_down(&nc->ctx->ifm, intf);
+        if_down(nc->ctx->ifm, intf);
 }
 
 }  // namespace
@@ -133,7 +133,7 @@ void nsm_client_link_add(nsm_client* nc, const_octets body) {
     }
     mention(nc, r.ifindex);
     interface* intf = known_interface(nc, r);
-    if (!intf) intf = if_add(&nc->ctx->ifm, r.name, r.ifindex, r.type);
+    if (!intf) intf = if_add(nc->ctx->ifm, r.name, r.ifindex, r.type);
     if (!intf) {
         nsm_client_fault_seen(nc, nsm_client_fault::memory, "no memory for interface %s", r.name);
         return;
@@ -151,7 +151,7 @@ void nsm_client_link_add(nsm_client* nc, const_octets body) {
 void nsm_client_link_delete(nsm_client* nc, const_octets body) {
     const std::uint32_t ifindex = get_be32(body, 0);
     const std::uint32_t flags = body.size() >= 8 ? get_be32(body, 4) : 0;
-    interface* intf = if_lookup_by_index(&nc->ctx->ifm, ifindex);
+    interface* intf = if_lookup_by_index(nc->ctx->ifm, ifindex);
     if (!intf) {
         log_suite(LOG_LEVEL_DEBUG, "NSM: unknown interface %" PRIu32 " deleted", ifindex);
         return;
@@ -163,7 +163,7 @@ void nsm_client_link_delete(nsm_client* nc, const_octets body) {
 
 void nsm_client_link_updown(nsm_client* nc, const_octets body, bool up) {
     const std::uint32_t ifindex = get_be32(body, 0);
-    interface* intf = if_lookup_by_index(&nc->ctx->ifm, ifindex);
+    interface* intf = if_lookup_by_index(nc->ctx->ifm, ifindex);
     if (!intf) {
         log_suite(LOG_LEVEL_DEBUG, "NSM: unknown interface %" PRIu32 " went %s", ifindex, up ? "up" : "down");
         return;
@@ -181,7 +181,7 @@ void nsm_client_dump_end(nsm_client* nc) {
     if (nc->mention_lost) {
         log_suite(LOG_LEVEL_ERROR, "NSM: no memory to compare the interfaces; those that left are kept");
     } else {
-        const if_master* ifm = &nc->ctx->ifm;
+        const if_master* ifm = nc->ctx->ifm;
         for (std::size_t i = 0; i < ifm->count && !nc->stopped;) {
             interface* intf = ifm->items[i];
             if (was_mentioned(nc, intf->ifindex)) {

@@ -92,6 +92,3 @@ void nsm_client_requests_free(nsm_client* nc);
 void nsm_client_requests_restate(nsm_client* nc);  // marks all that still make sense and begins to send
 void nsm_client_requests_flush(nsm_client* nc);    // sends what is pending, as far as the link takes it
 void nsm_client_requests_port_gone(nsm_client* nc, std::uint32_t ifindex);
-
-// suite/host/manager_commands.cpp
-void nsm_client_cli_set(const nsm_client* nc);

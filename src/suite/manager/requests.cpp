@@ -11,6 +11,7 @@
 #include "suite/base/memory.h"
 #include "suite/log/log.h"
 #include "suite/manager/record.h"
+#include "suite/ports/interface.h"
 
 namespace {
 
@@ -59,7 +60,7 @@ int request(nsm_client* nc, nsm_client_request r) {
 }
 
 bool port_exists(const nsm_client* nc, std::uint32_t ifindex) {
-    const interface* intf = if_lookup_by_index(&nc->ctx->ifm, ifindex);
+    const interface* intf = if_lookup_by_index(nc->ctx->ifm, ifindex);
     return intf && intf->bound;
 }
 

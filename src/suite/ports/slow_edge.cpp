@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "suite/base/address_family.h"
 #include "suite/log/log.h"
 #include "suite/ports/slow_socket.h"
 

@@ -26,7 +26,6 @@
 #include "suite/loop/thread.h"
 #include "suite/ports/slow_edge.h"
 #include "suite/ports/slow_ports.h"
-#include "suite/ports/slow_socket_show.h"
 
 namespace {
 
@@ -351,7 +350,7 @@ int slow_socket_open(lib_globals* ctx) {
     }
     loop = ctx;
     prepare_ring();
-    for (const interface* intf : if_list(&ctx->ifm))
+    for (const interface* intf : if_list(ctx->ifm))
         if (intf->bound) slow_socket_port_bound(intf);
     if (opened.kind == slow_kind::packet && ctx->master)
         drops_timer = thread_add_timer_msec(ctx, on_drops_timer, nullptr, DROPS_PERIOD_MS);

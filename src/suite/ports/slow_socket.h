@@ -8,11 +8,10 @@
 #include <cstdint>
 #include <span>
 
+#include "suite/base/context.h"
 #include "suite/base/octets.h"
 #include "suite/ports/interface.h"
-#include "suite/start/lib.h"
 
-constexpr int AF_SLOW_PROTOCOL = 59;
 constexpr std::size_t SLOW_PAYLOAD_MIN =
     46;  // what an Ethernet frame must carry; shorter payloads are padded with zeros
 
@@ -41,6 +40,22 @@ ssize_t slow_recvfrom(int fd, octets payload, slow_address* from);
 void slow_socket_port_bound(const interface* intf);
 void slow_socket_port_unbound(const interface* intf);
 
+enum class slow_kind : std::uint8_t {
+    closed,
+    native,    // the switch kernel's own family: datagrams and addresses as the daemon wants them
+    packet,    // AF_PACKET: whole Ethernet frames, kernel indexes
+    replaced,  // a test's edge: whole Ethernet frames, kernel indexes
+};
+
+struct slow_opened {
+    int fd;  // or a negative errno; while closed -1
+    slow_kind kind;
+    bool filtered;                    // packet: the kernel hands over nothing but untagged ESMC frames
+    int receive_buffer, send_buffer;  // octets, as the kernel counts them
+};
+
+slow_opened slow_socket_opened();
+
 struct slow_port_stats {
     std::uint64_t frames_in, frames_out;
     std::uint64_t limited;  // frames dropped because the port brought too many
@@ -63,9 +78,6 @@ struct slow_stats {
 };
 slow_stats slow_socket_stats();
 void slow_socket_count_short();  // the reader dropped a frame that was too short
-
-// Installs `show slow-protocols`.
-int slow_socket_cli_init(lib_globals* ctx);
 
 // The tiny edge that tests replace. `open` returns a descriptor or a negative errno; with a replaced edge
 // whole Ethernet frames go through `send`/`receive` with the kernel index, one frame a call, and no socket

@@ -22,8 +22,9 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
-#include "suite/ports/slow_socket.h"
+#include "suite/base/address_family.h"
 #include "suite/rights/rights.h"
 
 // The sanitizers' run time makes calls of its own, at the end above all.

@@ -12,6 +12,7 @@
 #include "suite/host/host.h"
 #include "suite/log/log.h"
 #include "suite/loop/thread.h"
+#include "suite/ports/interface.h"
 
 namespace {
 
@@ -22,8 +23,13 @@ char program_name[64] = "esmcd";
 lib_globals* lib_create(const char* name) {
     lib_globals* ctx = static_cast<lib_globals*>(memmgr_calloc(sizeof(lib_globals), MTYPE_LIB));
     if (ctx == nullptr) return nullptr;
+    ctx->ifm = static_cast<if_master*>(memmgr_calloc(sizeof(if_master), MTYPE_IF));
+    if (ctx->ifm == nullptr) {
+        memmgr_free(ctx, MTYPE_LIB);
+        return nullptr;
+    }
+    ctx->ifm->ctx = ctx;
     if (name != nullptr) std::snprintf(program_name, sizeof program_name, "%s", name);
-    ctx->ifm.ctx = ctx;
     return ctx;
 }
 
@@ -42,15 +48,12 @@ void lib_stop(lib_globals* ctx) {
     ctx->ctree = nullptr;
     thread_master_finish(ctx->master);
     ctx->master = nullptr;
-    if_finish(&ctx->ifm);
+    if_finish(ctx->ifm);
+    memmgr_free(ctx->ifm, MTYPE_IF);
     memmgr_free(ctx, MTYPE_LIB);
 }
 
 void print_version(const char* progname) {
     std::printf("%s version %s\n", progname, lib_version());
     std::fflush(stdout);
-}
-
-const char* lib_version() {
-    return ESMC_VERSION;
 }

@@ -3,8 +3,8 @@
 #include <cstring>
 
 #include "suite/base/octets.h"
-#include "suite/host/state.h"
 #include "suite/terminal/stages.h"
+#include "suite/terminal/terminal.h"
 
 namespace {
 

@@ -4,6 +4,7 @@
 
 #include "suite/command/tree.h"
 #include "suite/terminal/session.h"
+#include "suite/terminal/terminal.h"
 
 namespace {
 

@@ -10,11 +10,9 @@
 #include "suite/base/slice.h"
 #include "suite/command/completion.h"
 #include "suite/command/parse.h"
-#include "suite/host/state.h"
 #include "suite/log/log.h"
 #include "suite/terminal/stages.h"
-#include "suite/terminal/tcp.h"
-
+#include "suite/terminal/terminal.h"
 namespace {
 
 constexpr std::size_t KEYS_WAIT_ABOVE = 8 * 1024;  // unsent octets

@@ -8,7 +8,7 @@
 namespace {
 
 void on_connection(void* arg, int fd, const sockaddr_storage&) {
-    session* s = session_create(static_cast<host_state*>(arg)->ctx, fd, session_kind::local);
+    session* s = session_create(static_cast<terminal_state*>(arg)->ctx, fd, session_kind::local);
     if (!s) return;
     std::strcpy(s->peer, "local");
     session_settle(s);
@@ -16,13 +16,14 @@ void on_connection(void* arg, int fd, const sockaddr_storage&) {
 
 }  // namespace
 
-int local_terminal_start(host_state* host, const char* path) {
-    const int result = listener_start_unix(&host->local, host->ctx, path, SOCK_STREAM, on_connection, host);
+int local_terminal_start(terminal_state* terminals, const char* path) {
+    const int result =
+        listener_start_unix(&terminals->local, terminals->ctx, path, SOCK_STREAM, on_connection, terminals);
     if (result == 0) return 0;
     log_suite(LOG_LEVEL_ERROR, "local terminal %s: %s", path, std::strerror(-result));
     return -1;
 }
 
-void local_terminal_stop(host_state* host) {
-    listener_stop(&host->local);
+void local_terminal_stop(terminal_state* terminals) {
+    listener_stop(&terminals->local);
 }

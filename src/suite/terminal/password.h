@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <string_view>
 
-#include "suite/start/lib.h"
+#include "suite/base/context.h"
 
 constexpr std::size_t PASSWORD_HASH_SIZE = 384;
 constexpr std::size_t PASSWORD_MAX = 128;  // octets of a password

@@ -14,10 +14,10 @@
 
 #include "suite/base/memory.h"
 #include "suite/base/slice.h"
-#include "suite/host/state.h"
 #include "suite/log/log.h"
 #include "suite/terminal/password.h"
 #include "suite/terminal/stages.h"
+#include "suite/terminal/terminal.h"
 
 namespace {
 
@@ -57,7 +57,7 @@ void init_cli(session* s) {
     s->c.out_func = print_to_session;
     s->c.out_val = s;
     s->c.zg = s->ctx;
-    s->c.ifm = &s->ctx->ifm;
+    s->c.ifm = s->ctx->ifm;
     s->c.mode = EXEC_MODE;
     s->c.privilege = PRIVILEGE_MAX;
     s->c.line = s;
@@ -199,7 +199,7 @@ int on_writable(thread* event) {
 }
 
 void arm_timer(session* s) {
-    std::uint32_t limit = s->ctx->host->exec_timeout_s;
+    std::uint32_t limit = s->ctx->terminals->exec_timeout_s;
     if (s->timer || limit == 0 || s->stage == session_stage::delayed) return;
     nanoseconds due = s->active + limit * NS_PER_S, now = thread_now(s->ctx);
     std::uint64_t left = due > now ? (due - now + NS_PER_MS - 1) / NS_PER_MS : 0;
@@ -216,7 +216,7 @@ int on_timer(thread* event) {
         session_settle(s);
         return 0;
     }
-    std::uint32_t limit = s->ctx->host->exec_timeout_s;
+    std::uint32_t limit = s->ctx->terminals->exec_timeout_s;
     bool idle = !s->busy && limit && thread_now(s->ctx) - s->active >= limit * NS_PER_S;
     if (idle && (s->stage != session_stage::batch || unsent(s))) {
         session_write(s, "\n% Idle for too long\n");
@@ -232,9 +232,10 @@ int on_timer(thread* event) {
 }  // namespace
 
 session* session_create(lib_globals* ctx, int fd, session_kind kind) {
-    host_state* host = ctx->host;
+    terminal_state* terminals = ctx->terminals;
     std::size_t same_kind = 0;
-    for (const session* other = host->sessions; other; other = other->next) same_kind += other->kind == kind;
+    for (const session* other = terminals->sessions; other; other = other->next)
+        same_kind += other->kind == kind;
     if (same_kind >= SESSION_MAX) {
         static const char text[] = "% Too many sessions\r\n";
         (void)send(fd, text, sizeof text - 1, MSG_DONTWAIT | MSG_NOSIGNAL);  // closed in any case
@@ -255,18 +256,18 @@ session* session_create(lib_globals* ctx, int fd, session_kind kind) {
     s->out.limit = SESSION_OUTPUT_MAX;
     s->active = thread_now(ctx);
     init_cli(s);
-    s->next = host->sessions;
-    host->sessions = s;
-    host->session_count++;
+    s->next = terminals->sessions;
+    terminals->sessions = s;
+    terminals->session_count++;
     return s;
 }
 
 void session_close(session* s) {
-    host_state* host = s->ctx->host;
-    for (session** at = &host->sessions; *at; at = &(*at)->next) {
+    terminal_state* terminals = s->ctx->terminals;
+    for (session** at = &terminals->sessions; *at; at = &(*at)->next) {
         if (*at != s) continue;
         *at = s->next;
-        host->session_count--;
+        terminals->session_count--;
         break;
     }
     (void)session_monitor(s, false);  // taking a tap away can't fail

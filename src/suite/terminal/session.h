@@ -1,7 +1,8 @@
 // Terminal sessions: one connected client each, local (Unix socket) or TCP. A session owns its descriptor,
-// its input and output buffers and the `cli` that handlers see; the host owns the list of sessions. At most
-// one line is run a loop event, and none while the output of the former one has not gone out, so a session
-// can neither hold the loop nor grow: its output is limited, and a client that does not read it is closed.
+// its input and output buffers and the `cli` that handlers see; the terminals' record owns the list of
+// sessions. At most one line is run a loop event, and none while the output of the former one has not gone
+// out, so a session can neither hold the loop nor grow: its output is limited, and a client that does not
+// read it is closed.
 #pragma once
 
 #include <cstdint>
@@ -10,8 +11,8 @@
 #include "suite/base/clock.h"
 #include "suite/base/text.h"
 #include "suite/command/cli.h"
-#include "suite/loop/thread.h"
 #include "suite/editor/line_editor.h"
+#include "suite/loop/thread.h"
 #include "suite/terminal/telnet.h"
 #include "suite/terminal/wire.h"
 
@@ -32,7 +33,7 @@ enum class session_stage : std::uint8_t {
 struct session {
     cli c;  // what handlers see; c.line points to this record
     lib_globals* ctx;
-    session* next;  // host's list
+    session* next;  // list of terminal_state
     int fd;
     session_kind kind;
     session_stage stage;

@@ -1,63 +1,81 @@
-// Commands about the terminals themselves: password, idle limit, pages, log lines on the screen.
+// Commands about the terminals themselves: name in the prompt, password, idle limit, pages, log lines on the
+// screen.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
 
-#include "suite/host/state.h"
 #include "suite/log/log.h"
 #include "suite/terminal/session.h"
+#include "suite/terminal/terminal.h"
 
 namespace {
 
-void keep_password(host_state* host, const char* hash) {
-    std::snprintf(host->password, sizeof host->password, "%s", hash);
+terminal_state* terminals_of(const cli* session) {
+    return session->zg->terminals;
+}
+
+int hostname(cli* session, int, char** argv) {
+    terminal_state* terminals = terminals_of(session);
+    if (std::strlen(argv[0]) >= sizeof terminals->host_name) return cli_refuse(session, "Name too long");
+    std::snprintf(terminals->host_name, sizeof terminals->host_name, "%s", argv[0]);
+    return CLI_SUCCESS;
+}
+
+int no_hostname(cli* session, int, char**) {
+    terminals_of(session)->host_name[0] = 0;
+    return CLI_SUCCESS;
+}
+
+void keep_password(terminal_state* terminals, const char* hash) {
+    std::snprintf(terminals->password, sizeof terminals->password, "%s", hash);
 }
 
 // The hash is there. Its session may be gone; the command counts all the same.
 void on_hashed(lib_globals* ctx, void* owner, const char* hash) {
     auto* s = static_cast<session*>(owner);
-    if (hash) keep_password(ctx->host, hash);
+    if (hash) keep_password(ctx->terminals, hash);
     if (!hash && s) session_write(s, "% The password can't be hashed\n");
     if (!hash && !s) log_suite(LOG_LEVEL_ERROR, "the password can't be hashed");
     if (s) session_finish(s, hash != nullptr);
 }
 
 int password(cli* session, int, char** argv) {
-    host_state* host = host_of(session);
-    if (!password_supported()) return host_refuse(session, "This build has no password check");
-    if (std::strlen(argv[0]) > PASSWORD_MAX) return host_refuse(session, "Password too long");
+    terminal_state* terminals = terminals_of(session);
+    if (!password_supported()) return cli_refuse(session, "This build has no password check");
+    if (std::strlen(argv[0]) > PASSWORD_MAX) return cli_refuse(session, "Password too long");
     if (session->line) {
         struct session* s = session_of(session);
         s->busy = password_start(session->zg, argv[0], nullptr, on_hashed, s) != nullptr;
-        return s->busy ? CLI_SUCCESS : host_refuse(session, "The password can't be hashed");
+        return s->busy ? CLI_SUCCESS : cli_refuse(session, "The password can't be hashed");
     }
     char hash[PASSWORD_HASH_SIZE];
-    if (!password_hash_now(argv[0], hash)) return host_refuse(session, "The password can't be hashed");
-    keep_password(host, hash);
+    if (!password_hash_now(argv[0], hash)) return cli_refuse(session, "The password can't be hashed");
+    keep_password(terminals, hash);
     return CLI_SUCCESS;
 }
 
 int password_encrypted(cli* session, int, char** argv) {
-    if (!password_is_hash(argv[0])) return host_refuse(session, "Not the hash of a password");
-    keep_password(host_of(session), argv[0]);
+    if (!password_is_hash(argv[0])) return cli_refuse(session, "Not the hash of a password");
+    keep_password(terminals_of(session), argv[0]);
     return CLI_SUCCESS;
 }
 
 int no_password(cli* session, int, char**) {
-    host_of(session)->password[0] = 0;
+    terminals_of(session)->password[0] = 0;
     return CLI_SUCCESS;
 }
 
 int exec_timeout(cli* session, int, char** argv) {
-    host_of(session)->exec_timeout_s = static_cast<std::uint32_t>(std::strtoul(argv[0], nullptr, 10)) * 60;
-    sessions_rearm(host_of(session)->sessions);
+    terminals_of(session)->exec_timeout_s =
+        static_cast<std::uint32_t>(std::strtoul(argv[0], nullptr, 10)) * 60;
+    sessions_rearm(terminals_of(session)->sessions);
     return CLI_SUCCESS;
 }
 
 int no_exec_timeout(cli* session, int, char**) {
-    host_of(session)->exec_timeout_s = HOST_DEFAULT_EXEC_TIMEOUT_S;
-    sessions_rearm(host_of(session)->sessions);
+    terminals_of(session)->exec_timeout_s = DEFAULT_EXEC_TIMEOUT_S;
+    sessions_rearm(terminals_of(session)->sessions);
     return CLI_SUCCESS;
 }
 
@@ -68,7 +86,7 @@ int terminal_length(cli* session, int, char** argv) {
 
 int terminal_monitor(cli* session, int, char**) {
     if (session_monitor(session_of(session), true)) return CLI_SUCCESS;
-    return host_refuse(session, "Too many terminals show the log");
+    return cli_refuse(session, "Too many terminals show the log");
 }
 
 int no_terminal_monitor(cli* session, int, char**) {
@@ -77,6 +95,7 @@ int no_terminal_monitor(cli* session, int, char**) {
 }
 
 const cli_element config_commands[] = {
+    {"hostname WORD", hostname},          {"no hostname", no_hostname},
     {"password WORD", password},          {"password encrypted WORD", password_encrypted},
     {"no password", no_password},         {"exec-timeout <0-35791>", exec_timeout},
     {"no exec-timeout", no_exec_timeout},
@@ -89,6 +108,8 @@ const cli_element terminal_commands[] = {
 };
 
 const cli_help help_texts[] = {
+    {"", "hostname", "Name of this switch in the prompt"},
+    {"hostname", "WORD", "Name, at most 63 octets"},
     {"", "exec-timeout", "Minutes after which an idle terminal is closed (default 10)"},
     {"exec-timeout", "<0-35791>", "Minutes; 0: never"},
     {"", "password", "Password of the TCP terminal"},
@@ -103,13 +124,16 @@ const cli_help help_texts[] = {
 
 }  // namespace
 
-void host_terminal_write(const host_state* host, cli* session) {
-    if (host->password[0]) session->out_func(session->out_val, "password encrypted %s\n", host->password);
-    if (host->exec_timeout_s != HOST_DEFAULT_EXEC_TIMEOUT_S)
-        session->out_func(session->out_val, "exec-timeout %u\n", host->exec_timeout_s / 60);
+void terminals_write(cli* session) {
+    const terminal_state* terminals = terminals_of(session);
+    if (terminals->host_name[0]) session->out_func(session->out_val, "hostname %s\n", terminals->host_name);
+    if (terminals->password[0])
+        session->out_func(session->out_val, "password encrypted %s\n", terminals->password);
+    if (terminals->exec_timeout_s != DEFAULT_EXEC_TIMEOUT_S)
+        session->out_func(session->out_val, "exec-timeout %u\n", terminals->exec_timeout_s / 60);
 }
 
-int host_terminal_install(cli_tree* tree) {
+int terminals_install(cli_tree* tree) {
     int result = 0;
     for (const cli_element& element : config_commands)
         result |= cli_install_gen(tree, CONFIG_MODE, PRIVILEGE_MAX, 0, &element);

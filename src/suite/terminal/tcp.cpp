@@ -1,8 +1,6 @@
 // The TCP terminal: listens on the loopback addresses only and asks for a password. Wrong passwords cost
 // time: after three of them the answer is held back, longer with each session of that source, the session
 // closed, and the source sent away until that time is over. A right password clears the source's record.
-#include "suite/terminal/tcp.h"
-
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -35,7 +33,7 @@ struct bad_source {
 }  // namespace
 
 struct tcp_terminal {
-    host_state* host;
+    terminal_state* terminals;
     listener listeners[2];
     bad_source sources[SOURCES];
 };
@@ -100,7 +98,7 @@ void ask_password(session* s) {
 }
 
 void open_session(tcp_terminal* tcp, int fd, const sockaddr_storage& peer) {
-    session* s = session_create(tcp->host->ctx, fd, session_kind::tcp);
+    session* s = session_create(tcp->terminals->ctx, fd, session_kind::tcp);
     if (!s) return;
     int on = 1;
     (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // only makes keys wait
@@ -121,7 +119,7 @@ void open_session(tcp_terminal* tcp, int fd, const sockaddr_storage& peer) {
 
 void on_connection(void* arg, int fd, const sockaddr_storage& peer) {
     auto* tcp = static_cast<tcp_terminal*>(arg);
-    if (!tcp->host->password[0])
+    if (!tcp->terminals->password[0])
         send_away(fd, "% No terminal password is configured\r\n");
     else
         open_session(tcp, fd, peer);
@@ -158,9 +156,9 @@ int listen_at(int family, std::uint16_t port) {
 void on_checked(lib_globals* ctx, void* owner, const char* hash) {
     auto* s = static_cast<session*>(owner);
     if (!s) return;
-    tcp_terminal* tcp = ctx->host->tcp;
+    tcp_terminal* tcp = ctx->terminals->tcp;
     s->busy = false;
-    if (hash && ctx->host->password[0] && std::strcmp(hash, ctx->host->password) == 0) {
+    if (hash && ctx->terminals->password[0] && std::strcmp(hash, ctx->terminals->password) == 0) {
         if (bad_source* source = find_source(tcp, s->source)) *source = {};
         log_suite(LOG_LEVEL_INFO, "terminal opened from %s", s->peer);
         s->editor->hidden = false;
@@ -180,36 +178,37 @@ void on_checked(lib_globals* ctx, void* owner, const char* hash) {
 
 void tcp_password_line(session* s, std::string_view line) {
     if (line.size() > PASSWORD_MAX) line = "";  // no password is empty: this one is wrong
-    s->busy = password_start(s->ctx, line, s->ctx->host->password, on_checked, s) != nullptr;
+    s->busy = password_start(s->ctx, line, s->ctx->terminals->password, on_checked, s) != nullptr;
     if (s->busy) return;
     session_write(s, "% Passwords can't be checked now\n");
     s->ending = true;
 }
 
-void tcp_terminal_start(host_state* host) {
-    if (host->vty_port == 0 || host->tcp) return;
+void tcp_terminal_start(terminal_state* terminals) {
+    if (terminals->vty_port == 0 || terminals->tcp) return;
     auto* tcp = static_cast<tcp_terminal*>(memmgr_calloc(sizeof(tcp_terminal), MTYPE_HOST));
     if (!tcp) {
         log_suite(LOG_LEVEL_ERROR, "TCP terminal: out of memory");
         return;
     }
-    tcp->host = host;
-    host->tcp = tcp;
+    tcp->terminals = terminals;
+    terminals->tcp = tcp;
     constexpr int families[2] = {AF_INET, AF_INET6};
     for (std::size_t i = 0; i < 2; i++) {
-        int result = listen_at(families[i], host->vty_port);
-        if (result >= 0) result = listener_start(&tcp->listeners[i], host->ctx, result, on_connection, tcp);
+        int result = listen_at(families[i], terminals->vty_port);
+        if (result >= 0)
+            result = listener_start(&tcp->listeners[i], terminals->ctx, result, on_connection, tcp);
         if (result == 0) continue;
         int level = families[i] == AF_INET6 && result == -EAFNOSUPPORT ? LOG_LEVEL_INFO : LOG_LEVEL_ERROR;
-        log_suite(level, "TCP terminal on %s port %u: %s", i ? "::1" : "127.0.0.1", host->vty_port,
+        log_suite(level, "TCP terminal on %s port %u: %s", i ? "::1" : "127.0.0.1", terminals->vty_port,
                   std::strerror(-result));
     }
 }
 
-void tcp_terminal_stop(host_state* host) {
-    tcp_terminal* tcp = host->tcp;
+void tcp_terminal_stop(terminal_state* terminals) {
+    tcp_terminal* tcp = terminals->tcp;
     if (!tcp) return;
     for (listener& l : tcp->listeners) listener_stop(&l);
     memmgr_free(tcp, MTYPE_HOST);
-    host->tcp = nullptr;
+    terminals->tcp = nullptr;
 }

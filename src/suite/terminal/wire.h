@@ -24,6 +24,8 @@
 #include <cstddef>
 #include <cstdint>
 
+constexpr const char* TERMINAL_LOCAL_SOCKET = "/run/esmcd.vty";
+
 constexpr std::size_t SESSION_LINE_MAX = 64 * 1024;
 constexpr std::uint8_t BATCH_OUTPUT = 'o', BATCH_STATUS = 's';
 constexpr std::size_t BATCH_FRAME_HEADER = 5, BATCH_REQUEST_HEADER = 4;
