@@ -67,8 +67,8 @@ extern const std::span<const cli_help> ssm_json_help;
 extern const std::span<const cli_help> ssm_debug_help;
 
 // Configuration writers.
-int ssm_config_write(cli* session);
-int ssm_interface_config_write(cli* session);
+int ssm_config_write(cli* terminal);
+int ssm_interface_config_write(cli* terminal);
 
 // Installation of what goes beyond the switch's own set of commands (esmcd/install.h puts both together): 0,
 // or negative when something could not be installed.

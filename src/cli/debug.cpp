@@ -45,12 +45,12 @@ constexpr debug_choice shown[] = {
     {"event", SSM_DEBUG_EVENT},
 };
 
-int show_debugging_handler(cli* session, int, char**) {
-    session->out_func(session->out_val, "SSM debugging status:\n");
+int show_debugging_handler(cli* terminal, int, char**) {
+    terminal->out_func(terminal->out_val, "SSM debugging status:\n");
     for (const debug_choice& flag : shown)
         if (ssm_debug & flag.bits)
-            session->out_func(session->out_val, " SSM %s debugging is on\n", flag.keyword);
-    session->out_func(session->out_val, "\n");
+            terminal->out_func(terminal->out_val, " SSM %s debugging is on\n", flag.keyword);
+    terminal->out_func(terminal->out_val, "\n");
     return CLI_SUCCESS;
 }
 

@@ -4,28 +4,29 @@
 #include "cli/handler.h"
 #include "core/opts.h"
 
-bool ssm_cli_number(cli* session, const char* argument, const char* what, std::uint8_t* value) {
+bool ssm_cli_number(cli* terminal, const char* argument, const char* what, std::uint8_t* value) {
     int status = 0;
     const std::int32_t number = cmd_str2int(argument, &status);
     if (status >= 0 && static_cast<std::uint32_t>(number) <= 255) {
         *value = static_cast<std::uint8_t>(number);
         return true;
     }
-    session->out_func(session->out_val, "%% Invalid %s value\n", what);
+    terminal->out_func(terminal->out_val, "%% Invalid %s value\n", what);
     return false;
 }
 
 namespace {
 
 // Roles that were set by hand and SSM exclude each other.
-bool refuse_manual_roles(cli* session) {
+bool refuse_manual_roles(cli* terminal) {
     if (g_s_master->gephy_manual_count == 0) return false;
-    session->out_func(session->out_val, " %% Port gephy role is configured manually, it can't enable ssm\n");
+    terminal->out_func(terminal->out_val,
+                       " %% Port gephy role is configured manually, it can't enable ssm\n");
     return true;
 }
 
-int ssm_enable_handler(cli* session, int argc, char** argv) {
-    if (refuse_manual_roles(session)) return CLI_ERROR;
+int ssm_enable_handler(cli* terminal, int argc, char** argv) {
+    if (refuse_manual_roles(terminal)) return CLI_ERROR;
     // The operation clears the roles of all ports unless selection is to set them, so the flag comes first.
     g_s_master->gephy_dynamic = argc > 0 && ssm_cli_keyword(argv[0], "gephy");
     if (g_s_master->gephy_dynamic)
@@ -33,14 +34,14 @@ int ssm_enable_handler(cli* session, int argc, char** argv) {
                   "%s%sclock synce ssm enable and setting gephy role dynamically");
     else
         SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sclock synce ssm enable");
-    return ssm_cli_finish(session, ssm_opts_set_ssm_enable(1));
+    return ssm_cli_finish(terminal, ssm_opts_set_ssm_enable(1));
 }
 
-int no_ssm_enable_handler(cli* session, int, char**) {
-    if (refuse_manual_roles(session)) return CLI_ERROR;
+int no_ssm_enable_handler(cli* terminal, int, char**) {
+    if (refuse_manual_roles(terminal)) return CLI_ERROR;
     g_s_master->gephy_dynamic = 0;
     SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sno clock synce ssm enable");
-    return ssm_cli_finish(session, ssm_opts_set_ssm_enable(0));
+    return ssm_cli_finish(terminal, ssm_opts_set_ssm_enable(0));
 }
 
 struct quality_word {
@@ -57,34 +58,34 @@ ssm_code local_quality_code(const quality_word (&words)[Count], const char* argu
     return QL_DNU;
 }
 
-int finish_local_quality(cli* session, std::int32_t rv) {
+int finish_local_quality(cli* terminal, std::int32_t rv) {
     if (rv >= 0) return CLI_SUCCESS;
     if (rv == SSM_CLI_E_OPTION_COLLISION)
-        session->out_func(
-            session->out_val,
+        terminal->out_func(
+            terminal->out_val,
             "%% Can't configure QL value,option collision between force quality and local quality \n");
     else
-        session->out_func(session->out_val, "%% Unknown Error %d\n", rv);
+        terminal->out_func(terminal->out_val, "%% Unknown Error %d\n", rv);
     return CLI_ERROR;
 }
 
-int local_quality_op1_handler(cli* session, int, char** argv) {
+int local_quality_op1_handler(cli* terminal, int, char** argv) {
     const ssm_code code = local_quality_code(option1_words, argv[0]);
     SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sclock synce local-quality %s under option1 mode", argv[0]);
-    return finish_local_quality(session, ssm_opts_set_local_quality(code, SSM_OPTION_1));
+    return finish_local_quality(terminal, ssm_opts_set_local_quality(code, SSM_OPTION_1));
 }
 
-int local_quality_op2_handler(cli* session, int, char** argv) {
+int local_quality_op2_handler(cli* terminal, int, char** argv) {
     const ssm_code code = local_quality_code(option2_words, argv[0]);
     SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sclock synce local-quality %s under option2 mode", argv[0]);
-    return finish_local_quality(session, ssm_opts_set_local_quality(code, SSM_OPTION_2));
+    return finish_local_quality(terminal, ssm_opts_set_local_quality(code, SSM_OPTION_2));
 }
 
-int local_priority_handler(cli* session, int, char** argv) {
+int local_priority_handler(cli* terminal, int, char** argv) {
     std::uint8_t priority = 0;
-    if (!ssm_cli_number(session, argv[0], "local-priority", &priority)) return CLI_ERROR;
+    if (!ssm_cli_number(terminal, argv[0], "local-priority", &priority)) return CLI_ERROR;
     SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sclock synce local-priority %s", argv[0]);
-    return ssm_cli_finish(session, ssm_opts_set_local_priority(priority));
+    return ssm_cli_finish(terminal, ssm_opts_set_local_priority(priority));
 }
 
 constexpr cli_help help_texts[] = {

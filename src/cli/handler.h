@@ -19,18 +19,18 @@ inline bool ssm_cli_keyword(const char* argument, std::string_view keyword) {
 }
 
 // How a handler ends: a failed operation is printed.
-inline int ssm_cli_finish(cli* session, std::int32_t rv) {
+inline int ssm_cli_finish(cli* terminal, std::int32_t rv) {
     if (rv >= 0) return CLI_SUCCESS;
-    ssm_cli_result_print(session, rv);
+    ssm_cli_result_print(terminal, rv);
     return CLI_ERROR;
 }
 
 // A number of 0 to 255. Otherwise says which value is wrong, and *value is untouched.
-[[nodiscard]] bool ssm_cli_number(cli* session, const char* argument, const char* what, std::uint8_t* value);
+[[nodiscard]] bool ssm_cli_number(cli* terminal, const char* argument, const char* what, std::uint8_t* value);
 
 // The interface of the interface mode: null when there is none of that name. The session may be older than
 // the interface, which comes and goes with the network services manager.
-interface* ssm_cli_interface(cli* session);
+interface* ssm_cli_interface(cli* terminal);
 
 // A format as a template argument: the command's name in the trace, with the log's two prefix arguments.
 template <std::size_t Size>
@@ -43,14 +43,14 @@ struct ssm_cli_trace {
 
 // Traces, then gives one value to one operation of the switch.
 template <ssm_cli_trace Trace, auto Operation, auto... Values>
-int ssm_cli_global(cli* session, int, char**) {
+int ssm_cli_global(cli* terminal, int, char**) {
     SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, Trace.format);
-    return ssm_cli_finish(session, Operation(Values...));
+    return ssm_cli_finish(terminal, Operation(Values...));
 }
 
 // The same for one port's operation.
 template <ssm_cli_trace Trace, auto Operation, auto Value>
-int ssm_cli_port(cli* session, int, char**) {
+int ssm_cli_port(cli* terminal, int, char**) {
     SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, Trace.format);
-    return ssm_cli_finish(session, Operation(ssm_cli_interface(session), Value));
+    return ssm_cli_finish(terminal, Operation(ssm_cli_interface(terminal), Value));
 }

@@ -8,23 +8,23 @@
 #include "core/opts.h"
 #include "core/ports.h"
 
-interface* ssm_cli_interface(cli* session) {
+interface* ssm_cli_interface(cli* terminal) {
     if (!ssm_instance || !ssm_instance->lib_ctx) return nullptr;
     const if_master* ifm = ssm_instance->lib_ctx->ifm;
     const auto known = if_list(ifm);
-    auto* entered = static_cast<interface*>(session->index);
+    auto* entered = static_cast<interface*>(terminal->index);
     const bool alive = std::find(known.begin(), known.end(), entered) != known.end();
-    const bool same = alive && (!session->name[0] || std::strcmp(entered->name, session->name) == 0);
-    if (!same) session->index = session->name[0] ? ifg_get_by_name(ifm, session->name) : nullptr;
-    return static_cast<interface*>(session->index);
+    const bool same = alive && (!terminal->name[0] || std::strcmp(entered->name, terminal->name) == 0);
+    if (!same) terminal->index = terminal->name[0] ? ifg_get_by_name(ifm, terminal->name) : nullptr;
+    return static_cast<interface*>(terminal->index);
 }
 
 namespace {
 
-int interface_handler(cli* session, int, char** argv) {
-    session->index = ssm_instance ? ifg_get_by_name(ssm_instance->lib_ctx->ifm, argv[0]) : nullptr;
-    session->mode = INTERFACE_MODE;
-    std::snprintf(session->name, sizeof session->name, "%s", argv[0]);
+int interface_handler(cli* terminal, int, char** argv) {
+    terminal->index = ssm_instance ? ifg_get_by_name(ssm_instance->lib_ctx->ifm, argv[0]) : nullptr;
+    terminal->mode = INTERFACE_MODE;
+    std::snprintf(terminal->name, sizeof terminal->name, "%s", argv[0]);
     return CLI_SUCCESS;
 }
 
@@ -34,76 +34,76 @@ ssm_esmc_mode esmc_direction(const char* argument) {
     return SSM_ESMC_ALL;
 }
 
-int esmc_handler(cli* session, int, char** argv) {
+int esmc_handler(cli* terminal, int, char** argv) {
     const ssm_esmc_mode direction = esmc_direction(argv[0]);
     SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sinterface clock synce ssm enable %s", argv[0]);
-    return ssm_cli_finish(session, ssm_opts_set_port_esmc(ssm_cli_interface(session), direction));
+    return ssm_cli_finish(terminal, ssm_opts_set_port_esmc(ssm_cli_interface(terminal), direction));
 }
 
-int no_esmc_handler(cli* session, int, char** argv) {
+int no_esmc_handler(cli* terminal, int, char** argv) {
     const ssm_esmc_mode direction = esmc_direction(argv[0]);
     SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sinterface no clock synce ssm enable");
-    return ssm_cli_finish(session, ssm_opts_unset_port_esmc(ssm_cli_interface(session), direction));
+    return ssm_cli_finish(terminal, ssm_opts_unset_port_esmc(ssm_cli_interface(terminal), direction));
 }
 
-int priority_handler(cli* session, int, char** argv) {
+int priority_handler(cli* terminal, int, char** argv) {
     std::uint8_t priority = 0;
-    if (!ssm_cli_number(session, argv[0], "priority", &priority)) return CLI_ERROR;
+    if (!ssm_cli_number(terminal, argv[0], "priority", &priority)) return CLI_ERROR;
     SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sinterface clock synce priority %s", argv[0]);
-    return ssm_cli_finish(session, ssm_opts_set_port_priority(ssm_cli_interface(session), priority));
+    return ssm_cli_finish(terminal, ssm_opts_set_port_priority(ssm_cli_interface(terminal), priority));
 }
 
-int dnu_group_handler(cli* session, int, char** argv) {
+int dnu_group_handler(cli* terminal, int, char** argv) {
     std::uint8_t group = 0;
-    if (!ssm_cli_number(session, argv[0], "dnu group id", &group)) return CLI_ERROR;
+    if (!ssm_cli_number(terminal, argv[0], "dnu group id", &group)) return CLI_ERROR;
     SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sinterface clock synce dnu group %s", argv[0]);
-    return ssm_cli_finish(session, ssm_opts_set_port_dnu_group(ssm_cli_interface(session), group));
+    return ssm_cli_finish(terminal, ssm_opts_set_port_dnu_group(ssm_cli_interface(terminal), group));
 }
 
 // The one command of its kind without a trace line.
-int no_dnu_group_handler(cli* session, int, char**) {
-    return ssm_cli_finish(session, ssm_opts_set_port_dnu_group(ssm_cli_interface(session), 0));
+int no_dnu_group_handler(cli* terminal, int, char**) {
+    return ssm_cli_finish(terminal, ssm_opts_set_port_dnu_group(ssm_cli_interface(terminal), 0));
 }
 
 std::uint32_t quality_direction(const char* argument) {
     return ssm_cli_keyword(argument, "rx") ? SSM_ESMC_RX : SSM_ESMC_TX;
 }
 
-int quality_handler(cli* session, int, char** argv) {
+int quality_handler(cli* terminal, int, char** argv) {
     SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sinterface clock synce quality-level %s %s", argv[0],
               argv[1]);
     const std::int32_t rv =
-        ssm_opts_set_port_quality(ssm_cli_interface(session), quality_direction(argv[0]), argv[1]);
+        ssm_opts_set_port_quality(ssm_cli_interface(terminal), quality_direction(argv[0]), argv[1]);
     if (rv >= 0) return CLI_SUCCESS;
     if (rv == SSM_CLI_E_QL_OPTION1)
-        session->out_func(session->out_val, "%% Can't configure QL value %s under option1 mode\n", argv[1]);
+        terminal->out_func(terminal->out_val, "%% Can't configure QL value %s under option1 mode\n", argv[1]);
     else if (rv == SSM_CLI_E_QL_OPTION2)
-        session->out_func(session->out_val, "%% Can't configure QL value %s under option2 mode\n", argv[1]);
+        terminal->out_func(terminal->out_val, "%% Can't configure QL value %s under option2 mode\n", argv[1]);
     else if (rv == SSM_CLI_E_INVALID_IF)
-        session->out_func(session->out_val, "%% Invalid interface\n");
+        terminal->out_func(terminal->out_val, "%% Invalid interface\n");
     return CLI_ERROR;
 }
 
 // Fails without a word, as scripts that clear every interface expect.
-int no_quality_handler(cli* session, int, char** argv) {
+int no_quality_handler(cli* terminal, int, char** argv) {
     SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sno interface clock synce quality-level %s", argv[0]);
     const std::int32_t rv =
-        ssm_opts_set_port_quality(ssm_cli_interface(session), quality_direction(argv[0]), "na");
+        ssm_opts_set_port_quality(ssm_cli_interface(terminal), quality_direction(argv[0]), "na");
     return rv < 0 ? CLI_ERROR : CLI_SUCCESS;
 }
 
 // While SSM is on, selection sets the roles.
-bool refuse_role_with_ssm(cli* session) {
+bool refuse_role_with_ssm(cli* terminal) {
     if (!g_s_master->ssm_enable) return false;
-    session->out_func(session->out_val, " %% Synce ssm is enabled, it can't configure port gephy role\n");
+    terminal->out_func(terminal->out_val, " %% Synce ssm is enabled, it can't configure port gephy role\n");
     return true;
 }
 
-int gephy_handler(cli* session, int, char** argv) {
+int gephy_handler(cli* terminal, int, char** argv) {
     const ssm_gephy_role role = ssm_cli_keyword(argv[0], "master") ? SSM_GEPHY_MASTER : SSM_GEPHY_SLAVE;
     SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sclock synce gephy %s", argv[0]);
-    if (refuse_role_with_ssm(session)) return CLI_ERROR;
-    interface* intf = ssm_cli_interface(session);
+    if (refuse_role_with_ssm(terminal)) return CLI_ERROR;
+    interface* intf = ssm_cli_interface(terminal);
     if (ssm_opts_set_gephy_role(intf, 1, role) < 0) return CLI_ERROR;
     // A port counts once, however often its role is changed. Whoever removes the role takes it off again.
     ssm_port* port = ssm_if_port(intf);
@@ -114,10 +114,10 @@ int gephy_handler(cli* session, int, char** argv) {
     return CLI_SUCCESS;
 }
 
-int no_gephy_handler(cli* session, int, char**) {
+int no_gephy_handler(cli* terminal, int, char**) {
     SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sno clock synce gephy");
-    if (refuse_role_with_ssm(session)) return CLI_ERROR;
-    return ssm_opts_set_gephy_role(ssm_cli_interface(session), 0, 0) < 0 ? CLI_ERROR : CLI_SUCCESS;
+    if (refuse_role_with_ssm(terminal)) return CLI_ERROR;
+    return ssm_opts_set_gephy_role(ssm_cli_interface(terminal), 0, 0) < 0 ? CLI_ERROR : CLI_SUCCESS;
 }
 
 constexpr cli_help help_texts[] = {

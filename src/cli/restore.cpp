@@ -7,33 +7,34 @@
 
 namespace {
 
-int switch_force_handler(cli* session, int, char** argv) {
+int switch_force_handler(cli* terminal, int, char** argv) {
     SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sclock synce switch-force %s", argv[0]);
-    interface* intf = if_lookup_by_name(session->ifm, argv[0]);
+    interface* intf = if_lookup_by_name(terminal->ifm, argv[0]);
     if (!intf) {
-        session->out_func(session->out_val, "%% Unknown interface %s\n", argv[0]);
+        terminal->out_func(terminal->out_val, "%% Unknown interface %s\n", argv[0]);
         return CLI_ERROR;
     }
     ssm_port* port = ssm_if_port(intf);
     if (!port) {
-        session->out_func(session->out_val, "%% Interface %s is not a SyncE port\n", argv[0]);
+        terminal->out_func(terminal->out_val, "%% Interface %s is not a SyncE port\n", argv[0]);
         return CLI_ERROR;
     }
-    return ssm_cli_finish(session, ssm_opts_set_force_port(port));
+    return ssm_cli_finish(terminal, ssm_opts_set_force_port(port));
 }
 
-int no_switch_force_handler(cli* session, int, char**) {
+int no_switch_force_handler(cli* terminal, int, char**) {
     SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sno clock synce switch-force");
     const std::int32_t rv = ssm_opts_clear_force();
-    if (rv != SSM_CLI_E_FORCE_CONFLICT) return ssm_cli_finish(session, rv);
-    session->out_func(session->out_val, "%% Both a port and the E1 input are forced, nothing was cleared\n");
+    if (rv != SSM_CLI_E_FORCE_CONFLICT) return ssm_cli_finish(terminal, rv);
+    terminal->out_func(terminal->out_val,
+                       "%% Both a port and the E1 input are forced, nothing was cleared\n");
     return CLI_ERROR;
 }
 
-int recovery_select_handler(cli* session, int, char** argv) {
+int recovery_select_handler(cli* terminal, int, char** argv) {
     SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sclock recovery-select bits %s", argv[0]);
     const ssm_recovery input = ssm_cli_keyword(argv[0], "bits1") ? SSM_RECOVER_BITS1 : SSM_RECOVER_BITS2;
-    return ssm_cli_finish(session, ssm_opts_set_recovery_select(input));
+    return ssm_cli_finish(terminal, ssm_opts_set_recovery_select(input));
 }
 
 constexpr cli_help help_texts[] = {

@@ -38,8 +38,8 @@ void add_port(show_block* block, const char* label, const char* value) {
     add(block, "%-36s: %s\n", label, value);
 }
 
-void write_block(cli* session, const show_block* block) {
-    session->out_func(session->out_val, "%s", block->text);
+void write_block(cli* terminal, const show_block* block) {
+    terminal->out_func(terminal->out_val, "%s", block->text);
 }
 
 const char* name_or_none(const ssm_port* port) {
@@ -52,7 +52,7 @@ void add_dpll(show_block* block) {
     add_global(block, "DPLL running state", ssm_dpll_state_str(g_s_master->dpll_state));
 }
 
-void show_clock(cli* session) {
+void show_clock(cli* terminal) {
     const ssm_master* clock = g_s_master;
     show_block block = {};
     add(&block, "--------------------------  Global Synce Clock Configure  --------------------------\n");
@@ -70,10 +70,10 @@ void show_clock(cli* session) {
     add_global(&block, "Device type", ssm_device_type_str(clock->device_type));
     add(&block, "--------------  DPLL status  -------------\n");
     add_dpll(&block);
-    write_block(session, &block);
+    write_block(terminal, &block);
 }
 
-void show_port(cli* session, const ssm_port* port) {
+void show_port(cli* terminal, const ssm_port* port) {
     show_block block = {};
     add(&block, "------------------------------------------------------------------------\n");
     add_port(&block, "Interface", name_or_none(port));
@@ -90,33 +90,33 @@ void show_port(cli* session, const ssm_port* port) {
     add_port(&block, "Replace clockid", ssm_enable_str(port->replace_clockid));
     add_port(&block, "Send timer running", ssm_enable_str(port->send_timer != nullptr));
     add_port(&block, "Timeout timer running", ssm_enable_str(port->timeout_timer != nullptr));
-    write_block(session, &block);
+    write_block(terminal, &block);
 }
 
-int show_clock_handler(cli* session, int argc, char** argv) {
+int show_clock_handler(cli* terminal, int argc, char** argv) {
     if (argc == 0) {
-        show_clock(session);
+        show_clock(terminal);
         return CLI_SUCCESS;
     }
-    const ssm_port* port = ssm_if_port(if_lookup_by_name(session->ifm, argv[0]));
-    if (port) show_port(session, port);
+    const ssm_port* port = ssm_if_port(if_lookup_by_name(terminal->ifm, argv[0]));
+    if (port) show_port(terminal, port);
     return CLI_SUCCESS;
 }
 
-int show_recovery_select_handler(cli* session, int, char**) {
+int show_recovery_select_handler(cli* terminal, int, char**) {
     constexpr const char* lines[] = {"clock recovery from syncE\n", "clock recovery from bits1\n",
                                      "clock recovery from bits2\n"};
     const std::uint32_t select = g_s_master->recovery_select;
-    if (select < std::size(lines)) session->out_func(session->out_val, "%s", lines[select]);
+    if (select < std::size(lines)) terminal->out_func(terminal->out_val, "%s", lines[select]);
     return CLI_SUCCESS;
 }
 
-int show_bits_handler(cli* session, int, char**) {
+int show_bits_handler(cli* terminal, int, char**) {
     show_block block = {};
     add(&block, "--------------------------  select clock bits status --------------------------\n");
     add_global(&block, "Current selected interface", ssm_selected_source_str());
     add_dpll(&block);
-    write_block(session, &block);
+    write_block(terminal, &block);
     return CLI_SUCCESS;
 }
 

@@ -16,26 +16,26 @@ constexpr struct {
     {SSM_DEBUG_PACKET, "packet"},
 };
 
-void show_flag(cli* session, const char* keyword) {
-    session->out_func(session->out_val, "%-16s%-16s%-24s%s\n", "ssm", "ssm", keyword, "on");
+void show_flag(cli* terminal, const char* keyword) {
+    terminal->out_func(terminal->out_val, "%-16s%-16s%-24s%s\n", "ssm", "ssm", keyword, "on");
 }
 
-void show_flags(cli* session) {
+void show_flags(cli* terminal) {
     if ((ssm_debug & SSM_DEBUG_ALL) == SSM_DEBUG_ALL) {
-        show_flag(session, "all");
+        show_flag(terminal, "all");
         return;
     }
     for (const auto& flag : flags)
-        if (ssm_debug & flag.bit) show_flag(session, flag.keyword);
+        if (ssm_debug & flag.bit) show_flag(terminal, flag.keyword);
 }
 
 }  // namespace
 
-void ssm_debug_callback(cli* session, std::int32_t op, void*) {
-    if (!session) return;
+void ssm_debug_callback(cli* terminal, std::int32_t op, void*) {
+    if (!terminal) return;
     switch (op) {
         case 0:
-            show_flags(session);
+            show_flags(terminal);
             break;
         case 1:
             ssm_debug &= ~static_cast<std::uint32_t>(SSM_DEBUG_ALL);

@@ -32,6 +32,6 @@ inline bool ssm_debugging(ssm_debug_bit bit) {
     } while (0)
 
 // The library's "show debugging", "debug all", "no debug all": op 0 shows, 1 clears, 2 sets.
-void ssm_debug_callback(cli* session, std::int32_t op, void* arg);
+void ssm_debug_callback(cli* terminal, std::int32_t op, void* arg);
 // Registers the callback and clears the event and cli bits.
 void ssm_debug_init();

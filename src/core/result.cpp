@@ -89,8 +89,8 @@ const char* ssm_cli_err_str(std::int32_t code) {
     return find_text(cli_texts, code);
 }
 
-void ssm_cli_result_print(cli* session, std::int32_t code) {
-    session->out_func(session->out_val, "%% %s\n", ssm_cli_err_str(code));
+void ssm_cli_result_print(cli* terminal, std::int32_t code) {
+    terminal->out_func(terminal->out_val, "%% %s\n", ssm_cli_err_str(code));
 }
 
 std::int32_t ssm_op_failed(std::int32_t code, const char* function, int line) {

@@ -66,7 +66,7 @@ const char* ssm_err_str(std::int32_t code);
 const char* ssm_cli_err_str(std::int32_t code);
 
 // "% TEXT" on the operator's terminal.
-void ssm_cli_result_print(cli* session, std::int32_t code);
+void ssm_cli_result_print(cli* terminal, std::int32_t code);
 
 // The one line in which an internal operation reports a step that failed; returns the code unchanged.
 std::int32_t ssm_op_failed(std::int32_t code, const char* function, int line);

@@ -98,22 +98,22 @@ void cli_walk(const cli_tree* tree,
 
 namespace {
 
-void run_writers(const cli_tree* tree, cli* session, std::int32_t mode) {
+void run_writers(const cli_tree* tree, cli* terminal, std::int32_t mode) {
     for (std::size_t i = 0; i < tree->writer_count; i++)
-        if (tree->writers[i].mode == mode) tree->writers[i].writer(session);
+        if (tree->writers[i].mode == mode) tree->writers[i].writer(terminal);
 }
 
 }  // namespace
 
-void cli_write_running(cli_tree* tree, cli* session) {
-    run_writers(tree, session, CLI_WRITERS_FIRST);
-    run_writers(tree, session, EXEC_MODE);
+void cli_write_running(cli_tree* tree, cli* terminal) {
+    run_writers(tree, terminal, CLI_WRITERS_FIRST);
+    run_writers(tree, terminal, EXEC_MODE);
     for (std::size_t i = 0; i < tree->writer_count; i++) {
         std::int32_t mode = tree->writers[i].mode;
         if (mode != CLI_WRITERS_FIRST && mode != EXEC_MODE && mode != CLI_WRITERS_LAST)
-            tree->writers[i].writer(session);
+            tree->writers[i].writer(terminal);
     }
-    run_writers(tree, session, CLI_WRITERS_LAST);
+    run_writers(tree, terminal, CLI_WRITERS_LAST);
 }
 
 namespace {
@@ -147,95 +147,95 @@ bool make_arguments(const cli_parsed& parsed, argument_block* out) {
     return true;
 }
 
-void enter_mode(cli* session, std::int32_t mode) {
-    session->mode = mode;
+void enter_mode(cli* terminal, std::int32_t mode) {
+    terminal->mode = mode;
     if (mode == INTERFACE_MODE) return;
-    session->index = nullptr;
-    session->name[0] = 0;
+    terminal->index = nullptr;
+    terminal->name[0] = 0;
 }
 
-void refresh_interface(cli* session) {
-    if (session->mode == INTERFACE_MODE && session->name[0] && session->ifm)
-        session->index = if_lookup_by_name(session->ifm, session->name);
+void refresh_interface(cli* terminal) {
+    if (terminal->mode == INTERFACE_MODE && terminal->name[0] && terminal->ifm)
+        terminal->index = if_lookup_by_name(terminal->ifm, terminal->name);
 }
 
-void keep_name(cli* session, const argument_block& arguments) {
-    if (session->mode != INTERFACE_MODE || arguments.argc == 0) return;
-    std::snprintf(session->name, sizeof session->name, "%s", arguments.argv[arguments.argc - 1]);
+void keep_name(cli* terminal, const argument_block& arguments) {
+    if (terminal->mode != INTERFACE_MODE || arguments.argc == 0) return;
+    std::snprintf(terminal->name, sizeof terminal->name, "%s", arguments.argv[arguments.argc - 1]);
 }
 
-cli_result run_parsed(cli_tree* tree, cli* session, const cli_parsed& parsed) {
+cli_result run_parsed(cli_tree* tree, cli* terminal, const cli_parsed& parsed) {
     const cli_command* command = parsed.command;
-    if ((command->flags & CLI_FLAG_INTERACTIVE) && !session->line) {
-        session->out_func(session->out_val, "%% Only at a terminal\n");
+    if ((command->flags & CLI_FLAG_INTERACTIVE) && !terminal->line) {
+        terminal->out_func(terminal->out_val, "%% Only at a terminal\n");
         return cli_result::failed;
     }
     argument_block arguments;
     if (!make_arguments(parsed, &arguments)) {
-        session->out_func(session->out_val, "%% Out of memory\n");
+        terminal->out_func(terminal->out_val, "%% Out of memory\n");
         return cli_result::failed;
     }
-    if (parsed.mode != session->mode) enter_mode(session, parsed.mode);
-    std::int32_t mode_before = session->mode;
-    int result = command->element->handler(session, arguments.argc, arguments.argv);
-    if (command->mode != INTERFACE_MODE && session->mode == INTERFACE_MODE && mode_before != INTERFACE_MODE)
-        keep_name(session, arguments);
+    if (parsed.mode != terminal->mode) enter_mode(terminal, parsed.mode);
+    std::int32_t mode_before = terminal->mode;
+    int result = command->element->handler(terminal, arguments.argc, arguments.argv);
+    if (command->mode != INTERFACE_MODE && terminal->mode == INTERFACE_MODE && mode_before != INTERFACE_MODE)
+        keep_name(terminal, arguments);
     memmgr_free(arguments.argv, MTYPE_CLI_SESSION);
     if (result != CLI_SUCCESS) return cli_result::failed;
-    if (tree->after_run) tree->after_run(session, command);
+    if (tree->after_run) tree->after_run(terminal, command);
     return cli_result::ok;
 }
 
-void print_refusal(cli* session, cli_result result) {
+void print_refusal(cli* terminal, cli_result result) {
     const char* text = result == cli_result::ambiguous    ? "Ambiguous"
                        : result == cli_result::incomplete ? "Incomplete"
                                                           : "Unknown";
-    session->out_func(session->out_val, "%% %s command\n", text);
+    terminal->out_func(terminal->out_val, "%% %s command\n", text);
 }
 
-cli_result run_plain(cli_tree* tree, cli* session, std::string_view line) {
-    refresh_interface(session);
+cli_result run_plain(cli_tree* tree, cli* terminal, std::string_view line) {
+    refresh_interface(terminal);
     cli_parsed parsed;
-    cli_parse(tree, session, line, &parsed);
+    cli_parse(tree, terminal, line, &parsed);
     if (parsed.result == cli_result::empty) return parsed.result;
-    if (parsed.result == cli_result::ok) return run_parsed(tree, session, parsed);
-    print_refusal(session, parsed.result);
+    if (parsed.result == cli_result::ok) return run_parsed(tree, terminal, parsed);
+    print_refusal(terminal, parsed.result);
     return parsed.result;
 }
 
 // Filters belong to show commands; in other lines "|" is a character like others.
-bool is_show(const cli_tree* tree, const cli* session, std::string_view line) {
+bool is_show(const cli_tree* tree, const cli* terminal, std::string_view line) {
     cli_parsed parsed;
-    cli_parse(tree, session, line, &parsed);
+    cli_parse(tree, terminal, line, &parsed);
     return parsed.result == cli_result::ok && cli_parsed_text(parsed, 0) == "show";
 }
 
-cli_result run_filtered(cli_tree* tree, cli* session, std::string_view line, std::string_view behind_bar) {
+cli_result run_filtered(cli_tree* tree, cli* terminal, std::string_view line, std::string_view behind_bar) {
     cli_pipe pipe{};
     bool incomplete = false;
     if (!cli_pipe_parse(behind_bar, &pipe, &incomplete)) {
         cli_result result = incomplete ? cli_result::incomplete : cli_result::unknown;
-        print_refusal(session, result);
+        print_refusal(terminal, result);
         return result;
     }
-    pipe.out = session->out_func;
-    pipe.out_val = session->out_val;
-    session->out_func = cli_pipe_output;
-    session->out_val = &pipe;
-    cli_result result = run_plain(tree, session, line);
-    session->out_func = pipe.out;
-    session->out_val = pipe.out_val;
+    pipe.out = terminal->out_func;
+    pipe.out_val = terminal->out_val;
+    terminal->out_func = cli_pipe_output;
+    terminal->out_val = &pipe;
+    cli_result result = run_plain(tree, terminal, line);
+    terminal->out_func = pipe.out;
+    terminal->out_val = pipe.out_val;
     cli_pipe_finish(&pipe);
     return result;
 }
 
 }  // namespace
 
-cli_result cli_run_line(cli_tree* tree, cli* session, std::string_view line) {
+cli_result cli_run_line(cli_tree* tree, cli* terminal, std::string_view line) {
     std::size_t bar = cli_pipe_find(line);
-    if (bar != std::string_view::npos && is_show(tree, session, slice(line, 0, bar)))
-        return run_filtered(tree, session, slice(line, 0, bar), slice(line, bar + 1));
-    return run_plain(tree, session, line);
+    if (bar != std::string_view::npos && is_show(tree, terminal, slice(line, 0, bar)))
+        return run_filtered(tree, terminal, slice(line, 0, bar), slice(line, bar + 1));
+    return run_plain(tree, terminal, line);
 }
 
 std::int32_t cmd_str2int(const char* text, int* status) {
@@ -255,7 +255,7 @@ std::int32_t cmd_str2int(const char* text, int* status) {
     return static_cast<std::int32_t>(value);
 }
 
-int cli_refuse(cli* session, const char* text) {
-    session->out_func(session->out_val, "%% %s\n", text);
+int cli_refuse(cli* terminal, const char* text) {
+    terminal->out_func(terminal->out_val, "%% %s\n", text);
     return CLI_ERROR;
 }

@@ -35,8 +35,8 @@ struct cli;
 struct cli_tree;
 
 using cli_output = int (*)(void* out_val, const char* format, ...);
-using cli_handler = int (*)(cli* session, int argc, char** argv);
-using cli_writer = int (*)(cli* session);
+using cli_handler = int (*)(cli* terminal, int argc, char** argv);
+using cli_writer = int (*)(cli* terminal);
 
 // A command object. Lives as long as the process; the tree keeps the pointer.
 struct cli_element {
@@ -88,10 +88,11 @@ int cli_install_help(cli_tree* tree, const cli_help* texts, std::size_t count);
 
 enum class cli_result { ok, failed, unknown, ambiguous, incomplete, empty };
 
-// Parses and runs one line in session->mode (with the privileges of the session). Prints "% Unknown command",
+// Parses and runs one line in terminal->mode (with the privileges of the session). Prints "% Unknown
+// command",
 // "% Ambiguous command", "% Incomplete command" itself, each alone on a line. Lines of blanks, and lines that
 // begin with "!" or "#", are `empty` and succeed.
-cli_result cli_run_line(cli_tree* tree, cli* session, std::string_view line);
+cli_result cli_run_line(cli_tree* tree, cli* terminal, std::string_view line);
 
 // Every installed command, for tests and documents: visit(arg, mode, element, flags).
 void cli_walk(const cli_tree* tree,
@@ -99,16 +100,16 @@ void cli_walk(const cli_tree* tree,
               void* arg);
 
 // Assembles the running configuration through the session's output function.
-void cli_write_running(cli_tree* tree, cli* session);
+void cli_write_running(cli_tree* tree, cli* terminal);
 
 // Says "% TEXT"; what the handler returns then.
-int cli_refuse(cli* session, const char* text);
+int cli_refuse(cli* terminal, const char* text);
 
 // Decimal text to a number. *status is 0, or negative when the text is not a whole decimal number of 32 bits.
 std::int32_t cmd_str2int(const char* text, int* status);
 
 // "show debugging", "debug all" and "no debug all" call everyone who is registered: op 0 shows, 1 clears,
 // 2 sets.
-using debug_callback = void (*)(cli* session, std::int32_t op, void* arg);
+using debug_callback = void (*)(cli* terminal, std::int32_t op, void* arg);
 int debug_callback_register(debug_callback callback, void* arg);
 int cli_debug_install(cli_tree* tree);

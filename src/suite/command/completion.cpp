@@ -14,7 +14,7 @@ namespace {
 
 struct collector {
     const cli_tree* tree;
-    const cli* session;
+    const cli* terminal;
     completion_list* list;
     bool words_only;
 };
@@ -37,8 +37,8 @@ bool number_so_far(std::string_view partial) {
 }
 
 void add_interfaces(collector* c) {
-    if (!c->session->ifm) return;
-    for (const interface* intf : if_list(c->session->ifm))
+    if (!c->terminal->ifm) return;
+    for (const interface* intf : if_list(c->terminal->ifm))
         if (begins(intf->name, c->list->partial)) add(c->list, intf->name, "");
 }
 
@@ -75,8 +75,8 @@ std::string_view first_word(std::string_view line) {
 }
 
 // Behind a whole "do" and a blank the rest is a line of the exec mode.
-bool look_through_do(const cli* session, std::string_view* line) {
-    if (session->mode == EXEC_MODE || first_word(*line) != "do") return false;
+bool look_through_do(const cli* terminal, std::string_view* line) {
+    if (terminal->mode == EXEC_MODE || first_word(*line) != "do") return false;
     auto behind = static_cast<std::size_t>(first_word(*line).data() - line->data()) + 2;
     if (behind >= line->size()) return false;
     line->remove_prefix(behind);
@@ -97,8 +97,8 @@ void collect(collector* c, std::string_view line) {
     list->count = 0;
     list->may_end = false;
     list->result = cli_result::ok;
-    cli inner = *c->session;
-    if (look_through_do(c->session, &line)) inner.mode = EXEC_MODE;
+    cli inner = *c->terminal;
+    if (look_through_do(c->terminal, &line)) inner.mode = EXEC_MODE;
     std::size_t at = line.size();
     while (at && !cli_is_blank(line[at - 1])) at--;
     list->partial = slice(line, at);
@@ -117,13 +117,14 @@ void collect(collector* c, std::string_view line) {
 
 }  // namespace
 
-void completion_help(const cli_tree* tree, const cli* session, std::string_view line, completion_list* out) {
-    collector c{tree, session, out, false};
+void completion_help(const cli_tree* tree, const cli* terminal, std::string_view line, completion_list* out) {
+    collector c{tree, terminal, out, false};
     collect(&c, line);
 }
 
-void completion_words(const cli_tree* tree, const cli* session, std::string_view line, completion_list* out) {
-    collector c{tree, session, out, true};
+void completion_words(const cli_tree* tree, const cli* terminal, std::string_view line,
+                      completion_list* out) {
+    collector c{tree, terminal, out, true};
     collect(&c, line);
 }
 

@@ -22,8 +22,8 @@ struct completion_list {
 };
 
 // Help: keywords that begin with the word at the cursor, and ranges and names.
-void completion_help(const cli_tree* tree, const cli* session, std::string_view line, completion_list* out);
+void completion_help(const cli_tree* tree, const cli* terminal, std::string_view line, completion_list* out);
 // Completion: whole words only, interface names among them.
-void completion_words(const cli_tree* tree, const cli* session, std::string_view line, completion_list* out);
+void completion_words(const cli_tree* tree, const cli* terminal, std::string_view line, completion_list* out);
 // The longest beginning that all items share.
 std::string_view completion_common(const completion_list& list);

@@ -13,21 +13,21 @@ std::size_t callback_count;
 
 enum : std::int32_t { DEBUG_SHOW = 0, DEBUG_CLEAR = 1, DEBUG_SET = 2 };
 
-int tell_all(cli* session, std::int32_t op) {
-    for (std::size_t i = 0; i < callback_count; i++) callbacks[i].callback(session, op, callbacks[i].arg);
+int tell_all(cli* terminal, std::int32_t op) {
+    for (std::size_t i = 0; i < callback_count; i++) callbacks[i].callback(terminal, op, callbacks[i].arg);
     return CLI_SUCCESS;
 }
 
-int show_debugging(cli* session, int, char**) {
-    return tell_all(session, DEBUG_SHOW);
+int show_debugging(cli* terminal, int, char**) {
+    return tell_all(terminal, DEBUG_SHOW);
 }
 
-int debug_all(cli* session, int, char**) {
-    return tell_all(session, DEBUG_SET);
+int debug_all(cli* terminal, int, char**) {
+    return tell_all(terminal, DEBUG_SET);
 }
 
-int no_debug_all(cli* session, int, char**) {
-    return tell_all(session, DEBUG_CLEAR);
+int no_debug_all(cli* terminal, int, char**) {
+    return tell_all(terminal, DEBUG_CLEAR);
 }
 
 const cli_element show_debugging_cmd = {"show debugging", show_debugging};

@@ -37,7 +37,7 @@ struct match_path {
 
 struct matcher {
     const cli_command* command;
-    const cli* session;
+    const cli* terminal;
     const word_list* words;
 };
 
@@ -86,12 +86,12 @@ bool in_range(const cli_token& token, std::string_view word) {
     return value >= token.low;
 }
 
-bool known_interface(const cli* session, std::string_view word) {
+bool known_interface(const cli* terminal, std::string_view word) {
     char name[IF_NAME_SIZE];
-    if (!session->ifm || word.size() >= sizeof name) return false;
+    if (!terminal->ifm || word.size() >= sizeof name) return false;
     std::memcpy(name, word.data(), word.size());
     name[word.size()] = 0;
-    return if_lookup_by_name(session->ifm, name) != nullptr;
+    return if_lookup_by_name(terminal->ifm, name) != nullptr;
 }
 
 match_rank match_token(const matcher& m, const cli_token& token, std::size_t k) {
@@ -105,7 +105,7 @@ match_rank match_token(const matcher& m, const cli_token& token, std::size_t k) 
             return in_range(token, word) ? RANK_VALUE : RANK_NONE;
         case cli_token_kind::ifname:
             if (!is_printable(word, false)) return RANK_NONE;
-            return known_interface(m.session, word) ? RANK_VALUE : RANK_NAME;
+            return known_interface(m.terminal, word) ? RANK_VALUE : RANK_NAME;
         case cli_token_kind::word:
             return is_printable(word, false) ? RANK_WORD : RANK_NONE;
         case cli_token_kind::line:
@@ -230,10 +230,10 @@ void offer(best_match* best, const cli_command* command, const match_path& path,
     }
 }
 
-best_match find_best(const cli_tree* tree, const cli* session, std::int32_t mode, const word_list& words) {
+best_match find_best(const cli_tree* tree, const cli* terminal, std::int32_t mode, const word_list& words) {
     best_match best;
-    for_commands(tree, mode, session->privilege, [&](const cli_command* command) {
-        matcher m{command, session, &words};
+    for_commands(tree, mode, terminal->privilege, [&](const cli_command* command) {
+        matcher m{command, terminal, &words};
         match_command(m, [&](const match_path& path) { offer(&best, command, path, words.count); });
     });
     return best;
@@ -260,19 +260,19 @@ void keep_words(cli_parsed* out, const best_match& best, const word_list& words)
 
 }  // namespace
 
-void cli_parse(const cli_tree* tree, const cli* session, std::string_view line, cli_parsed* out) {
+void cli_parse(const cli_tree* tree, const cli* terminal, std::string_view line, cli_parsed* out) {
     out->command = nullptr;
     out->count = 0;
-    out->mode = session->mode;
+    out->mode = terminal->mode;
     word_list words = split(line);
     if (words.count == 0 || words.items[0][0] == '!' || words.items[0][0] == '#') {
         out->result = cli_result::empty;
         return;
     }
-    best_match best = find_best(tree, session, session->mode, words);
+    best_match best = find_best(tree, terminal, terminal->mode, words);
     // A line that means nothing to an interface but is a configuration command leaves the interface.
-    if (!best.command && session->mode == INTERFACE_MODE) {
-        best = find_best(tree, session, CONFIG_MODE, words);
+    if (!best.command && terminal->mode == INTERFACE_MODE) {
+        best = find_best(tree, terminal, CONFIG_MODE, words);
         if (best.command) out->mode = CONFIG_MODE;
     }
     out->result = result_of(best);
@@ -315,28 +315,28 @@ void list_after(const next_lister& lister, const cli_command* command, const mat
 
 }  // namespace
 
-cli_result cli_list_next(const cli_tree* tree, const cli* session, std::string_view line,
+cli_result cli_list_next(const cli_tree* tree, const cli* terminal, std::string_view line,
                          void (*visit)(void* arg, const cli_next_token& next), void* arg) {
     word_list words = split(line);
     next_lister lister{visit, arg, words.count};
-    std::int32_t mode = session->mode;
+    std::int32_t mode = terminal->mode;
     best_match best;
     if (words.count > 0) {
-        best = find_best(tree, session, mode, words);
+        best = find_best(tree, terminal, mode, words);
         if (!best.command && mode == INTERFACE_MODE) {
             mode = CONFIG_MODE;
-            best = find_best(tree, session, mode, words);
+            best = find_best(tree, terminal, mode, words);
         }
         if (!best.command) return cli_result::unknown;
         if (best.ambiguous) return cli_result::ambiguous;
     }
-    for_commands(tree, mode, session->privilege, [&](const cli_command* command) {
+    for_commands(tree, mode, terminal->privilege, [&](const cli_command* command) {
         if (command->flags & CLI_FLAG_HIDDEN) return;
         if (words.count == 0) {
             list_after(lister, command, nullptr);
             return;
         }
-        matcher m{command, session, &words};
+        matcher m{command, terminal, &words};
         match_command(m, [&](const match_path& path) {
             if (std::memcmp(path.ranks, best.path.ranks, words.count) == 0)
                 list_after(lister, command, &path);

@@ -24,7 +24,7 @@ struct cli_parsed {
 };
 
 // Parses a line as `session` (mode, privilege, interface table) would run it. `out->words` point into `line`.
-void cli_parse(const cli_tree* tree, const cli* session, std::string_view line, cli_parsed* out);
+void cli_parse(const cli_tree* tree, const cli* terminal, std::string_view line, cli_parsed* out);
 
 // What argument `k` of the parsed words is in full: the keyword's whole text, or the word as typed.
 std::string_view cli_parsed_text(const cli_parsed& parsed, std::size_t k);
@@ -41,7 +41,7 @@ struct cli_next_token {
 
 // Calls visit for every token that may follow the words of `line` (hidden commands excepted); the same word
 // may come up more than once. The result is ok, unknown (nothing may follow), or ambiguous.
-cli_result cli_list_next(const cli_tree* tree, const cli* session, std::string_view line,
+cli_result cli_list_next(const cli_tree* tree, const cli* terminal, std::string_view line,
                          void (*visit)(void* arg, const cli_next_token& next), void* arg);
 
 // Help text for a token that may follow, or null.

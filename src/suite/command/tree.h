@@ -62,7 +62,7 @@ struct cli_tree {
     cli_help_table help[CLI_MAX_HELP_TABLES];
     std::size_t help_count;
     // Told of every command that succeeded; the host drops kept lines that the command made stale.
-    void (*after_run)(cli* session, const cli_command* command);
+    void (*after_run)(cli* terminal, const cli_command* command);
 };
 
 // Compiles a command string into one block of memory (give it back with memmgr_free, MTYPE_CLI_TREE). Null

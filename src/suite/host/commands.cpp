@@ -7,20 +7,20 @@
 
 namespace {
 
-int configure_terminal(cli* session, int, char**) {
-    session->mode = CONFIG_MODE;
-    session->index = nullptr;
-    session->name[0] = 0;
+int configure_terminal(cli* terminal, int, char**) {
+    terminal->mode = CONFIG_MODE;
+    terminal->index = nullptr;
+    terminal->name[0] = 0;
     return CLI_SUCCESS;
 }
 
-int save(cli* session, int, char**) {
-    return host_save(host_of(session), session) ? CLI_SUCCESS : CLI_ERROR;
+int save(cli* terminal, int, char**) {
+    return host_save(host_of(terminal), terminal) ? CLI_SUCCESS : CLI_ERROR;
 }
 
-int no_interface(cli* session, int, char** argv) {
-    if (pending_drop(host_of(session), argv[0])) return CLI_SUCCESS;
-    return cli_refuse(session, "No lines wait for that interface");
+int no_interface(cli* terminal, int, char** argv) {
+    if (pending_drop(host_of(terminal), argv[0])) return CLI_SUCCESS;
+    return cli_refuse(terminal, "No lines wait for that interface");
 }
 
 const cli_element exec_commands[] = {

@@ -20,7 +20,7 @@ constexpr std::size_t LOGGED_MAX = 256;
 
 struct config_reader {
     host_state* host;
-    cli session;
+    cli terminal;
     std::uint32_t number;  // of the line at hand, from 1
     text_buffer block;     // name of the interface whose block this is; empty: none
     bool refused_block;    // the block's own first line was refused: so are its lines
@@ -33,9 +33,9 @@ int discard(void*, const char*, ...) {
 }
 
 void leave_block(config_reader* r) {
-    r->session.mode = CONFIG_MODE;
-    r->session.index = nullptr;
-    r->session.name[0] = 0;
+    r->terminal.mode = CONFIG_MODE;
+    r->terminal.index = nullptr;
+    r->terminal.name[0] = 0;
     r->refused_block = false;
     text_clear(&r->block);
 }
@@ -66,14 +66,14 @@ bool is_bound(const config_reader* r, std::string_view name) {
 
 void run(config_reader* r, std::string_view line, const cli_parsed& parsed) {
     bool starts_block = line.starts_with("interface");
-    cli_result result = cli_run_line(r->host->ctx->ctree, &r->session, line);
+    cli_result result = cli_run_line(r->host->ctx->ctree, &r->terminal, line);
     if (result != cli_result::ok) {
         refuse(r, line);
         r->refused_block = starts_block;
         return;
     }
-    if (r->session.mode != INTERFACE_MODE) {
-        if (r->session.mode != CONFIG_MODE) leave_block(r);  // "end", "exit"
+    if (r->terminal.mode != INTERFACE_MODE) {
+        if (r->terminal.mode != CONFIG_MODE) leave_block(r);  // "end", "exit"
         return;
     }
     if (parsed.command->mode == INTERFACE_MODE) return;
@@ -89,9 +89,9 @@ void run(config_reader* r, std::string_view line, const cli_parsed& parsed) {
 
 void take_content(config_reader* r, std::string_view line) {
     cli_parsed parsed;
-    cli_parse(r->host->ctx->ctree, &r->session, line, &parsed);
+    cli_parse(r->host->ctx->ctree, &r->terminal, line, &parsed);
     bool ok = parsed.result == cli_result::ok;
-    if (r->session.mode == INTERFACE_MODE && !is_bound(r, r->block.view())) {
+    if (r->terminal.mode == INTERFACE_MODE && !is_bound(r, r->block.view())) {
         // A global command ends the block here as it would at a terminal.
         if (!ok || parsed.mode != CONFIG_MODE) return keep(r, r->block.view(), line, nullptr);
     }
@@ -199,7 +199,7 @@ void host_config_read(host_state* host) {
     }
     config_reader r{};
     r.host = host;
-    r.session = host_plain_session(host, CONFIG_MODE, discard, nullptr);
+    r.terminal = host_plain_session(host, CONFIG_MODE, discard, nullptr);
     int result = fd < 0 ? -errno : read_lines(&r, fd);
     if (result < 0) {
         host->unreadable = true;

@@ -12,14 +12,14 @@
 #include "suite/terminal/wire.h"
 
 cli host_plain_session(host_state* host, std::int32_t mode, cli_output out, void* out_val) {
-    cli session{};
-    session.out_func = out;
-    session.out_val = out_val;
-    session.zg = host->ctx;
-    session.ifm = host->ctx->ifm;
-    session.mode = mode;
-    session.privilege = PRIVILEGE_MAX;
-    return session;
+    cli terminal{};
+    terminal.out_func = out;
+    terminal.out_val = out_val;
+    terminal.zg = host->ctx;
+    terminal.ifm = host->ctx->ifm;
+    terminal.mode = mode;
+    terminal.privilege = PRIVILEGE_MAX;
+    return terminal;
 }
 
 namespace {
@@ -29,8 +29,8 @@ void run_pending(lib_globals* ctx, interface* intf) {
 }
 
 // A command from a terminal takes the place of a line of the same kind that still waits.
-void after_run(cli* session, const cli_command* command) {
-    if (session->line && session->zg && session->zg->host) pending_replaced(session->zg->host, command);
+void after_run(cli* terminal, const cli_command* command) {
+    if (terminal->line && terminal->zg && terminal->zg->host) pending_replaced(terminal->zg->host, command);
 }
 
 char* copy_text(const char* text) {

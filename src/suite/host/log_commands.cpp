@@ -8,10 +8,10 @@
 
 namespace {
 
-int log_file(cli* session, int, char** argv) {
+int log_file(cli* terminal, int, char** argv) {
     if (log_set_file(argv[0]) == 0) return CLI_SUCCESS;
     const int error = errno;
-    session->out_func(session->out_val, "%% Can't open %s: %s\n", argv[0], std::strerror(error));
+    terminal->out_func(terminal->out_val, "%% Can't open %s: %s\n", argv[0], std::strerror(error));
     // Read from the configuration file, the line's output goes nowhere.
     log_suite(LOG_LEVEL_WARNING, "log file %s can't be opened: %s", argv[0], std::strerror(error));
     return CLI_ERROR;
@@ -54,16 +54,16 @@ int no_log_level(cli*, int, char**) {
 }
 
 void print_log_line(void* arg, const char* line, std::size_t length) {
-    auto* session = static_cast<cli*>(arg);
-    session->out_func(session->out_val, "%.*s\n", static_cast<int>(length), line);
+    auto* terminal = static_cast<cli*>(arg);
+    terminal->out_func(terminal->out_val, "%.*s\n", static_cast<int>(length), line);
 }
 
-int show_log(cli* session, int, char**) {
-    log_walk_recent(print_log_line, session);
+int show_log(cli* terminal, int, char**) {
+    log_walk_recent(print_log_line, terminal);
     std::uint64_t dropped = log_dropped_lines();
     if (dropped)
-        session->out_func(session->out_val, "%llu lines dropped by slow sinks\n",
-                          static_cast<unsigned long long>(dropped));
+        terminal->out_func(terminal->out_val, "%llu lines dropped by slow sinks\n",
+                           static_cast<unsigned long long>(dropped));
     return CLI_SUCCESS;
 }
 
@@ -95,18 +95,18 @@ const cli_help help_texts[] = {
 
 void write_sink(cli* session, const log_settings& log, log_sink sink, const char* name) {
     if (((log.sinks ^ log.default_sinks) & sink) == 0) return;
-    session->out_func(session->out_val, "%slog %s\n", log.sinks & sink ? "" : "no ", name);
+    terminal->out_func(terminal->out_val, "%slog %s\n", log.sinks & sink ? "" : "no ", name);
 }
 
 }  // namespace
 
-void host_log_write(cli* session) {
+void host_log_write(cli* terminal) {
     const log_settings log = log_get_settings();
-    write_sink(session, log, LOG_SINK_STDERR, "stderr");
-    write_sink(session, log, LOG_SINK_SYSLOG, "syslog");
-    if (log.file) session->out_func(session->out_val, "log file %s\n", log.file);
+    write_sink(terminal, log, LOG_SINK_STDERR, "stderr");
+    write_sink(terminal, log, LOG_SINK_SYSLOG, "syslog");
+    if (log.file) terminal->out_func(terminal->out_val, "log file %s\n", log.file);
     if (log.level != LOG_LEVEL_DEBUG)
-        session->out_func(session->out_val, "log level %s\n", log_level_word(log.level));
+        terminal->out_func(terminal->out_val, "log level %s\n", log_level_word(log.level));
 }
 
 int host_log_install(cli_tree* tree) {

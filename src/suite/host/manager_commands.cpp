@@ -39,26 +39,26 @@ const char* request_text(std::uint16_t type) {
     }
 }
 
-void show_request(cli* session, const nsm_client_request& r) {
-    session->out_func(session->out_val, "  %-22s", request_text(r.type));
-    for (std::size_t i = 0; i < r.words; ++i) session->out_func(session->out_val, " %" PRIu32, r.word[i]);
-    session->out_func(session->out_val, "%s\n", r.pending ? "  (not sent)" : "");
+void show_request(cli* terminal, const nsm_client_request& r) {
+    terminal->out_func(terminal->out_val, "  %-22s", request_text(r.type));
+    for (std::size_t i = 0; i < r.words; ++i) terminal->out_func(terminal->out_val, " %" PRIu32, r.word[i]);
+    terminal->out_func(terminal->out_val, "%s\n", r.pending ? "  (not sent)" : "");
 }
 
-int show_nsm(cli* session, int, char**) {
-    const nsm_client* nc = session->zg->nsm;
+int show_nsm(cli* terminal, int, char**) {
+    const nsm_client* nc = terminal->zg->nsm;
     if (!nc) {
-        session->out_func(session->out_val, "NSM link: not started\n");
+        terminal->out_func(terminal->out_val, "NSM link: not started\n");
         return CLI_SUCCESS;
     }
     const nsm_client_stats s = nsm_client_get_stats(nc);
-    session->out_func(session->out_val, "NSM link: %s\n", phase_text(nc->phase));
-    session->out_func(session->out_val,
-                      "  Connections %" PRIu64 ", messages received %" PRIu64 ", sent %" PRIu64
-                      ", dropped %" PRIu64 "\n",
-                      s.connects, s.messages_in, s.messages_out, s.dropped);
-    session->out_func(session->out_val, "Requests kept: %" PRIu64 "\n", s.requests_kept);
-    for (std::size_t i = 0; i < nc->request_count; ++i) show_request(session, nc->requests[i]);
+    terminal->out_func(terminal->out_val, "NSM link: %s\n", phase_text(nc->phase));
+    terminal->out_func(terminal->out_val,
+                       "  Connections %" PRIu64 ", messages received %" PRIu64 ", sent %" PRIu64
+                       ", dropped %" PRIu64 "\n",
+                       s.connects, s.messages_in, s.messages_out, s.dropped);
+    terminal->out_func(terminal->out_val, "Requests kept: %" PRIu64 "\n", s.requests_kept);
+    for (std::size_t i = 0; i < nc->request_count; ++i) show_request(terminal, nc->requests[i]);
     return CLI_SUCCESS;
 }
 

@@ -62,13 +62,13 @@ pending_block* take_block(host_state* host, const char* name, bool global) {
     return block;
 }
 
-void run_block(host_state* host, interface* intf, bool global, cli* session) {
+void run_block(host_state* host, interface* intf, bool global, cli* terminal) {
     pending_block* block = take_block(host, intf->name, global);
     if (!block) return;
     for (const pending_line* line = block->first; line; line = line->next) {
-        if (global) session->mode = CONFIG_MODE;
+        if (global) terminal->mode = CONFIG_MODE;
         std::string_view text{line->text(), line->length};
-        cli_result result = cli_run_line(host->ctx->ctree, session, text);
+        cli_result result = cli_run_line(host->ctx->ctree, terminal, text);
         if (result != cli_result::ok && result != cli_result::empty)
             host_log_refused(host, line->number, text);
     }
@@ -127,13 +127,13 @@ bool pending_keep(host_state* host, std::string_view name, std::string_view text
 }
 
 void pending_run(host_state* host, interface* intf) {
-    cli session = host_plain_session(host, INTERFACE_MODE, discard, nullptr);
-    session.index = intf;
-    std::strncpy(session.name, intf->name, sizeof session.name - 1);
-    run_block(host, intf, false, &session);
+    cli terminal = host_plain_session(host, INTERFACE_MODE, discard, nullptr);
+    terminal.index = intf;
+    std::strncpy(terminal.name, intf->name, sizeof terminal.name - 1);
+    run_block(host, intf, false, &terminal);
     // A line like "clock synce switch-force" wants the port configured first.
-    session = host_plain_session(host, CONFIG_MODE, discard, nullptr);
-    run_block(host, intf, true, &session);
+    terminal = host_plain_session(host, CONFIG_MODE, discard, nullptr);
+    run_block(host, intf, true, &terminal);
 }
 
 bool pending_drop(host_state* host, const char* name) {
@@ -159,17 +159,17 @@ void pending_replaced(host_state* host, const cli_command* command) {
     }
 }
 
-int pending_write(cli* session) {
-    const auto write_lines = [session](const pending_block* block) {
+int pending_write(cli* terminal) {
+    const auto write_lines = [terminal](const pending_block* block) {
         for (const pending_line* line = block->first; line; line = line->next)
-            session->out_func(session->out_val, "%s\n", line->text());
+            terminal->out_func(terminal->out_val, "%s\n", line->text());
     };
-    const pending_block* const blocks = session->zg->host->pending;
+    const pending_block* const blocks = terminal->zg->host->pending;
     for (const pending_block* block = blocks; block; block = block->next) {
         if (block->global()) continue;
-        session->out_func(session->out_val, "interface %s\n", block->name());
+        terminal->out_func(terminal->out_val, "interface %s\n", block->name());
         write_lines(block);
-        session->out_func(session->out_val, "!\n");
+        terminal->out_func(terminal->out_val, "!\n");
     }
     for (const pending_block* block = blocks; block; block = block->next)
         if (block->global()) write_lines(block);

@@ -27,27 +27,29 @@ int text_output_print(void* out_val, const char* format, ...) {
 
 bool host_running_text(host_state* host, text_buffer* out) {
     text_output output{};
-    cli session = host_plain_session(host, EXEC_MODE, text_output_print, &output);
-    cli_write_running(host->ctx->ctree, &session);
+    cli terminal = host_plain_session(host, EXEC_MODE, text_output_print, &output);
+    cli_write_running(host->ctx->ctree, &terminal);
     *out = output.text;
     return !output.cut;
 }
 
-bool host_save(host_state* host, cli* session) {
+bool host_save(host_state* host, cli* terminal) {
     if (!host->config_file) {  // none given yet, or no memory for its name
-        session->out_func(session->out_val, "%% No configuration file is known, nothing is saved\n");
+        terminal->out_func(terminal->out_val, "%% No configuration file is known, nothing is saved\n");
         return false;
     }
     if (host->unreadable || host->lossy) {
-        session->out_func(session->out_val, "%% %s was not read completely at start, it is not overwritten\n",
-                          host->config_file);
+        terminal->out_func(terminal->out_val,
+                           "%% %s was not read completely at start, it is not overwritten\n",
+                           host->config_file);
         return false;
     }
     text_buffer text;
     int result = host_running_text(host, &text) ? host_file_replace(host->config_file, text.view()) : -ENOMEM;
     text_free(&text);
     if (result == 0) return true;
-    session->out_func(session->out_val, "%% Can't save %s: %s\n", host->config_file, std::strerror(-result));
+    terminal->out_func(terminal->out_val, "%% Can't save %s: %s\n", host->config_file,
+                       std::strerror(-result));
     log_suite(LOG_LEVEL_ERROR, "configuration not saved to %s: %s", host->config_file,
               std::strerror(-result));
     return false;

@@ -11,112 +11,112 @@
 
 namespace {
 
-int show_running(cli* session, int, char**) {
-    cli_write_running(session->zg->ctree, session);
+int show_running(cli* terminal, int, char**) {
+    cli_write_running(terminal->zg->ctree, terminal);
     return CLI_SUCCESS;
 }
 
 // The file as it is, but for octets that no terminal should get: they come as "?".
-void print_octets(cli* session, const text_buffer& text) {
+void print_octets(cli* terminal, const text_buffer& text) {
     for (std::size_t i = 0; i < text.length; i++) {
         auto octet = static_cast<unsigned char>(text.data[i]);
         if ((octet < 0x20 && octet != '\n' && octet != '\t') || octet == 0x7f) text.data[i] = '?';
     }
-    session->out_func(session->out_val, "%s", text.c_str());
+    terminal->out_func(terminal->out_val, "%s", text.c_str());
 }
 
-int show_startup(cli* session, int, char**) {
-    const char* path = session->zg->host->config_file;
+int show_startup(cli* terminal, int, char**) {
+    const char* path = terminal->zg->host->config_file;
     if (!path) path = HOST_DEFAULT_CONFIG;
     text_buffer text;
     int result = host_read_file(path, &text);
     if (result == 0)
-        print_octets(session, text);
+        print_octets(terminal, text);
     else if (result == -ENOENT)
-        session->out_func(session->out_val, "%% No startup configuration\n");
+        terminal->out_func(terminal->out_val, "%% No startup configuration\n");
     else
-        session->out_func(session->out_val, "%% Can't read %s: %s\n", path, std::strerror(-result));
+        terminal->out_func(terminal->out_val, "%% Can't read %s: %s\n", path, std::strerror(-result));
     text_free(&text);
     return result == 0 ? CLI_SUCCESS : CLI_ERROR;
 }
 
-int show_diff(cli* session, int, char**) {
-    host_state* host = session->zg->host;
+int show_diff(cli* terminal, int, char**) {
+    host_state* host = terminal->zg->host;
     text_buffer before, now, out;
     int result = host_read_file(host->config_file ? host->config_file : HOST_DEFAULT_CONFIG, &before);
     bool good = result == 0 || result == -ENOENT;
-    if (!good) session->out_func(session->out_val, "%% Can't read the file: %s\n", std::strerror(-result));
+    if (!good) terminal->out_func(terminal->out_val, "%% Can't read the file: %s\n", std::strerror(-result));
     if (good && !(host_running_text(host, &now) && host_diff(before.view(), now.view(), &out))) {
-        session->out_func(session->out_val, "%% Out of memory\n");
+        terminal->out_func(terminal->out_val, "%% Out of memory\n");
         good = false;
     }
-    if (good) print_octets(session, out);
+    if (good) print_octets(terminal, out);
     text_free(&before);
     text_free(&now);
     text_free(&out);
     return good ? CLI_SUCCESS : CLI_ERROR;
 }
 
-int show_version(cli* session, int, char**) {
-    session->out_func(session->out_val, "esmcd version %s\n", lib_version());
+int show_version(cli* terminal, int, char**) {
+    terminal->out_func(terminal->out_val, "esmcd version %s\n", lib_version());
     return CLI_SUCCESS;
 }
 
-int show_interfaces(cli* session, int, char**) {
-    session->out_func(session->out_val, "%-16s %5s %7s %-5s %-5s %-17s %10s %10s %8s\n", "Interface", "Index",
-                      "Kernel", "Bound", "Link", "Address", "Frames in", "out", "errors");
-    for (const interface* intf : if_list(session->ifm)) {
+int show_interfaces(cli* terminal, int, char**) {
+    terminal->out_func(terminal->out_val, "%-16s %5s %7s %-5s %-5s %-17s %10s %10s %8s\n", "Interface",
+                       "Index", "Kernel", "Bound", "Link", "Address", "Frames in", "out", "errors");
+    for (const interface* intf : if_list(terminal->ifm)) {
         slow_port_stats stats{};
         (void)slow_socket_port_stats(intf->ifindex, &stats);  // unknown there: nothing was counted
         const std::uint8_t* mac = intf->mac;
-        session->out_func(session->out_val,
-                          "%-16s %5u %7u %-5s %-5s %02x:%02x:%02x:%02x:%02x:%02x %10llu %10llu %8llu\n",
-                          intf->name, intf->ifindex, intf->kernel_ifindex, intf->bound ? "yes" : "no",
-                          intf->up ? "up" : "down", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5],
-                          static_cast<unsigned long long>(stats.frames_in),
-                          static_cast<unsigned long long>(stats.frames_out),
-                          static_cast<unsigned long long>(stats.no_buffer + stats.again + stats.link_down +
-                                                          stats.no_device + stats.other_errors));
+        terminal->out_func(terminal->out_val,
+                           "%-16s %5u %7u %-5s %-5s %02x:%02x:%02x:%02x:%02x:%02x %10llu %10llu %8llu\n",
+                           intf->name, intf->ifindex, intf->kernel_ifindex, intf->bound ? "yes" : "no",
+                           intf->up ? "up" : "down", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5],
+                           static_cast<unsigned long long>(stats.frames_in),
+                           static_cast<unsigned long long>(stats.frames_out),
+                           static_cast<unsigned long long>(stats.no_buffer + stats.again + stats.link_down +
+                                                           stats.no_device + stats.other_errors));
     }
     return CLI_SUCCESS;
 }
 
-void print_count(cli* session, const char* what, std::uint64_t value) {
-    session->out_func(session->out_val, "%-22s: %llu\n", what, static_cast<unsigned long long>(value));
+void print_count(cli* terminal, const char* what, std::uint64_t value) {
+    terminal->out_func(terminal->out_val, "%-22s: %llu\n", what, static_cast<unsigned long long>(value));
 }
 
-int show_events(cli* session, int, char**) {
-    if (!session->zg->master) return CLI_SUCCESS;
-    thread_stats stats = thread_get_stats(session->zg);
-    print_count(session, "Turns", stats.turns);
-    print_count(session, "Timers run", stats.timers_run);
-    print_count(session, "High-class events run", stats.high_run);
-    print_count(session, "Other events run", stats.others_run);
-    print_count(session, "Longest run (us)", stats.longest_run / 1000);
-    print_count(session, "Timers pending", stats.timers_pending);
-    print_count(session, "Reads pending", stats.reads_pending);
-    print_count(session, "Writes pending", stats.writes_pending);
+int show_events(cli* terminal, int, char**) {
+    if (!terminal->zg->master) return CLI_SUCCESS;
+    thread_stats stats = thread_get_stats(terminal->zg);
+    print_count(terminal, "Turns", stats.turns);
+    print_count(terminal, "Timers run", stats.timers_run);
+    print_count(terminal, "High-class events run", stats.high_run);
+    print_count(terminal, "Other events run", stats.others_run);
+    print_count(terminal, "Longest run (us)", stats.longest_run / 1000);
+    print_count(terminal, "Timers pending", stats.timers_pending);
+    print_count(terminal, "Reads pending", stats.reads_pending);
+    print_count(terminal, "Writes pending", stats.writes_pending);
     return CLI_SUCCESS;
 }
 
-int show_memory(cli* session, int, char**) {
-    session->out_func(session->out_val, "%-24s %10s %12s %12s %10s\n", "Type", "Blocks", "Octets", "Peak",
-                      "Failures");
+int show_memory(cli* terminal, int, char**) {
+    terminal->out_func(terminal->out_val, "%-24s %10s %12s %12s %10s\n", "Type", "Blocks", "Octets", "Peak",
+                       "Failures");
     memmgr_stats total{};
     for (memory_type type = 0; type < 1024; type++) {
         memmgr_stats stats = memmgr_type_stats(type);
         if (!stats.blocks && !stats.peak_octets && !stats.failures) continue;
-        session->out_func(session->out_val, "%-24s %10llu %12llu %12llu %10llu\n", memmgr_type_name(type),
-                          static_cast<unsigned long long>(stats.blocks),
-                          static_cast<unsigned long long>(stats.octets),
-                          static_cast<unsigned long long>(stats.peak_octets),
-                          static_cast<unsigned long long>(stats.failures));
+        terminal->out_func(terminal->out_val, "%-24s %10llu %12llu %12llu %10llu\n", memmgr_type_name(type),
+                           static_cast<unsigned long long>(stats.blocks),
+                           static_cast<unsigned long long>(stats.octets),
+                           static_cast<unsigned long long>(stats.peak_octets),
+                           static_cast<unsigned long long>(stats.failures));
         total.blocks += stats.blocks;
         total.octets += stats.octets;
     }
-    session->out_func(session->out_val, "%-24s %10llu %12llu\n", "Total",
-                      static_cast<unsigned long long>(total.blocks),
-                      static_cast<unsigned long long>(total.octets));
+    terminal->out_func(terminal->out_val, "%-24s %10llu %12llu\n", "Total",
+                       static_cast<unsigned long long>(total.blocks),
+                       static_cast<unsigned long long>(total.octets));
     return CLI_SUCCESS;
 }
 

@@ -25,44 +25,45 @@ const char* kind_text(slow_kind kind) {
     return "closed";
 }
 
-void show_port(cli* session, const interface* intf) {
+void show_port(cli* terminal, const interface* intf) {
     slow_port_stats s;
     if (!slow_socket_port_stats(intf->ifindex, &s)) return;
-    session->out_func(session->out_val,
-                      "%-16s %5" PRIu32 " %10" PRIu64 " %10" PRIu64 " %9" PRIu64 " %9" PRIu64 " %9" PRIu64
-                      " %9" PRIu64 " %9" PRIu64 " %9" PRIu64 "\n",
-                      intf->name, intf->ifindex, s.frames_in, s.frames_out, s.limited, s.no_buffer, s.again,
-                      s.link_down, s.no_device, s.other_errors);
+    terminal->out_func(terminal->out_val,
+                       "%-16s %5" PRIu32 " %10" PRIu64 " %10" PRIu64 " %9" PRIu64 " %9" PRIu64 " %9" PRIu64
+                       " %9" PRIu64 " %9" PRIu64 " %9" PRIu64 "\n",
+                       intf->name, intf->ifindex, s.frames_in, s.frames_out, s.limited, s.no_buffer, s.again,
+                       s.link_down, s.no_device, s.other_errors);
 }
 
-void show_limit(cli* session, const slow_stats& s) {
+void show_limit(cli* terminal, const slow_stats& s) {
     const std::uint32_t rate = slow_socket_rate_limit();
     if (rate == 0)
-        session->out_func(session->out_val, "  No limit on what a port may bring in\n");
+        terminal->out_func(terminal->out_val, "  No limit on what a port may bring in\n");
     else
-        session->out_func(session->out_val,
-                          "  Limit of a port %" PRIu32 " frames/s, burst %" PRIu32 ", dropped %" PRIu64 "\n",
-                          rate, SLOW_BURST, s.limited);
+        terminal->out_func(terminal->out_val,
+                           "  Limit of a port %" PRIu32 " frames/s, burst %" PRIu32 ", dropped %" PRIu64 "\n",
+                           rate, SLOW_BURST, s.limited);
 }
 
-int show_slow_protocols(cli* session, int, char**) {
+int show_slow_protocols(cli* terminal, int, char**) {
     const slow_opened socket = slow_socket_opened();
     const slow_stats s = slow_socket_stats();
-    session->out_func(session->out_val, "Slow-protocol socket: %s\n", kind_text(socket.kind));
+    terminal->out_func(terminal->out_val, "Slow-protocol socket: %s\n", kind_text(socket.kind));
     if (socket.kind == slow_kind::packet)
-        session->out_func(session->out_val, "  Receive buffer %d octets, send buffer %d octets, filter %s\n",
-                          socket.receive_buffer, socket.send_buffer,
-                          socket.filtered ? "in the kernel" : "in the daemon");
-    session->out_func(session->out_val, "  Frames received %" PRIu64 ", sent %" PRIu64 "\n", s.frames_in,
-                      s.frames_out);
-    session->out_func(session->out_val,
-                      "  Lost in the kernel %" PRIu64 ", too short %" PRIu64 ", of unknown ports %" PRIu64
-                      "\n",
-                      s.kernel_drops, s.short_frames, s.unknown_port);
-    show_limit(session, s);
-    session->out_func(session->out_val, "%-16s %5s %10s %10s %9s %9s %9s %9s %9s %9s\n", "Interface", "Index",
-                      "Received", "Sent", "Limited", "No-buffer", "Busy", "Link-down", "No-device", "Other");
-    for (const interface* intf : if_list(session->ifm)) show_port(session, intf);
+        terminal->out_func(
+            terminal->out_val, "  Receive buffer %d octets, send buffer %d octets, filter %s\n",
+            socket.receive_buffer, socket.send_buffer, socket.filtered ? "in the kernel" : "in the daemon");
+    terminal->out_func(terminal->out_val, "  Frames received %" PRIu64 ", sent %" PRIu64 "\n", s.frames_in,
+                       s.frames_out);
+    terminal->out_func(terminal->out_val,
+                       "  Lost in the kernel %" PRIu64 ", too short %" PRIu64 ", of unknown ports %" PRIu64
+                       "\n",
+                       s.kernel_drops, s.short_frames, s.unknown_port);
+    show_limit(terminal, s);
+    terminal->out_func(terminal->out_val, "%-16s %5s %10s %10s %9s %9s %9s %9s %9s %9s\n", "Interface",
+                       "Index", "Received", "Sent", "Limited", "No-buffer", "Busy", "Link-down", "No-device",
+                       "Other");
+    for (const interface* intf : if_list(terminal->ifm)) show_port(terminal, intf);
     return CLI_SUCCESS;
 }
 
@@ -79,12 +80,12 @@ int no_rate_limit(cli*, int, char**) {
     return CLI_SUCCESS;
 }
 
-int write_config(cli* session) {
+int write_config(cli* terminal) {
     const std::uint32_t rate = slow_socket_rate_limit();
     if (rate == 0)
-        session->out_func(session->out_val, "slow-protocols rate-limit off\n");
+        terminal->out_func(terminal->out_val, "slow-protocols rate-limit off\n");
     else if (rate != SLOW_RATE_DEFAULT)
-        session->out_func(session->out_val, "slow-protocols rate-limit %" PRIu32 "\n", rate);
+        terminal->out_func(terminal->out_val, "slow-protocols rate-limit %" PRIu32 "\n", rate);
     return 0;
 }
 

@@ -11,8 +11,8 @@
 
 namespace {
 
-snmp_agent* agent_of(cli* session) {
-    return session->zg->snmp;  // as long as its commands are installed
+snmp_agent* agent_of(cli* terminal) {
+    return terminal->zg->snmp;  // as long as its commands are installed
 }
 
 bool same_target(const agentx_target& a, const agentx_target& b) {
@@ -21,42 +21,42 @@ bool same_target(const agentx_target& a, const agentx_target& b) {
 }
 
 // Restarts only for another master: a repeated line does no harm.
-int use_target(cli* session, const agentx_target& target) {
-    snmp_agent* agent = agent_of(session);
+int use_target(cli* terminal, const agentx_target& target) {
+    snmp_agent* agent = agent_of(terminal);
     if (same_target(agent->target, target)) return CLI_SUCCESS;
     agent->target = target;
     agentx_restart(agent);
     return CLI_SUCCESS;
 }
 
-int set_unix(cli* session, int, char** argv) {
+int set_unix(cli* terminal, int, char** argv) {
     agentx_target target{};
-    if (!agentx_set_unix(&target, argv[0])) return cli_refuse(session, "Not a usable absolute path");
-    return use_target(session, target);
+    if (!agentx_set_unix(&target, argv[0])) return cli_refuse(terminal, "Not a usable absolute path");
+    return use_target(terminal, target);
 }
 
-int set_tcp(cli* session, int, char** argv) {
+int set_tcp(cli* terminal, int, char** argv) {
     agentx_target target{};
     int status = 0;
     const std::int32_t port = cmd_str2int(argv[1], &status);
     if (status < 0 || !agentx_set_tcp(&target, argv[0], static_cast<std::uint16_t>(port)))
-        return cli_refuse(session, "Not a numeric address or localhost");
-    return use_target(session, target);
+        return cli_refuse(terminal, "Not a numeric address or localhost");
+    return use_target(terminal, target);
 }
 
-int set_default(cli* session, int, char**) {
+int set_default(cli* terminal, int, char**) {
     agentx_target target{};
     (void)agentx_set_unix(&target, AGENTX_DEFAULT_PATH);  // the path is one that fits
-    return use_target(session, target);
+    return use_target(terminal, target);
 }
 
-int notifications(cli* session, int, char**) {
-    agentx_notify_switch(agent_of(session), true);
+int notifications(cli* terminal, int, char**) {
+    agentx_notify_switch(agent_of(terminal), true);
     return CLI_SUCCESS;
 }
 
-int no_notifications(cli* session, int, char**) {
-    agentx_notify_switch(agent_of(session), false);
+int no_notifications(cli* terminal, int, char**) {
+    agentx_notify_switch(agent_of(terminal), false);
     return CLI_SUCCESS;
 }
 
@@ -76,46 +76,47 @@ const char* phase_text(agentx_phase phase) {
     return "not connected";
 }
 
-void show_master(cli* session, const snmp_agent* agent) {
+void show_master(cli* terminal, const snmp_agent* agent) {
     const agentx_target& t = agent->target;
     if (t.tcp)
-        session->out_func(session->out_val, "  %-14s: tcp %s port %u\n", "Master", t.host, unsigned{t.port});
+        terminal->out_func(terminal->out_val, "  %-14s: tcp %s port %u\n", "Master", t.host,
+                           unsigned{t.port});
     else
-        session->out_func(session->out_val, "  %-14s: unix %s\n", "Master", t.path);
+        terminal->out_func(terminal->out_val, "  %-14s: unix %s\n", "Master", t.path);
 }
 
-int show_snmp(cli* session, int, char**) {
-    const snmp_agent* agent = agent_of(session);
+int show_snmp(cli* terminal, int, char**) {
+    const snmp_agent* agent = agent_of(terminal);
     const agentx_stats& s = agent->stats;
-    session->out_func(session->out_val, "SNMP sub-agent: %s\n", phase_text(agent->phase));
-    show_master(session, agent);
+    terminal->out_func(terminal->out_val, "SNMP sub-agent: %s\n", phase_text(agent->phase));
+    show_master(terminal, agent);
     if (agent->phase == agentx_phase::down && agent->timer)
-        session->out_func(session->out_val, "  %-14s: in %" PRIu32 " ms\n", "Next try",
-                          thread_timer_remaining_ms(agent->timer));
-    session->out_func(session->out_val,
-                      "  %-14s: %" PRIu64 " connections, %" PRIu64 " sessions lost, %" PRIu64
-                      " malformed messages\n",
-                      "Link", s.connects, s.drops, s.malformed);
-    session->out_func(session->out_val,
-                      "  %-14s: %" PRIu64 " messages received, %" PRIu64 " requests, %" PRIu64
-                      " sets, %" PRIu64 " sets taken back\n",
-                      "Requests", s.pdus_in, s.requests, s.sets, s.sets_undone);
-    session->out_func(session->out_val, "  %-14s: %s, %" PRIu64 " sent\n", "Notifications",
-                      agent->notifications_on ? "enable" : "disable", s.notifications);
-    session->out_func(session->out_val, "  %-14s: %s\n", "Last error",
-                      agent->last_error[0] ? agent->last_error : "none");
+        terminal->out_func(terminal->out_val, "  %-14s: in %" PRIu32 " ms\n", "Next try",
+                           thread_timer_remaining_ms(agent->timer));
+    terminal->out_func(terminal->out_val,
+                       "  %-14s: %" PRIu64 " connections, %" PRIu64 " sessions lost, %" PRIu64
+                       " malformed messages\n",
+                       "Link", s.connects, s.drops, s.malformed);
+    terminal->out_func(terminal->out_val,
+                       "  %-14s: %" PRIu64 " messages received, %" PRIu64 " requests, %" PRIu64
+                       " sets, %" PRIu64 " sets taken back\n",
+                       "Requests", s.pdus_in, s.requests, s.sets, s.sets_undone);
+    terminal->out_func(terminal->out_val, "  %-14s: %s, %" PRIu64 " sent\n", "Notifications",
+                       agent->notifications_on ? "enable" : "disable", s.notifications);
+    terminal->out_func(terminal->out_val, "  %-14s: %s\n", "Last error",
+                       agent->last_error[0] ? agent->last_error : "none");
     return CLI_SUCCESS;
 }
 
-int write_config(cli* session) {
-    const snmp_agent* agent = agent_of(session);
+int write_config(cli* terminal) {
+    const snmp_agent* agent = agent_of(terminal);
     if (!agent) return 0;
     const agentx_target& t = agent->target;
     if (t.tcp)
-        session->out_func(session->out_val, "snmp agentx tcp %s %u\n", t.host, unsigned{t.port});
+        terminal->out_func(terminal->out_val, "snmp agentx tcp %s %u\n", t.host, unsigned{t.port});
     else if (std::strcmp(t.path, AGENTX_DEFAULT_PATH) != 0)
-        session->out_func(session->out_val, "snmp agentx unix %s\n", t.path);
-    if (agent->notifications_on) session->out_func(session->out_val, "snmp notifications\n");
+        terminal->out_func(terminal->out_val, "snmp agentx unix %s\n", t.path);
+    if (agent->notifications_on) terminal->out_func(terminal->out_val, "snmp notifications\n");
     return 0;
 }
 

@@ -41,8 +41,8 @@ struct host_state {
     std::size_t pending_octets;
 };
 
-inline host_state* host_of(const cli* session) {
-    return session->zg->host;
+inline host_state* host_of(const cli* terminal) {
+    return terminal->zg->host;
 }
 
 // A `cli` for lines that come from no terminal: all privileges, `mode`, output to out(out_val, ...).
@@ -55,7 +55,7 @@ void pending_run(host_state* host, interface* intf);    // the host's after_bind
 bool pending_drop(host_state* host, const char* name);  // false when nothing waits for it
 void pending_replaced(host_state* host,
                       const cli_command* command);  // the same command, or its no form, was run
-int pending_write(cli* session);
+int pending_write(cli* terminal);
 void pending_free(host_state* host);
 
 // Reads host->config_file through the tree.
@@ -64,7 +64,7 @@ void host_log_refused(const host_state* host, std::uint32_t number, std::string_
 // The running configuration as text. False when memory is exhausted.
 [[nodiscard]] bool host_running_text(host_state* host, text_buffer* out);
 // Saves atomically; prints "% ..." and returns false when the file is as before.
-bool host_save(host_state* host, cli* session);
+bool host_save(host_state* host, cli* terminal);
 // The file's content. 0, or a negative errno. -EFBIG above 64 MiB.
 int host_read_file(const char* path, text_buffer* out);
 

@@ -8,42 +8,42 @@
 
 namespace {
 
-void enter(cli* session, std::int32_t mode) {
-    session->mode = mode;
-    session->index = nullptr;
-    session->name[0] = 0;
+void enter(cli* terminal, std::int32_t mode) {
+    terminal->mode = mode;
+    terminal->index = nullptr;
+    terminal->name[0] = 0;
 }
 
 // One mode up; out of the exec mode the terminal's session ends.
-int do_exit(cli* session, int, char**) {
-    if (session->mode == EXEC_MODE)
-        session_end(session);
+int do_exit(cli* terminal, int, char**) {
+    if (terminal->mode == EXEC_MODE)
+        session_end(terminal);
     else
-        enter(session, session->mode == CONFIG_MODE ? EXEC_MODE : CONFIG_MODE);
+        enter(terminal, terminal->mode == CONFIG_MODE ? EXEC_MODE : CONFIG_MODE);
     return CLI_SUCCESS;
 }
 
-int do_end(cli* session, int, char**) {
-    enter(session, EXEC_MODE);
+int do_end(cli* terminal, int, char**) {
+    enter(terminal, EXEC_MODE);
     return CLI_SUCCESS;
 }
 
 // Runs an exec command from a configuration mode and comes back, whatever mode that command entered.
-int do_do(cli* session, int, char** argv) {
-    cli kept = *session;
-    enter(session, EXEC_MODE);
-    cli_result result = cli_run_line(session->zg->ctree, session, argv[0]);
-    session->mode = kept.mode;
-    session->index = kept.index;
-    std::snprintf(session->name, sizeof session->name, "%s", kept.name);
+int do_do(cli* terminal, int, char** argv) {
+    cli kept = *terminal;
+    enter(terminal, EXEC_MODE);
+    cli_result result = cli_run_line(terminal->zg->ctree, terminal, argv[0]);
+    terminal->mode = kept.mode;
+    terminal->index = kept.index;
+    std::snprintf(terminal->name, sizeof terminal->name, "%s", kept.name);
     return result == cli_result::ok || result == cli_result::empty ? CLI_SUCCESS : CLI_ERROR;
 }
 
-int do_help(cli* session, int, char**) {
-    session->out_func(session->out_val, "%s",
-                      "Type ? at any place of a line for what may follow there, TAB to complete a word.\n"
-                      "Words may be shortened to what is unambiguous. The lines of `show` commands can be\n"
-                      "filtered: | include TEXT, | exclude TEXT, | begin TEXT, | count.\n");
+int do_help(cli* terminal, int, char**) {
+    terminal->out_func(terminal->out_val, "%s",
+                       "Type ? at any place of a line for what may follow there, TAB to complete a word.\n"
+                       "Words may be shortened to what is unambiguous. The lines of `show` commands can be\n"
+                       "filtered: | include TEXT, | exclude TEXT, | begin TEXT, | count.\n");
     return CLI_SUCCESS;
 }
 

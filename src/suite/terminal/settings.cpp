@@ -11,19 +11,19 @@
 
 namespace {
 
-terminal_state* terminals_of(const cli* session) {
-    return session->zg->terminals;
+terminal_state* terminals_of(const cli* terminal) {
+    return terminal->zg->terminals;
 }
 
-int hostname(cli* session, int, char** argv) {
-    terminal_state* terminals = terminals_of(session);
-    if (std::strlen(argv[0]) >= sizeof terminals->host_name) return cli_refuse(session, "Name too long");
+int hostname(cli* terminal, int, char** argv) {
+    terminal_state* terminals = terminals_of(terminal);
+    if (std::strlen(argv[0]) >= sizeof terminals->host_name) return cli_refuse(terminal, "Name too long");
     std::snprintf(terminals->host_name, sizeof terminals->host_name, "%s", argv[0]);
     return CLI_SUCCESS;
 }
 
-int no_hostname(cli* session, int, char**) {
-    terminals_of(session)->host_name[0] = 0;
+int no_hostname(cli* terminal, int, char**) {
+    terminals_of(terminal)->host_name[0] = 0;
     return CLI_SUCCESS;
 }
 
@@ -40,57 +40,57 @@ void on_hashed(lib_globals* ctx, void* owner, const char* hash) {
     if (s) session_finish(s, hash != nullptr);
 }
 
-int password(cli* session, int, char** argv) {
-    terminal_state* terminals = terminals_of(session);
-    if (!password_supported()) return cli_refuse(session, "This build has no password check");
-    if (std::strlen(argv[0]) > PASSWORD_MAX) return cli_refuse(session, "Password too long");
-    if (session->line) {
-        struct session* s = session_of(session);
-        s->busy = password_start(session->zg, argv[0], nullptr, on_hashed, s) != nullptr;
-        return s->busy ? CLI_SUCCESS : cli_refuse(session, "The password can't be hashed");
+int password(cli* terminal, int, char** argv) {
+    terminal_state* terminals = terminals_of(terminal);
+    if (!password_supported()) return cli_refuse(terminal, "This build has no password check");
+    if (std::strlen(argv[0]) > PASSWORD_MAX) return cli_refuse(terminal, "Password too long");
+    if (terminal->line) {
+        session* s = session_of(terminal);
+        s->busy = password_start(terminal->zg, argv[0], nullptr, on_hashed, s) != nullptr;
+        return s->busy ? CLI_SUCCESS : cli_refuse(terminal, "The password can't be hashed");
     }
     char hash[PASSWORD_HASH_SIZE];
-    if (!password_hash_now(argv[0], hash)) return cli_refuse(session, "The password can't be hashed");
+    if (!password_hash_now(argv[0], hash)) return cli_refuse(terminal, "The password can't be hashed");
     keep_password(terminals, hash);
     return CLI_SUCCESS;
 }
 
-int password_encrypted(cli* session, int, char** argv) {
-    if (!password_is_hash(argv[0])) return cli_refuse(session, "Not the hash of a password");
-    keep_password(terminals_of(session), argv[0]);
+int password_encrypted(cli* terminal, int, char** argv) {
+    if (!password_is_hash(argv[0])) return cli_refuse(terminal, "Not the hash of a password");
+    keep_password(terminals_of(terminal), argv[0]);
     return CLI_SUCCESS;
 }
 
-int no_password(cli* session, int, char**) {
-    terminals_of(session)->password[0] = 0;
+int no_password(cli* terminal, int, char**) {
+    terminals_of(terminal)->password[0] = 0;
     return CLI_SUCCESS;
 }
 
-int exec_timeout(cli* session, int, char** argv) {
-    terminals_of(session)->exec_timeout_s =
+int exec_timeout(cli* terminal, int, char** argv) {
+    terminals_of(terminal)->exec_timeout_s =
         static_cast<std::uint32_t>(std::strtoul(argv[0], nullptr, 10)) * 60;
-    sessions_rearm(terminals_of(session)->sessions);
+    sessions_rearm(terminals_of(terminal)->sessions);
     return CLI_SUCCESS;
 }
 
-int no_exec_timeout(cli* session, int, char**) {
-    terminals_of(session)->exec_timeout_s = DEFAULT_EXEC_TIMEOUT_S;
-    sessions_rearm(terminals_of(session)->sessions);
+int no_exec_timeout(cli* terminal, int, char**) {
+    terminals_of(terminal)->exec_timeout_s = DEFAULT_EXEC_TIMEOUT_S;
+    sessions_rearm(terminals_of(terminal)->sessions);
     return CLI_SUCCESS;
 }
 
-int terminal_length(cli* session, int, char** argv) {
-    session_of(session)->page_length = static_cast<std::int32_t>(std::strtol(argv[0], nullptr, 10));
+int terminal_length(cli* terminal, int, char** argv) {
+    session_of(terminal)->page_length = static_cast<std::int32_t>(std::strtol(argv[0], nullptr, 10));
     return CLI_SUCCESS;
 }
 
-int terminal_monitor(cli* session, int, char**) {
-    if (session_monitor(session_of(session), true)) return CLI_SUCCESS;
-    return cli_refuse(session, "Too many terminals show the log");
+int terminal_monitor(cli* terminal, int, char**) {
+    if (session_monitor(session_of(terminal), true)) return CLI_SUCCESS;
+    return cli_refuse(terminal, "Too many terminals show the log");
 }
 
-int no_terminal_monitor(cli* session, int, char**) {
-    (void)session_monitor(session_of(session), false);  // taking it away can't fail
+int no_terminal_monitor(cli* terminal, int, char**) {
+    (void)session_monitor(session_of(terminal), false);  // taking it away can't fail
     return CLI_SUCCESS;
 }
 
@@ -124,13 +124,13 @@ const cli_help help_texts[] = {
 
 }  // namespace
 
-void terminals_write(cli* session) {
-    const terminal_state* terminals = terminals_of(session);
-    if (terminals->host_name[0]) session->out_func(session->out_val, "hostname %s\n", terminals->host_name);
+void terminals_write(cli* terminal) {
+    const terminal_state* terminals = terminals_of(terminal);
+    if (terminals->host_name[0]) terminal->out_func(terminal->out_val, "hostname %s\n", terminals->host_name);
     if (terminals->password[0])
-        session->out_func(session->out_val, "password encrypted %s\n", terminals->password);
+        terminal->out_func(terminal->out_val, "password encrypted %s\n", terminals->password);
     if (terminals->exec_timeout_s != DEFAULT_EXEC_TIMEOUT_S)
-        session->out_func(session->out_val, "exec-timeout %u\n", terminals->exec_timeout_s / 60);
+        terminal->out_func(terminal->out_val, "exec-timeout %u\n", terminals->exec_timeout_s / 60);
 }
 
 int terminals_install(cli_tree* tree) {

@@ -36,7 +36,7 @@ const char* host_name(const lib_globals* ctx);
 int cli_install_default(cli_tree* tree, std::int32_t mode);
 // hostname, password, exec-timeout, terminal ... and their configuration lines.
 int terminals_install(cli_tree* tree);
-void terminals_write(cli* session);
+void terminals_write(cli* terminal);
 
 // The local socket: mode 0660, at most SESSION_MAX sessions. A socket file that no process answers at is
 // replaced; one of a daemon that runs is not. 0, or -1 (logged).
