@@ -1,8 +1,12 @@
-// The memory manager (classes, reuse, counts, what it does about misuse), growable text, and UTF-8.
+// The memory manager (classes, reuse, counts, what it does about misuse), the table by number, growable text,
+// and UTF-8.
 #include <cstdarg>
 #include <cstring>
+#include <map>
+#include <random>
 
-#include "suite/base/utf8.h"
+#include "suite/base/index_table.h"
+#include "suite/editor/utf8.h"
 #include "unit/suite_support.h"
 
 namespace {
@@ -118,6 +122,39 @@ TEST_F(Memory, DoubleFreeAndForeignMemoryAreSaidAndNotDone) {
     EXPECT_NE(a, b);
     memmgr_free(a, OTHER_TYPE);
     memmgr_free(b, TYPE);
+}
+
+// Growth, probing across the end and removal out of the middle of a run, against a map; a failed allocation
+// changes nothing. The numbers crowd: many share their low bits, as multiples of a power of two do.
+TEST_F(Memory, TableByNumberFindsWhatWasPutInAndNotTakenOut) {
+    std::mt19937 random(7);
+    index_table table{};
+    std::map<std::uint32_t, void*> model;
+    static char records[4096];
+    for (int step = 0; step < 20000; step++) {
+        const std::uint32_t key = random() % 400 * (step % 2 ? 1 : 4096);
+        void* record = &records[random() % sizeof records];
+        EXPECT_EQ(index_table_find(&table, key), model.contains(key) ? model[key] : nullptr);
+        if (model.contains(key)) {
+            index_table_remove(&table, key);
+            model.erase(key);
+        } else {
+            if (random() % 8 == 0) memmgr_fail_at(1);
+            if (index_table_reserve(&table, model.size() + 1, TYPE)) {
+                index_table_put(&table, key, record);
+                model[key] = record;
+            }
+            memmgr_fail_at(0);
+        }
+    }
+    for (const auto& [key, record] : model) {
+        EXPECT_EQ(index_table_find(&table, key), record);
+        index_table_remove(&table, key);
+    }
+    EXPECT_EQ(index_table_any(&table), nullptr);
+    EXPECT_GE(table.room, 512u) << "it has grown";
+    index_table_free(&table, TYPE);
+    EXPECT_EQ(memmgr_type_stats(TYPE).blocks, 0u);
 }
 
 class Text : public Suite {

@@ -1,5 +1,5 @@
-// The interface list: an array of pointers in the order of first addition, and beside it an open-addressed
-// table by interface index, because every received frame looks its port up. The records are owned here; the
+// The interface list: an array of pointers in the order of first addition, and beside it a table by
+// interface index, because every received frame looks its port up. The records are owned here; the
 // port record in `port` belongs to the hooks. A hook may add or look up interfaces, but not remove the one
 // that it runs for.
 #include "suite/ports/interface.h"
@@ -13,38 +13,15 @@ namespace {
 
 constexpr std::size_t FIRST_ROOM = 16;
 
-std::size_t home_slot(const if_master* ifm, std::uint32_t ifindex) {
-    return (ifindex * 0x9e3779b1u) >> 7 & (ifm->index_room - 1);
-}
-
-void index_put(if_master* ifm, interface* intf) {
-    std::size_t slot = home_slot(ifm, intf->ifindex);
-    while (ifm->by_index[slot] != nullptr) slot = (slot + 1) & (ifm->index_room - 1);
-    ifm->by_index[slot] = intf;
-}
-
-void index_rebuild(if_master* ifm) {
-    std::memset(ifm->by_index, 0, ifm->index_room * sizeof(interface*));
-    for (interface* intf : if_list(ifm)) index_put(ifm, intf);
-}
-
-// Room for one record more in the list, and an index table that stays at most half full.
+// Room for one record more in the list and in the table.
 bool make_room(if_master* ifm) {
+    if (!index_table_reserve(&ifm->by_index, ifm->count + 1, MTYPE_IF)) return false;
     if (ifm->count < ifm->room) return true;
     const std::size_t room = ifm->room == 0 ? FIRST_ROOM : ifm->room * 2;
-    void* table = memmgr_calloc(room * 2 * sizeof(interface*), MTYPE_IF);
-    if (table == nullptr) return false;
     void* items = memmgr_realloc(ifm->items, room * sizeof(interface*), MTYPE_IF);
-    if (items == nullptr) {
-        memmgr_free(table, MTYPE_IF);
-        return false;
-    }
-    memmgr_free(ifm->by_index, MTYPE_IF);
+    if (items == nullptr) return false;
     ifm->items = static_cast<interface**>(items);
     ifm->room = room;
-    ifm->by_index = static_cast<interface**>(table);
-    ifm->index_room = room * 2;
-    index_rebuild(ifm);
     return true;
 }
 
@@ -84,13 +61,7 @@ interface* if_lookup_by_name(const if_master* ifm, const char* name) {
 }
 
 interface* if_lookup_by_index(const if_master* ifm, std::uint32_t ifindex) {
-    if (ifm->index_room == 0) return nullptr;
-    std::size_t slot = home_slot(ifm, ifindex);
-    while (interface* intf = ifm->by_index[slot]) {
-        if (intf->ifindex == ifindex) return intf;
-        slot = (slot + 1) & (ifm->index_room - 1);
-    }
-    return nullptr;
+    return static_cast<interface*>(index_table_find(&ifm->by_index, ifindex));
 }
 
 interface* ifg_get_by_name(const if_master* ifm, const char* name) {
@@ -105,7 +76,7 @@ interface* if_add(if_master* ifm, const char* name, std::uint32_t ifindex, std::
     intf->ifindex = ifindex;
     intf->type = type;
     ifm->items[ifm->count++] = intf;
-    index_put(ifm, intf);
+    index_table_put(&ifm->by_index, ifindex, intf);
     return intf;
 }
 
@@ -140,7 +111,7 @@ void if_remove(if_master* ifm, interface* intf) {
         if (ifm->items[i] != intf) continue;
         ifm->count--;
         std::memmove(ifm->items + i, ifm->items + i + 1, (ifm->count - i) * sizeof(interface*));
-        index_rebuild(ifm);
+        index_table_remove(&ifm->by_index, intf->ifindex);
         memmgr_free(intf, MTYPE_IF);
         return;
     }
@@ -149,8 +120,7 @@ void if_remove(if_master* ifm, interface* intf) {
 void if_finish(if_master* ifm) {
     for (interface* intf : if_list(ifm)) memmgr_free(intf, MTYPE_IF);
     memmgr_free(ifm->items, MTYPE_IF);
-    memmgr_free(ifm->by_index, MTYPE_IF);
+    index_table_free(&ifm->by_index, MTYPE_IF);
     ifm->items = nullptr;
-    ifm->by_index = nullptr;
-    ifm->count = ifm->room = ifm->index_room = 0;
+    ifm->count = ifm->room = 0;
 }

@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <span>
 
+#include "suite/base/index_table.h"
+
 struct lib_globals;
 
 constexpr std::size_t IF_NAME_SIZE = 17;    // 16 octets and the terminating zero
@@ -43,10 +45,7 @@ struct if_master {
     if_hook hooks[IF_CALLBACK_COUNT];
     // Runs after the bind hook and before an up: the host's pending configuration lines of the interface.
     void (*after_bind)(lib_globals*, interface*);
-    // The list's own table by index, `index_room` slots (a power of two). An interface keeps its index as
-    // long as it is in the list.
-    interface** by_index;
-    std::size_t index_room;
+    index_table by_index;  // the list's own; an interface keeps its index as long as it is in the list
 };
 
 // One hook a number; a second one replaces the first. -1 for an unknown number.
