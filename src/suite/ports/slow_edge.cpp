@@ -3,7 +3,7 @@
 //
 // What can go wrong: no right to raw sockets (the caller's start-up fails), a kernel or an emulator without
 // one of the options (said in the log, and done without).
-#include "suite/ports/slow_edge.h"
+#include "suite/ports/slow_state.h"
 
 #include <arpa/inet.h>
 #include <linux/filter.h>
