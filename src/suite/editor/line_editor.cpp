@@ -1,22 +1,18 @@
-// See line_editor.h. Keys are dispatched by table; what changes the line ends in show(), which writes the row
-// anew unless one character at the end is all that changed. Nothing here depends on timing: an escape
-// sequence may come in any number of pieces.
+// See line_editor.h. The keys, the line and its row on the screen: what changes the line ends in line_show,
+// which writes the row anew, unless one character at the end is all that changed. Nothing here depends on
+// timing: an escape sequence may come in any number of pieces.
 #include "suite/editor/line_editor.h"
 
 #include <cstring>
 
 #include "suite/base/memory.h"
 #include "suite/base/slice.h"
+#include "suite/editor/line_parts.h"
 #include "suite/editor/utf8.h"
 
 namespace {
 
 enum key_state : std::uint8_t { PLAIN, ESCAPE, SEQUENCE, SHIFTED, QUOTED };
-
-constexpr std::uint8_t ctrl(char letter) {
-    return static_cast<std::uint8_t>(letter & 0x1f);
-}
-constexpr std::uint8_t KEY_ESCAPE = 27, KEY_DELETE = 127;
 
 // What the terminal shows is a convenience: when memory is short it stays as it is.
 void put(text_buffer* out, std::string_view text) {
@@ -65,21 +61,6 @@ void show_search(const line_editor* e, text_buffer* out) {
     put(out, "\x1b[K");
 }
 
-void show(line_editor* e, text_buffer* out) {
-    if (e->hidden) return;
-    scroll_to_cursor(e);
-    if (e->searching) return show_search(e, out);
-    put(out, "\r");
-    put(out, e->prompt);
-    put_visible(e, out);
-    put(out, "\x1b[K");
-    put_right(out, utf8_columns(e->prompt) + utf8_columns({e->text + e->scroll, e->cursor - e->scroll}));
-}
-
-void bell(text_buffer* out) {
-    put(out, "\a");
-}
-
 bool put_in(line_editor* e, std::string_view text) {
     if (text.size() > sizeof e->text - e->length) {
         e->too_long = true;
@@ -125,98 +106,15 @@ void empty_line(line_editor* e) {
     e->length = e->cursor = e->scroll = 0;
     e->too_long = false;
     e->utf8_left = 0;
-    e->browsing = e->history_count;
     e->searching = false;
-    memmgr_free(e->draft, MTYPE_CLI_SESSION);
-    e->draft = nullptr;
-}
-
-void replace_line(line_editor* e, const char* text) {
-    std::size_t length = std::strlen(text);
-    if (length > sizeof e->text) length = sizeof e->text;
-    std::memcpy(e->text, text, length);
-    e->length = e->cursor = length;
-    e->scroll = 0;
-    e->utf8_left = 0;
-}
-
-char* copy_of(std::string_view text) {
-    auto* copy = static_cast<char*>(memmgr_calloc(text.size() + 1, MTYPE_CLI_SESSION));
-    if (copy) std::memcpy(copy, text.data(), text.size());
-    return copy;
-}
-
-// History. `browsing` walks from history_count (the line being typed, kept in `draft`) down to 0.
-void browse(line_editor* e, bool older, text_buffer* out) {
-    if (e->hidden || (older ? e->browsing == 0 : e->browsing >= e->history_count)) return bell(out);
-    if (e->browsing == e->history_count && !e->draft) e->draft = copy_of({e->text, e->length});
-    e->browsing = older ? e->browsing - 1 : e->browsing + 1;
-    if (e->browsing < e->history_count) {
-        replace_line(e, e->history[e->browsing]);
-    } else {
-        replace_line(e, e->draft ? e->draft : "");
-        memmgr_free(e->draft, MTYPE_CLI_SESSION);
-        e->draft = nullptr;
-    }
-    show(e, out);
-}
-
-void drop_oldest(line_editor* e) {
-    e->history_octets -= std::strlen(e->history[0]) + 1;
-    memmgr_free(e->history[0], MTYPE_CLI_SESSION);
-    e->history_count--;
-    std::memmove(e->history, e->history + 1, e->history_count * sizeof e->history[0]);
-}
-
-// Search: from the entry before `from` back, the first one that holds the pattern becomes the line.
-void search(line_editor* e, std::size_t from, text_buffer* out) {
-    e->pattern[e->pattern_length] = 0;
-    for (std::size_t i = from; i > 0 && e->pattern_length; i--) {
-        if (!std::strstr(e->history[i - 1], e->pattern)) continue;
-        e->found = i - 1;
-        replace_line(e, e->history[i - 1]);
-        return show(e, out);
-    }
-    bell(out);
-    show(e, out);
-}
-
-void start_search(line_editor* e, text_buffer* out) {
-    if (e->hidden) return;
-    if (e->searching) return search(e, e->found, out);
-    e->searching = true;
-    e->pattern_length = 0;
-    e->found = e->history_count;
-    show(e, out);
-}
-
-// True when the key belonged to the search; other keys end it with the line found and mean what they mean.
-bool search_key(line_editor* e, std::uint8_t octet, text_buffer* out) {
-    if (octet == ctrl('R')) {
-        start_search(e, out);
-    } else if (octet == ctrl('H') || octet == KEY_DELETE) {
-        if (e->pattern_length) e->pattern_length -= utf8_last_length({e->pattern, e->pattern_length});
-        search(e, e->history_count, out);
-    } else if (octet == ctrl('G')) {
-        e->searching = false;
-        replace_line(e, "");
-        show(e, out);
-    } else if (octet >= 0x20 && e->pattern_length + 1 < sizeof e->pattern) {
-        e->pattern[e->pattern_length++] = static_cast<char>(octet);
-        search(e, e->found < e->history_count ? e->found + 1 : e->history_count, out);
-    } else {
-        e->searching = false;
-        show(e, out);
-        return false;
-    }
-    return true;
+    line_leave_history(e);
 }
 
 // A text octet. The row is written anew only when the cursor is not at the end or the window must move, and
 // not before a character is whole.
 void type(line_editor* e, std::uint8_t octet, text_buffer* out) {
     char c = static_cast<char>(octet);
-    if (!put_in(e, {&c, 1})) return bell(out);
+    if (!put_in(e, {&c, 1})) return line_bell(out);
     if (e->hidden) return;
     if (octet < 0x80) {
         e->utf8_left = 0;
@@ -231,7 +129,7 @@ void type(line_editor* e, std::uint8_t octet, text_buffer* out) {
     if (octet < 0x80 && octet >= 0x20 && at_end && fits)
         put(out, {&c, 1});
     else
-        show(e, out);
+        line_show(e, out);
 }
 
 editor_event enter(line_editor* e, text_buffer* out) {
@@ -247,20 +145,20 @@ editor_event interrupt(line_editor* e, text_buffer* out) {
 }
 
 void erase(line_editor* e, std::size_t from, std::size_t to, text_buffer* out) {
-    if (from == to) return bell(out);
+    if (from == to) return line_bell(out);
     take_out(e, from, to);
-    show(e, out);
+    line_show(e, out);
 }
 
 void move(line_editor* e, std::size_t to, text_buffer* out) {
     if (to == e->cursor) return;
     e->cursor = to;
-    show(e, out);
+    line_show(e, out);
 }
 
 void clear_screen(line_editor* e, text_buffer* out) {
     put(out, "\x1b[H\x1b[2J");
-    show(e, out);
+    line_show(e, out);
 }
 
 editor_event control_key(line_editor* e, std::uint8_t octet, text_buffer* out) {
@@ -299,13 +197,13 @@ editor_event control_key(line_editor* e, std::uint8_t octet, text_buffer* out) {
             clear_screen(e, out);
             break;
         case ctrl('N'):
-            browse(e, false, out);
+            line_browse(e, false, out);
             break;
         case ctrl('P'):
-            browse(e, true, out);
+            line_browse(e, true, out);
             break;
         case ctrl('R'):
-            start_search(e, out);
+            line_search_start(e, out);
             break;
         case ctrl('U'):
             erase(e, 0, e->cursor, out);
@@ -330,10 +228,10 @@ editor_event control_key(line_editor* e, std::uint8_t octet, text_buffer* out) {
 void final_of_sequence(line_editor* e, std::uint8_t octet, text_buffer* out) {
     switch (octet == '~' ? e->key_number : octet) {
         case 'A':
-            browse(e, true, out);
+            line_browse(e, true, out);
             break;
         case 'B':
-            browse(e, false, out);
+            line_browse(e, false, out);
             break;
         case 'C':
             move(e, e->cursor + one_right(e), out);
@@ -390,6 +288,30 @@ bool swallowed_after_cr(line_editor* e, std::uint8_t octet) {
 
 }  // namespace
 
+void line_show(line_editor* e, text_buffer* out) {
+    if (e->hidden) return;
+    scroll_to_cursor(e);
+    if (e->searching) return show_search(e, out);
+    put(out, "\r");
+    put(out, e->prompt);
+    put_visible(e, out);
+    put(out, "\x1b[K");
+    put_right(out, utf8_columns(e->prompt) + utf8_columns({e->text + e->scroll, e->cursor - e->scroll}));
+}
+
+void line_bell(text_buffer* out) {
+    put(out, "\a");
+}
+
+void line_replace(line_editor* e, const char* text) {
+    std::size_t length = std::strlen(text);
+    if (length > sizeof e->text) length = sizeof e->text;
+    std::memcpy(e->text, text, length);
+    e->length = e->cursor = length;
+    e->scroll = 0;
+    e->utf8_left = 0;
+}
+
 line_editor* line_editor_create() {
     auto* e = static_cast<line_editor*>(memmgr_calloc(sizeof(line_editor), MTYPE_CLI_SESSION));
     if (e) e->columns = 80;
@@ -398,8 +320,7 @@ line_editor* line_editor_create() {
 
 void line_editor_free(line_editor* e) {
     if (!e) return;
-    while (e->history_count) drop_oldest(e);
-    memmgr_free(e->draft, MTYPE_CLI_SESSION);
+    line_history_free(e);
     memmgr_free(e, MTYPE_CLI_SESSION);
 }
 
@@ -418,7 +339,7 @@ editor_event line_editor_key(line_editor* e, std::uint8_t octet, text_buffer* ou
         if (octet >= 0x20 && octet != KEY_DELETE) type(e, octet, out);
         return editor_event::none;
     }
-    if (e->searching && search_key(e, octet, out)) return editor_event::none;
+    if (e->searching && line_search_key(e, octet, out)) return editor_event::none;
     if (e->key_state != PLAIN && octet != KEY_ESCAPE && octet >= 0x20) {
         escape_key(e, octet, out);
         return editor_event::none;
@@ -431,12 +352,12 @@ editor_event line_editor_key(line_editor* e, std::uint8_t octet, text_buffer* ou
 }
 
 void line_editor_insert(line_editor* e, std::string_view text, text_buffer* out) {
-    if (!put_in(e, text)) bell(out);
-    show(e, out);
+    if (!put_in(e, text)) line_bell(out);
+    line_show(e, out);
 }
 
 void line_editor_redraw(line_editor* e, text_buffer* out) {
-    show(e, out);
+    line_show(e, out);
 }
 
 void line_editor_hide(const line_editor*, text_buffer* out) {
@@ -445,19 +366,4 @@ void line_editor_hide(const line_editor*, text_buffer* out) {
 
 void line_editor_resize(line_editor* e, std::size_t columns) {
     e->columns = columns ? columns : 80;
-}
-
-void line_editor_remember(line_editor* e, std::string_view line) {
-    bool blank = line.find_first_not_of(" \t") == std::string_view::npos;
-    if (blank || line.size() + 1 > LINE_EDITOR_HISTORY_OCTETS || std::memchr(line.data(), 0, line.size()))
-        return;
-    if (e->history_count && line == e->history[e->history_count - 1]) return;
-    char* copy = copy_of(line);
-    if (!copy) return;
-    while (e->history_count == LINE_EDITOR_HISTORY ||
-           e->history_octets + line.size() + 1 > LINE_EDITOR_HISTORY_OCTETS)
-        drop_oldest(e);
-    e->history[e->history_count++] = copy;
-    e->history_octets += line.size() + 1;
-    e->browsing = e->history_count;
 }
