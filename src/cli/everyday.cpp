@@ -1,6 +1,6 @@
 // What an operator asks first: which port is the source, and why the others are not. One line a port
 // ("brief"), the candidates in their order ("selection"), and all of it for scripts ("json", in
-// ssm_cli_json.cpp). They change nothing.
+// json.cpp). They change nothing.
 #include <algorithm>
 #include <cstdio>
 #include <span>

@@ -44,7 +44,7 @@ struct cli_element {
     cli_handler handler;
 };
 
-// What a handler sees of its session.
+// What a handler sees of the terminal, or of the file, that its line came from.
 struct cli {
     cli_output out_func;   // printf-like
     void* out_val;         // its first argument
@@ -53,7 +53,7 @@ struct cli {
     std::int32_t mode;     // a handler may set it (enter a mode)
     void* index;    // current object: the interface in the interface mode, null when the name is unknown
     char name[64];  // the name as typed with "interface NAME"
-    std::int32_t privilege;
+    std::int32_t privilege;  // what the daemon itself makes has PRIVILEGE_MAX: it knows no lesser users
     void* line;  // the session's own record (suite/terminal/session.h), null for configuration files
 };
 
@@ -76,7 +76,7 @@ int cli_install_gen(cli_tree* tree, std::int32_t mode, std::int32_t privilege, s
                     const cli_element* element);
 // Writers are called in the order of their registration, all those of EXEC_MODE before those of other modes.
 int cli_install_config(cli_tree* tree, std::int32_t mode, cli_writer writer);
-// Help texts, kept beside the command tables: for the token `token` ("clock", "<1-255>", "IFNAME") where it
+// Help texts, in tables of their own: for the token `token` ("clock", "<1-255>", "IFNAME") where it
 // follows the words `before` ("clock synce"); the entry with the longest `before` that is the tail of what
 // was typed counts. Installing a table a second time does nothing.
 struct cli_help {
@@ -88,10 +88,10 @@ int cli_install_help(cli_tree* tree, const cli_help* texts, std::size_t count);
 
 enum class cli_result { ok, failed, unknown, ambiguous, incomplete, empty };
 
-// Parses and runs one line in terminal->mode (with the privileges of the session). Prints "% Unknown
-// command",
-// "% Ambiguous command", "% Incomplete command" itself, each alone on a line. Lines of blanks, and lines that
-// begin with "!" or "#", are `empty` and succeed.
+// Parses and runs one line in terminal->mode, within terminal->privilege. Says "% Unknown command",
+// "% Ambiguous command" and "% Incomplete command" itself, each alone on a line.
+// Lines of blanks, and lines that begin with "!" or "#", are `empty` and succeed.
+// The tree's `after_run` hears of a line that succeeded.
 cli_result cli_run_line(cli_tree* tree, cli* terminal, std::string_view line);
 
 // Every installed command, for tests and documents: visit(arg, mode, element, flags).
@@ -99,7 +99,7 @@ void cli_walk(const cli_tree* tree,
               void (*visit)(void* arg, std::int32_t mode, const cli_element* element, std::uint32_t flags),
               void* arg);
 
-// Assembles the running configuration through the session's output function.
+// Assembles the running configuration through the terminal's output function.
 void cli_write_running(cli_tree* tree, cli* terminal);
 
 // Says "% TEXT"; what the handler returns then.

@@ -193,7 +193,7 @@ void match_command(const matcher& m, Visit&& visit) {
         if (then->taken[i] && (!m.words->more || then->paths[i].swallowed)) visit(then->paths[i]);
 }
 
-// Calls visit(command) for the commands that are entered in a mode with the session's privilege.
+// Calls visit(command) for the commands that are entered in a mode with the terminal's privilege.
 template <typename Visit>
 void for_commands(const cli_tree* tree, std::int32_t mode, std::int32_t privilege, Visit&& visit) {
     bool debug_too = mode == EXEC_MODE || mode == CONFIG_MODE || mode == INTERFACE_MODE;

@@ -1,4 +1,4 @@
-// See cli_pipe.h. A filter stands between a show command and the session's own output function while the
+// See pipe.h. A filter stands between a show command and the terminal's own output function while the
 // command runs. Text is compared as it is, without patterns.
 #include "suite/command/pipe.h"
 

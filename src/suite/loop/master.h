@@ -1,5 +1,5 @@
 // The event loop's own record, shared by its three files: thread.cpp (turns and the public calls),
-// thread_poll.cpp (descriptors and readiness), thread_heap.cpp (timers). Nobody else includes this.
+// poll.cpp (descriptors and readiness), heap.cpp (timers). Nobody else includes this.
 #pragma once
 
 #include <sys/epoll.h>
@@ -86,13 +86,13 @@ inline nanoseconds thread_sample(const thread_master* m) {
     return m->replaced ? m->edges.now(m->edges.arg) : monotonic_now();
 }
 
-// thread_heap.cpp. Equal due times come out in the order of `order`. The event's `slot` is kept at its place.
+// heap.cpp. Equal due times come out in the order of `order`. The event's `slot` is kept at its place.
 [[nodiscard]] bool timer_heap_reserve(timer_heap* heap);  // room for one more
 void timer_heap_push(timer_heap* heap, const timer_item& item);
 void timer_heap_remove(timer_heap* heap, std::size_t slot);
 void timer_heap_shift_back(timer_heap* heap, nanoseconds by);  // the clock went back: so do the due times
 
-// thread_poll.cpp
+// poll.cpp
 [[nodiscard]] bool thread_poll_open(thread_master* m);
 void thread_poll_close(thread_master* m);
 thread_source* thread_source_get(thread_master* m, int fd);  // makes room; null when exhausted

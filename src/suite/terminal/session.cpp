@@ -1,5 +1,5 @@
-// A session's life, its descriptor and its buffers. wire.h says what goes over the wire,
-// batch.cpp and interactive.cpp do what the octets ask for.
+// A session's life, its descriptor and its buffers. wire.h says what goes over the wire; batch.cpp and
+// interactive.cpp do what the octets ask for.
 //
 // A client that is slow only holds itself up: its next line is run when the output of the former one has gone
 // out, and what does not fit the buffer ends the session.
