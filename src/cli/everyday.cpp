@@ -33,58 +33,58 @@ forced_words forced_text(const ssm_port* port) {
     return words;
 }
 
-int show_brief_handler(cli* session, int, char**) {
-    session->out_func(session->out_val, "%-16s %-6s %-8s %-6s %4s  %-12s %s\n", "Port", "State", "Rx", "Tx",
-                      "Prio", "Forced", "Why not the source");
+int show_brief_handler(cli* terminal, int, char**) {
+    terminal->out_func(terminal->out_val, "%-16s %-6s %-8s %-6s %4s  %-12s %s\n", "Port", "State", "Rx", "Tx",
+                       "Prio", "Forced", "Why not the source");
     const ssm_port* best = ssm_best_candidate();
-    ssm_port_walk([session, best](const ssm_port* port) {
-        session->out_func(session->out_val, "%-16s %-6s %-8s %-6s %4d  %-12s %s\n", ssm_port_name(port),
-                          port_state(port), ssm_ql_to_str(port->recv_quality, SSM_QL_STYLE_LONG),
-                          ssm_ql_to_str(port->send_quality, SSM_QL_STYLE_SHORT), port->priority,
-                          forced_text(port).text, ssm_reason_not_source(port, best).text);
+    ssm_port_walk([terminal, best](const ssm_port* port) {
+        terminal->out_func(terminal->out_val, "%-16s %-6s %-8s %-6s %4d  %-12s %s\n", ssm_port_name(port),
+                           port_state(port), ssm_ql_to_str(port->recv_quality, SSM_QL_STYLE_LONG),
+                           ssm_ql_to_str(port->send_quality, SSM_QL_STYLE_SHORT), port->priority,
+                           forced_text(port).text, ssm_reason_not_source(port, best).text);
     });
     return CLI_SUCCESS;
 }
 
-void show_source(cli* session, const ssm_port* best) {
+void show_source(cli* terminal, const ssm_port* best) {
     if (const char* source = ssm_port_name(g_s_master->selected_port)) {
-        session->out_func(session->out_val, "Source: %s\n", source);
+        terminal->out_func(terminal->out_val, "Source: %s\n", source);
         return;
     }
     const ssm_reason why = ssm_reason_no_source(best);
-    session->out_func(session->out_val, "Source: none%s%s\n", why.text[0] ? ", " : "", why.text);
+    terminal->out_func(terminal->out_val, "Source: none%s%s\n", why.text[0] ? ", " : "", why.text);
 }
 
-void show_candidates(cli* session, std::span<const ssm_port* const> candidates) {
-    session->out_func(session->out_val, "%4s  %-16s %-8s %4s %4s %5s  %s\n", "Rank", "Port", "Quality",
-                      "Prio", "Hops", "Index", "Ahead of the next by");
+void show_candidates(cli* terminal, std::span<const ssm_port* const> candidates) {
+    terminal->out_func(terminal->out_val, "%4s  %-16s %-8s %4s %4s %5s  %s\n", "Rank", "Port", "Quality",
+                       "Prio", "Hops", "Index", "Ahead of the next by");
     for (std::size_t i = 0; i < candidates.size(); ++i) {
         const ssm_port* port = candidates[i];
         const char* key = "-";
         if (i + 1 < candidates.size()) key = ssm_candidate_compare(port, candidates[i + 1]).key;
-        session->out_func(session->out_val, "%4u  %-16s %-8s %4d %4d %5u  %s\n", static_cast<unsigned>(i + 1),
-                          ssm_port_name(port),
-                          ssm_ql_to_str(ssm_port_select_quality(port), SSM_QL_STYLE_LONG), port->priority,
-                          port->recv_hop_count, static_cast<unsigned>(port->intf->ifindex), key);
+        terminal->out_func(terminal->out_val, "%4u  %-16s %-8s %4d %4d %5u  %s\n",
+                           static_cast<unsigned>(i + 1), ssm_port_name(port),
+                           ssm_ql_to_str(ssm_port_select_quality(port), SSM_QL_STYLE_LONG), port->priority,
+                           port->recv_hop_count, static_cast<unsigned>(port->intf->ifindex), key);
     }
 }
 
-void show_refused(cli* session) {
-    session->out_func(session->out_val, "\n%-16s %s\n", "Port", "Why it is no candidate");
-    ssm_port_walk([session](const ssm_port* port) {
+void show_refused(cli* terminal) {
+    terminal->out_func(terminal->out_val, "\n%-16s %s\n", "Port", "Why it is no candidate");
+    ssm_port_walk([terminal](const ssm_port* port) {
         const ssm_refusal refusal = ssm_candidate_check(port);
         if (refusal == ssm_refusal::none) return;
-        session->out_func(session->out_val, "%-16s %s\n", ssm_port_name(port), ssm_refusal_text(refusal));
+        terminal->out_func(terminal->out_val, "%-16s %s\n", ssm_port_name(port), ssm_refusal_text(refusal));
     });
 }
 
-int show_selection_handler(cli* session, int, char**) {
+int show_selection_handler(cli* terminal, int, char**) {
     std::size_t ports = 0, count = 0;
     ssm_port_walk([&ports](const ssm_port*) { ++ports; });
     auto** list =
         static_cast<const ssm_port**>(memmgr_calloc((ports + 1) * sizeof(ssm_port*), MTYPE_CLI_SESSION));
     if (!list) {
-        session->out_func(session->out_val, "%% Out of memory\n");
+        terminal->out_func(terminal->out_val, "%% Out of memory\n");
         return CLI_ERROR;
     }
     ssm_port_walk([list, &count](const ssm_port* port) {
@@ -92,9 +92,9 @@ int show_selection_handler(cli* session, int, char**) {
     });
     std::sort(list, list + count,
               [](const ssm_port* a, const ssm_port* b) { return ssm_candidate_compare(a, b).winner < 0; });
-    show_source(session, count ? list[0] : nullptr);
-    show_candidates(session, {list, count});
-    if (count < ports) show_refused(session);
+    show_source(terminal, count ? list[0] : nullptr);
+    show_candidates(terminal, {list, count});
+    if (count < ports) show_refused(terminal);
     memmgr_free(list, MTYPE_CLI_SESSION);
     return CLI_SUCCESS;
 }

@@ -9,33 +9,33 @@
 namespace {
 
 // Names are the operator's: they may hold anything. Octets that are no UTF-8 are the reader's to judge.
-void write_text(cli* out, const char* text) {
+void write_text(cli* terminal, const char* text) {
     if (!text) {
-        out->out_func(out->out_val, "null");
+        terminal->out_func(terminal->out_val, "null");
         return;
     }
-    out->out_func(out->out_val, "\"");
+    terminal->out_func(terminal->out_val, "\"");
     for (const char* c = text; *c; ++c) {
         const auto octet = static_cast<unsigned char>(*c);
         if (octet < 0x20 || octet == 0x7f || *c == '"' || *c == '\\')
-            out->out_func(out->out_val, "\\u%04x", static_cast<unsigned>(octet));
+            terminal->out_func(terminal->out_val, "\\u%04x", static_cast<unsigned>(octet));
         else
-            out->out_func(out->out_val, "%c", *c);
+            terminal->out_func(terminal->out_val, "%c", *c);
     }
-    out->out_func(out->out_val, "\"");
+    terminal->out_func(terminal->out_val, "\"");
 }
 
-void field(cli* out, const char* name, const char* value) {
-    out->out_func(out->out_val, ",\"%s\":", name);
-    write_text(out, value);
+void field(cli* terminal, const char* name, const char* value) {
+    terminal->out_func(terminal->out_val, ",\"%s\":", name);
+    write_text(terminal, value);
 }
 
-void field(cli* out, const char* name, std::uint32_t value) {
-    out->out_func(out->out_val, ",\"%s\":%u", name, static_cast<unsigned>(value));
+void field(cli* terminal, const char* name, std::uint32_t value) {
+    terminal->out_func(terminal->out_val, ",\"%s\":%u", name, static_cast<unsigned>(value));
 }
 
-void flag(cli* out, const char* name, bool value) {
-    out->out_func(out->out_val, ",\"%s\":%s", name, value ? "true" : "false");
+void flag(cli* terminal, const char* name, bool value) {
+    terminal->out_func(terminal->out_val, ",\"%s\":%s", name, value ? "true" : "false");
 }
 
 const char* quality(std::uint32_t code) {
@@ -88,61 +88,61 @@ const char* esmc_mode(const ssm_port* port) {
     }
 }
 
-void write_clock(cli* out, const ssm_port* best) {
+void write_clock(cli* terminal, const ssm_port* best) {
     const ssm_master* clock = g_s_master;
-    out->out_func(out->out_val, "\"clock_id\":");
-    write_text(out, ssm_clock_id_str(clock->clock_id));
-    flag(out, "synce_enabled", clock->global_enable != 0);
-    flag(out, "ssm_enabled", clock->ssm_enable != 0);
-    flag(out, "ssm_extended", clock->ssm_extend != 0);
-    field(out, "option", std::uint32_t{clock->ql_option});
-    field(out, "local_quality", quality(clock->local_quality));
-    field(out, "local_priority", std::uint32_t{clock->local_priority});
-    field(out, "current_quality", quality(clock->current_quality));
-    field(out, "device_type", device_type());
-    field(out, "running_state", running_state());
-    field(out, "dpll_state", dpll_state());
-    field(out, "recovery_input", recovery_input());
-    field(out, "source", ssm_port_name(clock->selected_port));
-    field(out, "no_source_reason", clock->selected_port ? nullptr : or_null(ssm_reason_no_source(best)));
-    field(out, "forced_port", ssm_port_name(clock->force_port));
+    terminal->out_func(terminal->out_val, "\"clock_id\":");
+    write_text(terminal, ssm_clock_id_str(clock->clock_id));
+    flag(terminal, "synce_enabled", clock->global_enable != 0);
+    flag(terminal, "ssm_enabled", clock->ssm_enable != 0);
+    flag(terminal, "ssm_extended", clock->ssm_extend != 0);
+    field(terminal, "option", std::uint32_t{clock->ql_option});
+    field(terminal, "local_quality", quality(clock->local_quality));
+    field(terminal, "local_priority", std::uint32_t{clock->local_priority});
+    field(terminal, "current_quality", quality(clock->current_quality));
+    field(terminal, "device_type", device_type());
+    field(terminal, "running_state", running_state());
+    field(terminal, "dpll_state", dpll_state());
+    field(terminal, "recovery_input", recovery_input());
+    field(terminal, "source", ssm_port_name(clock->selected_port));
+    field(terminal, "no_source_reason", clock->selected_port ? nullptr : or_null(ssm_reason_no_source(best)));
+    field(terminal, "forced_port", ssm_port_name(clock->force_port));
 }
 
-void write_port(cli* out, const ssm_port* port, const ssm_port* best) {
-    out->out_func(out->out_val, "{\"name\":");
-    write_text(out, ssm_port_name(port));
-    field(out, "ifindex", port->intf->ifindex);
-    flag(out, "source", port == g_s_master->selected_port);
-    field(out, "not_source_reason", or_null(ssm_reason_not_source(port, best)));
-    flag(out, "synce_enabled", port->synce_enable != 0);
-    flag(out, "link_up", port->link_up != 0);
-    field(out, "esmc", esmc_mode(port));
-    field(out, "received_quality", quality(port->recv_quality));
-    field(out, "sent_quality", quality(port->send_quality));
-    field(out, "forced_received_quality", quality(port->force_rx_quality));
-    field(out, "forced_sent_quality", quality(port->force_tx_quality));
-    field(out, "priority", std::uint32_t{port->priority});
-    field(out, "dnu_group", std::uint32_t{port->dnu_group});
-    flag(out, "replace_clock_id", port->replace_clockid != 0);
-    field(out, "received_clock_id", port->recv_pdu ? ssm_clock_id_str(port->recv_clockid) : nullptr);
-    field(out, "hop_count", std::uint32_t{port->recv_hop_count});
-    flag(out, "sending", port->send_timer != nullptr);
-    flag(out, "receiving", port->timeout_timer != nullptr);
-    out->out_func(out->out_val, "}");
+void write_port(cli* terminal, const ssm_port* port, const ssm_port* best) {
+    terminal->out_func(terminal->out_val, "{\"name\":");
+    write_text(terminal, ssm_port_name(port));
+    field(terminal, "ifindex", port->intf->ifindex);
+    flag(terminal, "source", port == g_s_master->selected_port);
+    field(terminal, "not_source_reason", or_null(ssm_reason_not_source(port, best)));
+    flag(terminal, "synce_enabled", port->synce_enable != 0);
+    flag(terminal, "link_up", port->link_up != 0);
+    field(terminal, "esmc", esmc_mode(port));
+    field(terminal, "received_quality", quality(port->recv_quality));
+    field(terminal, "sent_quality", quality(port->send_quality));
+    field(terminal, "forced_received_quality", quality(port->force_rx_quality));
+    field(terminal, "forced_sent_quality", quality(port->force_tx_quality));
+    field(terminal, "priority", std::uint32_t{port->priority});
+    field(terminal, "dnu_group", std::uint32_t{port->dnu_group});
+    flag(terminal, "replace_clock_id", port->replace_clockid != 0);
+    field(terminal, "received_clock_id", port->recv_pdu ? ssm_clock_id_str(port->recv_clockid) : nullptr);
+    field(terminal, "hop_count", std::uint32_t{port->recv_hop_count});
+    flag(terminal, "sending", port->send_timer != nullptr);
+    flag(terminal, "receiving", port->timeout_timer != nullptr);
+    terminal->out_func(terminal->out_val, "}");
 }
 
-int show_json_handler(cli* session, int, char**) {
+int show_json_handler(cli* terminal, int, char**) {
     const ssm_port* best = ssm_best_candidate();
-    session->out_func(session->out_val, "{");
-    write_clock(session, best);
-    session->out_func(session->out_val, ",\"ports\":[");
+    terminal->out_func(terminal->out_val, "{");
+    write_clock(terminal, best);
+    terminal->out_func(terminal->out_val, ",\"ports\":[");
     bool first = true;
     ssm_port_walk([&](const ssm_port* port) {
-        if (!first) session->out_func(session->out_val, ",");
+        if (!first) terminal->out_func(terminal->out_val, ",");
         first = false;
-        write_port(session, port, best);
+        write_port(terminal, port, best);
     });
-    session->out_func(session->out_val, "]}\n");
+    terminal->out_func(terminal->out_val, "]}\n");
     return CLI_SUCCESS;
 }
 

@@ -192,14 +192,14 @@ TEST_F(config_commands, roles_by_hand_are_counted_a_port_once) {
     quiet("clock synce gephy slave");
     EXPECT_EQ(g_s_master->gephy_manual_count, 2U);
     quiet("no clock synce gephy");
-    if_unbind(&ctx_->ifm, port_->intf);
+    if_unbind(ctx_->ifm, port_->intf);
     EXPECT_EQ(g_s_master->gephy_manual_count, 0U);
 }
 
 TEST_F(config_commands, unsuitable_interface_is_entered_and_then_refused) {
     for (const std::string name : {"lo", "nowhere", "p1"}) {
         interface_mode(name);
-        if (name == "p1") if_remove(&ctx_->ifm, port_->intf);  // the session outlives it
+        if (name == "p1") if_remove(ctx_->ifm, port_->intf);  // the session outlives it
         for (const char* line :
              {"clock synce enable", "no clock synce ssm enable all", "clock synce ssm enable rx",
               "no clock synce priority", "no clock synce dnu-group", "clock synce extend replace-clockid"})

@@ -16,6 +16,7 @@
 #include "suite/command/tree.h"
 #include "suite/host/state.h"
 #include "suite/log/sinks.h"
+#include "suite/terminal/terminal.h"
 
 namespace {
 
@@ -181,7 +182,7 @@ class configuration : public daemon_test {
     }
 
     void bind(const std::string& name) {
-        if (if_lookup_by_name(&ctx_->ifm, name.c_str())) return;
+        if (if_lookup_by_name(ctx_->ifm, name.c_str())) return;
         const auto* const place = std::find(PORT_NAMES, PORT_NAMES + PORTS, name);
         add_port(name.c_str(), static_cast<std::uint32_t>(place - PORT_NAMES) + 1);
     }
@@ -192,13 +193,13 @@ class configuration : public daemon_test {
 
     void play(const steps& list) {
         for (const step& s : list) {
-            interface* intf = if_lookup_by_name(&ctx_->ifm, s.port.c_str());
+            interface* intf = if_lookup_by_name(ctx_->ifm, s.port.c_str());
             if (s.line == BIND)
                 bind(s.port);
             else if (s.line[0] != '(')
                 enter(s);
             else if (intf)
-                (s.line == UP ? if_up : if_down)(&ctx_->ifm, intf);
+                (s.line == UP ? if_up : if_down)(ctx_->ifm, intf);
         }
     }
     void enter(const step& s) {
@@ -228,8 +229,8 @@ class configuration : public daemon_test {
                 p->replace_clockid, p->force_rx_quality, p->force_tx_quality,
                 c.ssm_enable ? 0 : p->gephy_role_enable, c.ssm_enable ? 0 : p->gephy_role);
         });
-        const host_state* h = ctx_->host;
-        add("host", h->name, h->password, h->exec_timeout_s, slow_socket_rate_limit());
+        const terminal_state* h = ctx_->terminals;
+        add("host", h->host_name, h->password, h->exec_timeout_s, slow_socket_rate_limit());
         exec_mode();
         for (const char* line : {"show snmp | include Master", "show snmp | include Notifications"}) {
             (void)run(line);
@@ -276,7 +277,7 @@ class configuration : public daemon_test {
         const std::string waiting = running();
         unsigned bound = 0;
         for (std::size_t i = 0; i < PORTS; i++)
-            if (if_lookup_by_name(&ctx_->ifm, PORT_NAMES[i])) bound |= 1u << i;
+            if (if_lookup_by_name(ctx_->ifm, PORT_NAMES[i])) bound |= 1u << i;
         bind_all(all);
         const std::string went_on = running();
         if (s.later.empty()) expect_same(written, went_on, "bound late");

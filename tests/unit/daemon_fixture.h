@@ -71,11 +71,11 @@ class daemon_test : public ::testing::Test {
     }
 
     interface* add_interface(const char* name, std::uint32_t ifindex, std::uint16_t type = IF_TYPE_SYNCE) {
-        return if_add(&ctx_->ifm, name, ifindex, type);
+        return if_add(ctx_->ifm, name, ifindex, type);
     }
     ssm_port* add_port(const char* name, std::uint32_t ifindex) {
         interface* intf = add_interface(name, ifindex);
-        if_bind(&ctx_->ifm, intf);
+        if_bind(ctx_->ifm, intf);
         return ssm_if_port(intf);
     }
 
@@ -92,7 +92,7 @@ class daemon_test : public ::testing::Test {
         session_.out_func = record;
         session_.out_val = this;
         session_.zg = ctx_;
-        session_.ifm = &ctx_->ifm;
+        session_.ifm = ctx_->ifm;
         session_.privilege = PRIVILEGE_MAX;
         exec_mode();
         init_result_ = ssm_install_commands(ctx_->ctree);
@@ -113,6 +113,7 @@ class daemon_test : public ::testing::Test {
         ASSERT_EQ(nsm_client_cli_init(ctx_), 0);
         register_mib();
         ASSERT_EQ(snmp_start(ctx_), 0);
+        ASSERT_EQ(agentx_cli_init(ctx_), 0);
     }
     void register_mib() const {
         ASSERT_EQ(agentx_register_mib(ctx_, "mibII/ssm", ssm_variables, sizeof ssm_variables[0],

@@ -7,6 +7,7 @@
 #include "nsmd/server/server.h"
 #include "nsmd_support.h"
 #include "suite/manager/client.h"
+#include "suite/ports/interface.h"
 
 namespace {
 
@@ -136,7 +137,8 @@ TEST_F(link_doc, nsmd_says_and_understands_what_the_document_has) {
 TEST_F(link_doc, esmcd_says_and_understands_what_the_document_has) {
     static link_doc* test;
     test = this;
-    if_master* ifm = &loop.ctx.ifm;
+    if_master list{};
+    if_master* ifm = loop.ctx.ifm = &list;
     nsm_client_set_link_open([] { return test->far.dial(&test->loop); });
     if_add_hook(ifm, IF_CALLBACK_VR_BIND, [](interface* i) { return test->note("bind"), i->port ? -1 : 0; });
     if_add_hook(ifm, IF_CALLBACK_VR_UNBIND, [](interface*) { return test->note("unbind"), 0; });

@@ -132,7 +132,7 @@ TEST_F(Memory, TableByNumberFindsWhatWasPutInAndNotTakenOut) {
     std::map<std::uint32_t, void*> model;
     static char records[4096];
     for (int step = 0; step < 20000; step++) {
-        const std::uint32_t key = random() % 400 * (step % 2 ? 1 : 4096);
+        const auto key = static_cast<std::uint32_t>(random() % 400 * (step % 2 ? 1 : 4096));
         void* record = &records[random() % sizeof records];
         EXPECT_EQ(index_table_find(&table, key), model.contains(key) ? model[key] : nullptr);
         if (model.contains(key)) {

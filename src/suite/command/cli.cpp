@@ -1,8 +1,8 @@
 // The command tree's life, installation, and the running of lines. The tree belongs to the library context;
 // terminals, the configuration file and the host's own commands all run their lines through cli_run_line.
 //
-// A terminal in the interface mode looks its interface up again by name before every line: the record may have
-// gone, or come, since the last one.
+// A terminal in the interface mode looks its interface up again by name before every line: the record may
+// have gone, or come, since the last one.
 #include "suite/command/cli.h"
 
 #include <cstdio>

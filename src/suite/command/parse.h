@@ -23,7 +23,7 @@ struct cli_parsed {
     std::string_view words[CLI_MAX_TOKENS];  // per word: as typed; for LINE the rest of the line
 };
 
-// Parses a line as `terminal` (mode, privilege, interface table) would run it. `out->words` point into `line`.
+// Parses a line as `terminal` (mode, privilege, interfaces) would run it. `out->words` point into `line`.
 void cli_parse(const cli_tree* tree, const cli* terminal, std::string_view line, cli_parsed* out);
 
 // What argument `k` of the parsed words is in full: the keyword's whole text, or the word as typed.

@@ -46,9 +46,9 @@ const cli_help help_texts[] = {
     {"", "IFPHYSICAL", "Name of a port"},
 };
 
-int write_own_lines(cli* session) {
-    terminals_write(session);
-    host_log_write(session);
+int write_own_lines(cli* terminal) {
+    terminals_write(terminal);
+    host_log_write(terminal);
     return CLI_SUCCESS;
 }
 

@@ -93,7 +93,7 @@ const cli_help help_texts[] = {
     {"log", "syslog", "To the system's log"},
 };
 
-void write_sink(cli* session, const log_settings& log, log_sink sink, const char* name) {
+void write_sink(cli* terminal, const log_settings& log, log_sink sink, const char* name) {
     if (((log.sinks ^ log.default_sinks) & sink) == 0) return;
     terminal->out_func(terminal->out_val, "%slog %s\n", log.sinks & sink ? "" : "no ", name);
 }

@@ -80,7 +80,7 @@ int host_commands_install(host_state* host);
 int host_show_install(cli_tree* tree);
 // log ..., show log, and their configuration lines.
 int host_log_install(cli_tree* tree);
-void host_log_write(cli* session);
+void host_log_write(cli* terminal);
 
 // What a save would change: lines that would go begin with "-", new ones with "+", the interface line of a
 // changed block stands above it. False when memory is exhausted.
