@@ -265,6 +265,7 @@ class ssm_notify : public ssm_mib {
         master.ctx = ctx_;
         ASSERT_EQ(ssm_nsm_client_init(), 0);
         ASSERT_EQ(snmp_start(ctx_), 0);
+        ASSERT_EQ(agentx_cli_init(ctx_), 0);
         config_mode();
     }
     void TearDown() override {
