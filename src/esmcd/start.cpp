@@ -133,7 +133,7 @@ std::int32_t become_user(const rights_user& user, const char* config_file) {
 // the records are given back as they are. Their timers end with the event master.
 void free_port_records() {
     for (interface* intf : if_list(g_p_esmcd->ifm)) {
-        memmgr_free(ssm_if_port(intf), MTYPE_SSM_PORT);
+        if (ssm_port* port = ssm_if_port(intf)) ssm_record_give_back(port);
         intf->port = nullptr;
     }
     if (g_s_master) g_s_master->selected_port = g_s_master->force_port = nullptr;
