@@ -42,7 +42,7 @@ void reaction(benchmark::State& state) {
                     epoll_event event;
                     (void)epoll_wait(plain.epoll, &event, 1, -1);
                     (void)plain.receive();
-                    sender.send_each();
+                    sender.send_at_once();
                 }));
             }
         }

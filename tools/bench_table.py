@@ -28,11 +28,12 @@ BUILD = pathlib.Path(os.environ.get("ESMC_BUILD") or pathlib.Path(__file__).reso
 GOALS = [
     (r"^receive_to_decision/ports:16/ext:\d", "x_epoll_recvfrom", 1.0),
     (r"^receive_to_decision/ports:16/ext:\d", "x_recvfrom", 1.6),
-    (r"^receive_(to_decision|new_quality)/ports:255/ext:\d", "x_recvfrom", 3.0),
-    (r"^reaction/ports:255", "x_bare_loop", 1.2),
+    (r"^receive_to_decision/ports:255/ext:\d", "x_recvfrom", 1.3),
+    (r"^receive_new_quality/ports:255/ext:\d", "x_recvfrom", 1.5),
+    (r"^reaction/ports:255", "x_bare_loop", 1.05),
     (r"^idle_second/ports:255", "x_bare_loop", 2.0),
-    (r"^fan_out/ports:(16|255)", "x_sendto", 1.15),
-    (r"^selection/ports:(16|64|255)/ext:0", "ns_per_port", 3.0),
+    (r"^fan_out/ports:(16|255)", "x_sendmmsg", 1.1),
+    (r"^selection/ports:(16|64|255)/ext:\d", "ns_per_port", 1.5),
 ]
 
 # Costs that are fitted over the port counts: (benchmark, counter, whether the counter is a cost for each port).
