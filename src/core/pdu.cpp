@@ -167,6 +167,7 @@ std::int32_t ssm_pdu_tx(ssm_port* port, std::uint32_t information) {
 }
 
 std::int32_t ssm_pdu_tx_all() {
+    const slow_sending_together together;
     ssm_port_walk([](ssm_port* port) {
         if (port->send_timer)
             (void)ssm_pdu_tx(port, 0);  // one port's error is counted at the socket and stops no other

@@ -30,6 +30,15 @@ void slow_socket_close(lib_globals* ctx, int fd);
 
 // Both never block. Octets of payload sent, or -1 with errno; each error is counted for its port.
 ssize_t slow_sendto(int fd, const_octets payload, const slow_address& to);
+// While one of these lives (one at a time), frames are collected, and leave together, in as few system calls
+// as can be, at the latest when it goes. slow_sendto then only says that it took a frame; what becomes of it
+// is counted.
+struct slow_sending_together {
+    slow_sending_together();
+    ~slow_sending_together();
+    slow_sending_together(const slow_sending_together&) = delete;
+    slow_sending_together& operator=(const slow_sending_together&) = delete;
+};
 // Octets received (cut at the buffer's end, and at 146), or -1 with errno. Frames may have been read ahead:
 // the event loop is told, a plain poll of the descriptor does not show them.
 ssize_t slow_recvfrom(int fd, octets payload, slow_address* from);
