@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <map>
 #include <random>
+#include <set>
 
 #include "unit/suite_support.h"
 
@@ -445,6 +446,33 @@ TEST_F(Kernel, JoinsTheGroupPerBoundPortAndLeavesIt) {
     EXPECT_EQ(members(), "far0 ");
     slow_socket_close(ctx, std::exchange(fd, -1));
     EXPECT_EQ(members(), "");
+}
+
+TEST_F(Kernel, OfFramesThatLeaveTogetherOnlyThoseThatCanNotLeaveAreMissing) {
+    constexpr unsigned PORTS = 70;  // more than one batch
+    make_ports(PORTS);
+    ASSERT_TRUE(run("ip link set near2 down; ip link del near3"));
+    const int ear = socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK, htons(0x8809));
+    {
+        const slow_sending_together together;
+        octet_string own = PDU;
+        for (unsigned i = 1; i <= PORTS; ++i) {
+            own[20] = static_cast<std::uint8_t>(i);
+            EXPECT_EQ(send_to_group(i, own), 46) << "taken, whatever comes of it";
+        }
+    }
+    std::uint8_t heard[64];
+    sockaddr_ll from{};
+    socklen_t length = sizeof from;
+    std::set<unsigned> ports;
+    while (recvfrom(ear, heard, sizeof heard, 0, reinterpret_cast<sockaddr*>(&from), &length) == 60)
+        if (from.sll_ifindex == static_cast<int>(index_of("far", heard[14 + 20] - 1U)))
+            ports.insert(heard[14 + 20]);
+    close(ear);
+    EXPECT_EQ(ports.size(), PORTS - 2) << "each port's own frame on its own link";
+    EXPECT_EQ(stats_of(3).link_down, 1u);
+    EXPECT_EQ(stats_of(4).no_device, 1u);
+    EXPECT_EQ(stats_of(PORTS).frames_out, 1u);
 }
 
 TEST_F(Kernel, AStuckPortAndOnesThatAreDownOrGoneFailAlone) {
