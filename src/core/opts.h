@@ -6,7 +6,7 @@
 
 #include "core/records.h"
 
-// The switch. Values are those of ssm_records.h; they are not range-checked here.
+// The switch. Values are those of records.h; they are not range-checked here.
 std::int32_t ssm_opts_set_global_enable(std::uint32_t on);
 std::int32_t ssm_opts_set_recovery_select(std::uint32_t select);
 std::int32_t ssm_opts_set_ssm_enable(std::uint32_t on);
