@@ -47,9 +47,8 @@ const char* or_null(const ssm_reason& reason) {
 }
 
 const char* running_state() {
-    if (g_s_master->device_type == SSM_MASTER_ONLY) return "master";
-    if (g_s_master->freerun) return "freerun";
-    return g_s_master->holdover ? "holdover" : "lock";
+    static constexpr const char* WORDS[] = {"", "master", "freerun", "holdover", "lock"};
+    return WORDS[static_cast<std::size_t>(ssm_running_state())];
 }
 
 const char* dpll_state() {

@@ -146,10 +146,15 @@ const char* ssm_dpll_valid_str() {
     return g_s_master->dpll_state == SSM_DPLL_LOCK ? "Valid" : "Invalid";
 }
 
+ssm_running ssm_running_state() {
+    if (g_s_master->device_type == SSM_MASTER_ONLY) return ssm_running::master;
+    if (g_s_master->freerun) return ssm_running::freerun;
+    return g_s_master->holdover ? ssm_running::holdover : ssm_running::lock;
+}
+
 const char* ssm_clock_state_str() {
-    if (g_s_master->device_type == SSM_MASTER_ONLY) return "Mast-Clock";
-    if (g_s_master->freerun) return "FreeRun";
-    return g_s_master->holdover ? "Holdover" : "Lock";
+    static constexpr const char* TEXTS[] = {"", "Mast-Clock", "FreeRun", "Holdover", "Lock"};
+    return TEXTS[static_cast<std::size_t>(ssm_running_state())];
 }
 
 const char* ssm_selected_source_str() {

@@ -20,6 +20,9 @@ const char* ssm_esmc_dir_token(std::uint32_t direction);
 const char* ssm_enable_str(std::uint32_t flag);  // "enable (with gephy)" while gephy_dynamic is set
 const char* ssm_dpll_state_str(std::uint32_t state);
 const char* ssm_dpll_valid_str();
+// How the switch's clock runs; the numbers are those of the MIB's object.
+enum class ssm_running : std::uint8_t { master = 1, freerun = 2, holdover = 3, lock = 4 };
+ssm_running ssm_running_state();
 const char* ssm_clock_state_str();
 const char* ssm_selected_source_str();
 const char* ssm_port_name(const ssm_port* port);  // null when the port or its interface is absent

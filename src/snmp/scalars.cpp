@@ -134,10 +134,7 @@ ssm_mib_value ssm_mib_selected_index() {
 }
 
 ssm_mib_value ssm_mib_running_state() {
-    constexpr ssm_mib_value MASTER = 1, FREE_RUN = 2, HOLDOVER = 3, LOCK = 4;
-    if (g_s_master->device_type == SSM_MASTER_ONLY) return MASTER;
-    if (g_s_master->freerun) return FREE_RUN;
-    return g_s_master->holdover ? HOLDOVER : LOCK;
+    return static_cast<ssm_mib_value>(ssm_running_state());
 }
 
 template <std::uint32_t Object>
