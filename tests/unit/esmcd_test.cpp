@@ -39,7 +39,6 @@ TEST(board, missing_file_is_looked_for_again_and_a_read_one_never) {
     EXPECT_EQ(ssm_board_info_get(&board), -999);
     EXPECT_EQ(board.flash_size, 99U) << "untouched";
     file.write("synce_support 1\n");
-    EXPECT_EQ(ssm_board_info_get(nullptr), -999);
     for (int i = 0; i < 2; i++) {
         board = {};
         ASSERT_EQ(ssm_board_info_get(&board), 0);
@@ -82,26 +81,10 @@ TEST(command_line, options_short_and_long_and_the_first_that_ends_counts) {
     }
 }
 
-TEST(command_line_death, usage_and_hint) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(ssm_usage(1, "esmcd"), testing::ExitedWithCode(1), "^Try `esmcd --help'");
-    EXPECT_EXIT(ssm_usage(0, "esmcd"), testing::ExitedWithCode(0), "^$");
-}
-
 // ---- Signals: nothing happens in the handler, and afterwards each happens once. ----
 
 class signals : public daemon_test {
   protected:
-    void SetUp() override {
-        daemon_test::SetUp();
-        ssm_signal_init();
-    }
-    void TearDown() override {
-        for (int number : {SIGHUP, SIGINT, SIGTERM, SIGUSR1, SIGUSR2, SIGPIPE, SIGTSTP, SIGTTIN, SIGTTOU,
-                           SIGXCPU, SIGXFSZ})
-            std::signal(number, SIG_DFL);
-        daemon_test::TearDown();
-    }
     static int look(thread* event) {
         auto* test = static_cast<signals*>(event->arg);
         test->seen_ = test->logged();
@@ -111,6 +94,7 @@ class signals : public daemon_test {
 };
 
 TEST_F(signals, are_answered_outside_the_handler_each_once_and_before_anything_else) {
+    ssm_signal_init();
     thread_set_interrupt(ctx_, ssm_signal_deliver);
     thread_add_timer_msec(ctx_, look, this, 0);
     for (int number : {SIGHUP, SIGUSR1, SIGHUP, SIGUSR2, SIGPIPE, SIGTSTP, SIGTTIN, SIGTTOU}) raise(number);
