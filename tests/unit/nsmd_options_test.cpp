@@ -31,34 +31,22 @@ TEST(nsmd_options, values_and_defaults) {
         "--port sw* --port=p? --dpll sim --sim-lock-ms 20 --sim-holdover-s=5 --source-code 3=4 --grace-s 0 "
         "--log-level debug -d --dpll-device=ice --bits1=A --bits2=B --prio-best=3 --prio-other=9 "
         "--poll-ms=20");
-    const parsed none("");
-    for (const parsed* p : {&given, &none}) {
-        const nsmd_options& o = p->options;
-        const bool is_given = p == &given;
-        const struct {
-            const char* option;
-            std::uint64_t value, given, otherwise;
-        } numbers[] = {{"port", o.pattern_count, 2, 0},
-                       {"sim-lock-ms", o.sim.lock_ms, 20, 300},
-                       {"sim-holdover-s", o.sim.holdover_s, 5, 0},
-                       {"source-code", o.source_code_count, 1, 0},
-                       {"grace-s", o.grace_s, 0, 10},
-                       {"prio-best", o.kernel.prio_best, 3, 0},
-                       {"prio-other", o.kernel.prio_other, 9, 14},
-                       {"poll-ms", o.poll.fast_ms, 20, 50},
-                       {"-d", o.daemonize, 1, 0}};
-        EXPECT_EQ(p->result, options_result::run);
-        for (const auto& n : numbers) EXPECT_EQ(n.value, is_given ? n.given : n.otherwise) << n.option;
-        EXPECT_EQ(o.log_level, is_given ? LOG_LEVEL_DEBUG : LOG_LEVEL_INFO);
-        EXPECT_EQ(o.dpll, is_given ? dpll_kind::simulated : dpll_kind::automatic);
-    }
+    const auto numbers = [](const nsmd_options& o) {
+        return std::vector<std::uint64_t>{o.pattern_count,     o.sim.lock_ms,
+                                          o.sim.holdover_s,    o.source_code_count,
+                                          o.grace_s,           static_cast<unsigned>(o.log_level),
+                                          o.daemonize,         o.kernel.prio_best,
+                                          o.kernel.prio_other, o.poll.fast_ms};
+    };
     const nsmd_options& o = given.options;
-    EXPECT_EQ(o.source_codes[0].ifindex, 3U);
-    EXPECT_EQ(o.source_codes[0].code, 4U);
-    EXPECT_STREQ(o.patterns[1], "p?");
-    EXPECT_STREQ(o.kernel.device, "ice");
-    EXPECT_STREQ(o.kernel.bits[0], "A");
-    EXPECT_STREQ(o.kernel.bits[1], "B");
+    const std::vector<std::uint64_t> wanted = {2, 20, 5, 1, 0, LOG_LEVEL_DEBUG, 1, 3, 9, 20};
+    const std::vector<std::uint64_t> defaults = {0, 300, 0, 0, 10, LOG_LEVEL_INFO, 0, 0, 14, 50};
+    EXPECT_EQ(numbers(o), wanted);
+    EXPECT_EQ(numbers(parsed("").options), defaults);
+    EXPECT_EQ(given.result, options_result::run);
+    EXPECT_EQ(o.dpll, dpll_kind::simulated);
+    EXPECT_EQ(o.source_codes[0].ifindex * 10 + o.source_codes[0].code, 34U);
+    EXPECT_EQ(std::string(o.patterns[1]) + o.kernel.device + o.kernel.bits[0] + o.kernel.bits[1], "p?iceAB");
 }
 
 TEST(nsmd_options, what_makes_no_sense_is_refused_by_name) {

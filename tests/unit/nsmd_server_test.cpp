@@ -1,4 +1,5 @@
-// Sessions of the NSM server over socket pairs, and its listening socket.
+// Sessions of the NSM server over socket pairs, its listening socket, and what it and the daemon's end say
+// against docs/NSM-LINK.md, octet by octet.
 #include "nsmd/server/server.h"
 
 #include <sys/resource.h>
@@ -6,6 +7,8 @@
 #include <sys/un.h>
 
 #include "nsmd_support.h"
+#include "suite/manager/client.h"
+#include "suite/ports/interface.h"
 
 namespace {
 
@@ -17,11 +20,24 @@ struct server : testing::Test {
 
     ~server() override { nsmd_server_free(s); }
     nsmd_server* make() {
-        const auto status = [](void*, text_buffer*) { return true; };
+        const auto status = [](void*, text_buffer* out) { return text_printf(out, "clock: holdover\n"); };
         return nsmd_server_create(&loop.ctx, {dump, request, clients, status, this});
     }
     static void dump(void* arg, nsmd_peer* peer) {
-        nsmd_server_send_clock(static_cast<server*>(arg)->s, peer, 2, 0);
+        nsmd_server* s = static_cast<server*>(arg)->s;
+        nsmd_server_send_bridge(s, peer, {true, "br0", 2, {2, 0, 0, 0, 0, 1}});
+        nsmd_server_send_port(s, peer, port(true));
+        nsmd_server_send_clock(s, peer, 2, 0);
+    }
+    static nsmd_port port(bool up) {
+        nsmd_port p{};
+        p.kernel_ifindex = 7;
+        p.ifindex = 3;
+        std::strcpy(p.name, "eth3");
+        p.mac[0] = 2;
+        p.mac[5] = 7;
+        p.up = up;
+        return p;
     }
     static void request(void* arg, std::uint16_t type, const std::uint32_t (&w)[NSM_REQUEST_WORDS]) {
         std::string words;
@@ -37,12 +53,11 @@ struct server : testing::Test {
         c->hello();
         loop.run(1);
     }
-    void send_clocks(std::uint32_t count, nsm_test_client* reader = nullptr) {
+    void send_clocks(std::uint32_t count, nsm_test_client* reader) {
         for (std::uint32_t i = 0; i < count; ++i) {
             nsmd_server_send_clock(s, nullptr, i, 0);
-            if (reader && i % 100 == 0) (void)reader->take_all();
+            if (i % 100 == 99) (void)reader->take_all();
         }
-        if (reader) (void)reader->take_all();
     }
     // What the owner was called for, once all that was sent has been read.
     std::string called() {
@@ -58,8 +73,8 @@ TEST_F(server, each_client_has_its_own_sequence_and_goes_alone) {
     nsmd_server_send_clock(s, nullptr, 3, 0);
     connect(&b);
     nsmd_server_send_clock(s, nullptr, 4, 0);
-    EXPECT_EQ(a.take_all(), "ack 0, clock 2 0, sync, clock 3 0, clock 4 0");
-    EXPECT_EQ(b.take_all(), "ack 0, clock 2 0, sync, clock 4 0");
+    EXPECT_EQ(a.take_all(), "ack 0, bridge, add 3 7 1, clock 2 0, sync, clock 3 0, clock 4 0");
+    EXPECT_EQ(b.take_all(), "ack 0, bridge, add 3 7 1, clock 2 0, sync, clock 4 0");
     a.hang_up();
     loop.run(1);
     nsmd_server_send_clock(s, nullptr, 2, 0);
@@ -68,14 +83,9 @@ TEST_F(server, each_client_has_its_own_sequence_and_goes_alone) {
     b.say(NSM_MSG_BYE);
     b.hang_up();
     EXPECT_EQ(called(), "clients 1, clients 2, clients 1, clients 0 clean");
-}
-
-TEST_F(server, another_version_is_refused_and_closed) {
-    nsm_test_client c;
-    ASSERT_TRUE(adopt(&c));
-    c.hello(2);
-    EXPECT_EQ(called(), "");
-    EXPECT_EQ(c.take_all(), "ack 1, closed");
+    silent.hello(2);
+    loop.run(1);
+    EXPECT_EQ(silent.take_all(), "ack 1, closed");  // another version
 }
 
 TEST_F(server, malformed_messages_are_dropped_said_once_a_minute_and_the_link_stays) {
@@ -107,24 +117,17 @@ TEST_F(server, malformed_messages_are_dropped_said_once_a_minute_and_the_link_st
     EXPECT_EQ(called(), "request 206 1 0 0, request 210 3 1 2");
 }
 
-TEST_F(server, a_slow_client_loses_nothing_until_its_queue_is_full) {
+TEST_F(server, a_slow_client_loses_nothing_until_its_bounded_queue_is_full) {
     nsm_test_client slow, other;
     connect(&slow);
     connect(&other);
     send_clocks(5000, &other);
     std::string last;
-    for (int i = 0; i < 5003; ++i) {
+    for (int i = 0; i < 5005; ++i) {
         if (i % 8 == 0) loop.run(1);
         last = slow.take();
     }
     EXPECT_EQ(last, "clock 4999 0");
-    EXPECT_EQ(log.count("too slowly"), 0);
-}
-
-TEST_F(server, a_client_that_never_reads_is_closed_and_costs_a_bounded_queue) {
-    nsm_test_client slow, other;
-    connect(&slow);
-    connect(&other);
     const auto before = memmgr_type_stats(MTYPE_TEXT).peak_octets;
     send_clocks(40000, &other);
     EXPECT_EQ(log.count("too slowly"), 1);
@@ -145,16 +148,98 @@ TEST_F(server, too_many_clients_are_turned_away) {
     EXPECT_EQ(c[16].take(), "ack 0");
 }
 
+// --- docs/NSM-LINK.md ---
+
+using conversation = std::map<std::string, std::map<std::uint32_t, message>>;  // by side and sequence number
+
+conversation document() {
+    std::ifstream in(NSM_LINK_DOC_PATH);
+    conversation all;
+    message m;
+    std::string side;
+    for (std::string line; std::getline(in, line);) {
+        if (line.starts_with("```")) side = line.starts_with("```hex ") ? line.substr(7) : "";
+        std::istringstream digits(line);
+        for (unsigned octet; !side.empty() && digits >> std::hex >> octet;) {
+            m.push_back(static_cast<std::uint8_t>(octet));
+            if (m.size() < NSM_HEADER_SIZE || m.size() != get_be16(m, 2)) continue;
+            all[side][get_be32(m, 4)] = m;
+            m.clear();
+        }
+    }
+    EXPECT_TRUE(m.empty()) << "a length field does not fit";
+    return all;
+}
+
+// The test passes on what both ends say.
+struct link_doc : server {
+    nsm_test_client to_nsmd, to_esmcd;
+    conversation talk;
+
+    bool pass(int from, const char* side, int to) {
+        message m(NSM_MESSAGE_MAX);
+        const ssize_t got = recv(from, m.data(), m.size(), MSG_DONTWAIT);
+        if (got <= 0) return false;
+        m.resize(static_cast<std::size_t>(got));
+        (void)send(to, m.data(), m.size(), MSG_NOSIGNAL);
+        talk[side][get_be32(m, 4)] = m;
+        return true;
+    }
+    void pass_all() {
+        do loop.run(1);
+        while (pass(to_esmcd.fd, "esmcd", to_nsmd.fd) | pass(to_nsmd.fd, "NSM", to_esmcd.fd));
+    }
+};
+
+TEST_F(link_doc, both_ends_say_what_the_document_has) {
+    static link_doc* test;
+    test = this;
+    if_master list{};
+    loop.ctx.ifm = &list;
+    nsm_client_set_link_open([] { return test->to_esmcd.dial(&test->loop); });
+    nsm_client* client = nsm_client_create(&loop.ctx, 0);
+    nsm_client_set_protocol(client, 36);
+    ASSERT_TRUE(adopt(&to_nsmd));
+    ASSERT_EQ(nsm_client_start(client), 0);
+    pass_all();
+    const interface* known = if_lookup_by_name(&list, "eth3");
+    EXPECT_TRUE(known && known->mac[5] == 7);
+    nsm_client_send_ssm_global_enable(client, {1});
+    nsm_client_send_ssm_clock_recovery_select(client, {0});
+    nsm_client_send_ssm_holdover_enable(client, {1});
+    nsm_client_send_ssm_selected_if_index(client, {3, 0});
+    nsm_client_send_ssm_set_gephy_role(client, {3, 1, 2});
+    pass_all();
+    EXPECT_EQ(called(),
+              "clients 1, request 206 1 0 0, request 207 0 0 0, request 208 1 0 0, "
+              "request 209 3 0 0, request 210 3 1 2");
+    nsmd_server_send_clock(s, nullptr, 4, 0);
+    nsmd_server_send_link(s, port(false));
+    nsmd_server_send_link(s, port(true));
+    nsmd_server_send_port_gone(s, port(true));
+    pass_all();
+    EXPECT_EQ(if_lookup_by_name(&list, "eth3"), nullptr);
+    nsm_client_stop(client);
+    pass_all();
+    nsm_client_set_link_open(nullptr);
+
+    conversation doc = document();
+    ASSERT_TRUE(adopt(&to_nsmd));
+    talk["asker"] = doc["asker"];
+    to_nsmd.send_octets(doc["asker"][1]);
+    do loop.run(1);
+    while (pass(to_nsmd.fd, "status", -1));
+    EXPECT_EQ(talk, doc);
+}
+
 TEST_F(server, memory_that_runs_out_costs_the_session_only) {
     nsm_test_client c;
     for (std::uint64_t nth = 1; nth <= 6; ++nth) {
         memmgr_fail_at(nth);
         if (adopt(&c)) c.hello();
         loop.run(1);
-        send_clocks(500);
+        for (std::uint32_t i = 0; i < 500; ++i) nsmd_server_send_clock(s, nullptr, i, 0);
         memmgr_fail_at(0);
-        c.hang_up();
-        loop.run(1);
     }
     connect(&c);
     EXPECT_EQ(c.take(), "ack 0");
@@ -162,19 +247,12 @@ TEST_F(server, memory_that_runs_out_costs_the_session_only) {
 
 // Clients come by the socket's file.
 struct listening : server {
-    char directory[32] = "/tmp/nsmdtest.XXXXXX";
-    std::string path = std::string(mkdtemp(directory)) + "/sock";
-    struct stat file {};
+    const std::string path = "/tmp/nsmdtest." + std::to_string(getpid()), kept = path + "2";
 
     listening() {
         for (int fd = 3; fd < 32; ++fd) loop.descriptors.push_back(fd);
     }
-    ~listening() override {
-        nsmd_server_free(std::exchange(s, nullptr));
-        unlink(path.c_str());
-        EXPECT_EQ(rmdir(directory), 0);
-    }
-    bool file_is_there() { return stat(path.c_str(), &file) == 0; }
+    ~listening() override { unlink(kept.c_str()); }
     // A socket that is bound to the file (or connected to it).
     int open_at_path(decltype(::connect)* how) const {
         sockaddr_un a{};
@@ -186,32 +264,20 @@ struct listening : server {
     }
 };
 
-TEST_F(listening, a_stale_file_is_replaced_a_live_server_is_not) {
+TEST_F(listening, a_stale_file_is_replaced_that_of_another_server_stays) {
     close(open_at_path(bind));  // a crash leaves the file
     EXPECT_EQ(nsmd_server_listen(s, path.c_str()), 0);
-    ASSERT_TRUE(file_is_there());
+    struct stat file {};
+    EXPECT_EQ(stat(path.c_str(), &file), 0);
     EXPECT_EQ(file.st_mode & 07777, 0660U);
     nsmd_server* second = make();
     EXPECT_LT(nsmd_server_listen(second, path.c_str()), 0);
-    EXPECT_EQ(log.count("another server is there"), 1);
-    nsmd_server_free(second);
-    nsm_test_client c{open_at_path(::connect)};  // the refused one took nothing away
-    c.hello();
-    loop.run(1);
-    EXPECT_EQ(c.take(), "ack 0");
+    EXPECT_EQ(rename(path.c_str(), kept.c_str()), 0);  // its inode stays taken
+    EXPECT_EQ(nsmd_server_listen(second, path.c_str()), 0);
+    nsmd_server_free(std::exchange(s, second));
+    EXPECT_EQ(access(path.c_str(), F_OK), 0);
     nsmd_server_free(std::exchange(s, nullptr));
-    EXPECT_FALSE(file_is_there());
-}
-
-TEST_F(listening, the_end_leaves_a_successors_file_alone) {
-    EXPECT_EQ(nsmd_server_listen(s, path.c_str()), 0);
-    const std::string keep = path + "2";
-    ASSERT_EQ(rename(path.c_str(), keep.c_str()), 0);  // its inode stays taken
-    nsmd_server* successor = make();
-    EXPECT_EQ(nsmd_server_listen(successor, path.c_str()), 0);
-    nsmd_server_free(std::exchange(s, successor));
-    EXPECT_TRUE(file_is_there());
-    unlink(keep.c_str());
+    EXPECT_NE(access(path.c_str(), F_OK), 0);
 }
 
 TEST_F(listening, descriptors_that_run_out_are_waited_for) {
