@@ -85,13 +85,13 @@ struct ssm_port {
     std::uint32_t ifindex;  // of `intf`, which keeps it
     std::uint8_t recv_hop_count;
     std::uint8_t priority;
-    std::uint32_t synce_enable;
-    std::uint32_t link_up;
-    std::uint32_t recv_pdu;  // a usable PDU came and its time-out has not expired
     std::uint16_t recv_quality;
     std::uint16_t force_rx_quality;
     std::uint32_t replace_clockid;
     std::uint8_t recv_clockid[SSM_CLOCK_ID_SIZE];
+    std::uint32_t recv_pdu;  // a usable PDU came and its time-out has not expired
+    std::uint32_t synce_enable;
+    std::uint32_t link_up;
 
     std::uint32_t esmc_mode;
     std::uint16_t send_quality;

@@ -67,18 +67,19 @@ constexpr struct {
 };
 
 // All keys in one number, the first one in the highest bits: a key begins where those behind it end.
-consteval unsigned shift_of(std::size_t key) {
-    unsigned behind = 0;
-    for (std::size_t i = key + 1; i < std::size(KEYS); ++i) behind += KEYS[i].bits;
-    return behind;
+constexpr std::size_t KEY_COUNT = std::size(KEYS);
+consteval std::array<unsigned, KEY_COUNT> places_of_keys() {
+    std::array<unsigned, KEY_COUNT> places = {};
+    for (std::size_t i = KEY_COUNT - 1; i > 0; --i) places[i - 1] = places[i] + KEYS[i].bits;
+    return places;
 }
-static_assert(shift_of(0) + KEYS[0].bits <= 64, "the keys must fit into one number");
+constexpr std::array<unsigned, KEY_COUNT> SHIFT = places_of_keys();
+static_assert(SHIFT[0] + KEYS[0].bits <= 64, "the keys must fit into one number");
 
 consteval port_rank keys_under(ssm_rule rule) {
     port_rank mask = 0;
-    port_rank behind = 0;
-    for (std::size_t i = std::size(KEYS); i-- > 0; behind += KEYS[i].bits)
-        if (KEYS[i].rules & bit(rule)) mask |= ((port_rank{1} << KEYS[i].bits) - 1) << behind;
+    for (std::size_t i = 0; i < KEY_COUNT; ++i)
+        if (KEYS[i].rules & bit(rule)) mask |= ((port_rank{1} << KEYS[i].bits) - 1) << SHIFT[i];
     return mask;
 }
 
@@ -90,19 +91,18 @@ port_rank mask_of(ssm_rule rule) {
 
 template <std::size_t... Key>
 port_rank all_keys(const ssm_port* port, std::index_sequence<Key...>) {
-    return ((KEYS[Key].value(port) << shift_of(Key)) | ...);
+    return ((KEYS[Key].value(port) << SHIFT[Key]) | ...);
 }
 
 port_rank rank_of(const ssm_port* port, port_rank mask) {
-    return all_keys(port, std::make_index_sequence<std::size(KEYS)>{}) & mask;
+    return all_keys(port, std::make_index_sequence<KEY_COUNT>{}) & mask;
 }
 
-template <std::size_t... Key>
-const char* first_difference(port_rank differs, std::index_sequence<Key...>) {
-    const char* name = nullptr;
-    // The first key whose bits, or any above them, differ.
-    (void)((differs >> shift_of(Key) ? (name = KEYS[Key].name, true) : false) || ...);
-    return name;
+// The name of the first key that makes a difference; null: none does.
+const char* first_difference(port_rank differs) {
+    for (std::size_t i = 0; i < KEY_COUNT; ++i)
+        if (differs >> SHIFT[i]) return KEYS[i].name;
+    return nullptr;
 }
 
 bool same_clock_id(const std::uint8_t* a, const std::uint8_t* b) {
@@ -129,8 +129,7 @@ ssm_rule ssm_rule_in_force() {
 
 ssm_order ssm_candidate_compare(const ssm_port* a, const ssm_port* b, ssm_rule rule) {
     const port_rank rank_a = rank_of(a, mask_of(rule)), rank_b = rank_of(b, mask_of(rule));
-    return {(rank_a > rank_b) - (rank_a < rank_b),
-            first_difference(rank_a ^ rank_b, std::make_index_sequence<std::size(KEYS)>{})};
+    return {(rank_a > rank_b) - (rank_a < rank_b), first_difference(rank_a ^ rank_b)};
 }
 
 ssm_own_clock ssm_own_clock_compare(const ssm_port* best, ssm_rule rule) {
@@ -168,7 +167,7 @@ ssm_refusal check_port(const ssm_port* port, ssm_rule rule) {
 ssm_port* replacing_port(const std::uint8_t* clockid) {
     ssm_port* found = nullptr;
     ssm_record_walk([&](ssm_port* port) {
-        if (port->replace_clockid && !found && same_clock_id(port->recv_clockid, clockid)) found = port;
+        if (same_clock_id(port->recv_clockid, clockid) && port->replace_clockid && !found) found = port;
     });
     return found;
 }
