@@ -38,7 +38,6 @@ void ssm_opts_release_port(ssm_port* port);
 
 // Force switch and holdover.
 bool ssm_force_port_in_effect();  // there is one, and switch and port could use it
-bool ssm_force_port_in_effect();  // there is one, and switch and port could use it
 std::int32_t ssm_opts_set_force_port(ssm_port* port);
 std::int32_t ssm_opts_unforce_port();
 std::int32_t ssm_opts_force_e1(std::uint32_t on);
@@ -54,10 +53,5 @@ void ssm_opts_reselect();
 // The steps that end most operations. With SyncE on and SSM off, ports are chosen by priority alone, so that
 // every change has to look again; what moves a link, an enable or the force switch may also change what a
 // master-only switch or a forced source means.
-void ssm_opts_without_ssm_step();
-void ssm_opts_after_change();
-// The steps that end most operations. With SyncE on and SSM off, ports are chosen by priority alone, so that
-// every change has to look again; what changes a link, an enable or the force switch may also move the clock
-// of a master-only switch or a forced source.
 void ssm_opts_without_ssm_step();
 void ssm_opts_after_change();
