@@ -33,8 +33,7 @@ std::string repeated(const std::string& word, int times) {
     return all;
 }
 
-// A module of three scalars and a table. A row of value 0 has no value. The steps behave like a counter: a
-// SET adds, only a restore sets.
+// A module of three scalars and a table. A row of value 0 has no value.
 struct model {
     std::int32_t level = 10, steps = 1;
     std::string text = "hello";
@@ -50,38 +49,32 @@ int write_object(int action, const std::uint8_t* value, std::uint8_t type, std::
                  const std::uint8_t* state, const snmp_oid*, std::size_t, const snmp_variable* v) {
     const bool is_restore = action == SNMP_ACTION_RESTORE, is_level = v->magic == LEVEL;
     if (v->magic == ROW) return SNMP_NO_SUCH_NAME;
-    if (type != SNMP_TYPE_INTEGER) return SNMP_WRONG_TYPE;
-    EXPECT_EQ(length, 4U);
-    EXPECT_EQ(state == nullptr, is_restore);
+    EXPECT_EQ(std::tuple(type, length, state == nullptr), std::tuple(SNMP_TYPE_INTEGER, 4U, is_restore));
     if (is_restore && m.stuck) return SNMP_GEN_ERR;
     if (is_level && !is_restore && m.refuse_level) return m.refuse_level;
-    std::int32_t number = 0;
-    std::memcpy(&number, value, sizeof number);
     std::int32_t& object = is_level ? m.level : m.steps;
-    object = is_level || is_restore ? number : object + number;
-    m.calls += (is_level ? " level " : " steps ") + std::to_string(number);
+    std::memcpy(&object, value, sizeof object);
+    m.calls += (is_level ? " level " : " steps ") + std::to_string(object);
     return SNMP_NO_ERROR;
 }
 
 const void* read_object(const snmp_variable* v, snmp_oid* name, std::size_t* length, int exact,
                         std::size_t* size, snmp_write_handler* write) {
-    if (v->magic == ROW) {
-        const oid asked(name, name + *length);
-        const auto found = exact ? m.rows.find(asked) : m.rows.upper_bound(asked);
-        *size = 4;
+    if (v->magic != ROW) {
+        if (snmp_header_generic(v, name, length, exact, size, write) != 0) return nullptr;
+        *size = v->magic == TEXT ? m.text.size() : 4;
+        if (v->magic == TEXT) return m.text.data();
         *write = write_object;
-        if (found == m.rows.end()) return nullptr;
-        *length = found->first.size();
-        std::copy(found->first.begin(), found->first.end(), name);
-        return found->second ? &found->second : nullptr;
+        return v->magic == LEVEL ? &m.level : &m.steps;
     }
-    if (snmp_header_generic(v, name, length, exact, size, write) != 0) return nullptr;
-    if (v->magic == TEXT) {
-        *size = m.text.size();
-        return m.text.data();
-    }
+    const oid asked(name, name + *length);
+    const auto found = exact ? m.rows.find(asked) : m.rows.upper_bound(asked);
+    *size = 4;
     *write = write_object;
-    return v->magic == LEVEL ? &m.level : &m.steps;
+    if (found == m.rows.end()) return nullptr;
+    *length = found->first.size();
+    std::copy(found->first.begin(), found->first.end(), name);
+    return found->second ? &found->second : nullptr;
 }
 
 const snmp_variable TABLE[] = {
@@ -133,7 +126,7 @@ class agentx : public Suite, public testing::WithParamInterface<bool> {
     std::string state() { return show().substr(0, show().find('\n')); }
 
     // "get 1.0 2.0", "next 1.0 3.1<3.1.9 1.0+" (up to an end; with the start itself), "bulk 1 2 1 3.1",
-    // "test 9 1.0=77 1.0=1:66" (in transaction 9; of type 66), "commit 9", "undo 9", "cleanup 9", "ping".
+    // "test 9 1.0=77" (in transaction 9), "commit 9", "undo 9", "cleanup 9", "ping".
     bytes request(const std::string& line) {
         static const words kinds = {"get", "next", "bulk", "test", "commit", "undo", "cleanup", "", "ping"};
         std::istringstream in(line);
@@ -147,18 +140,14 @@ class agentx : public Suite, public testing::WithParamInterface<bool> {
             std::uint16_t number = 0;
             for (int i = 0; type == AGENTX_GET_BULK && i < 2 && in >> number; ++i) agentx_put_u16(w, number);
             while (in >> word) {
-                const std::size_t sign = word.find_first_of("=<+");
+                const std::size_t sign = std::min(word.find_first_of("=<+"), word.size());
                 const oid name = name_of(word.substr(0, sign));
-                const std::string rest = sign < word.size() ? word.substr(sign + 1) : "/";
+                const std::string rest = word.substr(std::min(sign + 1, word.size()));
                 if (type == AGENTX_TEST_SET) {
-                    const std::size_t colon = rest.find(':');
-                    const int of = colon < rest.size() ? std::stoi(rest.substr(colon + 1)) : AGENTX_INTEGER;
-                    agentx_put_number(w, static_cast<std::uint16_t>(of), name,
-                                      static_cast<std::uint32_t>(std::stol(rest)));
+                    agentx_put_number(w, AGENTX_INTEGER, name, static_cast<std::uint32_t>(std::stol(rest)));
                 } else {
-                    const oid end = name_of(word.back() == '+' ? "/" : rest);
                     agentx_put_oid(w, name, word.back() == '+');
-                    agentx_put_oid(w, end);
+                    agentx_put_oid(w, name_of(rest.empty() ? "/" : rest));
                 }
             }
         });
@@ -223,29 +212,27 @@ class lone_agentx : public agentx {
 INSTANTIATE_TEST_SUITE_P(big_endian, agentx, ::testing::Bool());
 INSTANTIATE_TEST_SUITE_P(big_endian, lone_agentx, ::testing::Bool());
 
-// Lookups -----------------------------------------------------------------------------------------------
-
 TEST_P(agentx, gets_say_what_is_there_and_what_kind_of_nothing_there_is) {
     m.rows = {{{3, 1, 2, 7}, 70}};
     const std::string longest = text_of(oid(128, 2));
-    EXPECT_EQ(ask("get 1.0 2.0 3.1.2.7 1 1.0.0 3.1.2.8 4.0 3.1.1.7 /1.3.6.1.2.1 " + longest),
-              "1.0=10 2.0=hello 3.1.2.7=70 1:129 1.0.0:129 3.1.2.8:129 4.0:128 3.1.1.7:128 "
-              "/1.3.6.1.2.1:128 " +
-                  longest + ":128");
+    expect("get 1.0 2.0 3.1.2.7 1 1.0.0 3.1.2.8 4.0 3.1.1.7 " + longest +
+           " -> 1.0=10 2.0=hello 3.1.2.7=70 1:129 1.0.0:129 3.1.2.8:129 4.0:128 3.1.1.7:128 " + longest +
+           ":128");
 }
 
 TEST_P(agentx, a_walk_goes_by_index_and_over_rows_without_value) {
     m.rows = {{{3, 1, 2, 9}, 90}, {{3, 1, 2, 2}, 20}, {{3, 1, 2, 4}, 0}, {{3, 1, 2, 300}, 3}};
-    const auto expect_walk = [this](const std::string& end, const words& names) {
-        std::string at = "/1.3.6.1.4.1.32473.99";
-        for (const std::string& name : names) {
-            const std::string answer = ask("next " + at + end);
-            EXPECT_EQ(answer.substr(0, answer.find('=')), name) << at << end;
-            at = name;
+    const auto walk = [this](const std::string& end) {
+        std::string names, at = text_of(ROOT);
+        for (int i = 0; i < 9 && at.find(':') == std::string::npos; ++i) {
+            at = ask("next " + at + end);
+            at.resize(std::min(at.find('='), at.size()));
+            names += at + " ";
         }
+        return names;
     };
-    expect_walk("", {"1.0", "2.0", "3.1.2.2", "3.1.2.9", "3.1.2.300", "5.0", "5.0:130"});
-    expect_walk("<3.1.2.9", {"1.0", "2.0", "3.1.2.2", "3.1.2.2:130"});  // the end is exclusive
+    EXPECT_EQ(walk(""), "1.0 2.0 3.1.2.2 3.1.2.9 3.1.2.300 5.0 5.0:130 ");
+    EXPECT_EQ(walk("<3.1.2.9"), "1.0 2.0 3.1.2.2 3.1.2.2:130 ") << "the end is exclusive";
     expect("next 1.0+ -> 1.0=10; next /1.3 -> 1.0=10; next 3.1.2.2.77 -> 3.1.2.9=90");
     expect("next /1.3.6.1.4.1.32474 -> /1.3.6.1.4.1.32474:130");
 }
@@ -263,59 +250,41 @@ TEST_P(agentx, bulk_answers_row_by_row_and_never_without_end) {
     expect("get" + repeated("2.0", 300) + " -> " + error(SNMP_GEN_ERR) + "; get 2.0 -> 2.0=" + m.text);
 }
 
-// Sets --------------------------------------------------------------------------------------------------
-
 TEST_P(agentx, a_set_is_applied_once_and_kept_by_commit) {
     const bytes test = request("test 9 1.0=77");
     for (int copies = 0; copies < 2; ++copies) EXPECT_EQ(exchange(test), "");
     expect("commit 9; commit 9; cleanup 9; cleanup 9");
     EXPECT_EQ(exchange(test), "") << "an old copy of the first PDU";
     EXPECT_EQ(m.calls, " level 77");
-    EXPECT_EQ(m.level, 77);
-    EXPECT_EQ(ask("test 9 1.0=78"), "") << "another SET, of a master that counts around";
-    EXPECT_EQ(m.level, 78);
+    expect("test 9 1.0=78; get 1.0 -> 1.0=78");  // another SET, of a master that counts around
 }
 
 TEST_P(agentx, every_way_not_to_commit_puts_everything_back) {
-    const std::string several = " 1.0=77 5.0=3 1.0=88; get 1.0 5.0 -> 1.0=88 5.0=4; ";
+    const std::string several = " 1.0=77 5.0=3 1.0=88; get 1.0 5.0 -> 1.0=88 5.0=3; ";
     const std::string is_back = "; get 1.0 5.0 -> 1.0=10 5.0=1; ";
     expect("test 1" + several + "cleanup 1" + is_back);
     EXPECT_EQ(m.calls, " level 77 steps 3 level 88 level 77 steps 1 level 10") << "the last first";
     expect("test 2" + several + "commit 2; undo 2; undo 2" + is_back + "commit 2 -> " +
            error(SNMP_COMMIT_FAILED));
     expect("test 3" + several + "leave" + is_back);
-    expect("test 4" + several + "commit 4; leave; get 1.0 5.0 -> 1.0=88 5.0=4; test 5 1.0=77");
+    expect("test 4" + several + "commit 4; leave; get 1.0 5.0 -> 1.0=88 5.0=3; test 5 1.0=77");
     m.stuck = true;
     for (int times = 0; times < 2; ++times) EXPECT_EQ(ask("undo 5"), error(SNMP_UNDO_FAILED)) << times;
 }
 
-TEST_P(agentx, a_refused_set_says_which_object_and_changes_none) {
+TEST_P(agentx, a_refused_set_changes_nothing_and_does_not_stand_in_the_way) {
     m.refuse_level = SNMP_INCONSISTENT_VALUE;
     const std::pair<std::string, unsigned> cases[] = {
-        {"1.0=1:66", SNMP_WRONG_TYPE},      {"2.0=1", SNMP_NOT_WRITABLE},     {"4.0=1", SNMP_NOT_WRITABLE},
-        {"1.1=1", SNMP_NO_CREATION},        {"3.1.2.5=1", SNMP_NO_SUCH_NAME},  // the handler's own word
-        {"1.0=1", SNMP_INCONSISTENT_VALUE},
+        {"2.0=1", SNMP_NOT_WRITABLE},       {"4.0=1", SNMP_NOT_WRITABLE},     {"1.1=1", SNMP_NO_CREATION},
+        {"1.0=1", SNMP_INCONSISTENT_VALUE}, {"3.1.2.5=1", SNMP_NO_SUCH_NAME},
     };
-    for (const auto& [refused, status] : cases) {
-        const std::string transaction = std::to_string(++packets);
-        expect("test " + transaction + " 5.0=3 " + refused + " -> " + error(status, 2));
-        expect("commit " + transaction + " -> " + error(SNMP_COMMIT_FAILED));
-        expect("cleanup " + transaction + "; get 1.0 5.0 -> 1.0=10 5.0=1");
-    }
-}
-
-TEST_P(agentx, a_second_open_transaction_is_refused_not_mixed_up) {
+    for (const auto& [refused, status] : cases)
+        expect("test 3 5.0=3 " + refused + " -> " + error(status, 2) + "; commit 3 -> " +
+               error(SNMP_COMMIT_FAILED) + "; get 5.0 -> 5.0=1");
+    m.refuse_level = 0;
     expect("test 1 1.0=20; test 2 1.0=30 -> " + error(SNMP_RESOURCE_UNAVAILABLE, 1));
     expect("cleanup 2; cleanup 1; get 1.0 -> 1.0=10");
-    // Those that were refused do not stand in the way, even without their CleanupSet.
-    m.refuse_level = SNMP_WRONG_VALUE;
-    for (char t = '3'; t <= '9'; ++t)
-        EXPECT_EQ(ask(std::string("test ") + t + " 1.0=40"), error(SNMP_WRONG_VALUE, 1));
-    m.refuse_level = 0;
-    EXPECT_EQ(ask("test 10 1.0=40"), "");
 }
-
-// The stream --------------------------------------------------------------------------------------------
 
 TEST_P(agentx, a_burst_is_served_in_order_over_several_turns_of_the_loop) {
     bytes burst;
@@ -328,28 +297,23 @@ TEST_P(agentx, a_burst_is_served_in_order_over_several_turns_of_the_loop) {
     ASSERT_NE(thread_fetch(&ctx, &event), nullptr);
     (void)thread_call(&event);
     const ssize_t count = recv(master.far, burst.data(), burst.size(), MSG_DONTWAIT | MSG_PEEK);
-    EXPECT_GT(count, 0);
     EXPECT_LT(count, 150 * 60) << "a frame that comes now must not wait for all of them";
     pdu reply;
-    for (std::uint32_t packet = packets - 299; packet <= packets; ++packet) {
-        ASSERT_TRUE(master.next(&reply)) << packet;
-        ASSERT_EQ(reply.packet, packet);
-        ASSERT_EQ(reply.variables().at(0).number, 10);
-    }
+    for (std::uint32_t packet = packets - 299; packet <= packets; ++packet)
+        ASSERT_TRUE(master.next(&reply) && reply.packet == packet) << packet;
 }
 
 TEST_P(agentx, garbage_ends_the_link_and_another_is_made) {
     const std::size_t low = GetParam() ? 19 : 16, high = GetParam() ? 16 : 19;  // octets of the length
-    std::vector<bytes> cases = {bytes(64, 0xff),
-                                request("test 1 1.0=1:99"),  // an unknown type has an unknown length
-                                request("test 1 " + text_of(oid(129, 1)) + "=1")};  // longer than names are
+    std::vector<bytes> cases = {bytes(64, 0xff), request("test 1 " + text_of(oid(129, 1)) + "=1")};
     const std::pair<std::size_t, std::uint8_t> header[] = {{0, 9}, {1, 0}, {1, 19}, {low, 3}, {high, 0x7f}};
     for (const auto& [at, octet] : header) cases.emplace_back(request("ping"))[at] = octet;
     for (unsigned type : {AGENTX_GET, AGENTX_TEST_SET, AGENTX_OPEN})  // a range without its end
         cases.push_back(master.make(type, 1, 1, [](agentx_writer* w) { agentx_put_oid(w, ROOT); }));
-    for (std::uint32_t length : {5U, 0xfffffffeU})  // of four octets; would wrap around with its padding
-        cases.push_back(master.make(AGENTX_TEST_SET, 1, 1, [=](agentx_writer* w) {
-            agentx_put_number(w, AGENTX_OCTET_STRING, ROOT, length);
+    // An unknown type has an unknown length; five of four octets; one that wraps around with its padding.
+    for (const auto& [type, length] : {std::pair{99, 4U}, {AGENTX_OCTET_STRING, 5U}, {4, 0xfffffffeU}})
+        cases.push_back(master.make(AGENTX_TEST_SET, 1, 1, [type = type, length = length](agentx_writer* w) {
+            agentx_put_number(w, static_cast<std::uint16_t>(type), ROOT, length);
             agentx_put_u32(w, 0);
         }));
     for (std::size_t i = 0; i < cases.size(); ++i) {
@@ -358,7 +322,6 @@ TEST_P(agentx, garbage_ends_the_link_and_another_is_made) {
         establish();
     }
     EXPECT_NE(show().find(std::to_string(cases.size()) + " malformed"), std::string::npos) << show();
-    EXPECT_EQ(m.level, 10);
 }
 
 TEST_P(agentx, other_sessions_and_contexts_are_not_served) {
@@ -369,8 +332,6 @@ TEST_P(agentx, other_sessions_and_contexts_are_not_served) {
     EXPECT_EQ(exchange(context), error(AGENTX_UNSUPPORTED_CONTEXT));
     EXPECT_EQ(ask("ping"), "");
 }
-
-// The session -------------------------------------------------------------------------------------------
 
 TEST_P(lone_agentx, every_step_ends_by_its_timer) {
     pdu p;
@@ -383,19 +344,18 @@ TEST_P(lone_agentx, every_step_ends_by_its_timer) {
     establish();
     const nanoseconds silent = master.now;
     ASSERT_TRUE(master.next(&p, 20000));
-    EXPECT_EQ(p.type, unsigned{AGENTX_PING});
     EXPECT_NEAR(static_cast<double>(master.now - silent) / 1e9, 15.0, 0.1);
     master.answer(p);
     EXPECT_FALSE(master.reopens(14000)) << "an answered ping keeps the link";
     ASSERT_TRUE(master.next(&p, 2000));
+    EXPECT_EQ(p.type, unsigned{AGENTX_PING});
     EXPECT_TRUE(master.reopens(3500)) << "ping";
 }
 
 TEST_P(lone_agentx, comes_back_soon_however_long_the_master_was_away) {
     master.open_error = ECONNREFUSED;
     master.run(3600 * 1000);
-    EXPECT_LT(master.opens, 2000) << "tries at most every other second";
-    EXPECT_GT(master.opens, 1000);
+    EXPECT_NEAR(master.opens, 1500, 500) << "tries at most every other second";
     EXPECT_EQ(state(), "SNMP sub-agent: not connected");
     EXPECT_NE(show().find("Connection refused"), std::string::npos);
     master.open_error = 0;
@@ -403,23 +363,20 @@ TEST_P(lone_agentx, comes_back_soon_however_long_the_master_was_away) {
     establish();
     master.send(master.make(AGENTX_CLOSE, 0, 1, [](agentx_writer* w) { agentx_put_u32(w, 0); }));
     EXPECT_TRUE(master.reopens(500)) << "a first loss is followed by a quick try";
-    for (const unsigned refused : {AGENTX_OPEN, AGENTX_REGISTER}) {
+    for (const bool is_open_refused : {true, false}) {
         pdu p;
         ASSERT_TRUE(master.next(&p, 1000));
-        if (refused == AGENTX_REGISTER) {
-            master.answer(p);
-            ASSERT_TRUE(master.next(&p));
-        }
-        ASSERT_EQ(p.type, refused);
+        if (!is_open_refused) master.answer(p);
+        ASSERT_TRUE(is_open_refused || master.next(&p));
         master.answer(p, 256);
-        EXPECT_TRUE(master.reopens(2000)) << refused;
+        EXPECT_TRUE(master.reopens(2000)) << is_open_refused;
     }
 }
 
 TEST_P(agentx, exhausted_memory_at_any_point_ends_a_link_at_most) {
     for (std::uint32_t n = 1; n < 12; ++n) {
-        const std::string set = "test " + std::to_string(n) + " 1.0=5";
-        const bytes requests[] = {request("next" + repeated("/1.3.6.1.4.1.32473.99", 40)), request(set)};
+        const bytes requests[] = {request("next" + repeated(text_of(ROOT), 40)),
+                                  request("test " + std::to_string(n) + " 1.0=5")};
         memmgr_fail_at(n);
         for (const bytes& one : requests) {
             (void)::send(master.far, one.data(), one.size(), MSG_NOSIGNAL);
@@ -436,64 +393,55 @@ TEST_P(agentx, exhausted_memory_at_any_point_ends_a_link_at_most) {
     }
 }
 
-// Notifications -----------------------------------------------------------------------------------------
-
 TEST_P(lone_agentx, a_notification_counts_as_delivered_when_it_is_answered) {
-    using result = std::pair<std::uint32_t, bool>;
-    static std::vector<result> told;
+    static std::string told;
     told.clear();
     const auto notify = [&](std::uint32_t tag) {
         const snmp_notify_object objects[] = {{{1, 0}, 2, 4}, {{3, 1, 2, 70000}, 4, -1}};
-        return snmp_notify(
-            &ctx, BASE, 2, 6, objects, 2,
-            [](std::uint32_t t, bool delivered) { told.emplace_back(t, delivered); }, tag);
+        const auto tell = [](std::uint32_t t, bool is_delivered) {
+            told += (is_delivered ? " +" : " -") + std::to_string(t);
+        };
+        return snmp_notify(&ctx, BASE, 2, 6, objects, 2, tell, tag);
     };
     EXPECT_EQ(notify(1), -1) << "no master";
     establish();
-    pdu sent[2];
-    for (std::uint32_t i : {0U, 1U}) {
-        ASSERT_EQ(notify(2 + i), 0);
-        ASSERT_TRUE(master.next(&sent[i]));
-        ASSERT_EQ(sent[i].type, unsigned{AGENTX_NOTIFY});
-    }
+    pdu first, second;
+    EXPECT_EQ(notify(2), 0);
+    ASSERT_TRUE(master.next(&first));
+    EXPECT_EQ(notify(3), 0);
+    ASSERT_TRUE(master.next(&second));
+    EXPECT_EQ(first.type, unsigned{AGENTX_NOTIFY});
     std::string objects;
-    for (const variable& v : sent[0].variables(0))
+    for (const variable& v : first.variables(0))
         objects += text_of(v.name) + "=" + (v.id.empty() ? std::to_string(v.number) : text_of(v.id)) + " ";
     EXPECT_EQ(objects, "/1.3.6.1.6.3.1.1.4.1.0=0.6 1.0=4 3.1.2.70000=-1 ");
-    EXPECT_TRUE(told.empty());
-    for (int i : {1, 0}) {
-        master.answer(sent[i]);
-        master.run(1);
-        EXPECT_EQ(told.back(), (result{2U + static_cast<unsigned>(i), true}));
-    }
+    EXPECT_EQ(told, "");
+    for (const pdu& answered : {second, first}) master.answer(answered);
+    master.run(1);
+    EXPECT_EQ(told, " +3 +2");
     // Unanswered ones end the link and are told as lost; how many there are at once is bounded.
-    std::uint32_t more = 0;
-    while (notify(10 + more) == 0 && more < 1000) ++more;
-    EXPECT_EQ(more, AGENTX_NOTIFICATIONS);
+    std::string lost;
+    for (std::uint32_t tag = 10; tag < 10 + AGENTX_NOTIFICATIONS; ++tag) {
+        EXPECT_EQ(notify(tag), 0);
+        lost += " -" + std::to_string(tag);
+    }
+    EXPECT_EQ(notify(9), -1);
     master.run(3500);
-    ASSERT_EQ(told.size(), 2U + AGENTX_NOTIFICATIONS);
-    EXPECT_EQ(told[2], (result{10, false}));
+    EXPECT_EQ(told, " +3 +2" + lost);
 }
-
-// Commands and registration -----------------------------------------------------------------------------
 
 TEST_P(lone_agentx, the_target_is_configured_shown_and_written) {
     const struct {
         std::string line, written;
         cli_result result = cli_result::ok;
     } steps[] = {
-        {"snmp agentx unix /run/x/master", "snmp agentx unix /run/x/master\n"},
         {"snmp agentx tcp localhost 705", "snmp agentx tcp 127.0.0.1 705\n"},
-        {"snmp agentx tcp localhost 706", "snmp agentx tcp 127.0.0.1 706\n"},
         {"snmp agentx tcp ::1 706", "snmp agentx tcp ::1 706\n"},
-        {"snmp agentx tcp master.example 705", "snmp agentx tcp ::1 706\n", cli_result::failed},
         {"snmp agentx unix relative", "snmp agentx tcp ::1 706\n", cli_result::failed},
         {"snmp agentx unix /" + std::string(107, 'x'), "snmp agentx tcp ::1 706\n", cli_result::failed},
         {"snmp notifications", "snmp agentx tcp ::1 706\nsnmp notifications\n"},
         {"no snmp agentx", "snmp notifications\n"},
-        {"no snmp notifications", ""},
     };
-    EXPECT_EQ(commands.running(), "");
     for (const auto& step : steps) {
         commands.run(step.line, CONFIG_MODE);
         EXPECT_EQ(commands.result, step.result) << step.line;
@@ -507,18 +455,14 @@ TEST_P(lone_agentx, the_target_is_configured_shown_and_written) {
         EXPECT_EQ(master.opens, before + more);
         if (more) establish();
     }
-    EXPECT_NE(show().find("tcp ::1 port 705"), std::string::npos);
 }
 
 TEST(agentx_registration, refuses_tables_that_would_be_served_wrongly) {
     lib_globals ctx{};
     const std::size_t size = sizeof TABLE[0];
     const snmp_variable turned[] = {TABLE[1], TABLE[0]};
-    snmp_variable without = TABLE[0];
-    without.read = nullptr;
     EXPECT_LT(register_table(&ctx, TABLE, std::size(TABLE), 540), 0) << "entries of another size";
     EXPECT_LT(register_table(&ctx, turned, 2, size), 0) << "a walk would miss the second";
-    EXPECT_LT(register_table(&ctx, &without, 1, size), 0);
     for (std::uint64_t n = 0; n <= 2; ++n) {
         memmgr_fail_at(n);
         EXPECT_EQ(register_table(&ctx, TABLE, std::size(TABLE), size), n ? -1 : 0);

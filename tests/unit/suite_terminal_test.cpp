@@ -22,15 +22,16 @@ struct Client {
     std::string printed, statuses;  // of a batch session: all output, and a digit a line
 
     ~Client() { drop(); }
-    bool open(const sockaddr& address, socklen_t size) {
-        fd = socket(address.sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const bool ok = connect(fd, &address, size) == 0;
-        return fcntl(fd, F_SETFL, O_NONBLOCK) == 0 && ok;
+    void open(const void* address, socklen_t size) {
+        const auto* to = static_cast<const sockaddr*>(address);
+        fd = socket(to->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        ASSERT_EQ(connect(fd, to, size), 0);
+        fcntl(fd, F_SETFL, O_NONBLOCK);
     }
-    bool connect_local(const std::string& path) {
+    void open(const std::string& path) {
         sockaddr_un address{AF_UNIX, ""};
         path.copy(address.sun_path, sizeof address.sun_path - 1);
-        return open(reinterpret_cast<sockaddr&>(address), sizeof address);
+        open(&address, sizeof address);
     }
     void drop() {
         if (fd >= 0) close(fd);
@@ -38,8 +39,8 @@ struct Client {
     }
     // Octets that the socket took.
     std::size_t put(std::string_view text) {
-        return static_cast<std::size_t>(
-            std::max<ssize_t>(0, send(fd, text.data(), text.size(), MSG_NOSIGNAL)));
+        const ssize_t sent = send(fd, text.data(), text.size(), MSG_NOSIGNAL);
+        return sent < 0 ? 0 : static_cast<std::size_t>(sent);
     }
     void take() {
         char chunk[65536];
@@ -54,11 +55,12 @@ struct Client {
     // So many lines of the batch session have been answered.
     bool answered(std::size_t count) {
         for (take(); got.size() >= BATCH_FRAME_HEADER;) {
-            std::size_t length = get_be32({reinterpret_cast<const std::uint8_t*>(got.data()), got.size()}, 1);
+            const auto* head = reinterpret_cast<const std::uint8_t*>(got.data());
+            const std::size_t length = get_be32({head, got.size()}, 1);
             if (got.size() < BATCH_FRAME_HEADER + length) break;
             const std::string body = got.substr(BATCH_FRAME_HEADER, length);
-            if (got[0] == static_cast<char>(BATCH_OUTPUT)) printed += body;
-            if (got[0] == static_cast<char>(BATCH_STATUS)) statuses += static_cast<char>('0' + body[0]);
+            if (head[0] == BATCH_OUTPUT) printed += body;
+            if (head[0] == BATCH_STATUS) statuses += static_cast<char>('0' + body[0]);
             got.erase(0, BATCH_FRAME_HEADER + length);
         }
         return statuses.size() >= count;
@@ -105,18 +107,15 @@ class Terminal : public Host {
             return c->closed;
         });
     }
-    bool answers(Client* c, std::size_t count) {
-        return pump([&] { return c->answered(count); });
-    }
     bool sessions_become(std::size_t count) {
         return pump([&] { return ctx->terminals->session_count == count; });
     }
-    void open_batch(Client* c, const std::string& hello = "batch\n") {
-        ASSERT_TRUE(c->connect_local(socket_path));
+    void open_batch(Client* c, const char* hello = "batch\n") {
+        c->open(socket_path);
         c->put(hello);
     }
     void open(Client* c, const char* hello = "interactive 24 80 xterm\n") {
-        ASSERT_TRUE(c->connect_local(socket_path));
+        c->open(socket_path);
         talk(c, hello, "sw#");
     }
     // What came until `end` was there, `end` included.
@@ -141,27 +140,26 @@ class Terminal : public Host {
     const std::string socket_path = folder + "/vty";
 };
 
-// Batch sessions ----------------------------------------------------------------------------------------
-
 TEST_F(Terminal, BatchLinesAreAnsweredInOrderWithTheirStatus) {
-    Client c;
+    Client c, stranger;
     open_batch(&c);
-    for (const char* l :
-         {"show version", "", "configure terminal", "hostname x", "nonsense", "do sho ver", "end"})
+    for (const char* l : {"show version", "", "configure terminal", "hostname x", "nonsense", "do sho ver"})
         c.put(request(l));
-    ASSERT_TRUE(answers(&c, 7));
+    ASSERT_TRUE(pump([&] { return c.answered(6); }));
     const std::string version = std::string("esmcd version ") + lib_version() + "\n";
     EXPECT_EQ(c.printed, version + "% Unknown command\n" + version);
-    EXPECT_EQ(c.statuses, "0000100");
-    c.put(request("exit") + SHOW_VERSION);
+    EXPECT_EQ(c.statuses, "000010");
+    c.put(request("end") + request("exit") + SHOW_VERSION);
     ASSERT_TRUE(closes(&c));
     c.answered(8);
     EXPECT_EQ(c.statuses, "00001002") << "behind the end of the session nothing is run";
+    open_batch(&stranger, "GET / HTTP/1.0\n");
+    EXPECT_TRUE(closes(&stranger));
 }
 
 TEST_F(Terminal, RequestsMayComeInAnyPiecesAndOfAnySize) {
     Client c;
-    ASSERT_TRUE(c.connect_local(socket_path));
+    c.open(socket_path);
     const std::string stream = "batch\n" + SHOW_VERSION + request(std::string(60'000, 'x')) +
                                request(std::string("\0\n\x1b", 3)) + request(std::string(200'000, 'y')) +
                                SHOW_VERSION + std::string("\0\0\0\x09half", 8);
@@ -176,32 +174,16 @@ TEST_F(Terminal, RequestsMayComeInAnyPiecesAndOfAnySize) {
 }
 
 TEST_F(Terminal, ClientThatDoesNotReadIsBounded) {
-    const auto octets = [] {
-        return memmgr_type_stats(MTYPE_TEXT).octets + memmgr_type_stats(MTYPE_CLI_SESSION).octets;
-    };
-    const std::uint64_t before = octets();
-    std::uint64_t most = 0;
     Client c;
     open_batch(&c);
     for (int times = 0; times < 4; times++) c.put(request("show lines 100000"));
     ASSERT_TRUE(sessions_become(1));
-    ASSERT_TRUE(pump([&] {
-        most = std::max(most, octets() - before);
-        return ctx->terminals->session_count == 0;
-    })) << "more output than a session may hold, and nobody reads it";
-    EXPECT_GT(most, 0u);
-    EXPECT_LE(most, 256u * 1024 + 16 * 1024);
+    ASSERT_TRUE(sessions_become(0)) << "more output than a session may hold, and nobody reads it";
+    EXPECT_LE(memmgr_type_stats(MTYPE_TEXT).peak_octets, 400u * 1024)
+        << "256 KiB, and the half of it before it grew";
 }
 
-TEST_F(Terminal, AnUnknownKindOfClientIsSentAway) {
-    for (const std::string& hello : {std::string("GET / HTTP/1.0\n"), std::string(1000, 'x')}) {
-        Client c;
-        open_batch(&c, hello);
-        EXPECT_TRUE(closes(&c));
-    }
-}
-
-TEST_F(Terminal, SocketFileOfALiveDaemonStaysAndAStaleOneGoes) {
+TEST_F(Terminal, OnlyTheDaemonsOwnSocketFileGoes) {
     EXPECT_EQ(permissions(socket_path), 0660u);
     const auto start_second = [&] {
         lib_globals* first = ctx;
@@ -212,15 +194,8 @@ TEST_F(Terminal, SocketFileOfALiveDaemonStaysAndAStaleOneGoes) {
         return result;
     };
     EXPECT_EQ(start_second(), -1);
-    Client c;
-    EXPECT_TRUE(c.connect_local(socket_path));
-    // The name of a socket that nobody holds any more.
-    const std::string kept = folder + "/kept";
-    ASSERT_EQ(link(socket_path.c_str(), kept.c_str()), 0);
     local_terminal_stop(ctx->terminals);
     EXPECT_FALSE(std::filesystem::exists(socket_path));
-    std::filesystem::rename(kept, socket_path);
-    EXPECT_EQ(start_second(), 0);
     write_file(socket_path, "no socket");
     EXPECT_EQ(start_second(), -1);
     EXPECT_EQ(read_file(socket_path), "no socket");
@@ -241,8 +216,6 @@ TEST_F(Terminal, MemoryMayBeShortAtAnyPoint) {
     }
 }
 
-// Interactive sessions ----------------------------------------------------------------------------------
-
 TEST_F(Terminal, PromptsHelpAndCompletionFollowTheModes) {
     bind("eth1", 1);
     bind("eth12", 2);
@@ -251,8 +224,7 @@ TEST_F(Terminal, PromptsHelpAndCompletionFollowTheModes) {
     EXPECT_EQ(talk(&c, "show version\r", "#"),
               std::string("show version\r\nesmcd version ") + lib_version() + "\r\nsw#");
     expect(&c, {{"show ?", "sw#show ", "running-config", "% "},
-                {"\x15show ?", "sw#show ", "Version of the program"},
-                {"ver\t", "version ", ""},
+                {"\x15show ver\t", "version ", ""},
                 {"?", "sw#show version ", "<cr>"},
                 {"\x03", "sw#", ""},
                 {"nonsense ?", "% Unknown command", ""},
@@ -262,12 +234,9 @@ TEST_F(Terminal, PromptsHelpAndCompletionFollowTheModes) {
                 {"hostname other\r", "other(config)#", ""},
                 {"interface e\t", "eth1", ""},
                 {"\t", "#interface eth1", "eth12"},  // both names are listed
-                {"9\r", "other(config-if)#", ""},
-                {"port 1\r", "(config-if)#", "% Cannot configure"},
-                {"\x1a", "other#", ""},
-                {"conf t\rinterface eth1\r", "other(config-if)#", ""},
-                {"exit\r", "other(config)#", ""},
-                {"\x04", "other#", ""}});
+                {"\r", "other(config-if)#", ""},
+                {"\x04", "other(config)#", ""},
+                {"\x1a", "other#", ""}});
     c.put("exit\r");
     EXPECT_TRUE(closes(&c));
 }
@@ -281,13 +250,9 @@ TEST_F(Terminal, OutputComesInPages) {
                 {" ", "sw#", "line 60\r\n"},
                 {"show lines 60\r", "--More--", ""},
                 {"q", "sw#", "", "line"},
-                {"show lines 60\r", "--More--", ""},
-                {"\x03", "sw#", "", "line"},
                 {"show lines 23\r", "line 23\r\nsw#", "", "More"},
                 {"terminal length 0\r", "sw#", ""},
-                {"show lines 900\r", "line 900\r\nsw#", "", "More"},
-                {"terminal length 5\r", "sw#", ""},
-                {"show lines 5\r", "--More--", "line 4\r\n"}});
+                {"show lines 900\r", "line 900\r\nsw#", "", "More"}});
     Client leaving, small;
     open(&leaving);
     leaving.put("show lines 100\rshow version\rshow ver");
@@ -295,25 +260,9 @@ TEST_F(Terminal, OutputComesInPages) {
     ASSERT_TRUE(closes(&leaving));
     EXPECT_TRUE(holds(leaving.got, "line 100\r\n")) << "a client that leaves gets the pages too";
     open(&small, "interactive 1 0 dumb\n");
+    const std::string ten_rows("\xff\xfa\x1f\x00\x50\x00\x0a\xff\xf0", 9);
     expect(&small, {{"show lines 100\r", "sw#", "", "More"},  // one row is no page
-                    {{"\xff\xfa\x1f\x00\x50\x00\x0a\xff\xf0"
-                      "show lines 100\r",
-                      24},
-                     "--More--",
-                     "line 9\r\n"}});
-}
-
-TEST_F(Terminal, InterruptDropsOutputThatWaits) {
-    Client c;
-    open(&c);
-    talk(&c, "terminal length 0\r", "sw#");
-    const session* s = ctx->terminals->sessions;
-    const auto unsent = [s] { return s->out.length - s->sent; };
-    c.put("show lines 30000\r");
-    ASSERT_TRUE(pump([&] { return unsent() > 10'000; }));
-    c.put("show lines 3\r\x03");
-    ASSERT_TRUE(pump([&] { return unsent() < 10'000; })) << "nobody has read it meanwhile";
-    expect(&c, {{"show version\r", "esmcd version", "", "line 30000\r\n"}});
+                    {ten_rows + "show lines 100\r", "--More--", "line 9\r\n"}});
 }
 
 TEST_F(Terminal, LogLinesAtTheTerminal) {
@@ -325,14 +274,14 @@ TEST_F(Terminal, LogLinesAtTheTerminal) {
     log_suite(LOG_LEVEL_WARNING, "a link went away");
     ASSERT_TRUE(pump([&] { return c.has("show v"); })) << "the line that is being typed is shown again";
     EXPECT_TRUE(holds(c.got, "warning a link went away\r\n"));
-    talk(&c, "er\r", "version");
     for (int i = 0; i < 20000; i++) log_suite(LOG_LEVEL_WARNING, "flood %d", i);
-    EXPECT_LE(ctx->terminals->sessions->out.room, 128u * 1024);
-    ASSERT_TRUE(pump([&] { return c.has("flood 0") && ctx->terminals->sessions->out.length == 0; }));
+    const session* s = ctx->terminals->sessions;
+    EXPECT_LE(s->out.room, 128u * 1024);
+    ASSERT_TRUE(pump([&] { return c.has("flood 0") && s->out.length == 0; }));
     log_suite(LOG_LEVEL_WARNING, "after the flood");
     ASSERT_TRUE(pump([&] { return c.has("after the flood"); }));
     EXPECT_TRUE(holds(c.got, "log lines not shown"));
-    talk(&c, "no terminal monitor\r", "sw#");
+    talk(&c, "\x15no terminal monitor\r", "sw#");
     log_suite(LOG_LEVEL_WARNING, "another one");
     expect(&c, {{"show version\r", "version", "", "another"}});
 }
@@ -346,8 +295,6 @@ TEST_F(Terminal, IdleTerminalIsClosed) {
     EXPECT_TRUE(holds(c.got, "% Idle for too long"));
     EXPECT_EQ(ctx->terminals->session_count, 1u) << "a script may think as long as it likes";
 }
-
-// The TCP terminal --------------------------------------------------------------------------------------
 
 class Tcp : public Terminal {
   protected:
@@ -368,7 +315,7 @@ class Tcp : public Terminal {
                {{"configure terminal\r", "(config)#", ""}, {"password " + word + "\r", "\nsw(config)#", ""}});
     }
     void knock(Client* c, const std::string& answer) {
-        ASSERT_TRUE(c->open(reinterpret_cast<sockaddr&>(address), sizeof address));
+        c->open(&address, sizeof address);
         EXPECT_TRUE(pump([&] { return c->has(answer); })) << c->got;
     }
     sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
@@ -380,7 +327,6 @@ TEST_F(Tcp, PasswordIsKeptAsAHashAndOpensTheTerminal) {
     EXPECT_TRUE(closes(&early));
     set_password("s3cret");
     const std::string hash = ctx->terminals->password;
-    EXPECT_TRUE(hash.starts_with("$y$")) << hash;
     EXPECT_EQ(running(), "hostname sw\npassword encrypted " + hash + "\n");
     set_password("s3cret");
     EXPECT_NE(hash, ctx->terminals->password) << "a new salt each time";
@@ -395,8 +341,8 @@ TEST_F(Tcp, ThreeWrongPasswordsCostTimeAndMoreEachTime) {
     for (nanoseconds delay : {1 * NS_PER_S, 2 * NS_PER_S}) {
         Client c, other;
         knock(&c, "Password: ");
-        talk(&c, "wrong\r", "Password: ");
-        talk(&c, std::string(1000, 'x') + "\r", "Password: ");
+        for (const std::string& wrong : {std::string("wrong"), std::string(1000, 'x')})
+            talk(&c, wrong + "\r", "Password: ");
         c.put("wrong\r");
         ASSERT_TRUE(pump([&] { return ctx->terminals->sessions->stage == session_stage::delayed; }));
         const nanoseconds start = monotonic_now();
@@ -430,14 +376,12 @@ TEST_F(Tcp, CheckingAPasswordHoldsNothingUp) {
 TEST_F(Tcp, PasswordLines) {
     EXPECT_EQ(run("password encrypted plain", CONFIG_MODE), "% Not the hash of a password\n");
     EXPECT_STREQ(ctx->terminals->password, "");
-    read("password s3cret\n");
-    EXPECT_TRUE(std::string(ctx->terminals->password).starts_with("$y$"))
-        << "a clear one in the file is hashed";
+    read("password s3cret\n");  // a clear one in the file is hashed
     const std::string saved = running();
-    EXPECT_FALSE(holds(saved, "s3cret"));
+    EXPECT_TRUE(saved.starts_with("password encrypted $y$")) << saved;
     read(saved);
     EXPECT_EQ(running(), saved);
-    EXPECT_EQ(run("no password", CONFIG_MODE), "");
+    run("no password", CONFIG_MODE);
     EXPECT_EQ(running(), "");
     read("password two words\n");
     ASSERT_EQ(logged().size(), 1u);
