@@ -290,7 +290,6 @@ struct fake_family : said {
     static constexpr std::uint32_t GROUP = 9;
     fake_kernel& kernel;
     std::string name;
-    std::uint32_t there = 1;
 
     fake_family(fake_kernel& k, std::string family) : kernel(k), name(std::move(family)) {
         kernel.on_generic = [this](const nl_message& m) {
@@ -320,7 +319,7 @@ struct fake_family : said {
     int look_up(const_octets attributes, std::uint32_t sequence) {
         nl_attr a;
         EXPECT_TRUE(nl_next_attr(&attributes, &a));
-        if (!there || nl_text(a.value) != name) return ENOENT;
+        if (nl_text(a.value) != name) return ENOENT;
         say(family_message(ID, GROUP, "monitor"), sequence);
         return 0;
     }
