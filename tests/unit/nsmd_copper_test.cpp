@@ -42,7 +42,7 @@ struct roles : testing::Test, nsmd_session {
     roles() {
         options.dpll = dpll_kind::none;
         act("quiet sw5 5");
-        take_asked = [this] { return driver.take(); };
+        hardware = &driver;
         start();
     }
     ~roles() override { stop(); }

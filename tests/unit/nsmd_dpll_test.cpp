@@ -196,9 +196,10 @@ struct clock_session : nsmd_session {
                 dpll.*at = w[0];
                 dpll.notify_device();
             };
-        const std::map<const char*, std::uint32_t fake_pin::*> of_pin = {{"capable", &fake_pin::capabilities},
-                                                                         {"signal", &fake_pin::signal},
-                                                                         {"refuse", &fake_pin::refused}};
+        using pin_field = std::uint32_t fake_pin::*;
+        const std::map<const char*, pin_field> of_pin = {{"capable", &fake_pin::capabilities},
+                                                         {"signal", &fake_pin::signal},
+                                                         {"refuse", &fake_pin::refused}};
         for (const auto& [verb, field] : of_pin)
             verbs[verb] = [this, at = field](const numbers& w) {
                 dpll.pins[w[0]].*at = w[1];
@@ -223,7 +224,7 @@ struct clock_session : nsmd_session {
             dpll.pins[11].places[DEVICE] = PIN_DISCONNECTED;
             dpll.status = DPLL_STATUS_UNLOCKED;
         };
-        take_asked = [this] { return dpll.take(); };
+        hardware = &dpll;
     }
     ~clock_session() { stop(); }
     void start() {

@@ -1,8 +1,8 @@
 // Links as the kernel tells of them: which are ports, which index they get, what is told of their changes,
 // and a kernel that loses messages, refuses, interrupts, and holds news back.
-#include "nsmd/links/port_index.h"
 #include "nsmd/links/watch.h"
 #include "nsmd_support.h"
+#include "unit/failing_disk.h"
 
 namespace {
 
@@ -62,6 +62,7 @@ struct watched {
         std::string lines(std::istreambuf_iterator<char>(words), {});
         std::replace(lines.begin(), lines.end(), ';', '\n');
         if (verb == "file") std::ofstream(path) << lines;
+        loop.run(1);
         EXPECT_EQ(content_of(path), lines);
     }
     // Links that are there quietly at first are so before the watcher starts.
@@ -231,18 +232,24 @@ TEST(links, stories) {
         }
 }
 
-TEST(links, a_port_for_which_there_is_no_memory_comes_later) {
-    watched w;
-    memmgr_fail_at(1);
-    port_table_link(w.ports.table, info_of("sw1 1"));
-    memmgr_fail_at(0);
-    EXPECT_EQ(w.log.count("no memory for port sw1"), 1);
-    w.play({{"sw1 1", 1, "sw1 1 added"}});
-}
-
-TEST(links, indexes_that_can_not_be_saved) {
-    const port_index_pool pool{};
-    EXPECT_EQ(port_index_save(&pool, "/nowhere/indexes"), -ENOENT);
+// The disk fails at each call that saves them, in turn.
+TEST(links, a_failing_disk_leaves_the_old_indexes_or_the_new_ones) {
+    using failing_disk::fault;
+    for (const fault kind : {fault::once, fault::cut, fault::full}) {
+        int at = 0;
+        for (bool struck = true; struck && !HasFailure();) {
+            watched w;
+            w.play({{"restart, sw1 1", 1, "sw1 1 added"}});
+            failing_disk::arm(w.path, kind, ++at);
+            w.play({{"sw2 2", 1, "sw2 2 added"}});
+            struck = failing_disk::disarm();
+            const bool saved = content_of(w.path) == "1 sw1\n2 sw2\n";
+            EXPECT_TRUE(saved || content_of(w.path) == "1 sw1\n");
+            EXPECT_TRUE(saved || w.log.count(" can't write ") == 1);
+            w.play({{"sw3 3, says 1 sw1;2 sw2;3 sw3;", 1, "sw3 3 added"}});
+        }
+        EXPECT_GT(at, kind == fault::full ? 2 : 4) << "so many calls there are";
+    }
 }
 
 // The kernel says nothing about the lost carrier for a second. Any other message is the hint to ask.
@@ -265,17 +272,6 @@ TEST(links, without_any_hint_a_lost_carrier_is_known_within_the_slow_interval) {
     const int asked = w.questions_in(10000);
     EXPECT_GT(asked, 255 * 10);
     EXPECT_LT(asked, 255 * 15);  // each of many less often
-}
-
-TEST(links, garbage_and_foreign_answers_do_no_harm) {
-    watched w;
-    w.play({{"quiet sw1 1", 1, "sw1 1 added"}});
-    for (const message& garbage : {message{}, message{1, 2, 3}, message(64, 0xff)}) w.kernel.push(garbage);
-    w.kernel.push({}, -EINTR);
-    w.kernel.push({}, -ENOBUFS);
-    w.kernel.push(control_octets(NLMSG_DONE, 0, {99, fake_kernel::PORT}, 0));  // of no dump of ours
-    w.play({{"sw2 2", 10, "sw2 2 added"}});
-    EXPECT_EQ(w.kernel.dumps, 2);
 }
 
 TEST(links, a_kernel_without_the_socket_is_said_and_no_start) {

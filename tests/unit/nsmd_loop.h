@@ -28,8 +28,6 @@ struct virtual_loop {
         if (!ctx.master) std::abort();
     }
     ~virtual_loop() { thread_master_finish(ctx.master); }
-    virtual_loop(const virtual_loop&) = delete;
-    virtual_loop& operator=(const virtual_loop&) = delete;
 
     // Runs everything that happens within so many milliseconds of virtual time.
     void run(unsigned milliseconds) {

@@ -16,8 +16,8 @@ struct core : testing::Test, sim_session {};
 
 TEST_F(core, the_dump_is_bridge_ports_clock_end_and_changes_follow) {
     start_alone();
-    EXPECT_EQ(connect(&c), "ack 0, bridge, add 1 1 1, add 2 2 1, add 26 26 1, clock 2 0, sync");
-    EXPECT_EQ(after("sw1 1 down, gone 2, sw7 7 down", 1), "down 1, gone 2 1, add 7 7 0");
+    EXPECT_EQ(connect(), "ack 0, bridge, add 1 1 1, add 2 2 1, add 26 26 1, clock 2 0, sync");
+    play({{"sw1 1 down, gone 2, sw7 7 down", 1, "down 1, gone 2 1, add 7 7 0"}});
 }
 
 // The code of port 26 is 1.
@@ -100,6 +100,7 @@ TEST(sim, stories) {
 
 TEST_F(core, holdover_decays_to_free_running_when_told_so) {
     options.sim.holdover_s = 60;
+    options.sim.state_file = "/nowhere/registers";
     start();
     play(LOCKED);
     play({{"sw26 26 down", 59900, "down 26, clock 3 0"},
@@ -108,6 +109,7 @@ TEST_F(core, holdover_decays_to_free_running_when_told_so) {
           {"sw26 26 down", 30000, "down 26, clock 3 0"},
           {"sw26 26", 400, "up 26, clock 4 1"},
           {"", 120000, ""}});  // a decay that was under way is over with the lock
+    EXPECT_EQ(log.count("can't write /nowhere/registers"), 1);
 }
 
 struct registers : core {
@@ -132,7 +134,7 @@ TEST_F(registers, a_restarted_nsmd_finds_its_clock_as_it_was) {
 TEST_F(core, without_hardware_it_runs_free_whatever_is_asked) {
     options.dpll = dpll_kind::none;
     start();
-    EXPECT_EQ(after("enable 1, select 26", 5000), "");
+    play({{"enable 1, select 26", 5000, ""}});
     EXPECT_EQ(log.count("request:"), 2);
 }
 

@@ -162,17 +162,6 @@ inline message link_octets(const std::string& text, std::uint16_t type = RTM_NEW
     return addressed(b, to);
 }
 
-// As it is read from such a message; without an index where it is not.
-inline link_info info_of(const std::string& text) {
-    const message data = link_octets(text);
-    const_octets rest{data};
-    nl_message m;
-    link_info info;
-    EXPECT_TRUE(nl_next_message(&rest, &m));
-    if (!link_message_parse(m, &info)) info.kernel_ifindex = 0;
-    return info;
-}
-
 // NLMSG_ERROR or NLMSG_DONE.
 inline message control_octets(std::uint16_t type, std::uint16_t flags, answer_to to, int value) {
     nl_builder b;
@@ -186,13 +175,9 @@ inline message control_octets(std::uint16_t type, std::uint16_t flags, answer_to
 struct fake_kernel {
     static constexpr int FD = 700, GENERIC_FD = 701;
     static constexpr std::uint32_t PORT = 4711;
-    struct item {
-        message data;
-        int error = 0;  // what the read returns instead
-    };
-
-    std::map<int, std::deque<item>> queues;  // by descriptor
-    std::map<int, std::string> links;        // by index, their texts
+    // By descriptor: what is read, or the error instead.
+    std::map<int, std::deque<std::pair<message, int>>> queues;
+    std::map<int, std::string> links;  // by index, their texts
     int dumps = 0, questions = 0;
     std::string next_dump;                              // how it fails, once
     std::vector<std::string> during_dump;               // once
@@ -212,10 +197,10 @@ struct fake_kernel {
         const auto receive = [](void* k, int fd, octets buffer) {
             auto& queue = static_cast<fake_kernel*>(k)->queues[fd];
             if (queue.empty()) return -EAGAIN;
-            const item next = std::move(queue.front());
+            const auto [data, error] = queue.front();
             queue.pop_front();
-            std::copy(next.data.begin(), next.data.end(), buffer.begin());
-            return next.error ? next.error : static_cast<int>(next.data.size());
+            std::copy(data.begin(), data.end(), buffer.begin());
+            return error ? error : static_cast<int>(data.size());
         };
         const auto send = [](void* k, int fd, const_octets request) {
             nl_message m;
@@ -413,26 +398,25 @@ struct nsmd_session {
     nsm_test_client c;
     said told;
     std::map<std::string, std::function<void(numbers)>> verbs;
-    std::function<std::string()> take_asked = [] { return ""; };
+    said* hardware = nullptr;  // what it was asked for
 
     nsmd_session() {
         kernel.attach(&loop);
         options.grace_s = 10;
         options.patterns[0] = "sw*";
         options.pattern_count = 1;
-        const auto request = [this](const char* verb, std::uint16_t type, std::size_t count) {
-            verbs[verb] = [=, this](auto words) { words.resize(count), c.say(type, words); };
-        };
-        request("enable", NSM_MSG_SSM_GLOBAL_ENABLE, 1);
-        request("recover", NSM_MSG_SSM_CLOCK_RECOVERY_SELECT, 1);
-        request("holdover", NSM_MSG_SSM_HOLDOVER_ENABLE, 1);  // inverted on the wire: 0 enters it
-        request("select", NSM_MSG_SSM_SELECTED_IF_INDEX, 2);
-        request("role", NSM_MSG_SSM_SET_GEPHY_ROLE, 3);
-        request("bye", NSM_MSG_BYE, 0);
+        // "holdover" is inverted on the wire: 0 enters it.
+        static const char* const requests[] = {"enable", "recover", "holdover", "select", "role"};
+        for (std::uint16_t i = 0; i < std::size(requests); ++i)
+            verbs[requests[i]] = [=, this](auto words) {
+                words.resize(NSM_REQUEST_WORDS);
+                c.say(static_cast<std::uint16_t>(NSM_MSG_SSM_GLOBAL_ENABLE + i), words);
+            };
+        verbs["bye"] = [this](const auto&) { c.say(NSM_MSG_BYE); };
         verbs["hang-up"] = [this](const auto&) { c.hang_up(); };
         // Of what a session begins with, the clock is told.
         verbs["connect"] = [this](const auto&) {
-            const std::string all = connect(&c);
+            const std::string all = connect();
             const std::size_t at = all.find("clock");
             told.add(all.substr(at, all.find(", sync") - at));
         };
@@ -442,7 +426,7 @@ struct nsmd_session {
     // Without what the session begins with.
     void start() {
         start_alone();
-        (void)connect(&c);
+        (void)connect();
     }
     void start_alone() {
         kernel.queues.clear();
@@ -451,11 +435,11 @@ struct nsmd_session {
         loop.run(1);
     }
     // What the client is told at the beginning.
-    std::string connect(nsm_test_client* client) {
-        EXPECT_NE(nsmd_server_adopt(nsmd_server_of(n), client->dial(&loop)), nullptr);
-        client->hello();
+    std::string connect() {
+        EXPECT_NE(nsmd_server_adopt(nsmd_server_of(n), c.dial(&loop)), nullptr);
+        c.hello();
         loop.run(1);
-        return client->take_all();
+        return c.take_all();
     }
     void act(const char* happens) {
         for (const auto& one : parts_of(happens)) {
@@ -467,17 +451,13 @@ struct nsmd_session {
             if (at != verbs.end()) at->second({std::istream_iterator<std::uint32_t>(words), {}});
         }
     }
-    // What the daemon is told within so many milliseconds of what happens.
-    std::string after(const char* happens, unsigned ms) {
-        act(happens);
-        loop.run(ms);
-        told.add(c.take_all());
-        return told.take();
-    }
     void play(const std::vector<step>& story) {
         for (const step& s : story) {
-            EXPECT_EQ(after(s.happens, s.ms), s.told) << s.happens;
-            const std::string asked = take_asked();
+            act(s.happens);
+            loop.run(s.ms);
+            told.add(c.take_all());
+            EXPECT_EQ(told.take(), s.told) << s.happens;
+            const std::string asked = hardware ? hardware->take() : "";
             EXPECT_EQ(asked, s.asked ? s.asked : asked) << s.happens;
         }
     }
