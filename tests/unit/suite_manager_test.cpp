@@ -164,6 +164,9 @@ TEST_F(NsmClient, GreetsThenTakesTheDumpAsItComes) {
     // Of an interface that nobody knows nothing is told; what NSM states again is.
     EXPECT_EQ(say({message(NSM_MSG_LINK_DOWN, {7}), message(NSM_MSG_LINK_UP, {99}), clock_state(2, 7)}),
               "down eth7, clock 2 7");
+    EXPECT_EQ(say({link_delete(7), link_add(7, "eth7"), link_add(7, "lan7"), link_add(9, "eth3")}),
+              "unbind eth7, bind eth7, unbind eth7, bind lan7, unbind eth3, bind eth3")
+        << "another name or another index is another interface";
 }
 
 TEST_F(NsmClient, DropsWhatItCantUse) {
@@ -182,20 +185,6 @@ TEST_F(NsmClient, DropsWhatItCantUse) {
     EXPECT_EQ(logged(LOG_LEVEL_WARNING).size(), 5u) << "length, type, body, second answer, name or index";
     EXPECT_EQ(stats().dropped, 12u);
     EXPECT_EQ(link.opens, 1);
-}
-
-TEST_F(NsmClient, AnInterfaceIsUnboundBoundAgainReplacedOrGone) {
-    connect();
-    say({link_add(1, "eth1", true), link_add(2, "eth2"), link_add(3, "eth3", true), SYNC_DONE});
-    EXPECT_EQ(say({link_delete(1), link_delete(3, NSM_LINK_GONE), link_delete(3, NSM_LINK_GONE)}),
-              "unbind eth1, unbind eth3");
-    EXPECT_EQ(interfaces(), "eth1 1 42 0\neth2 2 42 0 bound\n") << "an unbound one keeps its place";
-    for (std::uint32_t kernel : {42, 77})  // unbound, and bound already
-        EXPECT_EQ(say({link_add(1, "eth1", true, kernel, 0xBB)}), "bind eth1, up eth1");
-    EXPECT_EQ(interfaces(), "eth1 1 77 187 bound up\neth2 2 42 0 bound\n");
-    EXPECT_EQ(say({link_add(1, "lan1"), link_add(5, "eth2")}),
-              "unbind eth1, bind lan1, unbind eth2, bind eth2")
-        << "another name or another index is another interface";
 }
 
 TEST_F(NsmClient, ReconnectionDeliversDifferencesOnly) {

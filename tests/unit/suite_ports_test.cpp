@@ -269,16 +269,6 @@ TEST_F(Edge, LookupsAgreeWithAModelThroughAllChanges) {
     }
 }
 
-TEST_F(Edge, AFailureLeavesNoPort) {
-    const interface bound = port(1, 11);
-    for (std::uint64_t nth : {1, 2, 3, 0}) {
-        memmgr_fail_at(nth);
-        bind_port(bound);
-        EXPECT_EQ(is_known(1), nth == 0) << "allocation " << nth;
-        memmgr_fail_at(0);
-    }
-}
-
 struct Kernel : Socket {
     int neighbour = -1;  // sends whole frames on any far end
     std::vector<std::pair<slow_address, octet_string>> frames;
