@@ -27,15 +27,3 @@ def test_two_hundred_and_fifty_five_ports(many, release_only):
           f"nsmd {resident(many.nsmd.pid)} KiB")
     assert own <= OWN_MEMORY_GOAL, f"{own} KiB"
     assert share < 0.1, f"{share * 100:.1f} % of a processor"
-
-
-def test_memory_does_not_grow_with_use(switch, release_only):
-    def work(times):
-        for _ in range(times):
-            switch.cli("configure terminal", "clock synce global-enable", "clock synce ssm enable", "interface p1",
-                       "clock synce enable", "clock synce quality-eth rx prc", "no clock synce quality-eth rx", "exit",
-                       "no clock synce ssm enable", "no clock synce global-enable", "end", "show running-config",
-                       "show clock synce", "show clock synce p1", "show memory")
-        return resident(switch.esmcd.pid)
-    before = work(15)
-    assert work(45) - before <= 64

@@ -51,8 +51,7 @@ class Manager:
         wait_until(lambda: "registered" in self.switch.show("snmp").splitlines()[0], 5, "registered with snmpd")
 
     def tool(self, name, *words, check=True, module=None):
-        quick = ["-Ci"] if name == "snmptable" else ["-Oqs"]  # which is quick by itself, and would be turned back
-        argv = [name, "-v2c", "-c", "private", *(module or self.mibs), *quick, "-t", "2", "-r", "0", "127.0.0.1", *words]
+        argv = [name, "-v2c", "-c", "private", *(module or self.mibs), "-Oqs", "-t", "2", "-r", "0", "127.0.0.1", *words]
         return self.switch.run(*argv, net_only=True, check=check)
 
     def get(self, name):
@@ -110,9 +109,6 @@ def test_tools_print_what_is_configured_and_what_goes_on(managed):
     wait_until(lambda: neighbour.keep() and manager.get("esmcRunningState.0") == "lock", 5)
     neighbour.keep()
     assert manager.walk() == manager.walk(tool="snmpbulkwalk") == expected
-    table = manager.tool("snmptable", "esmcPortTable").stdout
-    row = next(line.split() for line in table.splitlines() if line.split()[:1] == ["12"])
-    assert row[1:4] == ["enabled", "all", "3"] and "ssuB" in row
 
 
 WRITTEN = [
@@ -141,17 +137,8 @@ def test_every_writable_object_is_set_and_the_tools_say_why_not(managed):
                "esmcPortMode.12", "i", "1", "esmcPortMode.12", "i", "5", "esmcLocalPriority.0", "i", "44"]
     assert manager.set(*objects, "esmcForceSwitch.0", "i", "4711") == "inconsistentValue"
     assert manager.walk() == before and switch.show("running-config") == running
-    assert manager.set(*objects, "esmcForceSwitch.0", "i", "12") == "noError"
-    before = manager.walk()
-    assert [before[name] for name in ("esmcLocalPriority.0", "esmcForceSwitch.0", "esmcPortDnuGroup.12")] == ["44", "12", "9"]
-    for name, kind, value, status in [
-            ("2.0", "i", "3", "wrongValue"), ("2.0", "u", "1", "wrongType"), ("5.0", "i", "3", "genError"),
-            ("12.0", "i", "9999", "inconsistentValue"), ("6.0", "i", "1", "notWritable"), ("2.1", "i", "1", "noCreation"),
-            ("13.1.12.10", "i", "5", "inconsistentValue"), ("13.1.5.10", "i", "1", "readOnly"),
-            ("13.1.4.4711", "i", "1", "noSuchName")]:
-        # Without the module, by which the tool would refuse some values itself.
-        assert manager.set(f"{BASE}.{name}", kind, value, module=["-m", ""]) == status, (name, kind, value)
-    assert manager.walk() == before
+    # Without the module, by which the tool would refuse the value itself.
+    assert manager.set(f"{BASE}.2.0", "u", "1", module=["-m", ""]) == "wrongType"
 
 
 def test_hanging_and_dying_master_costs_nothing(managed, release_only):
@@ -179,12 +166,8 @@ def test_other_links_to_the_master(managed):
         manager.wait_registered()
         assert line.split()[-1] in switch.show("snmp")
         assert manager.get("esmcDeviceType.0") == "default"
-    switch.configure("snmp agentx unix /run/nobody")
-    wait_until(lambda: "not connected" in switch.show("snmp"), 3)
-    assert "No such file" in switch.show("snmp")
     switch.configure("no snmp agentx")
     manager.wait_registered()
-    assert "snmp agentx" not in switch.show("running-config")
 
 
 def test_traps_name_what_changed(managed, mibs):

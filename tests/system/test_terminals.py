@@ -127,26 +127,3 @@ def test_frames_leave_on_time_while_32_sessions_type(enabled, release_only):
     for child in children + [refused]:
         child.close(force=True)
     wait_until(lambda: enabled.cli("show version", check=False).status == 0, what="a place is free again")
-
-
-def test_screen_in_tmux(open_for, tmp_path):
-    """The screen as a real terminal emulator draws it."""
-    def tmux(*words):
-        argv = [need("tmux"), "-S", str(tmp_path / "tmux"), "-f", "/dev/null", *words]
-        return subprocess.run(argv, capture_output=True, text=True, check=True).stdout.rstrip()
-
-    tmux("new-session", "-d", "-x", "60", "-y", "20", "--", *open_for.enter([f"{BIN}/esmcsh"]))
-    try:
-        wait_until(lambda: tmux("capture-pane", "-p").endswith("sw#"), what="prompt")
-        tmux("send-keys", "-l", "show clock sync " + "x" * 60)
-        wait_until(lambda: tmux("capture-pane", "-p").endswith("xxx"), what="a line wider than the window")
-        assert tmux("capture-pane", "-p").count("\n") == 0, "the line stays on its row"
-        tmux("send-keys", "C-u")
-        tmux("send-keys", "-l", "show hist")
-        tmux("send-keys", *["BSpace"] * 4)
-        tmux("send-keys", "-l", "version")
-        tmux("send-keys", "Home", *["Right"] * 4, "Enter")
-        wait_until(lambda: "esmcd version" in tmux("capture-pane", "-p"), what="answer")
-        assert tmux("capture-pane", "-p").splitlines()[0] == "sw#show version"
-    finally:
-        tmux("kill-server")

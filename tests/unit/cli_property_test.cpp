@@ -6,8 +6,8 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <map>
 #include <random>
+#include <set>
 #include <sstream>
 
 #include "daemon_fixture.h"
@@ -36,25 +36,18 @@ struct scenario {
     unsigned early;  // bound before that one reads
 };
 
-// The global lines in their order, then each interface's lines. An interface without lines is left out, and
-// blanks at both ends of a line do not count.
-std::map<std::string, std::vector<std::string>> blocks_of(const std::string& text) {
-    std::map<std::string, std::vector<std::string>> blocks;
+// Lines with their interface. Their order does not count, and an interface without lines is left out.
+std::multiset<std::string> lines_of(const std::string& text) {
+    std::multiset<std::string> lines;
+    std::istringstream in(text);
     std::string name;
-    for (std::size_t at = 0; at < text.size();) {
-        const std::size_t end = text.find('\n', at);
-        std::string line = text.substr(at, end - at);
-        at = end + 1;
-        if (line.starts_with("interface ")) {
-            name = line.substr(10);
-            continue;
-        }
-        if (line.empty() || line[0] != ' ') name.clear();
-        const std::size_t first = line.find_first_not_of(' ');
-        if (first == std::string::npos || line[first] == '!') continue;
-        blocks[name].push_back(line.substr(first, line.find_last_not_of(' ') + 1 - first));
+    for (std::string line; std::getline(in, line);) {
+        line.erase(line.find_last_not_of(' ') + 1);
+        if (line.starts_with("interface ")) name = line;
+        if (!line.starts_with("interface ") && line != "!")
+            lines.insert((line.starts_with(" ") ? name : "") + line);
     }
-    return blocks;
+    return lines;
 }
 
 class generator {
@@ -208,7 +201,7 @@ class configuration : public daemon_test {
     }
 
     static void expect_same(const std::string& one, const std::string& other, const char* when) {
-        EXPECT_EQ(blocks_of(one), blocks_of(other)) << when << "\n--- one\n" << one << "--- other\n" << other;
+        EXPECT_EQ(lines_of(one), lines_of(other)) << when;
     }
 
     void check(const scenario& s) {
@@ -257,7 +250,7 @@ TEST_F(configuration, is_read_back_as_it_was_written) {
         const scenario s = generator(ctx_->ctree, seed).make();
         check(s);
         ASSERT_FALSE(HasFailure()) << "seed " << seed << ":\n" << report(s);
-        for (const auto& [name, block] : blocks_of(running())) lines += block.size();
+        lines += lines_of(running()).size();
     }
     EXPECT_GT(lines, std::size_t{count} * 4);  // the configurations hold something
 }

@@ -115,16 +115,14 @@ class everyday : public daemon_test {
     }
 };
 
-TEST_F(everyday, brief_is_a_line_a_port) {
+TEST_F(everyday, brief_names_the_reason_of_each_port) {
     g_s_master->selected_port = candidate("p1", 1, QL_PRC, 10);
     candidate("p2", 2, QL_SSU_A, 255)->force_rx_quality = QL_EEC1;
     EXPECT_EQ(shown("show clock synce brief"),
               "Port             State  Rx       Tx     Prio  Forced       Why not the source\n"
               "p1               source PRC      N/A      10  -            \n"
               "p2               up     SSU-A    N/A     255  rx           p1 has the better quality\n");
-}
-
-TEST_F(everyday, brief_names_the_reason_of_each_port) {
+    for (std::uint32_t i : {1U, 2U}) if_remove(ctx_->ifm, if_lookup_by_index(ctx_->ifm, i));
     candidate("best", 1, QL_SSU_A, 10);
     candidate("worse", 2, QL_EEC1, 1);
     candidate("later", 3, QL_SSU_A, 20);
@@ -160,6 +158,12 @@ TEST_F(everyday, the_switchs_own_settings_are_reasons_too) {
     EXPECT_EQ(why("best"), "the switch is master-only");
     g_s_master->global_enable = 0;
     EXPECT_EQ(why("best"), "SyncE is off");
+    g_s_master->global_enable = 1;
+    g_s_master->device_type = SSM_DEFAULT_ROLE;
+    g_s_master->force_port = nullptr;
+    g_s_master->ssm_enable = 0;
+    candidate("silent", 2, QL_NONE, 5)->recv_pdu = 0;
+    EXPECT_EQ(why("best"), "silent has the better priority") << "alone counts without SSM";
 }
 
 TEST_F(everyday, force_switch_is_a_reason_only_while_it_is_in_effect) {
@@ -172,16 +176,6 @@ TEST_F(everyday, force_switch_is_a_reason_only_while_it_is_in_effect) {
     forced->link_up = 0;
     EXPECT_EQ(why("best"), "is chosen by the next selection");
     EXPECT_EQ(why("forced"), "link down");
-}
-
-TEST_F(everyday, without_ssm_priority_and_link_count_alone) {
-    g_s_master->ssm_enable = 0;
-    candidate("silent", 1, QL_NONE, 5)->recv_pdu = 0;
-    candidate("prc", 2, QL_PRC, 6);
-    EXPECT_EQ(why("silent"), "is chosen by the next selection");
-    EXPECT_EQ(why("prc"), "silent has the better priority");
-    g_s_master->local_priority = 5;
-    EXPECT_EQ(why("silent"), "own priority is not worse");
 }
 
 TEST_F(everyday, selection_lists_candidates_in_order_with_the_deciding_key) {

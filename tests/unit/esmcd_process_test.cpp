@@ -1,8 +1,6 @@
-// Start-up, what is left of the process's rights, and its end, tried out in children: there is no way back
-// from any of it. A daemon that runs has a /run of its own; only the packet socket and the link to the
-// network services manager are replaced.
-#include <fcntl.h>
-#include <linux/capability.h>
+// Start-up, the end, and the filter of system calls, tried out in children: there is no way back from any of
+// it. A daemon that runs has a /run of its own; only the packet socket and the link to the network services
+// manager are replaced.
 #include <sched.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
@@ -137,40 +135,8 @@ TEST(start, flooded_daemon_writes_its_pid_and_ends_on_a_signal_within_100_ms) {
 
 // ---- Rights ----
 
-constexpr std::uint64_t RAW = std::uint64_t{1} << CAP_NET_RAW;
-
-// Of /proc/self/status, as the kernel writes it.
-std::uint64_t capabilities(const std::string& set) {
-    std::ifstream file("/proc/self/status");
-    for (std::string line; std::getline(file, line);)
-        if (line.starts_with("Cap" + set)) return std::strtoull(line.c_str() + 7, nullptr, 16);
-    return ~std::uint64_t{0};
-}
-
 bool refused(long result, int expected = EPERM) {
     return result == -1 && errno == expected;
-}
-
-TEST(rights, only_the_kept_capability_is_left_in_every_set_and_none_comes_back) {
-    if (!(capabilities("Prm") & RAW) || geteuid() != 0)
-        GTEST_SKIP() << "needs root and the right to raw sockets";
-    // The file of another user, closed to everybody else: root without capabilities is not let in.
-    char foreign[] = "/tmp/rights.XXXXXX";
-    const int file = mkstemp(foreign);
-    EXPECT_TRUE(file >= 0 && fchmod(file, 0600) == 0 && fchown(file, 65534, 65534) == 0);
-    close(file);
-    EXPECT_EQ(in_child([&] {
-                  return first_failed(
-                      {rights_keep_capabilities(RAW) == 0, capabilities("Eff") == RAW,
-                       capabilities("Prm") == RAW, capabilities("Bnd") == RAW, capabilities("Inh") == 0,
-                       capabilities("Amb") == 0, close(socket(AF_PACKET, SOCK_RAW, 0)) == 0,
-                       refused(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr)),
-                       refused(open(foreign, O_RDONLY), EACCES), rights_keep_capabilities(0) == 0,
-                       rights_keep_capabilities(RAW | 1U << CAP_NET_ADMIN) == 0, capabilities("Eff") == 0,
-                       capabilities("Prm") == 0});
-              }),
-              0);
-    unlink(foreign);
 }
 
 TEST(rights, calls_beyond_the_table_are_refused_and_end_nothing) {
