@@ -58,6 +58,8 @@ TEST_F(ports, link_events_that_change_nothing_change_nothing) {
     interface* other = if_add(g_p_esmcd->ifm, "mgmt0", 99, 1);
     EXPECT_EQ(ssm_port_create(other), 0);
     EXPECT_EQ(other->port, nullptr);
+    interface* bare = if_add(g_p_esmcd->ifm, "p98", 98, IF_TYPE_SYNCE);
+    EXPECT_EQ(_ssm_nsm_recv_interface_down(bare), SSM_E_NOT_EXIST);
 }
 
 TEST_F(ports, a_restarting_nsm_goes_unnoticed_and_is_told_again) {
