@@ -62,7 +62,7 @@ int listener_start_unix(listener* l, lib_globals* ctx, const char* path, int typ
         unix_remove(path, file);
         return result;
     }
-    std::strcpy(l->path, path);  // as long as an address takes at most
+    std::memcpy(l->path, path, std::strlen(path) + 1);  // it fitted into an address, which is as long
     l->file = file;
     return 0;
 }
