@@ -42,41 +42,6 @@ class Log : public Suite {
         all.resize(n < 0 ? 0 : static_cast<std::size_t>(n));
         return all;
     }
-    // Logs lines of many lengths; of every five lines `taken` octets are read. Afterwards all is read, while
-    // the sink is given the chances that it has while the loop sleeps. What was read.
-    static std::string flood(int fd, int count, int longest, std::size_t taken) {
-        fcntl(fd, F_SETFL, O_NONBLOCK);
-        std::string all;
-        for (int i = 0; i < count; i++) {
-            const std::string text(static_cast<std::size_t>(1 + i * 31 % longest), 'x');
-            log_suite(LOG_LEVEL_INFO, "line %d %s end", i, text.c_str());
-            if (i % 5 == 0) all += take(fd, taken);
-        }
-        EXPECT_TRUE(log_backlog());
-        for (int i = 0; i < 20; i++) {
-            all += take(fd, 1 << 20);
-            log_retry();
-        }
-        EXPECT_FALSE(log_backlog());
-        return all;
-    }
-    // Every line is whole, and what is missing was said.
-    void expect_whole_lines(const std::string& all) {
-        std::istringstream in(all);
-        std::size_t next = 0, lost = 0;
-        for (std::string line; std::getline(in, line);) {
-            if (std::sscanf(line.c_str(), "%*s warning %zu log lines dropped", &lost) == 1) {
-                next += lost;
-            } else {
-                ASSERT_LT(next, said.size());
-                ASSERT_EQ(line, said[next++].second);
-            }
-        }
-        EXPECT_EQ(next, said.size());
-        EXPECT_GT(lost, 0u);
-        EXPECT_EQ(all.back(), '\n');
-    }
-
     int stderr_kept = dup(STDERR_FILENO);
 };
 
@@ -93,26 +58,16 @@ TEST_F(Log, LineIsTimeLevelAndTextAndATapMayLeaveAndMayNotRecurse) {
     log_sys(16, LOG_LEVEL_INFO, "%s%sSIGHUP received", "", ": ");
     log_remove_tap(tap, &calls);
     EXPECT_EQ(calls, 1);
-    log_sys(16, LOG_LEVEL_ERROR, "plain %d", 5);
-    log_suite(LOG_LEVEL_WARNING, "w");
-    log_suite(LOG_LEVEL_DEBUG, "d");
     log_set_level(LOG_LEVEL_WARNING);
-    EXPECT_FALSE(log_wants(LOG_LEVEL_INFO));
     log_suite(LOG_LEVEL_INFO, "not wanted");
-    log_suite(LOG_LEVEL_WARNING, "wanted");
+    log_suite(LOG_LEVEL_WARNING, "wanted %d", 5);
     unsetenv("TZ");
     tzset();
-    const std::pair<int, const char*> expected[] = {{LOG_LEVEL_INFO, "info : SIGHUP received"},
-                                                    {LOG_LEVEL_ERROR, "error plain 5"},
-                                                    {LOG_LEVEL_WARNING, "warning w"},
-                                                    {LOG_LEVEL_DEBUG, "debug d"},
-                                                    {LOG_LEVEL_WARNING, "warning wanted"}};
     const std::string time = "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}[.][0-9]{3}[+]05:30 ";
-    ASSERT_EQ(said.size(), std::size(expected));
-    for (std::size_t i = 0; i < said.size(); i++) {
-        EXPECT_EQ(said[i].first, expected[i].first) << i;
-        EXPECT_TRUE(matches(line(i), time + expected[i].second)) << line(i);
-    }
+    ASSERT_EQ(said.size(), 2u);
+    EXPECT_TRUE(matches(line(0), time + "info : SIGHUP received")) << line(0);
+    EXPECT_TRUE(matches(line(1), time + "warning wanted 5")) << line(1);
+    EXPECT_EQ(said[1].first, LOG_LEVEL_WARNING);
 }
 
 TEST_F(Log, ControlCharactersAreEscapedAndLongTextIsCutNotInTheMiddleOfOne) {
@@ -137,12 +92,11 @@ TEST_F(Log, RecentLinesAreTheLastOnesInOrder) {
     log_suite(LOG_LEVEL_INFO, "%s", std::string(8000, 'L').c_str());
     const auto whole = said;
     words recent;
-    log_walk_recent(
-        [](void* a, const char* l, std::size_t n) {
-            static_cast<words*>(a)->emplace_back(l, n);
-            log_suite(LOG_LEVEL_DEBUG, "logged by the visitor");
-        },
-        &recent);
+    const auto visit = [](void* a, const char* l, std::size_t n) {
+        static_cast<words*>(a)->emplace_back(l, n);
+        log_suite(LOG_LEVEL_DEBUG, "logged by the visitor");
+    };
+    log_walk_recent(visit, &recent);
     ASSERT_LT(recent.size(), whole.size());
     for (std::size_t i = 1; i <= recent.size(); i++)
         ASSERT_EQ(recent[recent.size() - i], whole[whole.size() - i].second);
@@ -173,29 +127,47 @@ TEST_F(Log, FileIsAppendedToAndTheFormerStaysWhenANewOneCannotBeOpened) {
     EXPECT_EQ(permissions(other) & ~0640u, 0u);
 }
 
-// A stream socket takes half a line, too: the rest comes first.
+// Every line is whole, and what is missing was said. A stream socket takes half a line, too: the rest comes
+// first.
 TEST_F(Log, FullStandardErrorLosesWholeLinesAndSaysHowMany) {
-    int pipe[2], stream[2];
+    int stream[2];
     const int small = 1;  // the least that the kernel grants is less than a long line
-    ASSERT_EQ(pipe2(pipe, O_CLOEXEC), 0);
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, stream), 0);
     setsockopt(stream[1], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    fcntl(stream[0], F_SETFL, O_NONBLOCK);
     const auto dropped = log_dropped_lines();
-    become_stderr(pipe[1]);
-    expect_whole_lines(flood(pipe[0], 3000, 700, 0));
-    EXPECT_GT(log_dropped_lines(), dropped);
-    // The other end of a pipe that is shared with other processes still blocks for them.
-    EXPECT_EQ(fcntl(STDERR_FILENO, F_GETFL) & O_NONBLOCK, 0);
-    said.clear();
     become_stderr(stream[1]);
-    expect_whole_lines(flood(stream[0], 2000, 3900, 1000));
-    close(pipe[0]);
+    std::string all;
+    for (int i = 0; i < 2000; i++) {
+        log_suite(LOG_LEVEL_INFO, "line %d %s end", i, std::string(1 + i * 31 % 3900, 'x').c_str());
+        if (i % 5 == 0) all += take(stream[0], 1000);
+    }
+    EXPECT_TRUE(log_backlog());
+    for (int i = 0; i < 20; i++) {  // the chances that the sink has while the loop sleeps
+        all += take(stream[0], 1 << 20);
+        log_retry();
+    }
+    EXPECT_FALSE(log_backlog());
+    EXPECT_GT(log_dropped_lines(), dropped);
+    // The file is shared with other processes, for which it still blocks.
+    EXPECT_EQ(fcntl(STDERR_FILENO, F_GETFL) & O_NONBLOCK, 0);
     close(stream[0]);
+    std::istringstream in(all);
+    std::size_t next = 0, lost = 0;
+    for (std::string line; std::getline(in, line);) {
+        if (std::sscanf(line.c_str(), "%*s warning %zu log lines dropped", &lost) == 1) {
+            next += lost;
+        } else {
+            ASSERT_LT(next, said.size());
+            ASSERT_EQ(line, said[next++].second);
+        }
+    }
+    EXPECT_EQ(next, said.size());
+    EXPECT_EQ(all.back(), '\n');
 }
 
 TEST_F(Log, StandardErrorIsFollowedWhenItIsRedirected) {
-    const std::string paths[] = {folder + "/first", folder + "/second"};
-    for (const std::string& path : paths) {
+    for (const std::string& path : {folder + "/first", folder + "/second"}) {
         become_stderr(open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
         log_suite(LOG_LEVEL_INFO, "to %s", path.c_str());
         EXPECT_EQ(read_file(path), said.back().second + "\n");
@@ -203,7 +175,6 @@ TEST_F(Log, StandardErrorIsFollowedWhenItIsRedirected) {
     close(STDERR_FILENO);  // gone altogether: counted, nothing else
     log_suite(LOG_LEVEL_INFO, "three");
     EXPECT_TRUE(log_backlog());
-    EXPECT_EQ(read_file(paths[1]), line(1) + "\n");
 }
 
 int listen_at(const std::string& path) {
@@ -244,21 +215,6 @@ TEST_F(Log, SyslogGetsDatagramsAndAMissingDaemonCostsNothing) {
     }
     EXPECT_NE(got, "");
     close(fd);
-}
-
-TEST_F(Log, ConfigurationNamesWhatDiffersFromTheMode) {
-    lib_globals ctx{};
-    line_runner written(&ctx);
-    log_set_default_sinks(LOG_SINK_SYSLOG);  // daemon mode
-    host_log_write(&written.session);
-    EXPECT_EQ(take_text(&written.printed.text), "");
-    log_use_sink(LOG_SINK_STDERR, true);
-    log_use_sink(LOG_SINK_SYSLOG, false);
-    ASSERT_EQ(log_set_file((folder + "/f").c_str()), 0);
-    log_set_level(LOG_LEVEL_WARNING);
-    host_log_write(&written.session);
-    EXPECT_EQ(take_text(&written.printed.text),
-              "log stderr\nno log syslog\nlog file " + folder + "/f\nlog level warning\n");
 }
 
 }  // namespace

@@ -1,13 +1,9 @@
-// Daemon mode, dispositions, printers. Daemon mode is tried in a child, which reports through a pipe.
+// Dispositions of signals, and the printer.
 #include "suite/process/pal.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <climits>
-#include <cstring>
+#include <csignal>
 #include <string>
 
 namespace {
@@ -38,38 +34,6 @@ TEST(pal_system_err, prints_one_line_and_cuts_at_the_buffers_end) {
     pal_system_err("Open %s error", "ssm");
     pal_system_err("%s", std::string(3000, 'x').c_str());
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "Open ssm error\n" + std::string(1023, 'x') + "\n");
-}
-
-// What the process left by pal_daemonize finds; "" when the parent did not end with status 0.
-std::string daemonized(std::uint16_t keep_directory, std::uint16_t keep_streams) {
-    int report[2];
-    if (pipe(report) != 0) return "";
-    const pid_t child = fork();
-    if (child == 0) {
-        umask(0);
-        const std::int32_t rv = pal_daemonize(keep_directory, keep_streams);
-        char directory[PATH_MAX] = "", input[PATH_MAX] = "";
-        if (!getcwd(directory, sizeof directory) || readlink("/proc/self/fd/0", input, sizeof input - 1) < 0)
-            _exit(1);
-        dprintf(report[1], "%d %s %s %o %s", static_cast<int>(rv), directory, input,
-                static_cast<unsigned>(umask(0)), getsid(0) == getpid() ? "leader" : "member");
-        _exit(0);
-    }
-    close(report[1]);
-    int status = -1;
-    waitpid(child, &status, 0);
-    char text[256] = "";
-    // One write, and nobody else to write: what is there is all of it.
-    if (read(report[0], text, sizeof text - 1) < 0) text[0] = 0;
-    close(report[0]);
-    return status == 0 ? text : "";
-}
-
-TEST(pal_daemonize, leaves_directory_streams_and_session) {
-    ASSERT_NE(freopen("/dev/zero", "r", stdin), nullptr);
-    ASSERT_EQ(chdir("/tmp"), 0);
-    EXPECT_EQ(daemonized(1, 1), "0 /tmp /dev/zero 27 leader");
-    EXPECT_EQ(daemonized(0, 0), "0 / /dev/null 27 leader");
 }
 
 }  // namespace
