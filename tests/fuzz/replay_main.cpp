@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -22,14 +21,6 @@ namespace fs = std::filesystem;
 
 std::size_t files, runs;
 
-// A block of exactly this size, so that the address sanitizer sees a read of one octet too many.
-void run(const std::string& input, std::size_t length) {
-    const std::unique_ptr<std::uint8_t[]> exact(new std::uint8_t[length]);
-    std::copy_n(input.begin(), length, exact.get());
-    (void)LLVMFuzzerTestOneInput(exact.get(), length);  // 0 by convention
-    ++runs;
-}
-
 bool replay(const fs::path& path) {
     if (fs::is_directory(path)) {
         const std::set<fs::path> entries(fs::directory_iterator(path), {});
@@ -41,9 +32,12 @@ bool replay(const fs::path& path) {
     if (!file) return false;
     if (std::getenv("ESMC_REPLAY_VERBOSE")) std::fprintf(stderr, "%s\n", path.c_str());
     const std::size_t n = input.size();
-    const std::set<std::size_t> lengths = {
-        n, n / 4, n / 2, n - n / 4, n - std::min<std::size_t>(n, 1), std::min<std::size_t>(n, 3)};
-    for (const std::size_t length : lengths) run(input, length);
+    for (const std::size_t length : std::set{n, n / 4, n / 2, n - n / 4, n - (n > 0), std::min(n, 3UL)}) {
+        // A block of exactly this size, so that the address sanitizer sees a read of one octet too many.
+        const std::vector<std::uint8_t> exact(input.begin(), input.begin() + static_cast<long>(length));
+        (void)LLVMFuzzerTestOneInput(exact.data(), length);  // 0 by convention
+        ++runs;
+    }
     ++files;
     return true;
 }

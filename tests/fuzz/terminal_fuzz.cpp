@@ -15,29 +15,26 @@
 
 namespace {
 
-struct world {
-    nanoseconds now;
-    int server, client;
-    const std::uint8_t* data;
-    std::size_t left, piece;
-    unsigned rounds;
-} w;
+nanoseconds now;
+int server, client;
+input in;
+std::size_t piece;
+unsigned rounds;
+lib_globals* ctx;
 
 // Each wait is a chance for the client: it sends a piece, or reads, or is gone.
 int wait(void*, int, thread_ready* out, int) {
     char scratch[4096];
-    w.now += NS_PER_MS;
-    must(++w.rounds <= 200'000, "the session ends");
-    while (recv(w.client, scratch, sizeof scratch, MSG_DONTWAIT) > 0) {
+    now += NS_PER_MS;
+    must(++rounds <= 200'000, "the session ends");
+    while (recv(client, scratch, sizeof scratch, MSG_DONTWAIT) > 0) {
     }
-    std::size_t count = w.left < w.piece ? w.left : w.piece;
-    ssize_t sent = count ? send(w.client, w.data, count, MSG_DONTWAIT | MSG_NOSIGNAL) : 0;
-    if (sent > 0) {
-        w.data += sent;
-        w.left -= static_cast<std::size_t>(sent);
+    if (in.left) {
+        const ssize_t sent = send(client, in.at, std::min(in.left, piece), MSG_DONTWAIT | MSG_NOSIGNAL);
+        (void)in.take(sent > 0 ? static_cast<std::size_t>(sent) : 0);
     }
-    if (w.left == 0) shutdown(w.client, SHUT_WR);
-    out[0] = {w.server, true, true};
+    if (in.left == 0) shutdown(client, SHUT_WR);
+    out[0] = {server, true, true};
     return 1;
 }
 
@@ -47,10 +44,8 @@ int print_many(cli* session, int, char** argv) {
 }
 const cli_element print_many_cmd = {"show lines <1-50000>", print_many};
 
-lib_globals* ctx;
-
 void make_context() {
-    static const thread_edges edges = {[](void*) { return w.now; }, wait, nullptr};
+    static const thread_edges edges = {[](void*) { return now; }, wait, nullptr};
     ctx = lib_create("fuzz");
     must(ctx && lib_start(ctx) == 0, "the library starts");
     log_use_sink(LOG_SINK_STDERR, false);
@@ -78,8 +73,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size < 2 || !harmless(data, size)) return 0;
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) != 0) return 0;
-    std::size_t piece = data[0] < 128 ? data[0] + 1u : 4096;
-    w = {w.now, ends[0], ends[1], data + 1, size - 1, piece, 0};
+    server = ends[0];
+    client = ends[1];
+    in = {data + 1, size - 1};
+    piece = data[0] < 128 ? data[0] + 1u : 4096;
+    rounds = 0;
     const std::uint64_t before = blocks();
     session* s = session_create(ctx, ends[0], session_kind::local);
     if (s) session_settle(s);
