@@ -40,6 +40,10 @@ const std::pair<std::int32_t, cli_element> COMMANDS[] = {
     {DEBUG_MODE, {"debug ssm (event|cli|timer|packet|all)", run}},
 };
 
+int print_nothing(void*, const char*, ...) {
+    return 0;
+}
+
 lib_globals* make_context() {
     static lib_globals ctx{};
     static if_master ports{};
@@ -50,13 +54,14 @@ lib_globals* make_context() {
         must(cli_install(ctx.ctree, mode, &element) == 0, "commands can be installed");
     for (std::int32_t mode : MODES)
         must(cli_install_default(ctx.ctree, mode) == 0, "defaults can be installed");
-    for (const char* name : {"eth1", "brie"}) (void)if_add(&ports, name, 1U + ports.count, IF_TYPE_SYNCE);
+    (void)if_add(&ports, "eth1", 1, IF_TYPE_SYNCE);
+    (void)if_add(&ports, "brie", 2, IF_TYPE_SYNCE);
     return &ctx;
 }
 
 void try_line(cli* session, std::string_view line) {
     static completion_list list;
-    const cli_tree* tree = session->zg->ctree;
+    cli_tree* tree = session->zg->ctree;
     completion_help(tree, session, line, &list);
     completion_words(tree, session, line, &list);
     must(completion_common(list).size() >= (list.count ? list.partial.size() : 0), "completion only adds");
@@ -77,7 +82,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     cli session{};
     session.zg = ctx;
     session.ifm = ctx->ifm;
-    session.out_func = [](void*, const char*, ...) { return 0; };
+    session.out_func = print_nothing;
     session.privilege = PRIVILEGE_MAX;
     std::string_view rest{reinterpret_cast<const char*>(data), size};
     while (!rest.empty()) {

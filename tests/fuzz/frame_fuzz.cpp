@@ -60,38 +60,19 @@ void hear_octets(input* in, virtual_daemon* d, std::uint32_t index) {
 }
 
 void step(input* in, virtual_daemon* d) {
-    const std::uint8_t what = in->octet();
+    const std::uint8_t what = in->octet(), kind = what & 15;
     const std::uint32_t index = 1 + (what >> 4) % PORTS_MAX;
-    switch (what & 15) {
-        case 0:
-        case 1:
-        case 2:
-        case 3:
-        case 4:
-            return hear_pdu(in, d, index);
-        case 5:
-        case 6:
-            return hear_octets(in, d, what >> 4);
-        case 7:
-        case 8:
-            return d->pass(1 + in->octet() * 25U);
-        case 9:
-            return d->deliver(NSM_MSG_LINK_UP, be_words({index}));
-        case 10:
-            return d->deliver(NSM_MSG_LINK_DOWN, be_words({index}));
-        case 11:
-            return d->deliver(NSM_MSG_LINK_ADD, link_body(index, in->octet() & 1));
-        case 12:
-            return d->deliver(NSM_MSG_LINK_DELETE, be_words({index, in->octet() & 1U}));
-        case 13: {
-            const std::uint32_t state = in->octet() % 7;
-            return d->deliver(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, be_words({state, in->octet()}));
-        }
-        default: {
-            const std::uint8_t kind = in->octet(), value = in->octet();
-            return d->in_event([&] { operate(OPERATIONS[kind % KINDS], index, value); });
-        }
-    }
+    if (kind < 5) return hear_pdu(in, d, index);
+    if (kind < 7) return hear_octets(in, d, what >> 4);
+    if (kind < 9) return d->pass(1 + in->octet() * 25U);
+    if (kind == 9) return d->deliver(NSM_MSG_LINK_UP, be_words({index}));
+    if (kind == 10) return d->deliver(NSM_MSG_LINK_DOWN, be_words({index}));
+    const std::uint8_t value = in->octet();
+    if (kind == 11) return d->deliver(NSM_MSG_LINK_ADD, link_body(index, value & 1));
+    if (kind == 12) return d->deliver(NSM_MSG_LINK_DELETE, be_words({index, value & 1U}));
+    const std::uint8_t other = in->octet();
+    if (kind == 13) return d->deliver(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, be_words({value % 7U, other}));
+    d->in_event([&] { operate(OPERATIONS[value % KINDS], index, other); });
 }
 
 }  // namespace

@@ -128,37 +128,22 @@ link_info port_link(std::uint32_t index, std::uint8_t flags) {
 }
 
 void step(nsmd_world* w, const dpll_backend& backend, copper* roles) {
-    const std::uint8_t what = w->in.octet();
+    const std::uint8_t what = w->in.octet(), kind = what % 8;
     const std::uint32_t index = 1 + (what >> 4 & 3);
-    switch (what % 8) {
-        case 0:
-        case 1:
-            say(w, 0);
-            break;
-        case 2:
-            run(w, 1 + w->in.octet() * 20U);
-            break;
-        case 3: {
-            const std::uint8_t o = w->in.octet();
+    if (kind == 6) w->errors.push_back(-ENOBUFS);
+    if (kind < 2 || kind == 6) {
+        say(w, 0);
+    } else if (kind == 5) {
+        port_table_link_gone(w->table, index);
+        copper_forget(roles, index);
+    } else {
+        const std::uint8_t o = w->in.octet();
+        if (kind == 2) run(w, 1 + o * 20U);
+        if (kind == 3)
             backend.apply(backend.self,
                           {(o & 3) != 3, o >> 2 & 3U ? o >> 2 & 1U : 2U, (o & 0x10) != 0, o >> 5 & 3U});
-            break;
-        }
-        case 4:
-            port_table_link(w->table, port_link(index, w->in.octet()));
-            break;
-        case 5:
-            port_table_link_gone(w->table, index);
-            copper_forget(roles, index);
-            break;
-        case 6:
-            w->errors.push_back(-ENOBUFS);
-            say(w, 0);
-            break;
-        default: {
-            const std::uint8_t o = w->in.octet();
-            copper_set(roles, {index, (o & 1) != 0, (o & 2) != 0});
-        }
+        if (kind == 4) port_table_link(w->table, port_link(index, o));
+        if (kind == 7) copper_set(roles, {index, (o & 1) != 0, (o & 2) != 0});
     }
     run(w, 1);
 }

@@ -40,30 +40,22 @@ std::vector<std::uint8_t> answer(std::vector<std::uint8_t> data) {
 
 void take_record(nsmd_world* w) {
     constexpr int ERRORS[] = {-ENOBUFS, -EMSGSIZE, -EINTR, 0};
-    const std::vector<std::uint8_t> done = {20, 0, 0, 0, NLMSG_DONE, 0, NLM_F_MULTI, 0, 0, 0,
-                                            0,  0, 0, 0, 0,          0, 0,           0, 0, 0};
+    std::vector<std::uint8_t> done(NLMSG_HDRLEN + 4);
+    done[0] = NLMSG_HDRLEN + 4;
+    done[4] = NLMSG_DONE;
+    done[6] = NLM_F_MULTI;
     const std::uint8_t kind = w->in.octet(), low = w->in.octet();
     const std::size_t length = low + std::size_t{w->in.octet()} * 256;
     const const_octets body = w->in.take(length);
     const std::vector<std::uint8_t> data(body.begin(), body.end());
-    switch (kind % 6) {
-        case 0:
-            w->queue.push_back(data);
-            break;
-        case 1:
-            w->queue.push_back(answer(data));
-            break;
-        case 2:
-            w->errors.push_back(ERRORS[kind / 6 % 4]);
-            w->queue.emplace_back();  // so that there is something to read
-            break;
-        case 3:
-            w->queue.push_back(answer(done));
-            break;
-        case 4:
-            return;  // nothing is run: the next record arrives in the same turn
-        default:
-            w->loop.run(static_cast<unsigned>(length % 3000));
+    if (kind % 6 == 4) return;  // nothing is run: the next record arrives in the same turn
+    if (kind % 6 == 5) {
+        w->loop.run(static_cast<unsigned>(length % 3000));
+    } else if (kind % 6 == 2) {
+        w->errors.push_back(ERRORS[kind / 6 % 4]);
+        w->queue.emplace_back();  // so that there is something to read
+    } else {
+        w->queue.push_back(kind % 6 == 0 ? data : answer(kind % 6 == 1 ? data : done));
     }
     w->loop.run(1);
 }

@@ -120,41 +120,32 @@ struct virtual_daemon {
     // What start() does where memory may be short. Without success there is nothing but to stop.
     bool try_start() {
         current = this;
-        for (std::size_t type = 0; type < TYPES; ++type)
-            before[type] = memmgr_type_stats(static_cast<memory_type>(type)).blocks;
+        for (memory_type t = 0; t < TYPES; ++t) before[t] = memmgr_type_stats(t).blocks;
         slow = {open_edge, send_edge, receive_edge, this};
         slow_socket_set_edge(&slow);
         nsm_client_set_link_open(link_edge);
         g_p_esmcd = lib_create("fuzz");
         if (!g_p_esmcd || lib_start(g_p_esmcd) < 0) return false;
+        const auto now_edge = [](void* self) { return static_cast<virtual_daemon*>(self)->now; };
         const thread_edges edges = {now_edge, wait_edge, this};
         g_p_esmcd->master = thread_master_create(&edges);
         g_s_master = static_cast<ssm_master*>(ssm_calloc(sizeof(ssm_master), MTYPE_SSM_MASTER));
         if (!g_p_esmcd->master || !g_s_master || ssm_master_init() < 0) return false;
         return ssm_instance_create(g_p_esmcd) == 0;
     }
-    void clear_away() {
+    void stop() {
         while (g_p_esmcd && g_p_esmcd->ifm->count) if_remove(g_p_esmcd->ifm, g_p_esmcd->ifm->items[0]);
         if (ssm_instance) nsm_client_stop(ssm_instance->nsm_client);
         if (ssm_instance) close_ssm();
         lib_stop(g_p_esmcd);
-        memmgr_free(ssm_instance, MTYPE_SSM_INSTANCE);
-        memmgr_free(g_s_master, MTYPE_SSM_MASTER);
+        memmgr_free(std::exchange(ssm_instance, nullptr), MTYPE_SSM_INSTANCE);
+        memmgr_free(std::exchange(g_s_master, nullptr), MTYPE_SSM_MASTER);
         g_p_esmcd = nullptr;
-        ssm_instance = nullptr;
-        g_s_master = nullptr;
         slow_socket_set_edge(nullptr);
         nsm_client_set_link_open(nullptr);
         end_link();
-    }
-
-    void stop() {
-        clear_away();
-        for (std::size_t type = 0; type < TYPES; ++type) {
-            const auto t = static_cast<memory_type>(type);
-            if (t == MTYPE_LOG) continue;  // the recent lines are the process's
-            must(memmgr_type_stats(t).blocks == before[type], memmgr_type_name(t));
-        }
+        for (memory_type t = 0; t < TYPES; ++t)  // but for the recent lines, which are the process's
+            must(t == MTYPE_LOG || memmgr_type_stats(t).blocks == before[t], memmgr_type_name(t));
     }
 
     std::uint64_t now_ms() const { return now / NS_PER_MS; }
@@ -170,33 +161,12 @@ struct virtual_daemon {
         while (!inbox.empty() || link_wants_turn()) turn();
     }
     void pass(std::uint32_t ms) {
-        bool done = false;
-        const auto over = [](thread* event) {
-            *static_cast<bool*>(event->arg) = true;
-            return 0;
-        };
-        add_timer(over, &done, ms);
-        while (!done) turn();
-        settle();
+        run_after(ms, [] {});
     }
     // The clock alone moves, as when the process was stopped.
     void jump(std::int64_t ms) { now += static_cast<nanoseconds>(ms) * NS_PER_MS; }
     // Runs `work` as an event of the loop, like a command.
-    void in_event(const std::function<void()>& work) {
-        struct job {
-            const std::function<void()>& work;
-            bool done;
-        } j = {work, false};
-        const auto run = [](thread* event) {
-            auto* todo = static_cast<job*>(event->arg);
-            todo->work();
-            todo->done = true;
-            return 0;
-        };
-        add_timer(run, &j, 0);
-        while (!j.done) turn();
-        settle();
-    }
+    void in_event(const std::function<void()>& work) { run_after(0, work); }
 
     // `settled` false: the frame waits in the socket.
     void hear(std::uint32_t kernel_ifindex, message frame, bool settled = true) {
@@ -256,17 +226,16 @@ struct virtual_daemon {
     template <class judge = decltype(&must)>
     static void check_records_after_faults(judge rule = must) {
         const ssm_master& m = *g_s_master;
-        const bool source_lives = m.selected_port && live(m.selected_port);
-        rule(!m.selected_port || source_lives, "the selected port is a live record");
+        const ssm_port* source = m.selected_port;
+        rule(!source || live(source), "the selected port is a live record");
         rule(!m.force_port || live(m.force_port), "the forced port is a live record");
         rule(!m.gephy_dynamic_intf || live(ssm_if_port(m.gephy_dynamic_intf)),
              "the gephy port is a live record");
-        rule(!m.freerun || !m.holdover, "not free-run and holdover at once");
-        rule(!m.freerun || !m.selected_port, "no source in free-run");
-        rule(!m.holdover || !m.selected_port, "no source in holdover");
-        rule(m.global_enable || !m.selected_port, "no source with SyncE off");
-        if (source_lives)
-            rule(m.selected_port->link_up && m.selected_port->synce_enable, "the source is up and enabled");
+        rule((m.freerun != 0) + (m.holdover != 0) + (source != nullptr) <= 1,
+             "free-run, holdover or a source");
+        rule(!source || m.global_enable, "no source with SyncE off");
+        rule(!source || !live(source) || (source->link_up && source->synce_enable),
+             "the source is up and enabled");
     }
     // These do not hold where an allocation failed a moment ago.
     template <class judge = decltype(&must)>
@@ -286,7 +255,7 @@ struct virtual_daemon {
     }
 
   private:
-    static constexpr std::size_t TYPES = 1024;
+    static constexpr memory_type TYPES = 1024;
     struct queued_frame {
         std::uint32_t kernel_ifindex;
         message octets;
@@ -305,10 +274,22 @@ struct virtual_daemon {
         nsm_says(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, be_words({2, 0}));
         nsm_says(NSM_MSG_SYNC_DONE, {});
     }
-    // An event of the test's own. Where allocations are made to fail, the failure may be this one's.
-    static void add_timer(thread_func func, void* arg, std::uint32_t ms) {
-        if (thread_add_timer_msec(g_p_esmcd, func, arg, ms)) return;
-        must(thread_add_timer_msec(g_p_esmcd, func, arg, ms) != nullptr, "a timer can be added");
+    void run_after(std::uint32_t ms, const std::function<void()>& work) {
+        bool done = false;
+        std::function<void()> last = [&] {
+            work();
+            done = true;
+        };
+        const auto run = [](thread* event) {
+            (*static_cast<std::function<void()>*>(event->arg))();
+            return 0;
+        };
+        // Where allocations are made to fail, the failure may be this one's.
+        must(thread_add_timer_msec(g_p_esmcd, run, &last, ms) ||
+                 thread_add_timer_msec(g_p_esmcd, run, &last, ms),
+             "a timer can be added");
+        while (!done) turn();
+        settle();
     }
     bool client_readable() const {
         pollfd p = {client_fd, POLLIN, 0};
@@ -329,7 +310,6 @@ struct virtual_daemon {
         must(lawful, "the source is told DNU");
     }
 
-    static nanoseconds now_edge(void* self) { return static_cast<virtual_daemon*>(self)->now; }
     static int wait_edge(void* arg, int timeout_ms, thread_ready* out, int max) {
         auto* self = static_cast<virtual_daemon*>(arg);
         int count = 0;
@@ -367,7 +347,7 @@ struct virtual_daemon {
         const queued_frame f = std::move(self->inbox.front());
         self->inbox.pop_front();
         const std::size_t n = std::min(f.octets.size(), frame.size());
-        if (n) std::memcpy(frame.data(), f.octets.data(), n);
+        std::copy_n(f.octets.begin(), n, frame.begin());
         *kernel_ifindex = f.kernel_ifindex;
         return static_cast<ssize_t>(n);
     }

@@ -163,26 +163,6 @@ TEST_F(Editor, KeysMoveAndErase) {
     check({{BACK + BACK, "", 0}});
 }
 
-TEST_F(Editor, EndsOfLine) {
-    const struct {
-        std::string keys;
-        editor_event result;
-        const char* line;
-    } cases[] = {
-        {"a\r", editor_event::line, "a"},
-        {"\n", editor_event::none, ""},  // LF behind CR is part of it
-        {"b\r", editor_event::line, "b"},
-        {"\0c"s, editor_event::none, "c"},  // and so is NUL
-        {"\n", editor_event::line, "c"},
-        {"\n", editor_event::line, ""},  // LF behind LF is a line of its own
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(type(c.keys), c.result) << c.keys;
-        EXPECT_EQ(line(), c.line) << c.keys;
-        if (c.result == editor_event::line) prompt();
-    }
-}
-
 TEST_F(Editor, WideLinesScroll) {
     line_editor_resize(e, 20);
     const std::string text = "abcdefghijklmnopqrstuvwxyz";

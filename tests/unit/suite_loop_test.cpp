@@ -1,7 +1,5 @@
 // The event loop. Order, fairness and timers run against replaced edges, where time and readiness are exact;
 // everything about descriptors runs against the kernel.
-#include <fcntl.h>
-
 #include <algorithm>
 #include <deque>
 #include <map>
@@ -262,17 +260,6 @@ TEST_F(Loop, DescriptorWithoutEventDoesNotMakeTheLoopSpin) {
     writer(ends[0], note("of the new one"));
     ASSERT_TRUE(run_words(6));
     for (int fd : {ends[0], ends[1], same}) close(fd);
-}
-
-TEST_F(Loop, RegularFileIsAlwaysReadyAndABadDescriptorRefused) {
-    const int file = open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
-    ASSERT_GE(file, 0);
-    reader(file, note("read"));
-    writer(file, note("write"));
-    EXPECT_TRUE(run_words(2));
-    thread_forget_fd(&ctx, file);
-    close(file);
-    EXPECT_EQ(reader(987, note("x")), nullptr);
 }
 
 }  // namespace
