@@ -51,7 +51,18 @@ struct nsmd_world {
         const auto open = [](void* arg, int) { return static_cast<nsmd_world*>(arg)->next_fd++; };
         const auto join = [](void*, int, unsigned) { return 0; };
         const auto receive = [](void* arg, int, octets buffer) {
-            return static_cast<nsmd_world*>(arg)->receive(buffer);
+            auto* w = static_cast<nsmd_world*>(arg);
+            if (w->errors.empty() && w->queue.empty()) return -EAGAIN;
+            if (!w->errors.empty()) {
+                const int error = w->errors.front();
+                w->errors.pop_front();
+                return error;
+            }
+            const std::vector<std::uint8_t> next = std::move(w->queue.front());
+            w->queue.pop_front();
+            if (next.size() > buffer.size()) return -EMSGSIZE;
+            std::copy(next.begin(), next.end(), buffer.begin());
+            return static_cast<int>(next.size());
         };
         const auto send = [](void* arg, int, const_octets request) {
             nl_message m;
@@ -70,18 +81,5 @@ struct nsmd_world {
     }
 
   private:
-    int receive(octets buffer) {
-        if (!errors.empty()) {
-            const int error = errors.front();
-            errors.pop_front();
-            return error;
-        }
-        if (queue.empty()) return -EAGAIN;
-        const std::vector<std::uint8_t> next = std::move(queue.front());
-        queue.pop_front();
-        if (next.size() > buffer.size()) return -EMSGSIZE;
-        std::copy(next.begin(), next.end(), buffer.begin());
-        return static_cast<int>(next.size());
-    }
     const std::uint64_t before = memmgr_type_stats(MTYPE_NSMD).blocks;
 };

@@ -45,17 +45,11 @@ struct neighbour_pdu {
 constexpr std::size_t PDU_AT = 14;  // behind the Ethernet header
 
 inline message esmc_frame(const neighbour_pdu& pdu) {
-    message f = {0x01, 0x80, 0xC2, 0, 0, 2, 2, 0xEE, 0, 0, 0, 1, 0x88, 0x09};
+    const std::uint8_t flags = pdu.event ? 0x18 : 0x10;
+    message f = {0x01, 0x80, 0xC2, 0,    0, 2, 2,     0xEE, 0, 0, 0, 1, 0x88, 0x09,
+                 0x0A, 0,    0x19, 0xA7, 0, 1, flags, 0,    0, 0, 1, 0, 4,    pdu.quality};
     f.resize(60);
     const octets p = octets(f).subspan(PDU_AT);
-    p[0] = 0x0A;
-    p[2] = 0x19;
-    p[3] = 0xA7;
-    p[5] = 1;
-    p[6] = pdu.event ? 0x18 : 0x10;
-    p[10] = 1;
-    p[12] = 4;
-    p[13] = pdu.quality;
     if (pdu.extended) {
         p[14] = 2;
         p[16] = 12;
@@ -121,6 +115,9 @@ struct virtual_daemon {
     bool try_start() {
         current = this;
         for (memory_type t = 0; t < TYPES; ++t) before[t] = memmgr_type_stats(t).blocks;
+        const auto open_edge = [](void* self) {
+            return static_cast<virtual_daemon*>(self)->slow_fd = eventfd(0, EFD_CLOEXEC);
+        };
         slow = {open_edge, send_edge, receive_edge, this};
         slow_socket_set_edge(&slow);
         nsm_client_set_link_open(link_edge);
@@ -170,7 +167,7 @@ struct virtual_daemon {
 
     // `settled` false: the frame waits in the socket.
     void hear(std::uint32_t kernel_ifindex, message frame, bool settled = true) {
-        inbox.push_back({kernel_ifindex, std::move(frame)});
+        inbox.emplace_back(kernel_ifindex, std::move(frame));
         if (settled) settle();
     }
 
@@ -256,11 +253,6 @@ struct virtual_daemon {
 
   private:
     static constexpr memory_type TYPES = 1024;
-    struct queued_frame {
-        std::uint32_t kernel_ifindex;
-        message octets;
-    };
-
     bool link_wants_turn() {
         drain_nsm();
         return client_readable() || (client_fd >= 0 && !greeted);
@@ -322,9 +314,6 @@ struct virtual_daemon {
         if (count == 0 && timeout_ms > 0) self->now += static_cast<nanoseconds>(timeout_ms) * NS_PER_MS;
         return count;
     }
-    static int open_edge(void* self) {
-        return static_cast<virtual_daemon*>(self)->slow_fd = eventfd(0, EFD_CLOEXEC);
-    }
     static ssize_t send_edge(void* arg, int, const_octets frame, std::uint32_t kernel_ifindex) {
         auto* self = static_cast<virtual_daemon*>(arg);
         const std::uint32_t index = kernel_ifindex - 1000;
@@ -344,11 +333,11 @@ struct virtual_daemon {
             errno = EAGAIN;
             return -1;
         }
-        const queued_frame f = std::move(self->inbox.front());
+        const auto [from, heard] = std::move(self->inbox.front());
         self->inbox.pop_front();
-        const std::size_t n = std::min(f.octets.size(), frame.size());
-        std::copy_n(f.octets.begin(), n, frame.begin());
-        *kernel_ifindex = f.kernel_ifindex;
+        const std::size_t n = std::min(heard.size(), frame.size());
+        std::copy_n(heard.begin(), n, frame.begin());
+        *kernel_ifindex = from;
         return static_cast<ssize_t>(n);
     }
     static int link_edge() {
@@ -369,5 +358,5 @@ struct virtual_daemon {
     std::uint64_t turns = 0;
     int slow_fd = -1, client_fd = -1;
     bool greeted = false;
-    std::deque<queued_frame> inbox;
+    std::deque<std::pair<std::uint32_t, message>> inbox;  // frames, and the kernel indexes they come from
 };

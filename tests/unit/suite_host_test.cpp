@@ -21,6 +21,9 @@ TEST_F(Host, LinesRunInTheirModesAndRefusedOnesAreLoggedWithTheirNumber) {
                " port 9\n"
                "interface\n"
                " global 4\n"
+               "interface eth1\n"
+               " !\n"
+               " port 5\n"
                "!\n"
                "do write\n"
                "global 3");
@@ -29,9 +32,9 @@ TEST_F(Host, LinesRunInTheirModesAndRefusedOnesAreLoggedWithTheirNumber) {
     EXPECT_EQ(ran, (words{"5::global 1", "16:eth1:port 1", "5::global 2", "5::global 8", "5::global 3"}))
         << "a global command leaves the interface, as at a terminal";
     words refused;
-    for (const char* line :
-         {":6: refused: port 99", ":8: refused: port 3", ":10: refused: port refuse", ":12: refused: port 9",
-          ":13: refused: interface", ":14: refused: global 4", ":16: refused: do write"})
+    for (const char* line : {":6: refused: port 99", ":8: refused: port 3", ":10: refused: port refuse",
+                             ":12: refused: port 9", ":13: refused: interface", ":14: refused: global 4",
+                             ":17: refused: port 5", ":19: refused: do write"})
         refused.push_back(config + line);
     EXPECT_EQ(logged(), refused);
 }

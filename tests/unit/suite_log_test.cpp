@@ -130,40 +130,42 @@ TEST_F(Log, FileIsAppendedToAndTheFormerStaysWhenANewOneCannotBeOpened) {
 // Every line is whole, and what is missing was said. A stream socket takes half a line, too: the rest comes
 // first.
 TEST_F(Log, FullStandardErrorLosesWholeLinesAndSaysHowMany) {
-    int stream[2];
+    int pairs[2][2];
     const int small = 1;  // the least that the kernel grants is less than a long line
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, stream), 0);
-    setsockopt(stream[1], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
-    fcntl(stream[0], F_SETFL, O_NONBLOCK);
-    const auto dropped = log_dropped_lines();
-    become_stderr(stream[1]);
-    std::string all;
-    for (int i = 0; i < 2000; i++) {
-        log_suite(LOG_LEVEL_INFO, "line %d %s end", i, std::string(1 + i * 31 % 3900, 'x').c_str());
-        if (i % 5 == 0) all += take(stream[0], 1000);
-    }
-    EXPECT_TRUE(log_backlog());
-    for (int i = 0; i < 20; i++) {  // the chances that the sink has while the loop sleeps
-        all += take(stream[0], 1 << 20);
-        log_retry();
-    }
-    EXPECT_FALSE(log_backlog());
-    EXPECT_GT(log_dropped_lines(), dropped);
-    // The file is shared with other processes, for which it still blocks.
-    EXPECT_EQ(fcntl(STDERR_FILENO, F_GETFL) & O_NONBLOCK, 0);
-    close(stream[0]);
-    std::istringstream in(all);
-    std::size_t next = 0, lost = 0;
-    for (std::string line; std::getline(in, line);) {
-        if (std::sscanf(line.c_str(), "%*s warning %zu log lines dropped", &lost) == 1) {
-            next += lost;
-        } else {
-            ASSERT_LT(next, said.size());
-            ASSERT_EQ(line, said[next++].second);
+    ASSERT_EQ(pipe2(pairs[0], O_CLOEXEC), 0);
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pairs[1]), 0);
+    setsockopt(pairs[1][1], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    for (const auto& [far, near] : pairs) {
+        fcntl(far, F_SETFL, O_NONBLOCK);
+        const auto dropped = log_dropped_lines();
+        said.clear();
+        become_stderr(near);
+        std::string all;
+        for (int i = 0; i < 2000; i++) {
+            log_suite(LOG_LEVEL_INFO, "line %d %s end", i, std::string(1 + i * 31 % 3900, 'x').c_str());
+            if (i % 5 == 0) all += take(far, 1000);
         }
+        EXPECT_TRUE(log_backlog());
+        for (int i = 0; i < 20; i++) {  // the chances that the sink has while the loop sleeps
+            all += take(far, 1 << 20);
+            log_retry();
+        }
+        EXPECT_FALSE(log_backlog());
+        EXPECT_GT(log_dropped_lines(), dropped);
+        // The file is shared with other processes, for which it still blocks.
+        EXPECT_EQ(fcntl(STDERR_FILENO, F_GETFL) & O_NONBLOCK, 0);
+        close(far);
+        std::istringstream in(all);
+        std::size_t next = 0, lost = 0;
+        for (std::string line; std::getline(in, line);) {
+            if (std::sscanf(line.c_str(), "%*s warning %zu log lines dropped", &lost) == 1)
+                next += lost;
+            else
+                ASSERT_EQ(line, said.at(next++).second);
+        }
+        EXPECT_EQ(next, said.size());
+        EXPECT_EQ(all.back(), '\n');
     }
-    EXPECT_EQ(next, said.size());
-    EXPECT_EQ(all.back(), '\n');
 }
 
 TEST_F(Log, StandardErrorIsFollowedWhenItIsRedirected) {
