@@ -1,7 +1,5 @@
 // The simulated clock in virtual time, and nsmd's core around it: requests through a session, links through
 // the kernel's messages, reports back to the client.
-#include <fstream>
-
 #include "nsmd_support.h"
 
 namespace {
@@ -112,13 +110,9 @@ TEST_F(core, holdover_decays_to_free_running_when_told_so) {
     EXPECT_EQ(log.count("can't write /nowhere/registers"), 1);
 }
 
-struct registers : core {
+TEST_F(core, a_restarted_nsmd_finds_its_clock_as_it_was) {
     const std::string file = "/tmp/nsmd-sim-" + std::to_string(getpid());
-    registers() { options.sim.state_file = file.c_str(); }
-    ~registers() override { unlink(file.c_str()); }
-};
-
-TEST_F(registers, a_restarted_nsmd_finds_its_clock_as_it_was) {
+    options.sim.state_file = file.c_str();
     start();
     play(LOCKED);
     stop();
@@ -129,6 +123,8 @@ TEST_F(registers, a_restarted_nsmd_finds_its_clock_as_it_was) {
     act("quiet sw26 26 down");  // lost while nobody looked
     start_alone();
     play({{"connect", 0, "clock 3 0"}});
+    stop();
+    unlink(file.c_str());
 }
 
 TEST_F(core, without_hardware_it_runs_free_whatever_is_asked) {
