@@ -351,6 +351,13 @@ TEST(dpll, stories) {
         }
 }
 
+TEST(dpll, asked_for_by_name_the_interface_must_be_there) {
+    clock_session s;
+    s.kernel.on_generic = nullptr;
+    EXPECT_EQ(nsmd_start(&s.loop.ctx, s.options, {s.kernel.edge(), nullptr, 1000}), nullptr);
+    EXPECT_EQ(s.log.count("error clock: "), 1);
+}
+
 TEST(dpll, a_device_is_named_by_number_module_or_clock) {
     const std::map<const char*, int> names = {
         {"1", 1},    {"chip", 1},  {"chip/0011223344556677", 1}, {"2", 0},
