@@ -300,62 +300,6 @@ TEST_P(agentx, garbage_ends_the_link_and_another_is_made) {
     EXPECT_NE(show().find(std::to_string(cases.size()) + " malformed"), std::string::npos) << show();
 }
 
-TEST_P(lone_agentx, every_step_ends_by_its_timer) {
-    pdu p;
-    ASSERT_TRUE(master.next(&p, 5000));  // Open, which is not answered
-    EXPECT_TRUE(master.reopens(3500)) << "Open";
-    ASSERT_TRUE(master.next(&p, 5000));
-    master.answer(p);
-    ASSERT_TRUE(master.next(&p));  // Register
-    EXPECT_TRUE(master.reopens(4000)) << "Register";
-    establish();
-    const nanoseconds silent = master.now;
-    ASSERT_TRUE(master.next(&p, 20000));
-    EXPECT_NEAR(static_cast<double>(master.now - silent) / 1e9, 15.0, 0.1);
-    master.answer(p);
-    EXPECT_FALSE(master.reopens(14000)) << "an answered ping keeps the link";
-    ASSERT_TRUE(master.next(&p, 2000));
-    EXPECT_EQ(p.type, unsigned{AGENTX_PING});
-    EXPECT_TRUE(master.reopens(3500)) << "ping";
-}
-
-TEST_P(lone_agentx, comes_back_soon_however_long_the_master_was_away) {
-    master.open_error = ECONNREFUSED;
-    master.run(3600 * 1000);
-    EXPECT_NEAR(master.opens, 1500, 500) << "tries at most every other second";
-    EXPECT_EQ(state(), "SNMP sub-agent: not connected");
-    EXPECT_NE(show().find("Connection refused"), std::string::npos);
-    master.open_error = 0;
-    EXPECT_TRUE(master.reopens(2500));
-    establish();
-    master.send(master.make(AGENTX_CLOSE, 0, 1, [](agentx_writer* w) { agentx_put_u32(w, 0); }));
-    EXPECT_TRUE(master.reopens(500)) << "a first loss is followed by a quick try";
-    pdu p;
-    ASSERT_TRUE(master.next(&p, 1000));
-    master.answer(p, 256);
-    EXPECT_TRUE(master.reopens(2000)) << "refused";
-}
-
-TEST_P(agentx, exhausted_memory_at_any_point_ends_a_link_at_most) {
-    for (std::uint32_t n = 1; n < 12; ++n) {
-        const bytes requests[] = {request("next" + repeated(text_of(ROOT), 40)),
-                                  request("test " + std::to_string(n) + " 1.0=5")};
-        memmgr_fail_at(n);
-        for (const bytes& one : requests) {
-            (void)::send(master.far, one.data(), one.size(), MSG_NOSIGNAL);
-            master.run(10);
-        }
-        memmgr_fail_at(0);
-        for (pdu answered; master.next(&answered, 10) && answered.type == AGENTX_RESPONSE;) {
-        }
-        // An answer of another length than it says would have made the link useless.
-        if (state() == "SNMP sub-agent: registered")
-            EXPECT_EQ(ask("ping"), "");
-        else
-            establish();
-    }
-}
-
 TEST_P(lone_agentx, a_notification_counts_as_delivered_when_it_is_answered) {
     static std::string told;
     told.clear();

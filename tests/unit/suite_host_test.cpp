@@ -111,29 +111,6 @@ TEST_F(Host, SavedFileIsReadBackToTheSameConfigurationThroughALinkToo) {
     EXPECT_EQ(running(), "interface eth9\n port 1\n!\n");
 }
 
-TEST_F(Host, NoMemoryWhileSavingOrKeepingLosesNothing) {
-    const std::string old = "hostname old\ninterface eth1\n port 1\n!\n";
-    read(old);
-    for (std::uint64_t n = 1; n < 20; n++) {
-        memmgr_fail_at(n);
-        const std::string printed = run("write");
-        memmgr_fail_at(0);
-        EXPECT_EQ(read_file(config), old) << n << printed;
-    }
-    EXPECT_FALSE(ctx->host->lossy);
-    for (std::uint64_t n = 1; n < 12; n++) {
-        stop();
-        start();
-        memmgr_fail_at(n);
-        read_from(config);
-        memmgr_fail_at(0);
-        const bool whole = running() == old;
-        run("write");
-        EXPECT_EQ(read_file(config), old) << "what could not be kept must not be overwritten";
-        EXPECT_TRUE(whole || !logged().empty()) << n;
-    }
-}
-
 TEST_F(Host, EverydayCommands) {
     bind("eth1", 7);
     memmgr_cli_init(ctx);

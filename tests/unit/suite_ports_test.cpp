@@ -1,5 +1,5 @@
-// Ports: the interface list with its hooks, and the slow-protocol socket, whose framing and counting run
-// against a replaced edge, and everything about the kernel over veth links in a namespace of the test's own.
+// The slow-protocol socket: framing and counting run against a replaced edge, and everything about the kernel
+// over veth links in a namespace of the test's own.
 #include "suite/ports/slow_socket.h"
 
 #include <arpa/inet.h>
@@ -16,91 +16,6 @@
 #include "unit/suite_support.h"
 
 namespace {
-
-std::string trace;
-int bind_result;
-
-// Which hook, and what it sees of the interface: bound, up.
-template <char Word>
-int note(interface* intf) {
-    trace += std::string(" ") + Word + (intf->bound ? "+" : "-") + (intf->up ? "^" : "_");
-    return Word == 'b' ? bind_result : -1;
-}
-
-class Interfaces : public Suite {
-  protected:
-    Interfaces() {
-        trace.clear();
-        bind_result = 0;
-        ctx.ifm = ifm;
-        ifm->ctx = &ctx;
-        EXPECT_EQ(if_add_hook(ifm, IF_CALLBACK_VR_BIND, note<'b'>), 0);
-        EXPECT_EQ(if_add_hook(ifm, IF_CALLBACK_VR_UNBIND, note<'u'>), 0);
-        EXPECT_EQ(if_add_hook(ifm, IF_CALLBACK_UP, note<'U'>), 0);
-        EXPECT_EQ(if_add_hook(ifm, IF_CALLBACK_DOWN, note<'D'>), 0);
-        for (int n : {-1, 0, 1, 4, 7, 8, 1000}) EXPECT_EQ(if_add_hook(ifm, n, note<'x'>), -1) << n;
-        ifm->after_bind = [](lib_globals* l, interface* intf) {
-            EXPECT_EQ(l->ifm->ctx, l);
-            note<'a'>(intf);
-        };
-    }
-    ~Interfaces() override { if_finish(ifm); }
-    lib_globals ctx{};
-    if_master list{};
-    if_master* ifm = &list;
-};
-
-TEST_F(Interfaces, HooksRunInOrderAndAfterBindBeforeUpAndAFirstBindThatFailsIsNone) {
-    interface* e = if_add(ifm, "eth1", 7, IF_TYPE_SYNCE);
-    ASSERT_NE(e, nullptr);
-    if_unbind(ifm, e);  // not bound: ignored
-    bind_result = -1;   // a port record that could not be made: what waits for the interface waits on
-    if_bind(ifm, e);
-    if_unbind(ifm, e);
-    EXPECT_EQ(std::exchange(trace, {}), " b-_");
-    bind_result = 0;
-    if_bind(ifm, e);
-    if_up(ifm, e);
-    if_down(ifm, e);
-    bind_result = -1;  // there already
-    if_bind(ifm, e);
-    if_remove(ifm, e);
-    EXPECT_EQ(std::exchange(trace, {}), " b-_ a+_ U+^ D+_ b+_ a+_ u+_");
-    EXPECT_TRUE(if_list(ifm).empty());
-    if_bind(ifm, if_add(ifm, "eth1", 7, IF_TYPE_SYNCE));
-    trace.clear();
-    if_finish(ifm);  // calls no hook
-    EXPECT_EQ(trace, "");
-    EXPECT_EQ(if_lookup_by_index(ifm, 7), nullptr);
-}
-
-// Indexes that fall together in the table, removals from the middle of a chain, and growth in between.
-TEST_F(Interfaces, LookupsAgreeWithAModelThroughAddsAndRemovals) {
-    std::mt19937 random(2);
-    std::set<std::uint32_t> there;
-    for (std::uint32_t step = 0; step < 6000; step++) {
-        const std::uint32_t index = static_cast<std::uint32_t>(random() % 400) * (step % 2 ? 128 : 1);
-        interface* found = if_lookup_by_index(ifm, index);
-        ASSERT_EQ(found != nullptr, there.erase(index) == 1);
-        if (found != nullptr)
-            if_remove(ifm, found);
-        else
-            ASSERT_NE(if_add(ifm, std::to_string(*there.insert(index).first).c_str(), index, 1), nullptr);
-    }
-    EXPECT_EQ(there.size(), if_list(ifm).size());
-}
-
-TEST_F(Interfaces, NamesAreCutIndexesUniqueAndAnExhaustedAddLeavesAUsableList) {
-    EXPECT_STREQ(if_add(ifm, "a-name-that-is-too-long", 7, 1)->name, "a-name-that-is-t");
-    EXPECT_EQ(if_add(ifm, "other", 7, 1), nullptr);
-    EXPECT_EQ(ifg_get_by_name(ifm, "other"), nullptr);
-    for (std::uint64_t nth = 1; nth <= 3; nth++) {
-        if_finish(ifm);
-        memmgr_fail_at(nth);
-        EXPECT_EQ(if_add(ifm, "eth1", 1, IF_TYPE_SYNCE), nullptr);
-        EXPECT_NE(if_add(ifm, "eth1", 1, IF_TYPE_SYNCE), nullptr);
-    }
-}
 
 using octet_string = std::vector<std::uint8_t>;
 
@@ -360,22 +275,6 @@ TEST_F(Kernel, ABurstIsTakenInItsOrderAndWhatIsLostIsCounted) {
     }
     EXPECT_EQ(frames.size() + lost, 100u);
     EXPECT_GT(lost, 50u);
-}
-
-TEST_F(Kernel, JoinsTheGroupPerBoundPortAndLeavesIt) {
-    make_ports(2);
-    const auto members = [] {
-        std::string all;
-        for (const std::string name : {"near0", "near1", "far0"})
-            if (run("ip maddr show dev " + name + " | grep -q 01:80:c2:00:00:02")) all += name + " ";
-        return all;
-    };
-    EXPECT_EQ(members(), "near0 near1 ");
-    const interface first = port(1, index_of("near", 0));
-    bind_port(first);  // a second bind
-    slow_socket_port_unbound(&first);
-    bind_port(port(2, index_of("far", 0)));  // changed kernel index
-    EXPECT_EQ(members(), "far0 ");
 }
 
 TEST_F(Kernel, OfFramesThatLeaveTogetherOnlyThoseThatCanNotLeaveAreMissing) {

@@ -358,21 +358,6 @@ TEST_F(Tcp, ThreeWrongPasswordsCostTimeAndMoreEachTime) {
     talk(&c, "right\r", "sw#");
 }
 
-TEST_F(Tcp, CheckingAPasswordHoldsNothingUp) {
-    set_password("right");
-    Client c, other;
-    open(&other);
-    knock(&c, "Password: ");
-    const session* asked = ctx->terminals->sessions;
-    c.put("wrong\r");
-    ASSERT_TRUE(pump([&] { return asked->busy; }));
-    talk(&other, "show version\r", "esmcd version");
-    EXPECT_TRUE(asked->busy) << "the other terminal is answered while the hash is computed";
-    c.drop();
-    ASSERT_TRUE(sessions_become(1));
-    ASSERT_TRUE(pump([] { return waitpid(-1, nullptr, WNOHANG) < 0; })) << "no child is left behind";
-}
-
 TEST_F(Tcp, PasswordLines) {
     EXPECT_EQ(run("password encrypted plain", CONFIG_MODE), "% Not the hash of a password\n");
     EXPECT_STREQ(ctx->terminals->password, "");
