@@ -136,30 +136,6 @@ TEST_F(memory_faults, every_allocation_of_a_life_fails_once) {
     EXPECT_GT(nth, 2 * PORTS) << "the life is too poor";
 }
 
-TEST_F(memory_faults, a_link_that_breaks_with_no_memory_left_comes_back) {
-    // At any fill of the loop's own tables, those included where the next event needs a new block.
-    const auto nothing = [](thread*) { return 0; };
-    for (std::size_t fill = 0; fill < 70; ++fill) {
-        SCOPED_TRACE("filled with " + std::to_string(fill));
-        begin(3);
-        w.pass(1000);
-        for (std::size_t i = 0; i < fill; ++i)
-            ASSERT_NE(thread_add_timer_msec(g_p_esmcd, nothing, nullptr, 3'600'000), nullptr);
-        ASSERT_TRUE(synchronised());
-        const std::uint64_t end = w.now_ms() + 3000;
-        ASSERT_NE(thread_add_timer_msec(g_p_esmcd, nothing, nullptr, 3000), nullptr);
-        w.end_link();
-        while (w.now_ms() < end) {
-            memmgr_fail_at(1);
-            w.turn();
-        }
-        memmgr_fail_at(0);
-        w.pass(1000);
-        ASSERT_TRUE(synchronised());
-        w.stop();
-    }
-}
-
 // ---- Memory, commands ----
 
 constexpr const char* CONFIGURATION =

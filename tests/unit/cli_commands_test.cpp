@@ -1,4 +1,4 @@
-// Which commands there are: what the board's ability and the session's privilege leave of them, and that
+// Which commands there are: what the board's ability leaves of them, and that
 // docs/CLI.md and the tree do not part. Each installed command stands in the table of its mode and no other
 // one does, each token has a help text, and the fields of the JSON object are those of the document.
 //
@@ -71,15 +71,6 @@ class commands : public daemon_test {
         return false;
     }
 };
-
-TEST_F(commands, about_the_clock_need_privilege_4) {
-    EXPECT_TRUE(know_synce(ctx_->ctree));
-    config_mode();
-    session_.privilege = 3;
-    EXPECT_EQ(run("clock synce global-enable"), cli_result::unknown);
-    session_.privilege = 4;
-    EXPECT_EQ(run("clock synce global-enable"), cli_result::ok);
-}
 
 TEST_F(commands, are_named_in_the_document_by_their_modes_and_no_other_is) {
     const std::pair<const char*, std::vector<std::int32_t>> sections[] = {

@@ -73,19 +73,6 @@ TEST_F(show_commands, port_block_of_a_port_alone) {
         quiet(line);
 }
 
-TEST_F(show_commands, recovered_clock) {
-    g_s_master->selected_port = add_port("p1", 1);
-    EXPECT_EQ(shown("show clock recovery-select"), "clock recovery from syncE\n");
-    EXPECT_NE(shown("show clock bits").find("interface         : p1\n"), std::string::npos);
-    g_s_master->recovery_select = 2;
-    EXPECT_EQ(shown("show clock recovery-select"), "clock recovery from bits2\n");
-    EXPECT_EQ(shown("show clock bits"),
-              "--------------------------  select clock bits status --------------------------\n"
-              "Current selected interface         : Bits2\n"
-              "Selected Clock Valid Status        : Invalid\n"
-              "DPLL running state                 : FreeRun\n");
-}
-
 class everyday : public daemon_test {
   protected:
     void SetUp() override {

@@ -1,4 +1,4 @@
-// Result codes and the debug mask: numbers and texts that scripts and other daemons match, the commands, and
+// The line of a failed operation, and the debug mask: its commands, and
 // the platform's way to the mask.
 #include "core/result.h"
 
@@ -8,28 +8,6 @@
 namespace {
 
 using lines = std::vector<std::string>;
-
-// The numbers run on, so that the ends of a table hold those between.
-TEST(results, codes_keep_their_numbers_and_texts) {
-    const std::pair<std::int32_t, const char*> internal[] = {
-        {0, "OK"},
-        {-998, "SSM_E_NO_MEMORY"},
-        {-985, "Unable to translate MAC address"},
-        {-958, "SSM_E_PORT_ENABLE_SET_FAIL"},
-        {-957, "General error"},
-        {-49998, "General error"},
-    };
-    for (const auto& [code, text] : internal) EXPECT_STREQ(ssm_err_str(code), text) << code;
-    const std::pair<std::int32_t, const char*> of_commands[] = {
-        {0, "OK"},
-        {-49999, "Cannot recognize your input"},
-        {-49998, "Cannot configure on this interface"},
-        {-49996, "Cannot configure on slave-only clock"},
-        {-49995, "General error"},
-        {-998, "General error"},
-    };
-    for (const auto& [code, text] : of_commands) EXPECT_STREQ(ssm_cli_err_str(code), text) << code;
-}
 
 using result_output = daemon_test;
 

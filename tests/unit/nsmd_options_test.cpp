@@ -49,17 +49,4 @@ TEST(nsmd_options, values_and_defaults) {
     EXPECT_EQ(std::string(o.patterns[1]) + o.kernel.device + o.kernel.bits[0] + o.kernel.bits[1], "p?iceAB");
 }
 
-TEST(nsmd_options, what_makes_no_sense_is_refused_by_name) {
-    for (const char* line : {"--sim-lock-ms -1", "--sim-lock-ms 1x", "--sim-lock-ms ''", "--source-code 3",
-                             "--source-code 0=1", "--source-code 3=", "--grace-s 99999999999999999999",
-                             "--sim-state relative", "--port ''", "--port", "stray"}) {
-        const parsed p(line);
-        EXPECT_EQ(p.result, options_result::bad) << line;
-        EXPECT_NE(p.said.find(p.texts[1]), std::string::npos) << p.said;
-    }
-    std::string many;
-    for (std::size_t i = 0; i <= NSMD_PATTERNS_MAX; ++i) many += " --port=x";
-    EXPECT_EQ(parsed(many).result, options_result::bad);
-}
-
 }  // namespace

@@ -232,19 +232,6 @@ TEST_F(link_doc, both_ends_say_what_the_document_has) {
     EXPECT_EQ(talk, doc);
 }
 
-TEST_F(server, memory_that_runs_out_costs_the_session_only) {
-    nsm_test_client c;
-    for (std::uint64_t nth = 1; nth <= 6; ++nth) {
-        memmgr_fail_at(nth);
-        if (adopt(&c)) c.hello();
-        loop.run(1);
-        for (std::uint32_t i = 0; i < 500; ++i) nsmd_server_send_clock(s, nullptr, i, 0);
-        memmgr_fail_at(0);
-    }
-    connect(&c);
-    EXPECT_EQ(c.take(), "ack 0");
-}
-
 // Clients come by the socket's file.
 struct listening : server {
     const std::string path = "/tmp/nsmdtest." + std::to_string(getpid()), kept = path + "2";

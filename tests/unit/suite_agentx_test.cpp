@@ -265,20 +265,6 @@ TEST_P(agentx, every_way_not_to_commit_puts_everything_back) {
     for (int times = 0; times < 2; ++times) EXPECT_EQ(ask("undo 5"), error(SNMP_UNDO_FAILED)) << times;
 }
 
-TEST_P(agentx, a_refused_set_changes_nothing_and_does_not_stand_in_the_way) {
-    m.refuse_level = SNMP_INCONSISTENT_VALUE;
-    const std::pair<std::string, unsigned> cases[] = {
-        {"2.0=1", SNMP_NOT_WRITABLE},       {"4.0=1", SNMP_NOT_WRITABLE},     {"1.1=1", SNMP_NO_CREATION},
-        {"1.0=1", SNMP_INCONSISTENT_VALUE}, {"3.1.2.5=1", SNMP_NO_SUCH_NAME},
-    };
-    for (const auto& [refused, status] : cases)
-        expect("test 3 5.0=3 " + refused + " -> " + error(status, 2) + "; commit 3 -> " +
-               error(SNMP_COMMIT_FAILED) + "; get 5.0 -> 5.0=1");
-    m.refuse_level = 0;
-    expect("test 1 1.0=20; test 2 1.0=30 -> " + error(SNMP_RESOURCE_UNAVAILABLE, 1));
-    expect("cleanup 2; cleanup 1; get 1.0 -> 1.0=10");
-}
-
 TEST_P(agentx, garbage_ends_the_link_and_another_is_made) {
     const std::size_t low = GetParam() ? 19 : 16, high = GetParam() ? 16 : 19;  // octets of the length
     std::vector<bytes> cases = {bytes(64, 0xff), request("test 1 " + text_of(oid(129, 1)) + "=1")};

@@ -149,26 +149,6 @@ TEST_F(Text, EveryLengthFromNothingUpToSeveralGrowths) {
     }
 }
 
-TEST_F(Text, FailedGrowthAndTheLimitLeaveTheContents) {
-    const std::string large(500, 'z');
-    ASSERT_TRUE(text_printf(&t, "kept"));
-    memmgr_fail_at(1);
-    EXPECT_FALSE(text_append(&t, large.data(), large.size()));
-    memmgr_fail_at(1);
-    EXPECT_FALSE(text_printf(&t, "%s", large.c_str()));
-    EXPECT_FALSE(text_append(&t, large.data(), SIZE_MAX));
-    EXPECT_STREQ(t.c_str(), "kept");
-    t.limit = 10;
-    EXPECT_TRUE(text_append(&t, "456789", 6));
-    EXPECT_FALSE(text_append(&t, "x", 1));
-    text_consume(&t, 3);  // the limit counts what is held
-    EXPECT_FALSE(text_printf(&t, "%s", "abcd"));
-    EXPECT_TRUE(text_printf(&t, "%s", "abc"));
-    EXPECT_STREQ(t.c_str(), "t456789abc");
-    text_consume(&t, 99);
-    EXPECT_STREQ(t.c_str(), "");
-}
-
 TEST(Utf8, OnlyWholeAndValidCharactersCount) {
     EXPECT_EQ(utf8_columns("a\xc3\xa9\xe4\xb8\xad"), 4u);
     EXPECT_EQ(utf8_columns("e\xcc\x81"), 1u) << "a combining mark takes no column";

@@ -163,24 +163,6 @@ TEST_F(Editor, KeysMoveAndErase) {
     check({{BACK + BACK, "", 0}});
 }
 
-TEST_F(Editor, WideLinesScroll) {
-    line_editor_resize(e, 20);
-    const std::string text = "abcdefghijklmnopqrstuvwxyz";
-    type(text);
-    EXPECT_LE(screen.cells.size(), 20u);
-    EXPECT_TRUE(screen.text().ends_with("z"));
-    EXPECT_LT(screen.column, 20u);
-    type(ctrl('A'));
-    EXPECT_TRUE(screen.text().starts_with("sw#abcdef"));
-    EXPECT_LE(screen.cells.size(), 20u);
-    for (std::uint32_t columns : {3u, 0u}) {
-        line_editor_resize(e, columns);
-        line_editor_redraw(e, &out);
-    }
-    flush();
-    expect(text, 0);
-}
-
 TEST_F(Editor, History) {
     for (const char* text : {"one", "two", "two", "   ", "three"}) enter(text);
     check({{"draft" + UP, "three", 5},
@@ -207,23 +189,6 @@ TEST_F(Editor, SearchInHistory) {
     check({{BACK + BACK + "vers" + ctrl('E'), "show version", 12}, {ctrl('R') + "xyz" + ctrl('G'), "", 0}});
     EXPECT_EQ(type(ctrl('R') + "synce\r"), editor_event::line);
     EXPECT_EQ(line(), "clock synce");
-}
-
-TEST_F(Editor, HiddenLinesShowNothingAndTooLongOnesAreRefusedWhole) {
-    enter("earlier");
-    const std::string before = screen.text();
-    e->hidden = true;
-    EXPECT_EQ(type("secret?\t" + UP + ctrl('R') + ctrl('A') + BACK), editor_event::none);
-    EXPECT_EQ(screen.text(), before);
-    EXPECT_EQ(line(), "secret?");
-    EXPECT_EQ(type("\r"), editor_event::line);
-    e->hidden = false;
-    prompt();
-    type(std::string(LINE_EDITOR_MAX, 'x'));
-    EXPECT_EQ(line().size(), LINE_EDITOR_MAX);
-    EXPECT_EQ(type("yy\r"), editor_event::too_long);
-    prompt();
-    EXPECT_EQ(type("ok\r"), editor_event::line);
 }
 
 // Whatever keys come, the screen shows the line and the cursor stands where the editor believes it.

@@ -220,22 +220,6 @@ TEST_F(VirtualLoop, ReportDoesNotOutliveACancel) {
     EXPECT_TRUE(trace.empty());
 }
 
-TEST_F(VirtualLoop, RefusedEventChangesNothing) {
-    std::size_t refused = 0;
-    memmgr_fail_at(3);  // more than one grows while 400 timers are added
-    for (int i = 0; i < 400; i++) refused += timer(1, note("t")) == nullptr;
-    EXPECT_EQ(refused, 1u);
-    memmgr_fail_at(1);
-    EXPECT_EQ(high(5000, note("far")), nullptr);  // the table of descriptors has to grow for it
-    EXPECT_NE(high(5000, note("far")), nullptr);
-    EXPECT_EQ(reader(5000, note("second")), nullptr);
-    EXPECT_EQ(high(-1, note("none")), nullptr);
-    thread* t = timer(1, note("x"));
-    thread_cancel(t);
-    thread_cancel(t);  // said in the log, not done
-    EXPECT_EQ(thread_get_stats(&ctx).timers_pending, 399u);
-}
-
 // ---- the kernel's descriptors ----
 
 TEST_F(Loop, DescriptorWithoutEventDoesNotMakeTheLoopSpin) {

@@ -183,24 +183,6 @@ TEST_F(Terminal, ClientThatDoesNotReadIsBounded) {
         << "256 KiB, and the half of it before it grew";
 }
 
-TEST_F(Terminal, OnlyTheDaemonsOwnSocketFileGoes) {
-    EXPECT_EQ(permissions(socket_path), 0660u);
-    const auto start_second = [&] {
-        lib_globals* first = ctx;
-        start();
-        const int result = local_terminal_start(ctx->terminals, socket_path.c_str());
-        stop();
-        ctx = first;
-        return result;
-    };
-    EXPECT_EQ(start_second(), -1);
-    local_terminal_stop(ctx->terminals);
-    EXPECT_FALSE(std::filesystem::exists(socket_path));
-    write_file(socket_path, "no socket");
-    EXPECT_EQ(start_second(), -1);
-    EXPECT_EQ(read_file(socket_path), "no socket");
-}
-
 TEST_F(Terminal, MemoryMayBeShortAtAnyPoint) {
     for (std::uint64_t n = 1; n < 40; n++) {
         Client c;
