@@ -20,6 +20,8 @@ void update_all_timers(std::uint32_t on) {
 
 void clear_gephy_roles() {
     ssm_opts_port_list_loop([](ssm_port* port) { return ssm_opts_set_gephy_role(port->intf, 0, 0); });
+    // A role that is set from now on is somebody else's: the next report of the clock must leave it alone.
+    g_s_master->gephy_dynamic_intf = nullptr;
 }
 
 // What a port heard says nothing about a switch that changed its role: quality and clock are forgotten.

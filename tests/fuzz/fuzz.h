@@ -3,6 +3,7 @@
 #pragma once
 
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -44,6 +45,7 @@ struct memory_file {
 
     explicit memory_file(std::string_view text) {
         std::snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
+        must(fchmod(fd, 0600) == 0, "only its owner may write it");
         must(write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()), "there is memory");
     }
     ~memory_file() { close(fd); }

@@ -9,6 +9,7 @@
 #include "core/select.h"
 #include "esmcd/board.h"
 #include "esmcd/install.h"
+#include "fuzz/fuzz.h"
 #include "fuzz/world.h"
 #include "suite/host/host.h"
 #include "suite/host/state.h"

@@ -128,6 +128,17 @@ TEST_F(force, gephy_role_follows_the_source) {
     EXPECT_EQ(g_s_master->gephy_dynamic_intf, nullptr);
 }
 
+TEST_F(force, a_gephy_role_set_by_command_is_not_taken_for_the_one_that_selection_set) {
+    g_s_master->gephy_dynamic = 1;
+    hear(1, QL_PRC);
+    ASSERT_EQ(g_s_master->gephy_dynamic_intf, intf(1));
+    g_s_master->gephy_dynamic = 0;  // "no clock synce ssm enable"
+    ASSERT_EQ(ssm_opts_set_ssm_enable(0), 0);
+    ASSERT_EQ(ssm_opts_set_gephy_role(intf(1), 1, SSM_GEPHY_MASTER), 0);
+    dpll(SSM_DPLL_HOLDOVER);
+    EXPECT_EQ(port(1)->gephy_role_enable, 1U);
+}
+
 TEST_F(force, gephy_roles_are_cleared_when_ssm_starts_without_them) {
     ASSERT_EQ(ssm_opts_set_ssm_enable(0), 0);
     ASSERT_EQ(ssm_opts_set_gephy_role(intf(1), 1, SSM_GEPHY_MASTER), 0);

@@ -35,6 +35,7 @@ class board_file {
         ssm_board_use_file(nullptr);
     }
     void write(const std::string& content) const { std::ofstream(path_) << content; }
+    const char* path() const { return path_.c_str(); }
     void remove() const { unlink(path_.c_str()); }
 
   private:

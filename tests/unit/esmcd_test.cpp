@@ -27,6 +27,8 @@ TEST(board, fields_come_from_lines_of_key_and_hexadecimal_value) {
     EXPECT_EQ(board.board_type, 0xab);
     EXPECT_EQ(board.product_series, 0xff) << "a line without a value changes nothing";
     EXPECT_EQ(board.synce_support, 0U) << "an indented key is none";
+    EXPECT_EQ(read_board("sdram_size 0x1234567890\nflash_size -1\n").sdram_size, 0x34567890U)
+        << "the low 32 bits";
     // A long line is taken in pieces: the second begins with a key, right behind 255 other octets.
     EXPECT_EQ(read_board(std::string(255, 'x') + "synce_support 13\n").synce_support, 0x13U);
 }
@@ -45,6 +47,27 @@ TEST(board, missing_file_is_looked_for_again_and_a_read_one_never) {
         EXPECT_EQ(board.synce_support, 1U);
         file.remove();
     }
+}
+
+TEST(board, a_file_that_others_could_have_written_is_not_believed) {
+    ssm_board_info board = {};
+    board_file file("synce_support 1\n");
+    const char* path = file.path();
+    const auto believed = [&] { return ssm_board_info_get(&board) == 0; };
+    for (mode_t mode : {0664, 0646, 0622}) {
+        ASSERT_EQ(chmod(path, mode), 0);
+        EXPECT_FALSE(believed()) << std::oct << mode;
+    }
+    ASSERT_TRUE(chmod(path, 0644) == 0 && chown(path, 65534, 0) == 0);
+    EXPECT_FALSE(believed()) << "another user's";
+    const std::string link = std::string(path) + ".link";
+    ASSERT_TRUE(chown(path, 0, 0) == 0 && symlink(path, link.c_str()) == 0);
+    ASSERT_EQ(lchown(link.c_str(), 65534, 0), 0);
+    ssm_board_use_file(link.c_str());
+    EXPECT_FALSE(believed()) << "another user's link";
+    ASSERT_EQ(lchown(link.c_str(), 0, 0), 0);
+    EXPECT_TRUE(believed());
+    unlink(link.c_str());
 }
 
 // ---- Options: what each sets, and which one ends the process. ----
