@@ -29,6 +29,7 @@ def test_lines_of_the_command_line(running):
     # The first refused line ends the run.
     for lines, answer in ((["show nonsense"], "% Unknown command\n"),
                           (["show clock"], "% Incomplete command\n"),
+                          (["terminal monitor"], "% A script's session can't show the log\n"),
                           (["configure terminal", "clock synce s"], "% Ambiguous command\n"),
                           (["configure terminal", "clock synce local-priority 256"], "% Unknown command\n"),
                           (["configure terminal", "show clock recovery-select"], "% Unknown command\n"),

@@ -150,6 +150,8 @@ void follow_standard_error() {
     error_sink.fd = STDERR_FILENO;
     error_sink.how = S_ISSOCK(now.st_mode) ? writing::socket : writing::poll_first;
     if (S_ISSOCK(now.st_mode)) return;
+    // Whoever else writes to descriptor 2 (messages of a refused start) must not write over the lines.
+    if (S_ISREG(now.st_mode)) (void)fcntl(STDERR_FILENO, F_SETFL, fcntl(STDERR_FILENO, F_GETFL) | O_APPEND);
     const int own = open("/proc/self/fd/2", O_WRONLY | O_APPEND | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
     if (own < 0) return;
     error_sink.fd = own;

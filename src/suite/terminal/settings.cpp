@@ -85,6 +85,8 @@ int terminal_length(cli* terminal, int, char** argv) {
 }
 
 int terminal_monitor(cli* terminal, int, char**) {
+    if (session_of(terminal)->stage == session_stage::batch)
+        return cli_refuse(terminal, "A script's session can't show the log");
     if (session_monitor(session_of(terminal), true)) return CLI_SUCCESS;
     return cli_refuse(terminal, "Too many terminals show the log");
 }
