@@ -221,6 +221,7 @@ TEST_F(link_doc, both_ends_say_what_the_document_has) {
     EXPECT_EQ(if_lookup_by_name(&list, "eth3"), nullptr);
     nsm_client_stop(client);
     pass_all();
+    if_finish(&list);
     nsm_client_set_link_open(nullptr);
 
     conversation doc = document();
