@@ -174,8 +174,8 @@ class selection_log : public selection {
         log_remove_tap(keep, this);
         selection::TearDown();
     }
-    static void keep(void* self, int, const char* line, std::size_t) {
-        static_cast<selection_log*>(self)->lines_.emplace_back(line);
+    static void keep(void* self, int, const char* line, std::size_t length) {
+        static_cast<selection_log*>(self)->lines_.emplace_back(line, length);
     }
     std::ptrdiff_t said(std::string_view words) {
         return std::ranges::count_if(lines_, [&](const std::string& l) { return l.find(words) != l.npos; });

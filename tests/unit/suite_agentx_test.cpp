@@ -155,7 +155,7 @@ class agentx : public Suite, public testing::WithParamInterface<bool> {
     // The answer: its variables ("1.0=10 2.0=hello 4.0:128"), or error(...). The request comes in pieces.
     std::string exchange(const bytes& sent) {
         for (auto at = sent.begin(), end = at; at != sent.end(); at = end) {
-            end = at + std::min(at < sent.begin() + 30 ? 1L : 333L, sent.end() - at);
+            end = at + std::min<std::ptrdiff_t>(at < sent.begin() + 30 ? 1 : 333, sent.end() - at);
             master.send(bytes(at, end));
             master.run(0);
         }
