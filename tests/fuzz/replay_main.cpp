@@ -32,7 +32,8 @@ bool replay(const fs::path& path) {
     if (!file) return false;
     if (std::getenv("ESMC_REPLAY_VERBOSE")) std::fprintf(stderr, "%s\n", path.c_str());
     const std::size_t n = input.size();
-    for (const std::size_t length : std::set{n, n / 4, n / 2, n - n / 4, n - (n > 0), std::min(n, 3UL)}) {
+    for (const std::size_t length :
+         std::set{n, n / 4, n / 2, n - n / 4, n - (n > 0), std::min<std::size_t>(n, 3)}) {
         // A block of exactly this size, so that the address sanitizer sees a read of one octet too many.
         const std::vector<std::uint8_t> exact(input.begin(), input.begin() + static_cast<long>(length));
         (void)LLVMFuzzerTestOneInput(exact.data(), length);  // 0 by convention
