@@ -45,7 +45,7 @@ struct watched {
     // Ports from the first number to the last, and what to add to get the kernel's index; what is told is
     // dropped.
     void many(std::istream& words) {
-        long number, last, offset;
+        long long number, last, offset;
         for (words >> number >> last >> offset; number <= last; ++number)
             kernel.act("sw" + std::to_string(number) + " " + std::to_string(number + offset));
         loop.run(1);
