@@ -79,6 +79,9 @@ constexpr std::uint32_t ALLOWED[] = {
     // Descriptors.
     __NR_epoll_ctl,
     __NR_close,
+#ifdef __NR_close_range
+    __NR_close_range,  // close_others in suite/process/job.cpp
+#endif
     __NR_readv,
     __NR_writev,
     __NR_pread64,
@@ -162,7 +165,7 @@ constexpr std::uint32_t ALLOWED[] = {
     __NR_munmap,
     __NR_mremap,
     __NR_madvise,
-    // The process, its signals and the children that hash passwords. No program is ever started.
+    // The process, its signals and the children that work for it. No program is ever started.
     __NR_exit_group,
     __NR_exit,
     __NR_rt_sigreturn,
@@ -244,9 +247,9 @@ constexpr rule RULES[] = {
     {__NR_ioctl, 1, WHOLE, TERMINAL_SETTINGS},
 };
 
-// From this number on all architectures count alike, and nothing in the tables is that new. The C library
-// tries the calls of its time first (clone3, faccessat2) and falls back when it is told that they do not
-// exist.
+// From this number on all architectures count alike, and close_range alone in the tables is that new. The C
+// library tries the calls of its time first (clone3, faccessat2) and falls back when it is told that they do
+// not exist.
 constexpr std::uint32_t FIRST_NEW_CALL = 424;
 constexpr std::uint32_t FIRST_PRIVATE_CALL = 0xf0000;  // ARM
 

@@ -13,6 +13,7 @@
 #include "suite/log/log.h"
 #include "suite/loop/thread.h"
 #include "suite/ports/interface.h"
+#include "suite/process/job.h"
 
 namespace {
 
@@ -46,6 +47,7 @@ void lib_stop(lib_globals* ctx) {
     snmp_stop(ctx);
     if (ctx->ctree != nullptr) cli_tree_free(ctx->ctree);
     ctx->ctree = nullptr;
+    jobs_stop(ctx);
     thread_master_finish(ctx->master);
     ctx->master = nullptr;
     if_finish(ctx->ifm);
