@@ -8,6 +8,8 @@
 #include "esmcd/command_line.h"
 #include "esmcd/signal.h"
 #include "esmcd/start.h"
+#include "suite/log/log.h"
+#include "suite/process/single.h"
 #include "suite/rights/user.h"
 #include "suite/start/lib.h"
 
@@ -42,6 +44,8 @@ int main(int argc, char** argv) {
     }
     rights_user user;
     if (!find_user(settings.progname, &user)) std::exit(1);
+    log_open(settings.progname);
+    if (!single_claim(SSM_LOCK_FILE)) std::exit(1);
     ssm_signal_init();
     const std::int32_t rv = ssm_start(settings.daemon_mode, settings.config_file, settings.vty_port,
                                       settings.progname, user.name ? &user : nullptr);

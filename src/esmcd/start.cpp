@@ -28,6 +28,7 @@
 #include "suite/manager/wire.h"
 #include "suite/ports/slow_socket.h"
 #include "suite/process/pal.h"
+#include "suite/process/single.h"
 #include "suite/rights/user.h"
 #include "suite/start/lib.h"
 #include "suite/terminal/wire.h"
@@ -157,6 +158,7 @@ std::int32_t ssm_start(bool daemon_mode, const char* config_file, std::int32_t v
     ssm_signal_deliver(g_p_esmcd);
     (void)host_vty_init(g_p_esmcd);  // logged there; the protocol runs without a terminal
     if (daemon_mode) enter_daemon_mode();
+    single_hold();
     ssm_signal_deliver(g_p_esmcd);
     install_commands();
     ssm_signal_deliver(g_p_esmcd);

@@ -8,6 +8,7 @@ struct lib_globals;
 struct rights_user;
 
 constexpr const char* SSM_PID_FILE = "/var/run/esmcd.pid";
+constexpr const char* SSM_LOCK_FILE = "/var/run/esmcd.lock";  // see suite/process/single.h
 
 // Brings the daemon up and runs the event loop. 0 when the loop has run dry; a negative result code when
 // start-up failed (there is no pid file then). `config_file` null: the platform's default. Only the low 16

@@ -15,6 +15,7 @@
 #include "suite/log/log.h"
 #include "suite/loop/thread.h"
 #include "suite/manager/wire.h"
+#include "suite/process/single.h"
 #include "suite/rights/rights.h"
 #include "suite/rights/user.h"
 #include "suite/start/lib.h"
@@ -23,6 +24,7 @@ namespace {
 
 constexpr int LINK_WAIT_MS = 5000;
 constexpr const char* INDEX_PATH = "/run/nsmd.indexes";
+constexpr const char* LOCK_PATH = "/run/nsmd.lock";
 // Steering the clock and setting copper roles are a network administrator's requests to the kernel.
 constexpr std::uint64_t RIGHTS_KEPT = std::uint64_t{1} << CAP_NET_ADMIN;
 
@@ -82,10 +84,12 @@ bool become_user(const nsmd_options& options) {
 }
 
 int run(lib_globals* ctx, const nsmd_options& options) {
+    if (!single_claim(LOCK_PATH)) return 1;
     nsmd* n = nsmd_start(ctx, options, {netlink_system_edge(), NSM_SOCKET_PATH, LINK_WAIT_MS, INDEX_PATH});
     if (!n) return 1;
     int status = 1;
     if (become_user(options) && (!options.daemonize || go_to_background())) {
+        single_hold();
         log_suite(LOG_LEVEL_INFO, "nsmd %s serves %s", lib_version(), NSM_SOCKET_PATH);
         rights_reduce(RIGHTS_KEPT);
         thread event;

@@ -1,7 +1,6 @@
-"""nsmd as a program: one at a time on a host, the status report, a kernel without clock hardware."""
+"""nsmd as a program: the status report, a kernel without clock hardware."""
 
 import pathlib
-import signal
 
 import pytest
 from lab import BIN, wait_until
@@ -13,25 +12,6 @@ NSMD = f"{BIN}/nsmd"
 
 def run_nsmd(node, *options):
     return node.run(NSMD, *options, check=False, timeout=10)
-
-
-def test_second_instance_is_refused_and_a_killed_ones_file_is_replaced(sw):
-    def no_status():
-        told = run_nsmd(sw, "--status")
-        return told.returncode == 1 and told.stderr.startswith("nsmd: no status from /run/nsmd.sock: ")
-
-    assert no_status()
-    first = sw.start_nsmd("--dpll", "sim")
-    first.send(signal.SIGSTOP)  # a server that is only slow is one still
-    try:
-        second = run_nsmd(sw, "--dpll", "sim")
-        assert second.returncode == 1 and "can't listen on /run/nsmd.sock: another server is there" in second.stderr
-    finally:
-        first.send(signal.SIGCONT)
-    assert "clock: simulated" in status_of(sw)
-    first.kill()
-    assert sw.path("/run/nsmd.sock").exists() and no_status()
-    sw.start_nsmd("--dpll", "sim").wait_log("serves /run/nsmd.sock")
 
 
 def test_kernel_clock_without_the_kernels_interface(sw):
@@ -47,6 +27,8 @@ def test_kernel_clock_without_the_kernels_interface(sw):
 
 def test_status_report(linked):
     """Clock, requests, clients, links and ports, before a daemon came and after it chose."""
+    told = run_nsmd(linked, "--status")
+    assert told.returncode == 1 and told.stderr.startswith("nsmd: no status from /run/nsmd.sock: ")
     linked.link_set("p2", False)
     linked.start_nsmd("--port", "p*", "--dpll", "sim", "--source-code", "10=77")
     bare = status_of(linked)

@@ -13,6 +13,7 @@ from watch import process_status, status_of
 
 # program -> the files that it makes, with their modes
 FILES = {"esmcd": {"/run/esmcd.pid": 0o644, "/run/esmcd.vty": 0o660}, "nsmd": {"/run/nsmd.sock": 0o660}}
+LOCKS = {"esmcd": "/var/run/esmcd.lock", "nsmd": "/run/nsmd.lock"}
 PROGRAMS = pytest.mark.parametrize("program", FILES)
 
 
@@ -107,13 +108,38 @@ def test_daemon_mode(sw, program):
         assert {os.readlink(f"/proc/{pid}/fd/{fd}") for fd in range(3)} == {"/dev/null"}
         if program == "esmcd":
             assert sw.path("/run/esmcd.pid").read_text() == f"{pid}\n"
-        else:
-            status, _, err = run(sw, "nsmd", "--daemon", "--dpll", "sim")
-            assert status == 1 and "another server is there" in err
+        assert_refused(sw, program)
     finally:
         os.kill(pid, signal.SIGTERM)
         wait_until(lambda: not pids_in(sw, program), 5, "the daemon ends")
     assert_gone(sw, program)
+
+
+def assert_refused(sw, program):
+    """A second one, in either mode and short of descriptors at any point of its start, touches nothing of the first's."""
+    def files():
+        return {path.name: (path.stat().st_ino, path.stat().st_mtime_ns) for path in sw.path("/run").glob(program + "*")}
+    before = files()
+    assert set(before) >= {path.removeprefix("/run/") for path in FILES[program]}
+    for options, limit in [("", 1024), ("-d", 1024), *(("", limit) for limit in range(3, 12))]:
+        second = sw.run("prlimit", f"--nofile={limit}", f"{BIN}/{program}", *options.split(), check=False, timeout=10)
+        assert second.returncode not in (0, 77) and files() == before, (options, limit, second)
+        if limit == 1024:
+            assert second.returncode == 1 and second.stderr.count("\n") == 1, second
+            assert f" error another one runs already: {LOCKS[program]}\n" in second.stderr
+
+
+@PROGRAMS
+def test_a_second_one_touches_nothing_and_a_killed_one_is_followed(sw, program):
+    first = sw.start_esmcd() if program == "esmcd" else sw.start_nsmd()
+    first.send(signal.SIGSTOP)  # a daemon that is only slow is one still
+    try:
+        assert_refused(sw, program)
+    finally:
+        first.send(signal.SIGCONT)
+    first.kill()
+    assert sw.path([*FILES[program]][-1]).exists()
+    sw.start_esmcd() if program == "esmcd" else sw.start_nsmd("--dpll", "sim").wait_log("serves /run/nsmd.sock")
 
 
 def test_without_the_right_to_packet_sockets(sw):

@@ -103,6 +103,7 @@ def test_another_user_serves_saves_and_is_started_again(linked, place, nsmd_user
             assert kept["Uid"].split() == (NOBODY if user == "nobody" else ROOT_USER)
             assert kept["Gid"].split() == NOBODY and kept["Groups"].strip() == ""
             assert_capability_alone(kept, program)
+            assert sw.run(*as_user(f"{BIN}/{program}", user), check=False, timeout=10).returncode == 1, "a second one"
         sw.wait_shell()
         sw.wait_port("p1", deadline=10.0, up="enable", priority="9" if turn else "255")
         sw.configure("interface p1", "clock synce enable", "clock synce priority 9", "log file /run/own/log")

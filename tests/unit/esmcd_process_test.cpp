@@ -7,6 +7,7 @@
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -25,6 +26,7 @@
 #include "esmcd/start.h"
 #include "suite/base/clock.h"
 #include "suite/ports/slow_socket.h"
+#include "suite/process/single.h"
 #include "suite/rights/rights.h"
 
 namespace {
@@ -132,6 +134,47 @@ TEST(start, flooded_daemon_writes_its_pid_and_ends_on_a_signal_within_100_ms) {
     if (ended) return;
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
+}
+
+// From the first claim on, over the fork of daemon mode, until that process is killed, whatever its own
+// children do; a lock file that can't be asked counts as held.
+TEST(single, claim_goes_over_a_fork_and_ends_with_the_process_not_with_its_children) {
+    const std::string path = testing::TempDir() + "single." + std::to_string(getpid());
+    const auto is_free = [&](rlim_t descriptors = 64) {
+        return in_child([&] {
+                   const rlimit limit = {descriptors, 64};
+                   if (!freopen("/dev/null", "w", stderr) || setrlimit(RLIMIT_NOFILE, &limit) != 0) return 2;
+                   return single_claim(path.c_str()) ? 1 : 0;
+               }) != 0;
+    };
+    struct {
+        bool held_over_fork;
+        pid_t daemon, child;
+    } told = {};
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const int parent = in_child([&] {
+        if (!single_claim(path.c_str()) || is_free()) return 1;
+        if (fork() != 0) _exit(0);
+        told = {!is_free(), getpid(), 0};
+        single_hold();
+        told.child = fork();
+        if (told.child != 0 && write(ends[1], &told, sizeof told) < 0) return 1;
+        for (;;) pause();
+    });
+    ASSERT_EQ(parent, 0);
+    ASSERT_EQ(read(ends[0], &told, sizeof told), static_cast<ssize_t>(sizeof told));
+    EXPECT_TRUE(told.held_over_fork);
+    EXPECT_FALSE(is_free());
+    EXPECT_FALSE(is_free(3)) << "not being able to ask is no answer";
+    kill(told.daemon, SIGKILL);
+    const nanoseconds end = monotonic_now() + 5 * NS_PER_S;
+    while (!is_free() && monotonic_now() < end) usleep(1000);
+    EXPECT_TRUE(is_free()) << "a child of the dead holds it";
+    EXPECT_EQ(kill(told.child, SIGKILL), 0);
+    unlink(path.c_str());
+    close(ends[0]);
+    close(ends[1]);
 }
 
 // ---- Rights ----
