@@ -2,6 +2,8 @@
 
 import contextlib
 import multiprocessing
+import re
+import socket
 import time
 
 import pytest
@@ -66,3 +68,21 @@ def test_flooded_port_is_felt_by_nobody_else(enabled, release_only, kind):
     assert max(answers) <= 0.100, answers
     assert grown <= 64
     assert " dropped 0\n" not in enabled.show("slow-protocols")
+
+
+def test_a_pdu_overtakes_a_full_queue(enabled):
+    """1 Mbit/s behind a second of traffic and more: what all ports say at once is on this link at once as well."""
+    shaped = enabled.run("sh", "-c", "tc qdisc add dev p1 root handle 1: tbf rate 1mbit burst 4kb limit 10mb && "
+                         "tc qdisc add dev p1 parent 1:1 pfifo_fast", check=False)
+    if shaped.returncode:
+        pytest.skip(f"this kernel can't shape a link: {shaped.stderr.strip()}")
+    filler = enabled.packet_socket("p1")
+    filler.setsockopt(socket.SOL_SOCKET, 32, 64 << 20)  # SO_SNDBUFFORCE
+    filler.setblocking(False)
+    with contextlib.suppress(OSError):  # until the queue is full
+        while True:
+            filler.send(esmc(PRC)[:12] + bytes([0x88, 0xB5]) + bytes(1486))
+    waiting = int(re.search(r"qlen (\d+)|backlog \S+ (\d+)p", enabled.run("tc", "-s", "qdisc", "show", "dev", "p1").stdout)[2])
+    assert waiting > 100, "more than a second of it"
+    enabled.t2.send(esmc(PRC))
+    assert enabled.t1.expect(0.5, event=True, quality=PRC)

@@ -9,6 +9,7 @@
 #include <linux/filter.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
+#include <linux/pkt_sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -56,6 +57,15 @@ bool set_option(int fd, int level, int option, const void* value, socklen_t leng
     return false;
 }
 
+// A PDU overtakes the traffic that waits in its port's queue, as far as the queue knows classes. A kernel
+// that grants the class of network control to administrators only has one below it for everybody.
+void set_priority(int fd) {
+    int priority = TC_PRIO_CONTROL;
+    if (setsockopt(fd, SOL_SOCKET, SO_PRIORITY, &priority, sizeof priority) == 0) return;
+    priority = TC_PRIO_INTERACTIVE;
+    (void)set_option(fd, SOL_SOCKET, SO_PRIORITY, &priority, sizeof priority, "SO_PRIORITY");
+}
+
 // The forced form goes beyond the system's limit and needs a right that the daemon may not have.
 int set_buffer(int fd, int forced, int plain, int octets, const char* name) {
     if (setsockopt(fd, SOL_SOCKET, forced, &octets, sizeof octets) != 0)
@@ -101,12 +111,15 @@ slow_opened open_packet() {
 
 int slow_edge_open_sender() {
     const int fd = socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    return fd < 0 ? -errno : fd;
+    if (fd < 0) return -errno;
+    set_priority(fd);
+    return fd;
 }
 
 slow_opened slow_edge_open_real() {
     const int fd = socket(AF_SLOW_PROTOCOL, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd >= 0) return {fd, slow_kind::native, true, 0, 0};
-    if (kernel_lacks_family(errno)) return open_packet();
-    return {-errno, slow_kind::closed, false, 0, 0};
+    if (fd < 0 && kernel_lacks_family(errno)) return open_packet();
+    if (fd < 0) return {-errno, slow_kind::closed, false, 0, 0};
+    set_priority(fd);
+    return {fd, slow_kind::native, true, 0, 0};
 }
