@@ -1,7 +1,7 @@
 """Switches made of real processes: what the system tests and ./demo share. Standard library only.
 
 A Node is a network namespace and a mount namespace of its own, held open by one sleeping process. Its /run, /tmp,
-/var/agentx and /etc are private, so that the fixed paths of the programs (sockets, pid file, board file,
+/var/agentx, /var/log and /etc are private, so that the fixed paths of the programs (sockets, pid file, board file,
 configuration file) never meet those of another node or of the host. A Switch is a Node in which nsmd and esmcd
 run. Links are veth pairs between nodes. A Lab owns all of them and takes everything down, by process id.
 
@@ -37,6 +37,7 @@ mount --bind /run/etc /etc
 mkdir -p /run/agentx
 if [ -d /var/agentx ] || mkdir -p /var/agentx 2>/dev/null; then mount --bind /run/agentx /var/agentx; fi
 mount -t tmpfs -o mode=1777 tmpfs /tmp
+mkdir /run/log && mount --bind /run/log /var/log
 ip link set lo up
 for family in all default; do
     echo 1 > /proc/sys/net/ipv6/conf/$family/disable_ipv6 2>/dev/null || true

@@ -49,14 +49,14 @@ def test_one_capability_and_the_calls_of_the_table_are_left_and_suffice(switch):
         assert f"rights: capabilities {WORD[program]};" in text and kept["Uid"].split() == ROOT_USER
         if not switch.lab.sanitized:  # whose run time needs calls that the filter refuses; the build leaves it out
             assert kept["Seccomp"] == "2" and "system calls filtered" in text
-    switch.configure("log file /tmp/esmcd.log", "password secret")
+    switch.configure("log file /var/log/esmcd.log", "password secret")
     saved = switch.path("/etc/esmcd.conf")
     for name in ("first", "after-the-save"):
         switch.configure("hostname " + name)
         switch.cli("write")
         assert "hostname " + name in saved.read_text() and saved.stat().st_mode & 0o777 == 0o640
     assert "password encrypted $" in switch.show("startup-config")
-    assert switch.path("/tmp/esmcd.log").exists()
+    assert switch.path("/var/log/esmcd.log").exists()
     switch.lab.link(switch, "p3", switch.lab.tester, "t3")
     switch.wait_port("p3", up="enable")
     switch.nsmd.kill()
@@ -95,7 +95,7 @@ def test_another_user_serves_saves_and_is_started_again(linked, place, nsmd_user
     """In /etc, where he may make no file, and in a directory of his own."""
     sw = linked
     sw.path("/etc/esmcd.conf").write_text("clock synce global-enable\nclock synce ssm enable\n")
-    sw.run("install", "-d", "-o", "nobody", "/run/own")
+    sw.run("install", "-d", "-o", "nobody", "/run/own", "/var/log/own")
     sw.run("sh", "-c", f"[ {place} = /etc/esmcd.conf ] || install -o nobody -m 640 /etc/esmcd.conf {place}")
     for turn in range(2):
         for program, user, options in (("nsmd", nsmd_user, NSMD_OPTIONS), ("esmcd", "nobody", ["-f", place])):
@@ -106,7 +106,7 @@ def test_another_user_serves_saves_and_is_started_again(linked, place, nsmd_user
             assert sw.run(*as_user(f"{BIN}/{program}", user), check=False, timeout=10).returncode == 1, "a second one"
         sw.wait_shell()
         sw.wait_port("p1", deadline=10.0, up="enable", priority="9" if turn else "255")
-        sw.configure("interface p1", "clock synce enable", "clock synce priority 9", "log file /run/own/log")
+        sw.configure("interface p1", "clock synce enable", "clock synce priority 9", "log file /var/log/own/log")
         sw.t1.send(esmc(PRC))
         sw.wait_clock(source="p1", quality="PRC")
         sw.t1.expect(5, quality=DNU)

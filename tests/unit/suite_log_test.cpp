@@ -1,12 +1,15 @@
 // The log: what a line looks like, and that no sink ever holds the caller up, mixes two lines or loses count.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 
 #include <algorithm>
 #include <ctime>
+#include <filesystem>
 #include <regex>
 #include <sstream>
 
+#include "suite/log/place.h"
 #include "suite/log/sinks.h"
 #include "unit/suite_support.h"
 
@@ -21,12 +24,14 @@ class Log : public Suite {
     Log() {
         log_open("esmcd");
         log_use_sink(LOG_SINK_STDERR, false);
+        log_place_set_root(folder.c_str());
     }
     ~Log() override {
         dup2(stderr_kept, STDERR_FILENO);
         close(stderr_kept);
         log_close();
         log_syslog_set_path("/dev/log");
+        log_place_set_root("/var/log");
     }
     const std::string& line(std::size_t n) const { return said.at(n).second; }
 
@@ -109,22 +114,55 @@ TEST_F(Log, RecentLinesAreTheLastOnesInOrder) {
 TEST_F(Log, FileIsAppendedToAndTheFormerStaysWhenANewOneCannotBeOpened) {
     const std::string path = folder + "/log", other = folder + "/new";
     write_file(path, "before\n");
-    ASSERT_EQ(log_set_file(path.c_str()), 0);
+    ASSERT_EQ(log_set_file(path.c_str()), nullptr);
     log_suite(LOG_LEVEL_INFO, "one");
-    errno = 0;
-    EXPECT_EQ(log_set_file((folder + "/no/such/folder").c_str()), -1);
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_STREQ(log_set_file((folder + "/no/such/folder").c_str()), "No such file or directory");
     memmgr_fail_at(1);
-    EXPECT_EQ(log_set_file(other.c_str()), -1);
-    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_STREQ(log_set_file(other.c_str()), "Out of memory");
     log_suite(LOG_LEVEL_INFO, "two");
     EXPECT_EQ(read_file(path), "before\n" + line(0) + "\n" + line(1) + "\n");
-    ASSERT_EQ(log_set_file(other.c_str()), 0);
+    ASSERT_EQ(log_set_file(other.c_str()), nullptr);
     log_suite(LOG_LEVEL_INFO, "three");
-    EXPECT_EQ(log_set_file(nullptr), 0);
+    EXPECT_EQ(log_set_file(nullptr), nullptr);
     log_suite(LOG_LEVEL_INFO, "four");
     EXPECT_EQ(read_file(other), line(2) + "\n");
     EXPECT_EQ(permissions(other) & ~0640u, 0u);
+}
+
+// Who may use a terminal may not choose what root appends to: /etc/profile.d, a device, another's file.
+TEST_F(Log, FileLiesInItsFolderAndIsNothingButAFile) {
+    namespace fs = std::filesystem;
+    const std::string in = folder + "/in", link = "a part of the path is a symbolic link",
+                      below = "a log file lies below /var/log";
+    fs::create_directories(in + "/sub");
+    log_place_set_root(in.c_str());
+    write_file(folder + "/outside", "");
+    fs::create_directory_symlink(folder, in + "/up");
+    fs::create_symlink(folder + "/outside", in + "/link");
+    fs::create_hard_link(folder + "/outside", in + "/twice");
+    fs::create_symlink(folder + "/made", in + "/dangling");
+    ASSERT_EQ(mkfifo((in + "/fifo").c_str(), 0600), 0);
+    const std::string refused[][2] = {{folder + "/outside", below},
+                                      {in, below},
+                                      {in + "side/x", below},
+                                      {"log", below},
+                                      {in + "/../outside", "not a plain path"},
+                                      {in + "/", "not a plain path"},
+                                      {in + "/up/outside", link},
+                                      {in + "/link", link},
+                                      {in + "/dangling", link},
+                                      {in + "/twice", "the file has other names"},
+                                      {in + "/fifo", "not a regular file"},
+                                      {in + "/sub", "not a regular file"},
+                                      {in + "/fifo/x", "Not a directory"}};
+    for (const auto& [path, why] : refused)
+        EXPECT_EQ(std::string(log_set_file(path.c_str()) ?: "opened"), why) << path;
+    EXPECT_EQ(log_set_file((in + "/sub/x").c_str()), nullptr);
+    // The folder's own path counts as well.
+    const std::string linked = in + "/up";
+    log_place_set_root(linked.c_str());
+    EXPECT_EQ(log_set_file((in + "/up/x").c_str()), link);
+    EXPECT_FALSE(fs::exists(folder + "/made") || fs::exists(folder + "/x"));
 }
 
 // Every line is whole, and what is missing was said. A stream socket takes half a line, too: the rest comes

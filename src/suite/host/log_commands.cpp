@@ -1,6 +1,4 @@
 // The log's commands: where it goes, from which level on, and its last lines.
-#include <cerrno>
-#include <cstring>
 #include <iterator>
 
 #include "suite/host/state.h"
@@ -9,11 +7,11 @@
 namespace {
 
 int log_file(cli* terminal, int, char** argv) {
-    if (log_set_file(argv[0]) == 0) return CLI_SUCCESS;
-    const int error = errno;
-    terminal->out_func(terminal->out_val, "%% Can't open %s: %s\n", argv[0], std::strerror(error));
+    const char* why = log_set_file(argv[0]);
+    if (!why) return CLI_SUCCESS;
+    terminal->out_func(terminal->out_val, "%% Can't open %s: %s\n", argv[0], why);
     // Read from the configuration file, the line's output goes nowhere.
-    log_suite(LOG_LEVEL_WARNING, "log file %s can't be opened: %s", argv[0], std::strerror(error));
+    log_suite(LOG_LEVEL_WARNING, "log file %s can't be opened: %s", argv[0], why);
     return CLI_ERROR;
 }
 

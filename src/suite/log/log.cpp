@@ -188,10 +188,10 @@ void log_set_default_sinks(unsigned sinks) {
     if (!(sinks & LOG_SINK_STDERR)) log_stderr_close();
 }
 
-int log_set_file(const char* path) {
-    if (log_file_open(path) != 0) return -1;
-    log_use_sink(LOG_SINK_FILE, path != nullptr);
-    return 0;
+const char* log_set_file(const char* path) {
+    const char* why = log_file_open(path);
+    if (!why) log_use_sink(LOG_SINK_FILE, path != nullptr);
+    return why;
 }
 
 bool log_level_of(const char* word, int* level) {

@@ -24,9 +24,9 @@ void log_use_sink(log_sink sink, bool on);
 // What the program's mode implies (`log_sink` bits: stderr in the foreground, syslog in daemon mode): used
 // from now on, and not written as configuration.
 void log_set_default_sinks(unsigned sinks);
-// Opens (appends, mode 0640) or, with null, closes the log file. -1 with errno when it can't be opened: the
-// former file stays.
-int log_set_file(const char* path);
+// Opens (appends, mode 0640, below /var/log only) or, with null, closes the log file. Null, or why it can't
+// be opened: the former file stays.
+const char* log_set_file(const char* path);
 void log_set_level(int level);
 bool log_level_of(const char* word, int* level);  // "error", "warning", "info", "debug"
 const char* log_level_word(int level);

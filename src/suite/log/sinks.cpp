@@ -25,6 +25,7 @@
 #include "suite/base/clock.h"
 #include "suite/base/memory.h"
 #include "suite/log/log.h"
+#include "suite/log/place.h"
 
 namespace {
 
@@ -222,32 +223,28 @@ void log_stderr_close() {
     close_error_sink();
 }
 
-int log_file_open(const char* path) {
+const char* log_file_open(const char* path) {
     if (path == nullptr) {
         close_stream(&file_sink, true);
         file_sink.dropped = 0;
         memmgr_free(file_path, MTYPE_LOG);
         file_path = nullptr;
-        return 0;
+        return nullptr;
     }
     const std::size_t size = std::strlen(path) + 1;
     char* copy = static_cast<char*>(memmgr_calloc(size, MTYPE_LOG));
-    if (copy == nullptr) {
-        errno = ENOMEM;
-        return -1;
-    }
-    const int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0640);
+    if (copy == nullptr) return "Out of memory";
+    const char* why = nullptr;
+    const int fd = log_place_open(path, &why);
     if (fd < 0) {
-        const int error = errno;
         memmgr_free(copy, MTYPE_LOG);
-        errno = error;
-        return -1;
+        return why;
     }
     std::memcpy(copy, path, size);
     log_file_open(nullptr);
     file_path = copy;
     file_sink.fd = fd;
-    return 0;
+    return nullptr;
 }
 
 const char* log_file_path() {
