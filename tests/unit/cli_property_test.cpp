@@ -79,7 +79,7 @@ class generator {
     // error is where its own report goes.
     static bool left_out(const std::string& command) {
         for (const char* other : {"exit", "end", "help", "do LINE", "interface IFNAME", "no interface IFNAME",
-                                  "password WORD", "log stderr"})
+                                  "password SECRET", "log stderr"})
             if (command == other) return true;
         return false;
     }

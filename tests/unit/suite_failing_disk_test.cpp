@@ -83,9 +83,9 @@ TEST_F(FailingDisk, SaveInPlaceByAnotherUser) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root";
     EXPECT_EQ(status_of([this] {
                   become_user();
-                  EXPECT_GE(save_after_each(fault::once), 19);
-                  EXPECT_GE(kept_old, 14);
-                  for (fault kind : {fault::cut, fault::killed}) EXPECT_GE(save_after_each(kind), 19);
+                  EXPECT_GE(save_after_each(fault::once), 18);
+                  EXPECT_GE(kept_old, 13);
+                  for (fault kind : {fault::cut, fault::killed}) EXPECT_GE(save_after_each(kind), 18);
                   EXPECT_GE(save_after_each(fault::full), 8);
               }),
               0);

@@ -164,10 +164,27 @@ void keep_name(cli* terminal, const argument_block& arguments) {
     std::snprintf(terminal->name, sizeof terminal->name, "%s", arguments.argv[arguments.argc - 1]);
 }
 
+// Names that are known are not the operator's to choose, and the line behind "do" is looked at word by word.
+bool is_free_word(const cli* terminal, const cli_parsed& parsed, std::size_t k) {
+    const cli_token_kind kind = parsed.command->tokens[parsed.tokens[k]].kind;
+    if (kind == cli_token_kind::word) return true;
+    return kind == cli_token_kind::ifname && !cli_known_interface(terminal, parsed.words[k]);
+}
+
+bool has_plain_words(const cli* terminal, const cli_parsed& parsed) {
+    for (std::size_t k = 0; k < parsed.count; k++)
+        if (is_free_word(terminal, parsed, k) && !cli_is_plain(parsed.words[k])) return false;
+    return true;
+}
+
 cli_result run_parsed(cli_tree* tree, cli* terminal, const cli_parsed& parsed) {
     const cli_command* command = parsed.command;
     if ((command->flags & CLI_FLAG_INTERACTIVE) && !terminal->line) {
         terminal->out_func(terminal->out_val, "%% Only at a terminal\n");
+        return cli_result::failed;
+    }
+    if (!has_plain_words(terminal, parsed)) {
+        terminal->out_func(terminal->out_val, "%% Not allowed in a name: \" $ & ' ( ) ; < > \\ ` |\n");
         return cli_result::failed;
     }
     argument_block arguments;

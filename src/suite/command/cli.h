@@ -5,7 +5,10 @@
 // gives no argument); "<1-255>" is a decimal range; a word in upper case is a parameter:
 //   IFNAME, IFPHYSICAL   the name of an interface (known or not)
 //   WORD                 any one word
+//   SECRET               any one word that is not to be shown (the log, the history, shows of files)
 //   LINE                 the rest of the line
+// Names and words may end up in files: a line whose word a shell would take as more than text (see
+// cli_is_plain) is refused before its handler is called. A SECRET may hold anything, and is not written.
 // argv holds what matched choices, ranges and parameters, in their order; fixed keywords are not passed.
 // Keywords, also those inside choices, may be shortened to what is unambiguous; the handler gets them in
 // full.

@@ -9,6 +9,14 @@
 #include "suite/base/slice.h"
 #include "suite/ports/interface.h"
 
+bool cli_known_interface(const cli* terminal, std::string_view word) {
+    char name[IF_NAME_SIZE];
+    if (!terminal->ifm || word.size() >= sizeof name) return false;
+    std::memcpy(name, word.data(), word.size());
+    name[word.size()] = 0;
+    return if_lookup_by_name(terminal->ifm, name) != nullptr;
+}
+
 namespace {
 
 enum match_rank : std::uint8_t {
@@ -86,14 +94,6 @@ bool in_range(const cli_token& token, std::string_view word) {
     return value >= token.low;
 }
 
-bool known_interface(const cli* terminal, std::string_view word) {
-    char name[IF_NAME_SIZE];
-    if (!terminal->ifm || word.size() >= sizeof name) return false;
-    std::memcpy(name, word.data(), word.size());
-    name[word.size()] = 0;
-    return if_lookup_by_name(terminal->ifm, name) != nullptr;
-}
-
 match_rank match_token(const matcher& m, const cli_token& token, std::size_t k) {
     std::string_view word = m.words->items[k];
     switch (token.kind) {
@@ -105,8 +105,9 @@ match_rank match_token(const matcher& m, const cli_token& token, std::size_t k) 
             return in_range(token, word) ? RANK_VALUE : RANK_NONE;
         case cli_token_kind::ifname:
             if (!is_printable(word, false)) return RANK_NONE;
-            return known_interface(m.terminal, word) ? RANK_VALUE : RANK_NAME;
+            return cli_known_interface(m.terminal, word) ? RANK_VALUE : RANK_NAME;
         case cli_token_kind::word:
+        case cli_token_kind::secret:
             return is_printable(word, false) ? RANK_WORD : RANK_NONE;
         case cli_token_kind::line:
             return is_printable(rest_of_line(*m.words, k), true) ? RANK_LINE : RANK_NONE;
@@ -277,6 +278,82 @@ void cli_parse(const cli_tree* tree, const cli* terminal, std::string_view line,
     }
     out->result = result_of(best);
     if (out->result == cli_result::ok) keep_words(out, best, words);
+}
+
+bool cli_is_plain(std::string_view text) {
+    return is_printable(text, true) && text.find_first_of("\"$&'();<>\\`|") == std::string_view::npos;
+}
+
+namespace {
+
+// What the last of some words is, in all commands that they can be read as the beginning of.
+struct last_word {
+    bool known, secret, rest_of_line;
+};
+
+last_word read_last_word(const cli_tree* tree, const cli* terminal, const word_list& words) {
+    last_word found{};
+    const bool is_plain = cli_is_plain(words.items[words.count - 1]);
+    for (std::int32_t mode : {EXEC_MODE, CONFIG_MODE, INTERFACE_MODE})
+        for_commands(tree, mode, PRIVILEGE_MAX, [&](const cli_command* command) {
+            matcher m{command, terminal, &words};
+            match_command(m, [&](const match_path& path) {
+                const cli_token_kind kind = command->tokens[path.tokens[words.count - 1]].kind;
+                found.known = found.known || is_plain;
+                found.secret = found.secret || kind == cli_token_kind::secret;
+                found.rest_of_line = found.rest_of_line || kind == cli_token_kind::line;
+            });
+        });
+    return found;
+}
+
+// Words that are not known are taken for slips of the pen by their first letters.
+constexpr std::size_t LETTERS = 3;
+
+bool introduces_secret(const cli_tree* tree, std::string_view word) {
+    bool found = false;
+    for (std::int32_t mode : {EXEC_MODE, CONFIG_MODE, INTERFACE_MODE})
+        for_commands(tree, mode, PRIVILEGE_MAX, [&](const cli_command* command) {
+            for (std::size_t i = 0; i < command->count; i++) {
+                const cli_token& token = command->tokens[i];
+                if (!std::string_view(token.text, token.length).starts_with(slice(word, 0, LETTERS)))
+                    continue;
+                for (std::uint64_t left = token.next; left; left &= left - 1)
+                    found = found || command->tokens[std::countr_zero(left)].kind == cli_token_kind::secret;
+            }
+        });
+    return found;
+}
+
+// Of a line that is no command.
+bool may_hold_secret(const cli_tree* tree, const word_list& words) {
+    for (std::size_t k = 0; k < words.count; k++)
+        if (words.items[k].size() >= LETTERS && introduces_secret(tree, words.items[k])) return true;
+    return false;
+}
+
+}  // namespace
+
+cli_visible cli_visible_part(const cli_tree* tree, const cli* terminal, std::string_view line) {
+    const word_list words = split(line);
+    word_list front = words;
+    front.more = false;
+    const char* shown = line.data();
+    for (front.count = 1; front.count <= words.count; front.count++) {
+        const std::string_view word = words.items[front.count - 1];
+        front.end = word.data() + word.size();
+        const last_word last = read_last_word(tree, terminal, front);
+        const auto before = static_cast<std::size_t>(shown - line.data());
+        if (last.secret) return {before, true};
+        if (!last.known && !last.rest_of_line) return {before, may_hold_secret(tree, words)};
+        if (last.rest_of_line) {  // "do": a line of its own
+            const auto start = static_cast<std::size_t>(word.data() - line.data());
+            const cli_visible rest = cli_visible_part(tree, terminal, slice(line, start));
+            return {rest.length ? start + rest.length : before, rest.secret};
+        }
+        shown = front.end;
+    }
+    return {words.more ? static_cast<std::size_t>(shown - line.data()) : line.size(), false};
 }
 
 std::string_view cli_parsed_text(const cli_parsed& parsed, std::size_t k) {

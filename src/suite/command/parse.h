@@ -26,6 +26,21 @@ struct cli_parsed {
 // Parses a line as `terminal` (mode, privilege, interfaces) would run it. `out->words` point into `line`.
 void cli_parse(const cli_tree* tree, const cli* terminal, std::string_view line, cli_parsed* out);
 
+bool cli_known_interface(const cli* terminal, std::string_view word);
+
+// Whether a text means nothing but itself wherever it may be read again, by a shell above all: no control
+// characters, no quotes, none of $ & ( ) ; < > \ ` |.
+bool cli_is_plain(std::string_view text);
+
+// How much of a line may be shown to others: up to the first word that fits no command of a terminal in any
+// of its modes, or may be a secret. Keywords may be shortened, and a line that is refused is often a slip of
+// the pen, so what is not known is not shown.
+struct cli_visible {
+    std::size_t length;  // octets at the line's front
+    bool secret;         // it may hold one
+};
+cli_visible cli_visible_part(const cli_tree* tree, const cli* terminal, std::string_view line);
+
 // What argument `k` of the parsed words is in full: the keyword's whole text, or the word as typed.
 std::string_view cli_parsed_text(const cli_parsed& parsed, std::size_t k);
 // The last argument of an ok line, empty when it has none.

@@ -65,6 +65,8 @@ bool classify(cli_token* t) {
         t->kind = cli_token_kind::ifname;
     else if (text_is(t, "LINE"))
         t->kind = cli_token_kind::line;
+    else if (text_is(t, "SECRET"))
+        t->kind = cli_token_kind::secret;
     else
         t->kind = cli_token_kind::word;
     return true;

@@ -12,7 +12,7 @@
 
 constexpr std::size_t CLI_MAX_TOKENS = 64;
 
-enum class cli_token_kind : std::uint8_t { keyword, range, ifname, word, line };
+enum class cli_token_kind : std::uint8_t { keyword, range, ifname, word, secret, line };
 
 struct cli_token {
     const char* text;  // as written in the command string: "synce", "<1-255>", "IFNAME"

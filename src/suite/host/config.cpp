@@ -4,6 +4,7 @@
 // command can be is refused without being kept in memory.
 #include <fcntl.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -45,11 +46,9 @@ void refuse(const config_reader* r, std::string_view line) {
 }
 
 void keep(config_reader* r, std::string_view name, std::string_view line, const cli_command* command) {
-    // Control characters fit no command, and could not be shown and saved as they are.
-    for (char c : line) {
-        auto octet = static_cast<unsigned char>(c);
-        if (octet == 0x7f || (octet < 0x20 && c != '\t')) return refuse(r, line);
-    }
+    // It will be shown and saved as it is. What is refused here fits no command of an interface.
+    const bool is_secret = cli_visible_part(r->host->ctx->ctree, &r->terminal, line).secret;
+    if (!cli_is_plain(line) || is_secret) return refuse(r, line);
     if (pending_keep(r->host, name, line, r->number, command)) return;
     r->host->lossy = true;
     log_suite(LOG_LEVEL_ERROR, "%s:%u: no memory to keep this line", r->host->config_file, r->number);
@@ -175,17 +174,14 @@ std::uint64_t failed_allocations() {
 
 }  // namespace
 
-void host_log_refused(const host_state* host, std::uint32_t number, std::string_view line) {
+void host_log_refused(host_state* host, std::uint32_t number, std::string_view line) {
     while (!line.empty() && cli_is_blank(line[0])) line.remove_prefix(1);
     while (!line.empty() && cli_is_blank(line.back())) line.remove_suffix(1);
-    if (line.starts_with("password")) line = "password ...";  // may be one in clear
-    char text[LOGGED_MAX + 1];
-    std::size_t length = line.size() < LOGGED_MAX ? line.size() : LOGGED_MAX;
-    std::memcpy(text, line.data(), length);
-    for (std::size_t i = 0; i < length; i++)
-        if (text[i] == 0) text[i] = '?';
-    text[length] = 0;
-    log_suite(LOG_LEVEL_ERROR, "%s:%u: refused: %s%s", host->config_file, number, text,
+    const cli terminal = host_plain_session(host, CONFIG_MODE, nullptr, nullptr);
+    const std::size_t length =
+        std::min(cli_visible_part(host->ctx->ctree, &terminal, line).length, LOGGED_MAX);
+    log_suite(LOG_LEVEL_ERROR, "%s:%u: refused: %.*s%s%s", host->config_file, number,
+              static_cast<int>(length), line.data(), length && length < line.size() ? " " : "",
               length < line.size() ? "..." : "");
 }
 

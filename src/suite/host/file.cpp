@@ -55,11 +55,34 @@ int sync_and_close(int fd, int result) {
     return result;
 }
 
+// What the new file has of the old one. Others never get to read it: it holds the password's hash.
+struct file_rights {
+    mode_t mode;
+    uid_t uid;
+    gid_t gid;
+};
+
+file_rights rights_of(const char* path) {
+    struct stat status {};
+    if (stat(path, &status) != 0) return {0640, geteuid(), getegid()};
+    return {status.st_mode & 0770, status.st_uid, status.st_gid};
+}
+
+// The mode in any case, group and owner as far as the daemon may give files away.
+int set_rights(int fd, const file_rights& rights) {
+    if (rights.gid != getegid()) (void)!fchown(fd, static_cast<uid_t>(-1), rights.gid);
+    if (fchmod(fd, rights.mode) != 0) return -errno;
+    if (rights.uid != geteuid()) (void)!fchown(fd, rights.uid, static_cast<gid_t>(-1));
+    return 0;
+}
+
 // Writes a file that must not exist, with its content safe on the disk. 0 or a negative errno.
-int write_new_file(const char* path, std::string_view text) {
-    const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0640);
+int write_new_file(const char* path, const file_rights& rights, std::string_view text) {
+    const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) return -errno;
-    const int result = sync_and_close(fd, fchmod(fd, 0640) != 0 ? -errno : write_all(fd, text));
+    int result = write_all(fd, text);
+    if (result == 0) result = set_rights(fd, rights);
+    result = sync_and_close(fd, result);
     if (result != 0) (void)unlink(path);  // what is left of it is of no use; the error is reported
     return result;
 }
@@ -76,7 +99,7 @@ int sync_directory(const char* path) {
 int replace_by_name(const file_names& names, std::string_view text) {
     // Left behind by a save that was cut off.
     if (unlink(names.spare) != 0 && errno != ENOENT) return -errno;
-    int result = write_new_file(names.spare, text);
+    int result = write_new_file(names.spare, rights_of(names.target), text);
     if (result != 0) return result;
     if (rename(names.spare, names.target) != 0) {
         result = -errno;
@@ -108,7 +131,10 @@ int fill_spare(const file_names& names, std::string_view text) {
 int fill_target(const file_names& names, std::string_view text) {
     const int fd = open_existing(names.target, 0);
     if (fd < 0) return fd;
-    return sync_and_close(fd, fchmod(fd, 0640) != 0 ? -errno : overwrite(fd, text));
+    struct stat status {};
+    const bool is_closed = fstat(fd, &status) == 0 && !(status.st_mode & 07);
+    const int result = is_closed || fchmod(fd, status.st_mode & 0770) == 0 ? overwrite(fd, text) : -errno;
+    return sync_and_close(fd, result);
 }
 
 // The spare's text without the line at its end; false when it is not whole, or not there.

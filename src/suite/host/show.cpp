@@ -1,13 +1,17 @@
 // The platform's show commands. They read what the other units count; nothing here changes anything.
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <iterator>
 
 #include "suite/base/memory.h"
+#include "suite/base/slice.h"
+#include "suite/command/parse.h"
 #include "suite/host/state.h"
 #include "suite/loop/thread.h"
 #include "suite/ports/interface.h"
 #include "suite/ports/slow_socket.h"
+#include "suite/terminal/password.h"
 
 namespace {
 
@@ -16,13 +20,35 @@ int show_running(cli* terminal, int, char**) {
     return CLI_SUCCESS;
 }
 
-// The file as it is, but for octets that no terminal should get: they come as "?".
-void print_octets(cli* terminal, const text_buffer& text) {
+bool is_hash_line(const cli* terminal, std::string_view line) {
+    cli_parsed parsed;
+    cli_parse(terminal->zg->ctree, terminal, line, &parsed);
+    return parsed.result == cli_result::ok && parsed.count == 3 &&
+           cli_parsed_text(parsed, 1) == "encrypted" && password_is_hash(parsed.words[2]);
+}
+
+void print_line(cli* terminal, std::string_view line, std::size_t mark) {
+    const cli config = host_plain_session(terminal->zg->host, CONFIG_MODE, nullptr, nullptr);
+    const std::string_view content = slice(line, mark);
+    const cli_visible visible = cli_visible_part(terminal->zg->ctree, &config, content);
+    const bool whole = !visible.secret || is_hash_line(&config, content);
+    const auto shown = static_cast<int>(whole ? line.size() : mark + visible.length);
+    terminal->out_func(terminal->out_val, "%.*s%s", shown, line.data(), whole ? "" : " ...\n");
+}
+
+// The file's lines as they are, behind the `mark` octets that a difference puts in front. But octets that no
+// terminal should get come as "?", and a password in clear, which only a file that was written by hand has,
+// is left out.
+void print_lines(cli* terminal, const text_buffer& text, std::size_t mark) {
     for (std::size_t i = 0; i < text.length; i++) {
         auto octet = static_cast<unsigned char>(text.data[i]);
         if ((octet < 0x20 && octet != '\n' && octet != '\t') || octet == 0x7f) text.data[i] = '?';
     }
-    terminal->out_func(terminal->out_val, "%s", text.c_str());
+    for (std::string_view rest = text.view(); !rest.empty();) {
+        const std::size_t end = std::min(rest.find('\n'), rest.size() - 1) + 1;
+        print_line(terminal, slice(rest, 0, end), mark);
+        rest.remove_prefix(end);
+    }
 }
 
 int show_startup(cli* terminal, int, char**) {
@@ -31,7 +57,7 @@ int show_startup(cli* terminal, int, char**) {
     text_buffer text;
     int result = host_read_file(path, &text);
     if (result == 0)
-        print_octets(terminal, text);
+        print_lines(terminal, text, 0);
     else if (result == -ENOENT)
         terminal->out_func(terminal->out_val, "%% No startup configuration\n");
     else
@@ -50,7 +76,7 @@ int show_diff(cli* terminal, int, char**) {
         terminal->out_func(terminal->out_val, "%% Out of memory\n");
         good = false;
     }
-    if (good) print_octets(terminal, out);
+    if (good) print_lines(terminal, out, 1);
     text_free(&before);
     text_free(&now);
     text_free(&out);

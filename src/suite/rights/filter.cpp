@@ -128,6 +128,10 @@ constexpr std::uint32_t ALLOWED[] = {
     __NR_ftruncate,
     __NR_fallocate,
     __NR_fchmod,
+    __NR_fchown,
+#ifdef __NR_fchown32
+    __NR_fchown32,
+#endif
     __NR_fchmodat,
     __NR_fstat,
     __NR_readlinkat,

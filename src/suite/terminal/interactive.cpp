@@ -87,16 +87,11 @@ void show_output(session* s, std::size_t start) {
     release_lines(s, page - 1);
 }
 
-// Lines that hold a password in clear stay out of the history.
-bool is_secret(std::string_view line) {
-    line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
-    return line.starts_with("pas");
-}
-
 void run_line(session* s) {
     std::string_view line = line_editor_text(s->editor);
     if (s->stage == session_stage::password) return tcp_password_line(s, line);
-    if (!is_secret(line)) line_editor_remember(s->editor, line);
+    // Lines that may hold a password stay out of the history.
+    if (!cli_visible_part(s->ctx->ctree, &s->c, line).secret) line_editor_remember(s->editor, line);
     std::size_t start = s->out.length;
     s->running = true;
     (void)cli_run_line(s->ctx->ctree, &s->c, line);  // it has said itself what went wrong

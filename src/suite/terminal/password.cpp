@@ -178,9 +178,8 @@ bool password_hash_now(std::string_view clear, char (&hash)[PASSWORD_HASH_SIZE])
 
 bool password_is_hash(std::string_view text) {
     if (text.size() < 13 || text.size() >= PASSWORD_HASH_SIZE || text[0] != '$') return false;
-    for (char c : text)
-        if (c <= ' ' || c > '~' || c == ':' || c == ';' || c == '*' || c == '!' || c == '\\') return false;
-    return true;
+    return text.find_first_not_of("./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz$,=+-_") ==
+           std::string_view::npos;
 }
 
 bool password_supported() {

@@ -98,7 +98,7 @@ int no_terminal_monitor(cli* terminal, int, char**) {
 
 const cli_element config_commands[] = {
     {"hostname WORD", hostname},          {"no hostname", no_hostname},
-    {"password WORD", password},          {"password encrypted WORD", password_encrypted},
+    {"password SECRET", password},        {"password encrypted SECRET", password_encrypted},
     {"no password", no_password},         {"exec-timeout <0-35791>", exec_timeout},
     {"no exec-timeout", no_exec_timeout},
 };
@@ -115,9 +115,9 @@ const cli_help help_texts[] = {
     {"", "exec-timeout", "Minutes after which an idle terminal is closed (default 10)"},
     {"exec-timeout", "<0-35791>", "Minutes; 0: never"},
     {"", "password", "Password of the TCP terminal"},
-    {"password", "WORD", "The password; its hash is kept"},
+    {"password", "SECRET", "The password; its hash is kept"},
     {"password", "encrypted", "Give the hash itself"},
-    {"password encrypted", "WORD", "Hash, as the running configuration shows it"},
+    {"password encrypted", "SECRET", "Hash, as the running configuration shows it"},
     {"", "terminal", "Settings of this terminal"},
     {"terminal", "length", "Lines of a page (default: the window)"},
     {"terminal length", "<0-512>", "Lines; 0: no pages"},
