@@ -1,10 +1,12 @@
-// No PDU is sent and no selection is run here: a changed quality goes out with each port's next information
-// PDU.
+// No PDU is sent and, but for the loop guard, no selection is run here: a changed quality goes out with each
+// port's next information PDU.
 #include "core/feedback.h"
 
 #include "core/debug.h"
 #include "core/opts.h"
 #include "core/ports.h"
+#include "core/ql.h"
+#include "core/select.h"
 
 namespace {
 
@@ -49,7 +51,10 @@ void ssm_clock_state_recv(const nsm_clock_state_message* message) {
 
     if (!g_s_master->global_enable || !g_s_master->ssm_enable) return;
     if (message->state == SSM_DPLL_HOLDOVER)
-        g_s_master->current_quality = g_s_master->ql_option == SSM_OPTION_2 ? QL_EEC2 : QL_EEC1;
+        g_s_master->current_quality = ssm_holdover_quality();
     else if (message->state == SSM_DPLL_FREERUN)
         g_s_master->current_quality = g_s_master->local_quality;
+    // Who waits for our clock shall not wait for our next PDU as well.
+    else if (locked && ssm_guard_in_force())
+        ssm_clock_select();
 }

@@ -5,22 +5,17 @@
 #include "core/select.h"
 #include "core/timers.h"
 
-namespace {
-
-std::uint64_t events = 0;
-std::uint64_t settled_in = 0;
-
-}  // namespace
-
 int ssm_run_event(thread* event) {
     // What a port sends, once a second each, is nothing that selection looks at.
-    if (event->func != ssm_pdu_sync_trigger) ++events;
-    return thread_call(event);
+    if (event->func != ssm_pdu_sync_trigger) ++g_s_master->events;
+    const int result = thread_call(event);
+    if (g_s_master->guard.enable && g_s_master->ssm_extend) ssm_guard_after_event();
+    return result;
 }
 
 void ssm_select_after_pdu(bool repeated) {
-    const bool stands = repeated && settled_in + 1 == events;
-    settled_in = events;
+    const bool stands = repeated && g_s_master->settled_in + 1 == g_s_master->events;
+    g_s_master->settled_in = g_s_master->events;
     // Who debugs wants to hear of each run why ports are refused.
     if (!stands || ssm_debugging(SSM_DEBUG_EVENT)) ssm_clock_select();
 }

@@ -15,6 +15,9 @@ std::int32_t ssm_opts_set_local_quality(std::uint32_t quality,
                                         std::uint8_t option);      // or SSM_CLI_E_OPTION_COLLISION
 std::int32_t ssm_opts_set_local_priority(std::uint32_t priority);  // modulo 256; 255: not configured
 std::int32_t ssm_opts_set_device_type(std::uint32_t type);
+std::int32_t ssm_opts_set_loop_guard(std::uint32_t on);
+std::int32_t ssm_opts_set_guard_hold(std::uint32_t milliseconds);  // or SSM_CLI_E_INVALID_INPUT
+std::int32_t ssm_opts_set_guard_hops(std::uint32_t hops);          // or SSM_CLI_E_INVALID_INPUT
 std::int32_t ssm_opts_set_e1_quality(const char* token);  // or SSM_CLI_E_QL_OPTION1, SSM_CLI_E_QL_OPTION2
 
 // One port. SSM_CLI_E_INVALID_IF for an interface that is not usable or has no port record.

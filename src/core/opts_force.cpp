@@ -6,6 +6,7 @@
 #include "core/opts.h"
 #include "core/pdu.h"
 #include "core/ports.h"
+#include "core/ql.h"
 #include "core/result.h"
 #include "core/select.h"
 
@@ -13,11 +14,6 @@ namespace {
 
 bool ssm_runs() {
     return g_s_master->global_enable && g_s_master->ssm_enable;
-}
-
-// The quality of this switch's own oscillator, which holds the last frequency.
-std::uint32_t holdover_quality() {
-    return g_s_master->ql_option == SSM_OPTION_1 ? QL_EEC1 : QL_EEC2;
 }
 
 // A port that has a time-out running, or an operator's word for its quality, can still serve.
@@ -102,7 +98,7 @@ void ssm_opts_no_source() {
     if (g_s_master->force_port || !ssm_runs())
         g_s_master->current_quality = QL_DNU;
     else
-        g_s_master->current_quality = holdover_quality();
+        g_s_master->current_quality = ssm_holdover_quality();
     g_s_master->selected_port = nullptr;
     (void)ssm_opts_set_holdover(1);  // says when it is on already
 }

@@ -92,6 +92,7 @@ std::int32_t ssm_opts_set_ssm_enable(std::uint32_t on) {
 
 std::int32_t ssm_opts_set_ssm_extend(std::uint32_t on) {
     g_s_master->ssm_extend = on;
+    if (g_s_master->guard.enable) ssm_guard_restart();
     return SSM_OK;
 }
 
@@ -130,6 +131,26 @@ std::int32_t ssm_opts_set_device_type(std::uint32_t type) {
         enter_master_only();
     else
         enter_selecting_role();
+    return SSM_OK;
+}
+
+std::int32_t ssm_opts_set_loop_guard(std::uint32_t on) {
+    if (g_s_master->guard.enable == on) return SSM_OK;
+    g_s_master->guard.enable = on;
+    ssm_guard_restart();
+    return SSM_OK;
+}
+
+std::int32_t ssm_opts_set_guard_hold(std::uint32_t milliseconds) {
+    if (milliseconds < SSM_GUARD_HOLD_MIN || milliseconds > SSM_GUARD_HOLD_MAX)
+        return SSM_CLI_E_INVALID_INPUT;
+    g_s_master->guard.hold_ms = milliseconds;
+    return SSM_OK;
+}
+
+std::int32_t ssm_opts_set_guard_hops(std::uint32_t hops) {
+    if (hops < SSM_GUARD_HOPS_MIN || hops > SSM_GUARD_HOPS_MAX) return SSM_CLI_E_INVALID_INPUT;
+    g_s_master->guard.hops = hops;
     return SSM_OK;
 }
 

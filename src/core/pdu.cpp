@@ -10,6 +10,7 @@
 #include "core/loop.h"
 #include "core/opts.h"
 #include "core/ports.h"
+#include "core/ql.h"
 #include "core/socket.h"
 #include "core/timers.h"
 
@@ -22,26 +23,37 @@ namespace {
 constexpr std::uint8_t ITU_OUI[3] = {0x00, 0x19, 0xA7};
 constexpr std::uint16_t ITU_SUBTYPE_ESMC = 1;
 
-// A clock identity made from a MAC address has 0xFF there, and a port that never received one has zero.
-constexpr std::size_t CLOCK_ID_MARK = 3;
-
 // Whose identity goes out: the source's own, or ours where there is none to pass on or we are to replace it.
 const std::uint8_t* clock_id_to_send(const ssm_port* source) {
-    if (!source) {
+    const bool passed_on = source && !source->replace_clockid && ssm_clock_id_named(source->recv_clockid);
+    return passed_on ? source->recv_clockid : g_s_master->clock_id;
+}
+
+void trace_clock_id(const ssm_port* source) {
+    if (!source)
         SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG, "%s%snot select any port, send device's clockid");
-        return g_s_master->clock_id;
-    }
-    if (source->replace_clockid) {
+    else if (source->replace_clockid)
         SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG,
                   "%s%sssm_pdu_format_ssmdu: Sending replaced clockid on port %s", source->intf->name);
-        return g_s_master->clock_id;
-    }
-    SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG,
-              "%s%sssm_pdu_format_ssmdu: send selected received clockid of port %s", source->intf->name);
-    return source->recv_clockid[CLOCK_ID_MARK] ? source->recv_clockid : g_s_master->clock_id;
+    else
+        SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG,
+                  "%s%sssm_pdu_format_ssmdu: send selected received clockid of port %s", source->intf->name);
+}
+
+// A count that began again at 0 would be the nearest of all: with the guard it stays at its end.
+std::uint8_t hops_to_send(const ssm_port* source) {
+    if (!source) return 0;
+    if (source->recv_hop_count == SSM_HOPS_MAX && ssm_guard_in_force()) return SSM_HOPS_MAX;
+    return static_cast<std::uint8_t>(source->recv_hop_count + 1);
 }
 
 }  // namespace
+
+void ssm_pdu_identity(std::uint8_t* clock_id, std::uint8_t* hops) {
+    const ssm_port* source = g_s_master->selected_port;
+    std::memcpy(clock_id, clock_id_to_send(source), SSM_CLOCK_ID_SIZE);
+    *hops = hops_to_send(source);
+}
 
 std::int32_t ssm_pdu_format_ssmdu(std::uint8_t* buffer, std::uint32_t information) {
     if (!buffer) return -1;
@@ -57,11 +69,10 @@ std::int32_t ssm_pdu_format_ssmdu(std::uint8_t* buffer, std::uint32_t informatio
     pdu[esmc::QUALITY] = static_cast<std::uint8_t>(g_s_master->current_quality);
     if (!g_s_master->ssm_extend) return 0;
 
-    const ssm_port* source = g_s_master->selected_port;
     pdu[esmc::EXT_TLV_TYPE] = esmc::TYPE_EXT;
     put_be16(pdu, esmc::EXT_TLV_LENGTH, esmc::LENGTH_EXT);
-    std::memcpy(&pdu[esmc::CLOCK_ID], clock_id_to_send(source), SSM_CLOCK_ID_SIZE);
-    pdu[esmc::HOP] = source ? static_cast<std::uint8_t>(source->recv_hop_count + 1) : std::uint8_t{0};
+    trace_clock_id(g_s_master->selected_port);
+    ssm_pdu_identity(&pdu[esmc::CLOCK_ID], &pdu[esmc::HOP]);
     return 0;
 }
 
@@ -156,6 +167,8 @@ std::int32_t ssm_pdu_tx(ssm_port* port, std::uint32_t information) {
     apply_port_overrides(port, &quality);
 
     port->send_quality = quality;
+    if (ssm_guard_in_force())
+        ssm_guard_sending(&ssm_pdu_buf[esmc::CLOCK_ID], ssm_pdu_buf[esmc::HOP], quality);
     SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG, "%s%sssm_pdu_tx: Sending ssm pdu on port %s",
               port->intf->name);
     if (ssm_debugging(SSM_DEBUG_PACKET)) ssm_pdu_dump(ssm_pdu_buf);
@@ -166,12 +179,48 @@ std::int32_t ssm_pdu_tx(ssm_port* port, std::uint32_t information) {
     return send_ssm(to, ssm_pdu_buf, sizeof ssm_pdu_buf);
 }
 
-std::int32_t ssm_pdu_tx_all() {
+namespace {
+
+int send_held_back(thread* event) {
+    auto* port = static_cast<ssm_port*>(event->arg);
+    port->event_timer = nullptr;
+    port->event_credit += SSM_EVENT_PERIOD;
+    (void)ssm_pdu_tx(port, 0);
+    if (ssm_guard_in_force()) ssm_guard_sent_late();
+    return 0;
+}
+
+// Takes one event PDU from what the port has earned, or sees to it that one leaves when it has earned it.
+bool may_send_event(ssm_port* port) {
+    const std::uint32_t burst = ssm_guard_in_force() ? SSM_EVENT_BURST_GUARDED : SSM_EVENT_BURST;
+    const nanoseconds now = thread_now(g_p_esmcd), credit = std::max(port->event_credit, now);
+    const nanoseconds allowed = now + (burst - 1) * SSM_EVENT_PERIOD;
+    if (credit <= allowed && !port->event_timer) {
+        port->event_credit = credit + SSM_EVENT_PERIOD;
+        return true;
+    }
+    slow_socket_count_held_back(port->ifindex);
+    if (port->event_timer) return false;
+    const auto wait = static_cast<std::uint32_t>((credit - allowed + NS_PER_MS - 1) / NS_PER_MS);
+    port->event_timer = ssm_timer_add_msec(send_held_back, port, wait);
+    return port->event_timer == nullptr;  // without memory for a timer it had better leave now
+}
+
+}  // namespace
+
+void ssm_pdu_tx_events() {
     const slow_sending_together together;
     ssm_port_walk([](ssm_port* port) {
-        if (port->send_timer)
+        if (port->send_timer && may_send_event(port))
             (void)ssm_pdu_tx(port, 0);  // one port's error is counted at the socket and stops no other
     });
+}
+
+std::int32_t ssm_pdu_tx_all() {
+    if (ssm_guard_in_force())
+        g_s_master->guard.tell = true;
+    else
+        ssm_pdu_tx_events();
     return 0;
 }
 

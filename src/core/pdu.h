@@ -49,8 +49,18 @@ void ssm_pdu_dump(const std::uint8_t* pdu);
 // Builds, decides and sends one PDU. The result of send_ssm; 0 when a force switch leaves nothing to
 // advertise; -1 when the PDU could not be built. send_quality is the quality sent, or 3.
 std::int32_t ssm_pdu_tx(ssm_port* port, std::uint32_t information);
-// An event PDU on every transmitting port. 0.
+// An event PDU on every transmitting port; with the loop guard at the end of the event, once for all that
+// changes in it. 0.
 std::int32_t ssm_pdu_tx_all();
+// The same now. What a port has not earned is held back: it leaves as soon as it may, with what is true by
+// then. (A slow protocol sends ten PDUs a second; selections that chase each other round a loop would send
+// thousands.)
+void ssm_pdu_tx_events();
+constexpr nanoseconds SSM_EVENT_PERIOD = NS_PER_S / 10;
+constexpr std::uint32_t SSM_EVENT_BURST = 500, SSM_EVENT_BURST_GUARDED = 20;
+
+// The identity (8 octets) and the hop count that PDUs carry with the extension.
+void ssm_pdu_identity(std::uint8_t* clock_id, std::uint8_t* hops);
 // 1 when a port is selected and is in this DNU group.
 std::int32_t ssm_dnu_group_has_selected(std::uint8_t group);
 

@@ -5,8 +5,6 @@
 
 #include "core/result.h"
 
-ssm_record_block* ssm_record_blocks = nullptr;
-
 namespace {
 
 ssm_record_block* new_block() {
@@ -14,7 +12,7 @@ ssm_record_block* new_block() {
     if (!block) return nullptr;
     block->end = block->records;
     // At the end: the records are walked in the order in which they were made.
-    ssm_record_block** last = &ssm_record_blocks;
+    ssm_record_block** last = &g_s_master->record_blocks;
     while (*last) last = &(*last)->next;
     return *last = block;
 }
@@ -29,7 +27,7 @@ ssm_port* free_place(ssm_record_block* block) {
 }  // namespace
 
 ssm_port* ssm_record_take(interface* intf) {
-    ssm_record_block* block = ssm_record_blocks;
+    ssm_record_block* block = g_s_master->record_blocks;
     ssm_port* port = nullptr;
     for (; block; block = block->next)
         if ((port = free_place(block))) break;
@@ -45,7 +43,7 @@ ssm_port* ssm_record_take(interface* intf) {
 
 void ssm_record_give_back(ssm_port* port) {
     *port = {};
-    for (ssm_record_block** at = &ssm_record_blocks; *at;) {
+    for (ssm_record_block** at = &g_s_master->record_blocks; *at;) {
         ssm_record_block* block = *at;
         while (block->end != block->records && !block->end[-1].intf) --block->end;
         if (block->end != block->records) {

@@ -38,7 +38,6 @@ struct ssm_record_block {
     ssm_port* end;  // behind the last record that is taken
     ssm_port records[16];
 };
-extern ssm_record_block* ssm_record_blocks;
 
 // A zeroed record for this interface; null when memory is exhausted.
 [[nodiscard]] ssm_port* ssm_record_take(interface* intf);
@@ -49,7 +48,7 @@ void ssm_record_give_back(ssm_port* port);
 // configured.
 template <typename Visit>
 inline void ssm_record_walk(Visit&& visit) {
-    for (ssm_record_block* block = ssm_record_blocks; block; block = block->next)
+    for (ssm_record_block* block = g_s_master->record_blocks; block; block = block->next)
         for (ssm_port* port = block->records; port != block->end; ++port) visit(port);
 }
 

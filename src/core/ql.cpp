@@ -96,6 +96,14 @@ std::int32_t ssm_ql_parse(const char* token, std::uint16_t* code) {
     return option_1() ? SSM_CLI_E_QL_OPTION1 : SSM_CLI_E_QL_OPTION2;
 }
 
+std::uint8_t ssm_holdover_quality() {
+    return g_s_master->ql_option == SSM_OPTION_1 ? QL_EEC1 : QL_EEC2;
+}
+
+bool ssm_clock_id_named(const std::uint8_t* id) {
+    return id[3] != 0;
+}
+
 bool ssm_ql_receivable(std::uint8_t code) {
     const std::uint16_t receivable = option_1() ? OPTION_1_RECEIVABLE : OPTION_2_RECEIVABLE;
     return code <= QL_DNU && (receivable >> code & 1) != 0;

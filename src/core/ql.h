@@ -11,6 +11,8 @@ const char* ssm_ql_to_token(std::uint32_t code);                    // command t
 // Token to code under the option in force; -49995 or -49994 when the option does not know it (then *code is
 // untouched).
 [[nodiscard]] std::int32_t ssm_ql_parse(const char* token, std::uint16_t* code);
+// Of this switch's own oscillator, which holds the last frequency.
+std::uint8_t ssm_holdover_quality();
 // Whether a received PDU may carry it under the option in force.
 bool ssm_ql_receivable(std::uint8_t code);
 
@@ -28,4 +30,6 @@ const char* ssm_selected_source_str();
 const char* ssm_port_name(const ssm_port* port);  // null when the port or its interface is absent
 // These two share one static buffer of 64 octets: valid until the next call of either.
 const char* ssm_num_or_na_str(std::int32_t number);
+// An identity made from a MAC address has a mark in the middle; without it the sender named none.
+bool ssm_clock_id_named(const std::uint8_t* id);
 const char* ssm_clock_id_str(const std::uint8_t* id);

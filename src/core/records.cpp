@@ -26,6 +26,7 @@ std::int32_t ssm_master_init() {
     g_s_master->freerun = 1;
     g_s_master->dpll_state = SSM_DPLL_FREERUN;
     g_s_master->e1_quality = QL_NONE;
+    ssm_guard_init(&g_s_master->guard);
     return SSM_OK;
 }
 

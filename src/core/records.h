@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/guard.h"
 #include "suite/base/context.h"
 #include "suite/base/memory.h"
 #include "suite/loop/thread.h"
@@ -47,10 +48,11 @@ enum ssm_gephy_role : std::uint32_t { SSM_GEPHY_MASTER = 1, SSM_GEPHY_SLAVE = 2 
 constexpr std::uint8_t SSM_PRIORITY_NONE = 255;  // not configured
 constexpr std::uint32_t SSM_IFINDEX_E1 =
     9999;  // stands for the E1/BITS input where an interface index names a source
-constexpr std::size_t SSM_CLOCK_ID_SIZE = 8;       // EUI-64
 constexpr std::uint8_t SSM_SKIP_NEXT_DOWN = 0x01;  // ssm_port.event_skip
 
 struct ssm_port;
+struct slow_address;
+struct ssm_record_block;  // ports.h
 
 struct ssm_master {
     std::uint8_t clock_id[SSM_CLOCK_ID_SIZE];  // from the bridge's MAC address
@@ -76,6 +78,10 @@ struct ssm_master {
     std::uint32_t gephy_manual_count;  // ports whose role was set by command
     std::uint32_t gephy_dynamic;       // selection sets the role of the selected port
     interface* gephy_dynamic_intf;     // the interface that selection made slave
+    ssm_record_block* record_blocks;   // the records of all ports
+    std::uint64_t events;              // that ran, and in which of them a PDU last left the choice settled
+    std::uint64_t settled_in;
+    ssm_guard guard;
 };
 
 // The records of all ports lie together (ports.h), and what selection reads of each comes first, in one line
@@ -102,10 +108,15 @@ struct ssm_port {
     std::uint8_t logged_clockid[SSM_CLOCK_ID_SIZE];  // that this port replaces, as the log has it
     std::uint32_t gephy_role_enable;
     std::uint32_t gephy_role;
-    thread* timeout_timer;  // null: not running
-    thread* send_timer;     // null: not running; set: a transmitting port
+    thread* timeout_timer;         // null: not running
+    thread* send_timer;            // null: not running; set: a transmitting port
+    thread* event_timer;           // null: no event PDU is held back
+    nanoseconds event_credit;      // when the port will have earned the event PDUs that it has sent
+    nanoseconds guard_refused_at;  // the loop guard refuses what is offered here, since then; 0: it does not
 };
 
+// These three lead to everything that one switch keeps from one event to the next. Whoever runs many switches
+// in one process changes them between events.
 extern ssm_master* g_s_master;
 extern lib_globals* g_p_esmcd;
 
@@ -114,6 +125,8 @@ struct ssm_instance_record {
     struct nsm_client* nsm_client;
     lib_globals* lib_ctx;
     thread* t_read;  // the pending read, or null
+    // Where PDUs go in place of the socket when many switches run in one process; else null. As send_ssm.
+    std::int32_t (*send_edge)(const slow_address& to, const std::uint8_t* data, std::size_t length);
 };
 extern ssm_instance_record* ssm_instance;
 

@@ -163,6 +163,24 @@ ssm_refusal check_port(const ssm_port* port, ssm_rule rule) {
     return ssm_refusal::none;
 }
 
+bool guarded(ssm_rule rule) {
+    return rule == ssm_rule::extension && g_s_master->guard.enable;
+}
+
+ssm_refusal refusal_of(ssm_guard_verdict verdict) {
+    switch (verdict) {
+        case ssm_guard_verdict::follow:
+            break;
+        case ssm_guard_verdict::too_many_hops:
+            return ssm_refusal::too_many_hops;
+        case ssm_guard_verdict::own_holdover_as_good:
+            return ssm_refusal::own_holdover_as_good;
+        case ssm_guard_verdict::may_lead_back:
+            return ssm_refusal::may_lead_back;
+    }
+    return ssm_refusal::none;
+}
+
 // The port with replace-clockid that received this identity, or null.
 ssm_port* replacing_port(const std::uint8_t* clockid) {
     ssm_port* found = nullptr;
@@ -193,7 +211,8 @@ ssm_port* replacing_port(const std::uint8_t* clockid) {
 }
 
 // The best port that says nothing against itself, among those that rank no better than `floor`; null: none.
-ssm_port* best_from(port_rank floor, ssm_rule rule, port_rank* rank_found) {
+// Whether the guard refused one that would be better is added to *refused.
+ssm_port* best_from(port_rank floor, ssm_rule rule, port_rank* rank_found, bool* refused) {
     const port_rank mask = mask_of(rule);
     ssm_port* best = nullptr;
     port_rank best_rank = UINT64_MAX;
@@ -202,6 +221,10 @@ ssm_port* best_from(port_rank floor, ssm_rule rule, port_rank* rank_found) {
         if (rank >= best_rank) [[likely]]
             return;
         if (rank < floor || check_port(port, rule) != ssm_refusal::none) return;
+        if (guarded(rule) && ssm_guard_judge(port) != ssm_guard_verdict::follow) {
+            *refused = true;
+            return;
+        }
         best = port;
         best_rank = rank;
     });
@@ -213,8 +236,9 @@ ssm_port* best_from(port_rank floor, ssm_rule rule, port_rank* rank_found) {
 
 ssm_refusal ssm_candidate_check(const ssm_port* port, ssm_rule rule) {
     const ssm_refusal refusal = check_port(port, rule);
-    if (refusal != ssm_refusal::none || rule != ssm_rule::extension || port->replace_clockid) return refusal;
-    return replacing_port(port->recv_clockid) ? ssm_refusal::replaced_clock_id : ssm_refusal::none;
+    if (refusal != ssm_refusal::none || rule != ssm_rule::extension) return refusal;
+    if (!port->replace_clockid && replacing_port(port->recv_clockid)) return ssm_refusal::replaced_clock_id;
+    return guarded(rule) ? refusal_of(ssm_guard_judge(port)) : ssm_refusal::none;
 }
 
 std::int32_t ssm_replace_clockid_seen(const std::uint8_t* clockid) {
@@ -232,13 +256,22 @@ std::int32_t ssm_replace_clockid_seen(const std::uint8_t* clockid) {
     return 1;
 }
 
-ssm_port* ssm_best_candidate(ssm_rule rule) {
+namespace {
+
+ssm_port* best_candidate(ssm_rule rule, bool* refused) {
     port_rank rank = 0;
-    ssm_port* best = best_from(0, rule, &rank);
+    ssm_port* best = best_from(0, rule, &rank, refused);
     if (rule != ssm_rule::extension) return best;
     while (best && !best->replace_clockid && ssm_replace_clockid_seen(best->recv_clockid))
-        best = best_from(rank + 1, rule, &rank);
+        best = best_from(rank + 1, rule, &rank, refused);
     return best;
+}
+
+}  // namespace
+
+ssm_port* ssm_best_candidate(ssm_rule rule) {
+    bool refused = false;
+    return best_candidate(rule, &refused);
 }
 
 const char* ssm_refusal_text(ssm_refusal refusal) {
@@ -259,6 +292,12 @@ const char* ssm_refusal_text(ssm_refusal refusal) {
             return "own clock";
         case ssm_refusal::replaced_clock_id:
             return "replaced clockid";
+        case ssm_refusal::too_many_hops:
+            return "too many hops";
+        case ssm_refusal::own_holdover_as_good:
+            return "own holdover as good";
+        case ssm_refusal::may_lead_back:
+            return "may lead back here";
     }
     return "unknown";
 }
@@ -309,7 +348,10 @@ void no_candidate() {
 ssm_port* choose() {
     const ssm_rule rule = g_s_master->ssm_extend ? ssm_rule::extension : ssm_rule::quality;
     if (ssm_debugging(SSM_DEBUG_EVENT)) log_refusals(rule);
-    return ssm_best_candidate(rule);
+    bool refused = false;
+    ssm_port* best = best_candidate(rule, &refused);
+    if (guarded(rule)) ssm_guard_selected(best != nullptr, refused);
+    return best;
 }
 
 void switch_without_ssm(ssm_port* port) {

@@ -20,6 +20,10 @@ enum class ssm_refusal : std::uint8_t {
     received_dnu,
     own_clock_id,       // extension: the port receives this switch's own clock back
     replaced_clock_id,  // extension: a port with replace-clockid receives the same identity
+    // The loop guard's:
+    too_many_hops,
+    own_holdover_as_good,
+    may_lead_back,
 };
 ssm_refusal ssm_candidate_check(const ssm_port* port, ssm_rule rule = ssm_rule_in_force());
 const char* ssm_refusal_text(ssm_refusal refusal);  // one or a few words, never null

@@ -9,6 +9,7 @@
 #include "core/pdu.h"
 #include "core/ports.h"
 #include "core/ql.h"
+#include "core/select.h"
 
 const std::uint8_t ssm_grp_addr[6] = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x02};
 
@@ -32,6 +33,7 @@ void close_ssm() {
 }
 
 std::int32_t send_ssm(const slow_address& to, const std::uint8_t* data, std::size_t length) {
+    if (ssm_instance->send_edge) return ssm_instance->send_edge(to, data, length);
     if (ssm_instance->sock < 0) {
         SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_WARNING, "%s%s%s: ssm socket is not open", "send_ssm");
         return -1;
@@ -70,10 +72,13 @@ void refuse_quality(ssm_port* port, std::uint8_t quality) {
     if (quality != QL_DNU) return;
     port->recv_pdu = 1;
     port->recv_quality = QL_DNU;
+    // Without the guard the next PDU that is accepted does it.
+    if (port == g_s_master->selected_port && ssm_guard_in_force()) ssm_clock_select();
 }
 
-// Takes one received frame; what recv_ssm returns for it.
-int take_frame(const slow_address& from, const std::uint8_t* pdu, std::size_t length) {
+}  // namespace
+
+int ssm_take_frame(const slow_address& from, const std::uint8_t* pdu, std::size_t length) {
     if (length < SSM_SHORTEST_FRAME) {
         slow_socket_count_short();
         return -1;
@@ -100,8 +105,6 @@ int take_frame(const slow_address& from, const std::uint8_t* pdu, std::size_t le
     return static_cast<int>(length);
 }
 
-}  // namespace
-
 int recv_ssm(thread* /*event*/) {
     ssm_instance->t_read = nullptr;
     if (ssm_instance->sock < 0) {
@@ -118,7 +121,7 @@ int recv_ssm(thread* /*event*/) {
         SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_WARNING, "%s%s%s: ssm receive failed (%d)", "recv_ssm",
                   static_cast<int>(received));
     else
-        result = take_frame(from, pdu, static_cast<std::size_t>(received));
+        result = ssm_take_frame(from, pdu, static_cast<std::size_t>(received));
     ssm_socket_arm_read();
     return result;
 }

@@ -19,6 +19,7 @@ void forget_quality(ssm_port* port) {
 
 void stop_sending(ssm_port* port) {
     ssm_timer_cancel(&port->send_timer);
+    ssm_timer_cancel(&port->event_timer);
     port->send_quality = QL_NONE;
 }
 

@@ -158,6 +158,10 @@ slow_stats slow_socket_stats() {
     return slow.totals;
 }
 
+void slow_socket_count_held_back(std::uint32_t ifindex) {
+    if (slow_port* port = slow_port_by_ifindex(ifindex)) ++port->stats.held_back;
+}
+
 void slow_socket_count_short() {
     ++slow.totals.short_frames;
 }

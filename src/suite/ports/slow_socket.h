@@ -67,7 +67,8 @@ slow_opened slow_socket_opened();
 
 struct slow_port_stats {
     std::uint64_t frames_in, frames_out;
-    std::uint64_t limited;  // frames dropped because the port brought too many
+    std::uint64_t limited;    // frames dropped because the port brought too many
+    std::uint64_t held_back;  // frames that the protocol sent later, because the port had sent too many
     std::uint64_t no_buffer, again, link_down, no_device, other_errors;  // sends that failed
 };
 // False when the port is unknown.
@@ -86,6 +87,7 @@ struct slow_stats {
     std::uint64_t kernel_drops;  // frames that the receive buffer had no room for
 };
 slow_stats slow_socket_stats();
+void slow_socket_count_held_back(std::uint32_t ifindex);
 void slow_socket_count_short();  // the reader dropped a frame that was too short
 
 // The tiny edge that tests replace. `open` returns a descriptor or a negative errno; with a replaced edge
