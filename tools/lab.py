@@ -10,11 +10,13 @@ Nothing here waits for a fixed time: wait_until polls a condition up to a deadli
 
 import contextlib
 import ctypes
+import fcntl
 import os
 import pathlib
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import threading
 import time
@@ -145,6 +147,7 @@ class Reply:
 
 _libc = ctypes.CDLL(None, use_errno=True)
 _CLONE_NEWNET = 0x40000000
+_SIOCGIFFLAGS, _SIOCSIFFLAGS, _IFF_UP = 0x8913, 0x8914, 1
 
 
 class Node:
@@ -338,6 +341,22 @@ class Switch(Node):
         return dict(seen)
 
 
+class Plug:
+    """Pulls and plugs a cable without the delay of starting a program: returns when the kernel was asked."""
+
+    def __init__(self, node, port):
+        self.port = port.encode()
+        self.socket = node.in_network(lambda: socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
+
+    def set(self, up):
+        request = fcntl.ioctl(self.socket, _SIOCGIFFLAGS, struct.pack("16sH22x", self.port, 0))
+        flags = struct.unpack("16sH22x", request)[1]
+        flags = flags | _IFF_UP if up else flags & ~_IFF_UP
+        asked = time.monotonic()
+        fcntl.ioctl(self.socket, _SIOCSIFFLAGS, struct.pack("16sH22x", self.port, flags))
+        return asked
+
+
 CLOCK_LABELS = {
     "id": "Device ClockID", "synce": "Enable global synce", "ssm": "Enable global ssm", "option": "SSM option mode",
     "device_quality": "Device quality", "quality": "Current quality", "priority": "Device priority",
@@ -379,19 +398,26 @@ class Lab:
     def link(self, one, port, other, other_port, up=True):
         """A veth pair. The two ends get different kernel indexes: the kernel holds back the down message of a
         pair with equal ones by up to a second, as if it were a physical port."""
-        first, second = self._next_index, self._next_index + 1
+        first = self._next_index
         self._next_index += 2
-        subprocess.run(["ip", "link", "add", "name", port, "index", str(first), "netns", str(one.pid), "type", "veth",
-                        "peer", "name", other_port, "index", str(second), "netns", str(other.pid)], check=True)
+        self.links([(one, port, first, other, other_port, first + 1)])
         if up:
             one.link_set(port, True)
             other.link_set(other_port, True)
 
-    def stop(self):
-        """Takes everything down; returns what did not end well."""
+    @staticmethod
+    def links(wanted):
+        """Veth pairs, all by one program: (node, port, kernel index, node, port, kernel index) each. They are down."""
+        lines = [f"link add name {port} index {index} netns {one.pid} type veth "
+                 f"peer name {other_port} index {other_index} netns {other.pid}"
+                 for one, port, index, other, other_port, other_index in wanted]
+        subprocess.run(["ip", "-batch", "-"], input="\n".join(lines) + "\n", text=True, check=True)
+
+    def stop(self, each=map):
+        """Takes everything down; returns what did not end well. `each` may be a map that does several at a time."""
         found = []
-        for node in reversed(self.nodes):
-            node.stop()
+        for _ in each(Node.stop, self.nodes[::-1]):
+            pass
         for node in self.nodes:
             found += node.complaints()
         self.nodes = []

@@ -1,7 +1,9 @@
 """Fixtures of the system tests: real processes, real sockets, real links, each test in namespaces of its own."""
 
 import contextlib
+import os
 import pathlib
+import shutil
 import sys
 
 import pytest
@@ -33,6 +35,36 @@ def guarded(made, request):
         if complaints or (called is not None and called.failed):
             print(made.tails())
     assert not complaints, "\n".join(complaints)
+
+
+def programs_of(build):
+    """Process ids of all processes that run a program of this build, in whatever namespace."""
+    ours = {(found.st_dev, found.st_ino) for found in map(os.stat, (build / "bin").iterdir())}
+    found = []
+    for entry in pathlib.Path("/proc").glob("[0-9]*"):
+        with contextlib.suppress(OSError):  # it ended meanwhile
+            program = os.stat(entry / "exe")
+            holds = f"{build}/bin".encode() in (entry / "cmdline").read_bytes().split(b"\0")
+            if holds or (program.st_dev, program.st_ino) in ours:
+                found.append(int(entry.name))
+    return found
+
+
+@pytest.fixture
+def build(tmp_path):
+    """A copy of the build under test, so that what runs of it is the test's."""
+    shutil.copytree(lab_module.build_dir() / "bin", tmp_path / "build/bin")
+    shutil.copy(lab_module.build_dir() / "CMakeCache.txt", tmp_path / "build")
+    return tmp_path / "build"
+
+
+@pytest.fixture
+def environment(tmp_path, build):
+    """That build alone, and a folder for temporary files: nothing of either may be left."""
+    scratch = tmp_path / "scratch"
+    scratch.mkdir()
+    yield dict(os.environ, ESMC_BUILD=str(build), TMPDIR=str(scratch), TERM="xterm")
+    assert list(scratch.iterdir()) == [] and programs_of(build) == []
 
 
 @pytest.fixture

@@ -1,47 +1,15 @@
 """./demo as a user runs it: to its end, interrupted, and left running."""
 
-import contextlib
-import os
 import pathlib
 import re
-import shutil
 import subprocess
 
-import lab as lab_module
 import pexpect
 import pytest
+from conftest import programs_of
+from lab import ROOT
 
-DEMO = lab_module.ROOT / "demo"
-
-
-def programs_of(build):
-    """Process ids of all processes that run a program of this build, in whatever namespace."""
-    ours = {(found.st_dev, found.st_ino) for found in map(os.stat, (build / "bin").iterdir())}
-    found = []
-    for entry in pathlib.Path("/proc").glob("[0-9]*"):
-        with contextlib.suppress(OSError):  # it ended meanwhile
-            program = os.stat(entry / "exe")
-            holds = f"{build}/bin".encode() in (entry / "cmdline").read_bytes().split(b"\0")
-            if holds or (program.st_dev, program.st_ino) in ours:
-                found.append(int(entry.name))
-    return found
-
-
-@pytest.fixture
-def build(tmp_path):
-    """A copy of the build under test, so that what runs of it is the demonstration's."""
-    shutil.copytree(lab_module.build_dir() / "bin", tmp_path / "build/bin")
-    shutil.copy(lab_module.build_dir() / "CMakeCache.txt", tmp_path / "build")
-    return tmp_path / "build"
-
-
-@pytest.fixture
-def environment(tmp_path, build):
-    """That build alone, and a folder for temporary files: nothing of either may be left."""
-    scratch = tmp_path / "scratch"
-    scratch.mkdir()
-    yield dict(os.environ, ESMC_BUILD=str(build), TMPDIR=str(scratch), TERM="xterm")
-    assert list(scratch.iterdir()) == [] and programs_of(build) == []
+DEMO = ROOT / "demo"
 
 
 def demo(environment, *options):

@@ -6,8 +6,8 @@ import statistics
 import time
 
 import pytest
-from lab import wait_until
-from watch import Plug, Watch, status_of
+from lab import Plug, wait_until
+from watch import Watch, status_of
 from wire import EEC1, PRC, SSU_A, Neighbour, Port, esmc
 
 pytestmark = pytest.mark.timing

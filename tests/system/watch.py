@@ -1,16 +1,11 @@
 """A neighbour that goes on by itself: keeps a quality alive on one port and writes down what a port sends, while
 the test is busy with something else."""
 
-import fcntl
 import os
-import socket
-import struct
 import threading
 import time
 
 import wire
-
-SIOCGIFFLAGS, SIOCSIFFLAGS, IFF_UP = 0x8913, 0x8914, 1
 
 
 class Watch:
@@ -89,19 +84,3 @@ def cpu_seconds(pid):
     with open(f"/proc/{pid}/stat") as stat:
         fields = stat.read().rsplit(")", 1)[1].split()
     return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
-
-
-class Plug:
-    """Pulls and plugs a cable without the delay of starting a program: returns when the kernel was asked."""
-
-    def __init__(self, node, port):
-        self.port = port.encode()
-        self.socket = node.in_network(lambda: socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
-
-    def set(self, up):
-        request = fcntl.ioctl(self.socket, SIOCGIFFLAGS, struct.pack("16sH22x", self.port, 0))
-        flags = struct.unpack("16sH22x", request)[1]
-        flags = flags | IFF_UP if up else flags & ~IFF_UP
-        asked = time.monotonic()
-        fcntl.ioctl(self.socket, SIOCSIFFLAGS, struct.pack("16sH22x", self.port, flags))
-        return asked

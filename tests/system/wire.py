@@ -7,21 +7,9 @@ import socket
 import struct
 import time
 
-GROUP = bytes.fromhex("0180c2000002")
-SLOW = bytes.fromhex("8809")
+from esmc_frame import DNU, EEC1, GROUP, PRC, SLOW, SOURCE, SSU_A, SSU_B, esmc  # noqa: F401 (for the tests)
+
 SO_TIMESTAMPNS = 35
-SOURCE = bytes.fromhex("020000000099")
-
-PRC, SSU_A, SSU_B, EEC1, DNU = 2, 4, 8, 11, 15
-
-
-def esmc(quality, event=False, destination=GROUP, source=SOURCE, extension=None):
-    """A whole Ethernet frame. `extension` is (clock identity of 8 octets, hop count)."""
-    body = bytes.fromhex("0a0019a70001") + bytes([0x18 if event else 0x10]) + bytes(3)
-    body += bytes([1, 0, 4, quality])
-    if extension:
-        body += bytes([2, 0, 12]) + extension[0] + bytes([extension[1]])
-    return destination + source + SLOW + body.ljust(46, b"\0")
 
 
 class Seen:

@@ -1,0 +1,30 @@
+"""tools/network: twelve switches of a chain, their master lost and found. Larger networks are run by hand."""
+
+import json
+import signal
+import subprocess
+
+from lab import ROOT
+
+COMMAND = [ROOT / "tools/network", "--kind", "chain", "--switches", "12", "--events", "feed"]
+
+
+def test_a_lost_master_is_known_at_the_far_end(environment, tmp_path, release_only):
+    file = tmp_path / "figures.json"
+    done = subprocess.run([*COMMAND, "--json", file], env=environment, capture_output=True, text=True, timeout=240)
+    assert done.returncode == 0, done.stdout + done.stderr
+    phases = {phase["name"]: phase for phase in json.loads(file.read_text())["runs"][0]["phases"]}
+    for phase in phases.values():  # true to the master, as told as shown, no loop, no more PDUs than slow protocols may send
+        assert phase["settled"] and not phase["standing_loops"] and not phase["loops"]["seen"], phase
+        assert phase["wrong"] == phase["shown_otherwise"] == 0 and phase["busiest_port_pdus_per_s"] <= 10, phase
+    for name in ("start", "feed cut", "feed back"):
+        assert phases[name]["switches_that_told"] == 12, name
+    relayed = phases["feed cut"]["quality_ms"] - phases["feed cut"]["first_ms"]
+    assert relayed < 50, f"{relayed} ms through eleven switches: each must pass on at once what it hears"
+
+
+def test_ctrl_c_leaves_nothing(environment):
+    with subprocess.Popen(COMMAND, env=environment, stdout=subprocess.PIPE, text=True) as running:
+        next(line for line in running.stdout if line.startswith("start"))
+        running.send_signal(signal.SIGINT)
+        assert running.wait(60) == 130
