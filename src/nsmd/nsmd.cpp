@@ -12,6 +12,12 @@
 #include "nsmd/server/server.h"
 #include "suite/base/memory.h"
 #include "suite/log/log.h"
+#include "suite/loop/thread.h"
+#include "suite/process/job.h"
+
+namespace {
+constexpr std::uint32_t TEND_MS = 1000;
+}
 
 struct nsmd {
     lib_globals* ctx;
@@ -23,6 +29,7 @@ struct nsmd {
     clock_control clock;
     std::uint32_t stated;  // request kinds of this session
     std::uint64_t requests;
+    thread* tend_timer;
 };
 
 namespace {
@@ -34,6 +41,7 @@ void took_request(void* arg, std::uint16_t type, const std::uint32_t (&words)[NS
     copper_role role;
     ++n->requests;
     const request_effect effect = request_take(type, words, n->table, &n->stated, &n->clock.wanted, &role);
+    link_watch_prefer(n->watch, n->clock.wanted.selected);
     if (effect == request_effect::role)
         copper_set(n->roles, role);
     else if (effect != request_effect::ignored)
@@ -120,6 +128,16 @@ void clock_changed(void* arg, const dpll_report& report) {
     send_clock(n, nullptr, report);
 }
 
+// Once a second: who looks after a helper does so.
+int tend_due(thread* event) {
+    auto* n = static_cast<nsmd*>(event->arg);
+    n->tend_timer = thread_add_timer_msec(n->ctx, tend_due, n, TEND_MS);
+    link_watch_tend(n->watch);
+    if (n->clock.dpll.tend) n->clock.dpll.tend(n->clock.dpll.self);
+    copper_tend(n->roles, n->ctx);
+    return 0;
+}
+
 // Start.
 
 // A backend without `self` where the clock that was asked for can't be had, with a log line.
@@ -192,13 +210,20 @@ nsmd* nsmd_start(lib_globals* ctx, const nsmd_options& options, const nsmd_edges
     return nullptr;
 }
 
+bool nsmd_detach(nsmd* n) {
+    n->tend_timer = thread_add_timer_msec(n->ctx, tend_due, n, 0);
+    return n->tend_timer != nullptr;
+}
+
 void nsmd_stop(nsmd* n) {
     if (!n) return;
+    thread_cancel(n->tend_timer);
     nsmd_server_free(n->server);
     link_watch_stop(n->watch);
     clock_control_stop(&n->clock);
     copper_free(n->roles);
     port_table_free(n->table);
+    jobs_stop(n->ctx);
     memmgr_free(n, MTYPE_NSMD);
 }
 

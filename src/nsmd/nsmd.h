@@ -18,6 +18,9 @@ struct nsmd_edges {
 
 // Starts everything; `options` and the texts in it must outlive it. Null with a log line on failure.
 nsmd* nsmd_start(lib_globals* ctx, const nsmd_options& options, const nsmd_edges& edges);
+// The start is over: what may wait for a driver goes to helper processes, which have the rights that this one
+// has by now. Without it the loop waits itself. False without memory.
+bool nsmd_detach(nsmd* n);
 void nsmd_stop(nsmd* n);  // null is ignored
 
 nsmd_server* nsmd_server_of(nsmd* n);

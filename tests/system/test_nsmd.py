@@ -1,6 +1,10 @@
 """nsmd as a program: the status report, a kernel without clock hardware."""
 
+import contextlib
+import os
 import pathlib
+import re
+import signal
 
 import pytest
 from lab import BIN, wait_until
@@ -45,3 +49,35 @@ def test_status_report(linked):
     for line in ("requests: 2; enable 1, recovery select 0, holdover 0, source 10\n", "clients: 1 connected",
                  "clock: simulated, lock time 300 ms, acquiring 0, locked 1 times, in holdover 0 times\n"):
         assert line in full
+
+
+def test_helpers_are_replaced_and_one_that_hangs_holds_up_nobody(linked):
+    """The kernel runs a driver's code inside the call that asks for it; a helper that is stopped stands for one that
+    is in a driver that takes its time."""
+    def helpers():
+        return {what: int(pid) for pid, what in re.findall(r"helper: process (\d+), .* for (.*)", status_of(linked))}
+
+    sw = linked
+    sw.start()
+    sw.wait_port("p1", up="enable")
+    wait_until(lambda: set(helpers()) == {"the kernel's list of links", "the driver of a copper port"}, 3)
+    before = helpers()
+    os.kill(before["the kernel's list of links"], signal.SIGKILL)
+    wait_until(lambda: len(helpers()) == 2 and not set(before.items()) <= set(helpers().items()), 3, "another helper")
+    sw.lab.tester.link_set("t2", False)
+    sw.wait_port("p2", 2, up="disable")
+
+    copper = before["the driver of a copper port"]
+    os.kill(copper, signal.SIGSTOP)
+    try:
+        sw.configure("interface p1", "clock synce gephy slave")
+        sw.nsmd.wait_log("the driver of p1 (copper role) has not answered for 1 s")
+        assert "(copper role), which has not answered for " in status_of(sw)
+        for up, shown in ((True, "enable"), (False, "disable")):
+            sw.lab.tester.link_set("t2", up)
+            sw.wait_port("p2", 2, up=shown)
+        assert sw.nsmd.stop(deadline=2) == 0
+        wait_until(lambda: not pathlib.Path(f"/proc/{copper}").exists(), 2, "the helper ends with nsmd")
+    finally:
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(copper, signal.SIGKILL)

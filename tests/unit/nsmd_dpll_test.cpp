@@ -1,5 +1,10 @@
 // The kernel's clock interface: nsmd as a whole against a kernel made of messages that behaves like each kind
 // of driver. What is checked is the order of the settings, and what the daemon is told.
+#include <sys/eventfd.h>
+#include <sys/mman.h>
+
+#include <atomic>
+#include <csignal>
 #include <map>
 
 #include "nsmd/clock/message.h"
@@ -32,6 +37,7 @@ struct fake_dpll : fake_family {
     std::uint32_t has_device = 1, notifies = 1, type = DPLL_TYPE_EEC, status = DPLL_STATUS_UNLOCKED;
     std::uint32_t busy = 0, disturbed_dumps = 0;  // so many settings and dumps fail
     std::uint32_t tracked = 0;                    // the pin that the device follows
+    std::atomic<int>* hold = nullptr;             // shared with helpers: settings take until it is 0
     std::uint32_t newest = 5;                     // without ranks, the pin that was set last comes first
 
     explicit fake_dpll(fake_kernel& k) : fake_family(k, "dpll") {}
@@ -117,6 +123,7 @@ struct fake_dpll : fake_family {
         return 0;
     }
     int set_pin(const_octets attributes) {
+        while (hold && *hold) usleep(1000);
         std::map<unsigned, std::uint32_t> value;  // those of the place too, whose numbers are others
         nl_attr a, inner;
         while (nl_next_attr(&attributes, &a)) {
@@ -349,6 +356,83 @@ TEST(dpll, stories) {
             EXPECT_EQ(s.log.count(said.text), said.times);
             EXPECT_EQ(s.kernel.generic_groups, std::vector<unsigned>{fake_family::GROUP});
         }
+}
+
+// In real time: the simulated kernel is in the helpers, behind descriptors that can be waited for.
+struct helped_session : clock_session {
+    netlink_edge behind = kernel.edge();
+
+    helped_session() {
+        dpll.hold = static_cast<std::atomic<int>*>(
+            mmap(nullptr, sizeof *dpll.hold, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+        for (int fd = 3; fd < 64; ++fd) loop.descriptors.push_back(fd);
+        netlink_edge edge = behind;
+        edge.arg = this;
+        edge.open = [](void* arg, int protocol) {
+            auto* s = static_cast<helped_session*>(arg);
+            const int silent = eventfd(0, 0), fd = s->behind.open(s->behind.arg, protocol);
+            return fd < 0 ? close(silent), fd : (dup2(silent, fd), close(silent), fd);
+        };
+        edge.join = [](void* arg, int fd, unsigned group) {
+            return kept(arg).join(kept(arg).arg, fd, group);
+        };
+        edge.receive = [](void* arg, int fd, octets to) { return kept(arg).receive(kept(arg).arg, fd, to); };
+        edge.send = [](void* arg, int fd, const_octets m) { return kept(arg).send(kept(arg).arg, fd, m); };
+        edge.close = [](void*, int fd) { close(fd); };
+        n = nsmd_start(&loop.ctx, options, {edge, nullptr, 1000});
+        EXPECT_TRUE(n && nsmd_detach(n));
+        (void)connect();
+    }
+    ~helped_session() { stop(); }
+    static const netlink_edge& kept(void* arg) { return static_cast<helped_session*>(arg)->behind; }
+    // Everything that is told until the condition holds.
+    std::string until(const std::function<bool()>& condition) {
+        std::string all;
+        for (int ms = 0; ms < 10000 && !condition(); ++ms, usleep(1000)) loop.run(1);
+        loop.run(1);
+        EXPECT_TRUE(condition());
+        return c.take_all();
+    }
+    pid_t clock_helper() {
+        const std::string all = status(), end = ". for the driver of clock device 1 (chip)";
+        const std::size_t at = all.rfind("process ", all.find(end));
+        return all.find(end) == all.npos ? 0 : std::stoi(all.substr(at + std::strlen("process ")));
+    }
+};
+
+TEST(dpll, a_driver_that_takes_its_time_holds_up_nobody_and_the_newest_wish_counts) {
+    helped_session s;
+    *s.dpll.hold = 1;
+    s.act(FOLLOW);
+    s.until([&] { return s.log.count("the driver of clock device 1 (chip) has not answered for 1 s") == 1; });
+    EXPECT_NE(s.status().find("which has not answered for "), std::string::npos);
+    for (const char* wish : {"select 2", "select 1", "holdover 0", "holdover 1, select 2"}) {
+        s.act(wish);
+        s.loop.run(20);
+    }
+    *s.dpll.hold = 0;
+    EXPECT_EQ(s.until([&] { return s.log.count("clock: locked, source 2") == 1; }), "clock 4 2");
+    EXPECT_NE(s.status().find(" 3 settings, 0 refused"), std::string::npos) << s.status();
+    s.until([&] { return s.log.count("the driver of clock device 1 (chip) answers again") == 1; });
+
+    // One that dies meanwhile is replaced, and what was wanted is done by the next; nsmd ends without its
+    // answer.
+    *s.dpll.hold = 1;
+    s.act("select 1");
+    s.loop.run(20);
+    const pid_t helper = s.clock_helper();
+    ASSERT_GT(helper, 0);
+    kill(helper, SIGKILL);
+    s.until([&] { return s.clock_helper() > 0 && s.clock_helper() != helper; });
+    *s.dpll.hold = 0;
+    s.until([&] { return s.log.count("clock: locked, source 1") == 1; });
+    *s.dpll.hold = 1;
+    s.act("select 2");
+    s.loop.run(20);
+    const nanoseconds before = monotonic_now();
+    s.stop();
+    EXPECT_LT(monotonic_now() - before, NS_PER_S);
+    *s.dpll.hold = 0;
 }
 
 TEST(dpll, asked_for_by_name_the_interface_must_be_there) {

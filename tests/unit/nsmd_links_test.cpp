@@ -270,8 +270,22 @@ TEST(links, without_any_hint_a_lost_carrier_is_known_within_the_slow_interval) {
     EXPECT_EQ(w.questions_in(5000), 0);  // a port that is down is not asked for: its up comes at once
     w.play({{"many 1 255 0", 3000, ""}});
     const int asked = w.questions_in(10000);
-    EXPECT_GT(asked, 255 * 10);
-    EXPECT_LT(asked, 255 * 15);  // each of many less often
+    EXPECT_GT(asked, 255 * 5);
+    EXPECT_LT(asked, 255 * 7);                                   // each of many less often
+    w.play({{"quiet sw255 255 down", 2000, "sw255 255 down"}});  // but no one never
+}
+
+// One link flaps among hundreds: its own loss and the source's are known at once, the others' after a while,
+// and the questions are no more than for a few ports.
+TEST(links, a_flapping_link_makes_nobody_ask_for_all_the_others_each_time) {
+    watched w;
+    w.play({{"many 1 255 0", 3000, ""}});
+    link_watch_prefer(w.watcher, 200);
+    const int before = w.kernel.questions;
+    for (int i = 1; i <= 10; ++i) w.play({{"sw9 9 down", 50, "sw9 9 down"}, {"sw9 9", 50, "sw9 9 up"}});
+    EXPECT_LT(w.kernel.questions - before, 20 * 26);
+    w.play({{"quiet sw9 9 down, quiet sw200 200 down", 51, "sw9 9 down, sw200 200 down"},
+            {"sw9 9, quiet sw180 180 down", 900, "sw9 9 up, sw180 180 down"}});
 }
 
 TEST(links, a_kernel_without_the_socket_is_said_and_no_start) {

@@ -4,6 +4,7 @@
 
 #include "nsmd/links/port_table.h"
 #include "nsmd/netlink/socket.h"
+#include "suite/base/context.h"
 #include "suite/base/text.h"
 
 // A copper port's timing role, as asked for last.
@@ -23,6 +24,9 @@ void copper_free(copper* c);  // roles stay as they are; null is ignored
 // Gives the port the role, or what it had before its first. A role that it has already is not set again: the
 // line would be negotiated anew and go down for seconds.
 void copper_set(copper* c, const copper_role& role);
+
+// Once a second while nsmd serves, the first time when it begins to: from then on nothing waits for a driver.
+void copper_tend(copper* c, lib_globals* ctx);
 
 // The port left: what returns in its place begins without a role.
 void copper_forget(copper* c, std::uint32_t ifindex);

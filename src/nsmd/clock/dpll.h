@@ -39,6 +39,9 @@ struct dpll_backend {
     bool (*status)(const void* self, text_buffer* out);
     void (*finish)(void* self);  // frees; the hardware is left as it is
     void* self;
+    // Once a second while nsmd serves, the first time when it begins to: from then on nothing may wait for a
+    // driver. Null: nothing to do.
+    void (*tend)(void* self) = nullptr;
 };
 
 // The clock that is none: free-running whatever is asked.

@@ -1,8 +1,10 @@
-// Carries the plan's settings out. Called by the kernel backend; owns nothing but the list of what was tried.
-// After each setting the pin is read again, because drivers differ in what else a setting changes; what the
-// kernel then shows counts, not the code that it answered with. A refusal is said in one line.
+// Carries the plan's settings out, a step for each answer. Called by the kernel backend; owns the goal, the
+// setting under way and the list of what was tried. After each setting the pin is read again, because drivers
+// differ in what else a setting changes; what the kernel then shows counts, not the code that it answered
+// with. A refusal is said in one line.
 #include "nsmd/clock/steer.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -11,34 +13,26 @@
 
 namespace {
 
-int read_one(genl* link, dpll_command command, std::uint16_t attr, std::uint32_t id) {
+void read_one(genl* link, dpll_command command, std::uint16_t attr, std::uint32_t id) {
     nl_builder request;
     genl_begin(link, &request, command, DPLL_VERSION, false);
     nl_put_u32(&request, attr, id);
-    return genl_transact(link, request);
+    genl_request(link, request);
 }
 
-void say_refusal(dpll_steering* s, const dpll_setting& setting, int result) {
+void say_refusal(dpll_steering* s) {
     char pin[80];
+    const dpll_setting& setting = s->setting;
     ++s->refusals;
     const char* what = setting.what == DPLL_PIN_A_PRIO ? "rank" : setting.releases ? "release" : "use";
     log_suite(LOG_LEVEL_WARNING, "clock: can't %s %s: %s", what,
-              dpll_pin_words(s->view, s->table, setting.pin, pin), std::strerror(-result));
+              dpll_pin_words(s->view, s->table, setting.pin, pin), std::strerror(-s->set_result));
 }
 
 // A setting that the pin's driver does not offer is not tried: the answer is known.
 bool is_offered(const dpll_steering* s, const dpll_setting& setting) {
     const dpll_pin* pin = dpll_view_pin(s->view, setting.pin);
     return pin && (pin->capabilities & (setting.what == DPLL_PIN_A_PRIO ? PIN_CAN_PRIO : PIN_CAN_STATE));
-}
-
-int set_pin(dpll_steering* s, const dpll_setting& setting) {
-    if (!is_offered(s, setting)) return -EOPNOTSUPP;
-    nl_builder request;
-    genl_begin(s->link, &request, DPLL_CMD_PIN_SET, DPLL_VERSION, false);
-    dpll_put_pin_setting(&request, setting.pin, setting.parent, setting.what, setting.value);
-    ++s->settings;
-    return genl_transact(s->link, request);
 }
 
 // The pin is as the setting would make it.
@@ -51,52 +45,123 @@ bool is_so(const dpll_steering* s, const dpll_setting& setting) {
            (setting.value == PIN_SELECTABLE && place->state == PIN_CONNECTED);
 }
 
-dpll_steer_end carry_out(dpll_steering* s, const dpll_setting& setting) {
-    const int result = set_pin(s, setting);
-    if (result == -EBUSY || result == -EAGAIN) return dpll_steer_end::busy;
-    (void)dpll_read_pin(s->link, setting.pin);  // refused as well as done: what is true counts
-    // Some drivers call it an error when it was so already.
-    if (result == 0 || is_so(s, setting)) return dpll_steer_end::reached;
-    say_refusal(s, setting, result);
-    const bool forbidden = result == -EPERM || result == -EACCES;
-    const bool target_refused = !setting.releases && setting.what == DPLL_PIN_A_STATE;
-    return forbidden || target_refused ? dpll_steer_end::failed : dpll_steer_end::reached;
+void finish(dpll_steering* s, dpll_steer_end end) {
+    s->phase = dpll_steer_phase::over;
+    s->end = end;
 }
 
-dpll_steer_end run_round(dpll_steering* s, const dpll_goal& goal) {
-    dpll_setting setting;
+// Refused as well as done: what is true counts.
+void check(dpll_steering* s, int set_result) {
+    s->set_result = set_result;
+    s->phase = dpll_steer_phase::checks;
+    dpll_read_pin(s->link, s->setting.pin);
+}
+
+void set(dpll_steering* s) {
+    if (!is_offered(s, s->setting)) return check(s, -EOPNOTSUPP);
+    nl_builder request;
+    genl_begin(s->link, &request, DPLL_CMD_PIN_SET, DPLL_VERSION, false);
+    dpll_put_pin_setting(&request, s->setting.pin, s->setting.parent, s->setting.what, s->setting.value);
+    ++s->settings;
+    s->phase = dpll_steer_phase::sets;
+    genl_request(s->link, request);
+}
+
+void was_set(dpll_steering* s) {
+    const int result = s->link->result;
+    // -EPIPE: the helper is gone, and what became of the setting is not known.
+    if (result == -EBUSY || result == -EAGAIN || result == -EPIPE) return finish(s, dpll_steer_end::busy);
+    check(s, result);
+}
+
+void was_checked(dpll_steering* s) {
+    s->phase = dpll_steer_phase::plan;
+    // Some drivers call it an error when it was so already.
+    if (s->set_result == 0 || is_so(s, s->setting)) return;
+    say_refusal(s);
+    const bool forbidden = s->set_result == -EPERM || s->set_result == -EACCES;
+    const bool target_refused = !s->setting.releases && s->setting.what == DPLL_PIN_A_STATE;
+    if (forbidden || target_refused) finish(s, dpll_steer_end::failed);
+}
+
+void round_is_done(dpll_steering* s) {
+    if (!s->goal.has_target || s->is_second_round) return finish(s, dpll_steer_end::reached);
+    // Releasing others may have taken the target along.
+    s->is_second_round = true;
     s->tried.count = 0;
-    for (;;) {
-        const dpll_step step = dpll_plan_next(s->view, goal, s->tried, &setting);
-        if (step == dpll_step::done) return dpll_steer_end::reached;
-        if (step == dpll_step::unreachable) {
-            log_suite(LOG_LEVEL_WARNING, "clock: pin %u is no input of device %u", goal.target, goal.device);
-            return dpll_steer_end::failed;
-        }
-        s->tried.settings[s->tried.count++] = setting;
-        // The driver may have released it by itself when the target came in.
-        if (setting.releases && dpll_read_pin(s->link, setting.pin) == 0 && is_so(s, setting)) continue;
-        const dpll_steer_end end = carry_out(s, setting);
-        if (end != dpll_steer_end::reached) return end;
+    s->phase = dpll_steer_phase::looks_at_target;
+    dpll_read_pin(s->link, s->goal.target);
+}
+
+void plan(dpll_steering* s) {
+    if (s->is_abandoned) return finish(s, dpll_steer_end::abandoned);
+    const dpll_step step = dpll_plan_next(s->view, s->goal, s->tried, &s->setting);
+    if (step == dpll_step::done) return round_is_done(s);
+    if (step == dpll_step::unreachable) {
+        log_suite(LOG_LEVEL_WARNING, "clock: pin %u is no input of device %u", s->goal.target,
+                  s->goal.device);
+        return finish(s, dpll_steer_end::failed);
+    }
+    s->tried.settings[s->tried.count++] = s->setting;
+    if (!s->setting.releases) return set(s);
+    // The driver may have released it by itself when the target came in.
+    s->phase = dpll_steer_phase::looks;
+    dpll_read_pin(s->link, s->setting.pin);
+}
+
+void was_looked_at(dpll_steering* s) {
+    if (!s->is_abandoned && !(s->link->result == 0 && is_so(s, s->setting))) return set(s);
+    s->phase = dpll_steer_phase::plan;
+}
+
+void go_on(dpll_steering* s) {
+    switch (s->phase) {
+        case dpll_steer_phase::looks:
+            return was_looked_at(s);
+        case dpll_steer_phase::sets:
+            return was_set(s);
+        case dpll_steer_phase::checks:
+            return was_checked(s);
+        case dpll_steer_phase::plan:
+            return plan(s);
+        case dpll_steer_phase::looks_at_target:
+            s->phase = dpll_steer_phase::plan;
+            return;
+        case dpll_steer_phase::over:
+            return;
     }
 }
 
 }  // namespace
 
-dpll_steer_end dpll_steer_to(dpll_steering* s, const dpll_goal& goal) {
-    const dpll_steer_end end = run_round(s, goal);
-    if (end != dpll_steer_end::reached || !goal.has_target) return end;
-    // Releasing others may have taken the target along.
-    (void)dpll_read_pin(s->link, goal.target);
-    return run_round(s, goal);
+void dpll_steer_begin(dpll_steering* s, const dpll_goal& goal) {
+    if (goal.managed != s->managed) std::copy_n(goal.managed, goal.managed_count, s->managed);
+    s->goal = goal;
+    s->goal.managed = s->managed;
+    s->tried.count = 0;
+    s->is_second_round = s->is_abandoned = false;
+    s->phase = dpll_steer_phase::plan;
 }
 
-int dpll_read_device(genl* link, std::uint32_t id) {
-    return read_one(link, DPLL_CMD_DEVICE_GET, DPLL_A_ID, id);
+bool dpll_steer_run(dpll_steering* s) {
+    while (s->phase != dpll_steer_phase::over && !genl_waits(s->link)) go_on(s);
+    return s->phase == dpll_steer_phase::over;
 }
 
-int dpll_read_pin(genl* link, std::uint32_t id) {
-    return read_one(link, DPLL_CMD_PIN_GET, DPLL_PIN_A_ID, id);
+void dpll_steer_abandon(dpll_steering* s) {
+    s->is_abandoned = true;
+}
+
+bool dpll_steer_is_over(const dpll_steering* s) {
+    return s->phase == dpll_steer_phase::over;
+}
+
+void dpll_read_device(genl* link, std::uint32_t id) {
+    read_one(link, DPLL_CMD_DEVICE_GET, DPLL_A_ID, id);
+}
+
+void dpll_read_pin(genl* link, std::uint32_t id) {
+    read_one(link, DPLL_CMD_PIN_GET, DPLL_PIN_A_ID, id);
 }
 
 const char* dpll_pin_words(const dpll_view* view, const port_table* table, std::uint32_t id,

@@ -1,5 +1,5 @@
 // Watches the kernel's links: one rtnetlink socket in the link group, a dump at the start and after each loss
-// of messages, and questions about single links. Owns the socket and its events; writes the port table.
+// of messages, and questions about single links. Owns the channel and its events; writes the port table.
 //
 // What can go wrong, and what is done: messages lost to a full buffer (ENOBUFS), a dump that other changes
 // made inconsistent, refused, or that never ends: all lead to one more dump, after a pause where the kernel
@@ -8,7 +8,9 @@
 //
 // The kernel delays the message about a lost carrier by up to a second when links changed just before, but
 // answers a question truly at once. So ports that are up are asked for, often while such a delay can be
-// running, seldom otherwise and the less often the more ports there are.
+// running, seldom otherwise, and some of them at a time: a link that flaps among hundreds must not make nsmd
+// ask for all the others without end. What was asked is worked off first, however long the kernel takes for
+// it.
 #include "nsmd/links/watch.h"
 
 #include <linux/netlink.h>
@@ -27,13 +29,15 @@
 
 namespace {
 
+constexpr const char* SUBJECT = "the kernel's list of links";
 constexpr std::size_t RECEIVE_SIZE = 32768;  // what the kernel fills at most in one datagram of a dump
 constexpr int DATAGRAMS_PER_TURN = 32;
 constexpr std::uint32_t DUMP_TIMEOUT_MS = 2000, DUMP_RETRY_MS = 50;
 constexpr nanoseconds DELAY_WINDOW = 1100 * NS_PER_MS;  // the kernel's second, and the way to us
-// One question costs the kernel and us some 15 us. This much time a port keeps slow polling below half a
-// percent of a processor.
-constexpr std::uint32_t SLOW_MS_PER_PORT = 3;
+// So many ports have their turn in a round of questions, one of which costs the kernel, the helper and us
+// some 25 us. With no more ports than this each is asked for in each round.
+constexpr std::uint32_t TURNS_PER_ROUND = 16;
+constexpr std::size_t RECENT_MAX = 8;  // links that changed last
 
 enum class dump_state { idle, running, retry };
 
@@ -42,10 +46,8 @@ enum class dump_state { idle, running, retry };
 struct link_watch {
     lib_globals* ctx;
     port_table* table;
-    netlink_edge edge;
+    netlink_channel channel;
     link_poll poll;
-    int fd;
-    thread* read;
     thread* dump_timer;  // time-out of a running dump, or the pause before the next
     thread* poll_timer;
     dump_state dump;
@@ -55,6 +57,10 @@ struct link_watch {
     std::uint32_t sequence, dump_sequence;
     std::uint32_t own_port;  // our netlink address, which the kernel's answers carry; 0 until one came
     nanoseconds last_hint;
+    std::uint32_t recent[RECENT_MAX];  // kernel indexes of the links that changed last, 0: none
+    std::size_t recent_at;             // the oldest of them
+    std::uint32_t turn;                // the first port of the next round, counted among those that are up
+    std::uint32_t preferred;           // esmcd's index
     std::uint64_t messages, dumps, overruns, questions;
     std::uint8_t buffer[RECEIVE_SIZE];
 };
@@ -62,11 +68,16 @@ struct link_watch {
 namespace {
 
 void begin_dump(link_watch* w);
+void arm_dump_timer(link_watch* w, std::uint32_t ms);
 void arm_poll(link_watch* w, std::uint32_t ms);
 
 int dump_timed_out(thread* event) {
     auto* w = static_cast<link_watch*>(event->arg);
     w->dump_timer = nullptr;
+    if (w->dump == dump_state::running && netlink_channel_waits(&w->channel)) {
+        arm_dump_timer(w, DUMP_TIMEOUT_MS);  // it is with the kernel still
+        return 0;
+    }
     if (w->dump == dump_state::running)
         log_suite(LOG_LEVEL_WARNING, "the kernel did not finish its list of links, asking again");
     begin_dump(w);
@@ -87,7 +98,11 @@ void begin_dump(link_watch* w) {
     nl_builder request;
     w->dump_sequence = ++w->sequence;
     link_message_dump(&request, w->dump_sequence);
-    const int result = w->edge.send(w->edge.arg, w->fd, request.message());
+    const int result = netlink_channel_send(&w->channel, request.message());
+    if (result == -EPIPE) {  // who tends the channel asks again
+        w->dump = dump_state::retry;
+        return;
+    }
     if (result < 0) {
         log_suite(LOG_LEVEL_WARNING, "can't ask the kernel for its links: %s", std::strerror(-result));
         retry_dump(w);
@@ -126,11 +141,16 @@ void ask(link_watch* w, std::uint32_t kernel_ifindex) {
     link_message_get(&request, ++w->sequence, kernel_ifindex);
     ++w->questions;
     // Not sent: the next question, or the kernel's own message, tells as well.
-    (void)w->edge.send(w->edge.arg, w->fd, request.message());
+    (void)netlink_channel_send(&w->channel, request.message());
 }
 
-// From now on, for a second, other links' news may be held back.
-void hint(link_watch* w) {
+bool is_recent(const link_watch* w, std::uint32_t kernel_ifindex) {
+    return std::find(std::begin(w->recent), std::end(w->recent), kernel_ifindex) != std::end(w->recent);
+}
+
+// From now on, for a second, this and other links' news may be held back.
+void hint(link_watch* w, std::uint32_t kernel_ifindex) {
+    if (!is_recent(w, kernel_ifindex)) w->recent[w->recent_at++ % RECENT_MAX] = kernel_ifindex;
     const nanoseconds now = thread_now(w->ctx);
     const bool was_slow = now - w->last_hint > DELAY_WINDOW;
     w->last_hint = now;
@@ -142,7 +162,7 @@ void take_link(link_watch* w, const nl_message& message) {
     if (!link_message_parse(message, &link)) return;
     // A notification carries the address of who made the change, which is never us.
     const bool notification = w->own_port == 0 || message.port != w->own_port;
-    if (notification) hint(w);
+    if (notification) hint(w, link.kernel_ifindex);
     if (message.type == RTM_DELLINK)
         port_table_link_gone(w->table, link.kernel_ifindex);
     else if (link.complete)
@@ -191,14 +211,15 @@ void take_message(link_watch* w, const nl_message& message) {
 
 // False when nothing more is there.
 bool read_datagram(link_watch* w) {
-    const int got = w->edge.receive(w->edge.arg, w->fd, {w->buffer, sizeof w->buffer});
+    const int got = netlink_channel_receive(&w->channel, {w->buffer, sizeof w->buffer});
     if (got == -ENOBUFS || got == -EMSGSIZE) {
         messages_lost(w);
         return true;
     }
     if (got == -EINTR) return true;
     if (got < 0) {
-        if (got != -EAGAIN) log_suite(LOG_LEVEL_ERROR, "reading about links: %s", std::strerror(-got));
+        if (got != -EAGAIN && got != -EPIPE)
+            log_suite(LOG_LEVEL_ERROR, "reading about links: %s", std::strerror(-got));
         return false;
     }
     const_octets rest{w->buffer, static_cast<std::size_t>(got)};
@@ -209,27 +230,31 @@ bool read_datagram(link_watch* w) {
 
 int readable(thread* event) {
     auto* w = static_cast<link_watch*>(event->arg);
-    w->read = nullptr;
     for (int i = 0; i < DATAGRAMS_PER_TURN && read_datagram(w); ++i) {
     }
-    w->read = thread_add_read_high(w->ctx, readable, w, w->fd);
+    (void)netlink_channel_listen(&w->channel);
     return 0;
+}
+
+void ask_round(link_watch* w, bool fast) {
+    std::uint32_t count = 0;
+    for (const nsmd_port* p = port_table_first(w->table); p; p = p->next) {
+        if (!p->up || !p->ifindex) continue;
+        const bool has_turn = count >= w->turn && count < w->turn + TURNS_PER_ROUND;
+        const bool is_urgent = p->ifindex == w->preferred || is_recent(w, p->kernel_ifindex);
+        if (has_turn || (fast && is_urgent)) ask(w, p->kernel_ifindex);
+        ++count;
+    }
+    w->turn += TURNS_PER_ROUND;
+    if (w->turn >= count) w->turn = 0;
 }
 
 int poll_due(thread* event) {
     auto* w = static_cast<link_watch*>(event->arg);
     w->poll_timer = nullptr;
-    std::uint32_t asked = 0;
-    if (w->dump == dump_state::idle)
-        for (const nsmd_port* p = port_table_first(w->table); p; p = p->next)
-            if (p->up && p->ifindex) {
-                ask(w, p->kernel_ifindex);
-                ++asked;
-            }
     const bool fast = w->poll.fast_ms && thread_now(w->ctx) - w->last_hint <= DELAY_WINDOW;
-    arm_poll(w, fast              ? w->poll.fast_ms
-                : w->poll.slow_ms ? std::max(w->poll.slow_ms, asked * SLOW_MS_PER_PORT)
-                                  : 0);
+    if (w->dump == dump_state::idle && !netlink_channel_waits(&w->channel)) ask_round(w, fast);
+    arm_poll(w, fast ? w->poll.fast_ms : w->poll.slow_ms);
     return 0;
 }
 
@@ -248,14 +273,10 @@ link_watch* link_watch_start(lib_globals* ctx, port_table* table, const netlink_
     }
     w->ctx = ctx;
     w->table = table;
-    w->edge = edge;
     w->poll = poll;
-    w->fd = edge.open(edge.arg, NETLINK_ROUTE);
-    int result = w->fd < 0 ? w->fd : edge.join(edge.arg, w->fd, RTNLGRP_LINK);
-    if (result >= 0) {
-        w->read = thread_add_read_high(ctx, readable, w, w->fd);
-        if (!w->read) result = -ENOMEM;
-    }
+    int result = netlink_channel_open(&w->channel, edge, NETLINK_ROUTE);
+    if (result >= 0) result = netlink_channel_join(&w->channel, RTNLGRP_LINK);
+    if (result >= 0 && !netlink_channel_attach(&w->channel, ctx, readable, w, true)) result = -ENOMEM;
     if (result < 0) {
         log_suite(LOG_LEVEL_ERROR, "can't watch the kernel's links: %s", std::strerror(-result));
         link_watch_stop(w);
@@ -271,11 +292,18 @@ void link_watch_stop(link_watch* w) {
     if (!w) return;
     thread_cancel(w->dump_timer);
     thread_cancel(w->poll_timer);
-    if (w->fd >= 0) {
-        thread_forget_fd(w->ctx, w->fd);
-        w->edge.close(w->edge.arg, w->fd);
-    }
+    netlink_channel_close(&w->channel);
     memmgr_free(w, MTYPE_NSMD);
+}
+
+void link_watch_prefer(link_watch* w, std::uint32_t ifindex) {
+    w->preferred = ifindex;
+}
+
+void link_watch_tend(link_watch* w) {
+    if (!netlink_channel_tend(&w->channel, SUBJECT)) return;
+    w->own_port = 0;
+    begin_dump(w);
 }
 
 bool link_watch_ready(const link_watch* w) {
@@ -288,13 +316,14 @@ bool link_watch_wait_ready(link_watch* w, int timeout_ms) {
         if (read_datagram(w)) continue;
         // A refused dump is asked for again here too: the loop does not turn yet.
         if (w->dump == dump_state::retry) begin_dump(w);
-        pollfd entry{w->fd, POLLIN, 0};
+        pollfd entry{w->channel.fd, POLLIN, 0};
         (void)poll(&entry, 1, static_cast<int>(DUMP_RETRY_MS));
     }
     return w->ready;
 }
 
 bool link_watch_status(const link_watch* w, text_buffer* out) {
+    if (!netlink_channel_status(&w->channel, SUBJECT, out)) return false;
     return text_printf(
         out, "links: %" PRIu64 " messages, %" PRIu64 " dumps, %" PRIu64 " overruns, %" PRIu64 " questions\n",
         w->messages, w->dumps, w->overruns, w->questions);

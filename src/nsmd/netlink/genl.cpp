@@ -1,6 +1,7 @@
 // Generic netlink: family lookup, requests with their answers, notifications. Used by the kernel's clock
-// backend and by the copper roles, each with a socket of its own. Owns the socket; nothing is allocated. What
-// can go wrong is told by the result: the kernel's own code, or -ETIMEDOUT when it did not answer at all.
+// backend and by the copper roles, each with a channel of its own. Owns the channel; nothing is allocated.
+// What can go wrong is told by the result: the kernel's own code, -ETIMEDOUT when it did not answer at all,
+// -EPIPE when the helper died meanwhile.
 #include "nsmd/netlink/genl.h"
 
 #include <linux/genetlink.h>
@@ -14,14 +15,6 @@ namespace {
 // More datagrams than any answer has: a socket that never runs dry can't hold the loop.
 constexpr int DATAGRAMS_MAX = 4096;
 constexpr std::size_t GENL_HEADER = 4;
-
-// What one request is waiting for.
-struct pending {
-    std::uint32_t sequence;  // 0: nothing, notifications only
-    bool done;
-    bool disturbed;
-    int result;
-};
 
 struct family_answer {
     const char* group;
@@ -53,16 +46,16 @@ void take_family(void* arg, const genl_message& message) {
     }
 }
 
-void finish(pending* p, int result) {
-    p->done = true;
-    p->result = result == 0 && p->disturbed ? -EAGAIN : result;
+void finish(genl* g, int result) {
+    g->waiting = 0;
+    g->result = result == 0 && g->disturbed ? -EAGAIN : result;
 }
 
-void take_message(genl* g, const nl_message& message, pending* p) {
-    const bool answer = p->sequence && message.sequence == p->sequence;
-    if (answer && (message.flags & NLM_F_DUMP_INTR)) p->disturbed = true;
+void take_message(genl* g, const nl_message& message) {
+    const bool answer = g->waiting && message.sequence == g->waiting;
+    if (answer && (message.flags & NLM_F_DUMP_INTR)) g->disturbed = true;
     if (message.type == NLMSG_ERROR || message.type == NLMSG_DONE) {
-        if (answer) finish(p, message.body.size() >= 4 ? nl_error_code(message) : 0);
+        if (answer) finish(g, message.body.size() >= 4 ? nl_error_code(message) : 0);
         return;
     }
     // The controller's own messages about families carry its identity; before ours is known they are wanted.
@@ -72,17 +65,18 @@ void take_message(genl* g, const nl_message& message, pending* p) {
 }
 
 // One datagram. False when nothing more is there.
-bool take_datagram(genl* g, pending* p) {
-    const int got = g->edge.receive(g->edge.arg, g->fd, {g->buffer, sizeof g->buffer});
+bool take_datagram(genl* g) {
+    const int got = netlink_channel_receive(&g->channel, {g->buffer, sizeof g->buffer});
     if (got == -EINTR) return true;
     if (got == -ENOBUFS || got == -EMSGSIZE) {
         g->sink.lost(g->sink.arg);
         return true;
     }
+    if (got == -EPIPE && g->waiting) finish(g, -EPIPE);
     if (got < 0) return false;
     const_octets rest{g->buffer, static_cast<std::size_t>(got)};
     nl_message message;
-    while (nl_next_message(&rest, &message)) take_message(g, message, p);
+    while (nl_next_message(&rest, &message)) take_message(g, message);
     return true;
 }
 
@@ -94,9 +88,9 @@ int find_family(genl* g, const char* name, family_answer* out) {
     nl_put_text(&request, CTRL_ATTR_FAMILY_NAME, name);
     const genl_sink wanted = g->sink;
     g->sink = {take_family, [](void*) {}, out};
-    const int result = genl_transact(g, request);
+    genl_request(g, request);
     g->sink = wanted;
-    if (result < 0) return result;
+    if (g->result < 0) return g->result;
     return out->family ? 0 : -ENOENT;
 }
 
@@ -104,17 +98,15 @@ int find_family(genl* g, const char* name, family_answer* out) {
 
 int genl_open(genl* g, const netlink_edge& edge, const char* family, const char* group,
               const genl_sink& sink) {
-    g->edge = edge;
     g->sink = sink;
     g->family = 0;
-    g->sequence = 0;
-    g->fd = edge.open(edge.arg, NETLINK_GENERIC);
-    if (g->fd < 0) return g->fd;
+    g->sequence = g->waiting = 0;
+    int result = netlink_channel_open(&g->channel, edge, NETLINK_GENERIC);
+    if (result < 0) return result;
     family_answer answer{group, 0, 0};
-    int result = find_family(g, family, &answer);
-    if (result == 0 && group) {
-        result = answer.group_id ? edge.join(edge.arg, g->fd, answer.group_id) : -ENOENT;
-    }
+    result = find_family(g, family, &answer);
+    if (result == 0 && group)
+        result = answer.group_id ? netlink_channel_join(&g->channel, answer.group_id) : -ENOENT;
     if (result < 0) {
         genl_close(g);
         return result;
@@ -124,30 +116,40 @@ int genl_open(genl* g, const netlink_edge& edge, const char* family, const char*
 }
 
 void genl_close(genl* g) {
-    if (g->fd >= 0) g->edge.close(g->edge.arg, g->fd);
-    g->fd = -1;
+    netlink_channel_close(&g->channel);
+}
+
+void genl_tend(genl* g, const char* subject) {
+    if (!netlink_channel_tend(&g->channel, subject)) return;
+    if (g->waiting) finish(g, -EPIPE);
+    g->sink.lost(g->sink.arg);
 }
 
 void genl_begin(genl* g, nl_builder* b, std::uint8_t command, std::uint8_t version, bool dump) {
     const int flags = NLM_F_REQUEST | (dump ? NLM_F_DUMP : NLM_F_ACK);
-    nl_begin(b, g->family, static_cast<std::uint16_t>(flags), ++g->sequence);
+    if (++g->sequence == 0) ++g->sequence;  // 0 is that of notifications
+    nl_begin(b, g->family, static_cast<std::uint16_t>(flags), g->sequence);
     const std::uint8_t header[GENL_HEADER] = {command, version, 0, 0};
     nl_put_raw(b, header, sizeof header);
 }
 
-int genl_transact(genl* g, const nl_builder& request) {
-    if (g->fd < 0) return -EBADF;
-    if (request.overflow) return -EMSGSIZE;
-    pending p{nl_u32(request.message().subspan(8)), false, false, 0};
-    const int sent = g->edge.send(g->edge.arg, g->fd, request.message());
-    if (sent < 0) return sent;
-    for (int i = 0; i < DATAGRAMS_MAX && !p.done; ++i)
-        if (!take_datagram(g, &p)) break;
-    return p.done ? p.result : -ETIMEDOUT;
+void genl_request(genl* g, const nl_builder& request) {
+    g->disturbed = false;
+    if (request.overflow) return finish(g, -EMSGSIZE);
+    g->waiting = nl_u32(request.message().subspan(8));
+    const int sent = netlink_channel_send(&g->channel, request.message());
+    if (sent < 0) return finish(g, sent);
+    if (g->channel.detached) return;
+    for (int i = 0; i < DATAGRAMS_MAX && g->waiting; ++i)
+        if (!take_datagram(g)) break;
+    if (g->waiting) finish(g, -ETIMEDOUT);
+}
+
+bool genl_waits(const genl* g) {
+    return g->waiting != 0;
 }
 
 void genl_read(genl* g) {
-    pending none{};
-    for (int i = 0; i < 32 && take_datagram(g, &none); ++i) {
+    for (int i = 0; i < 32 && take_datagram(g); ++i) {
     }
 }

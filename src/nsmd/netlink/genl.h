@@ -1,14 +1,15 @@
-// Generic netlink: one socket for one family.
+// Generic netlink: one channel for one family, and one request at a time.
 //
-// The kernel works a request off while it is being sent, so its answer is there when the send returns: a
-// request is sent and its answer read in one go, without waiting. Notifications that come in between are
-// handed to the same sink as those that come later.
+// The kernel works a request off while it is being sent. On a channel of its own its answer is there when
+// genl_request returns; behind a helper it comes through the loop, by genl_read. Either way the request is
+// over when genl_waits says no. Notifications that come in between are handed to the same sink as those that
+// come later.
 #pragma once
 
 #include <cstdint>
 
+#include "nsmd/netlink/channel.h"
 #include "nsmd/netlink/netlink.h"
-#include "nsmd/netlink/socket.h"
 
 struct genl_message {
     std::uint8_t command;
@@ -23,11 +24,13 @@ struct genl_sink {
 };
 
 struct genl {
-    netlink_edge edge;
+    netlink_channel channel;
     genl_sink sink;
-    int fd = -1;
-    std::uint16_t family = 0;
-    std::uint32_t sequence = 0;
+    std::uint16_t family;
+    std::uint32_t sequence;
+    std::uint32_t waiting;  // number of the request under way; 0: none
+    bool disturbed;         // a dump, by changes meanwhile
+    int result;             // of the last request that is over
     std::uint8_t buffer[32768];
 };
 
@@ -36,11 +39,14 @@ struct genl {
 int genl_open(genl* g, const netlink_edge& edge, const char* family, const char* group,
               const genl_sink& sink);
 void genl_close(genl* g);  // may be called twice
+// As netlink_channel_tend; the sink hears of what was lost.
+void genl_tend(genl* g, const char* subject);
 
 // Begins a request of the family in *b; attributes are added with nl_put.
 void genl_begin(genl* g, nl_builder* b, std::uint8_t command, std::uint8_t version, bool dump);
-// Sends it; the sink gets the parts of the answer. 0, or the kernel's negative errno. -EAGAIN: a dump that
-// the kernel says was disturbed.
-int genl_transact(genl* g, const nl_builder& request);
-// Reads what is there: notifications.
+// Sends it; the sink gets the parts of the answer, and `result` tells how it ended: 0, or the kernel's
+// negative errno. -EAGAIN: a dump that the kernel says was disturbed. Not while another one is under way.
+void genl_request(genl* g, const nl_builder& request);
+bool genl_waits(const genl* g);
+// Reads what is there: notifications and answers.
 void genl_read(genl* g);

@@ -191,6 +191,10 @@ job* job_start(lib_globals* ctx, const job_order& order) {
     return j;
 }
 
+long job_process(const job* j) {
+    return j ? j->child : 0;
+}
+
 void job_cancel(job* j) {
     if (!j) return;
     j->done = nullptr;

@@ -34,6 +34,7 @@ struct job_order {
 
 // Null, with errno, when the child could not be started; `done` is not called then.
 [[nodiscard]] job* job_start(lib_globals* ctx, const job_order& order);
+long job_process(const job* j);  // the child's number, 0 for null
 // The owner goes, or wants the result no more: `done` is not called. Null is ignored.
 void job_cancel(job* j);
 // At the end of the library: cancels all. Gives killed children a moment to be reaped; what the system holds
