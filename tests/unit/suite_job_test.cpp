@@ -69,7 +69,7 @@ TEST_F(Jobs, WhatEndsBadlyIsToldAndWhatIsCancelledIsNot) {
     EXPECT_TRUE(no_child());
     job_cancel(begin(hang));
     job_cancel(begin(list_descriptors));
-    EXPECT_TRUE(run_loop(ctx, 20'000, no_child)) << "killed and reaped";
+    EXPECT_TRUE(run_loop(ctx, 20'000, no_child)) << "ended and reaped";
     ASSERT_NE(begin(hang), nullptr);
     stop();
     EXPECT_TRUE(no_child());

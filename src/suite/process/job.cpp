@@ -1,10 +1,16 @@
 // Children with a pipe. A job is in the list from its start until its child has been reaped, which is later
 // than its owner's last word when it was cancelled, or when the system is slow to end it.
+//
+// No signal is sent to a child, as the system call filter has none for it (suite/rights/calls.cpp): with the
+// right to signal one's children comes the right to signal whoever runs as the same user. A child looks
+// itself, now and then, whether somebody still reads what it writes.
 #include "suite/process/job.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -35,6 +41,7 @@ namespace {
 
 constexpr std::uint32_t REAP_AGAIN_MS = 5;
 constexpr int STOP_TRIES = 100;  // of a millisecond each
+constexpr std::uint32_t LOOK_MS = 10;
 
 job* jobs;
 
@@ -64,11 +71,35 @@ void close_others(const job_order& order, int out) {
     }
 }
 
+// The child's own: its pipe, and how often it may still look. 0: without end.
+int watched;
+std::uint64_t looks_left;
+
+// Whoever reads is gone, or the time is up: the next signal of the timer ends the process.
+void look(int) {
+    const int reason = errno;
+    pollfd pipe{watched, 0, 0};
+    const bool unread = poll(&pipe, 1, 0) == 1 && (pipe.revents & POLLERR);
+    if (unread || (looks_left && --looks_left == 0)) std::signal(SIGALRM, SIG_DFL);
+    errno = reason;
+}
+
+void look_now_and_then(int out, std::uint32_t limit_s) {
+    watched = out;
+    looks_left = std::uint64_t{limit_s} * 1000 / LOOK_MS;
+    struct sigaction action {};
+    action.sa_handler = look;
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGALRM, &action, nullptr);
+    const itimerval timer = {{0, LOOK_MS * 1000}, {0, LOOK_MS * 1000}};
+    setitimer(ITIMER_REAL, &timer, nullptr);
+}
+
 [[noreturn]] void run_child(const job_order& order, int out) {
-    for (int number : {SIGHUP, SIGINT, SIGTERM, SIGUSR1, SIGUSR2, SIGXCPU, SIGXFSZ, SIGALRM})
+    for (int number : {SIGHUP, SIGINT, SIGTERM, SIGUSR1, SIGUSR2, SIGXCPU, SIGXFSZ})
         std::signal(number, SIG_DFL);
     close_others(order, out);
-    alarm(order.limit_s);
+    look_now_and_then(out, order.limit_s);
     _exit(order.work(order.arg, out));
 }
 
@@ -143,10 +174,7 @@ int on_result(thread* event) {
     }
     if (more && !j->failed) j->event = thread_add_read(j->ctx, on_result, j, j->fd);
     if (j->event) return 0;
-    if (more) {  // too much, or no memory to go on
-        j->failed = true;
-        kill(j->child, SIGKILL);
-    }
+    j->failed = j->failed || more;  // too much, or no memory to go on
     at_end(j);
     return 0;
 }
@@ -198,7 +226,6 @@ long job_process(const job* j) {
 void job_cancel(job* j) {
     if (!j) return;
     j->done = nullptr;
-    kill(j->child, SIGKILL);
     thread_cancel(j->event);
     j->event = nullptr;
     at_end(j);
@@ -206,14 +233,13 @@ void job_cancel(job* j) {
 
 void jobs_stop(lib_globals* ctx) {
     for (job* j = jobs; j; j = j->next)
-        if (j->ctx == ctx) kill(j->child, SIGKILL);
+        if (j->ctx == ctx) close_pipe(j);
     const timespec moment = {0, 1'000'000};
     for (job *j = jobs, *next; j; j = next) {
         next = j->next;
         if (j->ctx != ctx) continue;
         for (int status, tries = 0; !reaped(j, &status) && tries < STOP_TRIES; tries++)
             nanosleep(&moment, nullptr);
-        close_pipe(j);
         release(j);
     }
 }
