@@ -34,11 +34,24 @@ SYSTEM_PACKAGES=("${LAB_PACKAGES[@]}" python3-pytest python3-pytest-rerunfailure
 STYLE_PACKAGES=(clang-format clang-tidy groff)
 
 # need_mib_modules: Debian's main section has no base MIB modules (SNMPv2-SMI and the like); the npm package net-snmp ships them.
+# Installed are the versions of tools/mibs/package-lock.json, each with its hash. No script of theirs is run; root has nobody fetch them.
 need_mib_modules() {
-    [ -d "$root/build/mibs/node_modules/net-snmp/lib/mibs" ] && return 0
+    local mibs=$root/build/mibs into registry as=()
+    cmp -s "$root/tools/mibs/package-lock.json" "$mibs/package-lock.json" && [ -d "$mibs/node_modules/net-snmp/lib/mibs" ] && return 0
     command -v npm >/dev/null || install_missing npm
-    mkdir -p "$root/build/mibs"
-    npm install --silent --no-audit --no-fund --prefix "$root/build/mibs" net-snmp </dev/null || die "npm install net-snmp failed"
+    registry=$(npm config get registry)
+    into=$(mktemp -d) || die "no temporary directory"
+    cp "$root"/tools/mibs/package*.json "$into" && mkdir "$into/home"
+    if [ "$(id -u)" = 0 ]; then
+        chown -R nobody:nogroup "$into"
+        as=(setpriv --reuid nobody --regid nogroup --clear-groups --inh-caps -all --no-new-privs)
+    fi
+    (cd "$into" && HOME=$into/home npm_config_registry=$registry \
+        "${as[@]}" npm ci --silent --ignore-scripts --no-audit --no-fund </dev/null) ||
+        { rm -rf "$into"; die "npm ci in a copy of tools/mibs failed"; }
+    rm -rf "$mibs" "$into/home"
+    mkdir -p "$root/build" && cp -r --no-preserve=ownership "$into" "$mibs" && chmod 755 "$mibs"
+    rm -rf "$into"
 }
 
 # need_namespaces: says in one line why the network tests can't run here, if they can't.

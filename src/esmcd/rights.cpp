@@ -18,7 +18,7 @@ constexpr std::uint64_t KEPT = std::uint64_t{1} << CAP_NET_RAW;
 }  // namespace
 
 void pal_rights_drop() {
-    rights_reduce(KEPT);
+    rights_reduce(rights_program::esmcd, KEPT);
 }
 
 int pal_rights_become(const rights_user& user) {

@@ -91,7 +91,7 @@ int run(lib_globals* ctx, const nsmd_options& options) {
     if (become_user(options) && (!options.daemonize || go_to_background())) {
         single_hold();
         log_suite(LOG_LEVEL_INFO, "nsmd %s serves %s", lib_version(), NSM_SOCKET_PATH);
-        rights_reduce(RIGHTS_KEPT);
+        rights_reduce(rights_program::nsmd, RIGHTS_KEPT);
         if (!nsmd_detach(n)) log_suite(LOG_LEVEL_WARNING, "no helpers: a slow driver holds everything up");
         thread event;
         while (thread_fetch(ctx, &event)) thread_call(&event);

@@ -30,7 +30,7 @@ def mibs():
     for place in MIB_PLACES:
         if place and pathlib.Path(place).is_dir() and list(pathlib.Path(place).glob("SNMPv2-TC*")):
             return place
-    pytest.fail("no base MIB modules; set ESMC_MIBS, or: npm install --prefix build/mibs net-snmp")
+    pytest.fail("no base MIB modules; set ESMC_MIBS, or run ./check system, which fetches them")
 
 
 class Manager:

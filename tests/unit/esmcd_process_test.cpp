@@ -1,6 +1,9 @@
 // Start-up, the end, and the filter of system calls, tried out in children: there is no way back from any of
 // it. A daemon that runs has a /run of its own; only the packet socket and the link to the network services
 // manager are replaced.
+#include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <sched.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
@@ -16,6 +19,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -27,7 +31,7 @@
 #include "suite/base/clock.h"
 #include "suite/ports/slow_socket.h"
 #include "suite/process/single.h"
-#include "suite/rights/rights.h"
+#include "suite/rights/calls.h"
 
 namespace {
 
@@ -183,28 +187,126 @@ bool refused(long result, int expected = EPERM) {
     return result == -1 && errno == expected;
 }
 
-TEST(rights, calls_beyond_the_table_are_refused_and_end_nothing) {
-    const int result = in_child([] {
+// Under the filter, as a child's exit status: 0 or the number of the first call for which `holds` says no.
+template <class check>
+int filtered(rights_program program, check holds) {
+    return in_child([&] {
+        const int installed = rights_filter_calls(program);
+        if (installed == -ENOSYS || installed == -ECANCELED) return CANNOT;
+        return installed == 0 ? holds() : 255;
+    });
+}
+#define EXPECT_FILTERED(result)                                                                   \
+    if ((result) == CANNOT) GTEST_SKIP() << "no filter: this kernel, emulator or build has none"; \
+    EXPECT_EQ(result, 0)
+
+class Filter : public testing::TestWithParam<rights_program> {};
+
+// With arguments that no call can use. Those are left out that would end the process or hold it up if they
+// were let through.
+int walk(rights_program program) {
+    const std::set<long> left_out = {
+        __NR_exit_group,
+        __NR_exit,
+        __NR_rt_sigreturn,
+        SYS_vhangup,
+        SYS_setsid,
+        __NR_clone,
+#ifdef __NR_fork
+        __NR_fork,
+        __NR_vfork,
+        __NR_pause,
+#endif
+#ifdef __NR_sigreturn
+        __NR_sigreturn,
+#endif
+#ifdef __x86_64__
+        335,
+        336,  // the kernel's own way back from a probe
+#endif
+    };
+    for (long number = 0; number < RIGHTS_FIRST_NEW_CALL + 50; ++number) {
+        if (left_out.contains(number)) continue;
+        long arguments[6] = {-1, -1, -1, -1, -1, -1};
+        bool in_table = false;
+        for (const rights_call& c : rights_calls()) {
+            if (number != c.number || !(c.programs & static_cast<int>(program))) continue;
+            in_table = true;
+            if (c.mask) arguments[c.argument] = static_cast<std::int32_t>(c.value);
+        }
+        errno = 0;
+        (void)syscall(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4],
+                      arguments[5]);
+        const int expected = number < RIGHTS_FIRST_NEW_CALL ? EPERM : ENOSYS;
+        if (in_table == (errno != expected)) continue;
+        std::fprintf(stderr, "call %ld %s: %s\n", number, in_table ? "is refused" : "passes",
+                     strerror(errno));
+        return 1;
+    }
+    return 0;
+}
+
+TEST_P(Filter, passes_what_the_table_has_and_nothing_else) {
+    const int result = filtered(GetParam(), [] { return walk(GetParam()); });
+    EXPECT_FILTERED(result);
+}
+
+// Children are made, and end; no other process is signalled, by whatever call.
+TEST_P(Filter, signals_nobody_and_starts_nothing) {
+    const bool daemon = GetParam() == rights_program::esmcd;
+    const int self = getpid();
+    const int result = filtered(GetParam(), [=] {
         char* const words[] = {const_cast<char*>("/bin/true"), nullptr};
         const timeval now = {};
-        const int installed = rights_filter_calls();
-        if (installed == -ENOSYS || installed == -ECANCELED) return CANNOT;
+        const rlimit none = {};
+        int status = -1;
+        const pid_t child = fork();
+        if (child == 0) _exit(7);
         return first_failed({
-            installed == 0, refused(prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0)),  // prctl itself is gone
-            refused(ptrace(PTRACE_TRACEME, 0, nullptr, nullptr)),
-            refused(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr)),
-            refused(unshare(CLONE_NEWNET)), refused(execv(words[0], words)),
-            refused(settimeofday(&now, nullptr)), refused(socket(AF_VSOCK, SOCK_STREAM, 0)),
-            mmap(nullptr, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) == MAP_FAILED &&
-                errno == EPERM,
+            child > 0,
+            waitpid(child, &status, 0) == child && code_of(status) == 7,
+            refused(kill(self, 0)),
+            refused(syscall(SYS_tgkill, self, self, 0)),
+            refused(syscall(SYS_tkill, self, 0)),
+            refused(sigqueue(self, 0, {})),
+            refused(fcntl(0, F_SETOWN, self)),
+            refused(fcntl(0, F_SETSIG, SIGKILL)),
+            refused(prlimit(self, RLIMIT_CPU, &none, nullptr)),
+            refused(setpriority(PRIO_PROCESS, self, 19)),
+            refused(syscall(SYS_clone, SIGKILL, nullptr, nullptr, nullptr, nullptr)),
             refused(syscall(SYS_clone, CLONE_NEWUSER | SIGCHLD, nullptr, nullptr, nullptr, nullptr)),
-            // Newer calls do not exist, so that a C library falls back to the older ones.
-            refused(syscall(435, nullptr, 0), ENOSYS),  // clone3
-            refused(syscall(425, 1, nullptr), ENOSYS),  // io_uring_setup
+            refused(syscall(SYS_clone, CLONE_PARENT | SIGCHLD, nullptr, nullptr, nullptr, nullptr)),
+            refused(prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0)),
+            refused(ptrace(PTRACE_TRACEME, 0, nullptr, nullptr)),
+            refused(unshare(CLONE_NEWNET)),
+            refused(execv(words[0], words)),
+            refused(settimeofday(&now, nullptr)),
+            refused(syscall(SYS_socket, AF_VSOCK, SOCK_STREAM, 0)),
+            refused(syscall(SYS_socket, daemon ? AF_NETLINK : AF_PACKET, SOCK_RAW, 0)),
+            close(socket(daemon ? AF_PACKET : AF_NETLINK, SOCK_RAW, 0)) == 0 || geteuid() != 0,
+            mmap(nullptr, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) == MAP_FAILED,
         });
     });
-    if (result == CANNOT) GTEST_SKIP() << "no filter: this kernel, emulator or build has none";
-    EXPECT_EQ(result, 0);
+    EXPECT_FILTERED(result);
+}
+
+INSTANTIATE_TEST_SUITE_P(programs, Filter, testing::Values(rights_program::esmcd, rights_program::nsmd));
+
+// A kernel that has the filter and does not take it is no kernel without one: the log has to warn.
+TEST(rights, a_filter_that_is_not_taken_is_no_missing_filter) {
+    const int result = in_child([] {
+        sock_filter refuse[] = {{BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
+                                {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, __NR_seccomp},
+                                {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | EINVAL},
+                                {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW}};
+        const sock_fprog program = {std::size(refuse), refuse};
+        if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+            prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program, 0, 0) != 0)
+            return CANNOT;
+        const int installed = rights_filter_calls(rights_program::esmcd);
+        return installed == -ECANCELED ? CANNOT : installed == -EINVAL ? 0 : 1;
+    });
+    EXPECT_FILTERED(result);
 }
 
 }  // namespace

@@ -67,10 +67,10 @@ TEST_F(Jobs, WhatEndsBadlyIsToldAndWhatIsCancelledIsNot) {
     for (const auto& [status, result] : came) EXPECT_EQ(status, -1);
     EXPECT_EQ(came[0].second, "half");
     EXPECT_TRUE(no_child());
-    job_cancel(begin(hang));
+    job_cancel(begin(hang, {}, 60));
     job_cancel(begin(list_descriptors));
     EXPECT_TRUE(run_loop(ctx, 20'000, no_child)) << "ended and reaped";
-    ASSERT_NE(begin(hang), nullptr);
+    ASSERT_NE(begin(hang, {}, 60), nullptr);
     stop();
     EXPECT_TRUE(no_child());
     start();

@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -34,14 +35,15 @@ struct job {
     int fd;  // -1: at its end, or cancelled
     thread* event;
     text_buffer result;
-    bool failed;  // too much was written
+    bool failed;            // too much was written
+    std::uint32_t reap_ms;  // until it is tried again
 };
 
 namespace {
 
-constexpr std::uint32_t REAP_AGAIN_MS = 5;
+constexpr std::uint32_t REAP_FIRST_MS = 5, REAP_LAST_MS = 1000;
 constexpr int STOP_TRIES = 100;  // of a millisecond each
-constexpr std::uint32_t LOOK_MS = 10;
+constexpr std::uint32_t LOOK_FIRST_MS = 10, LOOK_LAST_MS = 1000;
 
 job* jobs;
 
@@ -71,35 +73,52 @@ void close_others(const job_order& order, int out) {
     }
 }
 
-// The child's own: its pipe, and how often it may still look. 0: without end.
-int watched;
-std::uint64_t looks_left;
+// The child's own.
+struct {
+    int pipe;
+    std::uint32_t limit_ms, age_ms, next_ms;
+} self;
 
-// Whoever reads is gone, or the time is up: the next signal of the timer ends the process.
+bool is_read() {
+    pollfd pipe{self.pipe, 0, 0};
+    return poll(&pipe, 1, 0) != 1 || !(pipe.revents & POLLERR);
+}
+
+void look_later(std::uint32_t ms) {
+    self.next_ms = ms;
+    const itimerval once = {{0, 0}, {ms / 1000, static_cast<suseconds_t>(ms % 1000 * 1000)}};
+    setitimer(ITIMER_REAL, &once, nullptr);
+}
+
+// Nobody reads any more, or the time is up: the next signal of the timer ends the process. A young child
+// looks often, an old one now and then.
 void look(int) {
     const int reason = errno;
-    pollfd pipe{watched, 0, 0};
-    const bool unread = poll(&pipe, 1, 0) == 1 && (pipe.revents & POLLERR);
-    if (unread || (looks_left && --looks_left == 0)) std::signal(SIGALRM, SIG_DFL);
+    self.age_ms += self.next_ms;
+    const bool ends = !is_read() || self.age_ms >= self.limit_ms;
+    if (ends) std::signal(SIGALRM, SIG_DFL);
+    look_later(ends ? 1 : std::clamp(self.age_ms / 8, LOOK_FIRST_MS, LOOK_LAST_MS));
     errno = reason;
 }
 
-void look_now_and_then(int out, std::uint32_t limit_s) {
-    watched = out;
-    looks_left = std::uint64_t{limit_s} * 1000 / LOOK_MS;
+// Whatever it waits for, it goes with this process; without a limit its work is interrupted by nothing else.
+void end_in_time(int out, std::uint32_t limit_s) {
+    self = {out, limit_s * 1000, 0, 0};
+    (void)prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
+    if (!is_read()) _exit(1);
+    if (limit_s == 0) return;
     struct sigaction action {};
     action.sa_handler = look;
     action.sa_flags = SA_RESTART;
     sigaction(SIGALRM, &action, nullptr);
-    const itimerval timer = {{0, LOOK_MS * 1000}, {0, LOOK_MS * 1000}};
-    setitimer(ITIMER_REAL, &timer, nullptr);
+    look_later(LOOK_FIRST_MS);
 }
 
 [[noreturn]] void run_child(const job_order& order, int out) {
     for (int number : {SIGHUP, SIGINT, SIGTERM, SIGUSR1, SIGUSR2, SIGXCPU, SIGXFSZ})
         std::signal(number, SIG_DFL);
     close_others(order, out);
-    look_now_and_then(out, order.limit_s);
+    end_in_time(out, order.limit_s);
     _exit(order.work(order.arg, out));
 }
 
@@ -133,7 +152,8 @@ int try_reap(thread* event);
 void reap(job* j) {
     int status = -1;
     if (!reaped(j, &status)) {
-        j->event = thread_add_timer_msec(j->ctx, try_reap, j, REAP_AGAIN_MS);
+        j->event = thread_add_timer_msec(j->ctx, try_reap, j, j->reap_ms);
+        j->reap_ms = std::min(2 * j->reap_ms, REAP_LAST_MS);
         if (j->event) return;
         (void)waitpid(j->child, &status, 0);  // no memory for a timer; it is at its end
     }
@@ -213,6 +233,7 @@ job* job_start(lib_globals* ctx, const job_order& order) {
     j->done = order.done;
     j->owner = order.owner;
     j->result_max = order.result_max;
+    j->reap_ms = REAP_FIRST_MS;
     j->fd = ends[0];
     j->next = jobs;
     jobs = j;

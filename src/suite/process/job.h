@@ -3,10 +3,11 @@
 // writing end of a pipe and those that are named: it holds no client's connection open and no socket of ours.
 // Its signals are as at the start of a program, but for SIGPIPE, which stays ignored.
 //
-// What the work writes to the pipe and how the child ended comes back as an event of the loop. A child whose
-// pipe nobody reads any more, because it was cancelled or because this process is gone, ends itself within 20
-// ms (SIGALRM, which is the work's no more) and is reaped as soon as the system has ended it, without the
-// loop waiting.
+// What the work writes to the pipe and how the child ended comes back as an event of the loop. A child ends
+// with this process. One that is cancelled is sent no signal, as the filter of system calls has none: with a
+// limit of time it looks itself whether its pipe is still read, and ends within 20 ms, later on within an
+// eighth of its age, a second at most. Without one it ends when its work comes to an end. The loop does not
+// wait for it.
 #pragma once
 
 #include <cstddef>
@@ -29,7 +30,8 @@ struct job_order {
     const int* keep;  // descriptors that the child has beside `out`, under the same numbers
     std::size_t keep_count;
     std::size_t result_max;  // octets
-    std::uint32_t limit_s;   // after so many seconds the child ends itself; 0: never
+    std::uint32_t
+        limit_s;  // after so many seconds the child ends itself; 0: never, and no signal interrupts it
     job_done done;
     void* owner;  // for `done`
 };

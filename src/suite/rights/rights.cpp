@@ -92,12 +92,12 @@ int rights_keep_capabilities(std::uint64_t keep) {
     return syscall(SYS_capset, &words.header, words.data) == 0 ? 0 : -errno;
 }
 
-void rights_reduce(std::uint64_t keep) {
+void rights_reduce(rights_program program, std::uint64_t keep) {
     const int dropped = rights_keep_capabilities(keep);
     if (dropped < 0) log_suite(LOG_LEVEL_WARNING, "capabilities not given up: %s", std::strerror(-dropped));
     char kept[64];
     describe(kept, effective_capabilities());  // can't be asked for any more once the filter is there
-    const int filtered = rights_filter_calls();
+    const int filtered = rights_filter_calls(program);
     const bool expected = filtered == 0 || filtered == -ENOSYS || filtered == -ECANCELED;
     log_suite(expected ? LOG_LEVEL_INFO : LOG_LEVEL_WARNING, "rights: capabilities %s; system calls %s", kept,
               filter_words(filtered));

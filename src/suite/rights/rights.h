@@ -14,11 +14,16 @@
 // no_new_privs is set by the next function.
 void rights_shrink_bounding_set(std::uint64_t keep);
 
-// Sets no_new_privs and leaves only the system calls that the programs of this suite make in their loops; any
-// other fails with EPERM (with ENOSYS where the C library has an older call to fall back to). For this
-// process and the children it forks. 0; -ENOSYS when kernel, emulator or processor have no filter; -ECANCELED
-// when this build or an instrument that watches the process needs more calls; another negative errno.
-[[nodiscard]] int rights_filter_calls();
+// Whose table of system calls (suite/rights/calls.cpp) is meant.
+enum class rights_program : std::uint8_t { esmcd = 1, nsmd = 2 };
 
-// Both, with one line in the log that says what is in force. A part that can't be had is no reason to stop.
-void rights_reduce(std::uint64_t keep);
+// Sets no_new_privs and leaves only the system calls that the program makes in its loop; any other fails with
+// EPERM (with ENOSYS where the C library has an older call to fall back to). For this process and the
+// children it forks. 0; -ENOSYS when kernel, emulator or processor have no filter; -ECANCELED when this build
+// or an instrument that watches the process needs more calls; another negative errno when the kernel does not
+// take it.
+[[nodiscard]] int rights_filter_calls(rights_program program);
+
+// Both, with one line in the log that says what is in force: a warning when something could be had and was
+// not. It is no reason to stop.
+void rights_reduce(rights_program program, std::uint64_t keep);
