@@ -3,6 +3,7 @@
 import concurrent.futures
 import pathlib
 import shutil
+import socket
 import subprocess
 import threading
 
@@ -127,3 +128,42 @@ def test_frames_leave_on_time_while_32_sessions_type(enabled, release_only):
     for child in children + [refused]:
         child.close(force=True)
     wait_until(lambda: enabled.cli("show version", check=False).status == 0, what="a place is free again")
+
+
+def memory_holds(pid, word):
+    """Looks through all that the process may write, stack and blocks given back included."""
+    with open(f"/proc/{pid}/maps") as maps, open(f"/proc/{pid}/mem", "rb", 0) as memory:
+        for line in maps:
+            places, rights = line.split()[:2]
+            if rights.startswith("rw"):
+                first, last = (int(place, 16) for place in places.split("-"))
+                memory.seek(first)
+                if word.encode() in memory.read(last - first):
+                    return True
+    return False
+
+
+def test_no_password_stays_in_memory(sw, release_only):
+    """Neither from the file, nor typed at a prompt, sent by a script, tried, or begun and left."""
+    words = {way: f"{way}-ohgh4Rei" for way in ("file", "script", "typed", "begun", "wrong", "left")}
+    sw.path("/etc/esmcd.conf").write_text(f"hostname sw\npassword {words['file']}\n")
+    sw.start_esmcd()
+    sw.configure(f"password {words['script']}")
+    child = spawn(sw, [f"{BIN}/esmcsh"])
+    tell(child, "configure terminal\r", r"config\)#")
+    tell(child, f"password {words['begun']}" + UP, "configure terminal")
+    tell(child, "\x15" + f"password {words['typed']}\r", r"\n.*config\)#")
+    tell(child, "show memory\x03", r"config\)#")
+    left, wrong, right = (sw.in_network(lambda: socket.create_connection(("127.0.0.1", int(PORT)), 10)) for _ in range(3))
+    left.sendall(words["left"].encode())
+    wrong.sendall(words["wrong"].encode() + b"\n")
+    right.sendall(words["typed"].encode() + b"\n")
+    for client, end in ((left, b"Password: "), (wrong, b"Wrong password"), (right, b"sw#")):
+        heard = b""
+        while end not in heard:
+            heard += client.recv(4096) or pytest.fail(f"closed after {heard}")
+    assert memory_holds(sw.esmcd.pid, words["left"])
+    left.close()
+    wait_until(lambda: not any(memory_holds(sw.esmcd.pid, word) for word in words.values()), 2,
+               "no password is left")
+    child.close(force=True)

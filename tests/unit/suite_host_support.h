@@ -4,6 +4,9 @@
 #include "suite/command/cli.h"
 #include "unit/suite_support.h"
 
+// The loop's clock and wait, when they are not the system's.
+inline const thread_edges* host_edges = nullptr;
+
 inline words ran;  // "mode:interface:command argument"
 
 inline int note(cli* session, int argc, char** argv) {
@@ -48,7 +51,7 @@ class Host : public Suite {
         ctx = lib_create("esmcd");
         EXPECT_EQ(lib_start(ctx), 0);
         log_set_default_sinks(0);
-        ctx->master = thread_master_create();
+        ctx->master = thread_master_create(host_edges);
         EXPECT_EQ(host_vty_init(ctx), 0);
         for (const auto& c : host_commands)
             EXPECT_EQ(cli_install_gen(ctx->ctree, c.mode, 4, c.flags, &c.element), 0);

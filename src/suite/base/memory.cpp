@@ -3,7 +3,9 @@
 // A block is preceded by a header of 16 octets that says what it is, so a free needs no size and a wrong type
 // is noticed. The header's mark also tells a block that was given back already (or memory that never came
 // from here) from a live one: such a free is logged and not carried out. Freed blocks are kept up to a bound
-// for each class; what is above it goes back to the C library.
+// for each class; what is above it goes back to the C library. Either way a block is overwritten with zeros
+// when it is given back, not when it is taken again: nobody knows for how long nobody takes it, and it may
+// have held a password.
 //
 // Under AddressSanitizer nothing is cached and blocks have their exact size, so that it sees every use after
 // free and every overrun.
@@ -139,7 +141,6 @@ void* take_block(std::size_t size_class, std::size_t octets, memory_type type) {
         h = caches[size_class].first;
         caches[size_class].first = h->next_cached;
         caches[size_class].count--;
-        std::memset(static_cast<void*>(h), 0, sizeof *h + malloc_sizes[size_class].octets);
     } else {
         const std::size_t room =
             MEMORY_EXACT || size_class >= CLASS_COUNT ? octets : malloc_sizes[size_class].octets;
@@ -174,6 +175,7 @@ std::uint32_t cache_bound(std::size_t size_class) {
 void release_block(block_header* h) {
     count_given_back(h);
     h->mark = MARK_FREE;
+    explicit_bzero(h + 1, block_room(h));
     const std::uint16_t size_class = h->size_class;
     if (MEMORY_EXACT || size_class == CLASS_NONE || caches[size_class].count >= cache_bound(size_class)) {
         std::free(h);

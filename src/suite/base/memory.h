@@ -1,6 +1,7 @@
 // Memory manager: every allocation of the programs goes through it, under a memory type, so that
 // `show memory` tells who holds what and a test can make any single allocation fail.
-// Blocks come zeroed, in size classes; freed blocks of a class are kept for the next taker.
+// Blocks come zeroed, in size classes; freed blocks of a class are kept for the next taker. What a block held
+// is overwritten as soon as it is given back.
 // Nothing here aborts: exhausted memory is a null pointer, which the caller must handle.
 #pragma once
 

@@ -67,13 +67,17 @@ void text_consume(text_buffer* t, std::size_t count) {
         text_clear(t);
         return;
     }
-    t->length -= count;
-    std::memmove(t->data, t->data + count, t->length + 1);
+    std::memmove(t->data, t->data + count, t->length - count);
+    text_cut(t, t->length - count);
+}
+
+void text_cut(text_buffer* t, std::size_t length) {
+    if (length < t->length) std::memset(t->data + length, 0, t->length - length);
+    t->length = length < t->length ? length : t->length;
 }
 
 void text_clear(text_buffer* t) {
-    t->length = 0;
-    if (t->data != nullptr) t->data[0] = '\0';
+    text_cut(t, 0);
 }
 
 void text_free(text_buffer* t) {

@@ -1,5 +1,6 @@
 // A growable buffer of octets or text from the memory manager (MTYPE_TEXT). Every growing call says whether
 // it succeeded; on failure the contents are as before. Text is always followed by a zero that is not counted.
+// What is dropped is overwritten in memory.
 #pragma once
 
 #include <cstdarg>
@@ -21,6 +22,7 @@ struct text_buffer {
 [[nodiscard]] bool text_printf(text_buffer* t, const char* format, ...) __attribute__((format(printf, 2, 3)));
 [[nodiscard]] bool text_vprintf(text_buffer* t, const char* format, va_list args);
 void text_consume(text_buffer* t, std::size_t count);  // drops octets at the front
+void text_cut(text_buffer* t, std::size_t length);     // drops octets at the end
 void text_clear(text_buffer* t);                       // keeps the memory
 void text_free(text_buffer* t);
 

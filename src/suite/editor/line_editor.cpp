@@ -76,6 +76,7 @@ bool put_in(line_editor* e, std::string_view text) {
 void take_out(line_editor* e, std::size_t from, std::size_t to) {
     std::memmove(e->text + from, e->text + to, e->length - to);
     e->length -= to - from;
+    std::memset(e->text + e->length, 0, to - from);
     e->cursor = from;
     e->utf8_left = 0;
 }
@@ -103,6 +104,7 @@ std::size_t word_right(const line_editor* e) {
 }
 
 void empty_line(line_editor* e) {
+    explicit_bzero(e->text, e->length);
     e->length = e->cursor = e->scroll = 0;
     e->too_long = false;
     e->utf8_left = 0;
@@ -306,6 +308,7 @@ void line_bell(text_buffer* out) {
 void line_replace(line_editor* e, const char* text) {
     std::size_t length = std::strlen(text);
     if (length > sizeof e->text) length = sizeof e->text;
+    std::memset(e->text, 0, e->length);
     std::memcpy(e->text, text, length);
     e->length = e->cursor = length;
     e->scroll = 0;
@@ -322,6 +325,10 @@ void line_editor_free(line_editor* e) {
     if (!e) return;
     line_history_free(e);
     memmgr_free(e, MTYPE_CLI_SESSION);
+}
+
+void line_editor_clear(line_editor* e) {
+    empty_line(e);
 }
 
 void line_editor_start(line_editor* e, std::string_view prompt, text_buffer* out) {

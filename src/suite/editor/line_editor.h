@@ -31,7 +31,7 @@ enum class editor_event : std::uint8_t {
 };
 
 struct line_editor {
-    char text[LINE_EDITOR_MAX];
+    char text[LINE_EDITOR_MAX];  // zeros behind the line: what was erased is not kept
     std::size_t length, cursor, scroll;
     bool too_long;
     bool hidden;  // passwords: nothing is shown, nothing is remembered
@@ -66,6 +66,8 @@ void line_editor_redraw(line_editor* e, text_buffer* out);
 void line_editor_hide(const line_editor* e, text_buffer* out);
 // 0: not known, 80.
 void line_editor_resize(line_editor* e, std::size_t columns);
+// Empties the line, also in memory.
+void line_editor_clear(line_editor* e);
 // Puts a line into the history. Blank lines and repetitions of the last one are left out.
 void line_editor_remember(line_editor* e, std::string_view line);
 

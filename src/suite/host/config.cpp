@@ -161,6 +161,7 @@ int read_lines(config_reader* r, int fd) {
         if (count == 0) break;
         take_chunk(r, chunk, static_cast<std::size_t>(count));
     }
+    explicit_bzero(chunk, sizeof chunk);  // may hold a password
     if (r->line.length || r->too_long) end_line(r);
     return 0;
 }

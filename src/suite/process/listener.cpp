@@ -26,12 +26,13 @@ int rested(thread* event) {
 
 int connection_ready(thread* event) {
     auto* l = static_cast<listener*>(event->arg);
+    l->event = nullptr;
     sockaddr_storage peer{};
     socklen_t size = sizeof peer;
     const int fd = accept4(l->fd, reinterpret_cast<sockaddr*>(&peer), &size, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS)) {
         log_limited(&l->exhausted, thread_now(l->ctx), "can't take a client: %s", std::strerror(errno));
-        l->event = thread_add_timer_msec(l->ctx, rested, l, REST_MS);
+        listener_rest(l, REST_MS);
         return 0;
     }
     await(l);
@@ -65,6 +66,13 @@ int listener_start_unix(listener* l, lib_globals* ctx, const char* path, int typ
     std::memcpy(l->path, path, std::strlen(path) + 1);  // it fitted into an address, which is as long
     l->file = file;
     return 0;
+}
+
+void listener_rest(listener* l, std::uint32_t milliseconds) {
+    if (!l->ctx) return;
+    thread_cancel(l->event);
+    l->event = thread_add_timer_msec(l->ctx, rested, l, milliseconds);
+    if (!l->event) await(l);  // no memory to rest
 }
 
 void listener_stop(listener* l) {

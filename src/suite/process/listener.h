@@ -32,5 +32,7 @@ int listener_start(listener* l, lib_globals* ctx, int fd, listener_accepted acce
 // errno.
 int listener_start_unix(listener* l, lib_globals* ctx, const char* path, int type, listener_accepted accepted,
                         void* arg);
+// Takes nobody for so long; who comes meanwhile waits in the kernel's queue. Also from inside `accepted`.
+void listener_rest(listener* l, std::uint32_t milliseconds);
 // Closes, and removes the file unless another server's has taken its place.
 void listener_stop(listener* l);

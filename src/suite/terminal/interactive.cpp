@@ -57,8 +57,7 @@ void release_lines(session* s, std::size_t lines) {
 }
 
 void drop_held(session* s) {
-    s->out.length = s->released;
-    if (s->out.data) s->out.data[s->released] = 0;
+    text_cut(&s->out, s->released);
     s->sent = s->sent < s->released ? s->sent : s->released;
 }
 
@@ -207,7 +206,7 @@ void interrupt_output(session* s) {
     const void* key = std::memchr(s->in.data, KEY_CTRL_C, s->in.length);
     if (!key) return;
     text_consume(&s->in, static_cast<std::size_t>(static_cast<const char*>(key) - s->in.data) + 1);
-    s->out.length = s->sent;
+    text_cut(&s->out, s->sent);
     session_write(s, "^C\n");
     start_line(s);
 }

@@ -1,13 +1,10 @@
-// One child a job. It gets the clear text by being a copy of this process, writes the hash to a pipe, and
-// leaves without running anything of ours on the way out. A child that hangs is ended by its own alarm.
+// The queue, in the order of arrival, and the one child that is at work. It gets the clear text by being a
+// copy of this process and ends by its own alarm if it hangs. Who waits is a session each, so their number
+// bounds the queue; their patience is the session's.
 #include "suite/terminal/password.h"
 
-#include <fcntl.h>
 #include <sys/random.h>
-#include <sys/wait.h>
 #include <unistd.h>
-#include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 
@@ -16,26 +13,30 @@
 #endif
 
 #include "suite/base/memory.h"
-#include "suite/log/log.h"
+#include "suite/base/overwrite.h"
 #include "suite/loop/thread.h"
-
-struct password_job {
-    password_job* next;
-    lib_globals* ctx;
-    password_done done;
-    void* owner;
-    pid_t child;
-    int fd;
-    thread* event;
-    char hash[PASSWORD_HASH_SIZE];
-    std::size_t length;
-};
+#include "suite/process/job.h"
 
 namespace {
 
-constexpr unsigned CHILD_LIMIT_S = 30;
+constexpr std::uint32_t CHILD_LIMIT_S = 30;
+// Behind a child that was killed: who comes and goes quickly does not make one child after the other.
+constexpr std::uint32_t REST_MS = 10;
 
-password_job* jobs;
+struct request {
+    request* next;
+    lib_globals* ctx;
+    password_done done;
+    void* owner;
+    const char* setting;  // null: a command's
+    char clear[PASSWORD_MAX + 1];
+};
+
+request* waiting;  // the first that came
+request* at_work;
+job* child;
+thread* rest;  // until it is over no child is started
+unsigned turns;
 
 bool compute(const char* clear, const char* setting, char (&hash)[PASSWORD_HASH_SIZE]) {
 #ifdef ESMC_HAVE_CRYPT
@@ -61,110 +62,122 @@ bool compute(const char* clear, const char* setting, char (&hash)[PASSWORD_HASH_
 #endif
 }
 
-[[noreturn]] void run_child(int fd, const char* clear, const char* setting) {
-    for (int number : {SIGHUP, SIGINT, SIGTERM, SIGUSR1, SIGXCPU, SIGXFSZ}) std::signal(number, SIG_DFL);
-    alarm(CHILD_LIMIT_S);
-    (void)!nice(10);  // only a courtesy
+int hash_in_child(const void* arg, int out) {
+    const auto* r = static_cast<const request*>(arg);
     char hash[PASSWORD_HASH_SIZE];
-    bool good = compute(clear, setting, hash);
-    std::size_t length = good ? std::strlen(hash) : 0;
-    bool told = write(fd, hash, length) == static_cast<ssize_t>(length);
-    _exit(good && told ? 0 : 1);
+    if (!compute(r->clear, r->setting, hash)) return 1;
+    return write_all(out, hash) == 0 ? 0 : 1;
 }
 
-void unlink_job(const password_job* job) {
-    for (password_job** at = &jobs; *at; at = &(*at)->next) {
-        if (*at != job) continue;
-        *at = job->next;
-        return;
+// Where it hangs; null: the end.
+request** place_of(const request* wanted) {
+    request** at = &waiting;
+    while (*at != wanted) at = &(*at)->next;
+    return at;
+}
+
+// The first or last one of a kind; null when there is none.
+request* find(bool login, bool last) {
+    request* found = nullptr;
+    for (request* r = waiting; r && (last || !found); r = r->next)
+        if ((r->setting != nullptr) == login) found = r;
+    return found;
+}
+
+// The queue is not empty: of three turns on end one finds somebody.
+request* take_next() {
+    request* r = nullptr;
+    while (!r) {
+        const unsigned turn = turns++ % 3;
+        r = find(turn != 0, turn == 1);
+    }
+    *place_of(r) = r->next;
+    return r;
+}
+
+void drop(request* r) {
+    memmgr_free(r, MTYPE_HOST);
+}
+
+void run_next();
+
+void on_hash(lib_globals* ctx, void* arg, int status, std::string_view result) {
+    auto* r = static_cast<request*>(arg);
+    at_work = nullptr;
+    child = nullptr;
+    char hash[PASSWORD_HASH_SIZE] = {};
+    const bool good = status == 0 && !result.empty();
+    if (good) std::memcpy(hash, result.data(), result.size());
+    r->done(ctx, r->owner, good ? hash : nullptr);
+    explicit_bzero(hash, sizeof hash);
+    drop(r);
+    run_next();
+}
+
+bool begin(request* r) {
+    child =
+        job_start(r->ctx, {hash_in_child, r, nullptr, 0, PASSWORD_HASH_SIZE - 1, CHILD_LIMIT_S, on_hash, r});
+    if (child) at_work = r;
+    return child != nullptr;
+}
+
+// Who can't be served is told so, and the next one tried.
+void run_next() {
+    while (waiting && !at_work && !rest) {
+        request* r = take_next();
+        if (begin(r)) return;
+        r->done(r->ctx, r->owner, nullptr);
+        drop(r);
     }
 }
 
-void release(password_job* job) {
-    unlink_job(job);
-    thread_cancel(job->event);
-    thread_forget_fd(job->ctx, job->fd);
-    close(job->fd);
-    explicit_bzero(job->hash, sizeof job->hash);
-    memmgr_free(job, MTYPE_HOST);
-}
-
-void finish(password_job* job) {
-    int status = -1;
-    while (waitpid(job->child, &status, 0) < 0 && errno == EINTR) {
-    }
-    bool good = WIFEXITED(status) && WEXITSTATUS(status) == 0 && job->length > 0;
-    char hash[PASSWORD_HASH_SIZE];
-    std::memcpy(hash, job->hash, sizeof hash);
-    password_done done = job->done;
-    void* owner = job->owner;
-    lib_globals* ctx = job->ctx;
-    release(job);
-    done(ctx, owner, good ? hash : nullptr);
-}
-
-// The end of the pipe is the end of the child, so waiting for it does not block.
-int on_hash(thread* event) {
-    auto* job = static_cast<password_job*>(event->arg);
-    job->event = nullptr;
-    std::size_t room = sizeof job->hash - 1 - job->length;
-    ssize_t count = room ? read(job->fd, job->hash + job->length, room) : 0;
-    if (count > 0) job->length += static_cast<std::size_t>(count);
-    if (count > 0 || (count < 0 && (errno == EAGAIN || errno == EINTR)))
-        job->event = thread_add_read(job->ctx, on_hash, job, job->fd);
-    if (!job->event) finish(job);
+int rested(thread*) {
+    rest = nullptr;
+    run_next();
     return 0;
 }
 
 }  // namespace
 
-password_job* password_start(lib_globals* ctx, std::string_view clear, const char* setting,
-                             password_done done, void* owner) {
-    char text[PASSWORD_MAX + 1] = {};
-    if (clear.size() > PASSWORD_MAX || !password_supported()) return nullptr;
-    std::memcpy(text, clear.data(), clear.size());
-    auto* job = static_cast<password_job*>(memmgr_calloc(sizeof(password_job), MTYPE_HOST));
-    int ends[2];
-    if (!job || pipe2(ends, O_CLOEXEC) != 0) {
-        memmgr_free(job, MTYPE_HOST);
-        return nullptr;
+bool password_start(lib_globals* ctx, std::string_view clear, const char* setting, password_done done,
+                    void* owner) {
+    if (clear.size() > PASSWORD_MAX || !password_supported()) return false;
+    auto* r = static_cast<request*>(memmgr_calloc(sizeof(request), MTYPE_HOST));
+    if (!r) return false;
+    r->ctx = ctx;
+    r->done = done;
+    r->owner = owner;
+    r->setting = setting;
+    std::memcpy(r->clear, clear.data(), clear.size());
+    if (!at_work && !rest && !waiting) {
+        if (begin(r)) return true;
+        drop(r);
+        return false;
     }
-    job->child = fork();
-    if (job->child == 0) run_child(ends[1], text, setting);
-    explicit_bzero(text, sizeof text);
-    close(ends[1]);
-    (void)fcntl(ends[0], F_SETFL, O_NONBLOCK);
-    job->ctx = ctx;
-    job->fd = ends[0];
-    job->done = done;
-    job->owner = owner;
-    job->next = jobs;
-    jobs = job;
-    if (job->child > 0) job->event = thread_add_read(ctx, on_hash, job, job->fd);
-    if (job->event) return job;
-    if (job->child > 0) {
-        kill(job->child, SIGKILL);
-        (void)waitpid(job->child, nullptr, 0);  // killed: comes at once
-    }
-    release(job);
-    return nullptr;
+    *place_of(nullptr) = r;
+    return true;
 }
 
-void password_disown(lib_globals*, const void* owner) {
-    for (password_job* job = jobs; job; job = job->next)
-        if (job->owner == owner) job->owner = nullptr;
+void password_cancel(const void* owner) {
+    request* r = waiting;
+    while (r && r->owner != owner) r = r->next;
+    if (r) {
+        *place_of(r) = r->next;
+        drop(r);
+    } else if (at_work && at_work->owner == owner) {
+        lib_globals* const ctx = at_work->ctx;
+        job_cancel(child);
+        drop(at_work);
+        at_work = nullptr;
+        child = nullptr;
+        rest = thread_add_timer_msec(ctx, rested, nullptr, REST_MS);
+        run_next();  // at once only when there is no memory for a timer
+    }
 }
 
-void password_stop(lib_globals* ctx) {
-    for (password_job* job = jobs; job;) {
-        password_job* next = job->next;
-        if (job->ctx == ctx) {
-            kill(job->child, SIGKILL);
-            (void)waitpid(job->child, nullptr, 0);  // killed: comes at once
-            release(job);
-        }
-        job = next;
-    }
+void password_stop() {
+    thread_cancel(rest);
+    rest = nullptr;
 }
 
 bool password_hash_now(std::string_view clear, char (&hash)[PASSWORD_HASH_SIZE]) {

@@ -5,8 +5,11 @@
 // out, and what does not fit the buffer ends the session.
 #include "suite/terminal/session.h"
 
+#include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -22,6 +25,9 @@
 namespace {
 
 constexpr std::size_t FLUSH_EARLY = 32 * 1024;  // of unsent output within a command
+constexpr std::size_t LOGIN_SPARE = 32;         // descriptors for the rest
+constexpr nanoseconds LOOK_EVERY = 250 * NS_PER_MS;
+constexpr char TOO_MANY[] = "% Too many sessions\r\n";
 
 int on_readable(thread* event);
 int on_writable(thread* event);
@@ -80,6 +86,8 @@ bool send_some(session* s) {
         if (count < 0) return errno == EAGAIN || errno == EWOULDBLOCK;
         s->sent += static_cast<std::size_t>(count);
         s->active = thread_now(s->ctx);
+        // A frame of which something has gone has told its length: what comes now begins another one.
+        if (s->frame != NO_FRAME && s->sent > s->frame) s->frame = NO_FRAME;
     }
     return true;
 }
@@ -109,13 +117,34 @@ bool make_output_room(session* s) {
     return alive;
 }
 
+// The daemon owes the client an answer, and takes nothing from it meanwhile.
+bool is_waiting(const session* s) {
+    return s->busy || s->stage == session_stage::held;
+}
+
+// A TCP client that has sent all it has to say looks like one that is gone. The one that is gone resets the
+// connection when it gets something more, if only telnet's word for nothing.
+void note_eof(session* s) {
+    s->eof = true;
+    if (s->kind != session_kind::tcp || session_logged_in(s)) return;
+    const char nothing[] = {static_cast<char>(TELNET_IAC), static_cast<char>(TELNET_NOP)};
+    session_write_raw(s, {nothing, sizeof nothing});
+}
+
+bool client_is_gone(const session* s) {
+    pollfd state{s->fd, 0, 0};
+    return poll(&state, 1, 0) == 1 && (state.revents & (POLLHUP | POLLERR));
+}
+
 bool take_octets(session* s) {
     char chunk[SESSION_READ_SIZE];
     ssize_t count = recv(s->fd, chunk, sizeof chunk, MSG_DONTWAIT);
-    if (count == 0) s->eof = true;
+    if (count == 0) note_eof(s);
     if (count < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
     if (count > 0) s->active = thread_now(s->ctx);
-    return text_append(&s->in, chunk, static_cast<std::size_t>(count));
+    const bool kept = text_append(&s->in, chunk, static_cast<std::size_t>(count));
+    explicit_bzero(chunk, static_cast<std::size_t>(count));  // may be a password
+    return kept;
 }
 
 // Local clients say in a first line what they are.
@@ -155,7 +184,7 @@ bool is_ready(const session* s) {
             return has_line(s);
         case session_stage::batch:
             return unsent(s) == 0 && session_batch_ready(s);
-        case session_stage::delayed:
+        case session_stage::held:
             return false;
         default:
             return session_interactive_ready(s);
@@ -168,7 +197,7 @@ void take_step(session* s) {
             return hello_step(s);
         case session_stage::batch:
             return session_batch_step(s);
-        case session_stage::delayed:
+        case session_stage::held:
             return;
         default:
             return session_interactive_step(s);
@@ -198,47 +227,101 @@ int on_writable(thread* event) {
     return 0;
 }
 
+// INT64_MAX: nothing ever.
+nanoseconds next_due(const session* s) {
+    const nanoseconds idle_limit = s->ctx->terminals->exec_timeout_s * NS_PER_S;
+    nanoseconds due = INT64_MAX;
+    if (!session_logged_in(s))
+        due = s->opened + LOGIN_LIMIT;
+    else if (idle_limit)
+        due = s->active + idle_limit;
+    return is_waiting(s) ? std::min(due, thread_now(s->ctx) + LOOK_EVERY) : due;
+}
+
 void arm_timer(session* s) {
-    std::uint32_t limit = s->ctx->terminals->exec_timeout_s;
-    if (s->timer || limit == 0 || s->stage == session_stage::delayed) return;
-    nanoseconds due = s->active + limit * NS_PER_S, now = thread_now(s->ctx);
-    std::uint64_t left = due > now ? (due - now + NS_PER_MS - 1) / NS_PER_MS : 0;
+    const nanoseconds due = next_due(s), now = thread_now(s->ctx);
+    if (due == INT64_MAX || (s->timer && s->timer->due <= due)) return;
+    thread_cancel(s->timer);
+    const nanoseconds left = due > now ? (due - now + NS_PER_MS - 1) / NS_PER_MS : 0;
     s->timer = thread_add_timer_msec(s->ctx, on_timer, s, static_cast<std::uint32_t>(left));
 }
 
-// The idle limit. A script may think as long as it likes, but not leave its output lying.
+void close_with(session* s, const char* text) {
+    session_write(s, text);
+    (void)send_some(s);  // closed in any case
+    session_close(s);
+}
+
+// A script may think as long as it likes, but not leave its output lying.
+bool is_idle(session* s) {
+    const nanoseconds limit = s->ctx->terminals->exec_timeout_s * NS_PER_S, now = thread_now(s->ctx);
+    if (limit == 0 || s->busy || now < s->active + limit) return false;
+    if (s->stage != session_stage::batch || unsent(s)) return true;
+    s->active = now;
+    return false;
+}
+
 int on_timer(thread* event) {
     session* s = of(event);
     s->timer = nullptr;
-    if (s->stage == session_stage::delayed) {
-        session_write(s, "% Wrong password\n");
-        s->ending = true;
-        session_settle(s);
-        return 0;
-    }
-    std::uint32_t limit = s->ctx->terminals->exec_timeout_s;
-    bool idle = !s->busy && limit && thread_now(s->ctx) - s->active >= limit * NS_PER_S;
-    if (idle && (s->stage != session_stage::batch || unsent(s))) {
-        session_write(s, "\n% Idle for too long\n");
-        (void)send_some(s);  // closed in any case
+    if (is_waiting(s) && client_is_gone(s))
         session_close(s);
-        return 0;
-    }
-    if (idle) s->active = thread_now(s->ctx);
-    arm_timer(s);
+    else if (!session_logged_in(s) && thread_now(s->ctx) >= s->opened + LOGIN_LIMIT)
+        close_with(s, "\n% Login took too long\n");
+    else if (session_logged_in(s) && is_idle(s))
+        close_with(s, "\n% Idle for too long\n");
+    else
+        arm_timer(s);
     return 0;
+}
+
+// Who gives way: held sessions before others, the oldest of these.
+session* find_victim(const lib_globals* ctx, session_kind kind) {
+    session* victim = nullptr;
+    for (session* s = ctx->terminals->sessions; s; s = s->next) {  // the youngest first
+        if (s->kind != kind || session_logged_in(s) || s->busy) continue;
+        const bool held = s->stage == session_stage::held;
+        if (!victim || held || victim->stage != session_stage::held) victim = s;
+    }
+    return victim;
+}
+
+bool make_place(lib_globals* ctx, session_kind kind) {
+    const session_count count = sessions_count(ctx, kind);
+    if (count.inside >= SESSION_MAX) return false;
+    const bool tcp = kind == session_kind::tcp;
+    if (tcp ? count.outside < session_login_places() : count.inside + count.outside < SESSION_MAX)
+        return true;
+    session* victim = find_victim(ctx, kind);
+    if (victim) close_with(victim, TOO_MANY);
+    return victim != nullptr;
 }
 
 }  // namespace
 
+bool session_logged_in(const session* s) {
+    return s->stage == session_stage::batch || s->stage == session_stage::prompt ||
+           s->stage == session_stage::paging;
+}
+
+session_count sessions_count(const lib_globals* ctx, session_kind kind) {
+    session_count count{};
+    for (const session* s = ctx->terminals->sessions; s; s = s->next)
+        if (s->kind == kind) ++(session_logged_in(s) ? count.inside : count.outside);
+    return count;
+}
+
+std::size_t session_login_places() {
+    rlimit limit{};
+    (void)getrlimit(RLIMIT_NOFILE, &limit);  // 0 when it fails: the least
+    return std::clamp<std::size_t>(limit.rlim_cur / 2, SESSION_MAX + LOGIN_SPARE, LOGIN_MAX + LOGIN_SPARE) -
+           LOGIN_SPARE;
+}
+
 session* session_create(lib_globals* ctx, int fd, session_kind kind) {
     terminal_state* terminals = ctx->terminals;
-    std::size_t same_kind = 0;
-    for (const session* other = terminals->sessions; other; other = other->next)
-        same_kind += other->kind == kind;
-    if (same_kind >= SESSION_MAX) {
-        static const char text[] = "% Too many sessions\r\n";
-        (void)send(fd, text, sizeof text - 1, MSG_DONTWAIT | MSG_NOSIGNAL);  // closed in any case
+    if (!make_place(ctx, kind)) {
+        (void)send(fd, TOO_MANY, sizeof TOO_MANY - 1, MSG_DONTWAIT | MSG_NOSIGNAL);  // closed in any case
         close(fd);
         return nullptr;
     }
@@ -254,7 +337,7 @@ session* session_create(lib_globals* ctx, int fd, session_kind kind) {
     s->frame = NO_FRAME;
     s->page_length = -1;
     s->out.limit = SESSION_OUTPUT_MAX;
-    s->active = thread_now(ctx);
+    s->opened = s->active = thread_now(ctx);
     init_cli(s);
     s->next = terminals->sessions;
     terminals->sessions = s;
@@ -271,7 +354,7 @@ void session_close(session* s) {
         break;
     }
     (void)session_monitor(s, false);  // taking a tap away can't fail
-    password_disown(s->ctx, s);
+    password_cancel(s);
     thread_cancel(s->read_event);
     thread_cancel(s->write_event);
     thread_cancel(s->timer);
@@ -343,7 +426,6 @@ bool arm_events(session* s, bool drained, bool ready) {
 
 void sessions_rearm(session* list) {
     for (session* s = list; s; s = s->next) {
-        if (s->stage == session_stage::delayed) continue;
         thread_cancel(s->timer);
         s->timer = nullptr;
         arm_timer(s);
@@ -357,13 +439,6 @@ void session_finish(session* s, bool good) {
     else
         session_interactive_finish(s);
     session_settle(s);
-}
-
-void session_delay_end(session* s, std::uint32_t seconds) {
-    s->stage = session_stage::delayed;
-    thread_cancel(s->timer);
-    s->timer = thread_add_timer_msec(s->ctx, on_timer, s, seconds * 1000);
-    if (!s->timer) s->ending = true;
 }
 
 void session_want_send(session* s) {
@@ -382,7 +457,7 @@ bool session_settle(session* s) {
     }
     bool drained = s->sent == may_go(s);
     bool ready = is_ready(s);
-    bool over = s->ending || (s->eof && !ready && !s->busy);
+    bool over = s->ending || (s->eof && !ready && !is_waiting(s));
     if (drained && over) alive = false;
     if (alive) {
         tidy_output(s);

@@ -16,7 +16,10 @@
 #include "suite/terminal/telnet.h"
 #include "suite/terminal/wire.h"
 
-constexpr std::size_t SESSION_MAX = 32;
+constexpr std::size_t SESSION_MAX = 32;  // of each kind, logged in
+// TCP, not logged in yet; fewer where so many descriptors are more than half of what the process may have.
+constexpr std::size_t LOGIN_MAX = 512;
+constexpr nanoseconds LOGIN_LIMIT = 20 * NS_PER_S;
 constexpr std::size_t SESSION_OUTPUT_MAX = 256 * 1024 - 1;  // with the closing zero: 256 KiB of memory
 constexpr std::size_t SESSION_READ_SIZE = 4096;
 
@@ -25,7 +28,7 @@ enum class session_stage : std::uint8_t {
     hello,  // local: the first line is awaited
     batch,
     password,  // TCP: the password is awaited
-    delayed,   // TCP: three wrong passwords; closes when its timer is due
+    held,      // TCP: the password was wrong, and its answer waits for its time
     prompt,    // interactive: keys go to the line editor
     paging,    // interactive: "--More--" stands at the bottom of the screen
 };
@@ -52,22 +55,30 @@ struct session {
     std::size_t to_skip;   // batch: octets still to be passed over
     thread* read_event;
     thread* write_event;
-    thread* timer;        // idle limit, or the delay behind wrong passwords
+    thread* timer;  // what is due first of: limit of the login, idle limit, look for a client that left
+    nanoseconds opened;
     nanoseconds active;   // last time that the client did something
+    nanoseconds held;     // since then the answer waits
     line_editor* editor;  // interactive only
     telnet_decoder telnet;
     std::uint16_t rows, columns;
     std::int32_t page_length;  // lines a page; -1: the window's height; 0: no pages
     std::uint8_t wrong_passwords;
-    std::uint8_t source[16];  // TCP: the client's address
-    char peer[64];            // for the log
+    char peer[64];  // for the log
 };
 
 constexpr std::size_t NO_FRAME = static_cast<std::size_t>(-1);
 
-// Takes the descriptor over (closed on failure). Null when memory is exhausted or SESSION_MAX sessions of
-// this kind are open; the client is told in the second case.
+// Takes the descriptor over (closed on failure). Null when memory is exhausted or there is no place; the
+// client is told in the second case. Where all places are taken, the oldest session that has not logged in
+// gives way: one that is held first, one whose password is being checked never.
 session* session_create(lib_globals* ctx, int fd, session_kind kind);
+bool session_logged_in(const session* s);
+std::size_t session_login_places();  // of TCP sessions that have not logged in
+struct session_count {
+    std::size_t inside, outside;  // logged in, and not
+};
+session_count sessions_count(const lib_globals* ctx, session_kind kind);
 // Frees the record at once. Only from the loop's own handlers, never from inside a command.
 void session_close(session* s);
 

@@ -31,13 +31,11 @@ void keep_password(terminal_state* terminals, const char* hash) {
     std::snprintf(terminals->password, sizeof terminals->password, "%s", hash);
 }
 
-// The hash is there. Its session may be gone; the command counts all the same.
 void on_hashed(lib_globals* ctx, void* owner, const char* hash) {
     auto* s = static_cast<session*>(owner);
     if (hash) keep_password(ctx->terminals, hash);
-    if (!hash && s) session_write(s, "% The password can't be hashed\n");
-    if (!hash && !s) log_suite(LOG_LEVEL_ERROR, "the password can't be hashed");
-    if (s) session_finish(s, hash != nullptr);
+    if (!hash) session_write(s, "% The password can't be hashed\n");
+    session_finish(s, hash != nullptr);
 }
 
 int password(cli* terminal, int, char** argv) {
@@ -46,7 +44,7 @@ int password(cli* terminal, int, char** argv) {
     if (std::strlen(argv[0]) > PASSWORD_MAX) return cli_refuse(terminal, "Password too long");
     if (terminal->line) {
         session* s = session_of(terminal);
-        s->busy = password_start(terminal->zg, argv[0], nullptr, on_hashed, s) != nullptr;
+        s->busy = password_start(terminal->zg, argv[0], nullptr, on_hashed, s);
         return s->busy ? CLI_SUCCESS : cli_refuse(terminal, "The password can't be hashed");
     }
     char hash[PASSWORD_HASH_SIZE];

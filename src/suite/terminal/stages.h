@@ -17,11 +17,10 @@ void session_interactive_start(session* s);
 std::size_t session_page_length(const session* s);  // 0: no pages
 void session_pager_finish(session* s);              // lets all that is held back go
 
-// TCP: a line typed at "Password: " lets the session in, asks again, or ends it after the third wrong one.
+// TCP: a line typed at "Password: " lets the session in, or is answered later: asks again, or ends it after
+// the third wrong one.
 void tcp_password_line(session* s, std::string_view line);
 
 // A command that left its session busy has come to its end.
 void session_batch_finish(session* s, bool good);
 void session_interactive_finish(session* s);
-// Holds the session for some seconds, deaf, and ends it.
-void session_delay_end(session* s, std::uint32_t seconds);

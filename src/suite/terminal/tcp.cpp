@@ -1,11 +1,19 @@
-// The TCP terminal: listens on the loopback addresses only and asks for a password. Wrong passwords cost
-// time: after three of them the answer is held back, longer with each session of that source, the session
-// closed, and the source sent away until that time is over. A right password clears the source's record.
+// The TCP terminal: listens on the loopback addresses only and asks for a password. Whoever is on this host
+// can try as many connections and addresses as he likes, so all of them are one: wrong passwords are counted
+// in sum, and answered one after the other, the more there were the later. A right one is answered as soon as
+// it is known to be right, whatever else goes on.
+//
+// Nobody can be told from an operator before his password has been checked. What keeps the way open for him:
+// many places for those who have not logged in, of which the wrong ones wait in theirs until they are
+// answered; a limit on the time there; when all are taken, a newcomer every EVICT_EVERY_MS for the oldest who
+// has been found wrong or says nothing, while the others wait in the kernel's queue; and the order of checks
+// (password.h).
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -19,52 +27,110 @@
 
 namespace {
 
-constexpr std::size_t SOURCES = 16;  // loopback has few; the oldest record makes room
-constexpr std::uint8_t TRIES = 3;
-constexpr std::uint32_t DELAY_FIRST_S = 1, DELAY_LONGEST_S = 64;
+constexpr std::uint8_t TRIES = 3;  // of a connection
+constexpr std::uint32_t ANSWER_FIRST_MS = 400, ANSWER_SLOWEST_MS = 5000;
+constexpr std::uint32_t QUICK_ANSWERS = 3;
 constexpr nanoseconds FORGOTTEN_AFTER = 3600 * NS_PER_S;
-
-struct bad_source {
-    std::uint8_t address[16];
-    std::uint32_t delay_s;  // the last one; 0: free record
-    nanoseconds until;      // sent away until then
-};
+constexpr std::uint32_t EVICT_EVERY_MS = 50;
+constexpr int QUEUE_LENGTH = 512;
+constexpr std::uint32_t SAY_FIRST_S = 10, SAY_SLOWEST_S = 640;
 
 }  // namespace
 
 struct tcp_terminal {
     terminal_state* terminals;
     listener listeners[2];
-    bad_source sources[SOURCES];
+    std::uint32_t misses;  // wrong passwords since there was an hour without one
+    nanoseconds last_miss;
+    thread* answer_event;
+    // The log: the first miss at once, then sums, ever more seldom as long as it goes on.
+    std::uint32_t unsaid, say_every_s;
+    thread* say_event;
+    log_limit full;
+    char last_peer[sizeof session::peer];
 };
 
 namespace {
 
-bad_source* find_source(tcp_terminal* tcp, const std::uint8_t* address) {
-    for (bad_source& source : tcp->sources)
-        if (source.delay_s && std::memcmp(source.address, address, sizeof source.address) == 0)
-            return &source;
-    return nullptr;
+int answer_one(thread* event);
+int say_misses(thread* event);
+
+void ask_password(session* s) {
+    s->editor->hidden = true;
+    line_editor_start(s->editor, "Password: ", &s->out);
 }
 
-bad_source* make_source(tcp_terminal* tcp, const std::uint8_t* address) {
-    bad_source* source = find_source(tcp, address);
-    if (source) return source;
-    source = &tcp->sources[0];
-    for (bad_source& other : tcp->sources)
-        if (other.until < source->until) source = &other;
-    *source = {};
-    std::memcpy(source->address, address, sizeof source->address);
-    return source;
+void say_later(tcp_terminal* tcp) {
+    tcp->say_event = thread_add_timer_msec(tcp->terminals->ctx, say_misses, tcp, tcp->say_every_s * 1000);
 }
 
-std::uint32_t next_delay(tcp_terminal* tcp, const std::uint8_t* address, nanoseconds now) {
-    bad_source* source = make_source(tcp, address);
-    bool fresh = source->delay_s == 0 || now > source->until + FORGOTTEN_AFTER;
-    source->delay_s = fresh ? DELAY_FIRST_S : source->delay_s * 2;
-    if (source->delay_s > DELAY_LONGEST_S) source->delay_s = DELAY_LONGEST_S;
-    source->until = now + source->delay_s * NS_PER_S;
-    return source->delay_s;
+int say_misses(thread* event) {
+    auto* tcp = static_cast<tcp_terminal*>(event->arg);
+    tcp->say_event = nullptr;
+    if (tcp->unsaid == 0) return 0;
+    log_suite(LOG_LEVEL_WARNING, "TCP terminal: %u more wrong passwords in %u s, the last from %s",
+              tcp->unsaid, tcp->say_every_s, tcp->last_peer);
+    tcp->unsaid = 0;
+    tcp->say_every_s = std::min(tcp->say_every_s * 2, SAY_SLOWEST_S);
+    say_later(tcp);
+    return 0;
+}
+
+void say_miss(tcp_terminal* tcp, const session* s) {
+    std::memcpy(tcp->last_peer, s->peer, sizeof tcp->last_peer);
+    tcp->unsaid++;
+    if (tcp->say_event) return;
+    log_suite(LOG_LEVEL_WARNING, "TCP terminal: wrong password from %s", s->peer);
+    tcp->unsaid = 0;
+    tcp->say_every_s = SAY_FIRST_S;
+    say_later(tcp);
+}
+
+std::uint32_t answer_gap_ms(std::uint32_t misses) {
+    std::uint32_t gap = ANSWER_FIRST_MS;
+    for (std::uint32_t i = QUICK_ANSWERS; i < misses && gap < ANSWER_SLOWEST_MS; i++) gap *= 2;
+    return std::min(gap, ANSWER_SLOWEST_MS);
+}
+
+void answer_later(tcp_terminal* tcp) {
+    tcp->answer_event =
+        thread_add_timer_msec(tcp->terminals->ctx, answer_one, tcp, answer_gap_ms(tcp->misses));
+}
+
+session* longest_held(const tcp_terminal* tcp) {
+    session* longest = nullptr;
+    for (session* s = tcp->terminals->sessions; s; s = s->next)
+        if (s->stage == session_stage::held && (!longest || s->held <= longest->held)) longest = s;
+    return longest;
+}
+
+// One wrong password is answered; the next answer is due so much later, whoever gets it.
+int answer_one(thread* event) {
+    auto* tcp = static_cast<tcp_terminal*>(event->arg);
+    tcp->answer_event = nullptr;
+    session* s = longest_held(tcp);
+    if (!s) return 0;
+    answer_later(tcp);
+    s->stage = session_stage::password;
+    session_write(s, "% Wrong password\n");
+    if (++s->wrong_passwords < TRIES)
+        ask_password(s);
+    else
+        s->ending = true;
+    session_settle(s);
+    return 0;
+}
+
+void hold(tcp_terminal* tcp, session* s) {
+    const nanoseconds now = thread_now(s->ctx);
+    if (now > tcp->last_miss + FORGOTTEN_AFTER) tcp->misses = 0;
+    if (tcp->misses < UINT32_MAX) tcp->misses++;
+    tcp->last_miss = now;
+    say_miss(tcp, s);
+    s->stage = session_stage::held;
+    s->held = now;
+    if (!tcp->answer_event) answer_later(tcp);
+    if (!tcp->answer_event) s->ending = true;  // no memory to wait
 }
 
 // Tells a client that can't be served, and closes.
@@ -79,22 +145,15 @@ void keep_peer(session* s, const sockaddr_storage& peer) {
     if (peer.ss_family == AF_INET6) {
         sockaddr_in6 address;
         std::memcpy(&address, &peer, sizeof address);
-        std::memcpy(s->source, &address.sin6_addr, 16);
         inet_ntop(AF_INET6, &address.sin6_addr, text, sizeof text);
         port = ntohs(address.sin6_port);
     } else if (peer.ss_family == AF_INET) {
         sockaddr_in address;
         std::memcpy(&address, &peer, sizeof address);
-        std::memcpy(s->source, &address.sin_addr, 4);
         inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
         port = ntohs(address.sin_port);
     }
     std::snprintf(s->peer, sizeof s->peer, "%s port %u", text, port);
-}
-
-void ask_password(session* s) {
-    s->editor->hidden = true;
-    line_editor_start(s->editor, "Password: ", &s->out);
 }
 
 void open_session(tcp_terminal* tcp, int fd, const sockaddr_storage& peer) {
@@ -103,12 +162,8 @@ void open_session(tcp_terminal* tcp, int fd, const sockaddr_storage& peer) {
     int on = 1;
     (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // only makes keys wait
     keep_peer(s, peer);
-    bad_source* source = find_source(tcp, s->source);
     s->editor = line_editor_create();
-    if (source && thread_now(s->ctx) < source->until) {
-        session_write(s, "% Too many wrong passwords, try again later\n");
-        s->ending = true;
-    } else if (s->editor) {
+    if (s->editor) {
         session_write_raw(s, {reinterpret_cast<const char*>(TELNET_OPENING), sizeof TELNET_OPENING});
         ask_password(s);
     } else {
@@ -117,12 +172,22 @@ void open_session(tcp_terminal* tcp, int fd, const sockaddr_storage& peer) {
     session_settle(s);
 }
 
+// While all places are taken, newcomers come in one at a time: an operator who has just come in has time to
+// type.
+void rest_when_full(tcp_terminal* tcp) {
+    if (sessions_count(tcp->terminals->ctx, session_kind::tcp).outside < session_login_places()) return;
+    log_limited(&tcp->full, thread_now(tcp->terminals->ctx),
+                "TCP terminal: too many connections that have not logged in");
+    for (listener& l : tcp->listeners) listener_rest(&l, EVICT_EVERY_MS);
+}
+
 void on_connection(void* arg, int fd, const sockaddr_storage& peer) {
     auto* tcp = static_cast<tcp_terminal*>(arg);
     if (!tcp->terminals->password[0])
         send_away(fd, "% No terminal password is configured\r\n");
     else
         open_session(tcp, fd, peer);
+    rest_when_full(tcp);
 }
 
 int listen_at(int family, std::uint16_t port) {
@@ -147,30 +212,35 @@ int listen_at(int family, std::uint16_t port) {
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         result = bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
     }
-    if (result == 0 && listen(fd, static_cast<int>(SESSION_MAX)) == 0) return fd;
+    if (result == 0 && listen(fd, QUEUE_LENGTH) == 0) return fd;
     result = -errno;
     close(fd);
     return result;
 }
 
+void let_in(session* s) {
+    log_suite(LOG_LEVEL_INFO, "terminal opened from %s", s->peer);
+    s->editor->hidden = false;
+    session_interactive_start(s);
+}
+
+void end_with(session* s, const char* text) {
+    session_write(s, text);
+    s->ending = true;
+}
+
 void on_checked(lib_globals* ctx, void* owner, const char* hash) {
     auto* s = static_cast<session*>(owner);
-    if (!s) return;
-    tcp_terminal* tcp = ctx->terminals->tcp;
+    const terminal_state* terminals = ctx->terminals;
     s->busy = false;
-    if (hash && ctx->terminals->password[0] && std::strcmp(hash, ctx->terminals->password) == 0) {
-        if (bad_source* source = find_source(tcp, s->source)) *source = {};
-        log_suite(LOG_LEVEL_INFO, "terminal opened from %s", s->peer);
-        s->editor->hidden = false;
-        session_interactive_start(s);
-    } else if (++s->wrong_passwords < TRIES) {
-        session_write(s, "% Wrong password\n");
-        ask_password(s);
-    } else {
-        std::uint32_t delay = next_delay(tcp, s->source, thread_now(ctx));
-        log_suite(LOG_LEVEL_WARNING, "%u wrong passwords from %s, held for %u s", TRIES, s->peer, delay);
-        session_delay_end(s, delay);
-    }
+    if (!hash || !terminals->password[0])
+        end_with(s, "% Passwords can't be checked now\n");
+    else if (std::strcmp(hash, terminals->password) != 0)
+        hold(terminals->tcp, s);
+    else if (sessions_count(ctx, session_kind::tcp).inside >= SESSION_MAX)
+        end_with(s, "% Too many sessions\n");
+    else
+        let_in(s);
     session_settle(s);
 }
 
@@ -178,10 +248,9 @@ void on_checked(lib_globals* ctx, void* owner, const char* hash) {
 
 void tcp_password_line(session* s, std::string_view line) {
     if (line.size() > PASSWORD_MAX) line = "";  // no password is empty: this one is wrong
-    s->busy = password_start(s->ctx, line, s->ctx->terminals->password, on_checked, s) != nullptr;
-    if (s->busy) return;
-    session_write(s, "% Passwords can't be checked now\n");
-    s->ending = true;
+    s->busy = password_start(s->ctx, line, s->ctx->terminals->password, on_checked, s);
+    line_editor_clear(s->editor);
+    if (!s->busy) end_with(s, "% Passwords can't be checked now\n");
 }
 
 void tcp_terminal_start(terminal_state* terminals) {
@@ -209,6 +278,8 @@ void tcp_terminal_stop(terminal_state* terminals) {
     tcp_terminal* tcp = terminals->tcp;
     if (!tcp) return;
     for (listener& l : tcp->listeners) listener_stop(&l);
+    thread_cancel(tcp->answer_event);
+    thread_cancel(tcp->say_event);
     memmgr_free(tcp, MTYPE_HOST);
     terminals->tcp = nullptr;
 }

@@ -6,7 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
-constexpr std::uint8_t TELNET_IAC = 255, TELNET_SB = 250, TELNET_SE = 240, TELNET_OPTION_NAWS = 31;
+constexpr std::uint8_t TELNET_IAC = 255, TELNET_SB = 250, TELNET_SE = 240, TELNET_NOP = 241,
+                       TELNET_OPTION_NAWS = 31;
 // Sent when a client has connected.
 constexpr std::uint8_t TELNET_OPENING[9] = {255, 251, 1, 255, 251, 3, 255, 253, TELNET_OPTION_NAWS};
 

@@ -23,7 +23,7 @@ void terminals_stop(lib_globals* ctx) {
     tcp_terminal_stop(terminals);
     local_terminal_stop(terminals);
     while (terminals->sessions) session_close(terminals->sessions);
-    password_stop(ctx);
+    password_stop();
     memmgr_free(terminals, MTYPE_HOST);
     ctx->terminals = nullptr;
 }
