@@ -20,8 +20,9 @@
 namespace {
 
 constexpr std::uint32_t CHILD_LIMIT_S = 30;
-// Behind a child that was killed: who comes and goes quickly does not make one child after the other.
-constexpr std::uint32_t REST_MS = 10;
+// Behind a child that was cancelled, which ends meanwhile: who comes and goes quickly does not make one child
+// after the other.
+constexpr std::uint32_t REST_MS = 20;
 
 struct request {
     request* next;

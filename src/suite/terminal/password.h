@@ -22,7 +22,7 @@ using password_done = void (*)(lib_globals* ctx, void* owner, const char* hash);
 // be done. An owner has one at a time, and calls password_cancel when he goes.
 [[nodiscard]] bool password_start(lib_globals* ctx, std::string_view clear, const char* setting,
                                   password_done done, void* owner);
-// The owner goes: his place in the queue is free, or his child killed. Nothing is done for who has none.
+// The owner goes: his place in the queue is free, or his child ends. Nothing is done for who has none.
 void password_cancel(const void* owner);
 void password_stop();  // at the end, when all owners have gone
 

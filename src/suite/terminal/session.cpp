@@ -233,17 +233,18 @@ nanoseconds next_due(const session* s) {
     nanoseconds due = INT64_MAX;
     if (!session_logged_in(s))
         due = s->opened + LOGIN_LIMIT;
-    else if (idle_limit)
+    else if (idle_limit && !s->busy)
         due = s->active + idle_limit;
     return is_waiting(s) ? std::min(due, thread_now(s->ctx) + LOOK_EVERY) : due;
 }
 
 void arm_timer(session* s) {
     const nanoseconds due = next_due(s), now = thread_now(s->ctx);
-    if (due == INT64_MAX || (s->timer && s->timer->due <= due)) return;
+    if (due == INT64_MAX) return;
+    const auto left = static_cast<std::uint32_t>(due > now ? (due - now + NS_PER_MS - 1) / NS_PER_MS : 0);
+    if (s->timer && thread_timer_remaining_ms(s->timer) <= left) return;
     thread_cancel(s->timer);
-    const nanoseconds left = due > now ? (due - now + NS_PER_MS - 1) / NS_PER_MS : 0;
-    s->timer = thread_add_timer_msec(s->ctx, on_timer, s, static_cast<std::uint32_t>(left));
+    s->timer = thread_add_timer_msec(s->ctx, on_timer, s, left);
 }
 
 void close_with(session* s, const char* text) {
