@@ -12,12 +12,13 @@ import os
 import pathlib
 import random
 import resource
+import signal
 import threading
 
 import lossy
 import ring
 from esmc_frame import PRC, esmc
-from lab import Plug, wait_until
+from lab import BIN, Plug, wait_until
 from network_watch import WORLD, Follows, Watch, now
 
 NSMD_OPTIONS = ("--port", "p*", "--dpll", "sim")
@@ -136,8 +137,7 @@ class Plan:
             self.wires.append((self._port(count - 1, "pt"), (WORLD, "t1")))
         for one, other in self.wires:
             self.peer[one], self.peer[other] = other, one
-        # As an operator would plan it: towards the master first. A mesh is drawn instead.
-        far = distances(count, self.links)
+        # In chains and rings the neighbour before comes first, so a ring's alternative is at its far end; a mesh is drawn.
         self.priority = {}
         for (switch, port), (other, _) in self.peer.items():
             if WORLD in (switch, other):
@@ -145,7 +145,7 @@ class Plan:
             elif kind == "mesh":
                 self.priority[switch, port] = drawn.choice((10, 20, 20, 30))
             else:
-                self.priority[switch, port] = 10 if far[other] < far[switch] else 20
+                self.priority[switch, port] = 10 if other == switch - 1 else 20
 
     def _port(self, switch, name=None):
         name = name or f"p{len(self.ports[switch]) + 1}"
@@ -254,6 +254,23 @@ class Network:
                    f"{switch.name}: esmcd listens")
         if not switch.esmcd.alive():
             raise RuntimeError(f"{switch.name}: esmcd ended: {switch.esmcd.text()[-500:]}")
+
+    def start_relay(self, number):
+        """A bare loop in the daemons' place: it passes on what it hears, and decides nothing."""
+        switch = self.switches[number]
+        switch.spawn("relay", [f"{BIN}/bare_relay", *self.plan.ports[number]]).expected_status = -signal.SIGTERM
+
+    def relayed_ms(self, beats):
+        """How long each of so many PDUs of the master took from the chain's first switch to its far end."""
+        heard, reached = (self.watch.lines[end].times for end in ((0, "pf"), (WORLD, "t1")))
+        for beat in range(1, beats + 1):
+            before = len(reached)
+            def passed():
+                self.watch.drain()
+                return len(reached) > before
+            self.feed.set(True)
+            wait_until(passed, 10, f"PDU {beat} reaches the far end", 0.05)
+        return [(last - first) / 1e6 for first, last in zip(heard[-beats:], reached[-beats:])]
 
     def refuses(self, lines):
         """The first of the lines that the daemon of switch 0 refuses, with what it says; None: it takes all."""
