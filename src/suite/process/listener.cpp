@@ -20,7 +20,12 @@ void await(listener* l) {
 }
 
 int rested(thread* event) {
-    await(static_cast<listener*>(event->arg));
+    auto* l = static_cast<listener*>(event->arg);
+    l->event = nullptr;
+    if (l->has_place && !l->has_place(l->arg))
+        listener_rest(l, l->rest_ms);
+    else
+        await(l);
     return 0;
 }
 
@@ -71,6 +76,7 @@ int listener_start_unix(listener* l, lib_globals* ctx, const char* path, int typ
 void listener_rest(listener* l, std::uint32_t milliseconds) {
     if (!l->ctx) return;
     thread_cancel(l->event);
+    l->rest_ms = milliseconds;
     l->event = thread_add_timer_msec(l->ctx, rested, l, milliseconds);
     if (!l->event) await(l);  // no memory to rest
 }

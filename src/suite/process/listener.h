@@ -24,6 +24,8 @@ struct listener {
     char path[sizeof(sockaddr_un::sun_path)];  // empty: no file
     unix_file file;
     log_limit exhausted;
+    bool (*has_place)(void* arg);  // asked at the end of a rest: false begins another one; null: always
+    std::uint32_t rest_ms;
 };
 
 // Serves `fd`, which listens already and belongs to the listener from here on. 0 or -ENOMEM: `fd` is closed.

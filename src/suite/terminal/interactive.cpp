@@ -24,6 +24,7 @@ std::size_t unsent(const session* s) {
 }
 
 void start_line(session* s) {
+    if (s->stage == session_stage::password) return line_editor_start(s->editor, "Password: ", &s->out);
     char prompt[LINE_EDITOR_PROMPT_MAX];
     const char* mode = s->c.mode == EXEC_MODE ? "" : s->c.mode == INTERFACE_MODE ? "(config-if)" : "(config)";
     std::snprintf(prompt, sizeof prompt, "%s%s#", host_name(s->ctx), mode);

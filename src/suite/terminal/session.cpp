@@ -287,12 +287,15 @@ session* find_victim(const lib_globals* ctx, session_kind kind) {
     return victim;
 }
 
-bool make_place(lib_globals* ctx, session_kind kind) {
+bool is_full(const lib_globals* ctx, session_kind kind) {
     const session_count count = sessions_count(ctx, kind);
-    if (count.inside >= SESSION_MAX) return false;
-    const bool tcp = kind == session_kind::tcp;
-    if (tcp ? count.outside < session_login_places() : count.inside + count.outside < SESSION_MAX)
-        return true;
+    if (kind == session_kind::tcp) return count.outside >= session_login_places();
+    return count.inside + count.outside >= SESSION_MAX;
+}
+
+bool make_place(lib_globals* ctx, session_kind kind) {
+    if (sessions_count(ctx, kind).inside >= SESSION_MAX) return false;
+    if (!is_full(ctx, kind)) return true;
     session* victim = find_victim(ctx, kind);
     if (victim) close_with(victim, TOO_MANY);
     return victim != nullptr;
@@ -305,6 +308,10 @@ bool session_logged_in(const session* s) {
            s->stage == session_stage::paging;
 }
 
+bool session_has_place(const lib_globals* ctx, session_kind kind) {
+    return !is_full(ctx, kind) || find_victim(ctx, kind);
+}
+
 session_count sessions_count(const lib_globals* ctx, session_kind kind) {
     session_count count{};
     for (const session* s = ctx->terminals->sessions; s; s = s->next)
@@ -315,8 +322,8 @@ session_count sessions_count(const lib_globals* ctx, session_kind kind) {
 std::size_t session_login_places() {
     rlimit limit{};
     (void)getrlimit(RLIMIT_NOFILE, &limit);  // 0 when it fails: the least
-    return std::clamp<std::size_t>(limit.rlim_cur / 2, SESSION_MAX + LOGIN_SPARE, LOGIN_MAX + LOGIN_SPARE) -
-           LOGIN_SPARE;
+    const auto most = std::min<rlim_t>(limit.rlim_cur / 2, LOGIN_MAX + LOGIN_SPARE);
+    return std::max(static_cast<std::size_t>(most), SESSION_MAX + LOGIN_SPARE) - LOGIN_SPARE;
 }
 
 session* session_create(lib_globals* ctx, int fd, session_kind kind) {

@@ -73,6 +73,7 @@ constexpr std::size_t NO_FRAME = static_cast<std::size_t>(-1);
 // client is told in the second case. Where all places are taken, the oldest session that has not logged in
 // gives way: one that is held first, one whose password is being checked never.
 session* session_create(lib_globals* ctx, int fd, session_kind kind);
+bool session_has_place(const lib_globals* ctx, session_kind kind);  // one is free, or gives way
 bool session_logged_in(const session* s);
 std::size_t session_login_places();  // of TCP sessions that have not logged in
 struct session_count {

@@ -172,8 +172,12 @@ void open_session(tcp_terminal* tcp, int fd, const sockaddr_storage& peer) {
     session_settle(s);
 }
 
-// While all places are taken, newcomers come in one at a time: an operator who has just come in has time to
-// type.
+bool has_place(void* arg) {
+    return session_has_place(static_cast<tcp_terminal*>(arg)->terminals->ctx, session_kind::tcp);
+}
+
+// While all places are taken, newcomers come in one at a time, each when somebody can give way: an operator
+// who has just come in has time to type.
 void rest_when_full(tcp_terminal* tcp) {
     if (sessions_count(tcp->terminals->ctx, session_kind::tcp).outside < session_login_places()) return;
     log_limited(&tcp->full, thread_now(tcp->terminals->ctx),
@@ -267,6 +271,7 @@ void tcp_terminal_start(terminal_state* terminals) {
         int result = listen_at(families[i], terminals->vty_port);
         if (result >= 0)
             result = listener_start(&tcp->listeners[i], terminals->ctx, result, on_connection, tcp);
+        tcp->listeners[i].has_place = has_place;
         if (result == 0) continue;
         int level = families[i] == AF_INET6 && result == -EAFNOSUPPORT ? LOG_LEVEL_INFO : LOG_LEVEL_ERROR;
         log_suite(level, "TCP terminal on %s port %u: %s", i ? "::1" : "127.0.0.1", terminals->vty_port,
