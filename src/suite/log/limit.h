@@ -13,8 +13,14 @@ struct log_limit {
     std::uint64_t silent;  // faults since the last line
 };
 
-// Warns, unless a line of this kind was written less than a minute before `now`.
+// Whether a line of this kind would be written: none was less than a minute before `now`.
+bool log_limit_open(const log_limit* kind, nanoseconds now);
+// Warns while it is open, else counts.
 void log_limited(log_limit* kind, nanoseconds now, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
+// The same at another level.
+void log_limited_at(log_limit* kind, nanoseconds now, int level, const char* format, ...)
+    __attribute__((format(printf, 4, 5)));
 // The same with `head` in front.
-void log_limited_args(log_limit* kind, nanoseconds now, const char* head, const char* format, va_list args);
+void log_limited_args(log_limit* kind, nanoseconds now, int level, const char* head, const char* format,
+                      va_list args);

@@ -319,7 +319,8 @@ void nsm_client_fault_seen(nsm_client* nc, nsm_client_fault kind, const char* fo
     ++nc->stats.dropped;
     va_list args;
     va_start(args, format);
-    log_limited_args(&nc->faults[static_cast<std::size_t>(kind)], thread_now(nc->ctx), "NSM: ", format, args);
+    log_limited_args(&nc->faults[static_cast<std::size_t>(kind)], thread_now(nc->ctx), LOG_LEVEL_WARNING,
+                     "NSM: ", format, args);
     va_end(args);
 }
 
