@@ -8,6 +8,7 @@
 #include "cli/commands.h"
 #include "cli/handler.h"
 #include "cli/reason.h"
+#include "core/neighbour.h"
 #include "core/ports.h"
 #include "core/ql.h"
 
@@ -33,15 +34,18 @@ forced_words forced_text(const ssm_port* port) {
     return words;
 }
 
+// Wide enough for every reason: scripts cut the lines by column.
 int show_brief_handler(cli* terminal, int, char**) {
-    terminal->out_func(terminal->out_val, "%-16s %-6s %-8s %-6s %4s  %-12s %s\n", "Port", "State", "Rx", "Tx",
-                       "Prio", "Forced", "Why not the source");
+    terminal->out_func(terminal->out_val, "%-16s %-6s %-8s %-6s %4s  %-12s %-48s %s\n", "Port", "State", "Rx",
+                       "Tx", "Prio", "Forced", "Why not the source", "Neighbour");
     const ssm_port* best = ssm_best_candidate();
     ssm_port_walk([terminal, best](const ssm_port* port) {
-        terminal->out_func(terminal->out_val, "%-16s %-6s %-8s %-6s %4d  %-12s %s\n", ssm_port_name(port),
-                           port_state(port), ssm_ql_to_str(port->recv_quality, SSM_QL_STYLE_LONG),
-                           ssm_ql_to_str(port->send_quality, SSM_QL_STYLE_SHORT), port->priority,
-                           forced_text(port).text, ssm_reason_not_source(port, best).text);
+        const std::uint8_t* neighbour = ssm_neighbour(port);
+        terminal->out_func(
+            terminal->out_val, "%-16s %-6s %-8s %-6s %4d  %-12s %-48s %s\n", ssm_port_name(port),
+            port_state(port), ssm_ql_to_str(port->recv_quality, SSM_QL_STYLE_LONG),
+            ssm_ql_to_str(port->send_quality, SSM_QL_STYLE_SHORT), port->priority, forced_text(port).text,
+            ssm_reason_not_source(port, best).text, neighbour ? ssm_address_str(neighbour).text : "-");
     });
     return CLI_SUCCESS;
 }

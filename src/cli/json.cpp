@@ -3,6 +3,7 @@
 // tokens, "none" where there is none; what there is not is null.
 #include "cli/commands.h"
 #include "cli/reason.h"
+#include "core/neighbour.h"
 #include "core/ports.h"
 #include "core/ql.h"
 
@@ -32,6 +33,10 @@ void field(cli* terminal, const char* name, const char* value) {
 
 void field(cli* terminal, const char* name, std::uint32_t value) {
     terminal->out_func(terminal->out_val, ",\"%s\":%u", name, static_cast<unsigned>(value));
+}
+
+void address_field(cli* terminal, const char* name, const std::uint8_t* address) {
+    field(terminal, name, address ? ssm_address_str(address).text : nullptr);
 }
 
 void flag(cli* terminal, const char* name, bool value) {
@@ -127,6 +132,8 @@ void write_port(cli* terminal, const ssm_port* port, const ssm_port* best) {
     field(terminal, "hop_count", std::uint32_t{port->recv_hop_count});
     flag(terminal, "sending", port->send_timer != nullptr);
     flag(terminal, "receiving", port->timeout_timer != nullptr);
+    address_field(terminal, "address", ssm_address_named(port->intf->mac) ? port->intf->mac : nullptr);
+    address_field(terminal, "neighbour", ssm_neighbour(port));
     terminal->out_func(terminal->out_val, "}");
 }
 

@@ -9,11 +9,14 @@
 #include "core/guard.h"
 #include "suite/base/context.h"
 #include "suite/base/memory.h"
+#include "suite/log/limit.h"
 #include "suite/loop/thread.h"
 #include "suite/ports/interface.h"
 
 constexpr std::int32_t SSM_PROTO_ID = 36;
 constexpr int SSM_LOG_MODULE = 16;
+
+constexpr std::size_t SSM_ADDRESS_SIZE = 6;  // EUI-48
 
 constexpr memory_type MTYPE_SSM_INSTANCE = 693;
 constexpr memory_type MTYPE_SSM_MASTER = 910;
@@ -105,7 +108,10 @@ struct ssm_port {
     std::uint8_t dnu_group;  // 0: none
     std::uint8_t event_skip;
     std::uint8_t gephy_by_command;                   // the role counts in gephy_manual_count
+    std::uint8_t neighbour_untold;                   // the log has another one than there is
     std::uint8_t logged_clockid[SSM_CLOCK_ID_SIZE];  // that this port replaces, as the log has it
+    std::uint8_t neighbour[SSM_ADDRESS_SIZE];        // who sent the last frame that was taken: neighbour.h
+    std::uint8_t neighbour_logged[SSM_ADDRESS_SIZE];
     std::uint32_t gephy_role_enable;
     std::uint32_t gephy_role;
     thread* timeout_timer;         // null: not running
@@ -113,6 +119,7 @@ struct ssm_port {
     thread* event_timer;           // null: no event PDU is held back
     nanoseconds event_credit;      // when the port will have earned the event PDUs that it has sent
     nanoseconds guard_refused_at;  // the loop guard refuses what is offered here, since then; 0: it does not
+    log_limit neighbour_limit;
 };
 
 // These three lead to everything that one switch keeps from one event to the next. Whoever runs many switches

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "core/debug.h"
+#include "core/neighbour.h"
 #include "core/pdu.h"
 #include "core/ports.h"
 #include "core/ql.h"
@@ -66,11 +67,12 @@ void log_frame(const slow_address& from, std::size_t length) {
 
 // A DNU is refused like any code that is no quality, but it still says that the neighbour is no source any
 // more.
-void refuse_quality(ssm_port* port, std::uint8_t quality) {
+void refuse_quality(ssm_port* port, const slow_address& from, std::uint8_t quality) {
     SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_ERROR, "%s%s%s: receiveed pdu but error QL value %d", "recv_ssm",
               quality);
     if (quality != QL_DNU) return;
     port->recv_pdu = 1;
+    ssm_neighbour_heard(port, from.source);
     port->recv_quality = QL_DNU;
     // Without the guard the next PDU that is accepted does it.
     if (port == g_s_master->selected_port && ssm_guard_in_force()) ssm_clock_select();
@@ -96,10 +98,11 @@ int ssm_take_frame(const slow_address& from, const std::uint8_t* pdu, std::size_
         return static_cast<int>(length);
     const std::uint8_t quality = pdu[esmc::QUALITY];
     if (!ssm_ql_receivable(quality)) {
-        refuse_quality(port, quality);
+        refuse_quality(port, from, quality);
         return -1;
     }
     port->recv_pdu = 1;
+    ssm_neighbour_heard(port, from.source);
     if (ssm_debugging(SSM_DEBUG_PACKET)) log_frame(from, length);
     (void)ssm_handle_packet(port, pdu, length);  // always 0
     return static_cast<int>(length);

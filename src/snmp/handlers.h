@@ -39,6 +39,7 @@ enum ssm_mib_column : std::uint32_t {
     SSM_MIB_REPLACE_CLOCKID = 11,
     SSM_MIB_FORCED_RX_QUALITY = 12,
     SSM_MIB_FORCED_TX_QUALITY = 13,
+    SSM_MIB_NEIGHBOUR = 14,
 };
 
 // The state of the clock as its object reads it, and the index of the selected port or 0.

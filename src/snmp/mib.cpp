@@ -13,13 +13,10 @@ constexpr snmp_variable scalar(std::uint8_t type, std::uint8_t access) {
 
 constexpr snmp_oid PORT_ENTRY = 1;
 
-constexpr snmp_variable column(ssm_mib_column place, std::uint8_t access) {
-    return {SSM_MIB_COLUMN + place,
-            SNMP_TYPE_INTEGER,
-            access,
-            3,
-            ssm_mib_read_port,
-            {SSM_MIB_PORT_TABLE, PORT_ENTRY, place}};
+constexpr snmp_variable column(ssm_mib_column place, std::uint8_t access,
+                               std::uint8_t type = SNMP_TYPE_INTEGER) {
+    return {
+        SSM_MIB_COLUMN + place, type, access, 3, ssm_mib_read_port, {SSM_MIB_PORT_TABLE, PORT_ENTRY, place}};
 }
 
 }  // namespace
@@ -52,5 +49,6 @@ const snmp_variable ssm_variables[SSM_VARIABLE_COUNT] = {
     column(SSM_MIB_REPLACE_CLOCKID, SNMP_READ_WRITE),
     column(SSM_MIB_FORCED_RX_QUALITY, SNMP_READ_WRITE),
     column(SSM_MIB_FORCED_TX_QUALITY, SNMP_READ_WRITE),
+    column(SSM_MIB_NEIGHBOUR, SNMP_READ_ONLY, SNMP_TYPE_OCTET_STRING),
     scalar<SSM_MIB_RECOVERY_SELECT>(SNMP_TYPE_INTEGER, SNMP_READ_WRITE),
 };

@@ -3,8 +3,8 @@
 
 #include "suite/agentx/snmp.h"
 
-// 12 scalars, 13 columns of the port table, the recovery select.
-constexpr std::size_t SSM_VARIABLE_COUNT = 26;
+// 12 scalars, 14 columns of the port table, the recovery select.
+constexpr std::size_t SSM_VARIABLE_COUNT = 27;
 constexpr std::size_t SSM_OID_LENGTH = 2;
 
 extern const snmp_variable ssm_variables[SSM_VARIABLE_COUNT];

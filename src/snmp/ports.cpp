@@ -6,6 +6,7 @@
 // exists, none of its cells has a value, and the operations refuse it.
 #include <cstring>
 
+#include "core/neighbour.h"
 #include "core/opts.h"
 #include "core/ports.h"
 #include "snmp/handlers.h"
@@ -16,7 +17,7 @@ namespace {
 // The column of a table's entry, 0 when it is none of this table.
 std::uint32_t column_of(const snmp_variable* variable) {
     const std::uint32_t column = variable->magic - SSM_MIB_COLUMN;
-    return column >= SSM_MIB_INDEX && column <= SSM_MIB_FORCED_TX_QUALITY ? column : 0;
+    return column >= SSM_MIB_INDEX && column <= SSM_MIB_NEIGHBOUR ? column : 0;
 }
 
 ssm_mib_value cell_of(const ssm_port* port, std::uint32_t column) {
@@ -46,6 +47,14 @@ ssm_mib_value cell_of(const ssm_port* port, std::uint32_t column) {
         default:
             return ssm_mib_quality(port->force_tx_quality);
     }
+}
+
+// Always six octets, as MacAddress has: zeros where there is no neighbour.
+const void* neighbour_cell(const ssm_port* port, std::size_t* length) {
+    static constexpr std::uint8_t NOBODY[SSM_ADDRESS_SIZE] = {};
+    const std::uint8_t* neighbour = ssm_neighbour(port);
+    *length = SSM_ADDRESS_SIZE;
+    return neighbour ? neighbour : NOBODY;
 }
 
 int status_of(std::int32_t result) {
@@ -116,7 +125,8 @@ int write_cell(interface* intf, std::uint32_t column, std::int32_t value, int ac
 }
 
 bool is_read_only(std::uint32_t column) {
-    return column == SSM_MIB_INDEX || (column >= SSM_MIB_LINK && column <= SSM_MIB_SENT_QUALITY);
+    return column == SSM_MIB_INDEX || column == SSM_MIB_NEIGHBOUR ||
+           (column >= SSM_MIB_LINK && column <= SSM_MIB_SENT_QUALITY);
 }
 
 int write_port(int action, const std::uint8_t* value, std::uint8_t, std::size_t value_length,
@@ -177,5 +187,6 @@ const void* ssm_mib_read_port(const snmp_variable* variable, snmp_oid* name, std
     }
     const ssm_port* port = ssm_if_port(intf);
     if (!port || column == SSM_MIB_INDEX) return nullptr;
+    if (column == SSM_MIB_NEIGHBOUR) return neighbour_cell(port, value_length);
     return ssm_mib_cell(cell_of(port, column));
 }

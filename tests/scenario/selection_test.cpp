@@ -164,25 +164,7 @@ TEST_F(selection, a_change_of_source_tells_nsm_once_and_the_neighbours_at_once) 
 }
 
 // What the daemon says at debug level about ports that are not chosen.
-class selection_log : public selection {
-  protected:
-    void SetUp() override {
-        selection::SetUp();
-        log_add_tap(keep, this);
-    }
-    void TearDown() override {
-        log_remove_tap(keep, this);
-        selection::TearDown();
-    }
-    static void keep(void* self, int, const char* line, std::size_t length) {
-        static_cast<selection_log*>(self)->lines_.emplace_back(line, length);
-    }
-    std::ptrdiff_t said(std::string_view words) {
-        return std::ranges::count_if(lines_, [&](const std::string& l) { return l.find(words) != l.npos; });
-    }
-
-    std::vector<std::string> lines_;
-};
+using selection_log = logged_sim;
 
 TEST_F(selection_log, each_run_says_why_it_refuses_and_a_replaced_identity_is_said_once) {
     ASSERT_EQ(ssm_opts_set_ssm_extend(1), 0);

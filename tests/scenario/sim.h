@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <functional>
@@ -174,4 +175,25 @@ class sim : public ::testing::Test {
   private:
     std::vector<sent_pdu> sent_;
     requests requests_;
+};
+
+// With the lines of the log.
+class logged_sim : public sim {
+  protected:
+    void SetUp() override {
+        sim::SetUp();
+        log_add_tap(keep, this);
+    }
+    void TearDown() override {
+        log_remove_tap(keep, this);
+        sim::TearDown();
+    }
+    static void keep(void* self, int, const char* line, std::size_t length) {
+        static_cast<logged_sim*>(self)->lines_.emplace_back(line, length);
+    }
+    std::ptrdiff_t said(std::string_view words) {
+        return std::ranges::count_if(lines_, [&](const std::string& l) { return l.find(words) != l.npos; });
+    }
+
+    std::vector<std::string> lines_;
 };

@@ -1,4 +1,5 @@
 // What leaves when, what is forgotten when, and which frames are taken at all.
+#include "core/neighbour.h"
 #include "scenario/sim.h"
 
 namespace {
@@ -179,6 +180,59 @@ TEST_F(timers, a_port_that_brings_too_many_frames_costs_nothing_and_others_are_h
     for (int i = 0; i < 50; ++i) hear(2, QL_PRC);
     EXPECT_EQ(limited(2), 5040U) << "ten more a second";
     EXPECT_EQ(port(2)->recv_quality, QL_PRC);
+}
+
+class neighbours : public logged_sim {
+  protected:
+    int hear_from(int station, std::uint8_t quality = QL_PRC, std::uint32_t index = 1, int first = 2) {
+        message frame = esmc_frame({.quality = quality});
+        const message source = {static_cast<std::uint8_t>(first),  0, 0, 0, 0,
+                                static_cast<std::uint8_t>(station)};
+        std::ranges::copy(source, frame.begin() + 6);
+        return hear_raw(index, std::move(frame));
+    }
+    std::string shown() {
+        const std::uint8_t* neighbour = ssm_neighbour(port(1));
+        return neighbour ? ssm_address_str(neighbour).text : "none";
+    }
+};
+
+TEST_F(neighbours, are_known_as_long_as_what_they_said_counts) {
+    const std::function<int()> ends[] = {
+        [&] { return link_down(1) + link_up(1); },
+        [&] { return ssm_opts_set_port_synce(intf(1), 0) + ssm_opts_set_port_synce(intf(1), 1); },
+        [&] { return ssm_opts_set_global_enable(0) + ssm_opts_set_global_enable(1); },
+        [&] { return ssm_opts_set_device_type(SSM_SLAVE_ONLY); },
+        [&] { return ssm_opts_unset_port_esmc(intf(1), SSM_ESMC_ALL) + ssm_opts_set_port_esmc(intf(1), 3); },
+        [&] { return advance(5000); },
+        [&] { return unbind(1) + (add_port(1) ? 0 : 1); },
+        [&] { return hear_from(7, QL_PRC, 1, 3) /* a group's address */; },
+        [&] { return hear_from(0, QL_PRC, 1, 0); },
+        [&] { return link_down(1) + link_up(1) + hear_from(7, QL_ST2) /* not of this option */; },
+    };
+    add_port(1);
+    for (const auto& end : ends) {
+        hear_from(7);
+        EXPECT_EQ(shown(), "02:00:00:00:00:07") << &end - ends;
+        EXPECT_EQ(end(), 0);
+        EXPECT_EQ(shown(), "none") << &end - ends;
+    }
+    hear_from(7, QL_DNU);  // what who follows this switch says
+    EXPECT_EQ(shown(), "02:00:00:00:00:07");
+    EXPECT_EQ(said("neighbour of"), 0) << "it was the same all the time";
+}
+
+TEST_F(neighbours, that_change_are_logged_but_not_for_ever_and_the_last_one_in_the_end) {
+    add_ports({1, 2});
+    for (int station : {1, 2}) EXPECT_EQ(hear_from(station) + link_down(1) + link_up(1), 0);
+    EXPECT_EQ(said("info : neighbour of p1 is now 02:00:00:00:00:02 (was 02:00:00:00:00:01)"), 1);
+    for (int i = 0; i < 999; ++i) hear_from(i % 2 ? 2 : 3);
+    for (int station : {8, 9}) hear_from(station, QL_DNU, 2);
+    EXPECT_EQ(said("neighbour of p2"), 1) << "another port's flood mutes nobody";
+    EXPECT_EQ(said("neighbour of"), 2);
+    for (int i = 0; i < 120; ++i) advance(1000), hear_from(3);
+    EXPECT_EQ(said("now 02:00:00:00:00:03 (was 02:00:00:00:00:02) (499 like it since the last line)"), 1);
+    EXPECT_EQ(said("neighbour of"), 3);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 """Three switches in a ring agree on a clock, and go on agreeing when links are cut and restored."""
 
+import json
+
 import ring
 from lab import wait_until
 
@@ -19,6 +21,12 @@ def test_ring_follows_its_master_through_cuts_and_restores(lab):
     b.wait_port("p2", rx="PRC", tx="PRC")
     c.wait_port("p1", rx="PRC", tx="DNU")
     a.wait_port("p1", tx="PRC", rx="N/A")
+    # Who asks all of them joins the ends of each link; a master-only switch hears nobody.
+    ports = {(name, port["name"]): port for name, switch in switches.items()
+             for port in json.loads(switch.show("clock synce json"))["ports"]}
+    at = {port["address"]: end for end, port in ports.items()}
+    assert {end: at[port["neighbour"]] for end, port in ports.items() if port["neighbour"]} == {
+        ("B", "p1"): ("A", "p1"), ("B", "p2"): ("C", "p2"), ("C", "p1"): ("A", "p2"), ("C", "p2"): ("B", "p2")}
 
     a.link_set("p1", False)
     settle(switches, ring.CUT_A_B, 5)

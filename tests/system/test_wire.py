@@ -57,6 +57,10 @@ def test_frame_made_by_scapy_is_taken(enabled):
     enabled.t1.send(bytes(short))
     enabled.wait_clock(source="p1", quality="SSU-A", state="Lock")
     enabled.wait_port("p1", rx="SSU-A", receiving="enable")
+    # Who sent it is known, and is told when it is somebody else.
+    assert enabled.show("clock synce brief").splitlines()[1].endswith(" 02:00:00:00:00:99")
+    enabled.t1.send(esmc(SSU_A, source=bytes.fromhex("020000000098")))
+    enabled.esmcd.wait_log("neighbour of p1 is now 02:00:00:00:00:98 (was 02:00:00:00:00:99")
     # With its enhanced TLV, as an event: the quality counts, and an event does not restart the time-out.
     longer = header / SlowProtocol() / ESMC(event=1) / QLTLV(ssmCode=PRC) / EQLTLV(clockIdentity=bytes(range(1, 9)))
     enabled.t2.send(bytes(longer))

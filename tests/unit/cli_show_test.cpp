@@ -87,13 +87,14 @@ class everyday : public daemon_test {
         port->priority = priority;
         return port;
     }
-    // The last column of the port's line.
+    // The column of the port's line before the last, with the neighbour cut off.
     std::string why(const std::string& name) {
         const std::string table = shown("show clock synce brief");
         const std::size_t line = table.find("\n" + name + " ");
         if (line == std::string::npos) return "no line";
         constexpr std::size_t column = 60;
-        return table.substr(line + column, table.find('\n', line + 1) - line - column);
+        const std::string reason = table.substr(line + column, 48);
+        return reason.substr(0, reason.find_last_not_of(' ') + 1);
     }
     // The first line of the selection.
     std::string source() {
@@ -103,12 +104,15 @@ class everyday : public daemon_test {
 };
 
 TEST_F(everyday, brief_names_the_reason_of_each_port) {
-    g_s_master->selected_port = candidate("p1", 1, QL_PRC, 10);
-    candidate("p2", 2, QL_SSU_A, 255)->force_rx_quality = QL_EEC1;
+    std::fill_n((g_s_master->selected_port = candidate("p1", 1, QL_PRC, 10))->neighbour, 6, 0xa0);
+    candidate("of sixteen chars", 2, QL_PRC, 10)->force_rx_quality = QL_PRC;
+    const std::string blank(48, ' '), longest = "p1 has the better interface index";
     EXPECT_EQ(shown("show clock synce brief"),
-              "Port             State  Rx       Tx     Prio  Forced       Why not the source\n"
-              "p1               source PRC      N/A      10  -            \n"
-              "p2               up     SSU-A    N/A     255  rx           p1 has the better quality\n");
+              "Port             State  Rx       Tx     Prio  Forced       Why not the source" +
+                  blank.substr(18) +
+                  " Neighbour\np1               source PRC      N/A      10  -            " + blank +
+                  " a0:a0:a0:a0:a0:a0\nof sixteen chars up     PRC      N/A      10  rx           " +
+                  longest + blank.substr(longest.size()) + " -\n");
     for (std::uint32_t i : {1U, 2U}) if_remove(ctx_->ifm, if_lookup_by_index(ctx_->ifm, i));
     candidate("best", 1, QL_SSU_A, 10);
     candidate("worse", 2, QL_EEC1, 1);
@@ -190,6 +194,8 @@ TEST_F(everyday, json_is_one_object) {
     g_s_master->freerun = 0;
     ssm_port* odd = candidate("a\"\\\x01", 2, QL_NONE, 255);
     odd->recv_pdu = odd->link_up = 0;
+    for (std::uint8_t i = 0; i < 6; ++i) odd->intf->mac[i] = odd->neighbour[i] = std::uint8_t(0xf0 + i);
+    g_s_master->selected_port->neighbour[5] = 9;
     EXPECT_EQ(
         shown("show clock synce json"),
         R"({"clock_id":"00:00:00:00:00:00:00:00","synce_enabled":true,"ssm_enabled":true,)"
@@ -201,12 +207,12 @@ TEST_F(everyday, json_is_one_object) {
         R"("link_up":true,"esmc":"all","received_quality":"prc","sent_quality":"none",)"
         R"("forced_received_quality":"none","forced_sent_quality":"none","priority":10,"dnu_group":0,)"
         R"("replace_clock_id":false,"received_clock_id":"00:00:00:00:00:00:00:00","hop_count":0,)"
-        R"("sending":false,"receiving":false},)"
+        R"("sending":false,"receiving":false,"address":null,"neighbour":"00:00:00:00:00:09"},)"
         R"({"name":"a\u0022\u005c\u0001","ifindex":2,"source":false,"not_source_reason":"link down",)"
         R"("synce_enabled":true,"link_up":false,"esmc":"all","received_quality":"none",)"
         R"("sent_quality":"none","forced_received_quality":"none","forced_sent_quality":"none",)"
         R"("priority":255,"dnu_group":0,"replace_clock_id":false,"received_clock_id":null,"hop_count":0,)"
-        R"("sending":false,"receiving":false}]})"
+        R"("sending":false,"receiving":false,"address":"f0:f1:f2:f3:f4:f5","neighbour":null}]})"
         "\n");
 }
 

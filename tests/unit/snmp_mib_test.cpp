@@ -11,6 +11,8 @@
 
 namespace {
 
+using namespace std::string_literals;
+
 constexpr int NO_VALUE = -12345;
 const oid FORCE_SWITCH = {12, 0}, LOCAL_QUALITY = {5, 0}, NETWORK_OPTION = {11, 0}, RUNNING_STATE = {10, 0};
 
@@ -84,7 +86,7 @@ class ssm_mib : public daemon_test {
     ssm_port* p1 = nullptr;
 };
 
-TEST_F(ssm_mib, identity_running_state_and_source) {
+TEST_F(ssm_mib, identity_running_state_source_and_neighbour) {
     const std::uint8_t id[] = {0, 0x1b, 0x21, 0xff, 0xfe, 0xa, 0xb, 0xc};
     std::copy_n(id, 8, g_s_master->clock_id);
     EXPECT_EQ(read(scalar(1)).text, "00:1B:21:FF:FE:0A:0B:0C");
@@ -93,6 +95,11 @@ TEST_F(ssm_mib, identity_running_state_and_source) {
     EXPECT_EQ(get(RUNNING_STATE), 1);
     g_s_master->selected_port = p1;
     EXPECT_EQ(get(scalar(8)), 7);
+    for (int heard : {0, 1}) {  // the neighbour's address counts only with what it said
+        p1->neighbour[0] = p1->neighbour[5] = 0xa8;
+        p1->recv_pdu = static_cast<std::uint32_t>(heard);
+        EXPECT_EQ(read(cell(14)).text, (heard ? "\xa8\0\0\0\0\xa8"s : std::string(6, '\0')));
+    }
 }
 
 TEST_F(ssm_mib, qualities_read_by_code_and_option) {
@@ -159,7 +166,7 @@ TEST_F(ssm_mib, force_switch_names_a_port_or_none) {
 }
 
 TEST_F(ssm_mib, columns_refuse_what_is_no_cell_of_a_port) {
-    for (snmp_oid number : {1U, 5U, 6U, 7U, 8U, 9U})
+    for (snmp_oid number : {1U, 5U, 6U, 7U, 8U, 9U, 14U})
         EXPECT_EQ(set(cell(number), 1), SNMP_READ_ONLY_ERROR) << number;
     for (snmp_oid index : {8U, 10U}) check(cell(2, index), 1, SNMP_NO_SUCH_NAME, NO_VALUE);
     check(cell(2, 900), 1, SNMP_GEN_ERR, NO_VALUE);
