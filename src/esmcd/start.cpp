@@ -103,12 +103,12 @@ void write_pid_file() {
     (void)fchmod(pid_file, 0644);
     char text[16];
     const int length = std::snprintf(text, sizeof text, "%d\n", static_cast<int>(getpid()));
-    if (write(pid_file, text, static_cast<std::size_t>(length)) != length) (void)ftruncate(pid_file, 0);
+    if (write(pid_file, text, static_cast<std::size_t>(length)) != length) (void)!ftruncate(pid_file, 0);
 }
 
 // A file that can't be removed is emptied, so that it names no process.
 void remove_pid_file() {
-    if (remove(SSM_PID_FILE) != 0 && pid_file >= 0) (void)ftruncate(pid_file, 0);
+    if (remove(SSM_PID_FILE) != 0 && pid_file >= 0) (void)!ftruncate(pid_file, 0);
     if (pid_file >= 0) close(pid_file);
     pid_file = -1;
 }

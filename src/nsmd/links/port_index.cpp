@@ -67,7 +67,7 @@ int write_in_place(const char* path, std::string_view text) {
     const int fd = open(path, O_WRONLY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) return -errno;
     const int result = overwrite(fd, text);
-    if (result < 0) (void)ftruncate(fd, 0);
+    if (result < 0) (void)!ftruncate(fd, 0);
     close(fd);
     return result;
 }

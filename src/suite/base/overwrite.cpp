@@ -16,7 +16,7 @@ int make_room(int fd, std::size_t size) {
     if (fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(size)) == 0) return 0;
     if (errno == EOPNOTSUPP || errno == ENOSYS || errno == EPERM) return 0;
     const int error = errno;
-    (void)ftruncate(fd, before.st_size);  // gives back what it got; the error is reported
+    (void)!ftruncate(fd, before.st_size);  // gives back what it got; the error is reported
     return -error;
 }
 
