@@ -152,6 +152,10 @@ TEST_F(timers, indexes_above_eight_bits_are_looked_up_by_their_low_octet) {
     EXPECT_EQ(ssm_port_lookup_by_ifindex(300), nullptr);
     add_port(44);
     EXPECT_EQ(ssm_port_lookup_by_ifindex(300), port(44));
+    hear(300, QL_PRC);
+    EXPECT_EQ(port(44)->recv_pdu, 0U) << "another port's frame";
+    hear(44, QL_PRC);
+    EXPECT_EQ(port(44)->recv_pdu, 1U);
     unbind(300);  // the list moves; the lookup must follow
     EXPECT_EQ(ssm_port_lookup_by_ifindex(44), port(44));
     unbind(44);

@@ -161,6 +161,15 @@ TEST_F(NsmClient, GreetsThenTakesTheDumpAsItComes) {
     EXPECT_TRUE(stats().synchronised);
     EXPECT_EQ(interfaces(),
               "eth7 7 42 170 bound up\neth3 3 42 0 bound\nsixteen-octets-x 2147483647 42 0 bound\n");
+    const auto unheard = [this] {
+        const auto lines = logged(LOG_LEVEL_WARNING);
+        return std::count_if(lines.begin(), lines.end(), [](const auto& l) {
+            return l.find("sixteen-octets-x can't carry SSM: its index 2147483647 is above 255") != l.npos;
+        });
+    };
+    say({link_add(2147483647, "sixteen-octets-x"), link_add(256, "x", true), link_add(255, "y", true),
+         link_delete(256, NSM_LINK_GONE), link_delete(255, NSM_LINK_GONE)});
+    EXPECT_EQ(unheard(), 1) << "once for each";
     // Of an interface that nobody knows nothing is told; what NSM states again is.
     EXPECT_EQ(say({message(NSM_MSG_LINK_DOWN, {7}), message(NSM_MSG_LINK_UP, {99}), clock_state(2, 7)}),
               "down eth7, clock 2 7");
@@ -204,7 +213,7 @@ TEST_F(NsmClient, ReconnectionDeliversDifferencesOnly) {
     EXPECT_EQ(say({clock_state(1, 3)}), "clock 1 3") << "not the first of this link";
 
     restart_server();  // changes in the midst of the dump: what they mention stays
-    EXPECT_EQ(say({bridge(2), link_add(1, "eth1", true), link_add(2, "eth2", true),
+    EXPECT_EQ(say({bridge(2), link_add(1, "eth1", true), ACCEPTED, link_add(2, "eth2", true),
                    link_add(3, "eth3", false, 333), link_delete(2, NSM_LINK_GONE), link_delete(5),
                    message(NSM_MSG_LINK_UP, {6}), clock_state(2, 0), SYNC_DONE}),
               "bridge 2, unbind eth2, unbind eth5, up eth6, clock 2 0");
@@ -237,6 +246,10 @@ TEST_F(NsmClient, RestatesTheLastRequestsInTheirOrder) {
     EXPECT_EQ(stats().requests_kept, 5u);
     say({link_delete(4)});
     EXPECT_EQ(stats().requests_kept, 4u);
+    say({link_add(5, "eth5")});
+    EXPECT_EQ(nsm_client_send_ssm_set_gephy_role(client, {5, 1, 1}), 0);
+    say({link_delete(5, NSM_LINK_GONE)});
+    EXPECT_EQ(stats().requests_kept, 4u) << "the next port of this index would get the role";
 }
 
 TEST_F(NsmClient, AFullLinkKeepsTheLastOfEachKindForLater) {

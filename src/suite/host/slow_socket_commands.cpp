@@ -33,6 +33,10 @@ void show_port(cli* terminal, const interface* intf) {
                        " %9" PRIu64 " %9" PRIu64 " %9" PRIu64 "\n",
                        intf->name, intf->ifindex, s.frames_in, s.frames_out, s.limited, s.no_buffer, s.again,
                        s.link_down, s.no_device, s.other_errors);
+    if (intf->ifindex > IF_INDEX_HEARD_MAX)
+        terminal->out_func(terminal->out_val,
+                           "%-16s index above %" PRIu32 ": %" PRIu64 " frames received and dropped\n", "",
+                           IF_INDEX_HEARD_MAX, s.unheard);
 }
 
 void show_limit(cli* terminal, const slow_stats& s) {
@@ -57,8 +61,8 @@ int show_slow_protocols(cli* terminal, int, char**) {
                        s.frames_out);
     terminal->out_func(terminal->out_val,
                        "  Lost in the kernel %" PRIu64 ", too short %" PRIu64 ", of unknown ports %" PRIu64
-                       "\n",
-                       s.kernel_drops, s.short_frames, s.unknown_port);
+                       ", of indexes above %" PRIu32 " %" PRIu64 "\n",
+                       s.kernel_drops, s.short_frames, s.unknown_port, IF_INDEX_HEARD_MAX, s.unheard);
     show_limit(terminal, s);
     terminal->out_func(terminal->out_val, "%-16s %5s %10s %10s %9s %9s %9s %9s %9s %9s\n", "Interface",
                        "Index", "Received", "Sent", "Limited", "No-buffer", "Busy", "Link-down", "No-device",

@@ -110,6 +110,20 @@ interface* known_interface(nsm_client* nc, const link_record& r) {
     return intf;
 }
 
+// A new one, null without memory.
+interface* add_interface(nsm_client* nc, const link_record& r) {
+    interface* intf = if_add(nc->ctx->ifm, r.name, r.ifindex, r.type);
+    if (!intf) {
+        nsm_client_fault_seen(nc, nsm_client_fault::memory, "no memory for interface %s", r.name);
+    } else if (r.type == IF_TYPE_SYNCE && r.ifindex > IF_INDEX_HEARD_MAX) {
+        log_suite(LOG_LEVEL_WARNING,
+                  "NSM: interface %s can't carry SSM: its index %" PRIu32 " is above %" PRIu32
+                  ", what it receives is dropped",
+                  r.name, r.ifindex, IF_INDEX_HEARD_MAX);
+    }
+    return intf;
+}
+
 void deliver_link_state(nsm_client* nc, interface* intf, bool up) {
     if (up)
         if_up(nc->ctx->ifm, intf);
@@ -133,11 +147,8 @@ void nsm_client_link_add(nsm_client* nc, const_octets body) {
     }
     mention(nc, r.ifindex);
     interface* intf = known_interface(nc, r);
-    if (!intf) intf = if_add(nc->ctx->ifm, r.name, r.ifindex, r.type);
-    if (!intf) {
-        nsm_client_fault_seen(nc, nsm_client_fault::memory, "no memory for interface %s", r.name);
-        return;
-    }
+    if (!intf) intf = add_interface(nc, r);
+    if (!intf) return;
     take_over_addresses(intf, r);
     if (nc->phase == nsm_client_phase::dump && intf->bound) {
         slow_socket_port_bound(intf);

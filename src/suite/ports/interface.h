@@ -13,6 +13,9 @@ struct lib_globals;
 
 constexpr std::size_t IF_NAME_SIZE = 17;    // 16 octets and the terminating zero
 constexpr std::uint16_t IF_TYPE_SYNCE = 2;  // an Ethernet port that can carry SyncE
+// A frame finds its port by the low eight bits of the index: what comes in on a greater one would be taken
+// for another port's, and goes no further than the slow-protocol socket.
+constexpr std::uint32_t IF_INDEX_HEARD_MAX = 255;
 
 struct interface {
     char name[IF_NAME_SIZE];       // first, printable with %s

@@ -106,6 +106,14 @@ bool within_limit(slow_port* port) {
     return true;
 }
 
+// What the daemon would take for another port's.
+bool is_heard(slow_port* port) {
+    if (!port || port->ifindex <= IF_INDEX_HEARD_MAX) return true;
+    ++port->stats.unheard;
+    ++slow.totals.unheard;
+    return false;
+}
+
 slow_port* count_in(slow_port* port, slow_address* from) {
     ++slow.totals.frames_in;
     if (port) {
@@ -118,14 +126,14 @@ slow_port* count_in(slow_port* port, slow_address* from) {
     return port;
 }
 
-// The next frame that was read ahead, is wanted, and is not one too many of its port. False when there is
-// none.
+// The next frame that was read ahead, is wanted, and is neither unheard nor one too many of its port. False
+// when there is none.
 bool next_frame(std::size_t* at, slow_port** port) {
     while (ring.next != ring.count) {
         *at = ring.next++;
         *port = slow_port_by_kernel(static_cast<std::uint32_t>(ring.from[*at].sll_ifindex));
         if (!slow.opened.filtered && !wanted(ring.frame[*at], ring.length[*at], ring.from[*at])) continue;
-        if (within_limit(*port)) return true;
+        if (is_heard(*port) && within_limit(*port)) return true;
     }
     errno = EAGAIN;
     return false;
@@ -154,7 +162,7 @@ ssize_t receive_native(int fd, octets payload, slow_address* from) {
                                  reinterpret_cast<sockaddr*>(&address), &length);
     if (got < 0) return got;
     slow_port* port = slow_port_by_ifindex(address.ifindex);
-    if (!within_limit(port)) {
+    if (!is_heard(port) || !within_limit(port)) {
         errno = EAGAIN;
         return -1;
     }

@@ -68,6 +68,7 @@ slow_opened slow_socket_opened();
 struct slow_port_stats {
     std::uint64_t frames_in, frames_out;
     std::uint64_t limited;    // frames dropped because the port brought too many
+    std::uint64_t unheard;    // frames dropped because the port's index is too great to be found by a frame
     std::uint64_t held_back;  // frames that the protocol sent later, because the port had sent too many
     std::uint64_t no_buffer, again, link_down, no_device, other_errors;  // sends that failed
 };
@@ -83,7 +84,7 @@ void slow_socket_set_rate_limit(std::uint32_t frames_per_second);
 std::uint32_t slow_socket_rate_limit();
 
 struct slow_stats {
-    std::uint64_t frames_in, frames_out, unknown_port, short_frames, limited;
+    std::uint64_t frames_in, frames_out, unknown_port, short_frames, limited, unheard;
     std::uint64_t kernel_drops;  // frames that the receive buffer had no room for
 };
 slow_stats slow_socket_stats();
