@@ -1,5 +1,5 @@
 // The rules of control.h as two timers over one backend. Called by nsmd's core on the event loop.
-// Without memory for a timer requests take effect at once, and the grace time has no end.
+// Without memory for a timer requests take effect at once, and there is no grace time.
 #include "nsmd/control.h"
 
 #include "suite/log/log.h"
@@ -47,6 +47,7 @@ int grace_over(thread* event) {
 void start_grace(clock_control* c) {
     stop_timer(&c->grace_timer);
     c->grace_timer = thread_add_timer_msec(c->ctx, grace_over, c, c->grace_s * 1000);
+    if (!c->grace_timer) abandon(c, "no memory to wait for the daemon");
 }
 
 }  // namespace

@@ -138,13 +138,17 @@ int tend_due(thread* event) {
     return 0;
 }
 
+void pins_changed(void* arg) {
+    link_watch_refresh(static_cast<nsmd*>(arg)->watch);
+}
+
 // Start.
 
 // A backend without `self` where the clock that was asked for can't be had, with a log line.
 dpll_backend open_kernel_dpll(nsmd* n, const nsmd_edges& edges, bool is_optional) {
     int error = 0;
     const dpll_backend dpll = dpll_kernel_create(n->ctx, n->table, edges.netlink, n->options->kernel,
-                                                 is_optional, {clock_changed, n}, &error);
+                                                 is_optional, {clock_changed, pins_changed, n}, &error);
     if (dpll.self) return dpll;
     const char* why = error == -ENOENT   ? "this kernel has no clock interface"
                       : error == -ENODEV ? "the kernel has no clock device for Ethernet"
@@ -164,7 +168,7 @@ bool start_clock(nsmd* n, const nsmd_edges& edges) {
         if (!kernel.self && kind == dpll_kind::kernel) return false;
         if (kernel.self) dpll = kernel;
     } else if (kind == dpll_kind::simulated) {
-        dpll = dpll_sim_create(n->ctx, n->table, n->options->sim, {clock_changed, n});
+        dpll = dpll_sim_create(n->ctx, n->table, n->options->sim, {clock_changed, pins_changed, n});
         if (!dpll.self) {
             log_suite(LOG_LEVEL_ERROR, "no memory for the clock");
             return false;

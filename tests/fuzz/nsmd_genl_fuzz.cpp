@@ -167,8 +167,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     options.bits[0] = "EXT";
     options.bits[1] = "5";
     int error = 0;
-    const dpll_backend backend =
-        dpll_kernel_create(&w.loop.ctx, w.table, w.edge(), options, false, {on_report, nullptr}, &error);
+    const dpll_backend backend = dpll_kernel_create(&w.loop.ctx, w.table, w.edge(), options, false,
+                                                    {on_report, [](void*) {}, nullptr}, &error);
     w.queue.clear();
     // nsmd's core between the port table and the backend.
     w.on_port = [&](const nsmd_port& port, port_event event) {

@@ -177,6 +177,7 @@ struct clock_session : nsmd_session {
     explicit clock_session(driver kind = driver::manual) {
         act("quiet sw1 1 pin 11, quiet sw2 2 pin 12, quiet sw3 3");
         options.dpll = dpll_kind::kernel;
+        options.poll.slow_ms = 0;
         options.kernel.prio_other = 14;
         options.source_codes[0] = {1, 1};
         options.source_codes[1] = {2, 2};
@@ -223,6 +224,14 @@ struct clock_session : nsmd_session {
             dpll.pins[w[0]].places[DEVICE] = w[1];
             dpll.work();
         };
+        verbs["forget"] = [this](const numbers& w) {
+            dpll.notify_pin(w[0], DPLL_CMD_PIN_DELETE_NTF);
+            dpll.pins.erase(w[0]);
+            dpll.tracked = 0;
+            dpll.status = DPLL_STATUS_UNLOCKED;
+            dpll.notify_device();
+        };
+        verbs["notice"] = [this](const numbers& w) { dpll.notify_pin(w[0], DPLL_CMD_PIN_CREATE_NTF); };
         verbs["lose"] = [this](const numbers&) { dpll.push({}, -ENOBUFS); };
         verbs["device"] = [this](const numbers& w) {
             dpll.has_device = w[0];
@@ -338,6 +347,12 @@ const struct {
      {{FOLLOW, 30, "clock 4 1"},
       {"device 0", 200, "clock 2 0"},
       {"device 1", 200, "clock 4 1", "11 on 1 connected"}}},
+    {{"a deleted pin stays its port's, or one that comes later is not learnt", driver::manual},
+     {{FOLLOW, 2000, "clock 4 1"},  // nobody asks for links any more
+      {"quiet sw1 1, forget 11", 200, "clock 2 0"},
+      {"quiet sw1 1 pin 12, quiet sw2 2, notice 12", 200, "clock 4 1",
+       "dump devices, dump pins, 12 on 1 connected"}},
+     {"port 1 (sw1) has no clock pin", 1}},
     {{"a device that comes later is not waited for", driver::manual, "has-device 0"},
      {{FOLLOW, 30, ""}, {"device 1", 200, "clock 4 1"}},
      {"no kernel device yet", 1}},
@@ -387,10 +402,10 @@ struct helped_session : clock_session {
     static const netlink_edge& kept(void* arg) { return static_cast<helped_session*>(arg)->behind; }
     // Everything that is told until the condition holds.
     std::string until(const std::function<bool()>& condition) {
-        std::string all;
-        for (int ms = 0; ms < 10000 && !condition(); ++ms, usleep(1000)) loop.run(1);
+        int left = 10000;
+        while (left > 0 && !condition()) loop.run(1), usleep(1000), --left;
+        EXPECT_GT(left, 0);
         loop.run(1);
-        EXPECT_TRUE(condition());
         return c.take_all();
     }
     pid_t clock_helper() {
@@ -404,7 +419,7 @@ TEST(dpll, a_driver_that_takes_its_time_holds_up_nobody_and_the_newest_wish_coun
     helped_session s;
     *s.dpll.hold = 1;
     s.act(FOLLOW);
-    s.until([&] { return s.log.count("the driver of clock device 1 (chip) has not answered for 1 s") == 1; });
+    s.until([&] { return s.log.count("the driver of clock device 1 (chip) has not answered for ") > 0; });
     EXPECT_NE(s.status().find("which has not answered for "), std::string::npos);
     for (const char* wish : {"select 2", "select 1", "holdover 0", "holdover 1, select 2"}) {
         s.act(wish);
@@ -413,7 +428,7 @@ TEST(dpll, a_driver_that_takes_its_time_holds_up_nobody_and_the_newest_wish_coun
     *s.dpll.hold = 0;
     EXPECT_EQ(s.until([&] { return s.log.count("clock: locked, source 2") == 1; }), "clock 4 2");
     EXPECT_NE(s.status().find(" 3 settings, 0 refused"), std::string::npos) << s.status();
-    s.until([&] { return s.log.count("the driver of clock device 1 (chip) answers again") == 1; });
+    s.until([&] { return s.log.count("the driver of clock device 1 (chip) answers again") > 0; });
 
     // One that dies meanwhile is replaced, and what was wanted is done by the next; nsmd ends without its
     // answer.

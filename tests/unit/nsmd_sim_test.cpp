@@ -1,5 +1,6 @@
 // The simulated clock in virtual time, and nsmd's core around it: requests through a session, links through
 // the kernel's messages, reports back to the client.
+#include "nsmd/control.h"
 #include "nsmd_support.h"
 
 namespace {
@@ -142,6 +143,31 @@ TEST_F(core, source_codes_by_the_table_and_by_configuration) {
     options.source_code_count = 3;
     EXPECT_EQ(nsmd_source_code(options, 26), 7U);
     EXPECT_EQ(nsmd_source_code(options, 1), 3U);
+}
+
+// A grace time without an end would follow a source that nobody watches.
+TEST_F(core, without_memory_for_the_grace_time_holdover_comes_at_once) {
+    struct {
+        bool holdover = false;
+    } seen;
+    dpll_backend clock = dpll_none();
+    clock.self = &seen;
+    clock.apply = [](void* s, const dpll_wanted& w) {
+        static_cast<decltype(seen)*>(s)->holdover = w.holdover;
+    };
+    clock_control control;
+    clock_control_start(&control, &loop.ctx, clock, 10);
+    clock_control_clients(&control, 1, false);
+    clock_control_wanted(&control, true);
+    loop.run(20);
+    do memmgr_fail_at(1);
+    while (thread_add_timer_msec(
+        &loop.ctx, [](thread*) { return 0; }, nullptr, 1));
+    memmgr_fail_at(1);
+    clock_control_clients(&control, 0, false);
+    memmgr_fail_at(0);
+    EXPECT_TRUE(seen.holdover);
+    clock_control_stop(&control);
 }
 
 // Whatever allocation fails: an orderly refusal to start, or a start that serves.

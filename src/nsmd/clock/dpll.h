@@ -28,6 +28,7 @@ struct dpll_report {
 
 struct dpll_sink {
     void (*report)(void* arg, const dpll_report& report);  // something in it changed
+    void (*pins)(void* arg);  // pins came or went: which port has which is to be asked again
     void* arg;
 };
 

@@ -27,7 +27,7 @@
 
 namespace {
 
-constexpr std::uint32_t POLL_MS = 1000, AGAIN_MS = 100, BUSY_MS = 1000;
+constexpr std::uint32_t POLL_MS = 1000, AGAIN_MS = 50, BUSY_MS = 1000;
 constexpr unsigned BUSY_TRIES = 30;
 constexpr unsigned DUMP_TRIES = 3;
 
@@ -47,6 +47,8 @@ struct dpll_kernel {
     dpll_report now;
     clock_task task;
     bool read_wanted, poll_wanted, steer_wanted;  // the tasks to come, in this order
+    bool pins_changed;                            // since the links were last asked for theirs
+    bool awaits_links;                            // their answers come before the tasks
     dpll_view fresh;  // being read; what was known before serves until it is whole
     unsigned dump_tries;
     int read_result;
@@ -98,7 +100,9 @@ void message_came(void* arg, const genl_message& m) {
     const bool comes_or_goes = m.command == DPLL_CMD_DEVICE_CREATE_NTF ||
                                m.command == DPLL_CMD_DEVICE_DELETE_NTF ||
                                m.command == DPLL_CMD_PIN_CREATE_NTF || m.command == DPLL_CMD_PIN_DELETE_NTF;
-    if (m.notification && comes_or_goes) again_in(k, AGAIN_MS);
+    if (!m.notification || !comes_or_goes) return;
+    k->pins_changed = true;  // the kernel sends no message about the links that they are of
+    again_in(k, AGAIN_MS);
 }
 
 void messages_lost(void* arg) {
@@ -325,6 +329,13 @@ void work(dpll_kernel* k) {
 int again_due(thread* event) {
     auto* k = static_cast<dpll_kernel*>(event->arg);
     k->again_timer = nullptr;
+    const bool ask_links = std::exchange(k->pins_changed, false);
+    if (ask_links) k->sink.pins(k->sink.arg);
+    k->awaits_links = ask_links && !k->awaits_links;  // once: changes without end hold up nothing
+    if (k->awaits_links) {
+        again_in(k, AGAIN_MS);
+        return 0;
+    }
     k->read_wanted |= k->stale;
     k->steer_wanted = true;
     work(k);

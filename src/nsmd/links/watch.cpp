@@ -127,13 +127,18 @@ void end_dump(link_watch* w) {
     port_table_dump_end(w->table);
 }
 
-void messages_lost(link_watch* w) {
-    ++w->overruns;
-    log_suite(LOG_LEVEL_INFO, "messages about links were lost, asking for all of them");
+// Once more where a dump is under way, which may have passed what changed.
+void ask_for_all(link_watch* w) {
     if (w->dump == dump_state::idle)
         begin_dump(w);
     else
         w->dump_spoiled = true;
+}
+
+void messages_lost(link_watch* w) {
+    ++w->overruns;
+    log_suite(LOG_LEVEL_INFO, "messages about links were lost, asking for all of them");
+    ask_for_all(w);
 }
 
 void ask(link_watch* w, std::uint32_t kernel_ifindex) {
@@ -298,6 +303,10 @@ void link_watch_stop(link_watch* w) {
 
 void link_watch_prefer(link_watch* w, std::uint32_t ifindex) {
     w->preferred = ifindex;
+}
+
+void link_watch_refresh(link_watch* w) {
+    ask_for_all(w);
 }
 
 void link_watch_tend(link_watch* w) {

@@ -27,6 +27,9 @@ void link_watch_stop(link_watch* watch);  // null is ignored
 // The port whose loss must be known first, by esmcd's index: the clock's source. 0: none.
 void link_watch_prefer(link_watch* watch, std::uint32_t ifindex);
 
+// Asks for all links again: something about them changed that the kernel does not tell.
+void link_watch_refresh(link_watch* watch);
+
 // Once a second while nsmd serves, the first time when it begins to: from then on nothing waits for the
 // kernel, which may let a question wait for any driver.
 void link_watch_tend(link_watch* watch);
