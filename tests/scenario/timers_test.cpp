@@ -221,9 +221,9 @@ TEST_F(neighbours, are_known_as_long_as_what_they_said_counts) {
         EXPECT_EQ(end(), 0);
         EXPECT_EQ(shown(), "none") << &end - ends;
     }
-    hear_from(7, QL_DNU);  // what who follows this switch says
-    EXPECT_EQ(shown(), "02:00:00:00:00:07");
     EXPECT_EQ(said("neighbour of"), 0) << "it was the same all the time";
+    hear_from(8, QL_DNU);  // what who follows this switch says
+    EXPECT_EQ(shown(), "02:00:00:00:00:08");
 }
 
 TEST_F(neighbours, that_change_are_logged_but_not_for_ever_and_the_last_one_in_the_end) {
