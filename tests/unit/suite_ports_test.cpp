@@ -281,6 +281,16 @@ TEST_F(Kernel, ABurstIsTakenInItsOrder) {
 }
 
 // Sooner or later each frame has either been read or been counted.
+// The kernel knows the device a moment later than we were told of it.
+TEST_F(Kernel, AGroupThatCanNotBeJoinedIsJoinedLater) {
+    make_ports(1);
+    interface* late = if_add(ctx->ifm, "late", 2, IF_TYPE_SYNCE);
+    late->kernel_ifindex = 777;
+    bind_port(*late);
+    ASSERT_TRUE(run("ip link add late index 777 type veth peer name there"));
+    EXPECT_TRUE(run_loop(ctx, 20'000, [&] { return run("ip maddr show late | grep -q 01:80:c2:00:00:02"); }));
+}
+
 TEST_F(Kernel, CountsWhatTheReceiveBufferHadNoRoomFor) {
     make_ports(1);
     const std::uint64_t drops_before = slow_socket_stats().kernel_drops;

@@ -346,6 +346,19 @@ TEST_F(Terminal, IdleTerminalIsClosed) {
 const std::string SLOW_PASSWORD =
     "password encrypted $6$rounds=999999999$saltsaltsalt$" + std::string(86, 'x');
 
+// Somebody else's place that becomes free: tried again, and said once each way.
+TEST_F(Terminal, SocketThatIsTakenIsTriedAgain) {
+    local_terminal_stop(ctx->terminals);
+    unix_file theirs;
+    const int other = unix_listen(socket_path.c_str(), SOCK_STREAM, 0660, &theirs);
+    ASSERT_GE(other, 0);
+    EXPECT_EQ(local_terminal_start(ctx->terminals, socket_path.c_str()), -1);
+    pump([&] { return ctx->terminals->local_retry.delay_ms > 250; });
+    close(other);
+    EXPECT_TRUE(pump([&] { return ctx->terminals->local.ctx != nullptr; }));
+    EXPECT_EQ(logged().size(), 1u);
+}
+
 class Tcp : public Terminal {
   protected:
     void SetUp() override {
@@ -354,9 +367,10 @@ class Tcp : public Terminal {
         socklen_t size = sizeof address;
         ASSERT_EQ(::bind(probe, reinterpret_cast<sockaddr*>(&address), size), 0);
         ASSERT_EQ(getsockname(probe, reinterpret_cast<sockaddr*>(&address), &size), 0);
-        close(probe);
         ctx->terminals->vty_port = ntohs(address.sin_port);
         tcp_terminal_start(ctx->terminals);
+        close(probe);
+        ASSERT_TRUE(pump([&] { return !logged(LOG_LEVEL_INFO).empty(); })) << "the port is free again";
     }
     void set_password(const std::string& word) {
         Client c;

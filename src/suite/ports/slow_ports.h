@@ -14,6 +14,7 @@ struct slow_port {
     std::uint32_t ifindex;         // the daemon's
     std::uint32_t kernel_ifindex;  // 0: not known to the kernel, or taken over by another port
     std::uint32_t joined;          // kernel index on which the socket is a member of the group
+    bool deaf;                     // joining failed, and is tried again
     std::uint32_t joins;           // how often it was joined there; 0: not a member
     int own_fd;                    // sending socket of this port alone, -1 while it shares the common one
     std::uint8_t mac[6];

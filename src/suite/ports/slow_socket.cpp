@@ -14,9 +14,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "suite/log/log.h"
-#include "suite/loop/thread.h"
+#include "suite/loop/retry.h"
 #include "suite/ports/slow_state.h"
 
 namespace {
@@ -24,6 +25,7 @@ namespace {
 constexpr std::uint32_t DROPS_PERIOD_MS = 10'000;
 
 thread* drops_timer;
+retry join_retry;
 
 // Membership -------------------------------------------------------------------------------------------
 
@@ -42,6 +44,8 @@ void leave_group(slow_port* port) {
         if (slow.opened.kind == slow_kind::packet) (void)set_membership(PACKET_DROP_MEMBERSHIP, port->joined);
 }
 
+int join_again(thread* event);
+
 // Joined anew at every bind, without leaving first: a device that was away meanwhile has lost its membership,
 // and one that was not must not miss a frame.
 void join_group(slow_port* port) {
@@ -49,11 +53,26 @@ void join_group(slow_port* port) {
     if (set_membership(PACKET_ADD_MEMBERSHIP, port->kernel_ifindex)) {
         port->joined = port->kernel_ifindex;
         ++port->joins;
-    } else {
-        log_suite(LOG_LEVEL_WARNING,
-                  "slow-protocol socket: can't join the group on interface %u (kernel %u): %s", port->ifindex,
-                  port->kernel_ifindex, strerror(errno));
+        if (std::exchange(port->deaf, false))
+            log_suite(LOG_LEVEL_INFO, "slow-protocol socket: interface %u has joined the group now",
+                      port->ifindex);
+        return;
     }
+    if (!std::exchange(port->deaf, true))
+        log_suite(LOG_LEVEL_WARNING,
+                  "slow-protocol socket: can't join the group on interface %u (kernel %u): %s; trying again",
+                  port->ifindex, port->kernel_ifindex, strerror(errno));
+    if (slow.ctx && slow.ctx->master) retry_later(&join_retry, slow.ctx, join_again, nullptr);
+}
+
+int join_again(thread* event) {
+    retry_begin(&join_retry);
+    for (const interface* intf : if_list(event->ctx->ifm)) {
+        slow_port* port = slow_port_by_ifindex(intf->ifindex);
+        if (port && port->deaf) join_group(port);
+    }
+    if (!join_retry.event) retry_stop(&join_retry);
+    return 0;
 }
 
 // Kernel drops -----------------------------------------------------------------------------------------
@@ -107,6 +126,7 @@ void slow_socket_close(lib_globals* ctx, int fd) {
     collect_drops();
     if (ctx && ctx->master) {
         thread_cancel(drops_timer);
+        retry_stop(&join_retry);
         thread_forget_fd(ctx, fd);
     }
     drops_timer = nullptr;

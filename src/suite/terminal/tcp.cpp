@@ -40,6 +40,7 @@ constexpr std::uint32_t SAY_FIRST_S = 10, SAY_SLOWEST_S = 640;
 struct tcp_terminal {
     terminal_state* terminals;
     listener listeners[2];
+    retry again;           // for those that are not open
     std::uint32_t misses;  // wrong passwords since there was an hour without one
     nanoseconds last_miss;
     thread* answer_event;
@@ -248,6 +249,45 @@ void on_checked(lib_globals* ctx, void* owner, const char* hash) {
     session_settle(s);
 }
 
+constexpr int FAMILIES[2] = {AF_INET, AF_INET6};
+
+// Whether it is not worth another try.
+bool try_listener(tcp_terminal* tcp, std::size_t i) {
+    const std::uint16_t port = tcp->terminals->vty_port;
+    const char* address = i ? "::1" : "127.0.0.1";
+    int result = listen_at(FAMILIES[i], port);
+    if (result >= 0)
+        result = listener_start(&tcp->listeners[i], tcp->terminals->ctx, result, on_connection, tcp);
+    tcp->listeners[i].has_place = has_place;
+    const bool is_missing = FAMILIES[i] == AF_INET6 && result == -EAFNOSUPPORT;
+    const bool is_first = tcp->again.delay_ms == 0;
+    if (result == 0 && !is_first)
+        log_suite(LOG_LEVEL_INFO, "TCP terminal on %s port %u: open now", address, port);
+    if (result != 0 && is_first)
+        log_suite(is_missing ? LOG_LEVEL_INFO : LOG_LEVEL_ERROR, "TCP terminal on %s port %u: %s%s", address,
+                  port, std::strerror(-result), is_missing ? "" : "; trying again");
+    return result == 0 || is_missing;
+}
+
+int try_again(thread* event);
+
+void try_listeners(tcp_terminal* tcp) {
+    bool is_done = true;
+    for (std::size_t i = 0; i < 2; i++)
+        if (!tcp->listeners[i].ctx && !try_listener(tcp, i)) is_done = false;
+    if (is_done)
+        retry_stop(&tcp->again);
+    else
+        retry_later(&tcp->again, tcp->terminals->ctx, try_again, tcp);
+}
+
+int try_again(thread* event) {
+    auto* tcp = static_cast<tcp_terminal*>(event->arg);
+    retry_begin(&tcp->again);
+    try_listeners(tcp);
+    return 0;
+}
+
 }  // namespace
 
 void tcp_password_line(session* s, std::string_view line) {
@@ -266,23 +306,14 @@ void tcp_terminal_start(terminal_state* terminals) {
     }
     tcp->terminals = terminals;
     terminals->tcp = tcp;
-    constexpr int families[2] = {AF_INET, AF_INET6};
-    for (std::size_t i = 0; i < 2; i++) {
-        int result = listen_at(families[i], terminals->vty_port);
-        if (result >= 0)
-            result = listener_start(&tcp->listeners[i], terminals->ctx, result, on_connection, tcp);
-        tcp->listeners[i].has_place = has_place;
-        if (result == 0) continue;
-        int level = families[i] == AF_INET6 && result == -EAFNOSUPPORT ? LOG_LEVEL_INFO : LOG_LEVEL_ERROR;
-        log_suite(level, "TCP terminal on %s port %u: %s", i ? "::1" : "127.0.0.1", terminals->vty_port,
-                  std::strerror(-result));
-    }
+    try_listeners(tcp);
 }
 
 void tcp_terminal_stop(terminal_state* terminals) {
     tcp_terminal* tcp = terminals->tcp;
     if (!tcp) return;
     for (listener& l : tcp->listeners) listener_stop(&l);
+    retry_stop(&tcp->again);
     thread_cancel(tcp->answer_event);
     thread_cancel(tcp->say_event);
     memmgr_free(tcp, MTYPE_HOST);

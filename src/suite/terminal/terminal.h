@@ -7,6 +7,7 @@
 
 #include "suite/base/context.h"
 #include "suite/command/cli.h"
+#include "suite/loop/retry.h"
 #include "suite/process/listener.h"
 #include "suite/terminal/password.h"
 
@@ -24,6 +25,8 @@ struct terminal_state {
     session* sessions;
     std::size_t session_count;
     listener local;
+    const char* local_path;
+    retry local_retry;
     std::uint16_t vty_port;
     tcp_terminal* tcp;
 };
@@ -39,10 +42,10 @@ int terminals_install(cli_tree* tree);
 void terminals_write(cli* terminal);
 
 // The local socket: mode 0660, at most SESSION_MAX sessions. A socket file that no process answers at is
-// replaced; one of a daemon that runs is not. 0, or -1 (logged).
+// replaced; one of a daemon that runs is not. 0, or -1 (logged): it is tried again then. `path` outlives it.
 int local_terminal_start(terminal_state* terminals, const char* path);
 void local_terminal_stop(terminal_state* terminals);
 
-// The TCP terminal on terminals->vty_port of 127.0.0.1 and ::1. Failing is logged, and not fatal.
+// The TCP terminal on terminals->vty_port of 127.0.0.1 and ::1. What fails is logged and tried again.
 void tcp_terminal_start(terminal_state* terminals);
 void tcp_terminal_stop(terminal_state* terminals);
