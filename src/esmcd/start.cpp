@@ -27,6 +27,7 @@
 #include "suite/manager/client.h"
 #include "suite/manager/wire.h"
 #include "suite/ports/slow_socket.h"
+#include "suite/process/log_writer.h"
 #include "suite/process/pal.h"
 #include "suite/process/single.h"
 #include "suite/rights/user.h"
@@ -184,6 +185,7 @@ std::int32_t ssm_start(bool daemon_mode, const char* config_file, std::int32_t v
     ssm_socket_arm_read();
     if (!user) (void)bmcli_start(g_p_esmcd, progname);  // logged there
     pal_rights_drop();
+    log_writers_start(g_p_esmcd);
     return run_loop();
 }
 

@@ -174,6 +174,7 @@ class command_faults : public faults {
         session.out_val = &printed;
         session.privilege = PRIVILEGE_MAX;
         session.mode = EXEC_MODE;
+        session.line = this;  // a terminal
         for (const char* line : {"show running-config", "show clock synce", "show clock synce brief",
                                  "show clock synce p01", "show memory", "show running-config diff"})
             accepted += cli_run_line(g_p_esmcd->ctree, &session, line) == cli_result::ok;

@@ -140,7 +140,7 @@ def test_what_another_user_may_not_do_is_said_at_the_start(sw):
     sw.wait_shell()
     assert "Permission denied" in sw.cli("write", check=False).out
     sw.cli("configure terminal", "log file /var/log/esmcd.log", check=False)
-    assert "log file /var/log/esmcd.log can't be opened: Permission denied" in sw.esmcd.text()
+    sw.esmcd.wait_log("log file /var/log/esmcd.log can't be opened: Permission denied")
 
 
 @PROGRAMS

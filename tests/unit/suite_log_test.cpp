@@ -11,6 +11,7 @@
 
 #include "suite/log/place.h"
 #include "suite/log/sinks.h"
+#include "suite/process/log_writer.h"
 #include "unit/suite_support.h"
 
 namespace {
@@ -46,6 +47,19 @@ class Log : public Suite {
         const ssize_t n = read(fd, all.data(), most);
         all.resize(n < 0 ? 0 : static_cast<std::size_t>(n));
         return all;
+    }
+    // Lines are whole, in their order, and what is missing between them was counted.
+    void expect_said_or_counted(const std::string& all) const {
+        std::istringstream in(all);
+        std::size_t next = 0, lost = 0;
+        for (std::string line; std::getline(in, line);) {
+            if (std::sscanf(line.c_str(), "%*s warning %zu log lines dropped", &lost) == 1)
+                next += lost;
+            else
+                ASSERT_EQ(line, said.at(next++).second);
+        }
+        EXPECT_EQ(next, said.size());
+        EXPECT_EQ(all.back(), '\n');
     }
     int stderr_kept = dup(STDERR_FILENO);
 };
@@ -111,24 +125,6 @@ TEST_F(Log, RecentLinesAreTheLastOnesInOrder) {
     EXPECT_GT(octets, 65536u - 4096u);
 }
 
-TEST_F(Log, FileIsAppendedToAndTheFormerStaysWhenANewOneCannotBeOpened) {
-    const std::string path = folder + "/log", other = folder + "/new";
-    write_file(path, "before\n");
-    ASSERT_EQ(log_set_file(path.c_str()), nullptr);
-    log_suite(LOG_LEVEL_INFO, "one");
-    EXPECT_STREQ(log_set_file((folder + "/no/such/folder").c_str()), "No such file or directory");
-    memmgr_fail_at(1);
-    EXPECT_STREQ(log_set_file(other.c_str()), "Out of memory");
-    log_suite(LOG_LEVEL_INFO, "two");
-    EXPECT_EQ(read_file(path), "before\n" + line(0) + "\n" + line(1) + "\n");
-    ASSERT_EQ(log_set_file(other.c_str()), nullptr);
-    log_suite(LOG_LEVEL_INFO, "three");
-    EXPECT_EQ(log_set_file(nullptr), nullptr);
-    log_suite(LOG_LEVEL_INFO, "four");
-    EXPECT_EQ(read_file(other), line(2) + "\n");
-    EXPECT_EQ(permissions(other) & ~0640u, 0u);
-}
-
 // Who may use a terminal may not choose what root appends to: /etc/profile.d, a device, another's file.
 TEST_F(Log, FileLiesInItsFolderAndIsNothingButAFile) {
     namespace fs = std::filesystem;
@@ -155,13 +151,20 @@ TEST_F(Log, FileLiesInItsFolderAndIsNothingButAFile) {
                                       {in + "/fifo", "not a regular file"},
                                       {in + "/sub", "not a regular file"},
                                       {in + "/fifo/x", "Not a directory"}};
-    for (const auto& [path, why] : refused)
-        EXPECT_EQ(std::string(log_set_file(path.c_str()) ?: "opened"), why) << path;
-    EXPECT_EQ(log_set_file((in + "/sub/x").c_str()), nullptr);
+    const char* why = nullptr;
+    for (const auto& [path, reason] : refused) {
+        EXPECT_EQ(log_place_open(path.c_str(), &why), -1) << path;
+        EXPECT_EQ(why, reason) << path;
+    }
+    const int fd = log_place_open((in + "/sub/x").c_str(), &why);
+    EXPECT_GE(fd, 0);
+    close(fd);
+    EXPECT_EQ(permissions(in + "/sub/x") & ~0640u, 0u);
     // The folder's own path counts as well.
     const std::string linked = in + "/up";
     log_place_set_root(linked.c_str());
-    EXPECT_EQ(log_set_file((in + "/up/x").c_str()), link);
+    EXPECT_EQ(log_place_open((in + "/up/x").c_str(), &why), -1);
+    EXPECT_EQ(why, link);
     EXPECT_FALSE(fs::exists(folder + "/made") || fs::exists(folder + "/x"));
 }
 
@@ -193,16 +196,7 @@ TEST_F(Log, FullStandardErrorLosesWholeLinesAndSaysHowMany) {
         // The file is shared with other processes, for which it still blocks.
         EXPECT_EQ(fcntl(STDERR_FILENO, F_GETFL) & O_NONBLOCK, 0);
         close(far);
-        std::istringstream in(all);
-        std::size_t next = 0, lost = 0;
-        for (std::string line; std::getline(in, line);) {
-            if (std::sscanf(line.c_str(), "%*s warning %zu log lines dropped", &lost) == 1)
-                next += lost;
-            else
-                ASSERT_EQ(line, said.at(next++).second);
-        }
-        EXPECT_EQ(next, said.size());
-        EXPECT_EQ(all.back(), '\n');
+        expect_said_or_counted(all);
     }
 }
 
@@ -216,6 +210,95 @@ TEST_F(Log, StandardErrorIsFollowedWhenItIsRedirected) {
     close(STDERR_FILENO);  // gone altogether: counted, nothing else
     log_suite(LOG_LEVEL_INFO, "three");
     EXPECT_TRUE(log_backlog());
+}
+
+// Files are written by children. One that is stopped stands for a disk that does not answer.
+class Writer : public Log {
+  protected:
+    Writer() {
+        become_stderr(open("/dev/null", O_WRONLY | O_CLOEXEC));
+        log_use_sink(LOG_SINK_STDERR, false);
+        ctx = lib_create("esmcd");
+        EXPECT_EQ(lib_start(ctx), 0);
+        log_set_default_sinks(0);
+        ctx->master = thread_master_create();
+    }
+    ~Writer() override { lib_stop(ctx); }
+
+    // Why it could not be opened; empty when it was.
+    std::string open_log(const std::string& name) {
+        std::string why = "not asked";
+        const auto keep = [](lib_globals*, void* owner, const char* reason) {
+            *static_cast<std::string*>(owner) = reason ? reason : "";
+        };
+        const char* refused = log_writer_open(ctx, name.c_str(), keep, &why);
+        if (refused) return refused;
+        EXPECT_TRUE(run_loop(ctx, 5000, [&] { return why != "not asked"; }));
+        return why;
+    }
+    static pid_t newest_child() {
+        std::istringstream in(read_file("/proc/self/task/" + std::to_string(getpid()) + "/children"));
+        pid_t child = 0;
+        while (in >> child) {
+        }
+        return child;
+    }
+    static bool comes_to_hold(const std::string& file, const std::string& text) {
+        const nanoseconds end = monotonic_now() + 5 * NS_PER_S;
+        while (read_file(file).find(text) == std::string::npos && monotonic_now() < end) usleep(1000);
+        return read_file(file).find(text) != std::string::npos;
+    }
+    lib_globals* ctx;
+    const std::string path = folder + "/log";
+};
+
+TEST_F(Writer, FileIsAppendedToMovedAwayAndTheFormerStaysWhenANewOneCannotBeOpened) {
+    write_file(path, "before\n");
+    EXPECT_EQ(log_writer_open(ctx, path.c_str(), nullptr, nullptr), nullptr);
+    log_suite(LOG_LEVEL_INFO, "one");
+    EXPECT_EQ(read_file(path), "before\n") << "not with the rights of the start";
+    log_writers_start(ctx);
+    EXPECT_EQ(open_log(folder + "/none/x"), "No such file or directory");
+    EXPECT_EQ(open_log("/etc/x"), "a log file lies below /var/log");
+    log_suite(LOG_LEVEL_INFO, "two");
+    EXPECT_STREQ(log_get_settings().file, path.c_str());
+    ASSERT_TRUE(comes_to_hold(path, "two\n"));
+    rename(path.c_str(), (path + ".1").c_str());
+    EXPECT_EQ(open_log(path), "");
+    log_suite(LOG_LEVEL_INFO, "last");
+    log_writers_stop(ctx);
+    EXPECT_EQ(read_file(path + ".1"), "before\n" + line(0) + "\n" + line(1) + "\n" + line(2) + "\n");
+    EXPECT_EQ(read_file(path), line(3) + "\n") << "the end waits for what was said last";
+}
+
+TEST_F(Writer, DiskThatHangsLosesWholeLinesAndSaysHowMany) {
+    log_writers_start(ctx);
+    ASSERT_EQ(open_log(path), "");
+    const pid_t child = newest_child();
+    const std::uint64_t before = log_dropped_lines();
+    kill(child, SIGSTOP);
+    while (log_dropped_lines() < before + 10) log_suite(LOG_LEVEL_INFO, "%s", std::string(999, 'x').c_str());
+    EXPECT_LT(said.size(), 200u);
+    kill(child, SIGCONT);
+    const nanoseconds end = monotonic_now() + 5 * NS_PER_S;
+    for (; log_backlog() && monotonic_now() < end; usleep(1000)) log_retry();
+    log_suite(LOG_LEVEL_INFO, "end");
+    ASSERT_TRUE(comes_to_hold(path, " end\n"));
+    expect_said_or_counted(read_file(path));
+    kill(child, SIGSTOP);
+    const nanoseconds start = monotonic_now();
+    log_writers_stop(ctx);
+    EXPECT_LT(monotonic_now() - start, 3 * NS_PER_S) << "the end waits only so long";
+    kill(child, SIGKILL);
+}
+
+TEST_F(Writer, ChildThatIsGoneIsSaid) {
+    log_writers_start(ctx);
+    ASSERT_EQ(open_log(path), "");
+    kill(newest_child(), SIGKILL);
+    EXPECT_TRUE(run_loop(ctx, 5000, [&] { return log_get_settings().file == nullptr; }));
+    EXPECT_EQ(logged(LOG_LEVEL_WARNING), words{"the writer of log file " + path + " has ended"});
+    EXPECT_EQ(open_log(path), "");
 }
 
 int listen_at(const std::string& path) {

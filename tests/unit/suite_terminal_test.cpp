@@ -332,6 +332,40 @@ TEST_F(Terminal, LogLinesAtTheTerminal) {
     expect(&c, {{"show version\r", "version", "", "another"}});
 }
 
+// A child reads and saves; the session gets its answer as from any other command.
+TEST_F(Terminal, CommandsOnFilesAnswerWhenTheyAreDone) {
+    Client batch, gone;
+    std::string text = "hostname sw\n";
+    for (int i = 0; i < 100; i++) text += "! " + std::to_string(i) + "\n";
+    write_file(config, text);
+    open_batch(&batch);
+    for (const char* line : {"show startup-config | count", "configure terminal", "do sh sta | include ! 57",
+                             "hostname other", "do write", "do show running-config diff", "do show version"})
+        batch.put(request(line));
+    ASSERT_TRUE(pump([&] { return batch.answered(7); }));
+    EXPECT_EQ(batch.statuses, "0000000");
+    EXPECT_TRUE(batch.printed.starts_with("101\n! 57\nesmcd version")) << batch.printed;
+    EXPECT_EQ(read_file(config), "hostname other\n");
+    unlink(config.c_str());
+    batch.put(request("do show startup-config"));
+    ASSERT_TRUE(pump([&] { return batch.answered(8); }));
+    EXPECT_EQ(batch.statuses.back(), '1');
+    EXPECT_TRUE(batch.printed.ends_with("% No startup configuration\n")) << batch.printed;
+    open_batch(&gone);
+    gone.put(request("write"));
+    ASSERT_TRUE(pump([&] { return ctx->host->tasks != nullptr; }));
+    gone.drop();
+    EXPECT_TRUE(pump([&] { return ctx->host->tasks == nullptr; })) << "a save that was begun is finished";
+    EXPECT_EQ(read_file(config), "hostname other\n");
+}
+
+TEST_F(Terminal, FileIsShownInPages) {
+    Client c;
+    write_file(config, "hostname sw\n!a\n!b\n!c\n!d\n!e\n");
+    open(&c, "interactive 4 80 xterm\n");
+    expect(&c, {{"show startup-config\r", "--More--", "!b", "!c"}, {"q", "sw#", "", "!c"}});
+}
+
 TEST_F(Terminal, IdleTerminalIsClosed) {
     Client c, batch;
     ctx->terminals->exec_timeout_s = 1;

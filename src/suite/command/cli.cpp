@@ -198,6 +198,7 @@ cli_result run_parsed(cli_tree* tree, cli* terminal, const cli_parsed& parsed) {
     if (command->mode != INTERFACE_MODE && terminal->mode == INTERFACE_MODE && mode_before != INTERFACE_MODE)
         keep_name(terminal, arguments);
     memmgr_free(arguments.argv, MTYPE_CLI_SESSION);
+    if (result == CLI_DEFERRED) return cli_result::deferred;
     if (result != CLI_SUCCESS) return cli_result::failed;
     if (tree->after_run) tree->after_run(terminal, command);
     return cli_result::ok;
@@ -242,7 +243,10 @@ cli_result run_filtered(cli_tree* tree, cli* terminal, std::string_view line, st
     cli_result result = run_plain(tree, terminal, line);
     terminal->out_func = pipe.out;
     terminal->out_val = pipe.out_val;
-    cli_pipe_finish(&pipe);
+    if (result == cli_result::deferred)
+        text_free(&pipe.line);
+    else
+        cli_pipe_finish(&pipe);
     return result;
 }
 

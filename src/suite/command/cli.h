@@ -32,7 +32,8 @@ constexpr std::int32_t CLI_MODE_COUNT = 96;
 constexpr std::int32_t PRIVILEGE_NORMAL = 1, PRIVILEGE_MAX = 15;
 
 // A handler's result.
-constexpr int CLI_SUCCESS = 0, CLI_ERROR = 1;
+// Deferred: what the line prints, and whether it succeeded, its session is told later.
+constexpr int CLI_SUCCESS = 0, CLI_ERROR = 1, CLI_DEFERRED = 2;
 
 struct cli;
 struct cli_tree;
@@ -89,7 +90,7 @@ struct cli_help {
 };
 int cli_install_help(cli_tree* tree, const cli_help* texts, std::size_t count);
 
-enum class cli_result { ok, failed, unknown, ambiguous, incomplete, empty };
+enum class cli_result { ok, failed, unknown, ambiguous, incomplete, empty, deferred };
 
 // Parses and runs one line in terminal->mode, within terminal->privilege. Says "% Unknown command",
 // "% Ambiguous command" and "% Incomplete command" itself, each alone on a line.

@@ -15,7 +15,7 @@ int configure_terminal(cli* terminal, int, char**) {
 }
 
 int save(cli* terminal, int, char**) {
-    return host_save(host_of(terminal), terminal) ? CLI_SUCCESS : CLI_ERROR;
+    return host_save(host_of(terminal), terminal);
 }
 
 int no_interface(cli* terminal, int, char** argv) {

@@ -55,33 +55,25 @@ int sync_and_close(int fd, int result) {
     return result;
 }
 
-// What the new file has of the old one. Others never get to read it: it holds the password's hash.
-struct file_rights {
-    mode_t mode;
-    uid_t uid;
-    gid_t gid;
-};
-
-file_rights rights_of(const char* path) {
-    struct stat status {};
-    if (stat(path, &status) != 0) return {0640, geteuid(), getegid()};
-    return {status.st_mode & 0770, status.st_uid, status.st_gid};
-}
-
-// The mode in any case, group and owner as far as the daemon may give files away.
-int set_rights(int fd, const file_rights& rights) {
-    if (rights.gid != getegid()) (void)!fchown(fd, static_cast<uid_t>(-1), rights.gid);
-    if (fchmod(fd, rights.mode) != 0) return -errno;
-    if (rights.uid != geteuid()) (void)!fchown(fd, rights.uid, static_cast<gid_t>(-1));
+// What the new file has of the old one: the mode in any case, group and owner as far as the daemon may give
+// files away. Others never get to read it: it holds the password's hash.
+int take_rights(int fd, const char* former) {
+    struct stat old {
+    }, now{};
+    if (stat(former, &old) != 0) return fchmod(fd, 0640) == 0 ? 0 : -errno;
+    if (fstat(fd, &now) != 0) return -errno;
+    if (old.st_gid != now.st_gid) (void)!fchown(fd, static_cast<uid_t>(-1), old.st_gid);
+    if (fchmod(fd, old.st_mode & 0770) != 0) return -errno;
+    if (old.st_uid != now.st_uid) (void)!fchown(fd, old.st_uid, static_cast<gid_t>(-1));
     return 0;
 }
 
 // Writes a file that must not exist, with its content safe on the disk. 0 or a negative errno.
-int write_new_file(const char* path, const file_rights& rights, std::string_view text) {
+int write_new_file(const char* path, const char* former, std::string_view text) {
     const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) return -errno;
     int result = write_all(fd, text);
-    if (result == 0) result = set_rights(fd, rights);
+    if (result == 0) result = take_rights(fd, former);
     result = sync_and_close(fd, result);
     if (result != 0) (void)unlink(path);  // what is left of it is of no use; the error is reported
     return result;
@@ -99,7 +91,7 @@ int sync_directory(const char* path) {
 int replace_by_name(const file_names& names, std::string_view text) {
     // Left behind by a save that was cut off.
     if (unlink(names.spare) != 0 && errno != ENOENT) return -errno;
-    int result = write_new_file(names.spare, rights_of(names.target), text);
+    int result = write_new_file(names.spare, names.target, text);
     if (result != 0) return result;
     if (rename(names.spare, names.target) != 0) {
         result = -errno;
@@ -158,28 +150,25 @@ int finish_save(const file_names& names) {
 }
 
 // The old text is put back over what is half done. If even that fails, the spare stays for the next start.
-int fill_target_or_restore(const file_names& names, std::string_view text) {
+host_file_result fill_target_or_restore(const file_names& names, std::string_view text) {
     text_buffer old;
     int result = host_read_file(names.target, &old);
     const bool is_known = result == 0;
     if (is_known) result = fill_target(names, text);
     const bool is_mixed = is_known && result != 0 && fill_target(names, old.view()) != 0;
     text_free(&old);
-    if (is_mixed)
-        log_suite(LOG_LEVEL_ERROR, "%s is written in part; the next start takes the text from %s",
-                  names.target, names.spare);
-    else if (const int emptied = empty_spare(names); result == 0)
-        result = emptied;
-    return result;
+    if (is_mixed) return {result, true};
+    const int emptied = empty_spare(names);
+    return {result ? result : emptied, false};
 }
 
-int replace_in_place(const file_names& names, std::string_view text) {
+host_file_result replace_in_place(const file_names& names, std::string_view text) {
     int result = finish_save(names);
-    if (result < 0) return result;
+    if (result < 0) return {result, false};
     result = fill_spare(names, text);
     if (result != 0) {
         (void)empty_spare(names);  // gives the room back; it is not whole, so it need not succeed
-        return result;
+        return {result, false};
     }
     return fill_target_or_restore(names, text);
 }
@@ -190,16 +179,17 @@ bool may_write_in_place(const file_names& names) {
 
 }  // namespace
 
-int host_file_replace(const char* path, std::string_view text) {
+host_file_result host_file_replace(const char* path, std::string_view text) {
     file_names names;
     const int named = find_names(path, &names);
-    if (named != 0) return named;
+    if (named != 0) return {named, false};
     struct stat status {};
     // A device, /dev/null above all, must not become a file.
-    if (stat(names.target, &status) == 0 && !S_ISREG(status.st_mode)) return -ENOTSUP;
+    if (stat(names.target, &status) == 0 && !S_ISREG(status.st_mode)) return {-ENOTSUP, false};
     const int result = replace_by_name(names, text);
     const bool refused = result == -EACCES || result == -EPERM;
-    return refused && may_write_in_place(names) ? replace_in_place(names, text) : result;
+    if (refused && may_write_in_place(names)) return replace_in_place(names, text);
+    return {result, false};
 }
 
 int host_file_settle(const char* path) {

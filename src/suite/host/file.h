@@ -7,8 +7,13 @@
 
 struct rights_user;
 
-// 0 or a negative errno; then the file holds what it held, unless only the last sync failed.
-[[nodiscard]] int host_file_replace(const char* path, std::string_view text);
+// 0 or a negative errno; then the file holds what it held, unless only the last sync failed. `mixed`: it is
+// written in part, and the next start will take the text from the spare.
+struct host_file_result {
+    int error;
+    bool mixed;
+};
+[[nodiscard]] host_file_result host_file_replace(const char* path, std::string_view text);
 
 // Before the file is read: what a save that was cut off has left in the spare, if that is whole, is put in
 // place, with a line in the log. A negative errno when it can't be: the file must not be overwritten then.

@@ -80,6 +80,7 @@ void host_stop(lib_globals* ctx) {
     terminals_stop(ctx);
     host_state* host = ctx->host;
     if (!host) return;
+    host_tasks_stop(host);
     pending_free(host);
     memmgr_free(host->config_file, MTYPE_HOST);
     memmgr_free(host, MTYPE_HOST);

@@ -3,20 +3,40 @@
 
 #include "suite/host/state.h"
 #include "suite/log/log.h"
+#include "suite/log/place.h"
+#include "suite/process/log_writer.h"
+#include "suite/terminal/session.h"
 
 namespace {
 
-int log_file(cli* terminal, int, char** argv) {
-    const char* why = log_set_file(argv[0]);
-    if (!why) return CLI_SUCCESS;
-    terminal->out_func(terminal->out_val, "%% Can't open %s: %s\n", argv[0], why);
+// The writer logs itself what could not be opened.
+void on_opened(lib_globals*, void* owner, const char* why) {
+    text_buffer text;
+    auto* t = static_cast<host_task*>(owner);
+    if (why) (void)text_printf(&text, "%% %s: %s\n", host_task_what(t), why);  // it has been logged
+    (void)host_task_end(t, !why, text.view());                                 // nobody else is to be told
+    text_free(&text);
+}
+
+int refuse_file(cli* terminal, const char* path, const char* why) {
+    terminal->out_func(terminal->out_val, "%% Can't open %s: %s\n", path, why);
     // Read from the configuration file, the line's output goes nowhere.
-    log_suite(LOG_LEVEL_WARNING, "log file %s can't be opened: %s", argv[0], why);
+    log_suite(LOG_LEVEL_WARNING, "log file %s can't be opened: %s", path, why);
     return CLI_ERROR;
 }
 
+int log_file(cli* terminal, int, char** argv) {
+    host_task* t = nullptr;
+    const bool waits = session_running(terminal) && !log_place_refusal(argv[0]);
+    if (waits && !(t = host_task_create(terminal, "Can't open", argv[0]))) return CLI_ERROR;
+    const char* why = log_writer_open(terminal->zg, argv[0], t ? on_opened : nullptr, t);
+    if (!why) return t ? host_task_wait(t, terminal) : CLI_SUCCESS;
+    if (t) (void)host_task_end(t, false, {});
+    return refuse_file(terminal, argv[0], why);
+}
+
 int no_log_file(cli*, int, char**) {
-    (void)log_set_file(nullptr);  // closing can't fail
+    log_writer_close();
     return CLI_SUCCESS;
 }
 

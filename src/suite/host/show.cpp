@@ -12,6 +12,7 @@
 #include "suite/ports/interface.h"
 #include "suite/ports/slow_socket.h"
 #include "suite/terminal/password.h"
+#include "suite/terminal/session.h"
 
 namespace {
 
@@ -51,9 +52,14 @@ void print_lines(cli* terminal, const text_buffer& text, std::size_t mark) {
     }
 }
 
-int show_startup(cli* terminal, int, char**) {
+const char* config_path(const cli* terminal) {
     const char* path = terminal->zg->host->config_file;
-    if (!path) path = HOST_DEFAULT_CONFIG;
+    return path ? path : HOST_DEFAULT_CONFIG;
+}
+
+int show_startup(cli* terminal, int, char**) {
+    const char* path = config_path(terminal);
+    if (session_running(terminal)) return host_task_show(terminal, path);
     text_buffer text;
     int result = host_read_file(path, &text);
     if (result == 0)
@@ -67,9 +73,11 @@ int show_startup(cli* terminal, int, char**) {
 }
 
 int show_diff(cli* terminal, int, char**) {
+    const char* path = config_path(terminal);
+    if (session_running(terminal)) return host_task_show(terminal, path);
     host_state* host = terminal->zg->host;
     text_buffer before, now, out;
-    int result = host_read_file(host->config_file ? host->config_file : HOST_DEFAULT_CONFIG, &before);
+    int result = host_read_file(path, &before);
     bool good = result == 0 || result == -ENOENT;
     if (!good) terminal->out_func(terminal->out_val, "%% Can't read the file: %s\n", std::strerror(-result));
     if (good && !(host_running_text(host, &now) && host_diff(before.view(), now.view(), &out))) {
@@ -147,9 +155,14 @@ int show_memory(cli* terminal, int, char**) {
 }
 
 const cli_element show_commands[] = {
-    {"show running-config", show_running}, {"show startup-config", show_startup},
-    {"show version", show_version},        {"show interfaces", show_interfaces},
-    {"show events", show_events},          {"show running-config diff", show_diff},
+    {"show running-config", show_running},
+    {"show version", show_version},
+    {"show interfaces", show_interfaces},
+    {"show events", show_events},
+};
+const cli_element file_commands[] = {
+    {"show startup-config", show_startup},
+    {"show running-config diff", show_diff},
 };
 const cli_element show_memory_cmd = {"show memory", show_memory};
 
@@ -167,6 +180,8 @@ const cli_help help_texts[] = {
 int host_show_install(cli_tree* tree) {
     int result = 0;
     for (const cli_element& element : show_commands) result |= cli_install(tree, EXEC_MODE, &element);
+    for (const cli_element& element : file_commands)
+        result |= cli_install_gen(tree, EXEC_MODE, PRIVILEGE_NORMAL, CLI_FLAG_INTERACTIVE, &element);
     return result | cli_install_help(tree, help_texts, std::size(help_texts));
 }
 

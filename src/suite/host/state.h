@@ -10,6 +10,7 @@
 #include "suite/command/cli.h"
 #include "suite/command/tree.h"
 #include "suite/host/host.h"
+#include "suite/process/job.h"
 
 constexpr std::size_t HOST_PENDING_MAX = 4 * 1024 * 1024;  // octets of kept lines
 
@@ -32,6 +33,8 @@ struct pending_block {
     const char* name() const { return reinterpret_cast<const char*>(this + 1); }
 };
 
+struct host_task;
+
 struct host_state {
     lib_globals* ctx;
     char* config_file;
@@ -39,6 +42,7 @@ struct host_state {
     bool lossy;       // a line could not be kept for want of memory
     pending_block* pending;
     std::size_t pending_octets;
+    host_task* tasks;
 };
 
 inline host_state* host_of(const cli* terminal) {
@@ -63,10 +67,27 @@ void host_config_read(host_state* host);
 void host_log_refused(host_state* host, std::uint32_t number, std::string_view line);
 // The running configuration as text. False when memory is exhausted.
 [[nodiscard]] bool host_running_text(host_state* host, text_buffer* out);
-// Saves atomically; prints "% ..." and returns false when the file is as before.
-bool host_save(host_state* host, cli* terminal);
+// Saves atomically; prints "% ..." when the file is as before. A handler's result.
+int host_save(host_state* host, cli* terminal);
 // The file's content. 0, or a negative errno. -EFBIG above 64 MiB.
 int host_read_file(const char* path, text_buffer* out);
+
+// A command's work that waits for a disk, done by a child while the command's session is busy; only for
+// commands that session_running knows a session for. A session that waits too long is told "% VERB PATH: the
+// disk does not answer". Null when there are too many, which is said.
+host_task* host_task_create(cli* terminal, const char* verb, const char* path);
+// Starts the child; its `done` ends the task. The handler's result; when it can't be started that is said,
+// and the task is gone.
+int host_task_start(host_task* t, cli* terminal, const job_order& order, bool saves);
+// Just waits for host_task_end.
+int host_task_wait(host_task* t, cli* terminal);
+const char* host_task_what(const host_task* t);  // "VERB PATH"
+// The work is done. False when nobody was waiting any more.
+bool host_task_end(host_task* t, bool good, std::string_view output);
+bool host_task_saves(const host_state* host);  // a save has not come to its end
+// Runs the session's line in a child, whose handlers find no session that runs, and shows what it prints.
+int host_task_show(cli* terminal, const char* path);
+void host_tasks_stop(host_state* host);  // waits some seconds for a save
 
 // printf-like output into a text_buffer (out_val); what does not fit is remembered in `cut`.
 struct text_output {

@@ -41,6 +41,7 @@ struct {
 
 std::time_t stamped = -1;  // the second of the time that is kept formatted
 
+bool silent;
 bool formatting;  // a tap that logs in spite of its contract must not recurse
 
 void ring_copy_in(const void* from, std::size_t count) {
@@ -158,7 +159,7 @@ void log_suite(int level, const char* format, ...) {
 }
 
 bool log_wants(int level) {
-    if (level > settings.level || formatting) return false;
+    if (level > settings.level || formatting || silent) return false;
     return settings.sinks != 0 || tap_count != 0 || ring.data != nullptr;
 }
 
@@ -177,6 +178,10 @@ void log_close() {
     settings = {};
 }
 
+void log_silence() {
+    silent = true;
+}
+
 void log_use_sink(log_sink sink, bool on) {
     settings.sinks = on ? settings.sinks | sink : settings.sinks & ~static_cast<unsigned>(sink);
     if (sink == LOG_SINK_SYSLOG && !on) log_syslog_close();
@@ -188,10 +193,10 @@ void log_set_default_sinks(unsigned sinks) {
     if (!(sinks & LOG_SINK_STDERR)) log_stderr_close();
 }
 
-const char* log_set_file(const char* path) {
-    const char* why = log_file_open(path);
-    if (!why) log_use_sink(LOG_SINK_FILE, path != nullptr);
-    return why;
+bool log_use_file(int fd, const char* path) {
+    if (!log_file_use(fd, path)) return false;
+    log_use_sink(LOG_SINK_FILE, fd >= 0);
+    return true;
 }
 
 bool log_level_of(const char* word, int* level) {

@@ -20,13 +20,16 @@ bool log_wants(int level);  // cheap: for callers whose arguments cost something
 // Program name for syslog; the default sink is stderr, at level debug.
 void log_open(const char* progname);
 void log_close();
+// For a child, whose sinks are not its own: it logs nothing, and its settings stay to be looked at.
+void log_silence();
 void log_use_sink(log_sink sink, bool on);
 // What the program's mode implies (`log_sink` bits: stderr in the foreground, syslog in daemon mode): used
 // from now on, and not written as configuration.
 void log_set_default_sinks(unsigned sinks);
-// Opens (appends, mode 0640, below /var/log only) or, with null, closes the log file. Null, or why it can't
-// be opened: the former file stays.
-const char* log_set_file(const char* path);
+// Lines go to `fd` as well, which is taken over and does not block: the way to whoever writes the file `path`
+// (suite/process/log_writer.h). -1: no more. False when there is no memory for the name; all is as before
+// then.
+[[nodiscard]] bool log_use_file(int fd, const char* path);
 void log_set_level(int level);
 bool log_level_of(const char* word, int* level);  // "error", "warning", "info", "debug"
 const char* log_level_word(int level);

@@ -1,5 +1,5 @@
-// The sinks of the log. Owns the descriptors of the log file, of a private non-blocking opening of standard
-// error, and of the syslog socket.
+// The sinks of the log. Owns the descriptors of the way to the log file, of a private non-blocking opening of
+// standard error, and of the syslog socket.
 //
 // A stream sink that takes only part of a line keeps the rest and writes it before anything else, so that no
 // two halves are ever mixed; while a rest is held back, lines are dropped and counted. The count is said in a
@@ -25,7 +25,6 @@
 #include "suite/base/clock.h"
 #include "suite/base/memory.h"
 #include "suite/log/log.h"
-#include "suite/log/place.h"
 
 namespace {
 
@@ -223,28 +222,20 @@ void log_stderr_close() {
     close_error_sink();
 }
 
-const char* log_file_open(const char* path) {
-    if (path == nullptr) {
-        close_stream(&file_sink, true);
-        file_sink.dropped = 0;
-        memmgr_free(file_path, MTYPE_LOG);
-        file_path = nullptr;
-        return nullptr;
+bool log_file_use(int fd, const char* path) {
+    char* copy = nullptr;
+    if (fd >= 0) {
+        const std::size_t size = std::strlen(path) + 1;
+        copy = static_cast<char*>(memmgr_calloc(size, MTYPE_LOG));
+        if (copy == nullptr) return false;
+        std::memcpy(copy, path, size);
     }
-    const std::size_t size = std::strlen(path) + 1;
-    char* copy = static_cast<char*>(memmgr_calloc(size, MTYPE_LOG));
-    if (copy == nullptr) return "Out of memory";
-    const char* why = nullptr;
-    const int fd = log_place_open(path, &why);
-    if (fd < 0) {
-        memmgr_free(copy, MTYPE_LOG);
-        return why;
-    }
-    std::memcpy(copy, path, size);
-    log_file_open(nullptr);
+    close_stream(&file_sink, true);
+    file_sink.dropped = 0;
+    memmgr_free(file_path, MTYPE_LOG);
     file_path = copy;
     file_sink.fd = fd;
-    return nullptr;
+    return true;
 }
 
 const char* log_file_path() {
@@ -291,7 +282,7 @@ void log_sinks_retry() {
 void log_sinks_close() {
     close_error_sink();
     error_sink.dropped = 0;
-    log_file_open(nullptr);
+    (void)log_file_use(-1, nullptr);  // needs no memory
     log_syslog_close();
     syslog_sink.dropped = 0;
     syslog_sink.tried = 0;

@@ -14,8 +14,8 @@ void log_stderr_write(const char* line, std::size_t length);
 // Lets go of what was opened for it: a pipe that is held on to keeps its reader waiting for the end.
 void log_stderr_close();
 
-// Null, or why `path` can't be opened; the former file stays then. Null for the path closes.
-const char* log_file_open(const char* path);
+// See log_use_file.
+[[nodiscard]] bool log_file_use(int fd, const char* path);
 const char* log_file_path();  // null when closed
 void log_file_write(const char* line, std::size_t length);
 

@@ -21,6 +21,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "suite/base/clock.h"
 #include "suite/base/memory.h"
 #include "suite/base/text.h"
 #include "suite/loop/thread.h"
@@ -149,6 +150,8 @@ bool reaped(const job* j, int* status) {
 
 int try_reap(thread* event);
 
+void finish(job* j, int status);
+
 void reap(job* j) {
     int status = -1;
     if (!reaped(j, &status)) {
@@ -157,6 +160,10 @@ void reap(job* j) {
         if (j->event) return;
         (void)waitpid(j->child, &status, 0);  // no memory for a timer; it is at its end
     }
+    finish(j, status);
+}
+
+void finish(job* j, int status) {
     const job_done done = j->done;
     void* const owner = j->owner;
     lib_globals* const ctx = j->ctx;
@@ -181,17 +188,22 @@ void at_end(job* j) {
     reap(j);
 }
 
-int on_result(thread* event) {
-    auto* j = static_cast<job*>(event->arg);
-    j->event = nullptr;
+// False at the end of what the child writes.
+bool take_result(job* j) {
     char chunk[4096];
     const ssize_t count = read(j->fd, chunk, sizeof chunk);
-    const bool more = count > 0 || (count < 0 && (errno == EAGAIN || errno == EINTR));
     if (count > 0) {
         const auto length = static_cast<std::size_t>(count);
         j->failed = j->result.length + length > j->result_max || !text_append(&j->result, chunk, length);
         explicit_bzero(chunk, length);
     }
+    return count > 0 || (count < 0 && (errno == EAGAIN || errno == EINTR));
+}
+
+int on_result(thread* event) {
+    auto* j = static_cast<job*>(event->arg);
+    j->event = nullptr;
+    const bool more = take_result(j);
     if (more && !j->failed) j->event = thread_add_read(j->ctx, on_result, j, j->fd);
     if (j->event) return 0;
     j->failed = j->failed || more;  // too much, or no memory to go on
@@ -250,6 +262,25 @@ void job_cancel(job* j) {
     thread_cancel(j->event);
     j->event = nullptr;
     at_end(j);
+}
+
+bool job_wait(job* j, std::uint32_t limit_ms) {
+    const nanoseconds end = monotonic_now() + limit_ms * NS_PER_MS;
+    const timespec moment = {0, 1'000'000};
+    thread_cancel(j->event);
+    j->event = nullptr;
+    int status = -1;
+    while (monotonic_now() < end) {
+        pollfd pipe{j->fd, POLLIN, 0};
+        const bool ready = j->fd >= 0 && poll(&pipe, 1, 1) == 1;
+        if (ready && (!take_result(j) || j->failed)) close_pipe(j);
+        if (j->fd < 0 && reaped(j, &status)) {
+            finish(j, status);
+            return true;
+        }
+        if (j->fd < 0) nanosleep(&moment, nullptr);
+    }
+    return false;
 }
 
 void jobs_stop(lib_globals* ctx) {

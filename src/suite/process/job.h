@@ -41,6 +41,9 @@ struct job_order {
 long job_process(const job* j);  // the child's number, 0 for null
 // The owner goes, or wants the result no more: `done` is not called. Null is ignored.
 void job_cancel(job* j);
+// At the end, when the loop runs no more: lets the child come to its end by itself, for so long at most. True
+// when it did; `done` has been called then.
+bool job_wait(job* j, std::uint32_t limit_ms);
 // At the end of the library: cancels all. Gives killed children a moment to be reaped; what the system holds
 // longer than that is left to it.
 void jobs_stop(lib_globals* ctx);

@@ -133,18 +133,15 @@ constexpr rights_call CALLS[] = {
 #ifdef __NR_fchown32
     {ESMCD, __NR_fchown32},
 #endif
-    {ESMCD, __NR_geteuid},  // whether that is needed
-    {ESMCD, __NR_getegid},
-#ifdef __NR_geteuid32
-    {ESMCD, __NR_geteuid32},
-    {ESMCD, __NR_getegid32},
-#endif
-    {ESMCD, __NR_faccessat},                          // access(), host_file_check
-    {ESMCD, __NR_readlinkat},                         // realpath(), the file behind a link
-    {ESMCD, __NR_getcwd},                             // realpath()
-    {NSMD, __NR_pwrite64},                            // registers of the simulated clock
-    {BOTH, FCNTL, 1, WHOLE, F_GETFL},                 // fdopen(); standard error that is a file
-    {BOTH, FCNTL, 1, WHOLE, F_SETFL},                 // a pipe that does not wait
+    {ESMCD, __NR_faccessat},           // access(), host_file_check
+    {ESMCD, __NR_readlinkat},          // realpath(), the file behind a link
+    {ESMCD, __NR_getcwd},              // realpath()
+    {NSMD, __NR_pwrite64},             // registers of the simulated clock
+    {BOTH, FCNTL, 1, WHOLE, F_GETFL},  // fdopen(); standard error that is a file
+    {BOTH, FCNTL, 1, WHOLE, F_SETFL},  // a pipe that does not wait
+    {ESMCD, FCNTL, 1, WHOLE,
+     F_DUPFD_CLOEXEC},   // standard error, whose writer is suite/process/log_writer.cpp
+    {ESMCD, __NR_dup3},  // the same
     {BOTH, __NR_ioctl, 1, WHOLE, TERMINAL_SETTINGS},  // isatty() of a stream
 #ifdef __NR_open  // as other C libraries, and older ones, call what stands above
     {BOTH, __NR_open},
@@ -154,6 +151,7 @@ constexpr rights_call CALLS[] = {
     {BOTH, __NR_lstat},
     {ESMCD, __NR_access},
     {ESMCD, __NR_readlink},
+    {ESMCD, __NR_dup2},
 #endif
 #ifdef __NR_renameat
     {BOTH, __NR_renameat},

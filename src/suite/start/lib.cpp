@@ -14,6 +14,7 @@
 #include "suite/loop/thread.h"
 #include "suite/ports/interface.h"
 #include "suite/process/job.h"
+#include "suite/process/log_writer.h"
 
 namespace {
 
@@ -47,6 +48,7 @@ void lib_stop(lib_globals* ctx) {
     snmp_stop(ctx);
     if (ctx->ctree != nullptr) cli_tree_free(ctx->ctree);
     ctx->ctree = nullptr;
+    log_writers_stop(ctx);
     jobs_stop(ctx);
     thread_master_finish(ctx->master);
     ctx->master = nullptr;

@@ -25,7 +25,7 @@ void put_status(session* s, batch_status status) {
 }
 
 void run_request(session* s, std::string_view line) {
-    cli_result result = cli_run_line(s->ctx->ctree, &s->c, line);
+    cli_result result = session_run_line(s, line);
     if (!s->busy) session_batch_finish(s, result == cli_result::ok || result == cli_result::empty);
 }
 

@@ -36,6 +36,7 @@ int do_do(cli* terminal, int, char** argv) {
     terminal->mode = kept.mode;
     terminal->index = kept.index;
     std::snprintf(terminal->name, sizeof terminal->name, "%s", kept.name);
+    if (result == cli_result::deferred) return CLI_DEFERRED;
     return result == cli_result::ok || result == cli_result::empty ? CLI_SUCCESS : CLI_ERROR;
 }
 

@@ -94,7 +94,7 @@ void run_line(session* s) {
     if (!cli_visible_part(s->ctx->ctree, &s->c, line).secret) line_editor_remember(s->editor, line);
     std::size_t start = s->out.length;
     s->running = true;
-    (void)cli_run_line(s->ctx->ctree, &s->c, line);  // it has said itself what went wrong
+    (void)session_run_line(s, line);  // it has said itself what went wrong
     s->running = false;
     // What was sent meanwhile may have given its place back.
     if (!s->busy) show_output(s, std::min(start, s->out.length));
@@ -214,8 +214,8 @@ void interrupt_output(session* s) {
 
 }  // namespace
 
-void session_interactive_finish(session* s) {
-    start_line(s);
+void session_interactive_finish(session* s, std::size_t output_start) {
+    show_output(s, std::min(output_start, s->out.length));
 }
 
 std::size_t session_page_length(const session* s) {

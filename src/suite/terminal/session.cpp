@@ -363,6 +363,7 @@ void session_close(session* s) {
     }
     (void)session_monitor(s, false);  // taking a tap away can't fail
     password_cancel(s);
+    if (s->left) s->left(s);
     thread_cancel(s->read_event);
     thread_cancel(s->write_event);
     thread_cancel(s->timer);
@@ -440,12 +441,29 @@ void sessions_rearm(session* list) {
     }
 }
 
-void session_finish(session* s, bool good) {
+session* session_running(const cli* c) {
+    session* s = c->zg->terminals ? c->zg->terminals->sessions : nullptr;
+    while (s && (s != c->line || s->line.empty())) s = s->next;
+    return s;
+}
+
+cli_result session_run_line(session* s, std::string_view line) {
+    s->line = line;
+    s->line_mode = s->c.mode;
+    const cli_result result = cli_run_line(s->ctx->ctree, &s->c, line);
+    s->line = {};
+    return result;
+}
+
+void session_finish(session* s, bool good, std::string_view output) {
     s->busy = false;
+    s->left = nullptr;
+    const std::size_t start = s->out.length;
+    session_write(s, output);
     if (s->stage == session_stage::batch)
         session_batch_finish(s, good);
     else
-        session_interactive_finish(s);
+        session_interactive_finish(s, start);
     session_settle(s);
 }
 

@@ -46,6 +46,10 @@ struct session {
     bool monitor;  // log lines are shown (terminal monitor)
     bool running;  // a command is running: no prompt stands on the screen
     bool busy;     // a child process works for the session: nothing more is taken from the client
+    // Told when the session goes while it is busy; null: nobody is.
+    void (*left)(session* s);
+    std::string_view line;  // that is running, and the mode that it began in
+    std::int32_t line_mode;
     std::uint32_t monitor_lost;  // log lines that there was no room for
     text_buffer in;
     text_buffer out;
@@ -89,8 +93,12 @@ inline session* session_of(const cli* c) {
     return static_cast<session*>(c->line);
 }
 
-// A command left the session busy (see `busy`) and is at its end now. The session may be gone behind it.
-void session_finish(session* s, bool good);
+// The session whose line is running; null when it runs for none (a configuration file).
+session* session_running(const cli* c);
+
+// A command left the session busy (see `busy`) and is at its end now, with that output. The session may be
+// gone behind it.
+void session_finish(session* s, bool good, std::string_view output = {});
 
 // The idle limit is another one: from now on it holds for all sessions of the list.
 void sessions_rearm(session* list);

@@ -21,6 +21,9 @@ void session_pager_finish(session* s);              // lets all that is held bac
 // the third wrong one.
 void tcp_password_line(session* s, std::string_view line);
 
+// Runs one line as the session's own.
+cli_result session_run_line(session* s, std::string_view line);
+
 // A command that left its session busy has come to its end.
 void session_batch_finish(session* s, bool good);
-void session_interactive_finish(session* s);
+void session_interactive_finish(session* s, std::size_t output_start);
