@@ -21,6 +21,12 @@ extern const cli_element ssm_slave_only_role_cmd;
 extern const cli_element no_ssm_slave_only_role_cmd;
 extern const cli_element ssm_set_ssm_extend_cmd;
 extern const cli_element no_ssm_set_ssm_extend_cmd;
+extern const cli_element ssm_loop_guard_cmd;
+extern const cli_element no_ssm_loop_guard_cmd;
+extern const cli_element ssm_loop_guard_hold_cmd;
+extern const cli_element no_ssm_loop_guard_hold_cmd;
+extern const cli_element ssm_loop_guard_hops_cmd;
+extern const cli_element no_ssm_loop_guard_hops_cmd;
 
 // Configuration of one port.
 extern const cli_element interface_ssm_cmd;
@@ -59,6 +65,7 @@ extern const cli_element show_ssm_debugging_cmd;
 // Help texts for `?` and TAB, of the commands in the file of that name. An entry holds for its token wherever
 // it follows the words before it; the entry with the most words counts.
 extern const std::span<const cli_help> ssm_global_help;
+extern const std::span<const cli_help> ssm_guard_help;
 extern const std::span<const cli_help> ssm_interface_help;
 extern const std::span<const cli_help> ssm_restore_help;
 extern const std::span<const cli_help> ssm_show_help;
@@ -69,6 +76,7 @@ extern const std::span<const cli_help> ssm_debug_help;
 // Configuration writers.
 int ssm_config_write(cli* terminal);
 int ssm_interface_config_write(cli* terminal);
+void ssm_guard_config_write(cli* terminal);
 
 // Installation of what goes beyond the switch's own set of commands (esmcd/install.h puts both together): 0,
 // or negative when something could not be installed.

@@ -76,9 +76,8 @@ void show_candidates(cli* terminal, std::span<const ssm_port* const> candidates)
 void show_refused(cli* terminal) {
     terminal->out_func(terminal->out_val, "\n%-16s %s\n", "Port", "Why it is no candidate");
     ssm_port_walk([terminal](const ssm_port* port) {
-        const ssm_refusal refusal = ssm_candidate_check(port);
-        if (refusal == ssm_refusal::none) return;
-        terminal->out_func(terminal->out_val, "%-16s %s\n", ssm_port_name(port), ssm_refusal_text(refusal));
+        const ssm_reason why = ssm_reason_no_candidate(port);
+        if (why.text[0]) terminal->out_func(terminal->out_val, "%-16s %s\n", ssm_port_name(port), why.text);
     });
 }
 

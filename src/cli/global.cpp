@@ -153,6 +153,4 @@ const cli_element no_ssm_slave_only_role_cmd = {
 
 const cli_element ssm_set_ssm_extend_cmd = {
     "clock synce ssm extend", ssm_cli_global<"%s%sclock synce ssm extend", ssm_opts_set_ssm_extend, 1>};
-const cli_element no_ssm_set_ssm_extend_cmd = {
-    "no clock synce ssm extend", ssm_cli_global<"%s%sno clock synce ssm extend", ssm_opts_set_ssm_extend, 0>};
 const std::span<const cli_help> ssm_global_help = help_texts;

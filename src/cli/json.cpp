@@ -1,11 +1,14 @@
 // "show clock synce json": the clock and its ports as one JSON object (RFC 8259) on one line, for scripts.
 // The field names are a promise: fields may be added, none changes its name or meaning. Qualities are command
 // tokens, "none" where there is none; what there is not is null.
+#include <cinttypes>
+
 #include "cli/commands.h"
 #include "cli/reason.h"
 #include "core/neighbour.h"
 #include "core/ports.h"
 #include "core/ql.h"
+#include "suite/ports/slow_socket.h"
 
 namespace {
 
@@ -37,6 +40,10 @@ void field(cli* terminal, const char* name, std::uint32_t value) {
 
 void address_field(cli* terminal, const char* name, const std::uint8_t* address) {
     field(terminal, name, address ? ssm_address_str(address).text : nullptr);
+}
+
+void count(cli* terminal, const char* name, std::uint64_t value) {
+    terminal->out_func(terminal->out_val, ",\"%s\":%" PRIu64, name, value);
 }
 
 void flag(cli* terminal, const char* name, bool value) {
@@ -92,6 +99,28 @@ const char* esmc_mode(const ssm_port* port) {
     }
 }
 
+// Fields of the loop guard are there while it is on.
+void write_guard(cli* terminal) {
+    const ssm_guard& guard = g_s_master->guard;
+    if (!guard.enable) return;
+    flag(terminal, "loop_guard_in_force", ssm_guard_in_force());
+    field(terminal, "loop_guard_hold_ms", guard.hold_ms);
+    field(terminal, "loop_guard_hops", guard.hops);
+    count(terminal, "loop_guard_refused", guard.refused);
+    count(terminal, "loop_guard_holds", guard.holds);
+    count(terminal, "loop_guard_longest_hold_ms", guard.longest_hold / NS_PER_MS);
+    flag(terminal, "loop_guard_holding", guard.holding_since != 0);
+    field(terminal, "loop_guard_hold_left_ms", ssm_guard_hold_left_ms());
+}
+
+void write_port_guard(cli* terminal, const ssm_port* port) {
+    if (!g_s_master->guard.enable) return;
+    slow_port_stats stats = {};
+    (void)slow_socket_port_stats(port->ifindex, &stats);  // none yet: 0
+    field(terminal, "loop_guard_refused_ms", ssm_guard_refused_ms(port));
+    count(terminal, "held_back", stats.held_back);
+}
+
 void write_clock(cli* terminal, const ssm_port* best) {
     const ssm_master* clock = g_s_master;
     terminal->out_func(terminal->out_val, "\"clock_id\":");
@@ -110,6 +139,7 @@ void write_clock(cli* terminal, const ssm_port* best) {
     field(terminal, "source", ssm_port_name(clock->selected_port));
     field(terminal, "no_source_reason", clock->selected_port ? nullptr : or_null(ssm_reason_no_source(best)));
     field(terminal, "forced_port", ssm_port_name(clock->force_port));
+    write_guard(terminal);
 }
 
 void write_port(cli* terminal, const ssm_port* port, const ssm_port* best) {
@@ -134,6 +164,7 @@ void write_port(cli* terminal, const ssm_port* port, const ssm_port* best) {
     flag(terminal, "receiving", port->timeout_timer != nullptr);
     address_field(terminal, "address", ssm_address_named(port->intf->mac) ? port->intf->mac : nullptr);
     address_field(terminal, "neighbour", ssm_neighbour(port));
+    write_port_guard(terminal, port);
     terminal->out_func(terminal->out_val, "}");
 }
 

@@ -21,6 +21,13 @@ ssm_reason say(const char* text, const char* subject) {
     return said;
 }
 
+ssm_reason holding() {
+    ssm_reason said;
+    std::snprintf(said.text, sizeof said.text, "holding for %u ms",
+                  static_cast<unsigned>(ssm_guard_hold_left_ms()));
+    return said;
+}
+
 // What keeps the switch from looking at its ports at all; empty when nothing does.
 ssm_reason no_selection() {
     if (!g_s_master->global_enable) return say("SyncE is off");
@@ -49,6 +56,17 @@ ssm_reason own_clock(const ssm_port* best) {
     return next_source();
 }
 
+// For as long as nothing is proved the guard holds over, and the port has only to wait.
+ssm_reason refused(const ssm_port* port, ssm_refusal refusal) {
+    if (!ssm_refusal_by_guard(refusal)) return say(ssm_refusal_text(refusal));
+    if (refusal != ssm_refusal::may_lead_back || !g_s_master->guard.holding_since)
+        return say(ssm_guard_objection(port).text);
+    ssm_reason said;
+    std::snprintf(said.text, sizeof said.text, "%s, holding for %u ms", ssm_guard_objection(port).text,
+                  static_cast<unsigned>(ssm_guard_hold_left_ms()));
+    return said;
+}
+
 ssm_reason better_than(const ssm_port* best, const ssm_port* port) {
     ssm_reason said;
     std::snprintf(said.text, sizeof said.text, "%s has the better %s", ssm_port_name(best),
@@ -63,7 +81,13 @@ ssm_reason ssm_reason_no_source(const ssm_port* best) {
     if (stopped.text[0]) return stopped;
     if (ssm_force_port_in_effect())
         return say("DNU on the forced port", ssm_port_name(g_s_master->force_port));
-    return best ? own_clock(best) : say("no candidate");
+    if (best) return own_clock(best);
+    return ssm_guard_in_force() && g_s_master->guard.holding_since ? holding() : say("no candidate");
+}
+
+ssm_reason ssm_reason_no_candidate(const ssm_port* port) {
+    const ssm_refusal refusal = ssm_candidate_check(port);
+    return refusal == ssm_refusal::none ? ssm_reason{} : refused(port, refusal);
 }
 
 ssm_reason ssm_reason_not_source(const ssm_port* port, const ssm_port* best) {
@@ -74,8 +98,8 @@ ssm_reason ssm_reason_not_source(const ssm_port* port, const ssm_port* best) {
     if (ssm_force_port_in_effect())
         return port == forced ? say("forced, but carries DNU")
                               : say("switched by force to", ssm_port_name(forced));
-    const ssm_refusal refusal = ssm_candidate_check(port);
-    if (refusal != ssm_refusal::none) return say(ssm_refusal_text(refusal));
+    const ssm_reason why = ssm_reason_no_candidate(port);
+    if (why.text[0]) return why;
     if (!best) return {};
     return port == best ? own_clock(best) : better_than(best, port);
 }

@@ -1,6 +1,7 @@
 // The show blocks of the clock, of one port and of the recovered clock. Each is composed whole and written
 // with one call, never as a format itself. They change nothing and always succeed.
 #include <algorithm>
+#include <cinttypes>
 #include <cstdarg>
 
 #include "cli/commands.h"
@@ -52,6 +53,25 @@ void add_dpll(show_block* block) {
     add_global(block, "DPLL running state", ssm_dpll_state_str(g_s_master->dpll_state));
 }
 
+void add_ms(show_block* block, const char* label, unsigned ms) {
+    add(block, "%-35s: %u ms\n", label, ms);
+}
+
+// Nothing of it where it is off.
+void add_guard(show_block* block) {
+    const ssm_guard& guard = g_s_master->guard;
+    if (!guard.enable) return;
+    add(block, "--------------  Loop guard  --------------\n");
+    add_global(block, "Loop guard in force",
+               ssm_guard_in_force() ? "yes" : "no, it needs \"clock synce ssm extend\"");
+    add_ms(block, "Hold time", guard.hold_ms);
+    add_global(block, "Most hops", guard.hops);
+    add(block, "%-35s: %" PRIu64 "\n", "Offers refused", guard.refused);
+    add(block, "%-35s: %" PRIu64 "\n", "Holds", guard.holds);
+    add_ms(block, "Longest hold", static_cast<unsigned>(guard.longest_hold / NS_PER_MS));
+    if (guard.holding_since) add_ms(block, "Holding for", ssm_guard_hold_left_ms());
+}
+
 void show_clock(cli* terminal) {
     const ssm_master* clock = g_s_master;
     show_block block = {};
@@ -70,6 +90,7 @@ void show_clock(cli* terminal) {
     add_global(&block, "Device type", ssm_device_type_str(clock->device_type));
     add(&block, "--------------  DPLL status  -------------\n");
     add_dpll(&block);
+    add_guard(&block);
     write_block(terminal, &block);
 }
 

@@ -80,6 +80,7 @@ int ssm_config_write(cli* terminal) {
         terminal->out_func(terminal->out_val, "clock synce local-priority %d\n", clock->local_priority);
     write_device_type(terminal);
     if (clock->ssm_extend) terminal->out_func(terminal->out_val, "clock synce ssm extend\n");
+    ssm_guard_config_write(terminal);
     if (const char* forced = ssm_port_name(clock->force_port))
         terminal->out_func(terminal->out_val, "clock synce switch-force %s\n", forced);
     terminal->out_func(terminal->out_val, "!\n");

@@ -4,10 +4,13 @@
 #include "core/guard.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <iterator>
+#include <utility>
 
 #include "core/debug.h"
+#include "core/opts.h"
 #include "core/pdu.h"
 #include "core/ports.h"
 #include "core/ql.h"
@@ -100,6 +103,11 @@ bool selects() {
     return g_s_master->global_enable && g_s_master->ssm_enable && g_s_master->device_type != SSM_MASTER_ONLY;
 }
 
+// No force switch does it in the guard's place either.
+bool chooses() {
+    return selects() && !g_s_master->force_e1 && !ssm_force_port_in_effect();
+}
+
 nanoseconds hold() {
     return g_s_master->guard.hold_ms * NS_PER_MS;
 }
@@ -132,39 +140,81 @@ void watch_distances() {
     guard.timer = thread_add_timer_msec(g_p_esmcd, distances_ended, nullptr, static_cast<std::uint32_t>(ms));
 }
 
-void log_refusal(const ssm_port* port, ssm_guard_verdict verdict) {
-    if (verdict == ssm_guard_verdict::may_lead_back)
-        SSM_LOG(LOG_LEVEL_INFO, "%s%sloop guard: %s may lead back here: %s, %d hops, ours %d",
-                port->intf->name, ssm_clock_id_str(port->recv_clockid), port->recv_hop_count,
-                static_cast<int>(ssm_guard_limit(port)));
-    else
-        SSM_LOG(LOG_LEVEL_INFO, "%s%sloop guard: %s is refused: %s", port->intf->name,
-                ssm_refusal_text(ssm_candidate_check(port)));
+bool may_say(nanoseconds* said_at) {
+    const nanoseconds now = thread_now(g_p_esmcd);
+    if (*said_at && now - *said_at < SSM_GUARD_QUIET) return false;
+    *said_at = now;
+    return true;
 }
 
-bool guard_refuses(ssm_refusal refusal) {
-    return refusal == ssm_refusal::too_many_hops || refusal == ssm_refusal::own_holdover_as_good ||
-           refusal == ssm_refusal::may_lead_back;
+void log_refusal(ssm_port* port) {
+    if (may_say(&port->guard_said_at))
+        SSM_LOG(LOG_LEVEL_INFO, "%s%sloop guard: %s is not followed: %s (clock %s)", port->intf->name,
+                ssm_guard_objection(port).text, ssm_clock_id_str(port->recv_clockid));
+}
+
+bool due_for_alarm(const ssm_port* port) {
+    return port->guard_refused_at && thread_now(g_p_esmcd) - port->guard_refused_at >= SSM_GUARD_ALARM_AFTER;
+}
+
+void watch_refused();
+
+int alarm_due(thread*) {
+    g_s_master->guard.alarm = nullptr;
+    ssm_port_walk([](ssm_port* port) {
+        if (port->guard_alarmed || !due_for_alarm(port) || !ssm_guard_refused_ms(port)) return;
+        port->guard_alarmed = true;
+        SSM_LOG(LOG_LEVEL_WARNING, "%s%sloop guard: %s has not been followed for %d s: %s (clock %s)",
+                port->intf->name, static_cast<int>(SSM_GUARD_ALARM_AFTER / NS_PER_S),
+                ssm_guard_objection(port).text, ssm_clock_id_str(port->recv_clockid));
+    });
+    watch_refused();
+    return 0;
+}
+
+// Without memory for the timer the next offer that is refused starts it.
+void watch_refused() {
+    ssm_guard& guard = g_s_master->guard;
+    if (guard.alarm) return;
+    nanoseconds first = 0;
+    ssm_port_walk([&first](const ssm_port* port) {
+        const nanoseconds since = port->guard_refused_at;
+        if (since && !port->guard_alarmed && !due_for_alarm(port) && (!first || since < first)) first = since;
+    });
+    if (!first) return;
+    const nanoseconds left = first + SSM_GUARD_ALARM_AFTER - thread_now(g_p_esmcd);
+    guard.alarm = thread_add_timer_msec(g_p_esmcd, alarm_due, nullptr,
+                                        static_cast<std::uint32_t>((left + NS_PER_MS - 1) / NS_PER_MS));
+}
+
+// What would be preferred to the choice, and is refused.
+bool stands_back(const ssm_port* port, const ssm_port* chosen) {
+    return !chosen || ssm_candidate_compare(port, chosen).winner < 0;
+}
+
+void forget_refused(ssm_port* port) {
+    port->guard_refused_at = 0;
+    port->guard_alarmed = false;
 }
 
 // Brings what the records say about refused offers up to date. Whether one of them may lead back here.
-bool note_refused_offers() {
+bool note_refused_offers(const ssm_port* chosen) {
     ssm_guard& guard = g_s_master->guard;
     bool lead_back = false;
     guard.refusing = false;
     ssm_port_walk([&](ssm_port* port) {
-        const ssm_refusal refusal = ssm_candidate_check(port);
-        if (!guard_refuses(refusal)) {
-            port->guard_refused_at = 0;
-            return;
-        }
+        const ssm_guard_verdict verdict = ssm_guard_judge(port);  // the cheapest question first
+        if (verdict == ssm_guard_verdict::follow || !stands_back(port, chosen) ||
+            !ssm_refusal_by_guard(ssm_candidate_check(port)))
+            return forget_refused(port);
         guard.refusing = true;
-        lead_back |= refusal == ssm_refusal::may_lead_back;
+        lead_back |= verdict == ssm_guard_verdict::may_lead_back;
         if (port->guard_refused_at) return;
         port->guard_refused_at = thread_now(g_p_esmcd);
         ++guard.refused;
-        log_refusal(port, ssm_guard_judge(port));
+        log_refusal(port);
     });
+    if (guard.refusing) watch_refused();
     return lead_back;
 }
 
@@ -173,17 +223,27 @@ void begin_hold() {
     if (guard.holding_since) return;
     guard.holding_since = thread_now(g_p_esmcd);
     ++guard.holds;
-    SSM_LOG(LOG_LEVEL_INFO, "%s%sloop guard: nothing that is proved is left, holding for %d ms",
-            static_cast<int>(guard.hold_ms));
+    if (may_say(&guard.hold_said_at))
+        SSM_LOG(LOG_LEVEL_INFO, "%s%sloop guard: no offer is proved, holding over for at most %d ms",
+                static_cast<int>(guard.hold_ms));
 }
 
-void end_hold() {
+void end_hold(const ssm_port* chosen) {
     ssm_guard& guard = g_s_master->guard;
     if (!guard.holding_since) return;
     const nanoseconds lasted = thread_now(g_p_esmcd) - guard.holding_since;
     guard.longest_hold = std::max(guard.longest_hold, lasted);
+    if (guard.hold_said_at == guard.holding_since)
+        SSM_LOG(LOG_LEVEL_INFO, "%s%sloop guard: held over for %d ms, now %s%s",
+                static_cast<int>(lasted / NS_PER_MS), chosen ? "from " : "without a source",
+                chosen ? chosen->intf->name : "");
     guard.holding_since = 0;
-    SSM_LOG(LOG_LEVEL_INFO, "%s%sloop guard: held for %d ms", static_cast<int>(lasted / NS_PER_MS));
+}
+
+// Somebody else chooses: what the guard last saw is of the past.
+void stand_down() {
+    end_hold(nullptr);
+    if (std::exchange(g_s_master->guard.refusing, false)) ssm_port_walk(forget_refused);
 }
 
 // In holdover a switch is as good a clock as one that tells its holdover quality. A source that it follows
@@ -205,12 +265,14 @@ void ssm_guard_restart() {
     ssm_guard& guard = g_s_master->guard;
     thread_cancel(guard.timer);
     guard.timer = nullptr;
+    thread_cancel(guard.alarm);
+    guard.alarm = nullptr;
     guard.distances = {};
     guard.told = {};
     guard.tell = true;
     guard.refusing = false;
     guard.holding_since = 0;
-    ssm_port_walk([](ssm_port* port) { port->guard_refused_at = 0; });
+    ssm_port_walk(forget_refused);
 }
 
 bool ssm_guard_in_force() {
@@ -236,17 +298,40 @@ std::uint32_t ssm_guard_hold_left_ms() {
 }
 
 std::uint32_t ssm_guard_refused_ms(const ssm_port* port) {
-    if (!ssm_guard_in_force() || !port->guard_refused_at || !guard_refuses(ssm_candidate_check(port)))
+    if (!ssm_guard_in_force() || !port->guard_refused_at || !ssm_refusal_by_guard(ssm_candidate_check(port)))
         return 0;
     return static_cast<std::uint32_t>((thread_now(g_p_esmcd) - port->guard_refused_at) / NS_PER_MS);
 }
 
-void ssm_guard_selected(bool chosen, bool refused_some) {
-    const bool lead_back = (refused_some || g_s_master->guard.refusing) && note_refused_offers();
+ssm_guard_words ssm_guard_objection(const ssm_port* port) {
+    ssm_guard_words said = {};
+    switch (ssm_guard_judge(port)) {
+        case ssm_guard_verdict::follow:
+            break;
+        case ssm_guard_verdict::too_many_hops:
+            std::snprintf(said.text, sizeof said.text, "%s: %d, limit %u",
+                          ssm_refusal_text(ssm_refusal::too_many_hops), port->recv_hop_count,
+                          static_cast<unsigned>(g_s_master->guard.hops));
+            break;
+        case ssm_guard_verdict::own_holdover_as_good:
+            std::snprintf(said.text, sizeof said.text, "%s",
+                          ssm_refusal_text(ssm_refusal::own_holdover_as_good));
+            break;
+        case ssm_guard_verdict::may_lead_back:
+            std::snprintf(said.text, sizeof said.text, "%s: %d hops, ours %u",
+                          ssm_refusal_text(ssm_refusal::may_lead_back), port->recv_hop_count,
+                          static_cast<unsigned>(ssm_guard_limit(port)));
+            break;
+    }
+    return said;
+}
+
+void ssm_guard_selected(const ssm_port* chosen, bool refused_some) {
+    const bool lead_back = (refused_some || g_s_master->guard.refusing) && note_refused_offers(chosen);
     if (!chosen && lead_back)
         begin_hold();
     else
-        end_hold();
+        end_hold(chosen);
 }
 
 void ssm_guard_sending(const std::uint8_t* clock_id, std::uint8_t hops, std::uint8_t quality) {
@@ -260,6 +345,7 @@ void ssm_guard_sent_late() {
 
 void ssm_guard_after_event() {
     ssm_guard& guard = g_s_master->guard;
+    if (!chooses()) stand_down();
     if (!g_s_master->global_enable || !g_s_master->ssm_enable) return;
     const ssm_told now = told_now();
     if (!guard.tell && now == guard.told) return;

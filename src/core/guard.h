@@ -26,6 +26,8 @@ constexpr std::uint32_t SSM_GUARD_HOLD_MS = 500, SSM_GUARD_HOLD_MIN = 100, SSM_G
 constexpr std::uint32_t SSM_GUARD_HOPS = 60, SSM_GUARD_HOPS_MIN = 1, SSM_GUARD_HOPS_MAX = 254;
 constexpr std::uint8_t SSM_HOPS_MAX = 255;
 constexpr nanoseconds SSM_GUARD_ALARM_AFTER = 60 * NS_PER_S;
+// The log says the refusal of one port, and a hold, at most so often: a neighbour can bring them about.
+constexpr nanoseconds SSM_GUARD_QUIET = 10 * NS_PER_S;
 
 // ---- Distances that neighbours were told ----------------------------------------------------------------
 
@@ -72,8 +74,10 @@ struct ssm_guard {
     bool tell;                  // event PDUs leave at the end of this event
     bool refusing;              // some port's guard_refused_at is set
     thread* timer;              // to the end of the next distance, or null
+    thread* alarm;              // to the next offer that has been refused for too long, or null
     nanoseconds holding_since;  // 0: it is not holding
     nanoseconds longest_hold;
+    nanoseconds hold_said_at;      // in the log; 0: never
     std::uint64_t refused, holds;  // offers and times
 };
 
@@ -92,14 +96,20 @@ void ssm_guard_restart();
 bool ssm_guard_in_force();
 ssm_guard_verdict ssm_guard_judge(const ssm_port* port);
 // For the shows: the distance that the port's offer would have to be below (256: any), how long the switch
-// will hold on for if nothing proved comes (0: it does not hold), and how long the port's offer has been
-// refused (0: it is not).
+// will hold on for if nothing proved comes (0: it does not hold), and how long the port's offer, which would
+// be preferred to what was chosen, has been refused (0: it is not).
 std::uint32_t ssm_guard_limit(const ssm_port* port);
 std::uint32_t ssm_guard_hold_left_ms();
 std::uint32_t ssm_guard_refused_ms(const ssm_port* port);
+// What it has against the port's offer, for people: "may lead back here: 8 hops, ours 3". Empty: nothing.
+struct ssm_guard_words {
+    char text[48];
+};
+ssm_guard_words ssm_guard_objection(const ssm_port* port);
 
-// What selection and transmission tell the guard.
-void ssm_guard_selected(bool chosen, bool refused_some);
+// What selection and transmission tell the guard: the candidate that was chosen (null: none), and whether an
+// offer was refused that would have been preferred to it.
+void ssm_guard_selected(const ssm_port* chosen, bool refused_some);
 void ssm_guard_sending(const std::uint8_t* clock_id, std::uint8_t hops, std::uint8_t quality);
 void ssm_guard_sent_late();
 // At the end of each event: tells the neighbours what has changed.

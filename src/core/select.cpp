@@ -274,6 +274,11 @@ ssm_port* ssm_best_candidate(ssm_rule rule) {
     return best_candidate(rule, &refused);
 }
 
+bool ssm_refusal_by_guard(ssm_refusal refusal) {
+    return refusal == ssm_refusal::too_many_hops || refusal == ssm_refusal::own_holdover_as_good ||
+           refusal == ssm_refusal::may_lead_back;
+}
+
 const char* ssm_refusal_text(ssm_refusal refusal) {
     switch (refusal) {
         case ssm_refusal::none:
@@ -350,7 +355,7 @@ ssm_port* choose() {
     if (ssm_debugging(SSM_DEBUG_EVENT)) log_refusals(rule);
     bool refused = false;
     ssm_port* best = best_candidate(rule, &refused);
-    if (guarded(rule)) ssm_guard_selected(best != nullptr, refused);
+    if (guarded(rule)) ssm_guard_selected(best, refused);
     return best;
 }
 

@@ -26,6 +26,7 @@ enum class ssm_refusal : std::uint8_t {
     may_lead_back,
 };
 ssm_refusal ssm_candidate_check(const ssm_port* port, ssm_rule rule = ssm_rule_in_force());
+bool ssm_refusal_by_guard(ssm_refusal refusal);
 const char* ssm_refusal_text(ssm_refusal refusal);  // one or a few words, never null
 
 // Who of two candidates is better, and the name of the key that decided: `winner` is negative for `a`,

@@ -5,7 +5,7 @@
 #include "suite/agentx/snmp.h"
 #include "suite/ports/interface.h"
 
-// Magic numbers: a scalar's is its place below the module's base.
+// Magic numbers: a scalar's is its place below the module's base, but for the loop guard's.
 enum ssm_mib_scalar : std::uint32_t {
     SSM_MIB_CLOCK_ID = 1,
     SSM_MIB_GLOBAL_ENABLE = 2,
@@ -21,6 +21,15 @@ enum ssm_mib_scalar : std::uint32_t {
     SSM_MIB_FORCE_SWITCH = 12,
     SSM_MIB_PORT_TABLE = 13,
     SSM_MIB_RECOVERY_SELECT = 15,
+    SSM_MIB_GUARD = 18,  // a node: below it stand the loop guard's, numbered from SSM_MIB_GUARD_FIRST on
+    SSM_MIB_GUARD_FIRST = 201,
+    SSM_MIB_GUARD_ENABLE = SSM_MIB_GUARD_FIRST,
+    SSM_MIB_GUARD_HOLD,
+    SSM_MIB_GUARD_HOPS,
+    SSM_MIB_GUARD_REFUSED,
+    SSM_MIB_GUARD_HOLDS,
+    SSM_MIB_GUARD_LONGEST_HOLD,
+    SSM_MIB_GUARD_HOLD_LEFT,
 };
 
 // A column's magic number lies apart from the scalars'.
@@ -40,6 +49,7 @@ enum ssm_mib_column : std::uint32_t {
     SSM_MIB_FORCED_RX_QUALITY = 12,
     SSM_MIB_FORCED_TX_QUALITY = 13,
     SSM_MIB_NEIGHBOUR = 14,
+    SSM_MIB_HELD_BACK = 15,
 };
 
 // The state of the clock as its object reads it, and the index of the selected port or 0.
@@ -50,7 +60,7 @@ ssm_mib_value ssm_mib_selected_index();
 // null when there is none.
 interface* ssm_mib_find_interface(std::uint32_t index, int exact);
 
-// One read handler a scalar; they exist for those of ssm_mib_scalar but the table.
+// One read handler a scalar; they exist for those of ssm_mib_scalar but the table and the node.
 template <std::uint32_t Object>
 const void* ssm_mib_read_scalar(const snmp_variable* variable, snmp_oid* name, std::size_t* name_length,
                                 int exact, std::size_t* value_length, snmp_write_handler* write);

@@ -13,6 +13,16 @@ constexpr snmp_variable scalar(std::uint8_t type, std::uint8_t access) {
 
 constexpr snmp_oid PORT_ENTRY = 1;
 
+template <ssm_mib_scalar Object>
+constexpr snmp_variable guard(std::uint8_t type, std::uint8_t access) {
+    return {Object,
+            type,
+            access,
+            2,
+            ssm_mib_read_scalar<Object>,
+            {SSM_MIB_GUARD, 1 + Object - SSM_MIB_GUARD_FIRST}};
+}
+
 constexpr snmp_variable column(ssm_mib_column place, std::uint8_t access,
                                std::uint8_t type = SNMP_TYPE_INTEGER) {
     return {
@@ -50,5 +60,13 @@ const snmp_variable ssm_variables[SSM_VARIABLE_COUNT] = {
     column(SSM_MIB_FORCED_RX_QUALITY, SNMP_READ_WRITE),
     column(SSM_MIB_FORCED_TX_QUALITY, SNMP_READ_WRITE),
     column(SSM_MIB_NEIGHBOUR, SNMP_READ_ONLY, SNMP_TYPE_OCTET_STRING),
+    column(SSM_MIB_HELD_BACK, SNMP_READ_ONLY, SNMP_TYPE_COUNTER32),
     scalar<SSM_MIB_RECOVERY_SELECT>(SNMP_TYPE_INTEGER, SNMP_READ_WRITE),
+    guard<SSM_MIB_GUARD_ENABLE>(SNMP_TYPE_INTEGER, SNMP_READ_WRITE),
+    guard<SSM_MIB_GUARD_HOLD>(SNMP_TYPE_INTEGER, SNMP_READ_WRITE),
+    guard<SSM_MIB_GUARD_HOPS>(SNMP_TYPE_INTEGER, SNMP_READ_WRITE),
+    guard<SSM_MIB_GUARD_REFUSED>(SNMP_TYPE_COUNTER32, SNMP_READ_ONLY),
+    guard<SSM_MIB_GUARD_HOLDS>(SNMP_TYPE_COUNTER32, SNMP_READ_ONLY),
+    guard<SSM_MIB_GUARD_LONGEST_HOLD>(SNMP_TYPE_GAUGE32, SNMP_READ_ONLY),
+    guard<SSM_MIB_GUARD_HOLD_LEFT>(SNMP_TYPE_GAUGE32, SNMP_READ_ONLY),
 };

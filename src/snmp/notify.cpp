@@ -10,6 +10,7 @@
 #include "snmp/notify.h"
 
 #include "core/ports.h"
+#include "core/ql.h"
 #include "snmp/handlers.h"
 #include "snmp/mib.h"
 #include "snmp/values.h"
@@ -29,6 +30,7 @@ struct subject {
 
 struct port_subject {
     subject received;
+    subject refused;  // by the loop guard, for long
     std::uint32_t ifindex;
     bool seen;  // in this round
 };
@@ -42,7 +44,8 @@ struct {
 } ports;
 
 // Objects that exist in notifications only.
-constexpr snmp_oid NOTIFICATION_OBJECTS = 16, PREVIOUS_SOURCE = 1, DPLL_STATE = 2;
+constexpr snmp_oid NOTIFICATION_OBJECTS = 16, PREVIOUS_SOURCE = 1, DPLL_STATE = 2, REFUSED_CLOCK = 3,
+                   REFUSED_HOPS = 4;
 
 snmp_notify_object scalar(snmp_oid place, ssm_mib_value value) {
     return {{place, 0}, 2, static_cast<std::int32_t>(value)};
@@ -194,6 +197,30 @@ void check_port(const ssm_port* port, port_subject* p) {
         sent(&p->received, received);
 }
 
+void refusal_settled(std::uint32_t tag, bool delivered) {
+    port_subject* p = find_port(tag, 0);
+    if (p) settled(&p->refused, delivered);
+}
+
+// That it has ended is not told.
+void check_refused(const ssm_port* port, port_subject* p) {
+    const ssm_mib_value refused = port->guard_alarmed;
+    if (!is_due(p->refused, refused)) return;
+    if (!refused) {
+        p->refused = known(0);
+        return;
+    }
+    snmp_notify_object clock = own_scalar(REFUSED_CLOCK, 0);
+    clock.text = ssm_clock_id_str(port->recv_clockid);
+    const snmp_notify_object objects[] = {
+        cell(SSM_MIB_RECEIVED_QUALITY, p->ifindex, ssm_mib_quality(port->recv_quality)),
+        clock,
+        own_scalar(REFUSED_HOPS, port->recv_hop_count),
+    };
+    if (send(SSM_NOTIFY_GUARD_REFUSES, objects, std::size(objects), refusal_settled, p->ifindex))
+        sent(&p->refused, refused);
+}
+
 void forget_unseen_ports() {
     std::size_t kept = 0;
     for (std::size_t i = 0; i < ports.count; ++i) {
@@ -222,13 +249,19 @@ void walk_ports(Visit&& visit) {
 void start() {
     for (std::size_t i = 0; i < CLOCK_SUBJECTS; ++i) clock_subjects[i] = known(CLOCK[i].value());
     ports.count = 0;
-    walk_ports([](const ssm_port* port, port_subject* p) { p->received = known(port->recv_pdu != 0); });
+    walk_ports([](const ssm_port* port, port_subject* p) {
+        p->received = known(port->recv_pdu != 0);
+        p->refused = known(port->guard_alarmed);
+    });
 }
 
 void check() {
     if (!g_s_master) return;
     check_clock();
-    walk_ports(check_port);
+    walk_ports([](const ssm_port* port, port_subject* p) {
+        check_port(port, p);
+        check_refused(port, p);
+    });
 }
 
 void stop() {

@@ -12,6 +12,7 @@ enum ssm_notification : unsigned {
     SSM_NOTIFY_DPLL_STATE = 4,
     SSM_NOTIFY_PORT_LOST = 5,
     SSM_NOTIFY_PORT_RECEIVED = 6,
+    SSM_NOTIFY_GUARD_REFUSES = 7,
 };
 
 // Makes the sub-agent call. 0, or -1 when memory is exhausted: there are no notifications then.

@@ -11,13 +11,20 @@
 #include "core/ports.h"
 #include "snmp/handlers.h"
 #include "snmp/values.h"
+#include "suite/ports/slow_socket.h"
 
 namespace {
 
 // The column of a table's entry, 0 when it is none of this table.
 std::uint32_t column_of(const snmp_variable* variable) {
     const std::uint32_t column = variable->magic - SSM_MIB_COLUMN;
-    return column >= SSM_MIB_INDEX && column <= SSM_MIB_NEIGHBOUR ? column : 0;
+    return column >= SSM_MIB_INDEX && column <= SSM_MIB_HELD_BACK ? column : 0;
+}
+
+ssm_mib_value held_back(const ssm_port* port) {
+    slow_port_stats stats = {};
+    (void)slow_socket_port_stats(port->ifindex, &stats);  // none yet: 0
+    return static_cast<ssm_mib_value>(stats.held_back);
 }
 
 ssm_mib_value cell_of(const ssm_port* port, std::uint32_t column) {
@@ -44,6 +51,8 @@ ssm_mib_value cell_of(const ssm_port* port, std::uint32_t column) {
             return ssm_mib_flag(port->replace_clockid);
         case SSM_MIB_FORCED_RX_QUALITY:
             return ssm_mib_quality(port->force_rx_quality);
+        case SSM_MIB_HELD_BACK:
+            return held_back(port);
         default:
             return ssm_mib_quality(port->force_tx_quality);
     }
@@ -125,7 +134,7 @@ int write_cell(interface* intf, std::uint32_t column, std::int32_t value, int ac
 }
 
 bool is_read_only(std::uint32_t column) {
-    return column == SSM_MIB_INDEX || column == SSM_MIB_NEIGHBOUR ||
+    return column == SSM_MIB_INDEX || column == SSM_MIB_NEIGHBOUR || column == SSM_MIB_HELD_BACK ||
            (column >= SSM_MIB_LINK && column <= SSM_MIB_SENT_QUALITY);
 }
 

@@ -53,6 +53,20 @@ int apply_local_priority(std::int32_t value, int) {
     return status_of(ssm_opts_set_local_priority(static_cast<std::uint32_t>(value)));
 }
 
+int apply_guard_hold(std::int32_t value, int) {
+    if (value < static_cast<std::int32_t>(SSM_GUARD_HOLD_MIN) ||
+        value > static_cast<std::int32_t>(SSM_GUARD_HOLD_MAX))
+        return SNMP_WRONG_VALUE;
+    return status_of(ssm_opts_set_guard_hold(static_cast<std::uint32_t>(value)));
+}
+
+int apply_guard_hops(std::int32_t value, int) {
+    if (value < static_cast<std::int32_t>(SSM_GUARD_HOPS_MIN) ||
+        value > static_cast<std::int32_t>(SSM_GUARD_HOPS_MAX))
+        return SNMP_WRONG_VALUE;
+    return status_of(ssm_opts_set_guard_hops(static_cast<std::uint32_t>(value)));
+}
+
 int apply_recovery_select(std::int32_t value, int) {
     if (value < 1 || value > 3) return SNMP_WRONG_VALUE;
     return status_of(ssm_opts_set_recovery_select(static_cast<std::uint32_t>(value) - 1));
@@ -106,6 +120,19 @@ constexpr scalar_object OBJECTS[] = {
     {SSM_MIB_FORCE_SWITCH, force_switch, nullptr, write_scalar<apply_force_switch>},
     {SSM_MIB_RECOVERY_SELECT, [] { return ssm_mib_value{g_s_master->recovery_select} + 1; }, nullptr,
      write_scalar<apply_recovery_select>},
+    {SSM_MIB_GUARD_ENABLE, [] { return ssm_mib_flag(g_s_master->guard.enable); }, nullptr,
+     write_scalar<apply_flag<ssm_opts_set_loop_guard>>},
+    {SSM_MIB_GUARD_HOLD, [] { return ssm_mib_value{g_s_master->guard.hold_ms}; }, nullptr,
+     write_scalar<apply_guard_hold>},
+    {SSM_MIB_GUARD_HOPS, [] { return ssm_mib_value{g_s_master->guard.hops}; }, nullptr,
+     write_scalar<apply_guard_hops>},
+    {SSM_MIB_GUARD_REFUSED, [] { return static_cast<ssm_mib_value>(g_s_master->guard.refused); }, nullptr,
+     nullptr},
+    {SSM_MIB_GUARD_HOLDS, [] { return static_cast<ssm_mib_value>(g_s_master->guard.holds); }, nullptr,
+     nullptr},
+    {SSM_MIB_GUARD_LONGEST_HOLD,
+     [] { return static_cast<ssm_mib_value>(g_s_master->guard.longest_hold / NS_PER_MS); }, nullptr, nullptr},
+    {SSM_MIB_GUARD_HOLD_LEFT, [] { return ssm_mib_value{ssm_guard_hold_left_ms()}; }, nullptr, nullptr},
 };
 
 constexpr std::size_t place_of(std::uint32_t magic) {
@@ -158,3 +185,10 @@ template read_function ssm_mib_read_scalar<SSM_MIB_RUNNING_STATE>;
 template read_function ssm_mib_read_scalar<SSM_MIB_OPTION>;
 template read_function ssm_mib_read_scalar<SSM_MIB_FORCE_SWITCH>;
 template read_function ssm_mib_read_scalar<SSM_MIB_RECOVERY_SELECT>;
+template read_function ssm_mib_read_scalar<SSM_MIB_GUARD_ENABLE>;
+template read_function ssm_mib_read_scalar<SSM_MIB_GUARD_HOLD>;
+template read_function ssm_mib_read_scalar<SSM_MIB_GUARD_HOPS>;
+template read_function ssm_mib_read_scalar<SSM_MIB_GUARD_REFUSED>;
+template read_function ssm_mib_read_scalar<SSM_MIB_GUARD_HOLDS>;
+template read_function ssm_mib_read_scalar<SSM_MIB_GUARD_LONGEST_HOLD>;
+template read_function ssm_mib_read_scalar<SSM_MIB_GUARD_HOLD_LEFT>;

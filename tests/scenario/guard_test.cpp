@@ -98,6 +98,55 @@ TEST_F(guard, changes_are_told_and_followed_at_once_and_counts_end) {
     EXPECT_EQ(take_sent().back().payload[25], 255);
 }
 
+// A minute of it is said once, and again only of the next refusal; that an offer is refused which would not
+// be preferred anyway is nothing to tell of: in a healthy ring there is always one.
+TEST_F(guard, an_offer_that_stays_refused_is_said_once) {
+    std::vector<std::string> lines;
+    const auto tap = [](void* to, int, const char* line, std::size_t length) {
+        const std::string said(line, length);
+        if (said.find("loop guard") != said.npos)
+            static_cast<std::vector<std::string>*>(to)->push_back(said.substr(said.find("guard: ") + 7));
+    };
+    ASSERT_EQ(log_add_tap(tap, &lines), 0);
+    const auto repeat = [&](std::uint32_t seconds, std::uint8_t hops_on_2) {
+        for (std::uint32_t s = 0; s < seconds; ++s) {
+            pass(1000);
+            offer(1, 2);
+            offer(2, hops_on_2);
+        }
+    };
+    locked_to(1, 2);
+    repeat(70, 4);
+    EXPECT_EQ(ssm_candidate_check(port(2)), ssm_refusal::may_lead_back);
+    EXPECT_EQ(lines, std::vector<std::string>{});
+    const char* const refused =
+        "p2 is not followed: may lead back here: 4 hops, ours 3 (clock "
+        "01:01:01:FF:FE:01:01:01)";
+    daemon->in_event([this] { EXPECT_EQ(ssm_opts_set_port_priority(intf(2), 1), 0); });
+    repeat(59, 4);
+    EXPECT_EQ(std::exchange(lines, {}), std::vector<std::string>{refused});
+    EXPECT_FALSE(port(2)->guard_alarmed);
+    repeat(120, 4);
+    EXPECT_EQ(
+        std::exchange(lines, {}),
+        std::vector<std::string>{"p2 has not been followed for 60 s: may lead back here: 4 hops, ours 3 "
+                                 "(clock 01:01:01:FF:FE:01:01:01)"});
+    EXPECT_TRUE(port(2)->guard_alarmed);
+    // Back and forth each second: a line each ten seconds, and no alarm.
+    for (int i = 0; i < 50; ++i) {
+        hear(2, QL_DNU);
+        repeat(1, 4);
+    }
+    EXPECT_FALSE(port(2)->guard_alarmed);
+    EXPECT_EQ(std::exchange(lines, {}), std::vector<std::string>(5, refused));
+    EXPECT_EQ(g_s_master->guard.refused, 51U);
+    link_down(1);
+    pass(SSM_GUARD_HOLD_MS);
+    EXPECT_EQ(lines, (std::vector<std::string>{"no offer is proved, holding over for at most 500 ms",
+                                               "held over for 500 ms, now from p2"}));
+    log_remove_tap(tap, &lines);
+}
+
 // What is over the burst leaves ten times a second, with what is true then.
 TEST_F(guard, event_pdus_are_bounded) {
     const auto told_in_storm = [this](int changes) {

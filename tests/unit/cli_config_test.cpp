@@ -62,6 +62,10 @@ TEST_F(config_commands, of_the_switch_are_traced_and_written) {
         {"no clock synce master-only", ""},
         {"clock synce ssm extend", "clock synce ssm extend\n"},
         {"no clock synce ssm extend", ""},
+        {"clock synce loop-guard hold 5000", "clock synce loop-guard hold 5000\n"},
+        {"no clock synce loop-guard hold", ""},
+        {"clock synce loop-guard hops 254", "clock synce loop-guard hops 254\n"},
+        {"no clock synce loop-guard hops", ""},
         {"clock synce switch-force p1", "clock synce switch-force p1\n"},
         {"no clock synce switch-force", ""},
         {"clock recovery-select bits bits2", "clock recovery-select bits bits2\n"},
@@ -71,6 +75,23 @@ TEST_F(config_commands, of_the_switch_are_traced_and_written) {
         take(row);
         EXPECT_EQ(global(), row.written + std::string("!\n")) << row.line;
     }
+}
+
+// Neither number switches it on, and nobody believes to be guarded without the extension.
+TEST_F(config_commands, loop_guard_says_that_it_needs_the_extension) {
+    const std::string note = "Note: the loop guard has no effect without \"clock synce ssm extend\"\n";
+    quiet("clock synce loop-guard hold 100");
+    EXPECT_EQ(g_s_master->guard.enable, 0U);
+    EXPECT_EQ(shown("clock synce loop-guard"), note);
+    quiet("clock synce ssm extend");
+    quiet("clock synce loop-guard");
+    quiet("clock synce loop-guard hops 1");
+    EXPECT_EQ(global(),
+              "clock synce ssm extend\nclock synce loop-guard\nclock synce loop-guard hold 100\n"
+              "clock synce loop-guard hops 1\n!\n");
+    EXPECT_EQ(shown("no clock synce ssm extend"), note);
+    quiet("no clock synce loop-guard");
+    quiet("no clock synce ssm extend");
 }
 
 TEST_F(config_commands, of_a_port_are_traced_and_written) {

@@ -2,6 +2,7 @@
 // for each port that selection passed over.
 #include <cstring>
 
+#include "core/select.h"
 #include "daemon_fixture.h"
 
 namespace {
@@ -186,6 +187,56 @@ TEST_F(everyday, selection_lists_candidates_in_order_with_the_deciding_key) {
     memmgr_fail_at(1);
     refused("show clock synce selection", "% Out of memory\n");
     memmgr_fail_at(0);
+}
+
+// Where it is off nothing is said of it: the other cases see those shows whole.
+TEST_F(everyday, loop_guard_says_what_it_has_against_an_offer) {
+    candidate("far", 1, QL_PRC, 10)->recv_hop_count = 61;
+    ssm_port* back = candidate("back", 2, QL_PRC, 20);
+    back->recv_hop_count = 8;
+    back->recv_clockid[3] = 0xFF;
+    g_s_master->clock_id[0] = 2;
+    g_s_master->freerun = 0;
+    g_s_master->holdover = 1;
+    candidate("own", 3, QL_EEC1, 30);
+    g_s_master->guard.enable = 1;
+    EXPECT_EQ(why("far"), "is chosen by the next selection");
+    const std::string off = shown("show clock synce");
+    EXPECT_NE(off.find("Loop guard in force                : no, it needs \"clock synce ssm extend\"\n"),
+              off.npos);
+    daemon_->in_event([&] {
+        ASSERT_EQ(ssm_opts_set_ssm_extend(1), 0);
+        ssm_distance_tell(&g_s_master->guard.distances, back->recv_clockid, 1, 1);
+        ssm_clock_select();
+    });
+    constexpr const char* reasons[][2] = {{"far", "too many hops: 61, limit 60"},
+                                          {"back", "may lead back here: 8 hops, ours 1, holding for 500 ms"},
+                                          {"own", "own holdover as good"}};
+    for (const auto& [port, reason] : reasons) EXPECT_EQ(why(port), reason) << port;
+    EXPECT_EQ(source(), "Source: none, holding for 500 ms");
+    const std::string block = shown("show clock synce");
+    EXPECT_EQ(block.substr(block.find("--------------  Loop")),
+              "--------------  Loop guard  --------------\n"
+              "Loop guard in force                : yes\n"
+              "Hold time                          : 500 ms\n"
+              "Most hops                          : 60\n"
+              "Offers refused                     : 3\n"
+              "Holds                              : 1\n"
+              "Longest hold                       : 0 ms\n"
+              "Holding for                        : 500 ms\n");
+    daemon_->pass(200);
+    const std::string json = shown("show clock synce json");
+    for (
+        const char* part :
+        {R"("loop_guard_in_force":true,"loop_guard_hold_ms":500,"loop_guard_hops":60,"loop_guard_refused":3,)"
+         R"("loop_guard_holds":1,"loop_guard_longest_hold_ms":0,"loop_guard_holding":true,)"
+         R"("loop_guard_hold_left_ms":300,)",
+         R"("loop_guard_refused_ms":200,"held_back":0)"})
+        EXPECT_NE(json.find(part), json.npos) << json;
+    // The operator's hand ends a hold: it is not counted on.
+    daemon_->in_event([&] { ASSERT_EQ(ssm_opts_set_force_port(back), 0); });
+    EXPECT_EQ(std::pair(g_s_master->guard.holding_since, g_s_master->guard.longest_hold),
+              std::pair(nanoseconds{0}, 200 * NS_PER_MS));
 }
 
 // The names and kinds of all fields are held to the document (cli_commands_test); here are their values.

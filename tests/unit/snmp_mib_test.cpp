@@ -56,7 +56,7 @@ class ssm_mib : public daemon_test {
         std::size_t length = name.size(), size = 0;
         const void* value = v->read(v, r.name.data(), &length, exact, &size, &r.write);
         r.name.resize(value ? length : 0);
-        if (value && v->type == SNMP_TYPE_INTEGER) {
+        if (value && v->type != SNMP_TYPE_OCTET_STRING) {
             EXPECT_EQ(size, 4U);
             std::memcpy(&r.value, value, sizeof r.value);
         } else if (value) {
@@ -123,18 +123,19 @@ TEST_F(ssm_mib, objects_take_their_values_and_no_other) {
     const struct {
         oid name;
         int low, high;
-    } objects[] = {{scalar(2), 1, 2},   {scalar(3), 1, 2},  {scalar(4), 1, 3},  {LOCAL_QUALITY, 1, 6},
-                   {scalar(7), 1, 255}, {scalar(9), 1, 2},  {scalar(15), 1, 3}, {cell(2), 1, 2},
-                   {cell(4), 1, 255},   {cell(10), 0, 255}, {cell(11), 1, 2}};
+    } objects[] = {{scalar(2), 1, 2},       {scalar(3), 1, 2},   {scalar(4), 1, 3},  {LOCAL_QUALITY, 1, 6},
+                   {scalar(7), 1, 255},     {scalar(9), 1, 2},   {scalar(15), 1, 3}, {cell(2), 1, 2},
+                   {cell(4), 1, 255},       {cell(10), 0, 255},  {cell(11), 1, 2},   {{18, 1, 0}, 1, 2},
+                   {{18, 2, 0}, 100, 5000}, {{18, 3, 0}, 1, 254}};
     for (const auto& o : objects) {
         for (int value = o.low; value <= o.high; ++value) check(o.name, value, SNMP_NO_ERROR, value);
-        for (int value : {o.low - 1, o.high + 1, -1, INT32_MIN, INT32_MAX, 257, 258})
+        for (int value : {o.low - 1, o.high + 1, -1, INT32_MIN, INT32_MAX, 65793, 65794})
             check(o.name, value, SNMP_WRONG_VALUE, o.high);
         for (std::size_t length : {std::size_t{0}, std::size_t{3}, std::size_t{8}})
             EXPECT_EQ(set(o.name, 1, SNMP_ACTION_SET, SNMP_TYPE_INTEGER, length), SNMP_WRONG_VALUE) << length;
         EXPECT_EQ(get(o.name), o.high) << testing::PrintToString(o.name);
         EXPECT_EQ(set(o.name, 1, SNMP_ACTION_SET, AGENTX_GAUGE32),
-                  o.name.size() == 2 ? SNMP_WRONG_TYPE : SNMP_NO_ERROR)
+                  o.name[0] != 13 ? SNMP_WRONG_TYPE : SNMP_NO_ERROR)
             << "the type is looked at for scalars only";
     }
 }
@@ -165,8 +166,20 @@ TEST_F(ssm_mib, force_switch_names_a_port_or_none) {
     check(FORCE_SWITCH, 0, SNMP_NO_ERROR, 0);
 }
 
+TEST_F(ssm_mib, loop_guard_counts_and_what_is_held_back) {
+    ssm_guard& guard = g_s_master->guard;
+    guard.refused = 0x1'0000'0007;
+    guard.holds = 4;
+    guard.longest_hold = 1500 * NS_PER_MS;
+    slow_socket_port_bound(p1->intf);
+    slow_socket_count_held_back(7);
+    const std::pair<oid, int> values[] = {
+        {{18, 4, 0}, 7}, {{18, 5, 0}, 4}, {{18, 6, 0}, 1500}, {{18, 7, 0}, 0}, {cell(15), 1}};
+    for (const auto& [name, value] : values) EXPECT_EQ(get(name), value) << testing::PrintToString(name);
+}
+
 TEST_F(ssm_mib, columns_refuse_what_is_no_cell_of_a_port) {
-    for (snmp_oid number : {1U, 5U, 6U, 7U, 8U, 9U, 14U})
+    for (snmp_oid number : {1U, 5U, 6U, 7U, 8U, 9U, 14U, 15U})
         EXPECT_EQ(set(cell(number), 1), SNMP_READ_ONLY_ERROR) << number;
     for (snmp_oid index : {8U, 10U}) check(cell(2, index), 1, SNMP_NO_SUCH_NAME, NO_VALUE);
     check(cell(2, 900), 1, SNMP_GEN_ERR, NO_VALUE);
@@ -256,14 +269,17 @@ class ssm_notify : public ssm_mib {
     void take(const std::vector<variable>& v) {
         constexpr std::size_t base = SNMP_ROOT_SIZE + SSM_OID_LENGTH;
         told t{v.at(0).id.at(base + 1), {}, master.now};
-        for (std::size_t i = 1; i < v.size(); ++i)
+        for (std::size_t i = 1; i < v.size(); ++i) {
+            if (v[i].type == AGENTX_OCTET_STRING) text = v[i].text;
             t.objects.push_back({oid(v[i].name.begin() + base, v[i].name.end()), v[i].number});
+        }
         heard.push_back(t);
     }
     static ssm_notify* current;
     agentx_master master;
     bool answers = true;
     std::vector<told> heard;
+    std::string text;  // the last object that is one
 };
 ssm_notify* ssm_notify::current;
 
@@ -287,6 +303,9 @@ TEST_F(ssm_notify, each_change_is_told_with_its_objects) {
     ssm_port* made = add_port("made", 4);
     run(100);
     made->recv_pdu = 1;
+    made->guard_alarmed = true;
+    made->recv_clockid[3] = 0xFF;
+    made->recv_hop_count = 9;
     g_s_master->freerun = 0;
     g_s_master->selected_port = p1;
     g_s_master->current_quality = QL_PRC;
@@ -301,12 +320,20 @@ TEST_F(ssm_notify, each_change_is_told_with_its_objects) {
         {SSM_NOTIFY_DPLL_STATE, {{{16, 2, 0}, 4}}},
         {SSM_NOTIFY_PORT_RECEIVED, {{cell(6), 2}, {cell(5), 1}}},
         {SSM_NOTIFY_PORT_RECEIVED, {{cell(6, 4), 15}, {cell(5, 4), 2}}},
+        {SSM_NOTIFY_GUARD_REFUSES, {{cell(6, 4), 15}, {{16, 3, 0}, 0}, {{16, 4, 0}, 9}}},
     };
     ASSERT_EQ(heard.size(), std::size(expected));
     for (std::size_t i = 0; i < heard.size(); ++i) {
         EXPECT_EQ(heard[i].number, expected[i].first);
         EXPECT_EQ(heard[i].objects, expected[i].second) << heard[i].number;
     }
+    EXPECT_EQ(text, "00:00:00:FF:00:00:00:00");
+    // Once, and again of the next refusal alone.
+    for (const bool refused : {true, false, true}) {
+        made->guard_alarmed = refused;
+        run(2000);
+    }
+    EXPECT_EQ(heard.size(), std::size(expected) + 1);
 }
 
 TEST_F(ssm_notify, a_subject_that_flaps_is_told_once_a_second_and_its_last_state_at_the_end) {

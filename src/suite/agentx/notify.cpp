@@ -1,6 +1,8 @@
 // Notifications: the timer that lets the module look for what changed, the PDU, and what becomes of it. A
 // notification counts as delivered when the master has answered it; the module hears of those that a lost
 // link may have taken along, and sends what is true by then.
+#include <cstring>
+
 #include "suite/agentx/record.h"
 #include "suite/loop/thread.h"
 
@@ -50,7 +52,10 @@ void put_notification(agentx_writer* w, const agentx_oid& base, snmp_oid number,
     for (const snmp_notify_object* o = objects; o != objects + count; ++o) {
         name.length = base.length;
         agentx_append(&name, {o->name, o->name_length});
-        agentx_put_number(w, AGENTX_INTEGER, name.name(), static_cast<std::uint32_t>(o->value));
+        if (o->text)
+            agentx_put_text(w, name.name(), o->text, std::strlen(o->text));
+        else
+            agentx_put_number(w, AGENTX_INTEGER, name.name(), static_cast<std::uint32_t>(o->value));
     }
 }
 

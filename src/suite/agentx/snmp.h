@@ -9,7 +9,12 @@
 
 using snmp_oid = std::uint32_t;
 
-enum : std::uint8_t { SNMP_TYPE_INTEGER = 2, SNMP_TYPE_OCTET_STRING = 4 };
+enum : std::uint8_t {
+    SNMP_TYPE_INTEGER = 2,
+    SNMP_TYPE_OCTET_STRING = 4,
+    SNMP_TYPE_COUNTER32 = 65,
+    SNMP_TYPE_GAUGE32 = 66,
+};
 enum : std::uint8_t { SNMP_NOT_ACCESSIBLE = 0, SNMP_READ_ONLY = 1, SNMP_READ_WRITE = 2 };
 
 // Error statuses of RFC 3416 that handlers return.
@@ -93,6 +98,7 @@ struct snmp_notify_object {
     snmp_oid name[8];
     std::size_t name_length;
     std::int32_t value;
+    const char* text = nullptr;  // in place of the value
 };
 // Tells what became of a notification, once: the master has taken it, or it may be lost and should be sent
 // again.

@@ -50,7 +50,7 @@ struct cli_help_table {
     std::size_t count;
 };
 
-constexpr std::size_t CLI_MAX_WRITERS = 16, CLI_MAX_HELP_TABLES = 16;
+constexpr std::size_t CLI_MAX_WRITERS = 16, CLI_MAX_HELP_TABLES = 24;
 // Writers of the platform: before all others, and behind all others.
 constexpr std::int32_t CLI_WRITERS_FIRST = 0, CLI_WRITERS_LAST = CLI_MODE_COUNT - 1;
 

@@ -25,14 +25,24 @@ const char* kind_text(slow_kind kind) {
     return "closed";
 }
 
-void show_port(cli* terminal, const interface* intf) {
+// Its column is there once a port has held something back.
+bool any_held_back(cli* terminal) {
+    slow_port_stats s;
+    for (const interface* intf : if_list(terminal->ifm))
+        if (slow_socket_port_stats(intf->ifindex, &s) && s.held_back) return true;
+    return false;
+}
+
+void show_port(cli* terminal, const interface* intf, bool held_back) {
     slow_port_stats s;
     if (!slow_socket_port_stats(intf->ifindex, &s)) return;
     terminal->out_func(terminal->out_val,
                        "%-16s %5" PRIu32 " %10" PRIu64 " %10" PRIu64 " %9" PRIu64 " %9" PRIu64 " %9" PRIu64
-                       " %9" PRIu64 " %9" PRIu64 " %9" PRIu64 "\n",
+                       " %9" PRIu64 " %9" PRIu64 " %9" PRIu64,
                        intf->name, intf->ifindex, s.frames_in, s.frames_out, s.limited, s.no_buffer, s.again,
                        s.link_down, s.no_device, s.other_errors);
+    if (held_back) terminal->out_func(terminal->out_val, " %9" PRIu64, s.held_back);
+    terminal->out_func(terminal->out_val, "\n");
     if (intf->ifindex > IF_INDEX_HEARD_MAX)
         terminal->out_func(terminal->out_val,
                            "%-16s index above %" PRIu32 ": %" PRIu64 " frames received and dropped\n", "",
@@ -64,10 +74,11 @@ int show_slow_protocols(cli* terminal, int, char**) {
                        ", of indexes above %" PRIu32 " %" PRIu64 "\n",
                        s.kernel_drops, s.short_frames, s.unknown_port, IF_INDEX_HEARD_MAX, s.unheard);
     show_limit(terminal, s);
-    terminal->out_func(terminal->out_val, "%-16s %5s %10s %10s %9s %9s %9s %9s %9s %9s\n", "Interface",
+    const bool held_back = any_held_back(terminal);
+    terminal->out_func(terminal->out_val, "%-16s %5s %10s %10s %9s %9s %9s %9s %9s %9s%s\n", "Interface",
                        "Index", "Received", "Sent", "Limited", "No-buffer", "Busy", "Link-down", "No-device",
-                       "Other");
-    for (const interface* intf : if_list(terminal->ifm)) show_port(terminal, intf);
+                       "Other", held_back ? " Held-back" : "");
+    for (const interface* intf : if_list(terminal->ifm)) show_port(terminal, intf, held_back);
     return CLI_SUCCESS;
 }
 
