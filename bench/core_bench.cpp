@@ -129,6 +129,29 @@ void selection(benchmark::State& state) {
 }
 BENCHMARK(selection)->ArgNames({"ports", "ext"})->ArgsProduct({{1, 16, 64, 255}, {0, 1}});
 
+// The same with the extension, without and with the loop guard; with the guard also when it refuses them all.
+void guarded_selection(benchmark::State& state) {
+    const auto count = static_cast<unsigned>(state.range(0));
+    const bool guard = state.range(1) != 0, refuses = state.range(1) == 2;
+    bench_daemon daemon(count, true);
+    for (interface* intf : daemon.ports) {
+        ssm_port* port = ssm_if_port(intf);
+        port->recv_pdu = 1;
+        port->recv_quality = QL_PRC;
+        port->recv_clockid[0] = 1;
+        port->recv_clockid[3] = 0xFF;  // one master
+        port->recv_hop_count = refuses ? SSM_HOPS_MAX : 1;
+    }
+    g_s_master->guard.enable = guard;
+    ssm_distance_tell(&g_s_master->guard.distances, ssm_if_port(daemon.ports[0])->recv_clockid, 2, 1);
+    log_set_level(LOG_LEVEL_ERROR);
+    const double spent = seconds([&] {
+        for (auto _ : state) ssm_clock_select();
+    });
+    state.counters["ns_per_port"] = spent * 1e9 / static_cast<double>(state.iterations()) / count;
+}
+BENCHMARK(guarded_selection)->ArgNames({"ports", "guard"})->ArgsProduct({{16, 255}, {0, 1, 2}});
+
 // A time-out timer restarted, with both timers of every port pending.
 void timer_restart(benchmark::State& state) {
     const auto count = static_cast<unsigned>(state.range(0));

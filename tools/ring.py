@@ -37,12 +37,17 @@ CUT_A_B = {"A": WHOLE["A"], "B": ("Lock", "p2", "PRC", "Lock"), "C": WHOLE["C"]}
 # C has lost every source and holds over at EEC1; B follows it, since a clock that is told EEC1 is one still.
 CUT_BOTH = {"A": WHOLE["A"], "B": ("Lock", "p2", "EEC1/SEC", "Lock"), "C": ("Holdover", "N/A", "EEC1/SEC", "Holdover")}
 
+# What we recommend in a ring.
+GUARD = """clock synce ssm extend
+clock synce loop-guard
+"""
+
 NSMD_OPTIONS = ("--port", "p*", "--dpll", "sim")
 
 
-def make(lab, start=True):
-    """The three switches, linked. With `start`, their daemons run."""
-    switches = {name: lab.switch(name, config=CONFIG[name]) for name in CONFIG}
+def make(lab, start=True, more=""):
+    """The three switches, linked, with `more` lines of configuration. With `start`, their daemons run."""
+    switches = {name: lab.switch(name, config=more + CONFIG[name]) for name in CONFIG}
     for one, port, other, other_port in LINKS:
         lab.link(switches[one], port, switches[other], other_port)
     if start:

@@ -56,14 +56,15 @@ ssm_reason own_clock(const ssm_port* best) {
     return next_source();
 }
 
-// For as long as nothing is proved the guard holds over, and the port has only to wait.
+// While nothing is proved the guard holds over, and what may lead back has only to wait.
 ssm_reason refused(const ssm_port* port, ssm_refusal refusal) {
     if (!ssm_refusal_by_guard(refusal)) return say(ssm_refusal_text(refusal));
     if (refusal != ssm_refusal::may_lead_back || !g_s_master->guard.holding_since)
         return say(ssm_guard_objection(port).text);
     ssm_reason said;
-    std::snprintf(said.text, sizeof said.text, "%s, holding for %u ms", ssm_guard_objection(port).text,
-                  static_cast<unsigned>(ssm_guard_hold_left_ms()));
+    std::snprintf(said.text, sizeof said.text, "holding for %u ms: %d hops, ours %u",
+                  static_cast<unsigned>(ssm_guard_hold_left_ms()), port->recv_hop_count,
+                  static_cast<unsigned>(ssm_guard_limit(port)));
     return said;
 }
 

@@ -7,7 +7,7 @@
 
 // A sentence about one port or about the whole selection; empty when there is nothing to say.
 struct ssm_reason {
-    char text[80];
+    char text[64];
 };
 
 // Why there is no source, given the best candidate (null: none).

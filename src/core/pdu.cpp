@@ -193,7 +193,9 @@ int send_held_back(thread* event) {
 // Takes one event PDU from what the port has earned, or sees to it that one leaves when it has earned it.
 bool may_send_event(ssm_port* port) {
     const std::uint32_t burst = ssm_guard_in_force() ? SSM_EVENT_BURST_GUARDED : SSM_EVENT_BURST;
-    const nanoseconds now = thread_now(g_p_esmcd), credit = std::max(port->event_credit, now);
+    const nanoseconds now = thread_now(g_p_esmcd);
+    // A burst that was sent under the larger bound is not owed when the guard is switched on.
+    const nanoseconds credit = std::clamp(port->event_credit, now, now + burst * SSM_EVENT_PERIOD);
     const nanoseconds allowed = now + (burst - 1) * SSM_EVENT_PERIOD;
     if (credit <= allowed && !port->event_timer) {
         port->event_credit = credit + SSM_EVENT_PERIOD;

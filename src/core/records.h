@@ -120,8 +120,8 @@ struct ssm_port {
     nanoseconds event_credit;      // when the port will have earned the event PDUs that it has sent
     nanoseconds guard_refused_at;  // the loop guard refuses what is offered here, since then; 0: it does not
     log_limit neighbour_limit;
-    nanoseconds guard_said_at;     // the log said so last; 0: never
-    bool guard_alarmed;            // it has been said that this lasts
+    nanoseconds guard_said_at;  // the log said so last; 0: never
+    bool guard_alarmed;         // it has been said that this lasts
 };
 
 // These three lead to everything that one switch keeps from one event to the next. Whoever runs many switches

@@ -6,7 +6,11 @@
 namespace {
 
 constexpr std::uint32_t PORTS_MAX = 6;
-constexpr std::uint8_t KINDS = 15;  // of operations: all but the last
+constexpr std::uint8_t KINDS = 15, GUARD_KINDS = 3;  // of operations: the first, and the last
+
+std::size_t kind_of(std::uint8_t value) {
+    return value < 16 * KINDS ? value % KINDS : std::size(OPERATIONS) - 1 - value % GUARD_KINDS;
+}
 
 void set_up_switch(input* in) {
     const std::uint8_t flags = in->octet(), quality = in->octet();
@@ -17,6 +21,7 @@ void set_up_switch(input* in) {
     (void)ssm_opts_set_global_enable(~flags >> 2 & 1);
     (void)ssm_opts_set_ssm_enable(~flags >> 3 & 1);
     (void)ssm_opts_set_recovery_select(flags >> 4 & 3);
+    (void)ssm_opts_set_loop_guard(flags >> 6 == 2);
     if (flags >> 6 == 3) ssm_debug = ~decltype(ssm_debug){};
 }
 
@@ -72,7 +77,7 @@ void step(input* in, virtual_daemon* d) {
     if (kind == 12) return d->deliver(NSM_MSG_LINK_DELETE, be_words({index, value & 1U}));
     const std::uint8_t other = in->octet();
     if (kind == 13) return d->deliver(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, be_words({value % 7U, other}));
-    d->in_event([&] { operate(OPERATIONS[value % KINDS], index, other); });
+    d->in_event([&] { operate(OPERATIONS[kind_of(value)], index, other); });
 }
 
 }  // namespace

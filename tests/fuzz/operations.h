@@ -30,6 +30,9 @@ constexpr operation OPERATIONS[] = {
     [](interface*, std::uint8_t) { return ssm_opts_clear_force(); },
     [](interface* i, std::uint8_t v) { return ssm_opts_set_port_replace_clockid(i, v & 1); },
     [](interface*, std::uint8_t v) { return ssm_opts_set_recovery_select(v % 3); },
+    [](interface*, std::uint8_t v) { return ssm_opts_set_loop_guard(v & 1); },
+    [](interface*, std::uint8_t v) { return ssm_opts_set_guard_hold(v * 20U); },
+    [](interface*, std::uint8_t v) { return ssm_opts_set_guard_hops(v); },
 };
 
 inline void operate(operation what, std::uint32_t index, std::uint8_t value) {

@@ -170,6 +170,11 @@ TEST_F(guard, event_pdus_are_bounded) {
     pass(60'000, {{1, QL_PRC}});
     take_sent();
     EXPECT_EQ(told_in_storm(600), 500);
+    daemon->in_event([] { EXPECT_EQ(ssm_opts_set_loop_guard(1), 0); });
+    advance(100);
+    offer(1, 0, QL_SSU_B);
+    advance(100);
+    EXPECT_EQ(take_sent().back().quality, QL_SSU_B);  // not when 500 are earned
 }
 
 TEST(guard_distances, what_has_no_room_is_not_forgotten_before_its_time) {

@@ -96,7 +96,7 @@ class random_rules : public sim {
         bool is_command;
         void (*run)(random_rules&, const step&);
     };
-    static const action ACTIONS[25];
+    static const action ACTIONS[27];
 
     std::string broken;
 
@@ -207,6 +207,12 @@ const random_rules::action random_rules::ACTIONS[] = {
     {"global", 1, true, [](auto&, auto& s) { (void)ssm_opts_set_global_enable(s.mostly_on()); }},
     {"ssm", 1, true, [](auto&, auto& s) { (void)ssm_opts_set_ssm_enable(s.mostly_on()); }},
     {"extend", 1, true, [](auto&, auto& s) { (void)ssm_opts_set_ssm_extend(s.on()); }},
+    {"guard", 2, true, [](auto&, auto& s) { (void)ssm_opts_set_loop_guard(s.mostly_on()); }},
+    {"guard_bounds", 1, true,
+     [](auto&, auto& s) {
+         (void)ssm_opts_set_guard_hold(100 + s.value % 4901);
+         (void)ssm_opts_set_guard_hops(1 + s.other % 4);
+     }},
     {"role", 2, true, [](auto&, auto& s) { (void)ssm_opts_set_device_type(1 + s.value % 3); }},
     {"quality", 2, true,
      [](auto&, auto& s) {

@@ -210,7 +210,7 @@ TEST_F(everyday, loop_guard_says_what_it_has_against_an_offer) {
         ssm_clock_select();
     });
     constexpr const char* reasons[][2] = {{"far", "too many hops: 61, limit 60"},
-                                          {"back", "may lead back here: 8 hops, ours 1, holding for 500 ms"},
+                                          {"back", "holding for 500 ms: 8 hops, ours 1"},
                                           {"own", "own holdover as good"}};
     for (const auto& [port, reason] : reasons) EXPECT_EQ(why(port), reason) << port;
     EXPECT_EQ(source(), "Source: none, holding for 500 ms");
