@@ -150,6 +150,16 @@ _CLONE_NEWNET = 0x40000000
 _SIOCGIFFLAGS, _SIOCSIFFLAGS, _IFF_UP = 0x8913, 0x8914, 1
 
 
+def enter_network(node):
+    """Takes the calling thread into the node's network namespace."""
+    descriptor = os.open(f"/proc/{node.pid}/ns/net", os.O_RDONLY)
+    try:
+        if _libc.setns(descriptor, _CLONE_NEWNET) != 0:
+            raise OSError(ctypes.get_errno(), "setns")
+    finally:
+        os.close(descriptor)
+
+
 class Node:
     """A network and mount namespace, with no program of ours in it."""
 
@@ -208,12 +218,7 @@ class Node:
 
         def body():
             try:
-                descriptor = os.open(f"/proc/{self.pid}/ns/net", os.O_RDONLY)
-                try:
-                    if _libc.setns(descriptor, _CLONE_NEWNET) != 0:
-                        raise OSError(ctypes.get_errno(), "setns")
-                finally:
-                    os.close(descriptor)
+                enter_network(self)
                 result["value"] = function()
             except BaseException as error:  # handed to the caller's thread
                 result["error"] = error
