@@ -353,10 +353,9 @@ TEST_F(Terminal, CommandsOnFilesAnswerWhenTheyAreDone) {
     EXPECT_TRUE(batch.printed.ends_with("% No startup configuration\n")) << batch.printed;
     open_batch(&gone);
     gone.put(request("write"));
-    ASSERT_TRUE(pump([&] { return ctx->host->tasks != nullptr; }));
     gone.drop();
-    EXPECT_TRUE(pump([&] { return ctx->host->tasks == nullptr; })) << "a save that was begun is finished";
-    EXPECT_EQ(read_file(config), "hostname other\n");
+    EXPECT_TRUE(pump([&] { return read_file(config) == "hostname other\n"; })) << "it is saved all the same";
+    EXPECT_TRUE(pump([&] { return ctx->host->tasks == nullptr; }));
 }
 
 TEST_F(Terminal, FileIsShownInPages) {
