@@ -117,7 +117,7 @@ ssm_told told_now() {
     ssm_pdu_identity(told.clock_id, &told.hops);
     const ssm_port* source = g_s_master->selected_port;
     told.source = source ? source->ifindex : 0;
-    told.quality = static_cast<std::uint8_t>(g_s_master->current_quality);
+    told.quality = static_cast<ssm_quality>(g_s_master->current_quality);
     return told;
 }
 
@@ -334,7 +334,7 @@ void ssm_guard_selected(const ssm_port* chosen, bool refused_some) {
         end_hold(chosen);
 }
 
-void ssm_guard_sending(const std::uint8_t* clock_id, std::uint8_t hops, std::uint8_t quality) {
+void ssm_guard_sending(const std::uint8_t* clock_id, std::uint8_t hops, ssm_quality quality) {
     if (quality == QL_DNU || same_clock(clock_id, g_s_master->clock_id)) return;
     ssm_distance_tell(&g_s_master->guard.distances, clock_id, hops, thread_now(g_p_esmcd));
 }

@@ -60,8 +60,8 @@ nanoseconds ssm_distance_forget(ssm_distances* told, nanoseconds now);
 struct ssm_told {
     std::uint8_t clock_id[SSM_CLOCK_ID_SIZE];
     std::uint32_t source;  // interface index; 0: none
+    std::uint16_t quality;
     std::uint8_t hops;
-    std::uint8_t quality;
     bool operator==(const ssm_told&) const = default;
 };
 
@@ -110,7 +110,7 @@ ssm_guard_words ssm_guard_objection(const ssm_port* port);
 // What selection and transmission tell the guard: the candidate that was chosen (null: none), and whether an
 // offer was refused that would have been preferred to it.
 void ssm_guard_selected(const ssm_port* chosen, bool refused_some);
-void ssm_guard_sending(const std::uint8_t* clock_id, std::uint8_t hops, std::uint8_t quality);
+void ssm_guard_sending(const std::uint8_t* clock_id, std::uint8_t hops, std::uint16_t quality);
 void ssm_guard_sent_late();
 // At the end of each event: tells the neighbours what has changed.
 void ssm_guard_after_event();

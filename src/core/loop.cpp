@@ -9,7 +9,12 @@ int ssm_run_event(thread* event) {
     // What a port sends, once a second each, is nothing that selection looks at.
     if (event->func != ssm_pdu_sync_trigger) ++g_s_master->events;
     const int result = thread_call(event);
-    if (g_s_master->guard.enable && g_s_master->ssm_extend) ssm_guard_after_event();
+    const ssm_master& clock = *g_s_master;
+    const ssm_standing now = {clock.selected_port, clock.current_quality, clock.device_type, clock.holdover,
+                              clock.freerun};
+    if (now != clock.standing) [[unlikely]]
+        ssm_history_changed(now);
+    if (clock.guard.enable && clock.ssm_extend) ssm_guard_after_event();
     return result;
 }
 

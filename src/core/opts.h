@@ -32,6 +32,26 @@ std::int32_t ssm_opts_set_port_replace_clockid(interface* intf, std::uint32_t on
 std::int32_t ssm_opts_set_port_quality(interface* intf, std::uint32_t direction, const char* token);
 std::int32_t ssm_opts_set_gephy_role(interface* intf, std::uint32_t enable, std::uint32_t role);
 
+// Supervision of sources; see supervision.h. Milliseconds 0: none, of a port: the switch's.
+std::int32_t ssm_opts_set_hold_off(std::uint32_t milliseconds);
+std::int32_t ssm_opts_set_port_hold_off(interface* intf, std::uint32_t milliseconds);
+std::int32_t ssm_opts_set_restore(std::uint32_t seconds);  // wait-to-restore; 0: none
+std::int32_t ssm_opts_set_port_restore(interface* intf, std::uint32_t seconds);
+std::int32_t ssm_opts_unset_port_restore(interface* intf);  // the switch's again
+std::int32_t ssm_opts_end_restore(ssm_port* port);          // null: of all ports
+std::int32_t ssm_opts_set_port_lockout(interface* intf, std::uint32_t on);
+std::int32_t ssm_opts_set_non_revertive(std::uint32_t on);
+// SSM_CLI_E_INVALID_INPUT with the reason in *why, else null there.
+std::int32_t ssm_opts_manual_switch(interface* intf, const char** why);
+// Ends manual and forced switch.
+std::int32_t ssm_opts_clear_switch();
+enum class ssm_limit : std::uint8_t { minimum, maximum };
+std::int32_t ssm_opts_set_port_limit(interface* intf, std::uint32_t direction, ssm_limit limit,
+                                     const char* token);  // as ssm_opts_set_port_quality
+std::int32_t ssm_opts_set_extend_form(std::uint32_t form);
+std::int32_t ssm_opts_set_port_extend_form(interface* intf, std::uint32_t form);
+std::int32_t ssm_opts_set_clock_type(std::uint32_t type);
+
 // Link state of a port (given the record, not the interface).
 std::int32_t ssm_opts_link_up_switch(ssm_port* port);
 std::int32_t ssm_opts_link_down_switch(ssm_port* port);

@@ -9,6 +9,7 @@
 #include "core/ql.h"
 #include "core/result.h"
 #include "core/select.h"
+#include "core/supervision.h"
 
 namespace {
 
@@ -18,7 +19,7 @@ bool ssm_runs() {
 
 // A port that has a time-out running, or an operator's word for its quality, can still serve.
 bool may_serve(const ssm_port* port) {
-    if (port->timeout_timer) return true;
+    if (port->timeout_timer || port->hold_off_timer) return true;
     return port->synce_enable && port->link_up && ssm_runs() && port->force_rx_quality != QL_NONE &&
            port->force_rx_quality != QL_DNU;
 }
@@ -39,7 +40,7 @@ void switch_to_forced(ssm_port* forced) {
 
 void switch_to_force_port() {
     ssm_port* forced = g_s_master->force_port;
-    const std::uint8_t quality = ssm_port_select_quality(forced);
+    const ssm_quality quality = ssm_port_select_quality(forced);
     if (quality == QL_NONE) {
         // Nothing forced, nothing received: the operator's word still holds, but nobody may rely on it.
         g_s_master->current_quality = QL_DNU;
@@ -60,7 +61,7 @@ void switch_to_force_port() {
 
 bool ssm_force_port_in_effect() {
     const ssm_port* forced = g_s_master->force_port;
-    return forced && g_s_master->global_enable && forced->link_up && forced->synce_enable;
+    return forced && g_s_master->global_enable && forced->link_up && forced->synce_enable && !forced->lockout;
 }
 
 void ssm_opts_without_ssm_step() {
@@ -128,13 +129,19 @@ std::int32_t ssm_opts_force_switch_if() {
 
 std::int32_t ssm_opts_set_force_port(ssm_port* port) {
     if (g_s_master->force_port == port) return SSM_OK;
-    if (port) g_s_master->force_e1 = 0;
+    if (port) {
+        g_s_master->force_e1 = 0;
+        ssm_manual_drop("the source is forced");
+    }
     g_s_master->force_port = port;
+    if (port) ssm_history_command(port->intf->name, "forced switch", "the operator");
     ssm_opts_after_change();
     return SSM_OK;
 }
 
 std::int32_t ssm_opts_unforce_port() {
+    if (g_s_master->force_port)
+        ssm_history_command(g_s_master->force_port->intf->name, "no forced switch", "the operator");
     g_s_master->force_port = nullptr;
     ssm_opts_master_only_apply();
     ssm_opts_no_source();  // the next selection chooses anew
@@ -144,7 +151,10 @@ std::int32_t ssm_opts_unforce_port() {
 
 std::int32_t ssm_opts_force_e1(std::uint32_t on) {
     if (g_s_master->force_e1 == on) return SSM_OK;
-    if (on) g_s_master->force_port = nullptr;
+    if (on) {
+        g_s_master->force_port = nullptr;
+        ssm_manual_drop("the source is forced");
+    }
     g_s_master->force_e1 = on;
     ssm_opts_after_change();
     return SSM_OK;

@@ -6,6 +6,7 @@
 #include "core/ports.h"
 #include "core/ql.h"
 #include "core/result.h"
+#include "core/supervision.h"
 #include "core/timers.h"
 
 namespace {
@@ -31,6 +32,7 @@ std::int32_t ssm_opts_set_port_synce(interface* intf, std::uint32_t on) {
     ssm_port* port = ssm_if_port(intf);
     if (!port) return SSM_CLI_E_INVALID_IF;
     if (port->synce_enable == on) return SSM_OK;
+    if (!on) ssm_supervision_forget(port);
     port->synce_enable = on;
     (void)ssm_port_timers_update(port, on != 0);
     ssm_opts_reselect();
@@ -130,6 +132,7 @@ std::int32_t ssm_opts_set_gephy_role(interface* intf, std::uint32_t enable, std:
 
 std::int32_t ssm_opts_link_up_switch(ssm_port* port) {
     port->link_up = 1;
+    if (port->force_rx_quality != QL_NONE) ssm_source_recovered(port);
     const std::int32_t rv = ssm_port_timers_update(port, 1);
     if (rv < 0) return ssm_op_failed(rv, "ssm_opts_link_up_switch", 283);
     ssm_opts_reselect();
@@ -138,6 +141,7 @@ std::int32_t ssm_opts_link_up_switch(ssm_port* port) {
 }
 
 std::int32_t ssm_opts_link_down_switch(ssm_port* port) {
+    ssm_source_failed(port);
     (void)ssm_opts_intf_fini_port(port);  // the rules below hold whatever became of the timers
     ssm_opts_after_change();
     return SSM_OK;
@@ -157,6 +161,8 @@ void ssm_opts_release_port(ssm_port* port) {
     drop_forced_count(port->force_rx_quality);
     drop_forced_count(port->force_tx_quality);
     drop_manual_gephy(port);
+    ssm_supervision_forget(port);
+    if (g_s_master->manual_port == port) ssm_manual_drop("the port is gone");
     (void)ssm_opts_intf_fini_port(port);  // must not stop the removal
     if (g_s_master->selected_port == port) g_s_master->selected_port = nullptr;
 }

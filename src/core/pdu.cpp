@@ -7,11 +7,14 @@
 #include <cstring>
 
 #include "core/debug.h"
+#include "core/extension.h"
 #include "core/loop.h"
 #include "core/opts.h"
 #include "core/ports.h"
 #include "core/ql.h"
+#include "core/select.h"
 #include "core/socket.h"
+#include "core/supervision.h"
 #include "core/timers.h"
 
 std::uint8_t ssm_pdu_buf[esmc::SIZE];
@@ -99,17 +102,17 @@ namespace {
 
 // The quality of the source that the operator forced, if any. False: a source is forced that has no quality,
 // so that there is nothing true to advertise.
-bool apply_force_switch(const ssm_port* port, std::uint8_t* quality) {
+bool apply_force_switch(const ssm_port* port, ssm_quality* quality) {
     const ssm_port* forced = g_s_master->force_port;
     // Whether SyncE is on as well makes no difference here: without it no port sends.
     if (ssm_force_port_in_effect()) {
         if (forced->force_rx_quality != QL_NONE) {
-            *quality = static_cast<std::uint8_t>(forced->force_rx_quality);
+            *quality = forced->force_rx_quality;
             SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG,
                       "%s%sssm_pdu_tx: Sending forcible rx QL %d on port %s under force-switch mode",
                       *quality, port->intf->name);
         } else if (forced->recv_quality != QL_NONE) {
-            *quality = static_cast<std::uint8_t>(forced->recv_quality);
+            *quality = ssm_port_select_quality(forced);
             SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG,
                       "%s%sssm_pdu_tx: Sending recved QL %d on port %s under force-switch mode", *quality,
                       port->intf->name);
@@ -124,7 +127,7 @@ bool apply_force_switch(const ssm_port* port, std::uint8_t* quality) {
                       "%s%sssm_pdu_tx: force-switch e1 port has no QL value");
             return false;
         }
-        *quality = static_cast<std::uint8_t>(g_s_master->e1_quality);
+        *quality = static_cast<ssm_quality>(g_s_master->e1_quality);
         SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG,
                   "%s%sssm_pdu_tx: Sending forcible e1 rx QL %d under force-switch e1 mode", *quality);
     }
@@ -132,12 +135,13 @@ bool apply_force_switch(const ssm_port* port, std::uint8_t* quality) {
 }
 
 // The port's own overrides, weakest first: a forced quality never holds where a timing loop would close.
-void apply_port_overrides(const ssm_port* port, std::uint8_t* quality) {
+void apply_port_overrides(const ssm_port* port, ssm_quality* quality) {
     if (port->force_tx_quality != QL_NONE) {
-        *quality = static_cast<std::uint8_t>(port->force_tx_quality);
+        *quality = port->force_tx_quality;
         SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG, "%s%sssm_pdu_tx: Sending forcible tx QL %d to on port %s",
                   *quality, port->intf->name);
     }
+    *quality = ssm_limited_for_sending(port, *quality);
     if (port == g_s_master->selected_port) {
         *quality = QL_DNU;
         SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG, "%s%sssm_pdu_tx: Sending dnu to selected port %s",
@@ -159,7 +163,7 @@ std::int32_t ssm_dnu_group_has_selected(std::uint8_t group) {
 
 std::int32_t ssm_pdu_tx(ssm_port* port, std::uint32_t information) {
     if (ssm_pdu_format_ssmdu(ssm_pdu_buf, information) < 0) return -1;
-    std::uint8_t& quality = ssm_pdu_buf[esmc::QUALITY];
+    auto quality = static_cast<ssm_quality>(g_s_master->current_quality);
     if (!apply_force_switch(port, &quality)) {
         port->send_quality = QL_NONE;
         return 0;
@@ -167,8 +171,11 @@ std::int32_t ssm_pdu_tx(ssm_port* port, std::uint32_t information) {
     apply_port_overrides(port, &quality);
 
     port->send_quality = quality;
+    ssm_pdu_buf[esmc::QUALITY] = ssm_code_of(quality);
     if (ssm_guard_in_force())
         ssm_guard_sending(&ssm_pdu_buf[esmc::CLOCK_ID], ssm_pdu_buf[esmc::HOP], quality);
+    if (g_s_master->ssm_extend && ssm_extend_form_of(port) == SSM_FORM_STANDARD)
+        ssm_extension_write_standard(ssm_pdu_buf, quality);
     SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG, "%s%sssm_pdu_tx: Sending ssm pdu on port %s",
               port->intf->name);
     if (ssm_debugging(SSM_DEBUG_PACKET)) ssm_pdu_dump(ssm_pdu_buf);
@@ -176,7 +183,9 @@ std::int32_t ssm_pdu_tx(ssm_port* port, std::uint32_t information) {
     slow_address to = {};
     std::memcpy(to.destination, ssm_grp_addr, sizeof to.destination);
     to.ifindex = port->intf->ifindex;
-    return send_ssm(to, ssm_pdu_buf, sizeof ssm_pdu_buf);
+    const std::int32_t sent = send_ssm(to, ssm_pdu_buf, sizeof ssm_pdu_buf);
+    if (sent >= 0) ssm_statistics_said(port, ssm_pdu_buf);
+    return sent;
 }
 
 namespace {
@@ -233,17 +242,22 @@ namespace {
 // Says whether the PDU repeats what the port received before. Every field that is stored here and that a
 // selection key or a refusal reads takes part in the comparison.
 bool store_received(ssm_port* port, const std::uint8_t* pdu) {
-    static constexpr std::uint8_t NO_CLOCK_ID[SSM_CLOCK_ID_SIZE] = {};
-    const bool extended = pdu[esmc::EXT_TLV_TYPE] == esmc::TYPE_EXT;
-    const std::uint8_t* clock_id = extended ? pdu + esmc::CLOCK_ID : NO_CLOCK_ID;
-    const std::uint8_t hops = extended ? pdu[esmc::HOP] : std::uint8_t{0};
-    const std::uint8_t quality = pdu[esmc::QUALITY];
-    if (port->recv_quality == quality && port->recv_hop_count == hops &&
-        std::memcmp(port->recv_clockid, clock_id, SSM_CLOCK_ID_SIZE) == 0)
+    bool malformed = false;
+    const ssm_extension said = ssm_extension_read(pdu, &malformed);
+    if (malformed) ++port->statistics->bad_tlvs;
+    const ssm_quality quality = ssm_ql_received(pdu[esmc::QUALITY], said.enhanced);
+    if (port->recv_quality == quality && port->recv_hop_count == said.hops && port->recv_form == said.form &&
+        port->recv_flags == said.flags && port->recv_eeec == said.eeec && port->recv_eec == said.eec &&
+        std::memcmp(port->recv_clockid, said.clock_id, SSM_CLOCK_ID_SIZE) == 0)
         return true;
+    if (port->recv_quality != quality) port->statistics->quality_changed = thread_now(g_p_esmcd);
     port->recv_quality = quality;
-    port->recv_hop_count = hops;
-    std::memcpy(port->recv_clockid, clock_id, SSM_CLOCK_ID_SIZE);
+    port->recv_hop_count = said.hops;
+    port->recv_form = said.form;
+    port->recv_flags = said.flags;
+    port->recv_eeec = said.eeec;
+    port->recv_eec = said.eec;
+    std::memcpy(port->recv_clockid, said.clock_id, SSM_CLOCK_ID_SIZE);
     return false;
 }
 

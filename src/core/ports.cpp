@@ -38,6 +38,8 @@ ssm_port* ssm_record_take(interface* intf) {
     }
     if (port == block->end) ++block->end;
     port->intf = intf;
+    port->statistics = &block->statistics[port - block->records];
+    *port->statistics = {};
     return port;
 }
 

@@ -37,6 +37,7 @@ struct ssm_record_block {
     ssm_record_block* next;
     ssm_port* end;  // behind the last record that is taken
     ssm_port records[16];
+    ssm_statistics statistics[16];
 };
 
 // A zeroed record for this interface; null when memory is exhausted.

@@ -37,6 +37,8 @@ constexpr std::array<ql_names, 16> QL_NAMES = {{
     {"prov", "PROV", "PROV"},
     {"dnu", "DNU", "DNU"},
 }};
+constexpr ql_names EPRTC_NAMES = {"eprtc", "ePRTC", "ePRTC"}, PRTC_NAMES = {"prtc", "PRTC", "PRTC"},
+                   EPRC_NAMES = {"eprc", "ePRC", "ePRC"}, EEEC_NAMES = {"eeec", "eEEC", "eEEC"};
 constexpr ql_names TNC_NAMES = {"tnc", "TNC", "TNC"};
 constexpr ql_names DUS_NAMES = {"dus", "DUS", "DUS"};
 
@@ -44,8 +46,22 @@ bool option_1() {
     return g_s_master->ql_option == SSM_OPTION_1;
 }
 
-// The only codes that read differently under the two options are 4 and 15.
+// Of SSM codes, those that read differently under the two options are 4 and 15.
 const ql_names& ql_names_of(std::uint32_t code) {
+    switch (ssm_enhanced_of(code)) {
+        case 0:
+            break;
+        case QL_ENHANCED_PRTC:
+            return PRTC_NAMES;
+        case QL_ENHANCED_EPRTC:
+            return EPRTC_NAMES;
+        case QL_ENHANCED_EEEC:
+            return EEEC_NAMES;
+        case QL_ENHANCED_EPRC:
+            return EPRC_NAMES;
+        default:
+            return UNNAMED;
+    }
     if (code >= QL_NAMES.size()) return UNNAMED;
     if (!option_1() && code == QL_TNC) return TNC_NAMES;
     if (!option_1() && code == QL_DNU) return DUS_NAMES;
@@ -54,14 +70,39 @@ const ql_names& ql_names_of(std::uint32_t code) {
 
 struct ql_token {
     const char* token;
-    std::uint16_t code;
+    ssm_quality code;
 };
 
-constexpr ql_token OPTION_1_TOKENS[] = {{"prc", QL_PRC},   {"ssu-a", QL_SSU_A}, {"ssu-b", QL_SSU_B},
-                                        {"eec1", QL_EEC1}, {"dnu", QL_DNU},     {"na", QL_NONE}};
-constexpr ql_token OPTION_2_TOKENS[] = {
-    {"stu", QL_STU}, {"prs", QL_PRS},   {"tnc", QL_TNC},   {"st2", QL_ST2}, {"eec2", QL_EEC2},
-    {"smc", QL_SMC}, {"st3e", QL_ST3E}, {"prov", QL_PROV}, {"dus", QL_DNU}, {"na", QL_NONE}};
+// An enhanced code goes with the SSM code that an older neighbour is to see.
+constexpr ql_token OPTION_1_TOKENS[] = {{"prc", QL_PRC},
+                                        {"ssu-a", QL_SSU_A},
+                                        {"ssu-b", QL_SSU_B},
+                                        {"eec1", QL_EEC1},
+                                        {"dnu", QL_DNU},
+                                        {"na", QL_NONE},
+                                        {"prtc", ssm_quality_of(QL_PRC, QL_ENHANCED_PRTC)},
+                                        {"eprtc", ssm_quality_of(QL_PRC, QL_ENHANCED_EPRTC)},
+                                        {"eprc", ssm_quality_of(QL_PRC, QL_ENHANCED_EPRC)},
+                                        {"eeec", ssm_quality_of(QL_EEC1, QL_ENHANCED_EEEC)}};
+constexpr ql_token OPTION_2_TOKENS[] = {{"stu", QL_STU},
+                                        {"prs", QL_PRS},
+                                        {"tnc", QL_TNC},
+                                        {"st2", QL_ST2},
+                                        {"eec2", QL_EEC2},
+                                        {"smc", QL_SMC},
+                                        {"st3e", QL_ST3E},
+                                        {"prov", QL_PROV},
+                                        {"dus", QL_DNU},
+                                        {"na", QL_NONE},
+                                        {"prtc", ssm_quality_of(QL_PRS, QL_ENHANCED_PRTC)},
+                                        {"eprtc", ssm_quality_of(QL_PRS, QL_ENHANCED_EPRTC)},
+                                        {"eprc", ssm_quality_of(QL_PRS, QL_ENHANCED_EPRC)},
+                                        {"eeec", ssm_quality_of(QL_EEC2, QL_ENHANCED_EEEC)}};
+
+std::span<const ql_token> tokens_in_force() {
+    return option_1() ? std::span<const ql_token>(OPTION_1_TOKENS)
+                      : std::span<const ql_token>(OPTION_2_TOKENS);
+}
 
 consteval std::uint16_t code_set(std::initializer_list<ssm_code> codes) {
     unsigned set = 0;
@@ -86,14 +127,19 @@ const char* ssm_ql_to_token(std::uint32_t code) {
 }
 
 std::int32_t ssm_ql_parse(const char* token, std::uint16_t* code) {
-    const std::span<const ql_token> tokens =
-        option_1() ? std::span<const ql_token>(OPTION_1_TOKENS) : std::span<const ql_token>(OPTION_2_TOKENS);
-    for (const ql_token& known : tokens) {
+    for (const ql_token& known : tokens_in_force()) {
         if (std::strcmp(token, known.token) != 0) continue;
         *code = known.code;
         return SSM_OK;
     }
     return option_1() ? SSM_CLI_E_QL_OPTION1 : SSM_CLI_E_QL_OPTION2;
+}
+
+ssm_quality ssm_ql_received(std::uint8_t code, std::uint8_t enhanced) {
+    const ssm_quality both = ssm_quality_of(code, enhanced);
+    for (const ql_token& known : tokens_in_force())
+        if (enhanced && known.code == both) return both;
+    return code;
 }
 
 std::uint8_t ssm_holdover_quality() {

@@ -13,6 +13,9 @@ const char* ssm_ql_to_token(std::uint32_t code);                    // command t
 [[nodiscard]] std::int32_t ssm_ql_parse(const char* token, std::uint16_t* code);
 // Of this switch's own oscillator, which holds the last frequency.
 std::uint8_t ssm_holdover_quality();
+// The quality of a PDU with these two codes: a pair that the option in force does not know is what its SSM
+// code says.
+ssm_quality ssm_ql_received(std::uint8_t code, std::uint8_t enhanced);
 // Whether a received PDU may carry it under the option in force.
 bool ssm_ql_receivable(std::uint8_t code);
 

@@ -32,8 +32,10 @@ std::int32_t ssm_master_init() {
 
 std::int32_t ssm_port_init(ssm_port* port) {
     interface* intf = port->intf;
+    ssm_statistics* statistics = port->statistics;
     *port = {};
     port->intf = intf;
+    port->statistics = statistics;
     port->ifindex = intf->ifindex;
     port->esmc_mode = SSM_ESMC_ALL;
     port->priority = SSM_PRIORITY_NONE;
@@ -41,6 +43,7 @@ std::int32_t ssm_port_init(ssm_port* port) {
     port->recv_quality = QL_NONE;
     port->force_tx_quality = QL_NONE;
     port->force_rx_quality = QL_NONE;
+    port->min_rx_quality = port->max_rx_quality = port->min_tx_quality = port->max_tx_quality = QL_NONE;
     std::memset(port->logged_clockid, 0xFF, sizeof port->logged_clockid);  // no switch's identity
     return SSM_OK;
 }

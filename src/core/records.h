@@ -7,6 +7,8 @@
 #include <cstdint>
 
 #include "core/guard.h"
+#include "core/history.h"
+#include "core/statistics.h"
 #include "suite/base/context.h"
 #include "suite/base/memory.h"
 #include "suite/log/limit.h"
@@ -41,6 +43,33 @@ enum ssm_code : std::uint8_t {
     QL_DNU = 15,  // option 2: DUS
 };
 
+// A quality is held as its SSM code, with the enhanced code of ITU-T G.8264's extended QL TLV in the octet
+// above it where that says more than the SSM code alone (0: it does not). The SSM code is what is sent in the
+// QL TLV, what the MIB's objects hold, and all that a neighbour without that TLV sees.
+using ssm_quality = std::uint16_t;
+enum ssm_enhanced_code : std::uint8_t {
+    QL_ENHANCED_PRTC = 0x20,
+    QL_ENHANCED_EPRTC = 0x21,
+    QL_ENHANCED_EEEC = 0x22,
+    QL_ENHANCED_EPRC = 0x23,
+    QL_ENHANCED_NONE = 0xFF,  // on the wire
+};
+constexpr ssm_quality ssm_quality_of(std::uint8_t code, std::uint8_t enhanced) {
+    return static_cast<ssm_quality>(enhanced << 8 | code);
+}
+constexpr std::uint8_t ssm_code_of(std::uint32_t quality) {
+    return static_cast<std::uint8_t>(quality);
+}
+constexpr std::uint8_t ssm_enhanced_of(std::uint32_t quality) {
+    return static_cast<std::uint8_t>(quality >> 8);
+}
+
+// The form of the extended TLV that a port sends.
+enum ssm_extend_form : std::uint8_t { SSM_FORM_DEFAULT = 0, SSM_FORM_OWN = 1, SSM_FORM_STANDARD = 2 };
+
+// How this switch counts itself in a chain.
+enum ssm_clock_type : std::uint8_t { SSM_CLOCK_EEC = 0, SSM_CLOCK_EEEC = 1 };
+
 enum ssm_option : std::uint8_t { SSM_OPTION_1 = 1, SSM_OPTION_2 = 2 };
 enum ssm_device_type : std::uint32_t { SSM_MASTER_ONLY = 1, SSM_SLAVE_ONLY = 2, SSM_DEFAULT_ROLE = 3 };
 enum ssm_esmc_mode : std::uint32_t { SSM_ESMC_RX = 1, SSM_ESMC_TX = 2, SSM_ESMC_ALL = 3, SSM_ESMC_NONE = 4 };
@@ -67,6 +96,8 @@ struct ssm_master {
     std::uint32_t current_quality;  // what the switch advertises
     std::uint32_t device_type;
     std::uint32_t ssm_extend;
+    std::uint8_t extend_form;  // of ports that have none of their own
+    std::uint8_t clock_type;
     std::uint32_t holdover;  // mirrored to NSM
     std::uint32_t freerun;   // no port was ever switched to
     ssm_port* force_port;
@@ -85,6 +116,12 @@ struct ssm_master {
     std::uint64_t events;              // that ran, and in which of them a PDU last left the choice settled
     std::uint64_t settled_in;
     ssm_guard guard;
+    ssm_standing standing;        // where the clock stands, as its history has it
+    std::uint32_t hold_off_ms;    // 0: failures count at once
+    std::uint32_t restore_s;      // 0: sources that have failed count again at once
+    std::uint32_t non_revertive;  // a better priority alone does not take the source over
+    ssm_port* manual_port;        // the operator's choice among ports of the best quality, or null
+    ssm_history history;
 };
 
 // The records of all ports lie together (ports.h), and what selection reads of each comes first, in one line
@@ -101,11 +138,24 @@ struct ssm_port {
     std::uint32_t recv_pdu;  // a usable PDU came and its time-out has not expired
     std::uint32_t synce_enable;
     std::uint32_t link_up;
+    std::uint8_t lockout;                          // the operator's: no candidate
+    std::uint8_t failed;                           // and has not been without a fault for long enough since
+    std::uint8_t limited;                          // there is a max_rx_quality
+    std::uint16_t min_rx_quality, max_rx_quality;  // QL_NONE: no limit
 
     std::uint32_t esmc_mode;
     std::uint16_t send_quality;
     std::uint16_t force_tx_quality;
-    std::uint8_t dnu_group;  // 0: none
+    std::uint16_t min_tx_quality, max_tx_quality;
+    std::uint16_t hold_off_ms;  // 0: the switch's
+    std::uint16_t restore_s;    // where `restore_set`, else the switch's
+    std::uint8_t restore_set;
+    std::uint8_t held_failures;  // that wait for the end of hold_off_timer, as ssm_failure
+    std::uint8_t dnu_group;      // 0: none
+    std::uint8_t extend_form;    // SSM_FORM_DEFAULT: the switch's
+    std::uint8_t recv_form;      // of the TLV that came last; SSM_FORM_DEFAULT: none
+    std::uint8_t recv_flags;     // of the standard's form, and its two counts
+    std::uint8_t recv_eeec, recv_eec;
     std::uint8_t event_skip;
     std::uint8_t gephy_by_command;                   // the role counts in gephy_manual_count
     std::uint8_t neighbour_untold;                   // the log has another one than there is
@@ -114,14 +164,17 @@ struct ssm_port {
     std::uint8_t neighbour_logged[SSM_ADDRESS_SIZE];
     std::uint32_t gephy_role_enable;
     std::uint32_t gephy_role;
-    thread* timeout_timer;         // null: not running
-    thread* send_timer;            // null: not running; set: a transmitting port
-    thread* event_timer;           // null: no event PDU is held back
+    thread* timeout_timer;  // null: not running
+    thread* send_timer;     // null: not running; set: a transmitting port
+    thread* event_timer;    // null: no event PDU is held back
+    thread* hold_off_timer;
+    thread* restore_timer;         // runs while `failed` and without a fault
     nanoseconds event_credit;      // when the port will have earned the event PDUs that it has sent
     nanoseconds guard_refused_at;  // the loop guard refuses what is offered here, since then; 0: it does not
     log_limit neighbour_limit;
-    nanoseconds guard_said_at;  // the log said so last; 0: never
-    bool guard_alarmed;         // it has been said that this lasts
+    nanoseconds guard_said_at;   // the log said so last; 0: never
+    bool guard_alarmed;          // it has been said that this lasts
+    ssm_statistics* statistics;  // the port's as long as it lives, apart from what selection walks
 };
 
 // These three lead to everything that one switch keeps from one event to the next. Whoever runs many switches

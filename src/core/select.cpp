@@ -12,26 +12,33 @@
 #include "core/opts.h"
 #include "core/pdu.h"
 #include "core/ports.h"
+#include "core/supervision.h"
 
 // ---- Ranking ------------------------------------------------------------------------------------------
 
 namespace {
 
-// The place of every code in the quality order; smaller is better. Option 1 codes are in order as they are;
-// of option 2, three are not.
-using rank_table = std::array<std::uint8_t, 256>;
+using port_rank = std::uint64_t;
+
+// The place of every SSM code in the quality order; smaller is better. Option 1 codes are in order as they
+// are; of option 2, three are not. Enhanced codes have places of their own before their SSM code's, best
+// first: ePRTC, PRTC, ePRC. (eEEC has another SSM code.)
+using rank_table = std::array<std::uint16_t, 256>;
+constexpr std::uint16_t PLACES_A_CODE = 4;
+constexpr unsigned RANK_BITS = 10;
 
 consteval rank_table codes_in_order() {
     rank_table ranks;
-    for (std::size_t code = 0; code < ranks.size(); ++code) ranks[code] = static_cast<std::uint8_t>(code);
+    for (std::size_t code = 0; code < ranks.size(); ++code)
+        ranks[code] = static_cast<std::uint16_t>(code * PLACES_A_CODE);
     return ranks;
 }
 
 consteval rank_table option_2_order() {
     rank_table ranks = codes_in_order();
-    ranks[QL_STU] = 2;
-    ranks[QL_ST2] = 3;
-    ranks[QL_ST3E] = 5;
+    ranks[QL_STU] = 2 * PLACES_A_CODE;
+    ranks[QL_ST2] = 3 * PLACES_A_CODE;
+    ranks[QL_ST3E] = 5 * PLACES_A_CODE;
     return ranks;
 }
 
@@ -41,7 +48,33 @@ const rank_table& ranks_in_force() {
     return g_s_master->ql_option == SSM_OPTION_1 ? OPTION_1_RANKS : OPTION_2_RANKS;
 }
 
-using port_rank = std::uint64_t;
+// By how many places better than the SSM code alone.
+unsigned better_by(std::uint8_t enhanced) {
+    switch (enhanced) {
+        case QL_ENHANCED_EPRTC:
+            return 3;
+        case QL_ENHANCED_PRTC:
+            return 2;
+        case QL_ENHANCED_EPRC:
+        case QL_ENHANCED_EEEC:
+            return 1;
+        default:
+            return 0;
+    }
+}
+
+port_rank quality_rank(ssm_quality quality) {
+    return ranks_in_force()[ssm_code_of(quality)] - port_rank{better_by(ssm_enhanced_of(quality))};
+}
+
+// Of what a port offers. Nearly always that is a plain code without a limit.
+inline port_rank offer_rank(const ssm_port* port, const rank_table& ranks) {
+    const ssm_quality quality =
+        port->force_rx_quality != QL_NONE ? port->force_rx_quality : port->recv_quality;
+    if (ssm_enhanced_of(quality) | port->limited) [[unlikely]]
+        return quality_rank(ssm_port_select_quality(port));
+    return ranks[ssm_code_of(quality)];
+}
 
 constexpr unsigned bit(ssm_rule rule) {
     return 1U << static_cast<unsigned>(rule);
@@ -57,13 +90,15 @@ constexpr struct {
     const char* name;
     unsigned bits;   // that the value has at most
     unsigned rules;  // under which it counts
-    port_rank (*value)(const ssm_port*);
+    port_rank (*value)(const ssm_port*, const rank_table& ranks);
 } KEYS[] = {
-    {"quality", 8, WITH_SSM,
-     [](const ssm_port* port) -> port_rank { return ranks_in_force()[ssm_port_select_quality(port)]; }},
-    {"priority", 8, ALWAYS, [](const ssm_port* port) -> port_rank { return port->priority; }},
-    {"hop count", 8, WITH_EXTENSION, [](const ssm_port* port) -> port_rank { return port->recv_hop_count; }},
-    {"interface index", 32, ALWAYS, [](const ssm_port* port) -> port_rank { return port->ifindex; }},
+    {"quality", RANK_BITS, WITH_SSM, offer_rank},
+    {"priority", 8, ALWAYS,
+     [](const ssm_port* port, const rank_table&) -> port_rank { return port->priority; }},
+    {"hop count", 8, WITH_EXTENSION,
+     [](const ssm_port* port, const rank_table&) -> port_rank { return port->recv_hop_count; }},
+    {"interface index", 32, ALWAYS,
+     [](const ssm_port* port, const rank_table&) -> port_rank { return port->ifindex; }},
 };
 
 // All keys in one number, the first one in the highest bits: a key begins where those behind it end.
@@ -90,12 +125,12 @@ port_rank mask_of(ssm_rule rule) {
 }
 
 template <std::size_t... Key>
-port_rank all_keys(const ssm_port* port, std::index_sequence<Key...>) {
-    return ((KEYS[Key].value(port) << SHIFT[Key]) | ...);
+port_rank all_keys(const ssm_port* port, const rank_table& ranks, std::index_sequence<Key...>) {
+    return ((KEYS[Key].value(port, ranks) << SHIFT[Key]) | ...);
 }
 
-port_rank rank_of(const ssm_port* port, port_rank mask) {
-    return all_keys(port, std::make_index_sequence<KEY_COUNT>{}) & mask;
+port_rank rank_of(const ssm_port* port, const rank_table& ranks, port_rank mask) {
+    return all_keys(port, ranks, std::make_index_sequence<KEY_COUNT>{}) & mask;
 }
 
 // The name of the first key that makes a difference; null: none does.
@@ -111,15 +146,16 @@ bool same_clock_id(const std::uint8_t* a, const std::uint8_t* b) {
 
 }  // namespace
 
-std::int32_t ssm_ql_compare(std::uint8_t a, std::uint8_t b) {
-    const rank_table& ranks = ranks_in_force();
-    const std::uint8_t rank_a = ranks[a], rank_b = ranks[b];
+std::int32_t ssm_ql_compare(ssm_quality a, ssm_quality b) {
+    const port_rank rank_a = quality_rank(a), rank_b = quality_rank(b);
     return (rank_a > rank_b) - (rank_a < rank_b);
 }
 
-std::uint8_t ssm_port_select_quality(const ssm_port* port) {
-    return static_cast<std::uint8_t>(port->force_rx_quality != QL_NONE ? port->force_rx_quality
-                                                                       : port->recv_quality);
+ssm_quality ssm_port_select_quality(const ssm_port* port) {
+    if (port->force_rx_quality != QL_NONE) return port->force_rx_quality;
+    const ssm_quality received = port->recv_quality;
+    if (!port->limited || received == QL_NONE) return received;
+    return quality_rank(received) < quality_rank(port->max_rx_quality) ? port->max_rx_quality : received;
 }
 
 ssm_rule ssm_rule_in_force() {
@@ -128,13 +164,14 @@ ssm_rule ssm_rule_in_force() {
 }
 
 ssm_order ssm_candidate_compare(const ssm_port* a, const ssm_port* b, ssm_rule rule) {
-    const port_rank rank_a = rank_of(a, mask_of(rule)), rank_b = rank_of(b, mask_of(rule));
+    const rank_table& ranks = ranks_in_force();
+    const port_rank rank_a = rank_of(a, ranks, mask_of(rule)), rank_b = rank_of(b, ranks, mask_of(rule));
     return {(rank_a > rank_b) - (rank_a < rank_b), first_difference(rank_a ^ rank_b)};
 }
 
 ssm_own_clock ssm_own_clock_compare(const ssm_port* best, ssm_rule rule) {
     if (rule != ssm_rule::priority) {
-        const auto own_quality = static_cast<std::uint8_t>(g_s_master->local_quality);
+        const auto own_quality = static_cast<ssm_quality>(g_s_master->local_quality);
         const std::int32_t order = ssm_ql_compare(ssm_port_select_quality(best), own_quality);
         if (order > 0) return ssm_own_clock::better_quality;
         if (order < 0) return ssm_own_clock::worse;
@@ -150,6 +187,7 @@ namespace {
 // What the port itself says; the look at the other ports (replaced identities) comes after it.
 ssm_refusal check_port(const ssm_port* port, ssm_rule rule) {
     if (!port->synce_enable) return ssm_refusal::synce_disabled;
+    if (port->lockout) return ssm_refusal::locked_out;
     if (!port->link_up) return ssm_refusal::link_down;
     if (rule == ssm_rule::priority) return ssm_refusal::none;
     if (port->force_rx_quality == QL_NONE) {
@@ -158,6 +196,8 @@ ssm_refusal check_port(const ssm_port* port, ssm_rule rule) {
     } else if (port->force_rx_quality == QL_DNU) {
         return ssm_refusal::forced_dnu;
     }
+    if (port->failed) return ssm_refusal::waiting_to_restore;
+    if (ssm_below_minimum(port)) return ssm_refusal::below_minimum;
     if (rule == ssm_rule::extension && same_clock_id(port->recv_clockid, g_s_master->clock_id))
         return ssm_refusal::own_clock_id;
     return ssm_refusal::none;
@@ -214,10 +254,11 @@ ssm_port* replacing_port(const std::uint8_t* clockid) {
 // Whether the guard refused one that would be better is added to *refused.
 ssm_port* best_from(port_rank floor, ssm_rule rule, port_rank* rank_found, bool* refused) {
     const port_rank mask = mask_of(rule);
+    const rank_table& ranks = ranks_in_force();
     ssm_port* best = nullptr;
     port_rank best_rank = UINT64_MAX;
     ssm_record_walk([&](ssm_port* port) {
-        const port_rank rank = rank_of(port, mask);
+        const port_rank rank = rank_of(port, ranks, mask);
         if (rank >= best_rank) [[likely]]
             return;
         if (rank < floor || check_port(port, rule) != ssm_refusal::none) return;
@@ -285,6 +326,12 @@ const char* ssm_refusal_text(ssm_refusal refusal) {
             return "candidate";
         case ssm_refusal::synce_disabled:
             return "synce disabled";
+        case ssm_refusal::locked_out:
+            return "locked out";
+        case ssm_refusal::below_minimum:
+            return "below the minimum";
+        case ssm_refusal::waiting_to_restore:
+            return "waiting to restore";
         case ssm_refusal::link_down:
             return "link down";
         case ssm_refusal::nothing_received:
@@ -311,7 +358,7 @@ const char* ssm_refusal_text(ssm_refusal refusal) {
 
 namespace {
 
-void advertise(std::uint8_t quality) {
+void advertise(ssm_quality quality) {
     if (quality == g_s_master->current_quality) return;
     g_s_master->current_quality = quality;
     (void)ssm_pdu_tx_all();  // a port that can't send now sends its next information PDU
@@ -335,7 +382,7 @@ void select_port(ssm_port* port) {
     if (g_s_master->dpll_state != SSM_DPLL_HOLDOVER)
         advertise(ssm_port_select_quality(port));
     else if (port->force_rx_quality != QL_NONE)
-        advertise(static_cast<std::uint8_t>(port->force_rx_quality));
+        advertise(port->force_rx_quality);
 }
 
 void no_candidate() {
@@ -356,6 +403,7 @@ ssm_port* choose() {
     bool refused = false;
     ssm_port* best = best_candidate(rule, &refused);
     if (guarded(rule)) ssm_guard_selected(best, refused);
+    if (g_s_master->manual_port || g_s_master->non_revertive) best = ssm_choice_of_operator(best);
     return best;
 }
 
@@ -388,12 +436,18 @@ void ssm_select_by_role(std::uint32_t role) {
 
 void ssm_select_default() {
     ssm_port* best = choose();
-    if (!best)
+    if (!best) {
         no_candidate();
-    else if (ssm_own_clock_compare(best, ssm_rule::quality) == ssm_own_clock::worse)
+        return;
+    }
+    const ssm_own_clock own = ssm_own_clock_compare(best, ssm_rule::quality);
+    const bool overridden = own == ssm_own_clock::not_worse_priority && best == g_s_master->manual_port;
+    if (own == ssm_own_clock::worse || overridden) {
         select_port(best);
-    else
+    } else {
+        ssm_manual_drop("the own clock is better");
         ssm_opts_no_source();
+    }
 }
 
 void ssm_select_slave_only() {

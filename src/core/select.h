@@ -14,12 +14,15 @@ ssm_rule ssm_rule_in_force();
 enum class ssm_refusal : std::uint8_t {
     none,  // it is one
     synce_disabled,
+    locked_out,
     link_down,
     nothing_received,  // and nothing forced
     forced_dnu,
     received_dnu,
     own_clock_id,       // extension: the port receives this switch's own clock back
     replaced_clock_id,  // extension: a port with replace-clockid receives the same identity
+    below_minimum,
+    waiting_to_restore,
     // The loop guard's:
     too_many_hops,
     own_holdover_as_good,
@@ -45,9 +48,9 @@ ssm_own_clock ssm_own_clock_compare(const ssm_port* best, ssm_rule rule = ssm_ru
 ssm_port* ssm_best_candidate(ssm_rule rule = ssm_rule_in_force());  // null: none
 
 // 1: `a` is worse than `b`, 0: they rank equal, -1: `a` is better; by the option in force.
-std::int32_t ssm_ql_compare(std::uint8_t a, std::uint8_t b);
+std::int32_t ssm_ql_compare(ssm_quality a, ssm_quality b);
 // What a port offers: the forced receive quality when there is one, else the received one.
-std::uint8_t ssm_port_select_quality(const ssm_port* port);
+ssm_quality ssm_port_select_quality(const ssm_port* port);
 // 1 when some port with replace-clockid received this identity (8 octets). Which one is logged, once for each
 // identity that it receives.
 std::int32_t ssm_replace_clockid_seen(const std::uint8_t* clockid);

@@ -11,6 +11,7 @@
 #include "core/ports.h"
 #include "core/ql.h"
 #include "core/select.h"
+#include "core/supervision.h"
 
 const std::uint8_t ssm_grp_addr[6] = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x02};
 
@@ -65,12 +66,21 @@ void log_frame(const slow_address& from, std::size_t length) {
             s[2], s[3], s[4], s[5], "recv_ssm", d[0], d[1], d[2], d[3], d[4], d[5]);
 }
 
+void heard_again(ssm_port* port) {
+    (void)ssm_hold_off_recovered(port, SSM_FAILED_SILENCE);  // if that was held off
+    ssm_source_recovered(port);
+}
+
 // A DNU is refused like any code that is no quality, but it still says that the neighbour is no source any
 // more.
 void refuse_quality(ssm_port* port, const slow_address& from, std::uint8_t quality) {
     SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_ERROR, "%s%s%s: receiveed pdu but error QL value %d", "recv_ssm",
               quality);
-    if (quality != QL_DNU) return;
+    if (quality != QL_DNU) {
+        ++port->statistics->bad_qualities;
+        return;
+    }
+    if (port->recv_quality != QL_DNU) port->statistics->quality_changed = thread_now(g_p_esmcd);
     port->recv_pdu = 1;
     ssm_neighbour_heard(port, from.source);
     port->recv_quality = QL_DNU;
@@ -83,6 +93,7 @@ void refuse_quality(ssm_port* port, const slow_address& from, std::uint8_t quali
 int ssm_take_frame(const slow_address& from, const std::uint8_t* pdu, std::size_t length) {
     if (length < SSM_SHORTEST_FRAME) {
         slow_socket_count_short();
+        if (ssm_port* sender = ssm_port_lookup_by_ifindex(from.ifindex)) ++sender->statistics->short_frames;
         return -1;
     }
     ssm_port* port = ssm_port_lookup_by_ifindex(from.ifindex);
@@ -98,11 +109,15 @@ int ssm_take_frame(const slow_address& from, const std::uint8_t* pdu, std::size_
         return static_cast<int>(length);
     const std::uint8_t quality = pdu[esmc::QUALITY];
     if (!ssm_ql_receivable(quality)) {
+        if (quality == QL_DNU) ssm_statistics_heard(port, pdu);
         refuse_quality(port, from, quality);
         return -1;
     }
     port->recv_pdu = 1;
     ssm_neighbour_heard(port, from.source);
+    ssm_statistics_heard(port, pdu);
+    if (port->failed || port->held_failures) [[unlikely]]
+        heard_again(port);
     if (ssm_debugging(SSM_DEBUG_PACKET)) log_frame(from, length);
     (void)ssm_handle_packet(port, pdu, length);  // always 0
     return static_cast<int>(length);

@@ -8,6 +8,7 @@
 #include "core/ports.h"
 #include "core/result.h"
 #include "core/socket.h"
+#include "core/supervision.h"
 
 namespace {
 
@@ -105,10 +106,17 @@ int _ssm_opts_timeout_trigger(thread* event) {
     SSM_TRACE(SSM_DEBUG_TIMER, LOG_LEVEL_DEBUG,
               "%s%sTIMEOUT TIMER: port %s timeout timer expiry: ", port->intf->name);
 
-    // The check looks at running time-outs, so this one must be off before it, and what was received is
-    // forgotten after it.
     port->timeout_timer = nullptr;
+    if (!ssm_hold_off(port, SSM_FAILED_SILENCE)) ssm_source_silent(port);
+    return SSM_OK;
+}
+
+void ssm_source_silent(ssm_port* port) {
+    ++port->statistics->timeouts;
+    if (port->recv_quality != QL_NONE) port->statistics->quality_changed = thread_now(g_p_esmcd);
+    ssm_source_failed(port);
+    // The check looks at running time-outs, so the port's must be off before it, and what was received is
+    // forgotten after it.
     ssm_opts_check_all_lost();
     forget_quality(port);
-    return SSM_OK;
 }

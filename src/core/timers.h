@@ -15,5 +15,8 @@ void ssm_timeout_timer_restart(ssm_port* port);
 // Starts or stops the port's protocol activity, as its configuration and the switch's allow. Returns 0.
 std::int32_t ssm_port_timers_update(ssm_port* port, std::uint32_t start);
 
+// What the end of the time-out means for the port, once it is not held off.
+void ssm_source_silent(ssm_port* port);
+
 int ssm_pdu_sync_trigger(thread* event);       // send timer
 int _ssm_opts_timeout_trigger(thread* event);  // time-out timer

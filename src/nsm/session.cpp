@@ -12,6 +12,7 @@
 #include "core/ports.h"
 #include "core/ql.h"
 #include "core/result.h"
+#include "core/supervision.h"
 #include "suite/manager/client.h"
 
 namespace {
@@ -102,6 +103,7 @@ int _ssm_nsm_recv_interface_up(interface* intf) {
               with_or_without(intf));
     ssm_port* port = ssm_if_port(intf);
     if (!port) return no_port(intf);
+    if (ssm_hold_off_recovered(port, SSM_FAILED_LINK)) return SSM_OK;  // too short to have happened
     if (port->link_up) {
         SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_ERROR, "%s%sInterface %s has already up.", intf->name);
         return SSM_OK;
@@ -128,6 +130,7 @@ int _ssm_nsm_recv_interface_down(interface* intf) {
         SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_ERROR, "%s%sInterface %s has already down.", intf->name);
         return SSM_OK;
     }
+    if (ssm_hold_off(port, SSM_FAILED_LINK)) return SSM_OK;
     const std::int32_t rv = ssm_opts_link_down_switch(port);
     return rv < 0 ? ssm_op_failed(rv, "_ssm_nsm_recv_interface_down", 267) : SSM_OK;
 }
