@@ -106,7 +106,7 @@ class Demo:
             seen = self.look()
             now, rounds = time.monotonic(), rounds + 1
             for name, (clock, _) in seen.items():
-                if ring.state_of(clock)[:2] != expected[name][:2]:
+                if not ring.matches(clock, expected[name][:2]):
                     turned.pop(name, None)
                 else:
                     turned.setdefault(name, now)
@@ -136,7 +136,7 @@ class Demo:
 
     def run(self):
         def start():
-            self.switches = ring.make(self.lab)
+            self.switches = ring.make(self.lab, more=ring.GUARD)
 
         def cut_first():
             self.switches["A"].link_set("p1", False)
@@ -158,8 +158,49 @@ class Demo:
                   port_shows("B", "p2", rx="PRC", tx="DNU"))
         self.step("Cut C-A, the last link to A: C holds over at EEC1, and B follows C.", cut_second, ring.CUT_BOTH, 8,
                   port_shows("B", "p2", rx="EEC1/SEC", tx="DNU"))
-        self.step("Restore both links: B and C return to A.", restore, ring.WHOLE, 15,
-                  port_shows("B", "p2", rx="PRC", tx="PRC"))
+        self.step("Restore both links: B and C return to A.", restore, ring.WHOLE, 15)
+
+    def lose_the_clock(self):
+        """In rings of their own, since A stays without a clock: once with the guard, once without."""
+        kept, aside = self.switches, Lab(tempfile.mkdtemp(prefix="esmc-demo-"))
+        try:
+            self._lose_the_clock(aside)
+        finally:
+            self.switches = kept
+            complaints = aside.stop()
+            aside.remove_logs()
+        if complaints:
+            raise Failed("; ".join(complaints))
+
+    def _lose_the_clock(self, lab):
+        def fail():
+            self.switches["A"].configure(*ring.LOSE_CLOCK)
+
+        def whole(clocks):
+            return all(ring.matches(clock, ring.WHOLE[name]) for name, clock in clocks.items())
+
+        def circle(clocks):
+            return ring.circle({name: ring.state_of(clock)[1] for name, clock in clocks.items()})
+        self.switches = ring.make(lab, more=ring.GUARD)
+        self._until(whole)
+        self.step("Another such ring; its A loses its clock and is a switch like the others: no loop, two clocks hold over.",
+                  fail, ring.NO_CLOCK, 15)
+        self.switches = ring.make(lab)
+        self._until(whole)
+        fail()
+        way = self._until(circle, 5)
+        self.screen.say("\nThe same without extension and loop guard: " + (
+            f"{way} follow each other round the ring, and nobody has a clock." if way else "this time no loop stood."))
+        self.screen.finish(table(self.look()))
+
+    def _until(self, holds, deadline=15):
+        """What `holds` makes of the clock blocks, once it is true, or at the deadline."""
+        end = time.monotonic() + deadline
+        while True:
+            held = holds({name: clock for name, (clock, _) in self.look().items()})
+            if held or time.monotonic() > end:
+                return held
+            time.sleep(0.02)
 
 
 def kept_notice(screen, demo, here):
@@ -224,6 +265,7 @@ def main(arguments):
     began = time.monotonic()
     try:
         demo.run()
+        demo.lose_the_clock()
         screen.say(f"\nEvery expected state was reached, in {time.monotonic() - began:.1f} s.")
         screen.say("    sources   all settled")
         for title, sources, took in demo.results:

@@ -42,6 +42,22 @@ GUARD = """clock synce ssm extend
 clock synce loop-guard
 """
 
+# A has lost its clock. With the guard B and C hold over, and A follows one of them; without it each may follow the next.
+NO_CLOCK = {"A": ("Lock", None, "EEC1/SEC", None), "B": ("Holdover", "N/A", "EEC1/SEC", "Holdover"),
+            "C": ("Holdover", "N/A", "EEC1/SEC", "Holdover")}
+LOSE_CLOCK = ("no clock synce master-only", "no clock synce local-quality")
+
+
+def circle(sources):
+    """The switches that follow each other in a circle, as "A, B, C, A"; empty when none do. `sources`: switch -> port."""
+    way = ["A"]
+    while sources.get(way[-1]) in PORT_TO[way[-1]]:
+        way.append(PORT_TO[way[-1]][sources[way[-1]]])
+        if way[-1] in way[:-1]:
+            return ", ".join(way[way.index(way[-1]):])
+    return ""
+
+
 NSMD_OPTIONS = ("--port", "p*", "--dpll", "sim")
 
 

@@ -234,8 +234,8 @@ void end_hold(const ssm_port* chosen) {
     const nanoseconds lasted = thread_now(g_p_esmcd) - guard.holding_since;
     guard.longest_hold = std::max(guard.longest_hold, lasted);
     if (guard.hold_said_at == guard.holding_since)
-        SSM_LOG(LOG_LEVEL_INFO, "%s%sloop guard: held over for %d ms, now %s%s",
-                static_cast<int>(lasted / NS_PER_MS), chosen ? "from " : "without a source",
+        SSM_LOG(LOG_LEVEL_INFO, "%s%sloop guard: held over for %d ms, %s%s",
+                static_cast<int>(lasted / NS_PER_MS), chosen ? "now from " : "no offer is left",
                 chosen ? chosen->intf->name : "");
     guard.holding_since = 0;
 }

@@ -157,8 +157,9 @@ struct ssm_port {
     std::uint8_t recv_flags;     // of the standard's form, and its two counts
     std::uint8_t recv_eeec, recv_eec;
     std::uint8_t event_skip;
-    std::uint8_t gephy_by_command;                   // the role counts in gephy_manual_count
-    std::uint8_t neighbour_untold;                   // the log has another one than there is
+    std::uint8_t gephy_by_command;  // the role counts in gephy_manual_count
+    bool guard_alarmed;             // it has been said that the guard refuses this port's offer
+    std::uint8_t neighbour_untold;  // the log has another one than there is
     std::uint8_t logged_clockid[SSM_CLOCK_ID_SIZE];  // that this port replaces, as the log has it
     std::uint8_t neighbour[SSM_ADDRESS_SIZE];        // who sent the last frame that was taken: neighbour.h
     std::uint8_t neighbour_logged[SSM_ADDRESS_SIZE];
@@ -173,7 +174,6 @@ struct ssm_port {
     nanoseconds guard_refused_at;  // the loop guard refuses what is offered here, since then; 0: it does not
     log_limit neighbour_limit;
     nanoseconds guard_said_at;   // the log said so last; 0: never
-    bool guard_alarmed;          // it has been said that this lasts
     ssm_statistics* statistics;  // the port's as long as it lives, apart from what selection walks
 };
 
