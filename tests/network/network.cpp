@@ -1,0 +1,289 @@
+#include "network/network.h"
+
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <queue>
+#include <random>
+#include <set>
+
+#include "core/ql.h"
+
+namespace {
+
+constexpr nanoseconds US = 1000;
+
+class network {
+  public:
+    explicit network(const network_plan& plan) : plan_(plan), random_(plan.seed) {
+        around_.now = [this] { return now_; };
+        around_.send = [this](network_switch* from, std::uint32_t port, const std::uint8_t* pdu) {
+            carry(from->id, port, pdu);
+        };
+        around_.wake = [this](const network_switch* who, nanoseconds at) {
+            if (at >= wake_at_[who->id]) return;
+            wake_at_[who->id] = at;
+            push({at, 0, happening::wake, who->id, 0, {}});
+        };
+        wake_at_.assign(plan.switches.size(), NEVER);
+        ends_.resize(plan.switches.size());
+        for (std::uint32_t i = 0; i < plan.links.size(); ++i) {
+            const network_link& link = plan.links[i];
+            const std::uint32_t at_a = add_end(link.a, i, link.b, link.at_a);
+            const std::uint32_t at_b = add_end(link.b, i, link.a, link.at_b);
+            ends_[link.a].back().peer_port = at_b;
+            ends_[link.b].back().peer_port = at_a;
+        }
+        cables_.resize(plan.links.size());
+        for (cable& c : cables_) {
+            c.delay = (50 + random_() % 150) * US;
+            result_.longest_delay = std::max(result_.longest_delay, c.delay);
+        }
+    }
+
+    network_result run() {
+        for (std::uint32_t i = 0; i < plan_.switches.size(); ++i) {
+            std::vector<port_settings> ports;
+            for (const auto& e : ends_[i]) ports.push_back(e.settings);
+            switches_.push_back(std::make_unique<network_switch>(i, plan_.switches[i], ports, &around_));
+            push({now_ + random_() % (1000 * NS_PER_MS), 0, happening::start, i, 0, {}});
+        }
+        for (const network_event& e : plan_.events) schedule(e);
+        const nanoseconds stop = START + plan_.end_ms * NS_PER_MS;
+        while (!queue_.empty() && queue_.top().at <= stop) {
+            const happening next = queue_.top();
+            queue_.pop();
+            now_ = next.at;
+            handle(next);
+        }
+        now_ = stop;
+        judge_end();
+        return result_;
+    }
+
+  private:
+    static constexpr nanoseconds START = 1000 * NS_PER_S, NEVER = UINT64_MAX;
+
+    struct end {  // of a link, at a switch's port
+        std::uint32_t link, peer, peer_port;
+        port_settings settings;
+        std::uint64_t second, sent;  // in this second
+    };
+    struct cable {
+        bool up = true;
+        std::uint32_t epoch = 0;  // frames of an earlier one are lost
+        nanoseconds delay = 0;
+    };
+    struct happening {
+        nanoseconds at;
+        std::uint64_t order;
+        enum kind_ : std::uint8_t { start, wake, frame, cut, repair, link_down, link_up, quality } kind;
+        std::uint32_t who, detail;  // switch and port, or link; epoch of a frame's link in its octets' place
+        std::array<std::uint8_t, esmc::SIZE> pdu;
+        std::uint32_t epoch = 0;
+        bool operator<(const happening& other) const {  // the queue hands out the largest
+            return at != other.at ? at > other.at : order > other.order;
+        }
+    };
+
+    std::uint32_t add_end(std::uint32_t who, std::uint32_t link, std::uint32_t peer,
+                          const port_settings& settings) {
+        ends_[who].push_back({link, peer, 0, settings, 0, 0});
+        return static_cast<std::uint32_t>(ends_[who].size());
+    }
+
+    void push(happening h) {
+        h.order = order_++;
+        queue_.push(h);
+    }
+
+    void schedule(const network_event& e) {
+        const nanoseconds at = START + e.at_ms * NS_PER_MS;
+        switch (e.what) {
+            case network_event::kind::cut:
+                push({at, 0, happening::cut, 0, e.subject, {}});
+                break;
+            case network_event::kind::repair:
+                push({at, 0, happening::repair, 0, e.subject, {}});
+                break;
+            case network_event::kind::quality:
+                push({at, 0, happening::quality, e.subject, e.quality, {}});
+                break;
+        }
+        last_event_ = std::max(last_event_, at);
+    }
+
+    void handle(const happening& h) {
+        switch (h.kind) {
+            case happening::start:
+                switches_[h.who]->start();
+                started_.insert(h.who);
+                break;
+            case happening::wake:
+                if (wake_at_[h.who] != h.at) return;
+                wake_at_[h.who] = NEVER;
+                switches_[h.who]->woken();
+                break;
+            case happening::frame:
+                if (cables_[ends_[h.who][h.detail - 1].link].epoch != h.epoch || !started_.contains(h.who))
+                    return;
+                switches_[h.who]->hear(h.detail, h.pdu.data());
+                break;
+            case happening::cut:
+            case happening::repair:
+                set_cable(h.detail, h.kind == happening::repair);
+                return;
+            case happening::link_down:
+            case happening::link_up:
+                if (cables_[ends_[h.who][h.detail - 1].link].up != (h.kind == happening::link_up)) return;
+                switches_[h.who]->link(h.detail, h.kind == happening::link_up);
+                break;
+            case happening::quality:
+                switches_[h.who]->set_own_quality(static_cast<std::uint8_t>(h.detail));
+                break;
+        }
+        look_at(h.who);
+    }
+
+    // Both ends see it on their own, within 10 ms.
+    void set_cable(std::uint32_t link, bool up) {
+        if (cables_[link].up == up) return;
+        cables_[link].up = up;
+        ++cables_[link].epoch;
+        for (const std::uint32_t who : {plan_.links[link].a, plan_.links[link].b})
+            for (std::uint32_t port = 1; port <= ends_[who].size(); ++port)
+                if (ends_[who][port - 1].link == link)
+                    push({now_ + random_() % (10 * NS_PER_MS),
+                          0,
+                          up ? happening::link_up : happening::link_down,
+                          who,
+                          port,
+                          {}});
+    }
+
+    void carry(std::uint32_t from, std::uint32_t port, const std::uint8_t* pdu) {
+        end& e = ends_[from][port - 1];
+        ++result_.pdus;
+        if (const std::uint64_t second = now_ / NS_PER_S; second != e.second) {
+            e.second = second;
+            e.sent = 0;
+        }
+        result_.busiest_second = std::max(result_.busiest_second, static_cast<std::uint32_t>(++e.sent));
+        const cable& c = cables_[e.link];
+        if (!c.up || (plan_.loss > 0 && std::uniform_real_distribution<>()(random_) < plan_.loss)) return;
+        happening h = {now_ + c.delay, 0, happening::frame, e.peer, e.peer_port, {}, c.epoch};
+        std::copy_n(pdu, esmc::SIZE, h.pdu.begin());
+        push(h);
+    }
+
+    // ---- Who follows whom ----
+
+    static constexpr std::uint32_t NOBODY = UINT32_MAX;
+
+    std::uint32_t followed_by(std::uint32_t who) const {
+        if (!started_.contains(who)) return NOBODY;
+        const std::uint32_t port = switches_[who]->source();
+        return port ? ends_[who][port - 1].peer : NOBODY;
+    }
+
+    void look_at(std::uint32_t who) {
+        const std::uint32_t source = followed_by(who);
+        const std::uint8_t quality = switches_[who]->quality();
+        auto& seen = seen_[who];
+        if (seen.first == source && seen.second == quality) return;
+        const bool moved = seen.first != source;
+        seen = {source, quality};
+        if (now_ > last_event_) result_.last_change = now_ - last_event_;
+        if (moved) find_loops(who);
+    }
+
+    // A loop that opened or closed just now goes through the switch that changed its source.
+    void find_loops(std::uint32_t changed) {
+        for (auto it = loops_.begin(); it != loops_.end();) {
+            if (!it->first.contains(changed)) {
+                ++it;
+                continue;
+            }
+            loop_ended(*it);
+            it = loops_.erase(it);
+        }
+        std::set<std::uint32_t> members;
+        for (std::uint32_t at = changed; at != NOBODY && members.insert(at).second;) {
+            at = followed_by(at);
+            if (at != changed) continue;
+            loops_.emplace(members, now_);
+            ++result_.loops;
+            return;
+        }
+    }
+
+    void loop_ended(const std::pair<const std::set<std::uint32_t>, nanoseconds>& loop) {
+        const nanoseconds lasted = now_ - loop.second;
+        result_.longest_loop = std::max(result_.longest_loop, lasted);
+        if (std::ranges::any_of(loop.first, [this](std::uint32_t i) { return plan_.switches[i].guard; }))
+            result_.longest_guarded_loop = std::max(result_.longest_guarded_loop, lasted);
+    }
+
+    // ---- What is left at the end ----
+
+    void judge_end() {
+        result_.standing_loops = static_cast<std::uint32_t>(loops_.size());
+        for (const auto& loop : loops_) loop_ended(loop);
+        const std::set<std::uint32_t> served = reach_of_masters();
+        for (const auto& who : switches_) {
+            result_.holds += who->guard().holds;
+            result_.refused += who->guard().refused;
+            result_.longest_hold = std::max(result_.longest_hold, who->guard().longest_hold);
+            if (who->settings.master) continue;
+            if (claims(*who) && who->quality() != quality_behind(who->id)) ++result_.false_claims;
+            if (served.contains(who->id) && who->source() == 0) ++result_.without_source;
+        }
+    }
+
+    static bool claims(const network_switch& who) { return who.quality() < QL_EEC1; }
+
+    // Of the master at the head of the chain; QL_DNU without one.
+    std::uint8_t quality_behind(std::uint32_t who) const {
+        for (std::size_t steps = 0; who != NOBODY && steps <= switches_.size(); ++steps) {
+            if (plan_.switches[who].master) return switches_[who]->quality();
+            who = followed_by(who);
+        }
+        return QL_DNU;
+    }
+
+    std::set<std::uint32_t> reach_of_masters() const {
+        std::set<std::uint32_t> reached;
+        std::vector<std::uint32_t> next;
+        for (const auto& who : switches_)
+            if (who->settings.master && who->quality() < QL_EEC1) next.push_back(who->id);
+        while (!next.empty()) {
+            const std::uint32_t who = next.back();
+            next.pop_back();
+            if (!reached.insert(who).second) continue;
+            for (const end& e : ends_[who])
+                if (cables_[e.link].up) next.push_back(e.peer);
+        }
+        return reached;
+    }
+
+    const network_plan& plan_;
+    std::minstd_rand random_;
+    network_switch::surroundings around_;
+    nanoseconds now_ = START, last_event_ = START;
+    std::uint64_t order_ = 0;
+    std::priority_queue<happening> queue_;
+    std::vector<nanoseconds> wake_at_;
+    std::vector<std::vector<end>> ends_;  // by switch and port
+    std::vector<cable> cables_;
+    std::vector<std::unique_ptr<network_switch>> switches_;
+    std::set<std::uint32_t> started_;
+    std::map<std::uint32_t, std::pair<std::uint32_t, std::uint8_t>> seen_;
+    std::map<std::set<std::uint32_t>, nanoseconds> loops_;  // members, and since when
+    network_result result_;
+};
+
+}  // namespace
+
+network_result run_network(const network_plan& plan) {
+    return network(plan).run();
+}
