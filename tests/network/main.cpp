@@ -1,6 +1,6 @@
-// network_test [--networks N] [--from SEED] [SCRIPT]: what must hold of the loop guard, over N random
-// networks (2000) of 4 to 24 switches; the same networks without the guard are counted beside it. A SCRIPT,
-// as a failing run prints it, is run alone.
+// network_test [--networks N] [--from SEED] [--switches S] [SCRIPT]: what must hold of the loop guard, over N
+// random networks (2000) of 4 to 24 switches, or of S; the same networks without the guard are counted beside
+// it. A SCRIPT, as a failing run prints it, is run alone.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -82,13 +82,14 @@ void show_failure(const expectation& e, const network_plan& plan, std::uint32_t 
 }
 
 // Whether all networks are as expected.
-bool run_all(const expectation& e, unsigned networks, unsigned from) {
+bool run_all(const expectation& e, unsigned networks, unsigned from, unsigned switches) {
     unsigned failed = 0, runs = 0, standing[4] = {};
     network_result worst = {};
     for (unsigned seed = from; seed < from + networks; seed += e.share) {
         const unsigned kind = seed / e.share % 4;
-        network_plan plan = random_plan(static_cast<network_kind>(kind), e.means, 4 + seed / e.share / 4 % 21,
-                                        seed, e.loss, e.hold_ms);
+        network_plan plan =
+            random_plan(static_cast<network_kind>(kind), e.means,
+                        switches ? switches : 4 + seed / e.share / 4 % 21, seed, e.loss, e.hold_ms);
         if (e.fault == fault_half) plan.end_ms += static_cast<std::uint32_t>(COUNT_TO_LIMIT / NS_PER_MS);
         const network_result r = run_network(plan);
         ++runs;
@@ -128,18 +129,20 @@ int run_script(const char* path) {
 
 int main(int argc, char** argv) {
     log_use_sink(LOG_SINK_STDERR, false);
-    unsigned networks = 2000, from = 1;
+    unsigned networks = 2000, from = 1, switches = 0;
     for (int i = 1; i < argc; ++i) {
         const bool more = i + 1 < argc;
         if (more && std::strcmp(argv[i], "--networks") == 0)
             networks = static_cast<unsigned>(std::atoi(argv[++i]));
         else if (more && std::strcmp(argv[i], "--from") == 0)
             from = static_cast<unsigned>(std::atoi(argv[++i]));
+        else if (more && std::strcmp(argv[i], "--switches") == 0)
+            switches = static_cast<unsigned>(std::atoi(argv[++i]));
         else
             return run_script(argv[i]);
     }
     bool good = networks > 0;
-    for (const expectation& e : EXPECTATIONS) good = run_all(e, networks, from) && good;
+    for (const expectation& e : EXPECTATIONS) good = run_all(e, networks, from, switches) && good;
     std::printf(good ? "all networks as they must be\n" : "NOT as they must be\n");
     return good ? 0 : 1;
 }

@@ -99,7 +99,11 @@ network_plan random_plan(network_kind kind, network_means means, std::uint32_t s
                          double loss, std::uint32_t hold_ms) {
     network_plan plan = draw(kind, means, switches, seed).plan;
     plan.loss = loss;
-    for (switch_settings& s : plan.switches) s.hold_ms = hold_ms;
+    for (switch_settings& s : plan.switches) {
+        s.hold_ms = hold_ms;
+        if (switches > SSM_GUARD_HOPS) s.hops = SSM_GUARD_HOPS_MAX;
+    }
+    plan.end_ms += switches / 24 * 10'000;  // a long chain locks one after the other
     return plan;
 }
 
@@ -147,8 +151,8 @@ std::string script_of(const network_plan& plan) {
     out << "network seed " << plan.seed << " end " << plan.end_ms << " loss " << plan.loss << '\n';
     for (const switch_settings& s : plan.switches)
         out << "switch master " << s.master << " quality " << +s.quality << " priority " << +s.priority
-            << " extend " << s.extend << " guard " << s.guard << " hold " << s.hold_ms << " lock "
-            << s.lock_ms << '\n';
+            << " extend " << s.extend << " guard " << s.guard << " hold " << s.hold_ms << " hops " << s.hops
+            << " lock " << s.lock_ms << '\n';
     for (const network_link& l : plan.links)
         out << "link " << l.a << ' ' << l.b << " priority " << +l.at_a.priority << ' ' << +l.at_b.priority
             << " replace " << l.at_a.replace_clockid << ' ' << l.at_b.replace_clockid << '\n';
@@ -169,7 +173,7 @@ bool read_script(std::istream& in, network_plan* plan) {
         } else if (word == "switch") {
             switch_settings s;
             from >> word >> s.master >> word >> quality >> word >> priority >> word >> s.extend >> word >>
-                s.guard >> word >> s.hold_ms >> word >> s.lock_ms;
+                s.guard >> word >> s.hold_ms >> word >> s.hops >> word >> s.lock_ms;
             s.quality = static_cast<std::uint8_t>(quality);
             s.priority = static_cast<std::uint8_t>(priority);
             plan->switches.push_back(s);

@@ -122,6 +122,7 @@ void network_switch::start() {
         (void)ssm_opts_set_local_priority(settings.priority);
         (void)ssm_opts_set_ssm_extend(settings.extend);
         (void)ssm_opts_set_guard_hold(settings.hold_ms);
+        (void)ssm_opts_set_guard_hops(settings.hops);
         (void)ssm_opts_set_loop_guard(settings.guard);
         for (std::uint32_t port = 1; port <= ports_.size(); ++port) {
             interface* intf = if_lookup_by_index(ctx_->ifm, port);

@@ -18,7 +18,7 @@ struct switch_settings {
     std::uint8_t quality = QL_DNU;
     std::uint8_t priority = SSM_PRIORITY_NONE;
     bool extend = false, guard = false;
-    std::uint32_t hold_ms = SSM_GUARD_HOLD_MS;
+    std::uint32_t hold_ms = SSM_GUARD_HOLD_MS, hops = SSM_GUARD_HOPS;
     std::uint32_t lock_ms = 300;
 };
 
