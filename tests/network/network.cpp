@@ -99,17 +99,10 @@ class network {
 
     void schedule(const network_event& e) {
         const nanoseconds at = START + e.at_ms * NS_PER_MS;
-        switch (e.what) {
-            case network_event::kind::cut:
-                push({at, 0, happening::cut, 0, e.subject, {}});
-                break;
-            case network_event::kind::repair:
-                push({at, 0, happening::repair, 0, e.subject, {}});
-                break;
-            case network_event::kind::quality:
-                push({at, 0, happening::quality, e.subject, e.quality, {}});
-                break;
-        }
+        if (e.what == EVENT_QUALITY)
+            push({at, 0, happening::quality, e.subject, e.quality, {}});
+        else
+            push({at, 0, e.what == EVENT_CUT ? happening::cut : happening::repair, 0, e.subject, {}});
         last_event_ = std::max(last_event_, at);
     }
 

@@ -15,10 +15,12 @@ struct network_link {
     port_settings at_a, at_b;
 };
 
+enum event_kind : std::uint8_t { EVENT_CUT, EVENT_REPAIR, EVENT_QUALITY };
+
 struct network_event {
     std::uint32_t at_ms;
-    enum class kind : std::uint8_t { cut, repair, quality } what;
-    std::uint32_t subject;  // link or switch
+    event_kind what;
+    std::uint32_t subject;  // link; of EVENT_QUALITY the switch
     std::uint8_t quality;
 };
 

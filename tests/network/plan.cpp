@@ -35,6 +35,7 @@ class draw {
     switch_settings ordinary(std::uint32_t number) {
         switch_settings s;
         s.extend = extended();
+        s.standard = below(3) == 0;
         if (means_ == network_means::own_quality) {
             s.quality = QL_EEC1;
             s.priority = 1;
@@ -64,6 +65,7 @@ class draw {
         master.master = true;
         master.quality = QUALITIES[below(4)];
         master.extend = extended() && below(3) != 0;
+        master.standard = below(2) == 0;
         plan.switches.push_back(master);
         connect(static_cast<std::uint32_t>(plan.switches.size()) - 1, feeds);
         plan.links.back().at_b.replace_clockid = means_ == network_means::replacing;
@@ -80,11 +82,10 @@ class draw {
             const bool feed = below(2) == 0;
             const std::uint32_t link = feed ? links - 1 - below(masters) : below(links);
             if (below(8) == 0)
-                plan.events.push_back({at, network_event::kind::quality, switches + below(masters),
+                plan.events.push_back({at, EVENT_QUALITY, switches + below(masters),
                                        below(2) ? std::uint8_t{QL_SSU_B} : std::uint8_t{QL_PRC}});
             else
-                plan.events.push_back(
-                    {at, below(3) ? network_event::kind::cut : network_event::kind::repair, link, 0});
+                plan.events.push_back({at, below(3) ? EVENT_CUT : EVENT_REPAIR, link, 0});
         }
         plan.end_ms = at + 40'000;
     }
@@ -118,11 +119,10 @@ network_plan without_event(const network_plan& plan, std::size_t event) {
 network_plan without_link(const network_plan& plan, std::uint32_t link) {
     network_plan less = plan;
     less.links.erase(less.links.begin() + link);
-    std::erase_if(less.events, [link](const network_event& e) {
-        return e.what != network_event::kind::quality && e.subject == link;
-    });
+    std::erase_if(less.events,
+                  [link](const network_event& e) { return e.what != EVENT_QUALITY && e.subject == link; });
     for (network_event& e : less.events)
-        if (e.what != network_event::kind::quality && e.subject > link) --e.subject;
+        if (e.what != EVENT_QUALITY && e.subject > link) --e.subject;
     return less;
 }
 
@@ -136,70 +136,84 @@ network_plan without_switch(const network_plan& plan, std::uint32_t number) {
         link.b -= link.b > number;
     }
     std::erase_if(less.events, [number](const network_event& e) {
-        return e.what == network_event::kind::quality && e.subject == number;
+        return e.what == EVENT_QUALITY && e.subject == number;
     });
     for (network_event& e : less.events)
-        if (e.what == network_event::kind::quality && e.subject > number) --e.subject;
+        if (e.what == EVENT_QUALITY && e.subject > number) --e.subject;
     return less;
 }
 
 // ---- Scripts ----
 
+namespace {
+
+// One line each; what is visited is written and read in the same order.
+template <typename V>
+void visit(network_plan& p, V&& v) {
+    v("seed", p.seed), v("end", p.end_ms), v("loss", p.loss);
+}
+template <typename V>
+void visit(switch_settings& s, V&& v) {
+    v("master", s.master), v("quality", s.quality), v("priority", s.priority), v("extend", s.extend);
+    v("standard", s.standard), v("guard", s.guard), v("hold", s.hold_ms), v("hops", s.hops),
+        v("lock", s.lock_ms);
+}
+template <typename V>
+void visit(network_link& l, V&& v) {
+    v("from", l.a), v("priority", l.at_a.priority), v("replace", l.at_a.replace_clockid);
+    v("to", l.b), v("priority", l.at_b.priority), v("replace", l.at_b.replace_clockid);
+}
+template <typename V>
+void visit(network_event& e, V&& v) {
+    v("at", e.at_ms), v("what", e.what), v("subject", e.subject), v("quality", e.quality);
+}
+
+template <typename Record>
+void write(std::ostream& out, const char* kind, Record record) {
+    out << kind;
+    visit(record, [&out](const char* name, auto value) { out << ' ' << name << ' ' << +value; });
+    out << '\n';
+}
+
+template <typename Record>
+Record read(std::istream& in) {
+    Record record = {};
+    visit(record, [&in](const char*, auto& value) {
+        std::string name;
+        double number = 0;
+        in >> name >> number;
+        value = static_cast<std::remove_reference_t<decltype(value)>>(number);
+    });
+    return record;
+}
+
+}  // namespace
+
 std::string script_of(const network_plan& plan) {
-    static constexpr const char* EVENTS[] = {"cut", "repair", "quality"};
     std::ostringstream out;
-    out << "network seed " << plan.seed << " end " << plan.end_ms << " loss " << plan.loss << '\n';
-    for (const switch_settings& s : plan.switches)
-        out << "switch master " << s.master << " quality " << +s.quality << " priority " << +s.priority
-            << " extend " << s.extend << " guard " << s.guard << " hold " << s.hold_ms << " hops " << s.hops
-            << " lock " << s.lock_ms << '\n';
-    for (const network_link& l : plan.links)
-        out << "link " << l.a << ' ' << l.b << " priority " << +l.at_a.priority << ' ' << +l.at_b.priority
-            << " replace " << l.at_a.replace_clockid << ' ' << l.at_b.replace_clockid << '\n';
-    for (const network_event& e : plan.events)
-        out << "at " << e.at_ms << ' ' << EVENTS[static_cast<int>(e.what)] << ' ' << e.subject << ' '
-            << +e.quality << '\n';
+    write(out, "network", plan);
+    for (const switch_settings& s : plan.switches) write(out, "switch", s);
+    for (const network_link& l : plan.links) write(out, "link", l);
+    for (const network_event& e : plan.events) write(out, "event", e);
     return out.str();
 }
 
 bool read_script(std::istream& in, network_plan* plan) {
-    std::string line, word, what;
-    while (std::getline(in, line)) {
-        std::istringstream from(line);
-        std::uint32_t quality = 0, priority = 0, other = 0;
-        from >> word;
-        if (word == "network") {
-            from >> word >> plan->seed >> word >> plan->end_ms >> word >> plan->loss;
-        } else if (word == "switch") {
-            switch_settings s;
-            from >> word >> s.master >> word >> quality >> word >> priority >> word >> s.extend >> word >>
-                s.guard >> word >> s.hold_ms >> word >> s.hops >> word >> s.lock_ms;
-            s.quality = static_cast<std::uint8_t>(quality);
-            s.priority = static_cast<std::uint8_t>(priority);
-            plan->switches.push_back(s);
-        } else if (word == "link") {
-            network_link l = {};
-            from >> l.a >> l.b >> word >> priority >> other >> word >> l.at_a.replace_clockid >>
-                l.at_b.replace_clockid;
-            l.at_a.priority = static_cast<std::uint8_t>(priority);
-            l.at_b.priority = static_cast<std::uint8_t>(other);
-            plan->links.push_back(l);
-        } else if (word == "at") {
-            network_event e = {};
-            from >> e.at_ms >> what >> e.subject >> quality;
-            e.what = what == "cut"      ? network_event::kind::cut
-                     : what == "repair" ? network_event::kind::repair
-                                        : network_event::kind::quality;
-            e.quality = static_cast<std::uint8_t>(quality);
-            plan->events.push_back(e);
-        }
-        if (from.fail()) return false;
+    for (std::string kind; in >> kind && in.good();) {
+        if (kind == "network")
+            *plan = read<network_plan>(in);
+        else if (kind == "switch")
+            plan->switches.push_back(read<switch_settings>(in));
+        else if (kind == "link")
+            plan->links.push_back(read<network_link>(in));
+        else if (kind == "event")
+            plan->events.push_back(read<network_event>(in));
+        else
+            return false;
     }
     const auto known = [plan](std::uint32_t i) { return i < plan->switches.size(); };
-    return std::ranges::all_of(plan->links,
-                               [&](const network_link& l) { return known(l.a) && known(l.b); }) &&
-           std::ranges::all_of(plan->events, [&](const network_event& e) {
-               return e.what == network_event::kind::quality ? known(e.subject)
-                                                             : e.subject < plan->links.size();
+    return std::ranges::all_of(plan->links, [&](auto& l) { return known(l.a) && known(l.b); }) &&
+           std::ranges::all_of(plan->events, [&](auto& e) {
+               return e.what == EVENT_QUALITY ? known(e.subject) : e.subject < plan->links.size();
            });
 }

@@ -121,6 +121,7 @@ void network_switch::start() {
         if (settings.master) (void)ssm_opts_set_device_type(SSM_MASTER_ONLY);
         (void)ssm_opts_set_local_priority(settings.priority);
         (void)ssm_opts_set_ssm_extend(settings.extend);
+        (void)ssm_opts_set_extend_form(settings.standard ? SSM_FORM_STANDARD : SSM_FORM_OWN);
         (void)ssm_opts_set_guard_hold(settings.hold_ms);
         (void)ssm_opts_set_guard_hops(settings.hops);
         (void)ssm_opts_set_loop_guard(settings.guard);

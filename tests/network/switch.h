@@ -17,7 +17,7 @@ struct switch_settings {
     bool master = false;  // a clock of its own, at `quality`
     std::uint8_t quality = QL_DNU;
     std::uint8_t priority = SSM_PRIORITY_NONE;
-    bool extend = false, guard = false;
+    bool extend = false, standard = false, guard = false;  // standard: the form of the TLV
     std::uint32_t hold_ms = SSM_GUARD_HOLD_MS, hops = SSM_GUARD_HOPS;
     std::uint32_t lock_ms = 300;
 };
