@@ -203,9 +203,11 @@ bool note_refused_offers(const ssm_port* chosen) {
     bool lead_back = false;
     guard.refusing = false;
     ssm_port_walk([&](ssm_port* port) {
-        const ssm_guard_verdict verdict = ssm_guard_judge(port);  // the cheapest question first
+        // The cheapest question first; the dearest one, which looks at all other ports, not again.
+        const ssm_guard_verdict verdict = ssm_guard_judge(port);
+        const bool known = port->guard_refused_at && ssm_candidate_by_itself(port);
         if (verdict == ssm_guard_verdict::follow || !stands_back(port, chosen) ||
-            !ssm_refusal_by_guard(ssm_candidate_check(port)))
+            !(known || ssm_refusal_by_guard(ssm_candidate_check(port))))
             return forget_refused(port);
         guard.refusing = true;
         lead_back |= verdict == ssm_guard_verdict::may_lead_back;

@@ -282,6 +282,10 @@ ssm_refusal ssm_candidate_check(const ssm_port* port, ssm_rule rule) {
     return guarded(rule) ? refusal_of(ssm_guard_judge(port)) : ssm_refusal::none;
 }
 
+bool ssm_candidate_by_itself(const ssm_port* port) {
+    return check_port(port, ssm_rule_in_force()) == ssm_refusal::none;
+}
+
 std::int32_t ssm_replace_clockid_seen(const std::uint8_t* clockid) {
     ssm_port* found = replacing_port(clockid);
     if (!found) return 0;

@@ -30,6 +30,8 @@ enum class ssm_refusal : std::uint8_t {
 };
 ssm_refusal ssm_candidate_check(const ssm_port* port, ssm_rule rule = ssm_rule_in_force());
 bool ssm_refusal_by_guard(ssm_refusal refusal);
+// Whether the port says nothing against itself, whatever other ports and the loop guard do.
+bool ssm_candidate_by_itself(const ssm_port* port);
 const char* ssm_refusal_text(ssm_refusal refusal);  // one or a few words, never null
 
 // Who of two candidates is better, and the name of the key that decided: `winner` is negative for `a`,
