@@ -34,6 +34,7 @@ GOALS = [
     (r"^idle_second/ports:255", "x_bare_loop", 2.0),
     (r"^fan_out/ports:(16|255)", "x_sendmmsg", 1.1),
     (r"^selection/ports:(16|64|255)/ext:\d", "ns_per_port", 1.5),
+    (r"^guarded_selection/ports:255/refused:0", "x_unguarded", 1.3),
 ]
 
 # Costs that are fitted over the port counts: (benchmark, counter, whether the counter is a cost for each port).

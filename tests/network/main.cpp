@@ -54,6 +54,7 @@ constexpr expectation EXPECTATIONS[] = {
     {"guard", network_means::guard, 0, 500, 1, fault_everywhere},
     {"guard, hold 1500, 1 % of the frames lost", network_means::guard, 0.01, 1500, 4, fault_with_loss},
     {"guard on every second switch", network_means::half_guard, 0, 500, 4, fault_half},
+    {"guard, every sixth without the extension", network_means::not_everywhere, 0, 500, 4, nullptr},
     {"nothing", network_means::nothing, 0, 500, 1, nullptr},
     {"extension, own quality EEC1", network_means::own_quality, 0, 500, 1, nullptr},
     {"extension, replace-clockid at feeds", network_means::replacing, 0, 500, 1, nullptr},

@@ -53,7 +53,14 @@ network_result run_network(const network_plan& plan);
 
 enum class network_kind : std::uint8_t { chain, ring, mesh, tree };
 // As the table of docs/LOOPS.md has them.
-enum class network_means : std::uint8_t { nothing, own_quality, replacing, guard, half_guard };
+enum class network_means : std::uint8_t {
+    nothing,
+    own_quality,
+    replacing,
+    guard,
+    half_guard,
+    not_everywhere
+};
 
 network_plan random_plan(network_kind kind, network_means means, std::uint32_t switches, std::uint32_t seed,
                          double loss, std::uint32_t hold_ms);
