@@ -32,12 +32,13 @@ inline void ssm_port_walk(Visit&& visit) {
     });
 }
 
-// A block of the memory manager with room for some records.
+// A block of the memory manager with room for as many records as fill one of its size classes.
+constexpr std::size_t SSM_RECORDS_IN_BLOCK = 15;
 struct ssm_record_block {
     ssm_record_block* next;
     ssm_port* end;  // behind the last record that is taken
-    ssm_port records[16];
-    ssm_statistics statistics[16];
+    ssm_port records[SSM_RECORDS_IN_BLOCK];
+    ssm_statistics statistics[SSM_RECORDS_IN_BLOCK];
 };
 
 // A zeroed record for this interface; null when memory is exhausted.
