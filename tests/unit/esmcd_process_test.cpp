@@ -225,8 +225,8 @@ int walk(rights_program program) {
         336,  // the kernel's own way back from a probe
 #endif
     };
-    for (long number = 0; number < RIGHTS_FIRST_NEW_CALL + 50; ++number) {
-        if (left_out.contains(number)) continue;
+    for (std::uint32_t number = 0; number < RIGHTS_FIRST_NEW_CALL + 50; ++number) {
+        if (left_out.contains(static_cast<long>(number))) continue;
         long arguments[6] = {-1, -1, -1, -1, -1, -1};
         bool in_table = false;
         for (const rights_call& c : rights_calls()) {
@@ -235,12 +235,11 @@ int walk(rights_program program) {
             if (c.mask) arguments[c.argument] = static_cast<std::int32_t>(c.value);
         }
         errno = 0;
-        (void)syscall(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4],
-                      arguments[5]);
+        (void)syscall(static_cast<long>(number), arguments[0], arguments[1], arguments[2], arguments[3],
+                      arguments[4], arguments[5]);
         const int expected = number < RIGHTS_FIRST_NEW_CALL ? EPERM : ENOSYS;
         if (in_table == (errno != expected)) continue;
-        std::fprintf(stderr, "call %ld %s: %s\n", number, in_table ? "is refused" : "passes",
-                     strerror(errno));
+        std::fprintf(stderr, "call %u %s: %s\n", number, in_table ? "is refused" : "passes", strerror(errno));
         return 1;
     }
     return 0;

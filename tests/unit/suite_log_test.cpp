@@ -216,6 +216,7 @@ TEST_F(Log, StandardErrorIsFollowedWhenItIsRedirected) {
 class Writer : public Log {
   protected:
     Writer() {
+        std::fflush(stdout);  // valgrind has each child flush what it finds there
         become_stderr(open("/dev/null", O_WRONLY | O_CLOEXEC));
         log_use_sink(LOG_SINK_STDERR, false);
         ctx = lib_create("esmcd");
