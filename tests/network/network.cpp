@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
+#include <map>
 #include <memory>
-#include <queue>
 #include <random>
 #include <set>
+#include <utility>
 
 #include "core/ql.h"
 
@@ -23,7 +25,11 @@ class network {
         around_.wake = [this](const network_switch* who, nanoseconds at) {
             if (at >= wake_at_[who->id]) return;
             wake_at_[who->id] = at;
-            push({at, 0, happening::wake, who->id, 0, {}});
+            happens(at, who->id, [this, at](network_switch& s) {
+                if (wake_at_[s.id] != at) return;  // it was told to wake earlier
+                wake_at_[s.id] = NEVER;
+                s.woken();
+            });
         };
         wake_at_.assign(plan.switches.size(), NEVER);
         ends_.resize(plan.switches.size());
@@ -46,15 +52,21 @@ class network {
             std::vector<port_settings> ports;
             for (const auto& e : ends_[i]) ports.push_back(e.settings);
             switches_.push_back(std::make_unique<network_switch>(i, plan_.switches[i], ports, &around_));
-            push({now_ + random_() % (1000 * NS_PER_MS), 0, happening::start, i, 0, {}});
+            happens(now_ + random_() % (1000 * NS_PER_MS), i, [](network_switch& s) { s.start(); });
         }
-        for (const network_event& e : plan_.events) schedule(e);
+        for (const network_event& e : plan_.events) {
+            const nanoseconds at = START + e.at_ms * NS_PER_MS;
+            if (e.what == EVENT_QUALITY)
+                happens(at, e.subject, [=](network_switch& s) { s.set_own_quality(e.quality); });
+            else
+                events_.emplace(at, [=, this] { set_cable(e.subject, e.what == EVENT_REPAIR); });
+            last_event_ = std::max(last_event_, at);
+        }
         const nanoseconds stop = START + plan_.end_ms * NS_PER_MS;
-        while (!queue_.empty() && queue_.top().at <= stop) {
-            const happening next = queue_.top();
-            queue_.pop();
-            now_ = next.at;
-            handle(next);
+        while (!events_.empty() && events_.begin()->first <= stop) {
+            const auto next = events_.extract(events_.begin());
+            now_ = next.key();
+            next.mapped()();
         }
         now_ = stop;
         judge_end();
@@ -74,17 +86,6 @@ class network {
         std::uint32_t epoch = 0;  // frames of an earlier one are lost
         nanoseconds delay = 0;
     };
-    struct happening {
-        nanoseconds at;
-        std::uint64_t order;
-        enum kind_ : std::uint8_t { start, wake, frame, cut, repair, link_down, link_up, quality } kind;
-        std::uint32_t who, detail;  // switch and port, or link; epoch of a frame's link in its octets' place
-        std::array<std::uint8_t, esmc::SIZE> pdu;
-        std::uint32_t epoch = 0;
-        bool operator<(const happening& other) const {  // the queue hands out the largest
-            return at != other.at ? at > other.at : order > other.order;
-        }
-    };
 
     std::uint32_t add_end(std::uint32_t who, std::uint32_t link, std::uint32_t peer,
                           const port_settings& settings) {
@@ -92,81 +93,41 @@ class network {
         return static_cast<std::uint32_t>(ends_[who].size());
     }
 
-    void push(happening h) {
-        h.order = order_++;
-        queue_.push(h);
-    }
-
-    void schedule(const network_event& e) {
-        const nanoseconds at = START + e.at_ms * NS_PER_MS;
-        if (e.what == EVENT_QUALITY)
-            push({at, 0, happening::quality, e.subject, e.quality, {}});
-        else
-            push({at, 0, e.what == EVENT_CUT ? happening::cut : happening::repair, 0, e.subject, {}});
-        last_event_ = std::max(last_event_, at);
-    }
-
-    void handle(const happening& h) {
-        switch (h.kind) {
-            case happening::start:
-                switches_[h.who]->start();
-                started_.insert(h.who);
-                break;
-            case happening::wake:
-                if (wake_at_[h.who] != h.at) return;
-                wake_at_[h.who] = NEVER;
-                switches_[h.who]->woken();
-                break;
-            case happening::frame:
-                if (cables_[ends_[h.who][h.detail - 1].link].epoch != h.epoch || !started_.contains(h.who))
-                    return;
-                switches_[h.who]->hear(h.detail, h.pdu.data());
-                break;
-            case happening::cut:
-            case happening::repair:
-                set_cable(h.detail, h.kind == happening::repair);
-                return;
-            case happening::link_down:
-            case happening::link_up:
-                if (cables_[ends_[h.who][h.detail - 1].link].up != (h.kind == happening::link_up)) return;
-                switches_[h.who]->link(h.detail, h.kind == happening::link_up);
-                break;
-            case happening::quality:
-                switches_[h.who]->set_own_quality(static_cast<std::uint8_t>(h.detail));
-                break;
-        }
-        look_at(h.who);
+    // Something that a switch may react to. Those of one moment come in the order in which they were told.
+    template <typename What>
+    void happens(nanoseconds at, std::uint32_t who, What what) {
+        events_.emplace(at, [=, this] {
+            what(*switches_[who]);
+            look_at(who);
+        });
     }
 
     // Both ends see it on their own, within 10 ms.
     void set_cable(std::uint32_t link, bool up) {
-        if (cables_[link].up == up) return;
-        cables_[link].up = up;
-        ++cables_[link].epoch;
+        cable& c = cables_[link];
+        if (std::exchange(c.up, up) == up) return;
+        ++c.epoch;
         for (const std::uint32_t who : {plan_.links[link].a, plan_.links[link].b})
             for (std::uint32_t port = 1; port <= ends_[who].size(); ++port)
                 if (ends_[who][port - 1].link == link)
-                    push({now_ + random_() % (10 * NS_PER_MS),
-                          0,
-                          up ? happening::link_up : happening::link_down,
-                          who,
-                          port,
-                          {}});
+                    happens(now_ + random_() % (10 * NS_PER_MS), who, [=, &c](network_switch& s) {
+                        if (c.up == up) s.link(port, up);
+                    });
     }
 
     void carry(std::uint32_t from, std::uint32_t port, const std::uint8_t* pdu) {
         end& e = ends_[from][port - 1];
         ++result_.pdus;
-        if (const std::uint64_t second = now_ / NS_PER_S; second != e.second) {
-            e.second = second;
+        if (const std::uint64_t second = now_ / NS_PER_S; second != std::exchange(e.second, second))
             e.sent = 0;
-        }
         result_.busiest_second = std::max(result_.busiest_second, static_cast<std::uint32_t>(++e.sent));
         const cable& c = cables_[e.link];
         if (!c.up || (plan_.loss > 0 && std::uniform_real_distribution<>()(random_) < plan_.loss)) return;
-        happening h = {now_ + c.delay, 0, happening::frame, e.peer, e.peer_port, {}, c.epoch};
-        std::copy_n(pdu, esmc::SIZE, h.pdu.begin());
-        push(h);
+        std::array<std::uint8_t, esmc::SIZE> frame;
+        std::copy_n(pdu, esmc::SIZE, frame.begin());
+        happens(now_ + c.delay, e.peer, [=, &c, epoch = c.epoch, to = e.peer_port](network_switch& s) {
+            if (c.epoch == epoch && s.started()) s.hear(to, frame.data());
+        });
     }
 
     // ---- Who follows whom ----
@@ -174,12 +135,12 @@ class network {
     static constexpr std::uint32_t NOBODY = UINT32_MAX;
 
     std::uint32_t followed_by(std::uint32_t who) const {
-        if (!started_.contains(who)) return NOBODY;
-        const std::uint32_t port = switches_[who]->source();
+        const std::uint32_t port = switches_[who]->started() ? switches_[who]->source() : 0;
         return port ? ends_[who][port - 1].peer : NOBODY;
     }
 
     void look_at(std::uint32_t who) {
+        if (!switches_[who]->started()) return;
         const std::uint32_t source = followed_by(who);
         const std::uint8_t quality = switches_[who]->quality();
         auto& seen = seen_[who];
@@ -263,13 +224,11 @@ class network {
     std::minstd_rand random_;
     network_switch::surroundings around_;
     nanoseconds now_ = START, last_event_ = START;
-    std::uint64_t order_ = 0;
-    std::priority_queue<happening> queue_;
+    std::multimap<nanoseconds, std::function<void()>> events_;
     std::vector<nanoseconds> wake_at_;
     std::vector<std::vector<end>> ends_;  // by switch and port
     std::vector<cable> cables_;
     std::vector<std::unique_ptr<network_switch>> switches_;
-    std::set<std::uint32_t> started_;
     std::map<std::uint32_t, std::pair<std::uint32_t, std::uint8_t>> seen_;
     std::map<std::set<std::uint32_t>, nanoseconds> loops_;  // members, and since when
     network_result result_;

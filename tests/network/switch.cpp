@@ -5,56 +5,21 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <string>
 #include <utility>
 
-#include "core/loop.h"
-#include "core/opts.h"
-#include "core/ports.h"
-#include "core/socket.h"
+#include "fuzz/world.h"
 #include "nsm/session.h"
-#include "suite/log/log.h"
-#include "suite/manager/client.h"
-#include "suite/start/lib.h"
 
 namespace {
 
-using message = std::vector<std::uint8_t>;
-
 network_switch* current = nullptr;
 int opened_link = -1;  // for the client that is about to connect
-
-void must(bool holds, const char* what) {
-    if (holds) return;
-    std::fprintf(stderr, "network: not so: %s\n", what);
-    std::abort();
-}
-
-message words(std::initializer_list<std::uint32_t> values) {
-    message body(values.size() * 4);
-    std::size_t at = 0;
-    for (const std::uint32_t v : values) put_be32(body, std::exchange(at, at + 4), v);
-    return body;
-}
 
 message bridge_body(std::uint32_t id) {
     message body(nsm_bridge_body::SIZE);
     body[nsm_bridge_body::MAC] = 2;
     put_be32(body, nsm_bridge_body::MAC + 2, id + 1);
-    return body;
-}
-
-message port_body(std::uint32_t port) {
-    message body(nsm_link_body::SIZE);
-    const std::string name = "p" + std::to_string(port);
-    put_be32(body, nsm_link_body::IFINDEX, port);
-    put_be32(body, nsm_link_body::KERNEL_IFINDEX, port);
-    put_be16(body, nsm_link_body::TYPE, IF_TYPE_SYNCE);
-    put_be16(body, nsm_link_body::FLAGS, nsm_link_body::FLAG_UP);
-    std::ranges::copy(name, body.begin() + nsm_link_body::NAME);
     return body;
 }
 
@@ -110,10 +75,11 @@ void network_switch::start() {
     must(thread_add_read(ctx_, one_event, this, nsm_fd_) != nullptr, "an event");
 
     inbox_.emplace_back([this] {
-        tell(NSM_MSG_HELLO_ACK, words({0}));
+        tell(NSM_MSG_HELLO_ACK, be_words({0}));
         tell(NSM_MSG_BRIDGE_ADD, bridge_body(id));
-        for (std::uint32_t port = 1; port <= ports_.size(); ++port) tell(NSM_MSG_LINK_ADD, port_body(port));
-        tell(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, words({SSM_DPLL_FREERUN, 0}));
+        for (std::uint32_t port = 1; port <= ports_.size(); ++port)
+            tell(NSM_MSG_LINK_ADD, link_body(port, true));
+        tell(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, be_words({SSM_DPLL_FREERUN, 0}));
         tell(NSM_MSG_SYNC_DONE, {});
     });
     inbox_.emplace_back([this] {
@@ -152,7 +118,7 @@ void network_switch::hear(std::uint32_t port, const std::uint8_t* pdu) {
 void network_switch::link(std::uint32_t port, bool up) {
     up_[port] = up;
     if (!up && clock_source_ == port && clock_state_ == SSM_DPLL_LOCK) hold_over();
-    inbox_.emplace_back([=, this] { tell(up ? NSM_MSG_LINK_UP : NSM_MSG_LINK_DOWN, words({port})); });
+    inbox_.emplace_back([=, this] { tell(up ? NSM_MSG_LINK_UP : NSM_MSG_LINK_DOWN, be_words({port})); });
     run();
 }
 
@@ -218,10 +184,7 @@ nanoseconds network_switch::now_edge(void* self) {
 // ---- NSM and the clock hardware ---------------------------------------------------------------------------
 
 void network_switch::tell(std::uint16_t type, const message& body) {
-    message m(NSM_HEADER_SIZE);
-    put_be16(m, 0, type);
-    put_be16(m, 2, static_cast<std::uint16_t>(m.size() + body.size()));
-    m.insert(m.end(), body.begin(), body.end());
+    const message m = virtual_daemon::with_header(type, body);
     nsm_client_deliver(instance_->nsm_client, m.data(), m.size());
 }
 
@@ -240,7 +203,7 @@ void network_switch::take_requests() {
 
 void network_switch::report(std::uint32_t state) {
     if (std::exchange(clock_state_, state) == state) return;
-    inbox_.emplace_back([=, this] { tell(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, words({state, 0})); });
+    inbox_.emplace_back([=, this] { tell(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, be_words({state, 0})); });
 }
 
 void network_switch::lock_to(std::uint32_t port) {

@@ -50,6 +50,7 @@ class network_switch {
     void woken();
 
     // What came of it.
+    bool started() const { return ctx_ != nullptr; }
     std::uint32_t source() const;  // port; 0: none
     std::uint8_t quality() const { return static_cast<std::uint8_t>(master_->current_quality); }
     const ssm_guard& guard() const { return master_->guard; }
