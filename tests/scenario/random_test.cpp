@@ -96,7 +96,7 @@ class random_rules : public sim {
         bool is_command;
         void (*run)(random_rules&, const step&);
     };
-    static const action ACTIONS[27];
+    static const action ACTIONS[28];
 
     std::string broken;
 
@@ -125,6 +125,14 @@ class random_rules : public sim {
         if (!on || p->gephy_by_command) return;
         p->gephy_by_command = 1;
         ++g_s_master->gephy_manual_count;
+    }
+
+    // Without selection's own roles, a report of the clock leaves all roles alone.
+    void report_clock(std::uint32_t state, std::uint32_t source) {
+        const std::uint32_t before = g_s_master->gephy_manual_count;
+        dpll(state, source);
+        rule(g_s_master->gephy_dynamic || g_s_master->gephy_manual_count == before,
+             "a role set by command stays");
     }
 
     // ---- The rules ----
@@ -203,9 +211,18 @@ const random_rules::action random_rules::ACTIONS[] = {
     {"link_down", 4, false, [](auto& t, auto& s) { t.link_down(s.port); }},
     {"bind", 3, false, [](auto& t, auto& s) { t.nsm_says(NSM_MSG_LINK_ADD, port_body(s.port, s.on())); }},
     {"unbind", 2, false, [](auto& t, auto& s) { t.unbind(s.port, s.on()); }},
-    {"dpll", 4, false, [](auto& t, auto& s) { t.dpll(1 + s.value % 5, s.other % 9); }},
+    {"dpll", 4, false, [](auto& t, auto& s) { t.report_clock(1 + s.value % 5, s.other % 9); }},
+    {"foreign_frame", 3, false,
+     [](auto& t, auto& s) {  // of an interface whose index has the low octet of a port's
+         t.nsm_says(NSM_MSG_LINK_ADD, link_body(256 + s.port, true));
+         const ssm_port* p = t.port(s.port);
+         const ssm_quality before = p ? p->recv_quality : ssm_quality{QL_NONE};
+         t.hear(256 + s.port, s.quality());
+         t.rule(!p || p->recv_quality == before, "an index above 255 is no port's");
+         t.unbind(256 + s.port);
+     }},
     {"global", 1, true, [](auto&, auto& s) { (void)ssm_opts_set_global_enable(s.mostly_on()); }},
-    {"ssm", 1, true, [](auto&, auto& s) { (void)ssm_opts_set_ssm_enable(s.mostly_on()); }},
+    {"ssm", 2, true, [](auto&, auto& s) { (void)ssm_opts_set_ssm_enable(s.mostly_on()); }},
     {"extend", 1, true, [](auto&, auto& s) { (void)ssm_opts_set_ssm_extend(s.on()); }},
     {"guard", 2, true, [](auto&, auto& s) { (void)ssm_opts_set_loop_guard(s.mostly_on()); }},
     {"guard_bounds", 1, true,
@@ -237,8 +254,8 @@ const random_rules::action random_rules::ACTIONS[] = {
          if (t.port(s.port)) (void)ssm_opts_set_force_port(t.port(s.port));
      }},
     {"unforce", 1, true, [](auto&, auto&) { (void)ssm_opts_clear_force(); }},
-    {"gephy", 1, true, [](auto& t, auto& s) { set_gephy_by_command(t.intf(s.port), s.on(), 1 + s.other % 2); }},
-    {"ssm_gephy", 1, true,
+    {"gephy", 3, true, [](auto& t, auto& s) { set_gephy_by_command(t.intf(s.port), s.on(), 1 + s.other % 2); }},
+    {"ssm_gephy", 2, true,
      [](auto&, auto& s) {
          if (g_s_master->gephy_manual_count) return;
          g_s_master->gephy_dynamic = s.on();
@@ -249,7 +266,7 @@ const random_rules::action random_rules::ACTIONS[] = {
 TEST_F(random_rules, hold_after_every_step) {
     const char* steps_wanted = std::getenv("ESMC_RANDOM_STEPS");
     const char* seed_wanted = std::getenv("ESMC_RANDOM_SEED");
-    const std::uint64_t total = steps_wanted ? std::strtoull(steps_wanted, nullptr, 10) : 100'000;
+    const std::uint64_t total = steps_wanted ? std::strtoull(steps_wanted, nullptr, 10) : 450'000;
     const std::uint64_t first_seed = seed_wanted ? std::strtoull(seed_wanted, nullptr, 10) : 1;
     constexpr std::size_t LENGTH = 500;
     for (std::uint64_t seed = first_seed; seed < first_seed + (total + LENGTH - 1) / LENGTH; ++seed) {
