@@ -5,6 +5,8 @@
 
 #include "suite/command/cli.h"
 
+struct ssm_port;
+
 // Switch-wide configuration.
 extern const cli_element sync_global_enable_cmd;
 extern const cli_element no_sync_global_enable_cmd;
@@ -19,7 +21,6 @@ extern const cli_element ssm_master_only_role_cmd;
 extern const cli_element no_ssm_master_only_role_cmd;
 extern const cli_element ssm_slave_only_role_cmd;
 extern const cli_element no_ssm_slave_only_role_cmd;
-extern const cli_element ssm_set_ssm_extend_cmd;
 extern const cli_element no_ssm_set_ssm_extend_cmd;
 extern const cli_element ssm_loop_guard_cmd;
 extern const cli_element no_ssm_loop_guard_cmd;
@@ -71,14 +72,18 @@ extern const std::span<const cli_help> ssm_restore_help;
 extern const std::span<const cli_help> ssm_show_help;
 extern const std::span<const cli_help> ssm_everyday_help;
 extern const std::span<const cli_help> ssm_json_help;
+extern const std::span<const cli_help> ssm_supervision_help;
 extern const std::span<const cli_help> ssm_debug_help;
 
 // Configuration writers.
 int ssm_config_write(cli* terminal);
 int ssm_interface_config_write(cli* terminal);
 void ssm_guard_config_write(cli* terminal);
+void ssm_supervision_config_write(cli* terminal);
+void ssm_supervision_port_config_write(cli* terminal, const ssm_port* port);
 
 // Installation of what goes beyond the switch's own set of commands (esmcd/install.h puts both together): 0,
 // or negative when something could not be installed.
 int ssm_cli_restore_init(cli_tree* tree);
 int ssm_cli_everyday_init(cli_tree* tree);
+int ssm_cli_supervision_init(cli_tree* tree);

@@ -46,15 +46,25 @@ int no_ssm_enable_handler(cli* terminal, int, char**) {
 
 struct quality_word {
     std::string_view word;
-    ssm_code code;
+    ssm_quality quality;
 };
-constexpr quality_word option1_words[] = {{"prc", QL_PRC}, {"eec1", QL_EEC1}};
-constexpr quality_word option2_words[] = {{"prs", QL_PRS}, {"eec2", QL_EEC2}};
+constexpr quality_word option1_words[] = {{"prc", QL_PRC},
+                                          {"eec1", QL_EEC1},
+                                          {"prtc", ssm_quality_of(QL_PRC, QL_ENHANCED_PRTC)},
+                                          {"eprtc", ssm_quality_of(QL_PRC, QL_ENHANCED_EPRTC)},
+                                          {"eprc", ssm_quality_of(QL_PRC, QL_ENHANCED_EPRC)},
+                                          {"eeec", ssm_quality_of(QL_EEC1, QL_ENHANCED_EEEC)}};
+constexpr quality_word option2_words[] = {{"prs", QL_PRS},
+                                          {"eec2", QL_EEC2},
+                                          {"prtc", ssm_quality_of(QL_PRS, QL_ENHANCED_PRTC)},
+                                          {"eprtc", ssm_quality_of(QL_PRS, QL_ENHANCED_EPRTC)},
+                                          {"eprc", ssm_quality_of(QL_PRS, QL_ENHANCED_EPRC)},
+                                          {"eeec", ssm_quality_of(QL_EEC2, QL_ENHANCED_EEEC)}};
 
 template <std::size_t Count>
-ssm_code local_quality_code(const quality_word (&words)[Count], const char* argument) {
+ssm_quality local_quality_named(const quality_word (&words)[Count], const char* argument) {
     for (const quality_word& entry : words)
-        if (ssm_cli_keyword(argument, entry.word)) return entry.code;
+        if (ssm_cli_keyword(argument, entry.word)) return entry.quality;
     return QL_DNU;
 }
 
@@ -70,15 +80,15 @@ int finish_local_quality(cli* terminal, std::int32_t rv) {
 }
 
 int local_quality_op1_handler(cli* terminal, int, char** argv) {
-    const ssm_code code = local_quality_code(option1_words, argv[0]);
+    const ssm_quality quality = local_quality_named(option1_words, argv[0]);
     SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sclock synce local-quality %s under option1 mode", argv[0]);
-    return finish_local_quality(terminal, ssm_opts_set_local_quality(code, SSM_OPTION_1));
+    return finish_local_quality(terminal, ssm_opts_set_local_quality(quality, SSM_OPTION_1));
 }
 
 int local_quality_op2_handler(cli* terminal, int, char** argv) {
-    const ssm_code code = local_quality_code(option2_words, argv[0]);
+    const ssm_quality quality = local_quality_named(option2_words, argv[0]);
     SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sclock synce local-quality %s under option2 mode", argv[0]);
-    return finish_local_quality(terminal, ssm_opts_set_local_quality(code, SSM_OPTION_2));
+    return finish_local_quality(terminal, ssm_opts_set_local_quality(quality, SSM_OPTION_2));
 }
 
 int local_priority_handler(cli* terminal, int, char** argv) {
@@ -125,13 +135,15 @@ const cli_element no_sync_global_enable_cmd = {
 const cli_element sync_ssm_enable_cmd = {"clock synce ssm enable (gephy| )", ssm_enable_handler};
 const cli_element no_sync_ssm_enable_cmd = {"no clock synce ssm enable", no_ssm_enable_handler};
 
-const cli_element synce_local_quality_op1_cmd = {"clock synce local-quality option1 (dnu | eec1 | prc)",
-                                                 local_quality_op1_handler};
+const cli_element synce_local_quality_op1_cmd = {
+    "clock synce local-quality option1 (dnu | eec1 | prc | prtc | eprtc | eprc | eeec)",
+    local_quality_op1_handler};
 const cli_element no_synce_local_quality_cmd = {
     "no clock synce local-quality",
     ssm_cli_global<"%s%sno clock synce local-quality", ssm_opts_set_local_quality, QL_DNU, SSM_OPTION_1>};
-const cli_element synce_local_quality_op2_cmd = {"clock synce local-quality option2 (dus | eec2 | prs)",
-                                                 local_quality_op2_handler};
+const cli_element synce_local_quality_op2_cmd = {
+    "clock synce local-quality option2 (dus | eec2 | prs | prtc | eprtc | eprc | eeec)",
+    local_quality_op2_handler};
 
 const cli_element ssm_local_priority_cmd = {"clock synce local-priority <1-255>", local_priority_handler};
 const cli_element no_ssm_local_priority_cmd = {
@@ -151,6 +163,4 @@ const cli_element no_ssm_slave_only_role_cmd = {
     "no clock synce slave-only",
     ssm_cli_global<"%s%sno clock synce slave-only", ssm_opts_set_device_type, SSM_DEFAULT_ROLE>};
 
-const cli_element ssm_set_ssm_extend_cmd = {
-    "clock synce ssm extend", ssm_cli_global<"%s%sclock synce ssm extend", ssm_opts_set_ssm_extend, 1>};
 const std::span<const cli_help> ssm_global_help = help_texts;

@@ -23,6 +23,7 @@ int loop_guard_handler(cli* terminal, int, char**) {
 
 int no_ssm_extend_handler(cli* terminal, int, char**) {
     SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sno clock synce ssm extend");
+    (void)ssm_opts_set_extend_form(SSM_FORM_DEFAULT);  // always 0
     const int result = ssm_cli_finish(terminal, ssm_opts_set_ssm_extend(0));
     note_without_extension(terminal);
     return result;

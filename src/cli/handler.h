@@ -31,6 +31,15 @@ inline int ssm_cli_finish(cli* terminal, std::int32_t rv) {
 // The interface of the interface mode: null when there is none of that name. The session may be older than
 // the interface, which comes and goes with the network services manager.
 interface* ssm_cli_interface(cli* terminal);
+// The port of that name; null after it was said that there is none.
+struct ssm_port* ssm_cli_named_port(cli* terminal, const char* name);
+
+// The words for a quality, of both options.
+#define SSM_CLI_QUALITIES                                                                                    \
+    "(prtc | eprtc | eprc | prc | ssu-a | ssu-b | eeec | eec1 | dnu | prs | stu | st2 | tnc | smc | st3e | " \
+    "prov | eec2 | dus)"
+// How a handler of a port's quality ends.
+int ssm_cli_finish_quality(cli* terminal, std::int32_t rv, const char* quality);
 
 // A format as a template argument: the command's name in the trace, with the log's two prefix arguments.
 template <std::size_t Size>

@@ -19,6 +19,17 @@ interface* ssm_cli_interface(cli* terminal) {
     return static_cast<interface*>(terminal->index);
 }
 
+int ssm_cli_finish_quality(cli* terminal, std::int32_t rv, const char* quality) {
+    if (rv >= 0) return CLI_SUCCESS;
+    if (rv == SSM_CLI_E_QL_OPTION1)
+        terminal->out_func(terminal->out_val, "%% Can't configure QL value %s under option1 mode\n", quality);
+    else if (rv == SSM_CLI_E_QL_OPTION2)
+        terminal->out_func(terminal->out_val, "%% Can't configure QL value %s under option2 mode\n", quality);
+    else if (rv == SSM_CLI_E_INVALID_IF)
+        terminal->out_func(terminal->out_val, "%% Invalid interface\n");
+    return CLI_ERROR;
+}
+
 namespace {
 
 int interface_handler(cli* terminal, int, char** argv) {
@@ -72,16 +83,9 @@ std::uint32_t quality_direction(const char* argument) {
 int quality_handler(cli* terminal, int, char** argv) {
     SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sinterface clock synce quality-level %s %s", argv[0],
               argv[1]);
-    const std::int32_t rv =
-        ssm_opts_set_port_quality(ssm_cli_interface(terminal), quality_direction(argv[0]), argv[1]);
-    if (rv >= 0) return CLI_SUCCESS;
-    if (rv == SSM_CLI_E_QL_OPTION1)
-        terminal->out_func(terminal->out_val, "%% Can't configure QL value %s under option1 mode\n", argv[1]);
-    else if (rv == SSM_CLI_E_QL_OPTION2)
-        terminal->out_func(terminal->out_val, "%% Can't configure QL value %s under option2 mode\n", argv[1]);
-    else if (rv == SSM_CLI_E_INVALID_IF)
-        terminal->out_func(terminal->out_val, "%% Invalid interface\n");
-    return CLI_ERROR;
+    return ssm_cli_finish_quality(
+        terminal, ssm_opts_set_port_quality(ssm_cli_interface(terminal), quality_direction(argv[0]), argv[1]),
+        argv[1]);
 }
 
 // Fails without a word, as scripts that clear every interface expect.
@@ -136,6 +140,10 @@ constexpr cli_help help_texts[] = {
     {"clock synce", "quality-eth", "Take a fixed quality level for this port"},
     {"clock synce quality-eth", "rx", "In place of what is received"},
     {"clock synce quality-eth", "tx", "In place of what would be sent"},
+    {"", "prtc", "Primary reference time clock (both options)"},
+    {"", "eprtc", "Enhanced primary reference time clock (both options)"},
+    {"", "eprc", "Enhanced primary reference clock (both options)"},
+    {"", "eeec", "Enhanced Ethernet equipment clock (both options)"},
     {"", "prc", "Primary reference clock (option 1)"},
     {"", "ssu-a", "Synchronisation supply unit A (option 1)"},
     {"", "ssu-b", "Synchronisation supply unit B (option 1)"},
@@ -180,11 +188,8 @@ const cli_element no_ssm_if_extend_replace_clockid_cmd = {
     "no clock synce extend replace-clockid",
     ssm_cli_port<"%s%sno clock synce extend replace-clockid", ssm_opts_set_port_replace_clockid, 0>};
 
-const cli_element synce_if_ql_value_cmd = {
-    "clock synce quality-eth (rx | tx) (prc | ssu-a | ssu-b | eec1 | dnu | prs | stu |st2 | tnc | smc | st3e "
-    "| prov "
-    "| eec2 | dus)",
-    quality_handler};
+const cli_element synce_if_ql_value_cmd = {"clock synce quality-eth (rx | tx) " SSM_CLI_QUALITIES,
+                                           quality_handler};
 const cli_element no_synce_if_ql_value_cmd = {"no clock synce quality-eth (rx | tx)", no_quality_handler};
 
 const cli_element sync_ssm_set_master_slave_cmd = {"clock synce gephy (master|slave)", gephy_handler};

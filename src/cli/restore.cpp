@@ -9,16 +9,8 @@ namespace {
 
 int switch_force_handler(cli* terminal, int, char** argv) {
     SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sclock synce switch-force %s", argv[0]);
-    interface* intf = if_lookup_by_name(terminal->ifm, argv[0]);
-    if (!intf) {
-        terminal->out_func(terminal->out_val, "%% Unknown interface %s\n", argv[0]);
-        return CLI_ERROR;
-    }
-    ssm_port* port = ssm_if_port(intf);
-    if (!port) {
-        terminal->out_func(terminal->out_val, "%% Interface %s is not a SyncE port\n", argv[0]);
-        return CLI_ERROR;
-    }
+    ssm_port* port = ssm_cli_named_port(terminal, argv[0]);
+    if (!port) return CLI_ERROR;
     return ssm_cli_finish(terminal, ssm_opts_set_force_port(port));
 }
 

@@ -56,6 +56,8 @@ void write_port(cli* terminal, const ssm_port* port) {
     terminal->out_func(terminal->out_val, "interface %s\n", ssm_port_name(port));
     if (port->priority != SSM_PRIORITY_NONE)
         terminal->out_func(terminal->out_val, " clock synce priority %d\n", port->priority);
+    // Before the port counts, so that it is never the source on the way.
+    if (port->lockout) terminal->out_func(terminal->out_val, " clock synce lockout\n");
     if (port->synce_enable) terminal->out_func(terminal->out_val, " clock synce enable\n");
     write_esmc(terminal, port->esmc_mode);
     if (port->dnu_group)
@@ -63,6 +65,7 @@ void write_port(cli* terminal, const ssm_port* port) {
     if (port->replace_clockid) terminal->out_func(terminal->out_val, " clock synce extend replace-clockid\n");
     write_forced_quality(terminal, SSM_ESMC_RX, port->force_rx_quality);
     write_forced_quality(terminal, SSM_ESMC_TX, port->force_tx_quality);
+    ssm_supervision_port_config_write(terminal, port);
     write_gephy(terminal, port);
 }
 
@@ -79,7 +82,10 @@ int ssm_config_write(cli* terminal) {
     if (clock->local_priority != SSM_PRIORITY_NONE)
         terminal->out_func(terminal->out_val, "clock synce local-priority %d\n", clock->local_priority);
     write_device_type(terminal);
-    if (clock->ssm_extend) terminal->out_func(terminal->out_val, "clock synce ssm extend\n");
+    if (clock->ssm_extend)
+        terminal->out_func(terminal->out_val, "clock synce ssm extend%s\n",
+                           clock->extend_form == SSM_FORM_STANDARD ? " standard" : "");
+    ssm_supervision_config_write(terminal);
     ssm_guard_config_write(terminal);
     if (const char* forced = ssm_port_name(clock->force_port))
         terminal->out_func(terminal->out_val, "clock synce switch-force %s\n", forced);

@@ -9,6 +9,7 @@
 #include "core/ql.h"
 #include "core/result.h"
 #include "core/select.h"
+#include "core/supervision.h"
 #include "core/timers.h"
 
 namespace {
@@ -98,9 +99,10 @@ std::int32_t ssm_opts_set_ssm_extend(std::uint32_t on) {
 
 std::int32_t ssm_opts_set_local_quality(std::uint32_t quality, std::uint8_t option) {
     if (g_s_master->local_quality == quality && g_s_master->ql_option == option) return SSM_OK;
-    // Forced port qualities are stored as codes and would silently change their meaning.
+    // Forced port qualities and limits are stored as codes and would silently change their meaning.
     if ((option == SSM_OPTION_1 && g_s_master->forced_ql_count_op2) ||
-        (option == SSM_OPTION_2 && g_s_master->forced_ql_count_op1))
+        (option == SSM_OPTION_2 && g_s_master->forced_ql_count_op1) ||
+        (option != g_s_master->ql_option && ssm_port_walk_until(ssm_has_limits)))
         return SSM_CLI_E_OPTION_COLLISION;
     g_s_master->local_quality = quality;
     g_s_master->ql_option = option;

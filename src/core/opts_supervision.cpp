@@ -12,7 +12,8 @@
 namespace {
 
 bool is_hold_off(std::uint32_t milliseconds) {
-    return milliseconds == 0 || (milliseconds >= SSM_HOLD_OFF_MIN_MS && milliseconds <= SSM_HOLD_OFF_MAX_MS);
+    return milliseconds == 0 || (milliseconds >= SSM_HOLD_OFF_MIN_MS && milliseconds <= SSM_HOLD_OFF_MAX_MS &&
+                                 milliseconds % SSM_HOLD_OFF_STEP_MS == 0);
 }
 
 std::int32_t look_again() {

@@ -104,6 +104,11 @@ void ssm_supervision_forget(ssm_port* port) {
 
 // ---- Limits ----
 
+bool ssm_has_limits(const ssm_port* port) {
+    return port->min_rx_quality != QL_NONE || port->max_rx_quality != QL_NONE ||
+           port->min_tx_quality != QL_NONE || port->max_tx_quality != QL_NONE;
+}
+
 bool ssm_below_minimum(const ssm_port* port) {
     return port->min_rx_quality != QL_NONE &&
            ssm_ql_compare(ssm_port_select_quality(port), port->min_rx_quality) > 0;

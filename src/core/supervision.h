@@ -6,7 +6,7 @@
 
 #include "core/records.h"
 
-constexpr std::uint32_t SSM_HOLD_OFF_MIN_MS = 300, SSM_HOLD_OFF_MAX_MS = 1800;
+constexpr std::uint32_t SSM_HOLD_OFF_MIN_MS = 300, SSM_HOLD_OFF_MAX_MS = 1800, SSM_HOLD_OFF_STEP_MS = 100;
 constexpr std::uint32_t SSM_RESTORE_MAX_S = 720;
 
 // How a source fails, as bits.
@@ -31,6 +31,9 @@ void ssm_supervision_forget(ssm_port* port);
 
 std::uint32_t ssm_hold_off_ms(const ssm_port* port);  // in force; 0: none
 std::uint32_t ssm_restore_s(const ssm_port* port);    // in force; 0: none
+// Whether a quality of the port is limited: limits are stored as codes, which the other option reads
+// otherwise.
+bool ssm_has_limits(const ssm_port* port);
 // Whether the port offers a quality, as far as it is its own matter.
 bool ssm_offers_quality(const ssm_port* port);
 bool ssm_below_minimum(const ssm_port* port);

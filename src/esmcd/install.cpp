@@ -15,9 +15,9 @@ constexpr const cli_element* global_commands[] = {
     &no_sync_ssm_enable_cmd,      &synce_local_quality_op1_cmd, &no_synce_local_quality_cmd,
     &synce_local_quality_op2_cmd, &ssm_local_priority_cmd,      &no_ssm_local_priority_cmd,
     &ssm_master_only_role_cmd,    &no_ssm_master_only_role_cmd, &ssm_slave_only_role_cmd,
-    &no_ssm_slave_only_role_cmd,  &ssm_set_ssm_extend_cmd,      &no_ssm_set_ssm_extend_cmd,
-    &ssm_loop_guard_cmd,          &no_ssm_loop_guard_cmd,       &ssm_loop_guard_hold_cmd,
-    &no_ssm_loop_guard_hold_cmd,  &ssm_loop_guard_hops_cmd,     &no_ssm_loop_guard_hops_cmd,
+    &no_ssm_slave_only_role_cmd,  &no_ssm_set_ssm_extend_cmd,   &ssm_loop_guard_cmd,
+    &no_ssm_loop_guard_cmd,       &ssm_loop_guard_hold_cmd,     &no_ssm_loop_guard_hold_cmd,
+    &ssm_loop_guard_hops_cmd,     &no_ssm_loop_guard_hops_cmd,
 };
 
 constexpr const cli_element* interface_commands[] = {
@@ -61,7 +61,7 @@ void install_basics(cli_tree* tree) {
 void install_help(cli_tree* tree) {
     for (const std::span<const cli_help> texts :
          {ssm_global_help, ssm_guard_help, ssm_interface_help, ssm_restore_help, ssm_show_help,
-          ssm_everyday_help, ssm_json_help, ssm_debug_help})
+          ssm_everyday_help, ssm_json_help, ssm_supervision_help, ssm_debug_help})
         (void)cli_install_help(tree, texts.data(), texts.size());
 }
 
@@ -89,6 +89,7 @@ int ssm_install_commands(cli_tree* tree) {
     if (ssm_board_info_get(&board) == SSM_OK && board.synce_support) {
         (void)ssm_cli_restore_init(tree);
         (void)ssm_cli_everyday_init(tree);
+        (void)ssm_cli_supervision_init(tree);
     }
     install_help(tree);
     return result;

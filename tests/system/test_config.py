@@ -5,7 +5,11 @@ clock synce ssm enable
 clock synce local-quality option1 eec1
 clock synce local-priority 100
 clock synce slave-only
-clock synce ssm extend
+clock synce ssm extend standard
+clock synce clock-type eeec
+clock synce hold-off 500
+clock synce wait-to-restore 60
+clock synce non-revertive
 !
 interface p1
  clock synce priority 10
@@ -15,10 +19,15 @@ interface p1
  clock synce extend replace-clockid
  clock synce quality-eth rx ssu-a 
  clock synce quality-eth tx ssu-b 
+ clock synce extend form own
+ clock synce quality-eth maximum prtc
 !
 interface p2
  clock synce priority 20
+ clock synce lockout
  clock synce enable
+ clock synce wait-to-restore 0
+ clock synce quality-eth minimum ssu-b
 !
 interface p9
  clock synce priority 9

@@ -49,7 +49,7 @@ TEST_F(config_commands, of_the_switch_are_traced_and_written) {
         {"clock synce local-quality option1 eec1", "clock synce local-quality option1 eec1\n",
          "clock synce local-quality eec1 under option1 mode"},
         {"clock synce local-quality option1 dnu", "", "clock synce local-quality dnu under option1 mode"},
-        {"cl sy local-q option2 e", "clock synce local-quality option2 eec2\n",
+        {"cl sy local-q option2 eec", "clock synce local-quality option2 eec2\n",
          "clock synce local-quality eec2 under option2 mode"},
         {"clock synce local-quality option2 dus", "clock synce local-quality option2 dus\n",
          "clock synce local-quality dus under option2 mode"},
@@ -66,6 +66,20 @@ TEST_F(config_commands, of_the_switch_are_traced_and_written) {
         {"no clock synce loop-guard hold", ""},
         {"clock synce loop-guard hops 254", "clock synce loop-guard hops 254\n"},
         {"no clock synce loop-guard hops", ""},
+        {"clock synce local-quality option1 eprtc", "clock synce local-quality option1 eprtc\n",
+         "clock synce local-quality eprtc under option1 mode"},
+        {"clock synce local-quality option1 dnu", "", "clock synce local-quality dnu under option1 mode"},
+        {"clock synce ssm extend standard", "clock synce ssm extend standard\n"},
+        {"clock synce ssm extend", "clock synce ssm extend\n"},
+        {"no clock synce ssm extend", ""},
+        {"clock synce clock-type eeec", "clock synce clock-type eeec\n"},
+        {"no clock synce clock-type", ""},
+        {"clock synce hold-off 1800", "clock synce hold-off 1800\n"},
+        {"no clock synce hold-off", ""},
+        {"clock synce wait-to-restore 720", "clock synce wait-to-restore 720\n"},
+        {"no clock synce wait-to-restore", ""},
+        {"clock synce non-revertive", "clock synce non-revertive\n"},
+        {"no clock synce non-revertive", ""},
         {"clock synce switch-force p1", "clock synce switch-force p1\n"},
         {"no clock synce switch-force", ""},
         {"clock recovery-select bits bits2", "clock recovery-select bits bits2\n"},
@@ -117,6 +131,22 @@ TEST_F(config_commands, of_a_port_are_traced_and_written) {
         {"clock synce quality-eth tx ssu-a", " clock synce quality-eth tx ssu-a \n",
          "interface clock synce quality-level tx ssu-a"},
         {"no clock synce quality-eth tx", "", "no interface clock synce quality-level tx"},
+        {"clock synce quality-eth minimum eeec", " clock synce quality-eth minimum eeec\n",
+         "interface clock synce quality-eth rx minimum eeec"},
+        {"no clock synce quality-eth minimum", "", "interface clock synce quality-eth rx minimum na"},
+        {"clock synce quality-eth tx maximum prtc", " clock synce quality-eth tx maximum prtc\n",
+         "interface clock synce quality-eth tx maximum prtc"},
+        {"no clock synce quality-eth tx maximum", "", "interface clock synce quality-eth tx maximum na"},
+        {"clock synce lockout", " clock synce lockout\n", "interface clock synce lockout"},
+        {"no clock synce lockout", "", "interface no clock synce lockout"},
+        {"clock synce hold-off 300", " clock synce hold-off 300\n", "interface clock synce hold-off 300"},
+        {"no clock synce hold-off", "", "interface no clock synce hold-off"},
+        {"clock synce wait-to-restore 0", " clock synce wait-to-restore 0\n",
+         "interface clock synce wait-to-restore 0"},
+        {"no clock synce wait-to-restore", "", "interface no clock synce wait-to-restore"},
+        {"clock synce extend form own", " clock synce extend form own\n"},
+        {"clock synce extend form standard", " clock synce extend form standard\n"},
+        {"no clock synce extend form", ""},
         {"clock synce gephy mas", " clock synce gephy master\n", "clock synce gephy master"},
         {"clock synce gephy slave", " clock synce gephy slave\n"},
         {"no clock synce gephy", ""},
@@ -135,6 +165,19 @@ TEST_F(config_commands, refuse_with_the_reason_and_change_nothing) {
     quiet("clock synce local-quality option2 eec2");
     interface_mode("p1");
     refused("clock synce quality-eth rx prc", "% Can't configure QL value prc under option2 mode\n");
+    quiet("clock synce quality-eth maximum prs");
+    refused("clock synce hold-off 350", "% The hold-off time is 300 to 1800 ms in steps of 100\n");
+    config_mode();
+    refused("clock synce hold-off 1799", "% The hold-off time is 300 to 1800 ms in steps of 100\n");
+    refused("no clock synce local-quality", "% General error\n");  // the limit is of option 2
+    exec_mode();
+    refused("clear clock synce switch", "% Only at a terminal\n");  // nothing for a configuration file
+    session_.line = this;
+    refused("clock synce manual-switch p1", "% Can't switch to p1: SyncE and SSM are not both on\n");
+    refused("clear clock synce wait-to-restore lo", "% Interface lo is not a SyncE port\n");
+    quiet("clear clock synce switch");
+    interface_mode("p1");
+    quiet("no clock synce quality-eth maximum");
     quiet("clock synce quality-eth rx prs");
     g_s_master->force_port = port_;
     g_s_master->force_e1 = 1;
