@@ -52,6 +52,7 @@ void reaction(benchmark::State& state) {
         ssm_socket_arm_read();
         for (unsigned i = 0; i < count; ++i) run_until_heard();
         for (unsigned i = 0; i < BLOCK; ++i) {
+            daemon.earn_event_pdus();
             speak();
             const std::uint64_t before = slow_socket_stats().frames_out;
             const double spent = seconds(run_until_heard);
