@@ -9,8 +9,6 @@
 #include <set>
 #include <utility>
 
-#include "core/ql.h"
-
 namespace {
 
 constexpr nanoseconds US = 1000;
@@ -117,7 +115,6 @@ class network {
 
     void carry(std::uint32_t from, std::uint32_t port, const std::uint8_t* pdu) {
         end& e = ends_[from][port - 1];
-        ++result_.pdus;
         if (const std::uint64_t second = now_ / NS_PER_S; second != std::exchange(e.second, second))
             e.sent = 0;
         result_.busiest_second = std::max(result_.busiest_second, static_cast<std::uint32_t>(++e.sent));
@@ -185,8 +182,8 @@ class network {
         for (const auto& loop : loops_) loop_ended(loop);
         const std::set<std::uint32_t> served = reach_of_masters();
         for (const auto& who : switches_) {
-            result_.holds += who->guard().holds;
-            result_.refused += who->guard().refused;
+            result_.holds += static_cast<std::uint32_t>(who->guard().holds);
+            result_.refused += static_cast<std::uint32_t>(who->guard().refused);
             result_.longest_hold = std::max(result_.longest_hold, who->guard().longest_hold);
             if (who->settings.master) continue;
             if (claims(*who) && who->quality() != quality_behind(who->id)) ++result_.false_claims;

@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -40,9 +39,8 @@ struct network_result {
     std::uint32_t false_claims = 0;        // at the end: better than any master behind it
     std::uint32_t without_source = 0;      // at the end: connected with a master, and following nobody
     nanoseconds last_change = 0;           // after the last event
-    std::uint64_t pdus = 0;
-    std::uint32_t busiest_second = 0;  // PDUs that one port sent
-    std::uint64_t holds = 0, refused = 0;
+    std::uint32_t busiest_second = 0;      // PDUs that one port sent
+    std::uint32_t holds = 0, refused = 0;
     nanoseconds longest_hold = 0;
     nanoseconds longest_delay = 0;  // of a link
 };
@@ -53,20 +51,10 @@ network_result run_network(const network_plan& plan);
 
 enum class network_kind : std::uint8_t { chain, ring, mesh, tree };
 // As the table of docs/LOOPS.md has them.
-enum class network_means : std::uint8_t {
-    nothing,
-    own_quality,
-    replacing,
-    guard,
-    half_guard,
-    not_everywhere
-};
+enum class network_means : std::uint8_t { nothing, own_quality, replacing, guard, half_guard, partly };
 
 network_plan random_plan(network_kind kind, network_means means, std::uint32_t switches, std::uint32_t seed,
                          double loss, std::uint32_t hold_ms);
-// The smallest network that still fails, as far as leaving things out one by one leads.
-template <typename Fails>
-network_plan shrink(network_plan plan, Fails&& fails);
 std::string script_of(const network_plan& plan);
 // False when it is none.
 bool read_script(std::istream& in, network_plan* plan);
@@ -75,6 +63,7 @@ network_plan without_event(const network_plan& plan, std::size_t event);
 network_plan without_link(const network_plan& plan, std::uint32_t link);
 network_plan without_switch(const network_plan& plan, std::uint32_t number);
 
+// The smallest network that still fails, as far as leaving things out one by one leads.
 template <typename Fails>
 network_plan shrink(network_plan plan, Fails&& fails) {
     for (bool smaller = true; smaller;) {

@@ -4,7 +4,6 @@
 #include <random>
 #include <sstream>
 
-#include "core/ql.h"
 #include "network/network.h"
 
 namespace {
@@ -34,13 +33,13 @@ class draw {
 
     switch_settings ordinary(std::uint32_t number) {
         switch_settings s;
-        s.extend = extended() && (means_ != network_means::not_everywhere || below(6) != 0);
+        s.extend = extended() && (means_ != network_means::partly || below(6) != 0);
         s.standard = below(3) == 0;
         if (means_ == network_means::own_quality) {
             s.quality = QL_EEC1;
             s.priority = 1;
         }
-        s.guard = means_ == network_means::guard || (means_ == network_means::not_everywhere && s.extend) ||
+        s.guard = means_ == network_means::guard || (means_ == network_means::partly && s.extend) ||
                   (means_ == network_means::half_guard && number % 2 == 0);
         return s;
     }

@@ -37,9 +37,6 @@ network_switch::~network_switch() {
     lib_stop(ctx_);
     memmgr_free(instance_, MTYPE_SSM_INSTANCE);
     memmgr_free(master_, MTYPE_SSM_MASTER);
-    g_p_esmcd = nullptr;
-    g_s_master = nullptr;
-    ssm_instance = nullptr;
     close(nsm_fd_);
 }
 
@@ -58,7 +55,8 @@ void network_switch::start() {
     nsm_client_set_link_open([] { return std::exchange(opened_link, -1); });
 
     ctx_ = lib_create("network");
-    const thread_edges edges = {now_edge, wait_edge, this};
+    const auto now = [](void* self) { return static_cast<network_switch*>(self)->around_->now(); };
+    const thread_edges edges = {now, wait_edge, this};
     ctx_->master = thread_master_create(&edges);
     master_ = static_cast<ssm_master*>(ssm_calloc(sizeof(ssm_master), MTYPE_SSM_MASTER));
     instance_ =
@@ -175,10 +173,6 @@ int network_switch::wait_edge(void* arg, int timeout_ms, thread_ready* out, int)
         self->timer_at_ = self->around_->now() + static_cast<nanoseconds>(timeout_ms) * NS_PER_MS;
     out[0] = {self->nsm_fd_, true, false};
     return 1;
-}
-
-nanoseconds network_switch::now_edge(void* self) {
-    return static_cast<network_switch*>(self)->around_->now();
 }
 
 // ---- NSM and the clock hardware ---------------------------------------------------------------------------

@@ -68,7 +68,6 @@ class network_switch {
     void hold_over();
     static int one_event(thread* event);
     static int wait_edge(void* self, int timeout_ms, struct thread_ready* out, int max);
-    static nanoseconds now_edge(void* self);
 
     surroundings* around_;
     lib_globals* ctx_ = nullptr;
