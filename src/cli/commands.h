@@ -73,6 +73,7 @@ extern const std::span<const cli_help> ssm_show_help;
 extern const std::span<const cli_help> ssm_everyday_help;
 extern const std::span<const cli_help> ssm_json_help;
 extern const std::span<const cli_help> ssm_supervision_help;
+extern const std::span<const cli_help> ssm_statistics_help;
 extern const std::span<const cli_help> ssm_debug_help;
 
 // Configuration writers.
@@ -87,3 +88,4 @@ void ssm_supervision_port_config_write(cli* terminal, const ssm_port* port);
 int ssm_cli_restore_init(cli_tree* tree);
 int ssm_cli_everyday_init(cli_tree* tree);
 int ssm_cli_supervision_init(cli_tree* tree);
+int ssm_cli_statistics_init(cli_tree* tree);

@@ -11,6 +11,7 @@
 #include "core/neighbour.h"
 #include "core/ports.h"
 #include "core/ql.h"
+#include "core/supervision.h"
 
 namespace {
 
@@ -34,6 +35,25 @@ forced_words forced_text(const ssm_port* port) {
     return words;
 }
 
+// What an operator forgets, or can't see in one line a port.
+void show_notes(cli* terminal) {
+    const auto note = [terminal](const char* text, const char* port, const char* rest) {
+        terminal->out_func(terminal->out_val, "Note: %s%s%s\n", text, port, rest);
+    };
+    constexpr const char* END_IT = " is active, \"clear clock synce switch\" ends it";
+    if (g_s_master->force_e1) note("forced switch to ", "the E1 input", END_IT);
+    if (const char* forced = ssm_port_name(g_s_master->force_port)) note("forced switch to ", forced, END_IT);
+    if (const char* manual = ssm_port_name(g_s_master->manual_port))
+        note("manual switch to ", manual, END_IT);
+    ssm_port_walk([&](const ssm_port* port) {
+        if (port->lockout) note("", ssm_port_name(port), " is locked out");
+        if (ssm_flapping(port)) note("", ssm_port_name(port), " is flapping");
+        if (port->hold_off_timer)
+            terminal->out_func(terminal->out_val, "Note: hold-off of %s, %u ms left\n", ssm_port_name(port),
+                               static_cast<unsigned>(ssm_hold_off_left_ms(port)));
+    });
+}
+
 // Wide enough for every reason: scripts cut the lines by column.
 int show_brief_handler(cli* terminal, int, char**) {
     terminal->out_func(terminal->out_val, "%-16s %-6s %-8s %-6s %4s  %-12s %-48s %s\n", "Port", "State", "Rx",
@@ -47,6 +67,7 @@ int show_brief_handler(cli* terminal, int, char**) {
             ssm_ql_to_str(port->send_quality, SSM_QL_STYLE_SHORT), port->priority, forced_text(port).text,
             ssm_reason_not_source(port, best).text, neighbour ? ssm_address_str(neighbour).text : "-");
     });
+    show_notes(terminal);
     return CLI_SUCCESS;
 }
 

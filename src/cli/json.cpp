@@ -5,9 +5,11 @@
 
 #include "cli/commands.h"
 #include "cli/reason.h"
+#include "core/extension.h"
 #include "core/neighbour.h"
 #include "core/ports.h"
 #include "core/ql.h"
+#include "core/supervision.h"
 #include "suite/ports/slow_socket.h"
 
 namespace {
@@ -44,6 +46,14 @@ void address_field(cli* terminal, const char* name, const std::uint8_t* address)
 
 void count(cli* terminal, const char* name, std::uint64_t value) {
     terminal->out_func(terminal->out_val, ",\"%s\":%" PRIu64, name, value);
+}
+
+// How long ago, in milliseconds.
+void age(cli* terminal, const char* name, nanoseconds moment) {
+    if (moment)
+        count(terminal, name, (thread_now(g_p_esmcd) - moment) / NS_PER_MS);
+    else
+        field(terminal, name, nullptr);
 }
 
 void flag(cli* terminal, const char* name, bool value) {
@@ -121,6 +131,76 @@ void write_port_guard(cli* terminal, const ssm_port* port) {
     count(terminal, "held_back", stats.held_back);
 }
 
+const char* form(std::uint8_t of) {
+    if (of == SSM_FORM_DEFAULT) return nullptr;
+    return of == SSM_FORM_STANDARD ? "standard" : "own";
+}
+
+void write_supervision(cli* terminal) {
+    const ssm_master* clock = g_s_master;
+    field(terminal, "extend_form", clock->extend_form == SSM_FORM_STANDARD ? "standard" : "own");
+    field(terminal, "clock_type", clock->clock_type == SSM_CLOCK_EEEC ? "eeec" : "eec");
+    field(terminal, "hold_off_ms", clock->hold_off_ms);
+    field(terminal, "wait_to_restore_s", clock->restore_s);
+    flag(terminal, "non_revertive", clock->non_revertive != 0);
+    field(terminal, "manual_port", ssm_port_name(clock->manual_port));
+    flag(terminal, "e1_forced", clock->force_e1 != 0);
+    count(terminal, "changes", clock->history.count);
+}
+
+void write_port_supervision(cli* terminal, const ssm_port* port) {
+    field(terminal, "extend_form", form(ssm_extend_form_of(port)));
+    field(terminal, "hold_off_ms", ssm_hold_off_ms(port));
+    field(terminal, "wait_to_restore_s", ssm_restore_s(port));
+    field(terminal, "hold_off_left_ms", ssm_hold_off_left_ms(port));
+    field(terminal, "wait_to_restore_left_s", ssm_restore_left_s(port));
+    flag(terminal, "locked_out", port->lockout != 0);
+    flag(terminal, "failed", port->failed != 0);
+    field(terminal, "minimum_received_quality", quality(port->min_rx_quality));
+    field(terminal, "maximum_received_quality", quality(port->max_rx_quality));
+    field(terminal, "minimum_sent_quality", quality(port->min_tx_quality));
+    field(terminal, "maximum_sent_quality", quality(port->max_tx_quality));
+    field(terminal, "received_form", form(port->recv_form));
+    flag(terminal, "received_mixed", port->recv_flags & esmc::FLAG_MIXED);
+    flag(terminal, "received_partial", port->recv_flags & esmc::FLAG_PARTIAL);
+    field(terminal, "received_eeec", std::uint32_t{port->recv_eeec});
+    field(terminal, "received_eec", std::uint32_t{port->recv_eec});
+    flag(terminal, "flapping", ssm_flapping(port));
+}
+
+void interval(cli* terminal, const char* name, nanoseconds length) {
+    if (length)
+        count(terminal, name, length / NS_PER_MS);
+    else
+        field(terminal, name, nullptr);
+}
+
+void write_statistics(cli* terminal, const ssm_port* port) {
+    const ssm_statistics& s = *port->statistics;
+    slow_port_stats frames = {};
+    (void)slow_socket_port_stats(port->ifindex, &frames);  // none yet: 0
+    count(terminal, "information_in", s.information_in);
+    count(terminal, "events_in", s.events_in);
+    count(terminal, "dnu_in", s.dnu_in);
+    count(terminal, "information_out", s.information_out);
+    count(terminal, "events_out", s.events_out);
+    count(terminal, "dnu_out", s.dnu_out);
+    count(terminal, "without_quality", s.short_frames);
+    count(terminal, "unknown_quality", s.bad_qualities);
+    count(terminal, "unknown_tlv", s.bad_tlvs);
+    count(terminal, "beyond_rate_limit", frames.limited);
+    count(terminal, "timeouts", s.timeouts);
+    count(terminal, "times_source", s.sources);
+    age(terminal, "information_age_ms", s.last_information);
+    age(terminal, "event_age_ms", s.last_event);
+    age(terminal, "sent_age_ms", s.last_out);
+    interval(terminal, "shortest_interval_ms", s.shortest);
+    interval(terminal, "mean_interval_ms", ssm_mean_interval(s));
+    interval(terminal, "longest_interval_ms", s.longest);
+    age(terminal, "quality_age_ms", s.quality_changed);
+    age(terminal, "cleared_age_ms", s.cleared);
+}
+
 void write_clock(cli* terminal, const ssm_port* best) {
     const ssm_master* clock = g_s_master;
     terminal->out_func(terminal->out_val, "\"clock_id\":");
@@ -140,6 +220,7 @@ void write_clock(cli* terminal, const ssm_port* best) {
     field(terminal, "no_source_reason", clock->selected_port ? nullptr : or_null(ssm_reason_no_source(best)));
     field(terminal, "forced_port", ssm_port_name(clock->force_port));
     write_guard(terminal);
+    write_supervision(terminal);
 }
 
 void write_port(cli* terminal, const ssm_port* port, const ssm_port* best) {
@@ -165,6 +246,8 @@ void write_port(cli* terminal, const ssm_port* port, const ssm_port* best) {
     address_field(terminal, "address", ssm_address_named(port->intf->mac) ? port->intf->mac : nullptr);
     address_field(terminal, "neighbour", ssm_neighbour(port));
     write_port_guard(terminal, port);
+    write_port_supervision(terminal, port);
+    write_statistics(terminal, port);
     terminal->out_func(terminal->out_val, "}");
 }
 

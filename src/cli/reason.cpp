@@ -6,6 +6,7 @@
 #include "core/opts.h"
 #include "core/ports.h"
 #include "core/ql.h"
+#include "core/supervision.h"
 
 namespace {
 
@@ -56,8 +57,18 @@ ssm_reason own_clock(const ssm_port* best) {
     return next_source();
 }
 
+ssm_reason restoring(const ssm_port* port) {
+    ssm_reason said;
+    std::snprintf(said.text, sizeof said.text, "waiting to restore, %u s left",
+                  static_cast<unsigned>(ssm_restore_left_s(port)));
+    return said;
+}
+
 // While nothing is proved the guard holds over, and what may lead back has only to wait.
 ssm_reason refused(const ssm_port* port, ssm_refusal refusal) {
+    if (refusal == ssm_refusal::waiting_to_restore && port->restore_timer) return restoring(port);
+    if (refusal == ssm_refusal::below_minimum)
+        return say("below the minimum", ssm_ql_to_str(port->min_rx_quality, SSM_QL_STYLE_SHORT));
     if (!ssm_refusal_by_guard(refusal)) return say(ssm_refusal_text(refusal));
     if (refusal != ssm_refusal::may_lead_back || !g_s_master->guard.holding_since)
         return say(ssm_guard_objection(port).text);
@@ -102,5 +113,8 @@ ssm_reason ssm_reason_not_source(const ssm_port* port, const ssm_port* best) {
     const ssm_reason why = ssm_reason_no_candidate(port);
     if (why.text[0]) return why;
     if (!best) return {};
+    const ssm_port* source = g_s_master->selected_port;
+    if (source && source == g_s_master->manual_port) return say("manual switch to", ssm_port_name(source));
+    if (source && port == best && ssm_source_stays(best)) return say("the source stays (non-revertive)");
     return port == best ? own_clock(best) : better_than(best, port);
 }

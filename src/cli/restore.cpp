@@ -11,6 +11,7 @@ int switch_force_handler(cli* terminal, int, char** argv) {
     SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sclock synce switch-force %s", argv[0]);
     ssm_port* port = ssm_cli_named_port(terminal, argv[0]);
     if (!port) return CLI_ERROR;
+    if (!terminal->line) SSM_LOG(LOG_LEVEL_WARNING, "%s%sthe configuration forces the switch to %s", argv[0]);
     return ssm_cli_finish(terminal, ssm_opts_set_force_port(port));
 }
 

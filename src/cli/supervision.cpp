@@ -58,6 +58,16 @@ int clear_restore_handler(cli* terminal, int argc, char** argv) {
     return ssm_cli_finish(terminal, ssm_opts_end_restore(port));
 }
 
+// ---- Lockout ----
+
+int lockout_handler(cli* terminal, int, char**) {
+    SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sinterface clock synce lockout");
+    const std::int32_t rv = ssm_opts_set_port_lockout(ssm_cli_interface(terminal), 1);
+    if (rv >= 0 && !terminal->line)
+        SSM_LOG(LOG_LEVEL_WARNING, "%s%sthe configuration locks %s out", terminal->name);
+    return ssm_cli_finish(terminal, rv);
+}
+
 // ---- Limits of quality ----
 
 int set_limit(cli* terminal, std::uint32_t direction, const char* limit, const char* quality) {
@@ -133,7 +143,7 @@ constexpr cli_element config_commands[] = {
 };
 
 constexpr cli_element port_commands[] = {
-    {"clock synce lockout", ssm_cli_port<"%s%sinterface clock synce lockout", ssm_opts_set_port_lockout, 1>},
+    {"clock synce lockout", lockout_handler},
     {"no clock synce lockout",
      ssm_cli_port<"%s%sinterface no clock synce lockout", ssm_opts_set_port_lockout, 0>},
     {"clock synce hold-off <300-1800>", port_hold_off_handler},

@@ -58,6 +58,14 @@ std::uint32_t ssm_restore_s(const ssm_port* port) {
     return port->restore_set ? port->restore_s : g_s_master->restore_s;
 }
 
+std::uint32_t ssm_hold_off_left_ms(const ssm_port* port) {
+    return port->hold_off_timer ? thread_timer_remaining_ms(port->hold_off_timer) : 0;
+}
+
+std::uint32_t ssm_restore_left_s(const ssm_port* port) {
+    return port->restore_timer ? (thread_timer_remaining_ms(port->restore_timer) + 999) / 1000 : 0;
+}
+
 bool ssm_offers_quality(const ssm_port* port) {
     if (!port->synce_enable || !port->link_up || !ssm_runs()) return false;
     if (port->force_rx_quality == QL_NONE && !port->recv_pdu) return false;
@@ -150,6 +158,11 @@ void ssm_manual_drop(const char* why) {
     ssm_history_command(port->intf->name, "no manual switch", why);
 }
 
+bool ssm_source_stays(const ssm_port* best) {
+    const ssm_port* source = g_s_master->selected_port;
+    return g_s_master->non_revertive && source && source != best && as_good_candidate(source, best);
+}
+
 ssm_port* ssm_choice_of_operator(ssm_port* best) {
     if (ssm_port* manual = g_s_master->manual_port) {
         if (as_good_candidate(manual, best)) return manual;
@@ -157,8 +170,5 @@ ssm_port* ssm_choice_of_operator(ssm_port* best) {
         ssm_manual_drop(refusal != ssm_refusal::none ? ssm_refusal_text(refusal)
                                                      : "another port offers a better quality");
     }
-    ssm_port* source = g_s_master->selected_port;
-    if (g_s_master->non_revertive && source && source != best && as_good_candidate(source, best))
-        return source;
-    return best;
+    return ssm_source_stays(best) ? g_s_master->selected_port : best;
 }

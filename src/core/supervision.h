@@ -29,8 +29,12 @@ void ssm_supervision_forget(ssm_port* port);
 
 // ---- What selection asks ----
 
-std::uint32_t ssm_hold_off_ms(const ssm_port* port);  // in force; 0: none
-std::uint32_t ssm_restore_s(const ssm_port* port);    // in force; 0: none
+std::uint32_t ssm_hold_off_ms(const ssm_port* port);       // in force; 0: none
+std::uint32_t ssm_restore_s(const ssm_port* port);         // in force; 0: none
+std::uint32_t ssm_hold_off_left_ms(const ssm_port* port);  // 0: none runs
+std::uint32_t ssm_restore_left_s(const ssm_port* port);    // begun seconds; 0: it does not wait
+// Whether non-revertive operation keeps the source although this port ranks before it.
+bool ssm_source_stays(const ssm_port* best);
 // Whether a quality of the port is limited: limits are stored as codes, which the other option reads
 // otherwise.
 bool ssm_has_limits(const ssm_port* port);

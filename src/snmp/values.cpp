@@ -32,7 +32,8 @@ const void* ssm_mib_cell(ssm_mib_value value) {
     return &cell;
 }
 
-ssm_mib_value ssm_mib_quality(std::uint32_t code) {
+ssm_mib_value ssm_mib_quality(std::uint32_t quality) {
+    const std::uint32_t code = ssm_code_of(quality);
     if (g_s_master->ql_option == SSM_OPTION_2) {
         if (code == QL_TNC) return TNC;
         if (code == QL_DNU) return DUS;
@@ -49,7 +50,8 @@ const char* ssm_mib_quality_token(std::int32_t value) {
     return entry < TOKENS.size() ? TOKENS[entry] : nullptr;
 }
 
-ssm_mib_value ssm_mib_read_local_quality(std::uint32_t code, std::uint8_t option) {
+ssm_mib_value ssm_mib_read_local_quality(std::uint32_t quality, std::uint8_t option) {
+    const std::uint32_t code = ssm_code_of(quality);
     if (code == QL_DNU) return option == SSM_OPTION_2 ? LOCAL_DUS : LOCAL_DNU;
     for (std::size_t i = 0; i < LOCAL.size(); ++i)
         if (LOCAL[i].code == code) return static_cast<ssm_mib_value>(i) + 1;

@@ -18,8 +18,9 @@ constexpr ssm_mib_value ssm_mib_flag(bool set) {
     return set ? 1 : 2;
 }
 
-// Quality of a port. The current quality of the switch differs for "none": it reads as "do not use".
-ssm_mib_value ssm_mib_quality(std::uint32_t code);
+// Quality of a port: its SSM code, whatever the enhanced code above it says. The current quality of the
+// switch differs for "none": it reads as "do not use".
+ssm_mib_value ssm_mib_quality(std::uint32_t quality);
 ssm_mib_value ssm_mib_current_quality(std::uint32_t code);
 const char* ssm_mib_quality_token(std::int32_t value);  // null when the low eight bits name none
 
@@ -27,7 +28,7 @@ const char* ssm_mib_quality_token(std::int32_t value);  // null when the low eig
 struct ssm_mib_local_quality {
     std::uint8_t code, option;
 };
-ssm_mib_value ssm_mib_read_local_quality(std::uint32_t code, std::uint8_t option);
+ssm_mib_value ssm_mib_read_local_quality(std::uint32_t quality, std::uint8_t option);
 const ssm_mib_local_quality* ssm_mib_find_local_quality(std::int32_t value);  // null when there is none
 
 // The value of a SET, which must be four octets: false for another length.

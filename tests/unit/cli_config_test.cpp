@@ -21,6 +21,7 @@ class config_commands : public daemon_test {
         add_interface("lo", 9, 1);
         add_interface("unbound", 10);
         config_mode();
+        session_.line = this;  // a terminal's, no configuration file's
     }
     // What the writer makes of the configuration.
     std::string written(int (*writer)(cli*)) {
@@ -171,6 +172,7 @@ TEST_F(config_commands, refuse_with_the_reason_and_change_nothing) {
     refused("clock synce hold-off 1799", "% The hold-off time is 300 to 1800 ms in steps of 100\n");
     refused("no clock synce local-quality", "% General error\n");  // the limit is of option 2
     exec_mode();
+    session_.line = nullptr;
     refused("clear clock synce switch", "% Only at a terminal\n");  // nothing for a configuration file
     session_.line = this;
     refused("clock synce manual-switch p1", "% Can't switch to p1: SyncE and SSM are not both on\n");

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "core/select.h"
+#include "core/supervision.h"
 #include "daemon_fixture.h"
 
 namespace {
@@ -239,8 +240,50 @@ TEST_F(everyday, loop_guard_says_what_it_has_against_an_offer) {
               std::pair(nanoseconds{0}, 200 * NS_PER_MS));
 }
 
+TEST_F(everyday, supervision_gives_its_reasons) {
+    ssm_port* best = candidate("best", 1, QL_SSU_A, 10);
+    ssm_port* other = candidate("other", 2, QL_SSU_A, 20);
+    g_s_master->selected_port = other;
+    g_s_master->freerun = 0;
+    g_s_master->non_revertive = 1;
+    EXPECT_EQ(why("best"), "the source stays (non-revertive)");
+    g_s_master->non_revertive = 0;
+    session_.line = this;
+    quiet("clock synce manual-switch other");
+    EXPECT_EQ(why("best"), "manual switch to other");
+    candidate("low", 3, QL_EEC1, 1)->min_rx_quality = QL_SSU_A;
+    EXPECT_EQ(why("low"), "below the minimum SSU-A");
+    best->lockout = 1;
+    EXPECT_EQ(why("best"), "locked out");
+    const std::string brief = shown("show clock synce brief");
+    EXPECT_EQ(brief.substr(brief.find("Note")),
+              "Note: manual switch to other is active, \"clear clock synce switch\" ends it\n"
+              "Note: best is locked out\n");
+    ssm_port* restored = candidate("restored", 4, QL_PRC, 1);
+    daemon_->in_event([&] {
+        ASSERT_EQ(ssm_opts_set_restore(60), 0);
+        ssm_source_failed(restored);
+        ssm_source_recovered(restored);
+    });
+    daemon_->pass(1500);
+    EXPECT_EQ(why("restored"), "waiting to restore, 59 s left");
+    const std::string history = shown("show clock synce history");
+    EXPECT_NE(history.find("command  other            manual switch    the operator\n"), history.npos)
+        << history;
+    best->statistics->timeouts = 7;
+    EXPECT_NE(shown("show clock synce json").find(R"("timeouts":7,)"), std::string::npos);
+    quiet("clear clock synce statistics best");
+    EXPECT_NE(shown("show clock synce statistics best").find("Time-outs                           : 0\n"),
+              std::string::npos);
+}
+
 // The names and kinds of all fields are held to the document (cli_commands_test); here are their values.
 TEST_F(everyday, json_is_one_object) {
+    const auto without_later_fields = [](std::string text) {
+        for (std::size_t at; (at = text.find(R"(,"extend_form")")) != text.npos;)
+            text.erase(at, std::min(text.find(R"(,"ports")", at), text.find('}', at)) - at);
+        return text;
+    };
     g_s_master->selected_port = candidate("p1", 1, QL_PRC, 10);
     g_s_master->freerun = 0;
     ssm_port* odd = candidate("a\"\\\x01", 2, QL_NONE, 255);
@@ -248,7 +291,7 @@ TEST_F(everyday, json_is_one_object) {
     for (std::uint8_t i = 0; i < 6; ++i) odd->intf->mac[i] = odd->neighbour[i] = std::uint8_t(0xf0 + i);
     g_s_master->selected_port->neighbour[5] = 9;
     EXPECT_EQ(
-        shown("show clock synce json"),
+        without_later_fields(shown("show clock synce json")),
         R"({"clock_id":"00:00:00:00:00:00:00:00","synce_enabled":true,"ssm_enabled":true,)"
         R"("ssm_extended":false,"option":1,"local_quality":"dnu","local_priority":255,)"
         R"("current_quality":"dnu","device_type":"default","running_state":"lock",)"

@@ -103,6 +103,9 @@ TEST_F(ssm_mib, identity_running_state_source_and_neighbour) {
 }
 
 TEST_F(ssm_mib, qualities_read_by_code_and_option) {
+    p1->recv_quality = ssm_quality_of(QL_PRC, QL_ENHANCED_PRTC);
+    g_s_master->local_quality = g_s_master->current_quality = p1->recv_quality;
+    for (const oid& name : {cell(6), scalar(5), scalar(6)}) EXPECT_EQ(get(name), 2);
     constexpr int option1[] = {3, 1, 2, 15, 4, 13, 13, 6, 7, 13, 8, 9, 10, 11, 12, 13, 13, 13};
     for (std::uint8_t option : {SSM_OPTION_1, SSM_OPTION_2}) {
         g_s_master->ql_option = option;

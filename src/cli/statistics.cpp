@@ -1,0 +1,150 @@
+// What happened: the history of the clock's changes and the counters of each port. Ages and intervals come
+// from the loop's clock, which does not step; only the history's time of day is the wall clock's.
+#include "core/statistics.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <ctime>
+
+#include "cli/commands.h"
+#include "cli/handler.h"
+#include "cli/reason.h"
+#include "core/neighbour.h"
+#include "core/ports.h"
+#include "suite/ports/slow_socket.h"
+
+namespace {
+
+struct short_text {
+    char text[40];
+};
+
+short_text seconds(nanoseconds time) {
+    short_text said;
+    std::snprintf(said.text, sizeof said.text, "%" PRIu64 ".%03u s", time / NS_PER_S,
+                  static_cast<unsigned>(time / NS_PER_MS % 1000));
+    return said;
+}
+
+nanoseconds age_of(nanoseconds moment) {
+    const nanoseconds now = thread_now(g_p_esmcd);
+    return now > moment ? now - moment : 0;
+}
+
+// ISO 8601, in UTC.
+short_text time_of_day(nanoseconds wall) {
+    const auto second = static_cast<time_t>(wall / NS_PER_S);
+    struct tm parts = {};
+    gmtime_r(&second, &parts);
+    short_text said;
+    const std::size_t length = std::strftime(said.text, sizeof said.text, "%Y-%m-%dT%H:%M:%S", &parts);
+    std::snprintf(said.text + length, sizeof said.text - length, ".%03uZ",
+                  static_cast<unsigned>(wall / NS_PER_MS % 1000));
+    return said;
+}
+
+int show_history_handler(cli* terminal, int, char**) {
+    terminal->out_func(terminal->out_val, "%-24s %14s  %-8s %-16s %-16s %s\n", "When (UTC)", "Age", "Kind",
+                       "From", "To", "Why");
+    for (std::size_t back = SSM_HISTORY_SIZE; back-- > 0;) {
+        const ssm_change* change = ssm_history_get(back);
+        if (!change) continue;
+        terminal->out_func(terminal->out_val, "%-24s %14s  %-8s %-16s %-16s %s\n",
+                           time_of_day(change->wall).text, seconds(age_of(change->monotonic)).text,
+                           ssm_change_kind_text(change->kind), change->from, change->to, change->why);
+    }
+    return CLI_SUCCESS;
+}
+
+void line(cli* terminal, const char* label, std::uint64_t count) {
+    terminal->out_func(terminal->out_val, "%-36s: %" PRIu64 "\n", label, count);
+}
+
+void line(cli* terminal, const char* label, const char* text) {
+    terminal->out_func(terminal->out_val, "%-36s: %s\n", label, text);
+}
+
+void age_line(cli* terminal, const char* label, nanoseconds moment) {
+    line(terminal, label, moment ? seconds(age_of(moment)).text : "-");
+}
+
+void interval_line(cli* terminal, const char* label, nanoseconds interval) {
+    line(terminal, label, interval ? seconds(interval).text : "-");
+}
+
+void show_port(cli* terminal, const ssm_port* port) {
+    const ssm_statistics& s = *port->statistics;
+    slow_port_stats frames = {};
+    (void)slow_socket_port_stats(port->ifindex, &frames);  // none yet: 0
+    const std::uint8_t* neighbour = ssm_neighbour(port);
+    line(terminal, "Interface", port->intf->name);
+    line(terminal, "Information PDUs received", s.information_in);
+    line(terminal, "Event PDUs received", s.events_in);
+    line(terminal, "DNU received", s.dnu_in);
+    line(terminal, "Information PDUs sent", s.information_out);
+    line(terminal, "Event PDUs sent", s.events_out);
+    line(terminal, "DNU sent", s.dnu_out);
+    line(terminal, "Without a quality", s.short_frames);
+    line(terminal, "With an unknown quality", s.bad_qualities);
+    line(terminal, "With an extended TLV of no known form", s.bad_tlvs);
+    line(terminal, "Beyond the rate limit", frames.limited);
+    line(terminal, "Time-outs", s.timeouts);
+    line(terminal, "Times source", s.sources);
+    line(terminal, "Flapping", ssm_flapping(port) ? "yes" : "no");
+    age_line(terminal, "Last information PDU received, age", s.last_information);
+    age_line(terminal, "Last event PDU received, age", s.last_event);
+    age_line(terminal, "Last PDU sent, age", s.last_out);
+    interval_line(terminal, "Shortest interval of information", s.shortest);
+    interval_line(terminal, "Mean interval of information", ssm_mean_interval(s));
+    interval_line(terminal, "Longest interval of information", s.longest);
+    age_line(terminal, "Received quality unchanged for", s.quality_changed);
+    line(terminal, "Neighbour", neighbour ? ssm_address_str(neighbour).text : "-");
+    age_line(terminal, "Counters cleared, age", s.cleared);
+}
+
+int show_statistics_handler(cli* terminal, int argc, char** argv) {
+    if (argc > 0) {
+        const ssm_port* port = ssm_cli_named_port(terminal, argv[0]);
+        if (!port) return CLI_ERROR;
+        show_port(terminal, port);
+        return CLI_SUCCESS;
+    }
+    bool first = true;
+    ssm_port_walk([terminal, &first](const ssm_port* port) {
+        if (!first) terminal->out_func(terminal->out_val, "\n");
+        first = false;
+        show_port(terminal, port);
+    });
+    return CLI_SUCCESS;
+}
+
+int clear_statistics_handler(cli* terminal, int argc, char** argv) {
+    ssm_port* port = nullptr;
+    if (argc > 0 && !(port = ssm_cli_named_port(terminal, argv[0]))) return CLI_ERROR;
+    SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, "%s%sclear clock synce statistics %s", port ? argv[0] : "");
+    ssm_statistics_clear(port);
+    return CLI_SUCCESS;
+}
+
+constexpr cli_element commands[] = {
+    {"show clock synce history", show_history_handler},
+    {"show clock synce statistics (IFNAME|)", show_statistics_handler},
+    {"clear clock synce statistics (IFNAME|)", clear_statistics_handler},
+};
+
+constexpr cli_help help_texts[] = {
+    {"show clock synce", "history", "What changed, when and why; the newest last"},
+    {"clock synce", "statistics", "What the ports have heard and said"},
+    {"clock synce statistics", "IFNAME", "One port; else all"},
+};
+
+}  // namespace
+
+const std::span<const cli_help> ssm_statistics_help = help_texts;
+
+int ssm_cli_statistics_init(cli_tree* tree) {
+    int rv = 0;
+    for (const cli_element& command : commands)
+        if (cli_install_gen(tree, EXEC_MODE, SSM_CLI_PRIVILEGE, 0, &command) < 0) rv = -1;
+    return rv;
+}
