@@ -96,7 +96,7 @@ class random_rules : public sim {
         bool is_command;
         void (*run)(random_rules&, const step&);
     };
-    static const action ACTIONS[28];
+    static const action ACTIONS[34];
 
     std::string broken;
 
@@ -143,6 +143,8 @@ class random_rules : public sim {
         // The operator's force switch is stronger than the role.
         rule(m.device_type != SSM_MASTER_ONLY || !m.selected_port || m.selected_port == m.force_port,
              "no source of a master-only switch");
+        rule(!m.selected_port || !m.selected_port->lockout, "no locked-out source");
+        rule(!m.manual_port || !m.force_port, "forced and manual exclude each other");
         std::uint32_t forced = 0, manual = 0;
         ssm_port_walk([&](const ssm_port* p) {
             forced += (p->force_rx_quality != QL_NONE) + (p->force_tx_quality != QL_NONE);
@@ -254,6 +256,16 @@ const random_rules::action random_rules::ACTIONS[] = {
          if (t.port(s.port)) (void)ssm_opts_set_force_port(t.port(s.port));
      }},
     {"unforce", 1, true, [](auto&, auto&) { (void)ssm_opts_clear_force(); }},
+    {"hold_off", 1, true, [](auto&, auto& s) { (void)ssm_opts_set_hold_off(s.on() * 300); }},
+    {"restore", 1, true, [](auto&, auto& s) { (void)ssm_opts_set_restore(s.on() * 7); }},
+    {"lockout", 2, true, [](auto& t, auto& s) { (void)ssm_opts_set_port_lockout(t.intf(s.port), s.on()); }},
+    {"manual", 3, true,
+     [](auto& t, auto& s) {
+         const char* why = nullptr;
+         (void)ssm_opts_manual_switch(t.intf(s.port), &why);
+     }},
+    {"clear_switch", 1, true, [](auto&, auto&) { (void)ssm_opts_clear_switch(); }},
+    {"non_revertive", 1, true, [](auto&, auto& s) { (void)ssm_opts_set_non_revertive(s.on()); }},
     {"gephy", 3, true, [](auto& t, auto& s) { set_gephy_by_command(t.intf(s.port), s.on(), 1 + s.other % 2); }},
     {"ssm_gephy", 2, true,
      [](auto&, auto& s) {
