@@ -19,8 +19,8 @@ def test_a_lost_master_is_known_everywhere(environment, tmp_path, release_only, 
     for phase in phases.values():  # true to the master, as told as shown, no loop, no more PDUs than slow protocols may send
         assert phase["settled"] and not phase["standing_loops"] and not phase["loops"]["seen"], phase
         assert phase["wrong"] == phase["shown_otherwise"] == 0 and phase["busiest_port_pdus_per_s"] <= 10, phase
-    for name in ("feed cut", "feed back"):
-        assert phases[name]["switches_that_told"] == 12, name
+    for name in ("start", "feed cut", "feed back"):  # in a ring the first PDU of some switch may be what it stays at
+        assert phases[name]["switches_that_told"] >= 12 - (name == "start" and "ring" in network), name
     relayed = phases["feed cut"]["quality_ms"] - phases["feed cut"]["first_ms"]
     assert relayed < 50, f"{relayed} ms through eleven switches: each must pass on at once what it hears"
 
