@@ -28,6 +28,8 @@ extern const cli_element ssm_loop_guard_hold_cmd;
 extern const cli_element no_ssm_loop_guard_hold_cmd;
 extern const cli_element ssm_loop_guard_hops_cmd;
 extern const cli_element no_ssm_loop_guard_hops_cmd;
+extern const cli_element ssm_keep_state_cmd;
+extern const cli_element no_ssm_keep_state_cmd;
 
 // Configuration of one port.
 extern const cli_element interface_ssm_cmd;

@@ -121,6 +121,9 @@ constexpr cli_help help_texts[] = {
     {"clock synce local-priority", "<1-255>", "Smaller is better; 255: not configured"},
     {"clock synce", "master-only", "Never recover the clock from a port"},
     {"clock synce", "slave-only", "Always recover the clock from a port, whatever the own quality"},
+    {"", "state", "What the daemon knows from moment to moment"},
+    {"no", "state", "What the daemon knows from moment to moment"},
+    {"state", "keep", "A restart goes on where the daemon was, unseen by the neighbours"},
 };
 
 }  // namespace
@@ -162,5 +165,10 @@ const cli_element ssm_slave_only_role_cmd = {
 const cli_element no_ssm_slave_only_role_cmd = {
     "no clock synce slave-only",
     ssm_cli_global<"%s%sno clock synce slave-only", ssm_opts_set_device_type, SSM_DEFAULT_ROLE>};
+
+const cli_element ssm_keep_state_cmd = {"state keep",
+                                        ssm_cli_global<"%s%sstate keep", ssm_opts_set_keep_state, 1>};
+const cli_element no_ssm_keep_state_cmd = {"no state keep",
+                                           ssm_cli_global<"%s%sno state keep", ssm_opts_set_keep_state, 0>};
 
 const std::span<const cli_help> ssm_global_help = help_texts;

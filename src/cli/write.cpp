@@ -73,6 +73,7 @@ void write_port(cli* terminal, const ssm_port* port) {
 
 int ssm_config_write(cli* terminal) {
     const ssm_master* clock = g_s_master;
+    if (clock->keep_state) terminal->out_func(terminal->out_val, "state keep\n");
     if (clock->global_enable) terminal->out_func(terminal->out_val, "clock synce global-enable\n");
     write_recovery_select(terminal);
     if (clock->ssm_enable)

@@ -277,6 +277,14 @@ void ssm_guard_restart() {
     ssm_port_walk(forget_refused);
 }
 
+void ssm_guard_resume() {
+    ssm_guard& guard = g_s_master->guard;
+    guard.told = told_now();
+    guard.tell = false;
+    watch_distances();
+    if (guard.refusing) watch_refused();
+}
+
 bool ssm_guard_in_force() {
     return g_s_master->guard.enable && g_s_master->ssm_extend;
 }

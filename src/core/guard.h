@@ -92,6 +92,8 @@ void ssm_guard_init(ssm_guard* guard);
 // Begins anew, after a change of what it depends on: nothing has been told, and all is told at the end of
 // this event.
 void ssm_guard_restart();
+// After a restart took over distances and told state: nobody is told what he has been told already.
+void ssm_guard_resume();
 // It is on, and so is the extension that it needs.
 bool ssm_guard_in_force();
 ssm_guard_verdict ssm_guard_judge(const ssm_port* port);

@@ -124,18 +124,37 @@ const char* ssm_change_kind_text(ssm_change_kind kind) {
     return "unknown";
 }
 
+namespace {
+
+void note_standing(const ssm_standing& now) {
+    ssm_history& kept = g_s_master->history;
+    const ssm_port* source = now.source;
+    g_s_master->standing = now;
+    kept.state = static_cast<std::uint8_t>(ssm_running_state());
+    kept.source = source ? source->ifindex : 0;
+    std::snprintf(kept.source_name, sizeof kept.source_name, "%s", source ? source->intf->name : "none");
+}
+
+}  // namespace
+
+void ssm_history_resumed() {
+    note_standing(ssm_standing_of(*g_s_master));
+    const char* state = state_text(g_s_master->history.state);
+    record(ssm_change_kind::state, state, state, "the daemon was restarted");
+}
+
 void ssm_history_changed(const ssm_standing& now) {
     ssm_history& kept = g_s_master->history;
-    const ssm_standing before = std::exchange(g_s_master->standing, now);
     ssm_port* source = g_s_master->selected_port;
-    const auto state = static_cast<std::uint8_t>(ssm_running_state());
-    const std::uint8_t state_before = std::exchange(kept.state, state);
-    const std::uint32_t index = source ? source->ifindex : 0;
-    const std::uint32_t index_before = std::exchange(kept.source, index);
+    const ssm_standing before = g_s_master->standing;
+    const std::uint8_t state_before = kept.state;
+    const std::uint32_t index_before = kept.source;
     char former[IF_NAME_SIZE];
     std::snprintf(former, sizeof former, "%s", kept.source_name);
-    std::snprintf(kept.source_name, sizeof kept.source_name, "%s", source ? source->intf->name : "none");
+    note_standing(now);
     if (state_before == 0) return;  // what it begins with is no change
+    const std::uint8_t state = kept.state;
+    const std::uint32_t index = kept.source;
     const bool moved = index_before != index;
     const reason why = moved ? why_source(index_before, source) : say("of the source ", kept.source_name);
     if (moved) record(ssm_change_kind::source, former, kept.source_name, why.text);

@@ -46,6 +46,8 @@ struct ssm_history {
 
 // At the end of an event in which it changed: records what.
 void ssm_history_changed(const ssm_standing& now);
+// After a restart took over this history: where the clock stands is no change, that there was one is.
+void ssm_history_resumed();
 // An external command; `why` says who or what gave it.
 void ssm_history_command(const char* from, const char* to, const char* why);
 // Number `back` from the newest on (0), or null.

@@ -10,8 +10,9 @@ int ssm_run_event(thread* event) {
     if (event->func != ssm_pdu_sync_trigger) ++g_s_master->events;
     const int result = thread_call(event);
     const ssm_master& clock = *g_s_master;
-    const ssm_standing now = {clock.selected_port, clock.current_quality, clock.device_type, clock.holdover,
-                              clock.freerun};
+    if (clock.resuming) [[unlikely]]
+        return result;
+    const ssm_standing now = ssm_standing_of(clock);
     if (now != clock.standing) [[unlikely]]
         ssm_history_changed(now);
     if (clock.guard.enable && clock.ssm_extend) ssm_guard_after_event();

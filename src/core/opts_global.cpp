@@ -156,6 +156,11 @@ std::int32_t ssm_opts_set_guard_hops(std::uint32_t hops) {
     return SSM_OK;
 }
 
+std::int32_t ssm_opts_set_keep_state(std::uint32_t on) {
+    g_s_master->keep_state = on;
+    return SSM_OK;
+}
+
 std::int32_t ssm_opts_set_e1_quality(const char* token) {
     if (g_s_master->ql_option != SSM_OPTION_1) return SSM_CLI_E_QL_OPTION2;
     std::uint16_t code = QL_NONE;

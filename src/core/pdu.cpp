@@ -162,6 +162,7 @@ std::int32_t ssm_dnu_group_has_selected(std::uint8_t group) {
 }
 
 std::int32_t ssm_pdu_tx(ssm_port* port, std::uint32_t information) {
+    if (g_s_master->resuming) return 0;
     if (ssm_pdu_format_ssmdu(ssm_pdu_buf, information) < 0) return -1;
     auto quality = static_cast<ssm_quality>(g_s_master->current_quality);
     if (!apply_force_switch(port, &quality)) {

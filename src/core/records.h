@@ -121,8 +121,14 @@ struct ssm_master {
     std::uint32_t restore_s;      // 0: sources that have failed count again at once
     std::uint32_t non_revertive;  // a better priority alone does not take the source over
     ssm_port* manual_port;        // the operator's choice among ports of the best quality, or null
+    std::uint32_t keep_state;     // a restart takes over where the daemon before it stood (room restart)
+    bool resuming;                // it is about to: nothing is heard or said
     ssm_history history;
 };
+
+inline ssm_standing ssm_standing_of(const ssm_master& clock) {
+    return {clock.selected_port, clock.current_quality, clock.device_type, clock.holdover, clock.freerun};
+}
 
 // The records of all ports lie together (ports.h), and what selection reads of each comes first, in one line
 // of the cache.

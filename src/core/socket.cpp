@@ -45,6 +45,7 @@ std::int32_t send_ssm(const slow_address& to, const std::uint8_t* data, std::siz
 
 void ssm_socket_arm_read() {
     if (!ssm_instance || ssm_instance->t_read || ssm_instance->sock < 0) return;
+    if (g_s_master && g_s_master->resuming) return;  // what comes meanwhile waits in the socket
     ssm_instance->t_read = thread_add_read_high(ssm_instance->lib_ctx, recv_ssm, nullptr, ssm_instance->sock);
 }
 

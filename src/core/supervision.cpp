@@ -110,6 +110,13 @@ void ssm_supervision_forget(ssm_port* port) {
     port->failed = 0;
 }
 
+void ssm_supervision_resume(ssm_port* port, std::uint32_t hold_off_left_ms, std::uint32_t restore_left_ms) {
+    ssm_timer_cancel(&port->hold_off_timer);
+    ssm_timer_cancel(&port->restore_timer);
+    if (hold_off_left_ms) port->hold_off_timer = ssm_timer_add_msec(hold_off_over, port, hold_off_left_ms);
+    if (restore_left_ms) port->restore_timer = ssm_timer_add_msec(restore_over, port, restore_left_ms);
+}
+
 // ---- Limits ----
 
 bool ssm_has_limits(const ssm_port* port) {

@@ -27,6 +27,9 @@ void ssm_source_recovered(ssm_port* port);
 // The port takes no part any more (disabled, unbound): forgets all of it.
 void ssm_supervision_forget(ssm_port* port);
 
+// A restart goes on with what was left of the port's times; 0: it was not running.
+void ssm_supervision_resume(ssm_port* port, std::uint32_t hold_off_left_ms, std::uint32_t restore_left_ms);
+
 // ---- What selection asks ----
 
 std::uint32_t ssm_hold_off_ms(const ssm_port* port);       // in force; 0: none

@@ -82,6 +82,15 @@ std::int32_t ssm_port_timers_update(ssm_port* port, std::uint32_t start) {
     return SSM_OK;
 }
 
+void ssm_port_timers_resume(ssm_port* port, std::uint32_t timeout_left_ms, std::uint32_t send_in_ms) {
+    ssm_timer_cancel(&port->timeout_timer);
+    if (timeout_left_ms)
+        port->timeout_timer = ssm_timer_add_msec(_ssm_opts_timeout_trigger, port, timeout_left_ms);
+    if (!port->send_timer) return;
+    ssm_timer_cancel(&port->send_timer);
+    port->send_timer = ssm_timer_add_msec(ssm_pdu_sync_trigger, port, send_in_ms);
+}
+
 int ssm_pdu_sync_trigger(thread* event) {
     auto* port = static_cast<ssm_port*>(event->arg);
     port->send_timer = nullptr;

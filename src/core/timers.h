@@ -15,6 +15,9 @@ void ssm_timeout_timer_restart(ssm_port* port);
 // Starts or stops the port's protocol activity, as its configuration and the switch's allow. Returns 0.
 std::int32_t ssm_port_timers_update(ssm_port* port, std::uint32_t start);
 
+// What a restart goes on with: 0: there is no time-out. A port that does not send is left alone.
+void ssm_port_timers_resume(ssm_port* port, std::uint32_t timeout_left_ms, std::uint32_t send_in_ms);
+
 // What the end of the time-out means for the port, once it is not held off.
 void ssm_source_silent(ssm_port* port);
 

@@ -17,7 +17,8 @@ constexpr const cli_element* global_commands[] = {
     &ssm_master_only_role_cmd,    &no_ssm_master_only_role_cmd, &ssm_slave_only_role_cmd,
     &no_ssm_slave_only_role_cmd,  &no_ssm_set_ssm_extend_cmd,   &ssm_loop_guard_cmd,
     &no_ssm_loop_guard_cmd,       &ssm_loop_guard_hold_cmd,     &no_ssm_loop_guard_hold_cmd,
-    &ssm_loop_guard_hops_cmd,     &no_ssm_loop_guard_hops_cmd,
+    &ssm_loop_guard_hops_cmd,     &no_ssm_loop_guard_hops_cmd,  &ssm_keep_state_cmd,
+    &no_ssm_keep_state_cmd,
 };
 
 constexpr const cli_element* interface_commands[] = {

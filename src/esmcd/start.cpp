@@ -20,6 +20,7 @@
 #include "esmcd/rights.h"
 #include "esmcd/signal.h"
 #include "nsm/session.h"
+#include "restart/restart.h"
 #include "snmp/mib.h"
 #include "snmp/notify.h"
 #include "suite/host/file.h"
@@ -123,6 +124,7 @@ std::int32_t become_user(const rights_user& user, const char* config_file) {
     if (given < 0 && given != -ENOENT)
         SSM_LOG(LOG_LEVEL_WARNING, "%s%sCan't give %s to user %s: %s", TERMINAL_LOCAL_SOCKET, user.name,
                 std::strerror(-given));
+    restart_give(user);
     if (pal_rights_become(user) < 0) return -1;
     host_file_check(config_file, user);
     if (access(NSM_SOCKET_PATH, W_OK) != 0 && errno == EACCES)
@@ -143,7 +145,10 @@ void free_port_records() {
 
 std::int32_t run_loop() {
     thread event;
-    while (thread_fetch(g_p_esmcd, &event)) (void)ssm_run_event(&event);
+    while (thread_fetch(g_p_esmcd, &event)) {
+        (void)ssm_run_event(&event);
+        restart_after_event();
+    }
     return SSM_OK;
 }
 
@@ -180,7 +185,9 @@ std::int32_t ssm_start(bool daemon_mode, const char* config_file, std::int32_t v
         (void)ssm_terminate();
         return -1;
     }
+    restart_read();
     (void)host_config_start(g_p_esmcd, config_file, static_cast<std::uint16_t>(vty_port));
+    restart_begin();
     ssm_signal_deliver(g_p_esmcd);
     ssm_socket_arm_read();
     if (!user) (void)bmcli_start(g_p_esmcd, progname);  // logged there
@@ -211,10 +218,14 @@ std::int32_t ssm_instance_create(lib_globals* ctx) {
 }
 
 std::int32_t ssm_terminate() {
+    const bool back_soon = restart_leave();
     if (g_p_esmcd) g_p_esmcd->flags |= LIB_SHUTTING_DOWN;
     remove_pid_file();
     if (ssm_instance) {
-        nsm_client_stop(ssm_instance->nsm_client);  // says goodbye: the hardware goes to holdover
+        if (back_soon)
+            nsm_client_leave(ssm_instance->nsm_client);
+        else
+            nsm_client_stop(ssm_instance->nsm_client);  // says goodbye: the hardware goes to holdover
         ssm_instance->nsm_client = nullptr;
     }
     if (g_p_esmcd) free_port_records();

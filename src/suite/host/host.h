@@ -5,6 +5,9 @@
 #include <cstdint>
 
 #include "suite/base/context.h"
+#include "suite/base/text.h"
+
+struct host_state;
 
 constexpr const char* HOST_DEFAULT_CONFIG = "/etc/esmcd.conf";
 
@@ -19,6 +22,8 @@ int agentx_cli_init(lib_globals* ctx);       // show snmp, snmp ...; after snmp_
 // serves the TCP terminal on `vty_port` of the loopback addresses. A file that is missing is said at info
 // level, one that can't be read at error level; both start with an empty configuration. 0 always.
 int host_config_start(lib_globals* ctx, const char* config_file, std::uint16_t vty_port);
+// The running configuration as text. False when memory is exhausted.
+[[nodiscard]] bool host_running_text(host_state* host, text_buffer* out);
 // Opens the local terminal socket; failing is logged and not fatal. -1 then.
 int bmcli_start(lib_globals* ctx, const char* progname);
 // Closes sessions and sockets, removes the local socket's file. Called by lib_stop.

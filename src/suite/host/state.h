@@ -65,8 +65,6 @@ void pending_free(host_state* host);
 // Reads host->config_file through the tree.
 void host_config_read(host_state* host);
 void host_log_refused(host_state* host, std::uint32_t number, std::string_view line);
-// The running configuration as text. False when memory is exhausted.
-[[nodiscard]] bool host_running_text(host_state* host, text_buffer* out);
 // Saves atomically; prints "% ..." when the file is as before. A handler's result.
 int host_save(host_state* host, cli* terminal);
 // The file's content. 0, or a negative errno. -EFBIG above 64 MiB.

@@ -164,6 +164,7 @@ void take_sync_done(nsm_client* nc, const_octets) {
     // What the sweep makes the daemon ask for is kept and goes out with the rest, in its order.
     nsm_client_dump_end(nc);
     if (nc->stopped) return;
+    if (nc->on_synchronised) nc->on_synchronised();
     nc->phase = nsm_client_phase::synchronised;
     log_suite(LOG_LEVEL_INFO, "NSM: synchronised");
     nsm_client_requests_restate(nc);
@@ -385,6 +386,10 @@ int nsm_client_set_callback(nsm_client* nc, std::int32_t message_type, nsm_callb
     }
 }
 
+void nsm_client_set_synchronised(nsm_client* nc, void (*callback)()) {
+    nc->on_synchronised = callback;
+}
+
 int nsm_client_start(nsm_client* nc) {
     set_retry(nc, RESERVE_MS);
     if (!nc->retry) return -1;
@@ -397,6 +402,11 @@ void nsm_client_stop(nsm_client* nc) {
     // Not sent when the link is full or down: the server then finds out by itself.
     if (nc->phase == nsm_client_phase::dump || nc->phase == nsm_client_phase::synchronised)
         (void)nsm_client_send(nc, NSM_MSG_BYE, nullptr, 0);
+    nsm_client_leave(nc);
+}
+
+void nsm_client_leave(nsm_client* nc) {
+    if (!nc || nc->stopped) return;
     drop_link(nc);
     thread_cancel(nc->retry);
     nc->retry = nullptr;

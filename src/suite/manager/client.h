@@ -52,11 +52,15 @@ void nsm_client_set_protocol(nsm_client* nc, std::uint16_t protocol_id);
 void nsm_client_set_service(nsm_client* nc, std::uint32_t service_mask);
 // For NSM_MSG_BRIDGE_ADD and NSM_MSG_SSM_SEND_BACK_CLOCK_STATE; -1 for any other type.
 int nsm_client_set_callback(nsm_client* nc, std::int32_t message_type, nsm_callback callback);
+// Called when all of a dump has been taken, before the requests are stated again.
+void nsm_client_set_synchronised(nsm_client* nc, void (*callback)());
 // Begins to connect. A server that can't be reached is not a failure; negative only when no event could be
 // added.
 int nsm_client_start(nsm_client* nc);
 // Closes, cancels, frees; null is ignored. From inside a hook or callback it takes effect when that returns.
 void nsm_client_stop(nsm_client* nc);
+// The same without a goodbye: the server waits for who takes over.
+void nsm_client_leave(nsm_client* nc);
 
 // 0 when handed to the kernel; negative when not sent (then kept, and stated after the next SYNC_DONE).
 int nsm_client_send_ssm_global_enable(nsm_client* nc, nsm_ssm_global_enable request);

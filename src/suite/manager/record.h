@@ -42,6 +42,7 @@ struct nsm_client {
     std::uint16_t version, protocol_id;
     std::uint32_t service_mask;
     nsm_callback on_bridge, on_clock_state;
+    void (*on_synchronised)();
 
     int fd;  // -1 while there is no link
     nsm_client_phase phase;

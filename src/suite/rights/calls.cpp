@@ -136,7 +136,7 @@ constexpr rights_call CALLS[] = {
     {ESMCD, __NR_faccessat},           // access(), host_file_check
     {ESMCD, __NR_readlinkat},          // realpath(), the file behind a link
     {ESMCD, __NR_getcwd},              // realpath()
-    {NSMD, __NR_pwrite64},             // registers of the simulated clock
+    {BOTH, __NR_pwrite64},             // the daemon's state; registers of the simulated clock
     {BOTH, FCNTL, 1, WHOLE, F_GETFL},  // fdopen(); standard error that is a file
     {BOTH, FCNTL, 1, WHOLE, F_SETFL},  // a pipe that does not wait
     {ESMCD, FCNTL, 1, WHOLE,
