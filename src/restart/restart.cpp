@@ -174,7 +174,9 @@ void restart_read() {
     const int result = state_file_take(&state.left);
     if (result == -ENOENT) return;
     if (result < 0)
-        cold_start(result == -EBADMSG ? "it is damaged" : std::strerror(-result));
+        cold_start(result == -EBADMSG ? "it is damaged"
+                   : result == -EPERM ? "others may have written it"
+                                      : std::strerror(-result));
     else if (!snapshot_read_origin(left_octets(), &state.origin))
         cold_start("it is of another version");
     else if (std::memcmp(boot, state.origin.boot, sizeof boot) != 0)

@@ -82,6 +82,7 @@ int state_file_take(text_buffer* out) {
     if (fd < 0) return fd;
     if (!ours_alone(fd)) {
         close(fd);
+        (void)unlink(state_path);
         return -EPERM;
     }
     struct stat info;

@@ -74,3 +74,33 @@ def test_restarts_under_traffic_go_unnoticed(kept, number, allowed):
         gaps[port] = longest_gap(frames)
     print(f"{ROUNDS} restarts; longest gaps {gaps}, this machine late by {watch.late:.3f} s")
     assert max(gaps.values()) <= allowed + watch.late
+
+
+def test_what_changed_meanwhile_or_comes_too_late_is_a_cold_start(kept):
+    """Each in one line with its reason; and with a goodbye from then on, once it is configured away."""
+    config, state = kept.path("/etc/esmcd.conf"), kept.path("/run/esmcd.state")
+
+    def restart(why, number=signal.SIGTERM, between=lambda: None):
+        kept.esmcd.kill() if number == signal.SIGKILL else kept.esmcd.stop()
+        between()
+        kept.start_esmcd()
+        kept.esmcd.wait_log(why, 3)
+        assert TAKEN not in kept.esmcd.text()
+        kept.wait_clock(5, source="p1", quality="PRC", state="Lock", dpll="Lock")
+        wait_until(lambda: state.exists() and state.stat().st_size > 1000, 3, "a copy is made")
+        assert state.stat().st_mode & 0o777 == 0o600
+
+    text = config.read_text()
+    restart("the configuration is another", between=lambda: config.write_text(text + "clock synce non-revertive\n"))
+    restart("p3: its link changed", between=lambda: kept.lab.tester.link_set("t3", False) or kept.nsmd.wait_log(
+        ": down", 3))
+    restart("it is damaged", signal.SIGKILL, lambda: state.write_bytes(b"x" * 5000))
+    restart("others may have written it", signal.SIGKILL, lambda: state.chmod(0o666))
+    restart("it is too old", between=lambda: time.sleep(5.2))
+    kept.esmcd.stop()
+    kept.start_esmcd()
+    kept.esmcd.wait_log(TAKEN, 3)
+    kept.configure("no state keep")
+    wait_until(lambda: not state.exists(), 3, "nothing is left")
+    kept.esmcd.stop()
+    wait_holdover(kept)
