@@ -143,6 +143,8 @@ void write_supervision(cli* terminal) {
     field(terminal, "hold_off_ms", clock->hold_off_ms);
     field(terminal, "wait_to_restore_s", clock->restore_s);
     flag(terminal, "non_revertive", clock->non_revertive != 0);
+    flag(terminal, "advertise_when_locked", clock->advertise_when_locked != 0);
+    flag(terminal, "keep_state", clock->keep_state != 0);
     field(terminal, "manual_port", ssm_port_name(clock->manual_port));
     flag(terminal, "e1_forced", clock->force_e1 != 0);
     count(terminal, "changes", clock->history.count);

@@ -140,6 +140,10 @@ constexpr cli_element config_commands[] = {
      ssm_cli_global<"%s%sclock synce non-revertive", ssm_opts_set_non_revertive, 1>},
     {"no clock synce non-revertive",
      ssm_cli_global<"%s%sno clock synce non-revertive", ssm_opts_set_non_revertive, 0>},
+    {"clock synce advertise when-locked",
+     ssm_cli_global<"%s%sclock synce advertise when-locked", ssm_opts_set_advertise_when_locked, 1>},
+    {"no clock synce advertise",
+     ssm_cli_global<"%s%sno clock synce advertise", ssm_opts_set_advertise_when_locked, 0>},
 };
 
 constexpr cli_element port_commands[] = {
@@ -176,6 +180,9 @@ constexpr cli_help help_texts[] = {
     {"clock synce", "wait-to-restore", "How long a source that failed must be free of faults to count again"},
     {"clock synce wait-to-restore", "<0-720>", "Seconds"},
     {"clear clock synce wait-to-restore", "IFNAME", "Port that counts again now; else all"},
+    {"clock synce", "advertise", "When the quality of the source is advertised"},
+    {"clock synce advertise", "when-locked",
+     "While the clock hardware is locked; until then the own clock's"},
     {"clock synce", "non-revertive", "Keep the source when a port has the better priority alone"},
     {"clock synce", "lockout", "Never take the clock from this port"},
     {"clock synce", "manual-switch", "Take the clock from this port while no quality is lost by it"},
@@ -225,6 +232,8 @@ void ssm_supervision_config_write(cli* terminal) {
         terminal->out_func(terminal->out_val, "clock synce wait-to-restore %u\n",
                            static_cast<unsigned>(clock->restore_s));
     if (clock->non_revertive) terminal->out_func(terminal->out_val, "clock synce non-revertive\n");
+    if (clock->advertise_when_locked)
+        terminal->out_func(terminal->out_val, "clock synce advertise when-locked\n");
 }
 
 void ssm_supervision_port_config_write(cli* terminal, const ssm_port* port) {

@@ -1,9 +1,10 @@
-// No PDU is sent and, but for the loop guard, no selection is run here: a changed quality goes out with each
-// port's next information PDU.
+// No PDU is sent and no selection is run here, but for the loop guard and for "advertise when-locked": a
+// changed quality goes out with each port's next information PDU.
 #include "core/feedback.h"
 
 #include "core/debug.h"
 #include "core/opts.h"
+#include "core/pdu.h"
 #include "core/ports.h"
 #include "core/ql.h"
 #include "core/select.h"
@@ -50,11 +51,13 @@ void ssm_clock_state_recv(const nsm_clock_state_message* message) {
             static_cast<int>(message->state));
 
     if (!g_s_master->global_enable || !g_s_master->ssm_enable) return;
+    const std::uint32_t before = g_s_master->current_quality;
     if (message->state == SSM_DPLL_HOLDOVER)
         g_s_master->current_quality = ssm_holdover_quality();
     else if (message->state == SSM_DPLL_FREERUN)
         g_s_master->current_quality = g_s_master->local_quality;
     // Who waits for our clock shall not wait for our next PDU as well.
-    else if (locked && ssm_guard_in_force())
-        ssm_clock_select();
+    else if (locked && (ssm_guard_in_force() || g_s_master->advertise_when_locked))
+        return ssm_clock_select();
+    if (g_s_master->advertise_when_locked && g_s_master->current_quality != before) (void)ssm_pdu_tx_all();
 }

@@ -18,6 +18,7 @@ std::int32_t ssm_opts_set_device_type(std::uint32_t type);
 std::int32_t ssm_opts_set_loop_guard(std::uint32_t on);
 std::int32_t ssm_opts_set_guard_hold(std::uint32_t milliseconds);  // or SSM_CLI_E_INVALID_INPUT
 std::int32_t ssm_opts_set_guard_hops(std::uint32_t hops);          // or SSM_CLI_E_INVALID_INPUT
+std::int32_t ssm_opts_set_advertise_when_locked(std::uint32_t on);
 std::int32_t ssm_opts_set_keep_state(std::uint32_t on);
 std::int32_t ssm_opts_set_e1_quality(const char* token);  // or SSM_CLI_E_QL_OPTION1, SSM_CLI_E_QL_OPTION2
 

@@ -46,7 +46,7 @@ void switch_to_force_port() {
         g_s_master->current_quality = QL_DNU;
         switch_to_forced(forced);
     } else {
-        g_s_master->current_quality = quality;
+        g_s_master->current_quality = quality == QL_DNU ? quality : ssm_quality_followed(forced);
         if (quality == QL_DNU)
             ssm_opts_no_source();
         else

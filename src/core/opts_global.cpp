@@ -156,6 +156,13 @@ std::int32_t ssm_opts_set_guard_hops(std::uint32_t hops) {
     return SSM_OK;
 }
 
+std::int32_t ssm_opts_set_advertise_when_locked(std::uint32_t on) {
+    if (g_s_master->advertise_when_locked == on) return SSM_OK;
+    g_s_master->advertise_when_locked = on;
+    ssm_opts_reselect();
+    return SSM_OK;
+}
+
 std::int32_t ssm_opts_set_keep_state(std::uint32_t on) {
     g_s_master->keep_state = on;
     return SSM_OK;

@@ -112,7 +112,7 @@ bool apply_force_switch(const ssm_port* port, ssm_quality* quality) {
                       "%s%sssm_pdu_tx: Sending forcible rx QL %d on port %s under force-switch mode",
                       *quality, port->intf->name);
         } else if (forced->recv_quality != QL_NONE) {
-            *quality = ssm_port_select_quality(forced);
+            *quality = ssm_quality_followed(forced);
             SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG,
                       "%s%sssm_pdu_tx: Sending recved QL %d on port %s under force-switch mode", *quality,
                       port->intf->name);

@@ -116,13 +116,14 @@ struct ssm_master {
     std::uint64_t events;              // that ran, and in which of them a PDU last left the choice settled
     std::uint64_t settled_in;
     ssm_guard guard;
-    ssm_standing standing;        // where the clock stands, as its history has it
-    std::uint32_t hold_off_ms;    // 0: failures count at once
-    std::uint32_t restore_s;      // 0: sources that have failed count again at once
-    std::uint32_t non_revertive;  // a better priority alone does not take the source over
-    ssm_port* manual_port;        // the operator's choice among ports of the best quality, or null
-    std::uint32_t keep_state;     // a restart takes over where the daemon before it stood (room restart)
-    bool resuming;                // it is about to: nothing is heard or said
+    ssm_standing standing;                // where the clock stands, as its history has it
+    std::uint32_t hold_off_ms;            // 0: failures count at once
+    std::uint32_t restore_s;              // 0: sources that have failed count again at once
+    std::uint32_t non_revertive;          // a better priority alone does not take the source over
+    ssm_port* manual_port;                // the operator's choice among ports of the best quality, or null
+    std::uint32_t advertise_when_locked;  // a received quality is advertised only while the clock is locked
+    std::uint32_t keep_state;  // a restart takes over where the daemon before it stood (room restart)
+    bool resuming;             // it is about to: nothing is heard or said
     ssm_history history;
 };
 

@@ -12,6 +12,7 @@
 #include "core/opts.h"
 #include "core/pdu.h"
 #include "core/ports.h"
+#include "core/ql.h"
 #include "core/supervision.h"
 
 // ---- Ranking ------------------------------------------------------------------------------------------
@@ -156,6 +157,15 @@ ssm_quality ssm_port_select_quality(const ssm_port* port) {
     const ssm_quality received = port->recv_quality;
     if (!port->limited || received == QL_NONE) return received;
     return quality_rank(received) < quality_rank(port->max_rx_quality) ? port->max_rx_quality : received;
+}
+
+ssm_quality ssm_quality_followed(const ssm_port* port) {
+    const ssm_master& clock = *g_s_master;
+    const bool vouched_for = port->force_rx_quality != QL_NONE;
+    if (!clock.advertise_when_locked || clock.dpll_state == SSM_DPLL_LOCK || vouched_for)
+        return ssm_port_select_quality(port);
+    return clock.dpll_state == SSM_DPLL_HOLDOVER ? ssm_holdover_quality()
+                                                 : static_cast<ssm_quality>(clock.local_quality);
 }
 
 ssm_rule ssm_rule_in_force() {
@@ -384,7 +394,7 @@ void select_port(ssm_port* port) {
     // While the DPLL is in holdover a received quality is not true of our clock yet; a forced one is the
     // operator's word.
     if (g_s_master->dpll_state != SSM_DPLL_HOLDOVER)
-        advertise(ssm_port_select_quality(port));
+        advertise(ssm_quality_followed(port));
     else if (port->force_rx_quality != QL_NONE)
         advertise(port->force_rx_quality);
 }

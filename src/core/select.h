@@ -53,6 +53,9 @@ ssm_port* ssm_best_candidate(ssm_rule rule = ssm_rule_in_force());  // null: non
 std::int32_t ssm_ql_compare(ssm_quality a, ssm_quality b);
 // What a port offers: the forced receive quality when there is one, else the received one.
 ssm_quality ssm_port_select_quality(const ssm_port* port);
+// What is advertised of this source: what it offers, but with "advertise when-locked" only while the clock is
+// locked, and until then what the clock is worth by itself.
+ssm_quality ssm_quality_followed(const ssm_port* port);
 // 1 when some port with replace-clockid received this identity (8 octets). Which one is logged, once for each
 // identity that it receives.
 std::int32_t ssm_replace_clockid_seen(const std::uint8_t* clockid);

@@ -227,4 +227,40 @@ TEST_F(selection, without_ssm_priorities_alone_decide) {
     EXPECT_TRUE(take_sent().empty());
 }
 
+TEST_F(sim, quality_of_the_source_is_advertised_when_locked_if_so_configured) {
+    ASSERT_EQ(ssm_opts_set_advertise_when_locked(1), 0);
+    add_ports({1, 2});
+    advance(1000);
+    take_sent();
+    EXPECT_EQ(source_after(hear(1, QL_PRC)), 1U);
+    EXPECT_TRUE(told_at_once().empty());
+    EXPECT_EQ(g_s_master->current_quality, std::uint32_t{QL_DNU});  // the local quality
+    dpll(SSM_DPLL_LOCK);
+    EXPECT_EQ(told_at_once(), (qualities{{1, QL_DNU}, {2, QL_PRC}}));
+    // The lock is lost, and PDUs go on coming.
+    dpll(SSM_DPLL_FREERUN);
+    EXPECT_EQ(told_at_once(), (qualities{{1, QL_DNU}, {2, QL_DNU}}));
+    pass(3000, {{1, QL_PRC}});
+    EXPECT_EQ(last_qualities()[2], QL_DNU);
+    dpll(SSM_DPLL_HOLDOVER);
+    hear(1, QL_PRC);
+    EXPECT_EQ(told_at_once(), (qualities{{1, QL_DNU}, {2, QL_EEC1}}));
+    dpll(SSM_DPLL_LOCK);
+    EXPECT_EQ(told_at_once()[2], QL_PRC);
+
+    // A forced switch is no other matter; what the operator says of the port is.
+    ASSERT_EQ(ssm_opts_set_force_port(port(1)), 0);
+    dpll(SSM_DPLL_FREERUN);
+    take_sent();
+    pass(1000, {{1, QL_PRC}});
+    EXPECT_EQ(last_qualities()[2], QL_DNU);
+    ASSERT_EQ(ssm_opts_set_port_quality(intf(1), SSM_ESMC_RX, "ssu-a"), 0);
+    pass(1000, {{1, QL_PRC}});
+    EXPECT_EQ(last_qualities()[2], QL_SSU_A);
+    ASSERT_EQ(ssm_opts_set_port_quality(intf(1), SSM_ESMC_RX, "na"), 0);
+    ASSERT_EQ(ssm_opts_set_advertise_when_locked(0), 0);
+    pass(1000, {{1, QL_PRC}});
+    EXPECT_EQ(last_qualities()[2], QL_PRC);
+}
+
 }  // namespace
