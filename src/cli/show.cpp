@@ -8,6 +8,7 @@
 #include "cli/handler.h"
 #include "core/ports.h"
 #include "core/ql.h"
+#include "core/supervision.h"
 #include "suite/base/text.h"
 
 namespace {
@@ -72,6 +73,65 @@ void add_guard(show_block* block) {
     if (guard.holding_since) add_ms(block, "Holding for", ssm_guard_hold_left_ms());
 }
 
+// What is configured beyond the blocks' own lines: a heading when there is anything, and a line each.
+class extras {
+  public:
+    extras(show_block* block, const char* heading, int width)
+        : block_(block), heading_(heading), width_(width) {}
+    __attribute__((format(printf, 3, 4))) void line(const char* label, const char* format, ...) {
+        if (heading_) add(block_, "%s\n", heading_);
+        heading_ = nullptr;
+        char value[64];
+        va_list args;
+        va_start(args, format);
+        zvsnprintf(value, sizeof value, format, args);
+        va_end(args);
+        add(block_, "%-*s: %s\n", width_, label, value);
+    }
+
+  private:
+    show_block* block_;
+    const char* heading_;
+    int width_;
+};
+
+void add_settings(show_block* block) {
+    const ssm_master& clock = *g_s_master;
+    extras more(block, "--------------  Supervision  -------------", 35);
+    if (clock.extend_form == SSM_FORM_STANDARD) more.line("Extended TLV", "standard");
+    if (clock.clock_type == SSM_CLOCK_EEEC) more.line("Clock type", "eeec");
+    if (clock.hold_off_ms) more.line("Hold-off", "%u ms", static_cast<unsigned>(clock.hold_off_ms));
+    if (clock.restore_s) more.line("Wait to restore", "%u s", static_cast<unsigned>(clock.restore_s));
+    if (clock.non_revertive) more.line("Revertive", "no");
+    if (clock.manual_port) more.line("Manual switch", "%s", ssm_port_name(clock.manual_port));
+    if (clock.advertise_when_locked) more.line("Source's quality is advertised", "when locked");
+    if (clock.keep_state) more.line("State kept over a restart", "yes");
+}
+
+void add_limit(extras* more, const char* label, std::uint16_t quality) {
+    if (quality != QL_NONE) more->line(label, "%s", ssm_ql_to_str(quality, SSM_QL_STYLE_SHORT));
+}
+
+void add_port_settings(show_block* block, const ssm_port* port) {
+    extras more(block, "-----------------------------  Supervision  ----------------------------", 36);
+    if (port->lockout) more.line("Locked out", "yes");
+    if (ssm_hold_off_ms(port)) more.line("Hold-off", "%u ms", static_cast<unsigned>(ssm_hold_off_ms(port)));
+    if (port->hold_off_timer)
+        more.line("Failure held off for", "%u ms", static_cast<unsigned>(ssm_hold_off_left_ms(port)));
+    if (ssm_restore_s(port) || port->restore_set)
+        more.line("Wait to restore", "%u s", static_cast<unsigned>(ssm_restore_s(port)));
+    if (port->failed && !port->restore_timer) more.line("Failed", "yes");
+    if (port->restore_timer)
+        more.line("Restored in", "%u s", static_cast<unsigned>(ssm_restore_left_s(port)));
+    add_limit(&more, "Quality RX minimum", port->min_rx_quality);
+    add_limit(&more, "Quality RX maximum", port->max_rx_quality);
+    add_limit(&more, "Quality TX minimum", port->min_tx_quality);
+    add_limit(&more, "Quality TX maximum", port->max_tx_quality);
+    if (port->extend_form)
+        more.line("Extended TLV", "%s", port->extend_form == SSM_FORM_OWN ? "own" : "standard");
+    if (ssm_flapping(port)) more.line("Flapping", "yes");
+}
+
 void show_clock(cli* terminal) {
     const ssm_master* clock = g_s_master;
     show_block block = {};
@@ -91,6 +151,7 @@ void show_clock(cli* terminal) {
     add(&block, "--------------  DPLL status  -------------\n");
     add_dpll(&block);
     add_guard(&block);
+    add_settings(&block);
     write_block(terminal, &block);
 }
 
@@ -111,6 +172,7 @@ void show_port(cli* terminal, const ssm_port* port) {
     add_port(&block, "Replace clockid", ssm_enable_str(port->replace_clockid));
     add_port(&block, "Send timer running", ssm_enable_str(port->send_timer != nullptr));
     add_port(&block, "Timeout timer running", ssm_enable_str(port->timeout_timer != nullptr));
+    add_port_settings(&block, port);
     write_block(terminal, &block);
 }
 

@@ -267,6 +267,15 @@ TEST_F(everyday, supervision_gives_its_reasons) {
     });
     daemon_->pass(1500);
     EXPECT_EQ(why("restored"), "waiting to restore, 59 s left");
+    const std::string clock = shown("show clock synce"), port = shown("show clock synce restored");
+    EXPECT_EQ(clock.substr(clock.find("--------------  Supervision")),
+              "--------------  Supervision  -------------\n"
+              "Wait to restore                    : 60 s\n"
+              "Manual switch                      : other\n");
+    EXPECT_EQ(port.substr(port.find("-----------------------------  Supervision")),
+              "-----------------------------  Supervision  ----------------------------\n"
+              "Wait to restore                     : 60 s\n"
+              "Restored in                         : 59 s\n");
     const std::string history = shown("show clock synce history");
     EXPECT_NE(history.find("command  other            manual switch    the operator\n"), history.npos)
         << history;
