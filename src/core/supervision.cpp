@@ -165,6 +165,17 @@ void ssm_manual_drop(const char* why) {
     ssm_history_command(port->intf->name, "no manual switch", why);
 }
 
+void ssm_supervision_say_active() {
+    if (g_s_master->force_e1) SSM_LOG(LOG_LEVEL_WARNING, "%s%sforced switch to the E1 input is active");
+    if (const char* forced = ssm_port_name(g_s_master->force_port))
+        SSM_LOG(LOG_LEVEL_WARNING, "%s%sforced switch to %s is active", forced);
+    if (const char* manual = ssm_port_name(g_s_master->manual_port))
+        SSM_LOG(LOG_LEVEL_WARNING, "%s%smanual switch to %s is active", manual);
+    ssm_port_walk([](const ssm_port* port) {
+        if (port->lockout) SSM_LOG(LOG_LEVEL_WARNING, "%s%s%s is locked out", port->intf->name);
+    });
+}
+
 bool ssm_source_stays(const ssm_port* best) {
     const ssm_port* source = g_s_master->selected_port;
     return g_s_master->non_revertive && source && source != best && as_good_candidate(source, best);

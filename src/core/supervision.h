@@ -50,6 +50,9 @@ ssm_quality ssm_limited_for_sending(const ssm_port* port, ssm_quality quality);
 // of it. Both yield to quality and to whatever makes a port no candidate; a manual switch that had to is gone
 // afterwards.
 ssm_port* ssm_choice_of_operator(ssm_port* best);
+// A forced or manual switch and ports that are locked out are easily forgotten: the log names them, a line
+// each.
+void ssm_supervision_say_active();
 // Why the port can't be the target of a manual switch; null: it can.
 const char* ssm_manual_refusal(const ssm_port* port);
 // The manual switch is over, for this reason (logged). Nothing happens without one.

@@ -10,12 +10,14 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "core/debug.h"
 #include "core/loop.h"
 #include "core/ports.h"
 #include "core/result.h"
 #include "core/socket.h"
+#include "core/supervision.h"
 #include "esmcd/install.h"
 #include "esmcd/rights.h"
 #include "esmcd/signal.h"
@@ -143,6 +145,13 @@ void free_port_records() {
     if (g_s_master) g_s_master->selected_port = g_s_master->force_port = nullptr;
 }
 
+// The first time it is what the configuration made of the switch.
+void nsm_synchronised() {
+    static bool said;
+    restart_synchronised();
+    if (!std::exchange(said, true)) ssm_supervision_say_active();
+}
+
 std::int32_t run_loop() {
     thread event;
     while (thread_fetch(g_p_esmcd, &event)) {
@@ -188,6 +197,7 @@ std::int32_t ssm_start(bool daemon_mode, const char* config_file, std::int32_t v
     restart_read();
     (void)host_config_start(g_p_esmcd, config_file, static_cast<std::uint16_t>(vty_port));
     restart_begin();
+    nsm_client_set_synchronised(ssm_instance->nsm_client, nsm_synchronised);
     ssm_signal_deliver(g_p_esmcd);
     ssm_socket_arm_read();
     if (!user) (void)bmcli_start(g_p_esmcd, progname);  // logged there

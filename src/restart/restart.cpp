@@ -17,7 +17,6 @@
 #include "restart/snapshot.h"
 #include "restart/state_file.h"
 #include "suite/host/host.h"
-#include "suite/manager/client.h"
 
 namespace {
 
@@ -98,16 +97,6 @@ void take_over() {
     SSM_LOG(LOG_LEVEL_INFO, "%s%sgoes on as the daemon before, which said so %d ms ago: source %s, %s",
             static_cast<int>((thread_now(g_p_esmcd) - state.origin.saved_at) / NS_PER_MS),
             source ? source : "none", ssm_ql_to_str(g_s_master->current_quality, SSM_QL_STYLE_SHORT));
-}
-
-// NSM has said what there is.
-void synchronised() {
-    if (!g_s_master->resuming) return;
-    if (const char* why = why_not())
-        cold_start(why);
-    else
-        take_over();
-    go_on();
 }
 
 int give_up(thread*) {
@@ -193,9 +182,17 @@ void restart_begin() {
         return;
     }
     g_s_master->resuming = true;
-    nsm_client_set_synchronised(ssm_instance->nsm_client, synchronised);
     state.give_up_timer = thread_add_timer_msec(g_p_esmcd, give_up, nullptr, RESTART_WITHIN / NS_PER_MS);
     if (!state.give_up_timer) (void)give_up(nullptr);
+}
+
+void restart_synchronised() {
+    if (!g_s_master->resuming) return;
+    if (const char* why = why_not())
+        cold_start(why);
+    else
+        take_over();
+    go_on();
 }
 
 void restart_after_event() {

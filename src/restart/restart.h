@@ -18,6 +18,8 @@ void restart_give(const rights_user& user);
 void restart_read();
 // After the configuration was read: what was left is taken over as soon as NSM has said what there is.
 void restart_begin();
+// NSM has said what there is, and what is asked of it now goes out with the rest.
+void restart_synchronised();
 
 // After each event of the loop.
 void restart_after_event();

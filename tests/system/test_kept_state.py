@@ -104,3 +104,8 @@ def test_what_changed_meanwhile_or_comes_too_late_is_a_cold_start(kept):
     wait_until(lambda: not state.exists(), 3, "nothing is left")
     kept.esmcd.stop()
     wait_holdover(kept)
+    # What an operator forgot is said at the next start.
+    config.write_text(text.replace("interface p2\n", "clock synce switch-force p1\ninterface p2\n clock synce lockout\n"))
+    kept.start_esmcd()
+    for line in ("warning : forced switch to p1 is active", "warning : p2 is locked out"):
+        kept.esmcd.wait_log(line, 3)
