@@ -8,7 +8,8 @@ import signal
 import time
 
 import pytest
-from lab import parse_show, wait_until
+from lab import BIN, parse_show, wait_until
+from test_rights import as_user
 from test_restarts import LOCKED, registers, start_nsmd, wait_holdover
 from watch import Watch, status_of
 from wire import DNU, PRC
@@ -109,3 +110,12 @@ def test_what_changed_meanwhile_or_comes_too_late_is_a_cold_start(kept):
     kept.start_esmcd()
     for line in ("warning : forced switch to p1 is active", "warning : p2 is locked out"):
         kept.esmcd.wait_log(line, 3)
+    kept.esmcd.stop()
+    # A user who may make no file in /run has one there that is his.
+    config.write_text(text)
+    for why in ("nobody", TAKEN):
+        kept.esmcd = kept.spawn("esmcd", as_user(f"{BIN}/esmcd", "nobody"))
+        kept.esmcd.wait_log(why, 3)
+        kept.wait_clock(5, source="p1", quality="PRC", dpll="Lock")
+        wait_until(lambda: state.stat().st_size > 1000, 3, "a copy is made")
+        kept.esmcd.stop()

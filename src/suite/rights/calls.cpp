@@ -133,6 +133,10 @@ constexpr rights_call CALLS[] = {
 #ifdef __NR_fchown32
     {ESMCD, __NR_fchown32},
 #endif
+    {ESMCD, __NR_geteuid},  // whose the file of the daemon's state has to be
+#ifdef __NR_geteuid32
+    {ESMCD, __NR_geteuid32},
+#endif
     {ESMCD, __NR_faccessat},           // access(), host_file_check
     {ESMCD, __NR_readlinkat},          // realpath(), the file behind a link
     {ESMCD, __NR_getcwd},              // realpath()
