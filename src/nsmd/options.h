@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "nsmd/clock/kernel.h"
+#include "nsmd/dpll/kernel.h"
 #include "nsmd/clock/sim.h"
 #include "nsmd/links/watch.h"
 #include "suite/rights/user.h"

@@ -13,8 +13,8 @@
 #include <cstring>
 
 #include "nsmd/clock/copper.h"
-#include "nsmd/clock/kernel.h"
-#include "nsmd/clock/message.h"
+#include "nsmd/dpll/kernel.h"
+#include "nsmd/dpll/message.h"
 #include "nsmd_world.h"
 
 namespace {

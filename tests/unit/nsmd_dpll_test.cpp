@@ -7,7 +7,7 @@
 #include <csignal>
 #include <map>
 
-#include "nsmd/clock/message.h"
+#include "nsmd/dpll/message.h"
 #include "nsmd_support.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // Which setting of which pin brings the clock closer to what is wanted of it: a decision without effect.
 #pragma once
 
-#include "nsmd/clock/view.h"
+#include "nsmd/dpll/view.h"
 
 struct dpll_goal {
     std::uint32_t device;

@@ -8,7 +8,7 @@
 // Releasing: a manual device's pin is released only while the kernel still shows it as connected. Drivers
 // that switch over by themselves have done so by then, and one of them forces holdover whenever any pin is
 // disconnected.
-#include "nsmd/clock/plan.h"
+#include "nsmd/dpll/plan.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 // Where a driver refuses, that is said in one line and the rest goes on; a driver that is busy is asked again
 // for a while. Notifications come in the first network namespace only, so the device's state is also asked
 // for once a second.
-#include "nsmd/clock/kernel.h"
+#include "nsmd/dpll/kernel.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -20,7 +20,7 @@
 #include <cstring>
 #include <utility>
 
-#include "nsmd/clock/steer.h"
+#include "nsmd/dpll/steer.h"
 #include "suite/base/memory.h"
 #include "suite/log/log.h"
 #include "suite/loop/thread.h"

@@ -1,6 +1,6 @@
 // The records of the kernel's clock devices and pins, kept from answers and notifications alike. Owned and
 // called by the kernel backend; exhausted memory is told by the take functions and costs the record.
-#include "nsmd/clock/view.h"
+#include "nsmd/dpll/view.h"
 
 #include <cinttypes>
 #include <cstdio>

@@ -1,7 +1,7 @@
 // Carries out what the plan for the kernel's clock says, one setting after the other.
 #pragma once
 
-#include "nsmd/clock/plan.h"
+#include "nsmd/dpll/plan.h"
 #include "nsmd/links/port_table.h"
 #include "nsmd/netlink/genl.h"
 

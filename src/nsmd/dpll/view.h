@@ -1,7 +1,7 @@
 // What is known of the kernel's clock devices and pins.
 #pragma once
 
-#include "nsmd/clock/message.h"
+#include "nsmd/dpll/message.h"
 
 struct dpll_device_node {
     dpll_device device;

@@ -1,6 +1,6 @@
 // Reads and builds the messages of the kernel's clock interface. Pure functions, called by the kernel
 // backend. Attributes that are not known are skipped, those that are missing stay zero.
-#include "nsmd/clock/message.h"
+#include "nsmd/dpll/message.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // setting under way and the list of what was tried. After each setting the pin is read again, because drivers
 // differ in what else a setting changes; what the kernel then shows counts, not the code that it answered
 // with. A refusal is said in one line.
-#include "nsmd/clock/steer.h"
+#include "nsmd/dpll/steer.h"
 
 #include <algorithm>
 #include <cerrno>
