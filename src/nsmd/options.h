@@ -3,8 +3,8 @@
 
 #include <cstdint>
 
-#include "nsmd/dpll/kernel.h"
 #include "nsmd/clock/sim.h"
+#include "nsmd/dpll/kernel.h"
 #include "nsmd/links/watch.h"
 #include "suite/rights/user.h"
 
