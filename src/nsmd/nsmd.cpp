@@ -148,11 +148,9 @@ void pins_changed(void* arg) {
 dpll_backend open_kernel_dpll(nsmd* n, const nsmd_edges& edges, bool is_optional) {
     int error = 0;
     const dpll_backend dpll = dpll_kernel_create(n->ctx, n->table, edges.netlink, n->options->kernel,
-                                                 is_optional, {clock_changed, pins_changed, n}, &error);
+                                                 {clock_changed, pins_changed, n}, &error);
     if (dpll.self) return dpll;
-    const char* why = error == -ENOENT   ? "this kernel has no clock interface"
-                      : error == -ENODEV ? "the kernel has no clock device for Ethernet"
-                                         : std::strerror(-error);
+    const char* why = error == -ENOENT ? "this kernel has no clock interface" : std::strerror(-error);
     if (is_optional)
         log_suite(LOG_LEVEL_INFO, "clock: %s, going on without", why);
     else

@@ -120,9 +120,8 @@ constexpr option_kind KINDS[] = {
      "also serve interfaces with such names (shell pattern, repeatable);\n"
      "physical Ethernet ports are served without it"},
     {"dpll", "KIND", take_dpll,
-     "clock hardware: kernel (the kernel's DPLL interface), sim (simulated),\nnone, or auto: kernel where "
-     "there "
-     "is one, else none (default auto)"},
+     "clock hardware: kernel (the kernel's DPLL interface), sim (simulated),\nnone, or auto: kernel where it "
+     "has one, else none (default auto)"},
     {"dpll-device", "NAME", take_device,
      "kernel clock device: its number, MODULE or MODULE/CLOCKID\n(default: the first Ethernet clock)"},
     {"bits1", "PIN", take_bits<1>, "pin of external input 1, by number or label"},

@@ -167,7 +167,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     options.bits[0] = "EXT";
     options.bits[1] = "5";
     int error = 0;
-    const dpll_backend backend = dpll_kernel_create(&w.loop.ctx, w.table, w.edge(), options, false,
+    const dpll_backend backend = dpll_kernel_create(&w.loop.ctx, w.table, w.edge(), options,
                                                     {on_report, [](void*) {}, nullptr}, &error);
     w.queue.clear();
     // nsmd's core between the port table and the backend.

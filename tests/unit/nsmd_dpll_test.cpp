@@ -19,6 +19,7 @@ enum class driver {
 };
 
 constexpr std::uint32_t DEVICE = 1, PORT_PINS[] = {11, 12};
+constexpr std::uint64_t CLOCK = 0x0102030405060708ULL;
 
 struct fake_pin {
     std::uint32_t capabilities = PIN_CAN_STATE;
@@ -27,13 +28,16 @@ struct fake_pin {
     std::uint32_t refused = 0;  // errno
     std::uint16_t label_kind = DPLL_PIN_A_BOARD_LABEL;
     const char* label = "";
+    std::uint32_t type = 3;  // a port's
 };
 
 // Dumps and settings are recorded as text: "dump devices", "3 on 1 connected".
 struct fake_dpll : fake_family {
     driver kind = driver::manual;
     std::map<std::uint32_t, fake_pin> pins;
+    const char* module = "chip";
     bool tells_operstate = false;
+    std::uint32_t unreadable = 0, unknown_state = 0;  // errno of reading pins, and the device
     std::uint32_t has_device = 1, notifies = 1, type = DPLL_TYPE_EEC, status = DPLL_STATUS_UNLOCKED;
     std::uint32_t busy = 0, disturbed_dumps = 0;  // so many settings and dumps fail
     std::uint32_t tracked = 0;                    // the pin that the device follows
@@ -45,33 +49,37 @@ struct fake_dpll : fake_family {
 
     nl_builder about_device(std::uint8_t command, std::uint16_t flags = 0) const {
         nl_builder b = generic_message(ID, command, flags);
-        const std::uint64_t clock = 0x0011223344556677ULL;
+        const std::uint32_t mode = is_automatic() ? DPLL_MODE_AUTOMATIC : DPLL_MODE_MANUAL;
         nl_put_u32(&b, DPLL_A_ID, DEVICE);
-        nl_put_text(&b, DPLL_A_MODULE_NAME, "chip");
-        nl_put(&b, DPLL_A_CLOCK_ID, &clock, sizeof clock);
-        nl_put_u32(&b, DPLL_A_MODE, is_automatic() ? DPLL_MODE_AUTOMATIC : DPLL_MODE_MANUAL);
+        nl_put_text(&b, DPLL_A_MODULE_NAME, module);
+        nl_put(&b, DPLL_A_CLOCK_ID, &CLOCK, sizeof CLOCK);
         nl_put_u32(&b, DPLL_A_LOCK_STATUS, status);
+        nl_put_u32(&b, DPLL_A_MODE, mode);
+        nl_put_u32(&b, 6, mode);  // the modes that it can have
         nl_put_u32(&b, DPLL_A_TYPE, type);
-        nl_put_u32(&b, 14, 1);  // an attribute of the future
         return b;
     }
     nl_builder about_pin(std::uint32_t id, std::uint8_t command, std::uint16_t flags = 0) const {
         const fake_pin& p = pins.at(id);
         nl_builder b = generic_message(ID, command, flags);
         nl_put_u32(&b, DPLL_PIN_A_ID, id);
-        nl_put_text(&b, p.label_kind, p.label);
+        nl_put_text(&b, 3, module);
+        nl_put(&b, 5, &CLOCK, sizeof CLOCK);
+        if (*p.label) nl_put_text(&b, p.label_kind, p.label);
+        nl_put_u32(&b, DPLL_PIN_A_TYPE, p.type);
         nl_put_u32(&b, DPLL_PIN_A_CAPABILITIES, p.capabilities);
+        for (const auto phase_limit : {std::uint16_t{20}, std::uint16_t{21}}) nl_put_u32(&b, phase_limit, 0);
         for (const auto& [parent, state] : p.places) {
             const bool on_device = parent == DEVICE;
             const std::size_t nest =
                 nl_nest_begin(&b, on_device ? DPLL_PIN_A_PARENT_DEVICE : DPLL_PIN_A_PARENT_PIN);
-            nl_put_u32(&b, DPLL_PIN_A_PARENT_ID, parent);
-            if (on_device) nl_put_u32(&b, DPLL_PIN_A_DIRECTION, 1);
-            if (on_device && p.capabilities & PIN_CAN_PRIO) nl_put_u32(&b, DPLL_PIN_A_PRIO, p.prio);
-            if (on_device && tells_operstate) nl_put_u32(&b, DPLL_PIN_A_OPERSTATE, tracked == id ? 1 : 2);
             // Without a place of its own for it, the pin in use is shown as connected.
             const bool in_use = on_device && is_automatic() && !tells_operstate && tracked == id;
+            nl_put_u32(&b, DPLL_PIN_A_PARENT_ID, parent);
             nl_put_u32(&b, DPLL_PIN_A_STATE, in_use && state == PIN_SELECTABLE ? PIN_CONNECTED : state);
+            if (on_device && p.capabilities & PIN_CAN_PRIO) nl_put_u32(&b, DPLL_PIN_A_PRIO, p.prio);
+            if (on_device) nl_put_u32(&b, DPLL_PIN_A_DIRECTION, 1);
+            if (on_device && tells_operstate) nl_put_u32(&b, DPLL_PIN_A_OPERSTATE, tracked == id ? 1 : 2);
             nl_nest_end(&b, nest);
         }
         return b;
@@ -155,12 +163,15 @@ struct fake_dpll : fake_family {
         const std::uint32_t id = nl_u32(a.value);
         const bool is_device = command == DPLL_CMD_DEVICE_GET;
         if (is_device ? !has_device : !pins.count(id)) return ENODEV;
+        if (const std::uint32_t error = is_device ? unknown_state : unreadable)
+            return static_cast<int>(error);
         say(is_device ? about_device(command) : about_pin(id, command), sequence);
         return 0;
     }
     int dumped(std::uint8_t command, std::uint32_t sequence, std::uint16_t* flags) override {
         const bool devices = command == DPLL_CMD_DEVICE_GET;
         add(devices ? "dump devices" : "dump pins");
+        if (const std::uint32_t error = devices ? unknown_state : unreadable) return static_cast<int>(error);
         *flags = disturbed_dumps > 0 ? NLM_F_MULTI | NLM_F_DUMP_INTR : NLM_F_MULTI;
         if (disturbed_dumps > 0) --disturbed_dumps;
         if (devices && has_device) say(about_device(command, *flags), sequence);
@@ -196,9 +207,14 @@ struct clock_session : nsmd_session {
             }
         };
         const std::map<const char*, std::uint32_t fake_dpll::*> of_device = {
-            {"type", &fake_dpll::type},         {"has-device", &fake_dpll::has_device},
-            {"notifies", &fake_dpll::notifies}, {"disturb", &fake_dpll::disturbed_dumps},
-            {"busy", &fake_dpll::busy},         {"status", &fake_dpll::status}};
+            {"type", &fake_dpll::type},
+            {"has-device", &fake_dpll::has_device},
+            {"notifies", &fake_dpll::notifies},
+            {"disturb", &fake_dpll::disturbed_dumps},
+            {"busy", &fake_dpll::busy},
+            {"status", &fake_dpll::status},
+            {"unreadable", &fake_dpll::unreadable},
+            {"unknown-state", &fake_dpll::unknown_state}};
         for (const auto& [verb, field] : of_device)
             verbs[verb] = [this, at = field](const numbers& w) {
                 dpll.*at = w[0];
@@ -231,6 +247,13 @@ struct clock_session : nsmd_session {
             dpll.status = DPLL_STATUS_UNLOCKED;
             dpll.notify_device();
         };
+        // Another program's setting.
+        verbs["hand"] = [this](const numbers& w) {
+            EXPECT_EQ(dpll.set_state(w[0], DEVICE, w[1]), 0);
+            dpll.notify_pin(w[0]);
+            dpll.work();
+        };
+        verbs["leave"] = [this](const numbers& w) { dpll.notify_pin(w[0], DPLL_CMD_PIN_DELETE_NTF); };
         verbs["notice"] = [this](const numbers& w) { dpll.notify_pin(w[0], DPLL_CMD_PIN_CREATE_NTF); };
         verbs["lose"] = [this](const numbers&) { dpll.push({}, -ENOBUFS); };
         verbs["device"] = [this](const numbers& w) {
@@ -311,9 +334,7 @@ const struct {
       {"status 77", 1, "clock 5 0"},  // a status of the future is transient
       {"status 3", 1, "clock 4 1"}}},
     {{"without notifications the state is not asked for", driver::automatic, "notifies 0"},
-     {{FOLLOW, 1030, "clock 4 1"},
-      {"signal 11 0", 1001, "clock 3 0"},
-      {"signal 11 1", 1010, "clock 4 0, clock 4 1"}}},
+     {{FOLLOW, 1030, "clock 4 1"}, {"signal 11 0", 1001, "clock 3 0"}, {"signal 11 1", 1010, "clock 4 1"}}},
     {{"after lost notifications and in disturbed dumps old news are believed", driver::automatic,
       "disturb 2"},
      {{FOLLOW, 30, "clock 4 1"}, {"signal 11 0, lose", 10, "clock 3 0", "dump devices, dump pins"}}},
@@ -334,9 +355,45 @@ const struct {
      {"Operation not permitted", 1}},
     {{"a busy driver is not asked again", driver::automatic, "mux 21, mux 22, busy 3"},
      {{FOLLOW, 30, ""}, {"", 3100, "clock 4 1"}}},
-    {{"a busy driver is asked for ever", driver::automatic, "busy 1000"},
-     {{FOLLOW, 60000, ""}, {"", 10000, "", ""}},
-     {"stays busy", 1}},
+    {{"a busy driver is given up, or asked ever as often", driver::automatic, "busy 10"},
+     {{FOLLOW, 100000, ""}, {"", 10000, "clock 4 1"}},
+     {"Device or resource busy; trying again", 1}},
+    {{"a release that failed is not tried again, or said each time", driver::manual},
+     {{FOLLOW, 30, "clock 4 1"},
+      {"refuse 11 5, holdover 0", 20000, ""},
+      {"refuse 11 0", 1001, "clock 3 0", "dump devices, dump pins, 11 on 1 disconnected"},
+      {"", 60000, "", ""}},
+     {"can't release pin 11 (sw1): Input/output error", 1}},
+    {{"a use that failed once is not tried again", driver::automatic},
+     {{FOLLOW, 30, "clock 4 1"},
+      {"refuse 12 121, select 2", 200, "clock 3 0"},
+      {"refuse 12 0", 500, "clock 4 2", "dump devices, dump pins, 12 on 1 prio 0, 12 on 1 selectable"}},
+     {"holdover instead", 1}},
+    {{"what can't be read is forgotten", driver::manual},
+     {{FOLLOW, 30, "clock 4 1"},
+      {"unreadable 5, sw4 4", 3000, "add 4 4 1"},
+      {"unreadable 0, unknown-state 5, gone 4", 1500, "gone 4 1"},
+      {"unknown-state 0, select 2", 1100, "clock 4 2"}},
+     {"clock: devices and pins can't be read: Input/output error; trying again", 1}},
+    {{"a driver that is busy at the start costs the clock", driver::manual, "unreadable 16"},
+     {{FOLLOW, 3000, ""}, {"unreadable 0", 1010, "clock 4 1"}},
+     {"can't be read yet: Device or resource busy", 1}},
+    {{"a state that can't be read stays what it was", driver::manual},
+     {{FOLLOW, 30, "clock 4 1"},
+      {"unknown-state 5", 4000, "clock 5 0"},
+      {"", 7000, "clock 2 0"},
+      {"unknown-state 0", 1010, "clock 4 1"}},
+     {"the state of device 1 can't be read", 1}},
+    {{"another hand on the pins is not undone, or not said", driver::switches_over},
+     {{FOLLOW, 30, "clock 4 1"},
+      {"hand 12 1", 30, "", "dump devices, dump pins, 11 on 1 connected"},
+      {"hand 12 1", 30, "", ""},  // not at once again
+      {"", 300, "", "dump devices, dump pins, 11 on 1 connected"}},
+     {"changed by another program", 1}},
+    {{"a pin that leaves another device is forgotten", driver::manual},
+     {{FOLLOW, 30, "clock 4 1"},
+      {"leave 11", 200, "", "dump devices, dump pins"},
+      {"holdover 0", 30, "clock 3 0", "11 on 1 disconnected"}}},
     {{"a port without a pin is followed, or not when its driver comes up with one", driver::automatic,
       "input 13"},
      {{FOLLOW, 30, "clock 4 1"},
@@ -346,7 +403,7 @@ const struct {
     {{"a device that goes and returns gets not what is wanted", driver::manual},
      {{FOLLOW, 30, "clock 4 1"},
       {"device 0", 200, "clock 2 0"},
-      {"device 1", 200, "clock 4 1", "11 on 1 connected"}}},
+      {"device 1", 200, "clock 4 1", "dump devices, dump pins, 11 on 1 connected"}}},
     {{"a deleted pin stays its port's, or one that comes later is not learnt", driver::manual},
      {{FOLLOW, 2000, "clock 4 1"},  // nobody asks for links any more
       {"quiet sw1 1, forget 11", 200, "clock 2 0"},
@@ -450,6 +507,56 @@ TEST(dpll, a_driver_that_takes_its_time_holds_up_nobody_and_the_newest_wish_coun
     *s.dpll.hold = 0;
 }
 
+// What Linux 6.12's own DPLL core said of a mock driver's device and pins, behind the generic header.
+TEST(dpll, the_simulated_kernel_speaks_as_the_real_one) {
+    fake_kernel kernel;
+    fake_dpll dpll{kernel};
+    dpll.module = "dpll_mock";
+    dpll.pins[0] = {.places = {{DEVICE, PIN_DISCONNECTED}}, .label = "SWP0"};
+    dpll.pins[3] = {.capabilities = 6, .places = {{DEVICE, PIN_DISCONNECTED}}, .prio = 1, .label = "SWP0"};
+    dpll.pins[7] = {.places = {{6, PIN_DISCONNECTED}}, .label = "SWP0"};
+    const auto hex = [](const nl_builder& b) {
+        std::string text;
+        for (std::size_t i = 20; i < b.length; ++i) {
+            char octet[3];
+            std::snprintf(octet, sizeof octet, "%02x", b.data[i]);
+            text += octet;
+        }
+        return text;
+    };
+    const auto pin = [&](std::uint32_t id) { return hex(dpll.about_pin(id, DPLL_CMD_PIN_GET)); };
+    const std::string module = "64706c6c5f6d6f636b000000", clock = "0807060504030201";
+    const auto head = [&](const std::string& id, const std::string& capabilities) {
+        return "08000100" + id + "0e000300" + module + "0c000500" + clock +
+               "090006005357503000000000"
+               "0800090003000000"
+               "08001100" +
+               capabilities +
+               "0800140000000000"
+               "0800150000000000";
+    };
+    EXPECT_EQ(hex(dpll.about_device(DPLL_CMD_DEVICE_GET)), "08000100010000000e000200" + module + "0c000400" +
+                                                               clock +
+                                                               "08000700010000000800050001000000"
+                                                               "0800060001000000"
+                                                               "0800090002000000");
+    EXPECT_EQ(pin(0), head("00000000", "04000000") +
+                          "1c001280"
+                          "0800020001000000"
+                          "0800100002000000"
+                          "08000a0001000000");
+    EXPECT_EQ(pin(3), head("03000000", "06000000") +
+                          "24001280"
+                          "0800020001000000"
+                          "0800100002000000"
+                          "08000f0001000000"
+                          "08000a0001000000");
+    EXPECT_EQ(pin(7), head("07000000", "04000000") +
+                          "14001380"
+                          "0800020006000000"
+                          "0800100002000000");
+}
+
 TEST(dpll, asked_for_by_name_the_interface_must_be_there) {
     clock_session s;
     s.kernel.on_generic = nullptr;
@@ -459,8 +566,8 @@ TEST(dpll, asked_for_by_name_the_interface_must_be_there) {
 
 TEST(dpll, a_device_is_named_by_number_module_or_clock) {
     const std::map<const char*, int> names = {
-        {"1", 1},    {"chip", 1},  {"chip/0011223344556677", 1}, {"2", 0},
-        {"ship", 0}, {"chip/", 0}, {"chip/11223344556678", 0}};
+        {"1", 1},    {"chip", 1},  {"chip/0102030405060708", 1}, {"2", 0},
+        {"ship", 0}, {"chip/", 0}, {"chip/102030405060709", 0}};
     for (const auto& [name, found] : names) {
         clock_session s;
         s.options.kernel.device = name;
@@ -476,7 +583,7 @@ TEST(dpll, the_status_shows_device_and_pins) {
     s.play({{FOLLOW, 30, "clock 4 1"}});
     const std::string all = s.status();
     for (const char* part :
-         {"kernel device 1 (chip 0011223344556677), automatic, status 3",
+         {"kernel device 1 (chip 0102030405060708), automatic, status 3",
           "pin 11 (sw1): on pin 21, connected", "pin 21 (unnamed): on device 1, connected, priority 0"})
         EXPECT_NE(all.find(part), std::string::npos) << part << " in\n" << all;
 }

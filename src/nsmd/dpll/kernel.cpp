@@ -1,4 +1,4 @@
-// The kernel's clock interface as a backend. Owns its channel, what is known of devices and pins, and two
+// The kernel's clock interface as a backend. Owns its channel, what is known of devices and pins, and its
 // timers. Called by nsmd's core on the loop.
 //
 // One task is under way at a time: reading everything, reading the device, or steering. A driver may take its
@@ -8,87 +8,84 @@
 // What is wanted becomes a goal: follow this pin, or none of ours. Only the pins of the ports served and of
 // the named external inputs are ever touched.
 //
-// Where a driver refuses, that is said in one line and the rest goes on; a driver that is busy is asked again
-// for a while. Notifications come in the first network namespace only, so the device's state is also asked
-// for once a second.
+// Whatever can't be read or is not as it is to be is tried again without end, ever more slowly: settings up
+// to a minute apart while nothing wrong is followed, a second as long as the clock follows a pin that nobody
+// watches. A source that can't be had becomes holdover meanwhile. The log says what fails first and what
+// works again; the status report has the rest.
+//
+// Notifications come in the first network namespace only, so the device's state and the pin that is to be
+// followed are also asked for once a second.
 #include "nsmd/dpll/kernel.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <utility>
 
-#include "nsmd/dpll/steer.h"
+#include "nsmd/dpll/record.h"
 #include "suite/base/memory.h"
 #include "suite/log/log.h"
 #include "suite/loop/thread.h"
 
 namespace {
 
-constexpr std::uint32_t POLL_MS = 1000, AGAIN_MS = 50, BUSY_MS = 1000;
-constexpr unsigned BUSY_TRIES = 30;
+constexpr std::uint32_t POLL_MS = 1000, AGAIN_MS = 50;
+constexpr retry_waits READING_WAITS = {100, 1000}, UNSAFE_WAITS = {100, 1000}, SAFE_WAITS = {100, 60000};
+// What fails less often in a row is no news.
+constexpr unsigned READ_TRIES_SAID = 3, STEER_TRIES_SAID = 4;
+constexpr nanoseconds CALM = 60 * NS_PER_S;        // after which a failure begins anew
+constexpr nanoseconds UNCLEAR_MAX = 2 * NS_PER_S;  // a driver looks at its hardware twice a second or so
 constexpr unsigned DUMP_TRIES = 3;
 
-enum class clock_task { none, reads_devices, reads_pins, reads_device, steers };
-
-struct dpll_kernel {
-    lib_globals* ctx;
-    const port_table* table;
-    dpll_kernel_options options;
-    dpll_sink sink;
-    genl link;
-    dpll_view view;
-    bool has_device;
-    std::uint32_t device;
-    dpll_wanted wanted;
-    bool was_asked;  // `wanted` holds
-    dpll_report now;
-    clock_task task;
-    bool read_wanted, poll_wanted, steer_wanted;  // the tasks to come, in this order
-    bool pins_changed;                            // since the links were last asked for theirs
-    bool awaits_links;                            // their answers come before the tasks
-    dpll_view fresh;  // being read; what was known before serves until it is whole
-    unsigned dump_tries;
-    int read_result;
-    thread* poll_timer;
-    thread* again_timer;  // the hardware changed, or was busy: state what is wanted again
-    bool stale;           // what is known may be old: read all
-    unsigned busy_tries;
-    dpll_steering steering;
-};
-
 void again_in(dpll_kernel* k, std::uint32_t ms);
+void work(dpll_kernel* k);
 
 // --- reading ---
 
+bool names_device(std::uint8_t command) {
+    return command == DPLL_CMD_DEVICE_GET || command == DPLL_CMD_DEVICE_CREATE_NTF ||
+           command == DPLL_CMD_DEVICE_CHANGE_NTF;
+}
+
+bool names_pin(std::uint8_t command) {
+    return command == DPLL_CMD_PIN_GET || command == DPLL_CMD_PIN_CREATE_NTF ||
+           command == DPLL_CMD_PIN_CHANGE_NTF;
+}
+
+bool comes_or_goes(std::uint8_t command) {
+    return command == DPLL_CMD_DEVICE_CREATE_NTF || command == DPLL_CMD_DEVICE_DELETE_NTF ||
+           command == DPLL_CMD_PIN_CREATE_NTF || command == DPLL_CMD_PIN_DELETE_NTF;
+}
+
+// A pin that is deleted stays until all is read: the message is about one of the devices that it was on.
 // False without memory.
 bool take_into(dpll_view* view, const genl_message& m) {
     dpll_device device;
     dpll_pin pin;
-    switch (m.command) {
-        case DPLL_CMD_DEVICE_GET:
-        case DPLL_CMD_DEVICE_CREATE_NTF:
-        case DPLL_CMD_DEVICE_CHANGE_NTF:
-            return !dpll_device_parse(m.attributes, &device) || dpll_view_take_device(view, device);
-        case DPLL_CMD_DEVICE_DELETE_NTF:
-            if (dpll_device_parse(m.attributes, &device)) dpll_view_drop_device(view, device.id);
-            return true;
-        case DPLL_CMD_PIN_GET:
-        case DPLL_CMD_PIN_CREATE_NTF:
-        case DPLL_CMD_PIN_CHANGE_NTF:
-            return !dpll_pin_parse(m.attributes, &pin) || dpll_view_take_pin(view, pin);
-        case DPLL_CMD_PIN_DELETE_NTF:
-            if (dpll_pin_parse(m.attributes, &pin)) dpll_view_drop_pin(view, pin.id);
-            return true;
-        default:
-            return true;
-    }
+    if (names_device(m.command))
+        return !dpll_device_parse(m.attributes, &device) || dpll_view_take_device(view, device);
+    if (names_pin(m.command)) return !dpll_pin_parse(m.attributes, &pin) || dpll_view_take_pin(view, pin);
+    if (m.command == DPLL_CMD_DEVICE_DELETE_NTF && dpll_device_parse(m.attributes, &device))
+        dpll_view_drop_device(view, device.id);
+    return true;
 }
 
 bool is_reading_all(const dpll_kernel* k) {
     return k->task == clock_task::reads_devices || k->task == clock_task::reads_pins;
+}
+
+void note_read(dpll_kernel* k) {
+    if (k->unread >= DPLL_UNREAD_DOUBTED)
+        log_suite(LOG_LEVEL_INFO, "clock: the state of device %u can be read again", k->device);
+    k->unread = 0;
+}
+
+void note_unread(dpll_kernel* k, int result) {
+    k->unread_result = result;
+    if (++k->unread == DPLL_UNREAD_DOUBTED)
+        log_suite(LOG_LEVEL_WARNING, "clock: the state of device %u can't be read: %s", k->device,
+                  std::strerror(-result));
 }
 
 void message_came(void* arg, const genl_message& m) {
@@ -97,11 +94,13 @@ void message_came(void* arg, const genl_message& m) {
     if (is_reading_all(k)) stored = take_into(&k->fresh, m);
     if (m.notification || !is_reading_all(k)) stored &= take_into(&k->view, m);
     if (!stored) log_suite(LOG_LEVEL_ERROR, "clock: no memory for a device or pin");
-    const bool comes_or_goes = m.command == DPLL_CMD_DEVICE_CREATE_NTF ||
-                               m.command == DPLL_CMD_DEVICE_DELETE_NTF ||
-                               m.command == DPLL_CMD_PIN_CREATE_NTF || m.command == DPLL_CMD_PIN_DELETE_NTF;
-    if (!m.notification || !comes_or_goes) return;
+    dpll_device device;
+    if (names_device(m.command) && dpll_device_parse(m.attributes, &device) && device.id == k->device)
+        note_read(k);
+    k->pins_heard |= names_pin(m.command);
+    if (!m.notification || !comes_or_goes(m.command)) return;
     k->pins_changed = true;  // the kernel sends no message about the links that they are of
+    k->stale = true;
     again_in(k, AGAIN_MS);
 }
 
@@ -127,12 +126,39 @@ void begin_reading(dpll_kernel* k) {
     ask_for_all(k);
 }
 
+int read_again(thread* event) {
+    auto* k = static_cast<dpll_kernel*>(event->arg);
+    retry_begin(&k->reading);
+    k->read_wanted = true;
+    work(k);
+    return 0;
+}
+
+void could_not_read(dpll_kernel* k) {
+    k->stale = true;
+    if (++k->read_tries == READ_TRIES_SAID)
+        log_suite(LOG_LEVEL_WARNING, "clock: devices and pins can't be read: %s; trying again",
+                  std::strerror(-k->read_result));
+    retry_later(&k->reading, k->ctx, read_again, k, READING_WAITS);
+}
+
+void could_read(dpll_kernel* k) {
+    std::swap(k->view, k->fresh);
+    if (std::exchange(k->read_tries, 0) >= READ_TRIES_SAID)
+        log_suite(LOG_LEVEL_INFO, "clock: devices and pins can be read again");
+    retry_stop(&k->reading);
+    if (dpll_kernel_choose(k)) retry_stop(&k->steers_again);
+    k->steer_wanted = true;
+}
+
 void end_reading(dpll_kernel* k, int result) {
     k->task = clock_task::none;
     k->read_result = result;
-    if (result == 0) std::swap(k->view, k->fresh);
+    if (result == 0)
+        could_read(k);
+    else
+        could_not_read(k);
     dpll_view_clear(&k->fresh);
-    if (result < 0) k->stale = true;  // the next poll tries again
 }
 
 void was_listed(dpll_kernel* k) {
@@ -144,69 +170,46 @@ void was_listed(dpll_kernel* k) {
     ask_for_all(k);
 }
 
-// --- which pins ---
+// --- polling ---
 
-std::size_t managed_pins(const dpll_kernel* k, std::uint32_t (&out)[DPLL_MANAGED_MAX]) {
-    std::size_t count = 0;
-    for (const nsmd_port* p = port_table_first(k->table); p; p = p->next)
-        if (p->ifindex && p->has_dpll_pin && count < PORT_INDEX_MAX) out[count++] = p->dpll_pin;
-    for (const char* name : k->options.bits)
-        if (const dpll_pin* pin = name ? dpll_view_named_pin(&k->view, name) : nullptr)
-            out[count++] = pin->id;
-    return count;
-}
-
-std::uint32_t source_of(const dpll_kernel* k, const dpll_pin* pin) {
-    if (!pin) return 0;
-    for (const nsmd_port* p = port_table_first(k->table); p; p = p->next)
-        if (p->ifindex && p->has_dpll_pin && p->dpll_pin == pin->id) return p->ifindex;
-    for (const char* name : k->options.bits)
-        if (name && dpll_view_named_pin(&k->view, name) == pin) return DPLL_SOURCE_BITS;
-    return 0;
-}
-
-void choose_device(dpll_kernel* k) {
+void was_polled(dpll_kernel* k) {
+    k->task = clock_task::none;
+    const int result = k->link.result;
+    if (result == -ENODEV) {
+        dpll_view_drop_device(&k->view, k->device);
+        k->stale = true;
+    } else if (result < 0) {
+        note_unread(k, result);
+    }
+    // Nothing told us, so nothing told us of the pins either.
+    bool is_clear;
+    if (k->unread == 0 && dpll_kernel_observe(k, &is_clear).state != k->now.state) k->stale = true;
+    if (k->stale && !k->reading.event) return again_in(k, 0);
+    dpll_goal goal;
     std::uint32_t pins[DPLL_MANAGED_MAX];
-    const std::size_t count = managed_pins(k, pins);
-    const dpll_device* d = dpll_view_choose(&k->view, k->options.device, pins, count);
-    const bool had = k->has_device;
-    const std::uint32_t before = k->device;
-    k->has_device = d != nullptr;
-    if (d) k->device = d->id;
-    if (d && (!had || before != d->id))
-        log_suite(LOG_LEVEL_INFO, "clock: kernel device %u of %s, clock %016" PRIx64 ", %s", d->id, d->module,
-                  d->clock_id, d->mode == DPLL_MODE_AUTOMATIC ? "automatic" : "manual");
-    if (!d && had) log_suite(LOG_LEVEL_WARNING, "clock: kernel device %u is gone", before);
+    if (!dpll_kernel_goal(k, &goal, pins) || !goal.has_target) return;
+    k->task = clock_task::reads_target;
+    dpll_read_pin(&k->link, goal.target);
+}
+
+void was_target_read(dpll_kernel* k) {
+    k->task = clock_task::none;
+    if (k->link.result != -ENODEV) return;
+    k->stale = true;
+    again_in(k, AGAIN_MS);
 }
 
 // --- reporting ---
 
-std::uint32_t state_of(const dpll_device& d) {
-    switch (d.status) {
-        case DPLL_STATUS_UNLOCKED:
-            return DPLL_FREERUN;
-        case DPLL_STATUS_LOCKED:
-        case DPLL_STATUS_LOCKED_HO_ACQ:
-            return DPLL_LOCKED;
-        case DPLL_STATUS_HOLDOVER:
-            return DPLL_HOLDOVER;
-        default:
-            return DPLL_TRANSIENT;
-    }
-}
-
-dpll_report observe(const dpll_kernel* k) {
-    const dpll_device* d = k->has_device ? dpll_view_device(&k->view, k->device) : nullptr;
-    if (!d) return {DPLL_FREERUN, 0};
-    const std::uint32_t state = state_of(*d);
-    if (state != DPLL_LOCKED) return {state, 0};
-    const dpll_pin* child = nullptr;
-    const dpll_pin* input = dpll_view_active_input(&k->view, d->id, &child);
-    return {state, source_of(k, child ? child : input)};
-}
-
 void report(dpll_kernel* k) {
-    const dpll_report seen = observe(k);
+    bool is_clear;
+    const dpll_report seen = dpll_kernel_observe(k, &is_clear);
+    const nanoseconds now = thread_now(k->ctx);
+    if (is_clear)
+        k->unclear_since = 0;
+    else if (!k->unclear_since)
+        k->unclear_since = now;
+    if (!is_clear && now - k->unclear_since < UNCLEAR_MAX) return;
     if (seen.state == k->now.state && seen.source == k->now.source) return;
     k->now = seen;
     k->sink.report(k->sink.arg, seen);
@@ -214,82 +217,110 @@ void report(dpll_kernel* k) {
 
 // --- steering ---
 
-// The pin to follow. False: none, with the reason said where that is not what was asked for.
-bool find_target(const dpll_kernel* k, std::uint32_t* pin) {
-    const dpll_wanted& w = k->wanted;
-    if (!w.enable || w.holdover) return false;
-    if (w.recovery_select) {
-        const char* name = k->options.bits[w.recovery_select - 1];
-        const dpll_pin* input = name ? dpll_view_named_pin(&k->view, name) : nullptr;
-        if (input)
-            *pin = input->id;
-        else
-            log_suite(LOG_LEVEL_WARNING, "clock: no pin for external input %u, nothing to follow",
-                      w.recovery_select);
-        return input != nullptr;
-    }
-    const nsmd_port* port = port_table_find(k->table, w.selected);
-    if (port && port->has_dpll_pin) {
-        *pin = port->dpll_pin;
-        return true;
-    }
-    log_suite(LOG_LEVEL_WARNING, "clock: port %u (%s) has no clock pin, nothing to follow", w.selected,
-              port ? port->name : "unknown");
-    return false;
+int steer_again(thread* event) {
+    auto* k = static_cast<dpll_kernel*>(event->arg);
+    retry_begin(&k->steers_again);
+    k->read_wanted = k->steer_wanted = true;
+    work(k);
+    return 0;
 }
 
-bool asks_for_something(const dpll_wanted& w) {
-    return !w.enable || w.holdover || w.recovery_select || w.selected;
+// Sooner than was planned when there is danger.
+void steer_later(dpll_kernel* k, bool unsafe) {
+    if (k->calm_since && thread_now(k->ctx) - k->calm_since > CALM) k->steers_again.delay_ms = 0;
+    thread_cancel(std::exchange(k->steers_again.event, nullptr));
+    retry_later(&k->steers_again, k->ctx, steer_again, k, unsafe ? UNSAFE_WAITS : SAFE_WAITS);
+}
+
+bool is_reached(const dpll_kernel* k, const dpll_goal& goal) {
+    dpll_setting missing;
+    return dpll_plan_next(&k->view, goal, nullptr, &missing) == dpll_step::done;
 }
 
 void begin_steering(dpll_kernel* k) {
-    if (!k->was_asked || !k->has_device || !asks_for_something(k->wanted)) return;
+    dpll_goal goal;
     std::uint32_t pins[DPLL_MANAGED_MAX];
-    dpll_goal goal{};
-    goal.device = k->device;
-    goal.has_target = find_target(k, &goal.target);
-    goal.managed = pins;
-    goal.managed_count = managed_pins(k, pins);
-    goal.prio_best = k->options.prio_best;
-    goal.prio_other = k->options.prio_other;
+    k->trouble[0] = 0;
+    if (!dpll_kernel_goal(k, &goal, pins)) return;
+    k->fell_back = false;
     k->task = clock_task::steers;
     dpll_steer_begin(&k->steering, goal);
 }
 
-void was_steered(dpll_kernel* k) {
-    k->task = clock_task::none;
-    if (k->steering.is_abandoned) return;
-    const dpll_steer_end end = k->steering.end;
-    if (end == dpll_steer_end::busy && k->busy_tries++ < BUSY_TRIES) return again_in(k, BUSY_MS);
-    if (end == dpll_steer_end::busy) log_suite(LOG_LEVEL_WARNING, "clock: the driver stays busy, given up");
-    if (end == dpll_steer_end::reached || !k->steering.goal.has_target) return;
-    // What is followed now is not what the daemon believes and tells its neighbours. Holdover is.
-    log_suite(LOG_LEVEL_WARNING, "clock: the source can't be followed, holdover instead");
+// What is followed now is not what the daemon believes and tells its neighbours. Holdover is.
+void fall_back(dpll_kernel* k) {
+    if (!k->fall_said) log_suite(LOG_LEVEL_WARNING, "clock: the source can't be followed, holdover instead");
+    k->fall_said = k->fell_back = true;
     dpll_goal goal = k->steering.goal;
     goal.has_target = false;
     k->task = clock_task::steers;
     dpll_steer_begin(&k->steering, goal);
 }
 
-// --- tasks ---
-
-void was_polled(dpll_kernel* k) {
-    k->task = clock_task::none;
-    if (k->link.result == -ENODEV) dpll_view_drop_device(&k->view, k->device);
-    // Nothing told us, so nothing told us of the pins either.
-    if (observe(k).state != k->now.state) k->stale = true;
-    if (k->stale) again_in(k, 0);
+void is_calm(dpll_kernel* k) {
+    if (k->steer_tries >= STEER_TRIES_SAID || k->steering.said_count)
+        log_suite(LOG_LEVEL_INFO, "clock: as wanted, after %u tries", k->steer_tries + 1);
+    k->steer_tries = 0;
+    k->steering.said_count = 0;
+    k->fall_said = false;
+    thread_cancel(std::exchange(k->steers_again.event, nullptr));
+    if (!k->calm_since) k->calm_since = thread_now(k->ctx);
 }
+
+void is_not_calm(dpll_kernel* k) {
+    if (!k->trouble[0]) std::snprintf(k->trouble, sizeof k->trouble, "the driver does not do what was set");
+    if (++k->steer_tries == STEER_TRIES_SAID && !k->steering.said_count)
+        log_suite(LOG_LEVEL_WARNING, "clock: %s; trying again", k->trouble);
+    steer_later(k, dpll_plan_is_unsafe(&k->view, k->steering.goal));
+    k->calm_since = 0;
+}
+
+void was_steered(dpll_kernel* k) {
+    k->task = clock_task::none;
+    const dpll_steering& s = k->steering;
+    if (s.is_abandoned) return;
+    if (s.why[0]) std::snprintf(k->trouble, sizeof k->trouble, "%s", s.why);
+    if (s.end == dpll_steer_end::failed && s.goal.has_target) return fall_back(k);
+    k->settled = is_reached(k, s.goal);
+    k->pins_heard = false;
+    if (k->settled && !k->fell_back)
+        is_calm(k);
+    else
+        is_not_calm(k);
+}
+
+// The pins are not as they were when steering ended: somebody else set them.
+void check_pins(dpll_kernel* k) {
+    dpll_goal goal;
+    std::uint32_t pins[DPLL_MANAGED_MAX];
+    const bool is_steered_anyway = k->stale || k->again_timer || k->steer_wanted;
+    if (!std::exchange(k->pins_heard, false) || !k->settled || is_steered_anyway) return;
+    if (!dpll_kernel_goal(k, &goal, pins)) return;
+    goal.has_target &= !k->fell_back;
+    if (is_reached(k, goal)) return;
+    ++k->hands;
+    k->settled = false;
+    log_limited(
+        &k->hand_said, thread_now(k->ctx),
+        "clock: the pins were changed by another program or by the driver itself, setting them again");
+    steer_later(k, dpll_plan_is_unsafe(&k->view, goal));
+    k->calm_since = 0;
+    if (k->steers_again.delay_ms > UNSAFE_WAITS.first_ms) return;
+    thread_cancel(std::exchange(k->steers_again.event, nullptr));
+    k->read_wanted = k->steer_wanted = true;  // of the pins that went along nothing may have been told yet
+}
+
+// --- tasks ---
 
 // False: there is none.
 bool begin_next(dpll_kernel* k) {
+    check_pins(k);
     if (std::exchange(k->read_wanted, false)) {
         begin_reading(k);
     } else if (std::exchange(k->poll_wanted, false)) {
         k->task = clock_task::reads_device;
         dpll_read_device(&k->link, k->device);
     } else if (std::exchange(k->steer_wanted, false)) {
-        choose_device(k);
         begin_steering(k);
     } else {
         return false;
@@ -304,6 +335,8 @@ void go_on(dpll_kernel* k) {
             return was_listed(k);
         case clock_task::reads_device:
             return was_polled(k);
+        case clock_task::reads_target:
+            return was_target_read(k);
         case clock_task::steers:
             if (dpll_steer_run(&k->steering)) was_steered(k);
             return;
@@ -321,7 +354,8 @@ void work(dpll_kernel* k) {
             break;
     }
     // On the way the clock may be between two sources.
-    if (k->task != clock_task::steers && !k->steer_wanted) report(k);
+    const bool is_on_the_way = k->task == clock_task::steers || k->steer_wanted;
+    if (!is_on_the_way || k->unread >= DPLL_UNREAD_LOST) report(k);
 }
 
 // --- events ---
@@ -356,13 +390,14 @@ int readable(thread* event) {
     return 0;
 }
 
+// A device that comes may not be told of.
 int poll_due(thread* event) {
     auto* k = static_cast<dpll_kernel*>(event->arg);
-    k->poll_timer = nullptr;
-    k->poll_wanted = k->has_device;
-    work(k);
-    if (k->stale) again_in(k, 0);
     k->poll_timer = thread_add_timer_msec(k->ctx, poll_due, k, POLL_MS);
+    if (k->has_device && genl_waits(&k->link)) note_unread(k, -ETIMEDOUT);
+    k->poll_wanted = k->has_device;
+    k->read_wanted |= !k->has_device || (k->stale && !k->reading.event);
+    work(k);
     return 0;
 }
 
@@ -370,25 +405,19 @@ void apply(void* self, const dpll_wanted& wanted) {
     auto* k = static_cast<dpll_kernel*>(self);
     k->wanted = wanted;
     k->was_asked = true;
-    k->busy_tries = 0;
+    k->fall_said = k->no_pin_said = false;
+    k->steering.said_count = 0;
+    k->steer_tries = 0;
+    retry_stop(&k->steers_again);
     k->steer_wanted = true;
     if (k->task == clock_task::steers) dpll_steer_abandon(&k->steering);
     work(k);
 }
 
-const char* subject(const dpll_kernel* k, char (&out)[80]) {
-    const dpll_device* d = k->has_device ? dpll_view_device(&k->view, k->device) : nullptr;
-    if (d)
-        std::snprintf(out, sizeof out, "the driver of clock device %u (%s)", d->id, d->module);
-    else
-        std::snprintf(out, sizeof out, "the driver of the clock");
-    return out;
-}
-
 void tend(void* self) {
     auto* k = static_cast<dpll_kernel*>(self);
     char words[80];
-    genl_tend(&k->link, subject(k, words));
+    genl_tend(&k->link, dpll_kernel_subject(k, words));
 }
 
 void port(void* self, const nsmd_port&, port_event event) {
@@ -403,65 +432,41 @@ dpll_report current(const void* self) {
     return static_cast<const dpll_kernel*>(self)->now;
 }
 
-bool status(const void* self, text_buffer* out) {
-    const auto* k = static_cast<const dpll_kernel*>(self);
-    const dpll_device* d = k->has_device ? dpll_view_device(&k->view, k->device) : nullptr;
-    char words[80];
-    if (!netlink_channel_status(&k->link.channel, subject(k, words), out)) return false;
-    if (!d) return text_printf(out, "clock: kernel interface, no device\n");
-    bool ok =
-        text_printf(out,
-                    "clock: kernel device %u (%s %016" PRIx64 "), %s, status %u, error %u; %" PRIu64
-                    " settings, %" PRIu64 " refused\n",
-                    d->id, d->module, d->clock_id, d->mode == DPLL_MODE_AUTOMATIC ? "automatic" : "manual",
-                    d->status, d->error, k->steering.settings, k->steering.refusals);
-    static const char* const states[] = {"", ", connected", ", disconnected", ", selectable"};
-    for (const dpll_pin_node* n = k->view.pins; ok && n; n = n->next) {
-        if (!dpll_view_leads_to(&k->view, n->pin, k->device)) continue;
-        ok = text_printf(out, "%s:", dpll_pin_words(&k->view, k->table, n->pin.id, words));
-        for (std::size_t i = 0; ok && i < n->pin.parent_count; ++i) {
-            const dpll_parent& p = n->pin.parents[i];
-            ok = text_printf(out, " on %s %u%s%s", p.is_pin ? "pin" : "device", p.id,
-                             p.state < std::size(states) ? states[p.state] : "",
-                             p.operstate == PIN_OPER_ACTIVE ? ", active" : "");
-            if (ok && p.has_prio) ok = text_printf(out, ", priority %u", p.prio);
-        }
-        ok = ok && text_printf(out, "\n");
-    }
-    return ok;
-}
-
 void finish(void* self) {
     auto* k = static_cast<dpll_kernel*>(self);
     thread_cancel(k->poll_timer);
     thread_cancel(k->again_timer);
+    retry_stop(&k->reading);
+    retry_stop(&k->steers_again);
     genl_close(&k->link);
     dpll_view_clear(&k->view);
     dpll_view_clear(&k->fresh);
     memmgr_free(k, MTYPE_NSMD);
 }
 
-int start(dpll_kernel* k, const netlink_edge& edge, bool need_device) {
+int start(dpll_kernel* k, const netlink_edge& edge) {
     int result = genl_open(&k->link, edge, DPLL_FAMILY, DPLL_GROUP, {message_came, messages_lost, k});
     if (result < 0) return result;
     k->read_wanted = true;
     work(k);
-    if (k->read_result < 0) return k->read_result;
-    choose_device(k);
-    if (!k->has_device && need_device) return -ENODEV;
-    if (!k->has_device) log_suite(LOG_LEVEL_WARNING, "clock: no kernel device yet, waiting for one");
-    k->now = observe(k);
+    if (k->read_result == -EPERM || k->read_result == -EACCES) return k->read_result;
+    if (k->read_result < 0)
+        log_suite(LOG_LEVEL_WARNING, "clock: can't be read yet: %s; trying again",
+                  std::strerror(-k->read_result));
+    else if (!k->has_device)
+        log_suite(LOG_LEVEL_INFO, "clock: no kernel device yet, waiting for one");
+    bool is_clear;
+    k->now = dpll_kernel_observe(k, &is_clear);
     k->poll_timer = thread_add_timer_msec(k->ctx, poll_due, k, POLL_MS);
-    return k->poll_timer && netlink_channel_attach(&k->link.channel, k->ctx, readable, k, false) ? 0
-                                                                                                 : -ENOMEM;
+    const bool listens = netlink_channel_attach(&k->link.channel, k->ctx, readable, k, false);
+    return k->poll_timer && listens ? 0 : -ENOMEM;
 }
 
 }  // namespace
 
 dpll_backend dpll_kernel_create(lib_globals* ctx, const port_table* table, const netlink_edge& edge,
-                                const dpll_kernel_options& options, bool need_device, const dpll_sink& sink,
-                                int* error) {
-    dpll_backend backend = {apply, port, current, status, finish, nullptr, tend};
+                                const dpll_kernel_options& options, const dpll_sink& sink, int* error) {
+    dpll_backend backend = {apply, port, current, dpll_kernel_status, finish, nullptr, tend};
     auto* k = static_cast<dpll_kernel*>(memmgr_calloc(sizeof(dpll_kernel), MTYPE_NSMD));
     *error = -ENOMEM;
     if (!k) return backend;
@@ -474,7 +479,7 @@ dpll_backend dpll_kernel_create(lib_globals* ctx, const port_table* table, const
     k->steering.link = &k->link;
     k->steering.view = &k->view;
     k->steering.table = table;
-    *error = start(k, edge, need_device);
+    *error = start(k, edge);
     if (*error < 0)
         finish(k);
     else

@@ -11,9 +11,8 @@ struct dpll_kernel_options {
     std::uint32_t prio_other = 14;
 };
 
-// With `self` null: 0 or a negative errno in *error: -ENOENT, the kernel has no such interface; -ENODEV, it
-// has no clock device for Ethernet (only where `need_device`); else what went wrong, logged. `table` and the
-// texts of `options` must outlive it.
+// A device that is not there yet, or can't be read yet, is waited for. With `self` null: a negative errno in
+// *error: -ENOENT, the kernel has no such interface; -EPERM, it may not be read; else what went wrong,
+// logged. `table` and the texts of `options` must outlive it.
 dpll_backend dpll_kernel_create(lib_globals* ctx, const port_table* table, const netlink_edge& edge,
-                                const dpll_kernel_options& options, bool need_device, const dpll_sink& sink,
-                                int* error);
+                                const dpll_kernel_options& options, const dpll_sink& sink, int* error);

@@ -15,7 +15,7 @@ namespace {
 struct planner {
     const dpll_view* view;
     const dpll_goal& goal;
-    const dpll_tried& tried;
+    const dpll_tried* tried;  // null: none
     const dpll_device* device;
     dpll_setting* out;
 };
@@ -23,7 +23,7 @@ struct planner {
 bool propose(const planner& p, std::uint32_t pin, const dpll_parent& parent, dpll_pin_attr what,
              std::uint32_t value, bool releases) {
     *p.out = {pin, parent, what, value, releases};
-    return !dpll_tried_has(p.tried, *p.out);
+    return !p.tried || !dpll_tried_has(*p.tried, *p.out);
 }
 
 bool is_automatic(const planner& p) {
@@ -123,7 +123,7 @@ bool dpll_tried_has(const dpll_tried& tried, const dpll_setting& s) {
     return tried.count == dpll_tried::MAX;
 }
 
-dpll_step dpll_plan_next(const dpll_view* view, const dpll_goal& goal, const dpll_tried& tried,
+dpll_step dpll_plan_next(const dpll_view* view, const dpll_goal& goal, const dpll_tried* tried,
                          dpll_setting* out) {
     const planner p{view, goal, tried, dpll_view_device(view, goal.device), out};
     if (!p.device) return dpll_step::unreachable;
@@ -132,4 +132,10 @@ dpll_step dpll_plan_next(const dpll_view* view, const dpll_goal& goal, const dpl
         if (step != dpll_step::done) return step;
     }
     return release_others(p) ? dpll_step::set : dpll_step::done;
+}
+
+bool dpll_plan_is_unsafe(const dpll_view* view, const dpll_goal& goal) {
+    dpll_setting release;
+    const planner p{view, goal, nullptr, dpll_view_device(view, goal.device), &release};
+    return p.device && release_others(p);
 }

@@ -21,7 +21,7 @@ struct dpll_setting {
 };
 
 // Settings that were tried in this round already: a driver that accepts one and shows no effect, or refuses
-// it, is not asked again.
+// it, is not asked again in it.
 struct dpll_tried {
     static constexpr std::size_t MAX = 640;  // two settings of each of 255 pins, and some
     dpll_setting settings[MAX];
@@ -31,7 +31,11 @@ bool dpll_tried_has(const dpll_tried& tried, const dpll_setting& setting);
 
 enum class dpll_step { done, set, unreachable };
 
-// The next setting: the target comes in before others are released, because some drivers fall into holdover
-// when a pin is released. `unreachable`: no way leads from the target's pin to the device.
-dpll_step dpll_plan_next(const dpll_view* view, const dpll_goal& goal, const dpll_tried& tried,
+// The next setting, of those that were not tried (null: none was): the target comes in before others are
+// released, because some drivers fall into holdover when a pin is released. `unreachable`: no way leads from
+// the target's pin to the device.
+dpll_step dpll_plan_next(const dpll_view* view, const dpll_goal& goal, const dpll_tried* tried,
                          dpll_setting* out);
+
+// The device follows, or may turn to, a pin of ours that is not the target: one that must be released.
+bool dpll_plan_is_unsafe(const dpll_view* view, const dpll_goal& goal);

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 
 #include "suite/log/log.h"
 
@@ -20,13 +21,33 @@ void read_one(genl* link, dpll_command command, std::uint16_t attr, std::uint32_
     genl_request(link, request);
 }
 
-void say_refusal(dpll_steering* s) {
+// True: this has been said before, or too much was.
+bool is_said(dpll_steering* s, const dpll_refusal& refusal) {
+    for (std::size_t i = 0; i < s->said_count; ++i) {
+        const dpll_refusal& r = s->said[i];
+        if (r.pin == refusal.pin && r.error == refusal.error && std::strcmp(r.what, refusal.what) == 0)
+            return true;
+    }
+    if (s->said_count == std::size(s->said)) return true;
+    s->said[s->said_count++] = refusal;
+    return false;
+}
+
+const char* verb_of(const dpll_setting& setting) {
+    return setting.what == DPLL_PIN_A_PRIO ? "rank" : setting.releases ? "release" : "use";
+}
+
+void note_refusal(dpll_steering* s, int error) {
     char pin[80];
-    const dpll_setting& setting = s->setting;
+    std::snprintf(s->why, sizeof s->why, "can't %s %s: %s", verb_of(s->setting),
+                  dpll_pin_words(s->view, s->table, s->setting.pin, pin), std::strerror(-error));
+}
+
+void say_refusal(dpll_steering* s) {
     ++s->refusals;
-    const char* what = setting.what == DPLL_PIN_A_PRIO ? "rank" : setting.releases ? "release" : "use";
-    log_suite(LOG_LEVEL_WARNING, "clock: can't %s %s: %s", what,
-              dpll_pin_words(s->view, s->table, setting.pin, pin), std::strerror(-s->set_result));
+    note_refusal(s, s->set_result);
+    if (!is_said(s, {s->setting.pin, verb_of(s->setting), s->set_result}))
+        log_suite(LOG_LEVEL_WARNING, "clock: %s", s->why);
 }
 
 // A setting that the pin's driver does not offer is not tried: the answer is known.
@@ -70,8 +91,9 @@ void set(dpll_steering* s) {
 void was_set(dpll_steering* s) {
     const int result = s->link->result;
     // -EPIPE: the helper is gone, and what became of the setting is not known.
-    if (result == -EBUSY || result == -EAGAIN || result == -EPIPE) return finish(s, dpll_steer_end::busy);
-    check(s, result);
+    if (result != -EBUSY && result != -EAGAIN && result != -EPIPE) return check(s, result);
+    note_refusal(s, result);
+    finish(s, dpll_steer_end::busy);
 }
 
 void was_checked(dpll_steering* s) {
@@ -93,13 +115,20 @@ void round_is_done(dpll_steering* s) {
     dpll_read_pin(s->link, s->goal.target);
 }
 
+void say_unreachable(dpll_steering* s) {
+    char pin[80];
+    std::snprintf(s->why, sizeof s->why, "%s is no input of device %u",
+                  dpll_pin_words(s->view, s->table, s->goal.target, pin), s->goal.device);
+    if (!is_said(s, {s->goal.target, "reach", 0})) log_suite(LOG_LEVEL_WARNING, "clock: %s", s->why);
+}
+
 void plan(dpll_steering* s) {
+    if (!dpll_view_device(s->view, s->goal.device)) s->is_abandoned = true;
     if (s->is_abandoned) return finish(s, dpll_steer_end::abandoned);
-    const dpll_step step = dpll_plan_next(s->view, s->goal, s->tried, &s->setting);
+    const dpll_step step = dpll_plan_next(s->view, s->goal, &s->tried, &s->setting);
     if (step == dpll_step::done) return round_is_done(s);
     if (step == dpll_step::unreachable) {
-        log_suite(LOG_LEVEL_WARNING, "clock: pin %u is no input of device %u", s->goal.target,
-                  s->goal.device);
+        say_unreachable(s);
         return finish(s, dpll_steer_end::failed);
     }
     s->tried.settings[s->tried.count++] = s->setting;
@@ -140,6 +169,7 @@ void dpll_steer_begin(dpll_steering* s, const dpll_goal& goal) {
     s->goal.managed = s->managed;
     s->tried.count = 0;
     s->is_second_round = s->is_abandoned = false;
+    s->why[0] = 0;
     s->phase = dpll_steer_phase::plan;
 }
 

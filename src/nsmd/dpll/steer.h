@@ -10,11 +10,18 @@ constexpr std::size_t DPLL_MANAGED_MAX = PORT_INDEX_MAX + 2;
 enum class dpll_steer_end {
     reached,
     busy,       // the driver wants to be asked again later
-    failed,     // the target can't be had; logged
-    abandoned,  // there is another goal
+    failed,     // the target can't be had
+    abandoned,  // there is another goal, or no device
 };
 
 enum class dpll_steer_phase { over, plan, looks, sets, checks, looks_at_target };
+
+// What a driver refused, and was said in the log: of tries without end only the first is.
+struct dpll_refusal {
+    std::uint32_t pin;
+    const char* what;
+    int error;
+};
 
 struct dpll_steering {
     genl* link;  // its sink keeps `view` true
@@ -31,6 +38,9 @@ struct dpll_steering {
     bool is_abandoned;
     dpll_steer_end end;  // how it went, once it is over
     dpll_tried tried;
+    char why[128];  // what was not done in the last steering, empty: nothing
+    dpll_refusal said[16];
+    std::size_t said_count;  // whoever has a new wish, or sees an old one fulfilled, clears it
 };
 
 // Begins to bring the clock to the goal, whose list of pins is copied: settings until the plan has none left.

@@ -3,15 +3,9 @@
 
 #include <algorithm>
 
-namespace {
-
-constexpr std::uint32_t FIRST_MS = 250, LAST_MS = 8000;
-
-}  // namespace
-
-void retry_later(retry* r, lib_globals* ctx, thread_func again, void* arg) {
+void retry_later(retry* r, lib_globals* ctx, thread_func again, void* arg, retry_waits waits) {
     if (r->event) return;
-    r->delay_ms = r->delay_ms ? std::min(2 * r->delay_ms, LAST_MS) : FIRST_MS;
+    r->delay_ms = r->delay_ms ? std::min(2 * r->delay_ms, waits.last_ms) : waits.first_ms;
     r->event = thread_add_timer_msec(ctx, again, arg, r->delay_ms);
 }
 
