@@ -1,12 +1,13 @@
 // What an operator asks first: which port is the source, and why the others are not. One line a port
-// ("brief"), the candidates in their order ("selection"), and all of it for scripts ("json", in
-// json.cpp). They change nothing.
+// ("brief"), the candidates in their order ("selection"), and all of it for scripts (in json.cpp). They
+// change nothing.
 #include <algorithm>
 #include <cstdio>
 #include <span>
 
 #include "cli/commands.h"
 #include "cli/handler.h"
+#include "cli/json.h"
 #include "cli/reason.h"
 #include "core/neighbour.h"
 #include "core/ports.h"
@@ -55,18 +56,51 @@ void show_notes(cli* terminal) {
 }
 
 // Wide enough for every reason: scripts cut the lines by column.
+void brief_line(cli* terminal, const ssm_port* port, const ssm_port* best) {
+    const std::uint8_t* neighbour = ssm_neighbour(port);
+    terminal->out_func(terminal->out_val, "%-16s %-6s %-8s %-6s %4d  %-12s %-48s %s\n", ssm_port_name(port),
+                       port_state(port), ssm_ql_to_str(port->recv_quality, SSM_QL_STYLE_LONG),
+                       ssm_ql_to_str(port->send_quality, SSM_QL_STYLE_SHORT), port->priority,
+                       forced_text(port).text, ssm_reason_not_source(port, best).text,
+                       neighbour ? ssm_address_str(neighbour).text : "-");
+}
+
+void brief_object(cli* terminal, const ssm_port* port, const ssm_port* best) {
+    const ssm_reason why = ssm_reason_not_source(port, best);
+    ssm_json_port_begin(terminal, port, terminal->part.shown == 0);
+    ssm_json_flag(terminal, "source", port == g_s_master->selected_port);
+    ssm_json_flag(terminal, "synce_enabled", port->synce_enable != 0);
+    ssm_json_flag(terminal, "link_up", port->link_up != 0);
+    ssm_json_field(terminal, "received_quality", ssm_json_quality(port->recv_quality));
+    ssm_json_field(terminal, "sent_quality", ssm_json_quality(port->send_quality));
+    ssm_json_field(terminal, "priority", std::uint32_t{port->priority});
+    ssm_json_field(terminal, "forced_received_quality", ssm_json_quality(port->force_rx_quality));
+    ssm_json_field(terminal, "forced_sent_quality", ssm_json_quality(port->force_tx_quality));
+    ssm_json_field(terminal, "not_source_reason", why.text[0] ? why.text : nullptr);
+    ssm_json_address(terminal, "neighbour", ssm_neighbour(port));
+    ssm_json_flag(terminal, "locked_out", port->lockout != 0);
+    ssm_json_flag(terminal, "flapping", ssm_flapping(port));
+    ssm_json_field(terminal, "hold_off_left_ms", ssm_hold_off_left_ms(port));
+    terminal->out_func(terminal->out_val, "}");
+}
+
+int show_brief_as_json(cli* terminal) {
+    if (!terminal->part.passed) terminal->out_func(terminal->out_val, "{\"ports\":[");
+    if (ssm_cli_list_ports(terminal, brief_object) == CLI_MORE) return CLI_MORE;
+    terminal->out_func(terminal->out_val, "]");
+    ssm_json_field(terminal, "forced_port", ssm_port_name(g_s_master->force_port));
+    ssm_json_field(terminal, "manual_port", ssm_port_name(g_s_master->manual_port));
+    ssm_json_flag(terminal, "e1_forced", g_s_master->force_e1 != 0);
+    terminal->out_func(terminal->out_val, "}\n");
+    return CLI_SUCCESS;
+}
+
 int show_brief_handler(cli* terminal, int, char**) {
-    terminal->out_func(terminal->out_val, "%-16s %-6s %-8s %-6s %4s  %-12s %-48s %s\n", "Port", "State", "Rx",
-                       "Tx", "Prio", "Forced", "Why not the source", "Neighbour");
-    const ssm_port* best = ssm_best_candidate();
-    ssm_port_walk([terminal, best](const ssm_port* port) {
-        const std::uint8_t* neighbour = ssm_neighbour(port);
-        terminal->out_func(
-            terminal->out_val, "%-16s %-6s %-8s %-6s %4d  %-12s %-48s %s\n", ssm_port_name(port),
-            port_state(port), ssm_ql_to_str(port->recv_quality, SSM_QL_STYLE_LONG),
-            ssm_ql_to_str(port->send_quality, SSM_QL_STYLE_SHORT), port->priority, forced_text(port).text,
-            ssm_reason_not_source(port, best).text, neighbour ? ssm_address_str(neighbour).text : "-");
-    });
+    if (terminal->json) return show_brief_as_json(terminal);
+    if (!terminal->part.passed)
+        terminal->out_func(terminal->out_val, "%-16s %-6s %-8s %-6s %4s  %-12s %-48s %s\n", "Port", "State",
+                           "Rx", "Tx", "Prio", "Forced", "Why not the source", "Neighbour");
+    if (ssm_cli_list_ports(terminal, brief_line) == CLI_MORE) return CLI_MORE;
     show_notes(terminal);
     return CLI_SUCCESS;
 }
@@ -102,6 +136,53 @@ void show_refused(cli* terminal) {
     });
 }
 
+void candidate_objects(cli* terminal, std::span<const ssm_port* const> candidates) {
+    for (std::size_t i = 0; i < candidates.size(); ++i) {
+        const ssm_port* port = candidates[i];
+        const bool last = i + 1 == candidates.size();
+        ssm_json_port_begin(terminal, port, i == 0);
+        ssm_json_field(terminal, "rank", static_cast<std::uint32_t>(i + 1));
+        ssm_json_field(terminal, "quality", ssm_json_quality(ssm_port_select_quality(port)));
+        ssm_json_field(terminal, "priority", std::uint32_t{port->priority});
+        ssm_json_field(terminal, "hop_count", std::uint32_t{port->recv_hop_count});
+        ssm_json_field(terminal, "ifindex", port->intf->ifindex);
+        ssm_json_field(terminal, "ahead_by",
+                       last ? nullptr : ssm_candidate_compare(port, candidates[i + 1]).key);
+        terminal->out_func(terminal->out_val, "}");
+    }
+}
+
+void refused_objects(cli* terminal) {
+    bool first = true;
+    ssm_port_walk([&](const ssm_port* port) {
+        const ssm_reason why = ssm_reason_no_candidate(port);
+        if (!why.text[0]) return;
+        ssm_json_port_begin(terminal, port, first);
+        ssm_json_field(terminal, "reason", why.text);
+        terminal->out_func(terminal->out_val, "}");
+        first = false;
+    });
+}
+
+void show_selection_as_json(cli* terminal, std::span<const ssm_port* const> candidates) {
+    const ssm_port* source = g_s_master->selected_port;
+    const ssm_reason why = ssm_reason_no_source(candidates.empty() ? nullptr : candidates[0]);
+    terminal->out_func(terminal->out_val, "{\"candidates\":[");
+    candidate_objects(terminal, candidates);
+    terminal->out_func(terminal->out_val, "],\"refused\":[");
+    refused_objects(terminal);
+    terminal->out_func(terminal->out_val, "]");
+    ssm_json_field(terminal, "source", ssm_port_name(source));
+    ssm_json_field(terminal, "no_source_reason", source || !why.text[0] ? nullptr : why.text);
+    terminal->out_func(terminal->out_val, "}\n");
+}
+
+void show_selection(cli* terminal, std::span<const ssm_port* const> candidates, std::size_t ports) {
+    show_source(terminal, candidates.empty() ? nullptr : candidates[0]);
+    show_candidates(terminal, candidates);
+    if (candidates.size() < ports) show_refused(terminal);
+}
+
 int show_selection_handler(cli* terminal, int, char**) {
     std::size_t ports = 0, count = 0;
     ssm_port_walk([&ports](const ssm_port*) { ++ports; });
@@ -116,9 +197,10 @@ int show_selection_handler(cli* terminal, int, char**) {
     });
     std::sort(list, list + count,
               [](const ssm_port* a, const ssm_port* b) { return ssm_candidate_compare(a, b).winner < 0; });
-    show_source(terminal, count ? list[0] : nullptr);
-    show_candidates(terminal, {list, count});
-    if (count < ports) show_refused(terminal);
+    if (terminal->json)
+        show_selection_as_json(terminal, {list, count});
+    else
+        show_selection(terminal, {list, count}, ports);
     memmgr_free(list, MTYPE_CLI_SESSION);
     return CLI_SUCCESS;
 }
@@ -137,6 +219,6 @@ const std::span<const cli_help> ssm_everyday_help = help_texts;
 int ssm_cli_everyday_init(cli_tree* tree) {
     int rv = 0;
     for (const cli_element* command : {&ssm_show_brief_cmd, &ssm_show_selection_cmd, &ssm_show_json_cmd})
-        if (cli_install_gen(tree, EXEC_MODE, SSM_CLI_PRIVILEGE, 0, command) < 0) rv = -1;
+        if (cli_install_gen(tree, EXEC_MODE, SSM_CLI_PRIVILEGE, CLI_FLAG_JSON, command) < 0) rv = -1;
     return rv;
 }

@@ -34,6 +34,11 @@ interface* ssm_cli_interface(cli* terminal);
 // The port of that name; null after it was said that there is none.
 struct ssm_port* ssm_cli_named_port(cli* terminal, const char* name);
 
+// Calls show(terminal, port, best candidate) for the ports in list order, as far as the terminal takes them
+// now; from terminal->part on. The handler's result: it is called again after CLI_MORE.
+int ssm_cli_list_ports(cli* terminal,
+                       void (*show)(cli*, const struct ssm_port*, const struct ssm_port* best));
+
 // The words for a quality, of both options.
 #define SSM_CLI_QUALITIES                                                                                    \
     "(prtc | eprtc | eprc | prc | ssu-a | ssu-b | eeec | eec1 | dnu | prs | stu | st2 | tnc | smc | st3e | " \

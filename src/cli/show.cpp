@@ -6,8 +6,10 @@
 
 #include "cli/commands.h"
 #include "cli/handler.h"
+#include "cli/json.h"
 #include "core/ports.h"
 #include "core/ql.h"
+#include "core/select.h"
 #include "core/supervision.h"
 #include "suite/base/text.h"
 
@@ -177,16 +179,21 @@ void show_port(cli* terminal, const ssm_port* port) {
 }
 
 int show_clock_handler(cli* terminal, int argc, char** argv) {
+    if (argc == 0 && terminal->json) return ssm_json_clock(terminal);
     if (argc == 0) {
         show_clock(terminal);
         return CLI_SUCCESS;
     }
     const ssm_port* port = ssm_if_port(if_lookup_by_name(terminal->ifm, argv[0]));
-    if (port) show_port(terminal, port);
+    if (terminal->json)
+        ssm_json_port(terminal, port, ssm_best_candidate());
+    else if (port)
+        show_port(terminal, port);
     return CLI_SUCCESS;
 }
 
 int show_recovery_select_handler(cli* terminal, int, char**) {
+    if (terminal->json) return ssm_json_recovery(terminal);
     constexpr const char* lines[] = {"clock recovery from syncE\n", "clock recovery from bits1\n",
                                      "clock recovery from bits2\n"};
     const std::uint32_t select = g_s_master->recovery_select;
@@ -195,6 +202,7 @@ int show_recovery_select_handler(cli* terminal, int, char**) {
 }
 
 int show_bits_handler(cli* terminal, int, char**) {
+    if (terminal->json) return ssm_json_selected(terminal);
     show_block block = {};
     add(&block, "--------------------------  select clock bits status --------------------------\n");
     add_global(&block, "Current selected interface", ssm_selected_source_str());
@@ -213,6 +221,20 @@ constexpr cli_help help_texts[] = {
 };
 
 }  // namespace
+
+int ssm_cli_list_ports(cli* terminal, void (*show)(cli*, const ssm_port*, const ssm_port* best)) {
+    const ssm_port* best = ssm_best_candidate();
+    for (const interface* intf : if_list(terminal->ifm)) {
+        if (intf->serial <= terminal->part.passed) continue;
+        terminal->part.passed = intf->serial;
+        const ssm_port* port = ssm_if_port(intf);
+        if (!port) continue;
+        show(terminal, port, best);
+        terminal->part.shown++;
+        if (cli_is_full(terminal)) return CLI_MORE;
+    }
+    return CLI_SUCCESS;
+}
 
 const cli_element ssm_show_global_cmd = {"show clock synce (IFPHYSICAL |)", show_clock_handler};
 const cli_element ssm_show_clock_recovery_select_cmd = {"show clock recovery-select",

@@ -8,6 +8,7 @@
 
 #include "cli/commands.h"
 #include "cli/handler.h"
+#include "cli/json.h"
 #include "cli/reason.h"
 #include "core/neighbour.h"
 #include "core/ports.h"
@@ -43,7 +44,30 @@ short_text time_of_day(nanoseconds wall) {
     return said;
 }
 
+int show_history_as_json(cli* terminal) {
+    terminal->out_func(terminal->out_val, "{\"history\":[");
+    bool first = true;
+    for (std::size_t back = SSM_HISTORY_SIZE; back-- > 0;) {
+        const ssm_change* change = ssm_history_get(back);
+        if (!change) continue;
+        terminal->out_func(terminal->out_val, "%s{\"time\":\"%s\"", first ? "" : ",",
+                           time_of_day(change->wall).text);
+        ssm_json_age(terminal, "age_ms", change->monotonic);
+        ssm_json_field(terminal, "kind", ssm_change_kind_text(change->kind));
+        ssm_json_field(terminal, "from", change->from);
+        ssm_json_field(terminal, "to", change->to);
+        ssm_json_field(terminal, "why", change->why);
+        terminal->out_func(terminal->out_val, "}");
+        first = false;
+    }
+    terminal->out_func(terminal->out_val, "]");
+    ssm_json_count(terminal, "changes", g_s_master->history.count);
+    terminal->out_func(terminal->out_val, "}\n");
+    return CLI_SUCCESS;
+}
+
 int show_history_handler(cli* terminal, int, char**) {
+    if (terminal->json) return show_history_as_json(terminal);
     terminal->out_func(terminal->out_val, "%-24s %14s  %-8s %-16s %-16s %s\n", "When (UTC)", "Age", "Kind",
                        "From", "To", "Why");
     for (std::size_t back = SSM_HISTORY_SIZE; back-- > 0;) {
@@ -102,19 +126,33 @@ void show_port(cli* terminal, const ssm_port* port) {
     age_line(terminal, "Counters cleared, age", s.cleared);
 }
 
+void port_object(cli* terminal, const ssm_port* port, const ssm_port*) {
+    ssm_json_port_begin(terminal, port, terminal->part.shown == 0);
+    ssm_json_statistics(terminal, port);
+    ssm_json_flag(terminal, "flapping", ssm_flapping(port));
+    ssm_json_address(terminal, "neighbour", ssm_neighbour(port));
+    terminal->out_func(terminal->out_val, "}");
+}
+
+void port_block(cli* terminal, const ssm_port* port, const ssm_port*) {
+    if (terminal->part.shown) terminal->out_func(terminal->out_val, "\n");
+    show_port(terminal, port);
+}
+
+int show_all_as_json(cli* terminal) {
+    if (!terminal->part.passed) terminal->out_func(terminal->out_val, "{\"ports\":[");
+    if (ssm_cli_list_ports(terminal, port_object) == CLI_MORE) return CLI_MORE;
+    terminal->out_func(terminal->out_val, "]}\n");
+    return CLI_SUCCESS;
+}
+
 int show_statistics_handler(cli* terminal, int argc, char** argv) {
-    if (argc > 0) {
-        const ssm_port* port = ssm_cli_named_port(terminal, argv[0]);
-        if (!port) return CLI_ERROR;
-        show_port(terminal, port);
-        return CLI_SUCCESS;
-    }
-    bool first = true;
-    ssm_port_walk([terminal, &first](const ssm_port* port) {
-        if (!first) terminal->out_func(terminal->out_val, "\n");
-        first = false;
-        show_port(terminal, port);
-    });
+    if (argc == 0)
+        return terminal->json ? show_all_as_json(terminal) : ssm_cli_list_ports(terminal, port_block);
+    const ssm_port* port = ssm_cli_named_port(terminal, argv[0]);
+    if (!port) return CLI_ERROR;
+    (terminal->json ? port_object : port_block)(terminal, port, nullptr);
+    if (terminal->json) terminal->out_func(terminal->out_val, "\n");
     return CLI_SUCCESS;
 }
 
@@ -126,9 +164,11 @@ int clear_statistics_handler(cli* terminal, int argc, char** argv) {
     return CLI_SUCCESS;
 }
 
-constexpr cli_element commands[] = {
+constexpr cli_element shows[] = {
     {"show clock synce history", show_history_handler},
     {"show clock synce statistics (IFNAME|)", show_statistics_handler},
+};
+constexpr cli_element commands[] = {
     {"clear clock synce statistics (IFNAME|)", clear_statistics_handler},
 };
 
@@ -144,6 +184,8 @@ const std::span<const cli_help> ssm_statistics_help = help_texts;
 
 int ssm_cli_statistics_init(cli_tree* tree) {
     int rv = 0;
+    for (const cli_element& show : shows)
+        if (cli_install_gen(tree, EXEC_MODE, SSM_CLI_PRIVILEGE, CLI_FLAG_JSON, &show) < 0) rv = -1;
     for (const cli_element& command : commands)
         if (cli_install_gen(tree, EXEC_MODE, SSM_CLI_PRIVILEGE, 0, &command) < 0) rv = -1;
     return rv;

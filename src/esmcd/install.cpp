@@ -45,9 +45,10 @@ constexpr const cli_element* show_commands[] = {
 };
 
 template <std::size_t Count>
-void install_all(cli_tree* tree, std::int32_t mode, const cli_element* const (&commands)[Count]) {
+void install_all(cli_tree* tree, std::int32_t mode, const cli_element* const (&commands)[Count],
+                 std::uint32_t flags = 0) {
     for (const cli_element* command : commands)
-        (void)cli_install_gen(tree, mode, SSM_CLI_PRIVILEGE, 0, command);
+        (void)cli_install_gen(tree, mode, SSM_CLI_PRIVILEGE, flags, command);
 }
 
 // What every board has.
@@ -78,7 +79,7 @@ int ssm_cli_init(cli_tree* tree) {
 
     install_all(tree, CONFIG_MODE, global_commands);
     install_all(tree, INTERFACE_MODE, interface_commands);
-    install_all(tree, EXEC_MODE, show_commands);
+    install_all(tree, EXEC_MODE, show_commands, CLI_FLAG_JSON);
     (void)cli_install(tree, DEBUG_MODE, &no_ssm_debug_enable_cmd);
     (void)cli_install(tree, DEBUG_MODE, &ssm_debug_enable_cmd);
     return cli_install(tree, EXEC_MODE, &show_ssm_debugging_cmd);

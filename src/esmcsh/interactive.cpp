@@ -1,5 +1,8 @@
 // Interactive half of the shell: a raw terminal joined to the daemon's line editor, nothing more. The
 // window's size is told at the start and whenever it changes. Octets 255 of the keyboard are sent twice.
+//
+// A daemon that turns the shell away says why and closes; what it says begins with "% ", as no prompt does.
+// So what comes first is looked at before it is printed.
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -9,6 +12,8 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <string_view>
 
 #include "esmcsh/client.h"
 #include "suite/terminal/telnet.h"
@@ -102,13 +107,36 @@ bool pass_keys(int fd) {
     return false;
 }
 
-bool pass_output(int fd) {
-    char octets[4096];
-    ssize_t count = recv(fd, octets, sizeof octets, 0);
+constexpr std::string_view REFUSAL = "% ";
+
+// What came before it was known to be a session.
+struct first_octets {
+    bool is_session;
+    std::size_t length;
+    char text[4096];
+    std::string_view view() const { return {text, length}; }
+};
+
+// False when nothing more will come.
+bool pass_output(int fd, first_octets* first) {
+    const std::size_t kept = first->is_session ? 0 : first->length;
+    const ssize_t count = recv(fd, first->text + kept, sizeof first->text - 1 - kept, 0);
     if (count < 0 && errno == EINTR) return true;
     if (count <= 0) return false;
-    client_print({octets, static_cast<std::size_t>(count)});
-    return true;
+    first->length = kept + static_cast<std::size_t>(count);
+    const std::size_t told = first->length < REFUSAL.size() ? first->length : REFUSAL.size();
+    first->is_session = first->is_session || std::memcmp(first->text, REFUSAL.data(), told) != 0;
+    if (first->is_session) client_print(first->view());
+    return first->is_session || first->length < sizeof first->text - 1;
+}
+
+shell_status turned_away(const first_octets& first) {
+    const auto length = static_cast<int>(std::strcspn(first.text, "\r\n"));
+    if (first.length == 0)
+        client_lost();
+    else
+        std::fprintf(stderr, "esmcsh: %.*s\n", length, first.text);
+    return SHELL_UNREACHABLE;
 }
 
 }  // namespace
@@ -120,14 +148,15 @@ shell_status client_interactive(int fd) {
     // A daemon that sends us away says why before it closes, so what comes is read whether sending works or
     // not.
     bool keyboard = send_hello(fd), alive = true;
+    first_octets first{};
     while (alive && !stop_asked) {
         if (window_changed && keyboard) keyboard = send_window(fd);
         window_changed = 0;
         pollfd ready[2] = {{fd, POLLIN, 0}, {keyboard ? STDIN_FILENO : -1, POLLIN, 0}};
         if (ppoll(ready, 2, nullptr, &while_waiting) < 0) continue;  // a signal
-        if (ready[0].revents) alive = pass_output(fd);
+        if (ready[0].revents) alive = pass_output(fd, &first);
         if (alive && ready[1].revents) keyboard = pass_keys(fd);
     }
     restore_terminal();
-    return SHELL_OK;
+    return first.is_session || stop_asked ? SHELL_OK : turned_away(first);
 }

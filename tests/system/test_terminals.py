@@ -1,6 +1,7 @@
 """Terminals as operators use them: every client in a pseudo-terminal of its own, keys typed, screens read."""
 
 import concurrent.futures
+import json
 import pathlib
 import shutil
 import socket
@@ -105,8 +106,10 @@ def test_frames_leave_on_time_while_32_sessions_type(enabled, release_only):
     children = [spawn(enabled, [f"{BIN}/esmcsh"]) for _ in range(32)]
     for child in children:
         child.expect("sw#")
-    refused = spawn(enabled, [f"{BIN}/esmcsh"])
-    refused.expect("Too many sessions")
+    refused = spawn(enabled, ["sh", "-c", f"{BIN}/esmcsh 2>/run/why; echo status $?; cat /run/why"])
+    tell(refused, "", r"^status 2\r\n", "^esmcsh: % Too many sessions\r\n", pexpect.EOF)
+    reply = enabled.cli("show version", check=False)
+    assert (reply.status, reply.out, reply.err) == (2, "", "esmcsh: % Too many sessions\n")
     stop = threading.Event()
 
     def type_on(child):
@@ -128,6 +131,44 @@ def test_frames_leave_on_time_while_32_sessions_type(enabled, release_only):
     for child in children + [refused]:
         child.close(force=True)
     wait_until(lambda: enabled.cli("show version", check=False).status == 0, what="a place is free again")
+
+
+def test_listings_longer_than_a_session_holds(many):
+    """Page by page at a terminal and over telnet, whole for a script; who does not read is felt by nobody."""
+    many.start("d*")
+    wait_until(lambda: many.show("clock synce brief").count("\nd") == 255, 20, "255 ports are there")
+    many.configure("hostname sw", f"password {PASSWORD}")
+    names = [f"d{n}" for n in range(1, 256)]
+    forms = {form: json.loads(many.show(f"clock synce {form}")) for form in
+             ("json", "| json", "brief | json", "statistics | json", "d7 | json", "nowhere | json")}
+    assert [sorted(port["name"] for port in value["ports"]) for value in list(forms.values())[:4]] == [sorted(names)] * 4
+    assert forms["d7 | json"].keys() == forms["json"]["ports"][0].keys() and forms["nowhere | json"] is None
+    deaf = [subprocess.Popen(many.enter([f"{BIN}/esmcsh", "-c", "show clock synce json"]), stdout=subprocess.PIPE)
+            for _ in range(8)]
+    cut = subprocess.run(many.enter(["sh", "-c", f"{BIN}/esmcsh -c 'show clock synce statistics' | head -1"]),
+                         capture_output=True, text=True, timeout=10)
+    assert (cut.stdout.split()[0], cut.stderr) == ("Interface", "")
+    for argv in ([f"{BIN}/esmcsh"], [need("telnet"), "127.0.0.1", PORT]):
+        child = spawn(many, argv)
+        if len(argv) > 1:
+            tell(child, "", "Password: ")
+            child.send(PASSWORD + "\r")
+        child.expect("sw#")
+        child.send("show clock synce | json\r")
+        shown, pages = "", 0
+        while child.expect_exact(["--More--", "sw#"]) == 0:
+            shown, pages = shown + child.before, pages + 1
+            child.send(" ")
+        shown = (shown + child.before).replace("\r        \r", "").split("\r\n")
+        assert [port["name"] for port in json.loads(shown[1])["ports"]] == [port["name"] for port in forms["json"]["ports"]]
+        assert pages >= len(shown[1]) // (24 * 80)
+        tell(child, "show clock synce statistics\r", "--More--")
+        tell(child, "q", "sw#")
+        assert "Interface" not in child.before
+        tell(child, "configure terminal\r", r"config\)#")
+        tell(child, "do show clock synce brief | j\t\x15do show clock synce json | count\r", "json ", r"\n1?\d\r", r"config\)#")
+        child.close(force=True)
+    assert [len(json.loads(child.communicate(timeout=10)[0])["ports"]) for child in deaf] == [255] * 8
 
 
 def memory_holds(pid, word):

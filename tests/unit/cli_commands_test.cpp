@@ -108,8 +108,14 @@ TEST_F(commands, have_a_help_text_for_every_token) {
 
 TEST_F(commands, show_the_fields_of_the_json_object_that_the_document_describes) {
     add_port("p1", 1);
+    ssm_port* candidate = add_port("p2", 2);
+    candidate->synce_enable = candidate->link_up = candidate->recv_pdu = 1;
+    candidate->recv_quality = QL_PRC;
     g_s_master->guard.enable = 1;  // has fields of its own; without it cli_show_test sees the whole object
-    const std::string text = shown("show clock synce json");
+    std::string text = shown("show clock synce json");
+    g_s_master->history.count = 1;
+    for (const char* show : {"brief", "selection", "history", "statistics p1"})
+        text += shown(std::string("show clock synce ") + show + " | json");
     names fields;
     for (std::size_t at = text.find("\":"); at != std::string::npos; at = text.find("\":", at + 1)) {
         const std::size_t first = text.rfind('"', at - 1) + 1;

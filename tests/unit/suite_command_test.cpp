@@ -200,6 +200,42 @@ TEST_F(Cli, FiltersOfShowCommands) {
     EXPECT_EQ(run_in(INTERFACE_MODE, "description a | include b"), "description LINE|a | include b");
 }
 
+// A listing that comes in parts, or at once: a filter goes on where the part before ended.
+TEST_F(Cli, FiltersOfListingsInPartsAndJson) {
+    static constexpr cli_element show_parts = {
+        "show parts", [](cli* c, int, char**) {
+            constexpr const char* parts[] = {"alpha\nal", "pha\nbeta\n", "gamma\n"};
+            if (c->json) c->out_func(c->out_val, "[1]\n");
+            while (!c->json && c->part.passed < std::size(parts)) {
+                c->out_func(c->out_val, "%s", parts[c->part.passed++]);
+                if (cli_is_full(c)) return CLI_MORE;
+            }
+            return CLI_SUCCESS;
+        }};
+    ASSERT_EQ(cli_install_gen(ctx.ctree, EXEC_MODE, PRIVILEGE_NORMAL, CLI_FLAG_JSON, &show_parts), 0);
+    for (const bool in_parts : {false, true}) {
+        if (in_parts) session.full = [](const cli*) { return true; };
+        for (const auto& [line, printed] : std::vector<std::pair<std::string, std::string>>{
+                 {"show parts", "alpha\nalpha\nbeta\ngamma\n"},
+                 {"show parts | begin b", "beta\ngamma\n"},
+                 {"show parts | count", "4\n"},
+                 {"show parts | i alpha", "alpha\nalpha\n"},
+                 {"show parts | j", "[1]\n"},
+                 {"show lines | json", "% This command has no JSON form\n"},
+                 {"show parts | json x", UNKNOWN}}) {
+            std::string all = runner.run(line);
+            while (runner.result == cli_result::more) all += runner.run(line);
+            EXPECT_EQ(all, printed) << line;
+        }
+    }
+    completion_list list;
+    session.mode = CONFIG_MODE;
+    completion_words(ctx.ctree, &session, "do show parts | j", &list);
+    EXPECT_EQ(completion_common(list), "json");
+    completion_help(ctx.ctree, &session, "do show lines | j", &list);
+    EXPECT_EQ(list.count, 0u);
+}
+
 // "word word", " <cr>" when the line may end there.
 std::string texts(const completion_list& list) {
     std::string all;

@@ -111,6 +111,18 @@ const cli_element show_lines = {"show lines <1-100000>", [](cli* session, int, c
                                     return CLI_SUCCESS;
                                 }};
 
+// The same as a listing in parts, in one line without an end or in many.
+template <char End>
+int list_in_parts(cli* c, int, char** argv) {
+    while (c->part.passed < static_cast<std::uint32_t>(std::atoi(argv[0]))) {
+        c->out_func(c->out_val, "line %u%c", ++c->part.passed, End);
+        if (cli_is_full(c)) return CLI_MORE;
+    }
+    return CLI_SUCCESS;
+}
+const cli_element show_listing = {"show listing <1-100000>", list_in_parts<'\n'>},
+                  show_row = {"show row <1-100000>", list_in_parts<' '>};
+
 class Terminal : public Host {
   protected:
     Terminal() {
@@ -118,7 +130,8 @@ class Terminal : public Host {
         write_file(config, "hostname sw\n");
         read_from(config);
         EXPECT_EQ(local_terminal_start(ctx->terminals, socket_path.c_str()), 0);
-        EXPECT_EQ(cli_install(ctx->ctree, EXEC_MODE, &show_lines), 0);
+        for (const cli_element* show : {&show_lines, &show_listing, &show_row})
+            EXPECT_EQ(cli_install(ctx->ctree, EXEC_MODE, show), 0);
     }
     // Turns the loop until `done`; false after twenty seconds.
     bool pump(const std::function<bool()>& done) {
@@ -206,14 +219,56 @@ TEST_F(Terminal, RequestsMayComeInAnyPiecesAndOfAnySize) {
     EXPECT_TRUE(holds(c.printed, "% Line too long\n"));
 }
 
-TEST_F(Terminal, ClientThatDoesNotReadIsBounded) {
-    Client c;
-    open_batch(&c);
-    for (int times = 0; times < 4; times++) c.put(request("show lines 100000"));
-    ASSERT_TRUE(sessions_become(1));
-    ASSERT_TRUE(sessions_become(0)) << "more output than a session may hold, and nobody reads it";
-    EXPECT_LE(memmgr_type_stats(MTYPE_TEXT).peak_octets, 400u * 1024)
-        << "256 KiB, and the half of it before it grew";
+TEST_F(Terminal, ClientThatDoesNotReadIsBoundedAndClosedInTheEnd) {
+    Client listing, whole, other;
+    ctx->terminals->exec_timeout_s = 1;
+    open_batch(&listing);
+    listing.put(request("show listing 100000"));
+    open_batch(&other);
+    ASSERT_TRUE(sessions_become(2));
+    pump_some();
+    EXPECT_LE(memmgr_type_stats(MTYPE_TEXT).peak_octets, 100u * 1024)
+        << "a part waits: 64 KiB, and the half of it before it grew";
+    open_batch(&whole);
+    for (int times = 0; times < 4; times++) whole.put(request("show lines 100000"));
+    ASSERT_TRUE(sessions_become(3));
+    other.put(SHOW_VERSION);
+    EXPECT_TRUE(pump([&] { return other.answered(1); })) << "the others are served";
+    EXPECT_TRUE(sessions_become(1)) << "nobody reads it";
+    EXPECT_LE(memmgr_type_stats(MTYPE_TEXT).peak_octets, 500u * 1024)
+        << "256 KiB, the half of it before it grew, and the listing's";
+}
+
+TEST_F(Terminal, ListingOfAnyLengthReachesWhoReadsIt) {
+    Client batch, c;
+    std::string expected, screen;
+    for (int i = 1; i <= 100'000; i++) expected += "line " + std::to_string(i) + "\n";
+    open_batch(&batch);
+    for (const char* line : {"show listing 100000", "show listing 100000 | count", "show version"})
+        batch.put(request(line));
+    ASSERT_TRUE(pump([&] { return batch.answered(3); }));
+    EXPECT_EQ(batch.statuses, "000");
+    EXPECT_TRUE(batch.printed == expected + "100000\nesmcd version " + lib_version() + "\n");
+    open(&c, "interactive 400 80 xterm\n");
+    c.got.clear();
+    c.put("show listing 100000\r");
+    for (std::size_t pages = 0; !holds(c.got, "sw#"); pages++) {
+        ASSERT_TRUE(pump([&] { return c.has("--More--") || holds(c.got, "sw#"); })) << pages;
+        EXPECT_LE(std::ranges::count(c.got, '\n'), 401);
+        screen += std::exchange(c.got, holds(c.got, "sw#") ? "sw#" : "");
+        c.put(" ");
+    }
+    for (const char* part : {"\r\nline 1\r\nline 2\r\n", "\nline 99999\r\nline 100000\r\nsw#"})
+        EXPECT_TRUE(holds(screen, part)) << part;
+    EXPECT_EQ(std::ranges::count(screen, '\n'), 100'001);
+    // Rows of the window are counted, not ends of lines; q drops what has not been made yet, Ctrl-C too.
+    expect(&c, {{" \x15show row 100000\r", "--More--", "line 2000 ", "line 4000 "},
+                {"q", "sw#", "", "line"},
+                {"show listing 100000\r", "--More--", ""},
+                {"q", "sw#", "", "line"},
+                {"terminal length 0\r", "sw#", ""},
+                {"show listing 100000\r\x03", "^C\r\nsw#", "line 1\r\n", "line 100000"},
+                {"show version\r", "sw#", "esmcd version", "line"}});
 }
 
 // The limit holds for what is unread, and a frame that is still open is no exception in either direction.
@@ -242,9 +297,12 @@ TEST_F(Terminal, LongAnswerInPiecesIsWholeAndOnlyUnreadOutputCounts) {
     EXPECT_EQ(c.printed, expected);
     c.put(request("work"));
     ASSERT_TRUE(pump([&] { return s->busy; }));
-    for (int line = 0; line < 100'000 && !s->overrun; line++) session_write(s, "0123456789\n");
-    EXPECT_TRUE(s->overrun) << "what is unread does";
-    EXPECT_FALSE(session_settle(s));
+    for (int line = 0; line < 100'000 && !s->cut; line++) session_write(s, "0123456789\n");
+    EXPECT_TRUE(s->cut) << "what is unread does";
+    session_finish(s, true);
+    ASSERT_TRUE(pump([&] { return c.answered(2); }));
+    EXPECT_EQ(c.statuses, "01");
+    EXPECT_TRUE(c.printed.ends_with("\n% The rest is too long to be shown\n"));
 }
 
 TEST_F(Terminal, MemoryMayBeShortAtAnyPoint) {

@@ -199,6 +199,7 @@ cli_result run_parsed(cli_tree* tree, cli* terminal, const cli_parsed& parsed) {
         keep_name(terminal, arguments);
     memmgr_free(arguments.argv, MTYPE_CLI_SESSION);
     if (result == CLI_DEFERRED) return cli_result::deferred;
+    if (result == CLI_MORE) return cli_result::more;
     if (result != CLI_SUCCESS) return cli_result::failed;
     if (tree->after_run) tree->after_run(terminal, command);
     return cli_result::ok;
@@ -222,13 +223,40 @@ cli_result run_plain(cli_tree* tree, cli* terminal, std::string_view line) {
 }
 
 // Filters belong to show commands; in other lines "|" is a character like others.
-bool is_show(const cli_tree* tree, const cli* terminal, std::string_view line) {
+const cli_command* find_show(const cli_tree* tree, const cli* terminal, std::string_view line) {
     cli_parsed parsed;
     cli_parse(tree, terminal, line, &parsed);
-    return parsed.result == cli_result::ok && cli_parsed_text(parsed, 0) == "show";
+    const bool is_show = parsed.result == cli_result::ok && cli_parsed_text(parsed, 0) == "show";
+    return is_show ? parsed.command : nullptr;
 }
 
-cli_result run_filtered(cli_tree* tree, cli* terminal, std::string_view line, std::string_view behind_bar) {
+cli_result run_through(cli_tree* tree, cli* terminal, std::string_view line, cli_pipe* pipe) {
+    cli_pipe_resume(pipe, &terminal->part);
+    pipe->out = terminal->out_func;
+    pipe->out_val = terminal->out_val;
+    terminal->out_func = cli_pipe_output;
+    terminal->out_val = pipe;
+    cli_result result = run_plain(tree, terminal, line);
+    terminal->out_func = pipe->out;
+    terminal->out_val = pipe->out_val;
+    if (result == cli_result::more)
+        cli_pipe_pause(pipe, &terminal->part);
+    else if (result == cli_result::deferred)
+        text_free(&pipe->line);
+    else
+        cli_pipe_finish(pipe);
+    return result;
+}
+
+cli_result run_as_json(cli_tree* tree, cli* terminal, std::string_view line) {
+    terminal->json = true;
+    cli_result result = run_plain(tree, terminal, line);
+    terminal->json = false;
+    return result;
+}
+
+cli_result run_show(cli_tree* tree, cli* terminal, const cli_command* show, std::string_view line,
+                    std::string_view behind_bar) {
     cli_pipe pipe{};
     bool incomplete = false;
     if (!cli_pipe_parse(behind_bar, &pipe, &incomplete)) {
@@ -236,27 +264,32 @@ cli_result run_filtered(cli_tree* tree, cli* terminal, std::string_view line, st
         print_refusal(terminal, result);
         return result;
     }
-    pipe.out = terminal->out_func;
-    pipe.out_val = terminal->out_val;
-    terminal->out_func = cli_pipe_output;
-    terminal->out_val = &pipe;
-    cli_result result = run_plain(tree, terminal, line);
-    terminal->out_func = pipe.out;
-    terminal->out_val = pipe.out_val;
-    if (result == cli_result::deferred)
-        text_free(&pipe.line);
-    else
-        cli_pipe_finish(&pipe);
-    return result;
+    if (pipe.kind != cli_pipe_kind::json) return run_through(tree, terminal, line, &pipe);
+    if (show->flags & CLI_FLAG_JSON) return run_as_json(tree, terminal, line);
+    (void)cli_refuse(terminal, "This command has no JSON form");
+    return cli_result::failed;
 }
 
 }  // namespace
 
+void cli_part_end(cli* terminal) {
+    text_free(&terminal->part.line);
+    terminal->part = {};
+}
+
+bool cli_has_json(const cli_tree* tree, const cli* terminal, std::string_view line) {
+    const cli_command* show = find_show(tree, terminal, line);
+    return show && (show->flags & CLI_FLAG_JSON);
+}
+
 cli_result cli_run_line(cli_tree* tree, cli* terminal, std::string_view line) {
-    std::size_t bar = cli_pipe_find(line);
-    if (bar != std::string_view::npos && is_show(tree, terminal, slice(line, 0, bar)))
-        return run_filtered(tree, terminal, slice(line, 0, bar), slice(line, bar + 1));
-    return run_plain(tree, terminal, line);
+    const std::size_t bar = cli_pipe_find(line);
+    const std::string_view before = slice(line, 0, bar);
+    const cli_command* show = bar == std::string_view::npos ? nullptr : find_show(tree, terminal, before);
+    const cli_result result =
+        show ? run_show(tree, terminal, show, before, slice(line, bar + 1)) : run_plain(tree, terminal, line);
+    if (result != cli_result::more) cli_part_end(terminal);
+    return result;
 }
 
 std::int32_t cmd_str2int(const char* text, int* status) {

@@ -33,7 +33,9 @@ constexpr std::int32_t PRIVILEGE_NORMAL = 1, PRIVILEGE_MAX = 15;
 
 // A handler's result.
 // Deferred: what the line prints, and whether it succeeded, its session is told later.
-constexpr int CLI_SUCCESS = 0, CLI_ERROR = 1, CLI_DEFERRED = 2;
+// More: a part has been printed; the rest is asked for by another call with the same arguments, which goes on
+// where terminal->part says. Only after cli_is_full said so.
+constexpr int CLI_SUCCESS = 0, CLI_ERROR = 1, CLI_DEFERRED = 2, CLI_MORE = 3;
 
 struct cli;
 struct cli_tree;
@@ -48,6 +50,18 @@ struct cli_element {
     cli_handler handler;
 };
 
+// How far a listing has come that is printed in parts; all zero at its begin.
+struct cli_part {
+    // The handler's: serial number of the last interface that it has passed, how many it has shown, and a
+    // number of its own.
+    std::uint32_t passed, shown;
+    std::uint64_t mark;
+    // The filter's: see cli_pipe.
+    bool begun;
+    std::uint64_t lines;
+    text_buffer line;
+};
+
 // What a handler sees of the terminal, or of the file, that its line came from.
 struct cli {
     cli_output out_func;   // printf-like
@@ -59,7 +73,16 @@ struct cli {
     char name[64];  // the name as typed with "interface NAME"
     std::int32_t privilege;  // what the daemon itself makes has PRIVILEGE_MAX: it knows no lesser users
     void* line;  // the session's own record (suite/terminal/session.h), null for configuration files
+    bool json;   // "| json": what CLI_FLAG_JSON promises is asked for
+    bool (*full)(const cli* terminal);  // null: never
+    cli_part part;
 };
+
+// The terminal would rather take the rest of a long listing later (CLI_MORE).
+inline bool cli_is_full(const cli* terminal) {
+    return terminal->full && terminal->full(terminal);
+}
+void cli_part_end(cli* terminal);  // the listing is over, or will not be gone on with
 
 // Flags of cli_install_gen.
 enum : std::uint32_t {
@@ -69,6 +92,8 @@ enum : std::uint32_t {
     CLI_FLAG_INTERACTIVE = 2,
     // Not offered by `?` and TAB.
     CLI_FLAG_HIDDEN = 4,
+    // A show whose handler prints JSON (RFC 8259), one value on one line, when terminal->json is set.
+    CLI_FLAG_JSON = 8,
 };
 
 cli_tree* cli_tree_create();  // null when exhausted
@@ -90,13 +115,17 @@ struct cli_help {
 };
 int cli_install_help(cli_tree* tree, const cli_help* texts, std::size_t count);
 
-enum class cli_result { ok, failed, unknown, ambiguous, incomplete, empty, deferred };
+// more: see CLI_MORE; the same line is to be run again. Only of a terminal that can be full.
+enum class cli_result { ok, failed, unknown, ambiguous, incomplete, empty, deferred, more };
 
 // Parses and runs one line in terminal->mode, within terminal->privilege. Says "% Unknown command",
 // "% Ambiguous command" and "% Incomplete command" itself, each alone on a line.
 // Lines of blanks, and lines that begin with "!" or "#", are `empty` and succeed.
 // The tree's `after_run` hears of a line that succeeded.
 cli_result cli_run_line(cli_tree* tree, cli* terminal, std::string_view line);
+
+// Whether "| json" may stand behind this show command.
+bool cli_has_json(const cli_tree* tree, const cli* terminal, std::string_view line);
 
 // Every installed command, for tests and documents: visit(arg, mode, element, flags).
 void cli_walk(const cli_tree* tree,

@@ -83,13 +83,13 @@ bool look_through_do(const cli* terminal, std::string_view* line) {
     return true;
 }
 
-// Filters are offered behind "|", and their text is anything.
-bool collect_filter(completion_list* list, std::string_view before, std::size_t bar) {
-    std::string_view behind = slice(before, bar + 1);
-    if (!first_word(behind).empty()) return true;
-    for (const cli_help& filter : cli_pipe_filters())
-        if (begins(filter.token, list->partial)) add(list, filter.token, filter.text);
-    return true;
+// Filters are offered behind "|", and their text is anything; "json" where the command has that form.
+void collect_filter(const collector* c, const cli* inner, std::string_view before, std::size_t bar) {
+    if (!first_word(slice(before, bar + 1)).empty()) return;
+    std::span<const cli_help> filters = cli_pipe_filters();
+    if (!cli_has_json(c->tree, inner, slice(before, 0, bar))) filters = filters.first(filters.size() - 1);
+    for (const cli_help& filter : filters)
+        if (begins(filter.token, c->list->partial)) add(c->list, filter.token, filter.text);
 }
 
 void collect(collector* c, std::string_view line) {
@@ -105,7 +105,7 @@ void collect(collector* c, std::string_view line) {
     std::string_view before = slice(line, 0, at);
     std::size_t bar = cli_pipe_find(line);
     if (bar != std::string_view::npos && bar < at) {
-        collect_filter(list, before, bar);
+        collect_filter(c, &inner, before, bar);
     } else {
         list->result = cli_list_next(c->tree, &inner, before, take, c);
     }

@@ -17,6 +17,7 @@ constexpr cli_help filters[] = {
     {"|", "count", "Show the number of lines"},
     {"|", "exclude", "Show lines that do not hold TEXT"},
     {"|", "include", "Show lines that hold TEXT"},
+    {"|", "json", "Show it as JSON"},
 };
 
 void pass(cli_pipe* pipe, std::string_view line) {
@@ -37,6 +38,8 @@ void pass(cli_pipe* pipe, std::string_view line) {
         case cli_pipe_kind::count:
             pipe->lines++;
             return;
+        case cli_pipe_kind::json:
+            break;
     }
     if (hit) pipe->out(pipe->out_val, "%.*s\n", static_cast<int>(line.size()), line.data());
 }
@@ -82,14 +85,14 @@ bool cli_pipe_parse(std::string_view behind_bar, cli_pipe* pipe, bool* incomplet
     *incomplete = word.empty();
     if (word.empty()) return false;
     constexpr cli_pipe_kind kinds[] = {cli_pipe_kind::begin, cli_pipe_kind::count, cli_pipe_kind::exclude,
-                                       cli_pipe_kind::include};
+                                       cli_pipe_kind::include, cli_pipe_kind::json};
     for (std::size_t i = 0; i < std::size(filters); i++) {
         if (!std::string_view(filters[i].token).starts_with(word)) continue;
         pipe->kind = kinds[i];
         pipe->pattern = behind_bar;
-        bool counts = pipe->kind == cli_pipe_kind::count;
-        *incomplete = !counts && behind_bar.empty();
-        return counts == behind_bar.empty();
+        const bool alone = pipe->kind == cli_pipe_kind::count || pipe->kind == cli_pipe_kind::json;
+        *incomplete = !alone && behind_bar.empty();
+        return alone == behind_bar.empty();
     }
     return false;
 }
@@ -102,6 +105,20 @@ int cli_pipe_output(void* out_val, const char* format, ...) {
     va_end(args);
     if (kept) pass_lines(pipe);
     return kept ? 0 : -1;
+}
+
+void cli_pipe_resume(cli_pipe* pipe, cli_part* part) {
+    pipe->begun = part->begun;
+    pipe->lines = part->lines;
+    pipe->line = part->line;
+    part->line = {};
+}
+
+void cli_pipe_pause(cli_pipe* pipe, cli_part* part) {
+    part->begun = pipe->begun;
+    part->lines = pipe->lines;
+    part->line = pipe->line;
+    pipe->line = {};
 }
 
 void cli_pipe_finish(cli_pipe* pipe) {

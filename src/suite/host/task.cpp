@@ -73,6 +73,7 @@ int run_shown_line(const void* arg, int out) {
     terminal.mode = s->line_mode;
     terminal.out_func = text_output_print;
     terminal.out_val = terminal.line = &output;
+    terminal.full = nullptr;
     const cli_result result = cli_run_line(s->ctx->ctree, &terminal, s->line);
     const bool told = !output.cut && write_all(out, output.text.view()) == 0;
     return told ? result != cli_result::ok : 2;

@@ -75,6 +75,7 @@ interface* if_add(if_master* ifm, const char* name, std::uint32_t ifindex, std::
     std::strncpy(intf->name, name, IF_NAME_SIZE - 1);
     intf->ifindex = ifindex;
     intf->type = type;
+    intf->serial = ++ifm->added;
     ifm->items[ifm->count++] = intf;
     index_table_put(&ifm->by_index, ifindex, intf);
     return intf;

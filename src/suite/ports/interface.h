@@ -24,8 +24,9 @@ struct interface {
     void* port;                    // the protocol's port record, or null: the hooks' slot
     std::uint32_t kernel_ifindex;  // what the packet socket uses
     std::uint8_t mac[6];
-    bool bound;  // between the bind and unbind hooks
-    bool up;     // as NSM last said
+    bool bound;            // between the bind and unbind hooks
+    bool up;               // as NSM last said
+    std::uint32_t serial;  // from 1 on, greater than those before it in the list; never used again
 };
 
 // Hook numbers.
@@ -45,6 +46,7 @@ struct if_master {
     interface** items;  // `count` records in list order
     std::size_t count;
     std::size_t room;
+    std::uint32_t added;  // interfaces ever
     if_hook hooks[IF_CALLBACK_COUNT];
     // Runs after the bind hook and before an up: the host's pending configuration lines of the interface.
     void (*after_bind)(lib_globals*, interface*);

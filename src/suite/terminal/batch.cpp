@@ -26,7 +26,8 @@ void put_status(session* s, batch_status status) {
 
 void run_request(session* s, std::string_view line) {
     cli_result result = session_run_line(s, line);
-    if (!s->busy) session_batch_finish(s, result == cli_result::ok || result == cli_result::empty);
+    if (!s->busy && !s->more)
+        session_batch_finish(s, result == cli_result::ok || result == cli_result::empty);
 }
 
 void skip(session* s) {
@@ -66,7 +67,7 @@ void session_batch_step(session* s) {
         return skip(s);
     }
     run_request(s, {s->in.data + BATCH_REQUEST_HEADER, length});
-    text_consume(&s->in, BATCH_REQUEST_HEADER + length);
+    if (!s->more) text_consume(&s->in, BATCH_REQUEST_HEADER + length);
 }
 
 void session_batch_output(session* s, std::string_view text) {

@@ -37,14 +37,16 @@ int do_do(cli* terminal, int, char** argv) {
     terminal->index = kept.index;
     std::snprintf(terminal->name, sizeof terminal->name, "%s", kept.name);
     if (result == cli_result::deferred) return CLI_DEFERRED;
+    if (result == cli_result::more) return CLI_MORE;
     return result == cli_result::ok || result == cli_result::empty ? CLI_SUCCESS : CLI_ERROR;
 }
 
 int do_help(cli* terminal, int, char**) {
-    terminal->out_func(terminal->out_val, "%s",
-                       "Type ? at any place of a line for what may follow there, TAB to complete a word.\n"
-                       "Words may be shortened to what is unambiguous. The lines of `show` commands can be\n"
-                       "filtered: | include TEXT, | exclude TEXT, | begin TEXT, | count.\n");
+    terminal->out_func(
+        terminal->out_val, "%s",
+        "Type ? at any place of a line for what may follow there, TAB to complete a word.\n"
+        "Words may be shortened to what is unambiguous. The lines of `show` commands can be\n"
+        "filtered: | include TEXT, | exclude TEXT, | begin TEXT, | count; some have | json.\n");
     return CLI_SUCCESS;
 }
 

@@ -1,11 +1,15 @@
 // Interactive sessions: keys to the line editor, lines to the commands, output in pages. One step takes keys
 // up to the end of one line, so that a pasted screenful is run a line a turn.
 //
-// Paging: a command's whole output stands in `out`, of which `released` octets may go; "--More--" is put in
-// at that place and wiped by what the next key lets go.
+// Paging: a command's output, or that of a listing's part, stands in `out`, of which `released` octets may
+// go;
+// "--More--" is put in at that place and wiped by what the next key lets go. Pages are counted in rows of the
+// window. When a listing's part has run out within a page, the rows that are owed come from the next one,
+// which is run as soon as the client has read what may go.
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "suite/base/slice.h"
 #include "suite/command/completion.h"
@@ -15,12 +19,19 @@
 #include "suite/terminal/terminal.h"
 namespace {
 
-constexpr std::size_t KEYS_WAIT_ABOVE = 8 * 1024;  // unsent octets
+constexpr std::size_t KEYS_WAIT_ABOVE = 8 * 1024;  // octets that the client has not read yet
+constexpr std::size_t ROW_MAX = 4096;              // octets of a row, whatever the window is said to hold
+constexpr std::size_t NO_ROW = static_cast<std::size_t>(-1);
 constexpr char KEY_CTRL_C = 3;
 constexpr std::string_view MORE = "--More--", WIPE_MORE = "\r        \r";
 
 std::size_t unsent(const session* s) {
     return s->out.length - s->sent;
+}
+
+bool is_read(const session* s) {
+    const std::size_t may_go = s->stage == session_stage::paging ? s->released : s->out.length;
+    return may_go - s->sent < KEYS_WAIT_ABOVE;
 }
 
 void start_line(session* s) {
@@ -45,19 +56,41 @@ void end_paging(session* s) {
     if (!s->ending) start_line(s);
 }
 
-void release_lines(session* s, std::size_t lines) {
-    for (; lines; lines--) {
-        const void* newline = s->released == s->out.length
-                                  ? nullptr
-                                  : std::memchr(s->out.data + s->released, '\n', s->out.length - s->released);
-        if (!newline) break;
-        s->released = static_cast<std::size_t>(static_cast<const char*>(newline) - s->out.data) + 1;
+void end_listing(session* s) {
+    s->more = false;
+    s->owed = 0;
+    cli_part_end(&s->c);
+}
+
+// Where the row that begins there ends: behind its newline, or where the window wraps it. NO_ROW: not yet.
+std::size_t row_end(const session* s, std::size_t begin) {
+    std::size_t column = 0;
+    for (std::size_t i = begin; i < s->out.length; i++) {
+        const char c = s->out.data[i];
+        if (c == '\n') return i + 1;
+        if (c == '\r' || (static_cast<unsigned char>(c) & 0xc0) == 0x80) continue;
+        if ((s->columns && column == s->columns) || i - begin >= ROW_MAX) return i;
+        column++;
     }
-    if (lines || s->released == s->out.length) return end_paging(s);
-    release_text(s, MORE);
+    return NO_ROW;
+}
+
+void release_rows(session* s, std::size_t rows) {
+    for (; rows; rows--) {
+        const std::size_t end = row_end(s, s->released);
+        if (end == NO_ROW) break;
+        s->released = end;
+    }
+    if (s->more && rows)
+        s->owed = rows;
+    else if (rows || s->released == s->out.length)
+        end_paging(s);
+    else
+        release_text(s, MORE);
 }
 
 void drop_held(session* s) {
+    end_listing(s);
     text_cut(&s->out, s->released);
     s->sent = s->sent < s->released ? s->sent : s->released;
 }
@@ -66,7 +99,7 @@ void page_key(session* s, std::uint8_t key) {
     std::size_t page = session_page_length(s);
     if (key == ' ' || key == 'f' || key == '\r' || key == '\n') {
         release_text(s, WIPE_MORE);
-        release_lines(s, key == ' ' || key == 'f' ? (page > 1 ? page - 1 : 1) : 1);
+        release_rows(s, key == ' ' || key == 'f' ? (page > 1 ? page - 1 : 1) : 1);
     } else if (key == 'q' || key == 'Q' || key == KEY_CTRL_C || key == 4) {
         drop_held(s);
         session_write_raw(s, WIPE_MORE);
@@ -74,17 +107,27 @@ void page_key(session* s, std::uint8_t key) {
     }
 }
 
+bool fills_page(const session* s, std::size_t begin, std::size_t page) {
+    for (; page && begin != NO_ROW; page--) begin = row_end(s, begin);
+    return begin != NO_ROW;
+}
+
 // After a command: the prompt, or the first page.
 void show_output(session* s, std::size_t start) {
-    std::size_t page = session_page_length(s), lines = 0;
-    for (std::size_t i = start; page && i < s->out.length; i++) lines += s->out.data[i] == '\n';
-    if (page == 0 || lines < page || s->ending) {
-        if (!s->ending) start_line(s);
-        return;
+    const std::size_t page = session_page_length(s);
+    if (page && !s->ending && (s->more || fills_page(s, start, page))) {
+        s->stage = session_stage::paging;
+        s->released = start;
+        release_rows(s, page - 1);
+    } else if (!s->ending && !s->more) {
+        start_line(s);
     }
-    s->stage = session_stage::paging;
-    s->released = start;
-    release_lines(s, page - 1);
+}
+
+void run_typed(session* s) {
+    s->running = true;
+    (void)session_run_line(s, line_editor_text(s->editor));  // it has said itself what went wrong
+    s->running = false;
 }
 
 void run_line(session* s) {
@@ -93,11 +136,17 @@ void run_line(session* s) {
     // Lines that may hold a password stay out of the history.
     if (!cli_visible_part(s->ctx->ctree, &s->c, line).secret) line_editor_remember(s->editor, line);
     std::size_t start = s->out.length;
-    s->running = true;
-    (void)session_run_line(s, line);  // it has said itself what went wrong
-    s->running = false;
+    run_typed(s);
     // What was sent meanwhile may have given its place back.
     if (!s->busy) show_output(s, std::min(start, s->out.length));
+}
+
+void run_next_part(session* s) {
+    run_typed(s);
+    if (s->stage == session_stage::paging)
+        release_rows(s, std::exchange(s->owed, 0));
+    else if (!s->more && !s->ending)
+        start_line(s);
 }
 
 void leave_mode(session* s, bool to_exec) {
@@ -204,10 +253,12 @@ void set_window(session* s, std::uint16_t rows, std::uint16_t columns) {
 
 // Ctrl-C while output waits: the output is dropped, and with it the keys typed before.
 void interrupt_output(session* s) {
-    const void* key = std::memchr(s->in.data, KEY_CTRL_C, s->in.length);
-    if (!key) return;
-    text_consume(&s->in, static_cast<std::size_t>(static_cast<const char*>(key) - s->in.data) + 1);
+    const std::size_t key = s->in.view().find(KEY_CTRL_C);
+    if (key == std::string_view::npos) return;
+    text_consume(&s->in, key + 1);
     text_cut(&s->out, s->sent);
+    end_listing(s);
+    s->stage = session_stage::prompt;
     session_write(s, "^C\n");
     start_line(s);
 }
@@ -223,17 +274,35 @@ std::size_t session_page_length(const session* s) {
     return lines < 2 ? 0 : lines;
 }
 
+bool session_listing_goes_on(const session* s) {
+    return s->more && (s->stage == session_stage::prompt || s->owed);
+}
+
+namespace {
+
+bool has_interrupt(const session* s) {
+    return s->in.view().find(KEY_CTRL_C) != std::string_view::npos;
+}
+
+// The client has to read first.
+bool is_behind(const session* s) {
+    return !is_read(s) && (s->stage != session_stage::paging || s->owed);
+}
+
+}  // namespace
+
 bool session_interactive_ready(const session* s) {
-    if (s->stage == session_stage::paging || unsent(s) < KEYS_WAIT_ABOVE) return true;
-    return std::memchr(s->in.data, KEY_CTRL_C, s->in.length) != nullptr;
+    return !is_behind(s) || has_interrupt(s);
 }
 
 void session_interactive_step(session* s) {
-    if (s->stage != session_stage::paging && unsent(s) >= KEYS_WAIT_ABOVE) return interrupt_output(s);
+    const bool goes_on = session_listing_goes_on(s);
+    if (is_behind(s) || (goes_on && has_interrupt(s))) return interrupt_output(s);
+    if (goes_on) return run_next_part(s);
     std::size_t used = 0;
     bool line_done = false;
     while (used < s->in.length && !line_done && !s->ending && !s->busy) {
-        if (s->stage != session_stage::paging && unsent(s) >= KEYS_WAIT_ABOVE) break;
+        if (is_behind(s)) break;
         std::uint8_t key = 0;
         telnet_event event = telnet_take(&s->telnet, static_cast<std::uint8_t>(s->in.data[used++]), &key);
         answer_telnet(s);
@@ -261,7 +330,7 @@ void session_interactive_start(session* s) {
 }
 
 void session_pager_finish(session* s) {
-    release_text(s, WIPE_MORE);
+    if (!std::exchange(s->owed, 0)) release_text(s, WIPE_MORE);
     s->released = s->out.length;
     s->stage = session_stage::prompt;
 }
@@ -276,7 +345,7 @@ void show_log_line(void* arg, int, const char* line, std::size_t length) {
         s->monitor_lost++;
         return;
     }
-    bool at_prompt = s->stage == session_stage::prompt && !s->running && s->editor;
+    bool at_prompt = s->stage == session_stage::prompt && !s->running && !s->more && s->editor;
     if (at_prompt) line_editor_hide(s->editor, &s->out);
     if (s->monitor_lost) session_print(s, "%u log lines not shown\n", s->monitor_lost);
     s->monitor_lost = 0;

@@ -1,8 +1,8 @@
 // A session's life, its descriptor and its buffers. wire.h says what goes over the wire; batch.cpp and
 // interactive.cpp do what the octets ask for.
 //
-// A client that is slow only holds itself up: its next line is run when the output of the former one has gone
-// out, and what does not fit the buffer ends the session.
+// A client that is slow only holds itself up: its next line, or the next part of a listing, is run when the
+// output before it has gone out. What does not fit the buffer is cut.
 #include "suite/terminal/session.h"
 
 #include <poll.h>
@@ -27,6 +27,8 @@ namespace {
 constexpr std::size_t FLUSH_EARLY = 32 * 1024;  // of unsent output within a command
 constexpr std::size_t LOGIN_SPARE = 32;         // descriptors for the rest
 constexpr nanoseconds LOOK_EVERY = 250 * NS_PER_MS;
+constexpr std::size_t CUT_SPARE = 256;  // of the limit: for what ends a command that was cut
+constexpr char CUT_NOTE[] = "\r\n% The rest is too long to be shown\r\n";
 constexpr char TOO_MANY[] = "% Too many sessions\r\n";
 
 int on_readable(thread* event);
@@ -59,6 +61,14 @@ int print_to_session(void* out_val, const char* format, ...) {
     return needed;
 }
 
+std::size_t unsent(const session* s) {
+    return s->out.length - s->sent;
+}
+
+bool is_full_of_output(const cli* c) {
+    return unsent(session_of(c)) >= SESSION_PART;
+}
+
 void init_cli(session* s) {
     s->c.out_func = print_to_session;
     s->c.out_val = s;
@@ -67,10 +77,7 @@ void init_cli(session* s) {
     s->c.mode = EXEC_MODE;
     s->c.privilege = PRIVILEGE_MAX;
     s->c.line = s;
-}
-
-std::size_t unsent(const session* s) {
-    return s->out.length - s->sent;
+    s->c.full = is_full_of_output;
 }
 
 std::size_t may_go(const session* s) {
@@ -178,7 +185,8 @@ bool has_line(const session* s) {
 // Is there something to do with the octets that came, without any more of them? No line is run while output
 // of the one before is unsent.
 bool is_ready(const session* s) {
-    if (s->ending || s->overrun || s->busy || s->in.length == 0) return false;
+    if (s->ending || s->overrun || s->busy) return false;
+    if (s->in.length == 0 && !session_listing_goes_on(s)) return false;
     switch (s->stage) {
         case session_stage::hello:
             return has_line(s);
@@ -262,6 +270,12 @@ bool is_idle(session* s) {
     return false;
 }
 
+void close_idle(session* s) {
+    if (may_go(s) > s->sent)
+        log_suite(LOG_LEVEL_WARNING, "terminal %s closed: its output is not read", s->peer);
+    close_with(s, "\n% Idle for too long\n");
+}
+
 int on_timer(thread* event) {
     session* s = of(event);
     s->timer = nullptr;
@@ -270,7 +284,7 @@ int on_timer(thread* event) {
     else if (!session_logged_in(s) && thread_now(s->ctx) >= s->opened + LOGIN_LIMIT)
         close_with(s, "\n% Login took too long\n");
     else if (session_logged_in(s) && is_idle(s))
-        close_with(s, "\n% Idle for too long\n");
+        close_idle(s);
     else
         arm_timer(s);
     return 0;
@@ -370,6 +384,7 @@ void session_close(session* s) {
     thread_forget_fd(s->ctx, s->fd);
     close(s->fd);
     line_editor_free(s->editor);
+    cli_part_end(&s->c);
     text_free(&s->in);
     text_free(&s->out);
     memmgr_free(s, MTYPE_CLI_SESSION);
@@ -379,23 +394,53 @@ void session_end(cli* c) {
     if (c->line) session_of(c)->ending = true;
 }
 
-void session_write_raw(session* s, std::string_view octets) {
-    if (s->overrun) return;
-    if (!make_output_room(s) || !text_append(&s->out, octets.data(), octets.size())) s->overrun = true;
+namespace {
+
+void append(session* s, std::string_view octets) {
+    s->overrun = s->overrun || !text_append(&s->out, octets.data(), octets.size());
 }
 
-void session_write(session* s, std::string_view text) {
+}  // namespace
+
+void session_write_raw(session* s, std::string_view octets) {
     if (s->overrun) return;
-    if (s->stage == session_stage::batch) {
-        if (!make_output_room(s)) s->overrun = true;
-        session_batch_output(s, text);
-        return;
-    }
-    while (!text.empty()) {
-        std::size_t newline = text.find('\n');
-        session_write_raw(s, slice(text, 0, newline));
+    s->overrun = !make_output_room(s);
+    append(s, octets);
+}
+
+namespace {
+
+// How much of a text that long is taken; the rest of what its command prints is dropped then.
+std::size_t take_or_cut(session* s, std::size_t length) {
+    if (s->overrun || s->cut) return 0;
+    s->overrun = !make_output_room(s);  // here, and not for each piece: the client may not be reading
+    const std::size_t used = std::min(s->out.length + CUT_SPARE, SESSION_OUTPUT_MAX);
+    s->cut = length > SESSION_OUTPUT_MAX - used;
+    return s->overrun ? 0 : std::min(length, SESSION_OUTPUT_MAX - used);
+}
+
+// Says so where output was cut, behind which the line did not succeed.
+bool end_cut(session* s) {
+    if (!s->cut) return false;
+    s->cut = false;
+    if (s->stage != session_stage::batch)
+        session_write_raw(s, CUT_NOTE);
+    else
+        session_batch_output(s, "\n% The rest is too long to be shown\n");
+    return true;
+}
+
+}  // namespace
+
+void session_write(session* s, std::string_view text) {
+    if (s->stage == session_stage::batch)
+        return session_batch_output(s, slice(text, 0, take_or_cut(s, text.size())));
+    while (!text.empty() && !s->overrun && !s->cut) {
+        const std::size_t newline = text.find('\n');
+        const std::string_view line = slice(text, 0, newline);
+        append(s, slice(line, 0, take_or_cut(s, line.size() + 2)));
         if (newline == std::string_view::npos) return;
-        session_write_raw(s, "\r\n");
+        if (!s->cut) append(s, "\r\n");
         text.remove_prefix(newline + 1);
     }
 }
@@ -450,8 +495,10 @@ session* session_running(const cli* c) {
 cli_result session_run_line(session* s, std::string_view line) {
     s->line = line;
     s->line_mode = s->c.mode;
-    const cli_result result = cli_run_line(s->ctx->ctree, &s->c, line);
+    cli_result result = cli_run_line(s->ctx->ctree, &s->c, line);
     s->line = {};
+    if (end_cut(s)) result = cli_result::failed;
+    s->more = result == cli_result::more;
     return result;
 }
 
@@ -460,6 +507,7 @@ void session_finish(session* s, bool good, std::string_view output) {
     s->left = nullptr;
     const std::size_t start = s->out.length;
     session_write(s, output);
+    good = !end_cut(s) && good;
     if (s->stage == session_stage::batch)
         session_batch_finish(s, good);
     else
@@ -473,8 +521,9 @@ void session_want_send(session* s) {
 
 bool session_settle(session* s) {
     bool alive = send_some(s);
+    s->cut = s->cut && s->busy;  // what is cut outside a command is no great loss
     if (alive && s->overrun) {
-        log_suite(LOG_LEVEL_WARNING, "terminal %s closed: its output is not read", s->peer);
+        log_suite(LOG_LEVEL_WARNING, "terminal %s closed: out of memory", s->peer);
         alive = false;
     }
     if (s->eof && s->stage == session_stage::paging && s->in.length == 0) {

@@ -1,8 +1,10 @@
 // Terminal sessions: one connected client each, local (Unix socket) or TCP. A session owns its descriptor,
 // its input and output buffers and the `cli` that handlers see; the terminals' record owns the list of
 // sessions. At most one line is run a loop event, and none while the output of the former one has not gone
-// out, so a session can neither hold the loop nor grow: its output is limited, and a client that does not
-// read it is closed.
+// out, so a session can neither hold the loop nor grow: its output is limited. A long listing is made in
+// parts (CLI_MORE), the next one when the client, or who turns its pages, has taken the last one; a client
+// that reads nothing at all is closed as an idle one. What a command prints beyond the limit that does not
+// know parts is cut, which is said.
 #pragma once
 
 #include <cstdint>
@@ -21,6 +23,7 @@ constexpr std::size_t SESSION_MAX = 32;  // of each kind, logged in
 constexpr std::size_t LOGIN_MAX = 512;
 constexpr nanoseconds LOGIN_LIMIT = 20 * NS_PER_S;
 constexpr std::size_t SESSION_OUTPUT_MAX = 256 * 1024 - 1;  // with the closing zero: 256 KiB of memory
+constexpr std::size_t SESSION_PART = 40 * 1024;             // of unsent output: enough of a listing for now
 constexpr std::size_t SESSION_READ_SIZE = 4096;
 
 enum class session_kind : std::uint8_t { local, tcp };
@@ -42,7 +45,9 @@ struct session {
     session_stage stage;
     bool eof;      // the client has sent its last octet
     bool ending;   // closes when the output has gone out
-    bool overrun;  // output did not fit: what follows is dropped, the session closes
+    bool overrun;  // no memory for output: what follows is dropped, the session closes
+    bool cut;      // output did not fit: the rest of the command's is dropped
+    bool more;     // the line that was run last is a listing of which there is more
     bool monitor;  // log lines are shown (terminal monitor)
     bool running;  // a command is running: no prompt stands on the screen
     bool busy;     // a child process works for the session: nothing more is taken from the client
@@ -55,6 +60,7 @@ struct session {
     text_buffer out;
     std::size_t sent;      // octets of `out` that have gone
     std::size_t released;  // paging: octets of `out` that may go
+    std::size_t owed;      // paging: rows that are still to be let go, once the listing goes on
     std::size_t frame;     // batch: place of the open output frame in `out`, or NO_FRAME
     std::size_t to_skip;   // batch: octets still to be passed over
     thread* read_event;

@@ -15,13 +15,15 @@ bool session_interactive_ready(const session* s);
 void session_interactive_step(session* s);
 void session_interactive_start(session* s);
 std::size_t session_page_length(const session* s);  // 0: no pages
-void session_pager_finish(session* s);              // lets all that is held back go
+// A part of a listing has been taken, and the next one waits for no key.
+bool session_listing_goes_on(const session* s);
+void session_pager_finish(session* s);  // lets all that is held back go
 
 // TCP: a line typed at "Password: " lets the session in, or is answered later: asks again, or ends it after
 // the third wrong one.
 void tcp_password_line(session* s, std::string_view line);
 
-// Runs one line as the session's own.
+// Runs one line as the session's own. When s->more is set behind it, the same one is to be run again.
 cli_result session_run_line(session* s, std::string_view line);
 
 // A command that left its session busy has come to its end.
