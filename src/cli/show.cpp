@@ -224,13 +224,15 @@ constexpr cli_help help_texts[] = {
 
 int ssm_cli_list_ports(cli* terminal, void (*show)(cli*, const ssm_port*, const ssm_port* best)) {
     const ssm_port* best = ssm_best_candidate();
+    cli_part* part = &terminal->part;
+    if (!part->passed) part->last = terminal->ifm->added;  // who goes and comes back is shown once
     for (const interface* intf : if_list(terminal->ifm)) {
-        if (intf->serial <= terminal->part.passed) continue;
-        terminal->part.passed = intf->serial;
+        if (intf->serial <= part->passed || intf->serial > part->last) continue;
+        part->passed = intf->serial;
         const ssm_port* port = ssm_if_port(intf);
         if (!port) continue;
         show(terminal, port, best);
-        terminal->part.shown++;
+        part->shown++;
         if (cli_is_full(terminal)) return CLI_MORE;
     }
     return CLI_SUCCESS;

@@ -286,6 +286,25 @@ TEST_F(everyday, supervision_gives_its_reasons) {
               std::string::npos);
 }
 
+TEST_F(everyday, a_port_that_goes_and_comes_back_while_ports_are_listed_is_shown_once) {
+    for (std::uint32_t i : {1U, 2U, 3U}) add_port(("p" + std::to_string(i)).c_str(), i);
+    session_.full = [](const cli*) { return true; };
+    std::string names;
+    for (int part = 0; run("show clock synce json") == cli_result::more; part++) {
+        if (part == 0) {
+            for (std::uint32_t i : {1U, 2U}) if_remove(ctx_->ifm, if_lookup_by_index(ctx_->ifm, i));
+            add_port("p1", 1);
+            g_s_master->history.count++;
+        }
+        const std::string text = output();
+        names += text.substr(text.find("\"name\":") + 7, 5);
+    }
+    EXPECT_EQ(names, R"("p1","p3",)");
+    EXPECT_EQ(output(), R"(],"changed_meanwhile":true})"
+                        "\n");
+    EXPECT_EQ(session_.part.shown, 0U) << "the next listing begins anew";
+}
+
 // The names and kinds of all fields are held to the document (cli_commands_test); here are their values.
 TEST_F(everyday, json_is_one_object) {
     const auto without_later_fields = [](std::string text) {

@@ -52,9 +52,9 @@ struct cli_element {
 
 // How far a listing has come that is printed in parts; all zero at its begin.
 struct cli_part {
-    // The handler's: serial number of the last interface that it has passed, how many it has shown, and a
-    // number of its own.
-    std::uint32_t passed, shown;
+    // The handler's: serial number of the last interface that it has passed, and of the last one that was
+    // there at the begin, how many it has shown, and a number of its own.
+    std::uint32_t passed, last, shown;
     std::uint64_t mark;
     // The filter's: see cli_pipe.
     bool begun;

@@ -1,8 +1,7 @@
 // Interactive sessions: keys to the line editor, lines to the commands, output in pages. One step takes keys
 // up to the end of one line, so that a pasted screenful is run a line a turn.
 //
-// Paging: a command's output, or that of a listing's part, stands in `out`, of which `released` octets may
-// go;
+// Paging: the output of a command, or of a listing's part, stands in `out`; `released` octets of it may go.
 // "--More--" is put in at that place and wiped by what the next key lets go. Pages are counted in rows of the
 // window. When a listing's part has run out within a page, the rows that are owed come from the next one,
 // which is run as soon as the client has read what may go.
