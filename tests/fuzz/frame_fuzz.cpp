@@ -6,10 +6,11 @@
 namespace {
 
 constexpr std::uint32_t PORTS_MAX = 6;
-constexpr std::uint8_t KINDS = 15, GUARD_KINDS = 3;  // of operations: the first, and the last
+constexpr std::uint8_t KINDS = 16;  // of operations: the first
 
-std::size_t kind_of(std::uint8_t value) {
-    return value < 16 * KINDS ? value % KINDS : std::size(OPERATIONS) - 1 - value % GUARD_KINDS;
+// In every second step the later ones.
+std::size_t kind_of(std::uint8_t value, bool later) {
+    return later ? KINDS + value % (std::size(OPERATIONS) - KINDS) : value % KINDS;
 }
 
 void set_up_switch(input* in) {
@@ -18,6 +19,7 @@ void set_up_switch(input* in) {
                                      flags & 1 ? SSM_OPTION_2 : SSM_OPTION_1);
     (void)ssm_opts_set_device_type(1 + quality / 16 % 3);
     (void)ssm_opts_set_ssm_extend(flags >> 1 & 1);
+    (void)ssm_opts_set_extend_form(1 + (quality >> 7));
     (void)ssm_opts_set_global_enable(~flags >> 2 & 1);
     (void)ssm_opts_set_ssm_enable(~flags >> 3 & 1);
     (void)ssm_opts_set_recovery_select(flags >> 4 & 3);
@@ -48,6 +50,13 @@ void hear_pdu(input* in, virtual_daemon* d, std::uint32_t index) {
         const const_octets id = in->take(pdu.clock_id.size());
         std::copy(id.begin(), id.end(), pdu.clock_id.begin());
         pdu.hops = in->octet();
+        pdu.standard = what & 0x80;
+    }
+    if (pdu.standard) {
+        pdu.enhanced = what & 0x20 ? QL_ENHANCED_NONE : 0x20 + (pdu.hops >> 6);
+        pdu.flags = pdu.hops & 3;
+        pdu.eeec = pdu.hops;
+        pdu.eec = in->octet();
     }
     message f = esmc_frame(pdu);
     const octets p = octets(f).subspan(PDU_AT);
@@ -77,7 +86,7 @@ void step(input* in, virtual_daemon* d) {
     if (kind == 12) return d->deliver(NSM_MSG_LINK_DELETE, be_words({index, value & 1U}));
     const std::uint8_t other = in->octet();
     if (kind == 13) return d->deliver(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, be_words({value % 7U, other}));
-    d->in_event([&] { operate(OPERATIONS[kind_of(value)], index, other); });
+    d->in_event([&] { operate(OPERATIONS[kind_of(value, kind == 15)], index, other); });
 }
 
 }  // namespace

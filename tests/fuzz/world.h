@@ -40,6 +40,9 @@ struct neighbour_pdu {
     bool extended = false;
     std::array<std::uint8_t, 8> clock_id = {};
     std::uint8_t hops = 0;
+
+    bool standard = false;  // the extended TLV in the standard's form
+    std::uint8_t enhanced = QL_ENHANCED_NONE, flags = 0, eeec = 0, eec = 0;
 };
 
 constexpr std::size_t PDU_AT = 14;  // behind the Ethernet header
@@ -50,12 +53,16 @@ inline message esmc_frame(const neighbour_pdu& pdu) {
                  0x0A, 0,    0x19, 0xA7, 0, 1, flags, 0,    0, 0, 1, 0, 4,    pdu.quality};
     f.resize(60);
     const octets p = octets(f).subspan(PDU_AT);
-    if (pdu.extended) {
-        p[14] = 2;
-        p[16] = 12;
-        std::copy(pdu.clock_id.begin(), pdu.clock_id.end(), p.begin() + 17);
+    if (!pdu.extended) return f;
+    p[14] = 2;
+    p[16] = pdu.standard ? 20 : 12;
+    const std::size_t id_at = pdu.standard ? 18 : 17;
+    p[17] = pdu.enhanced;
+    std::copy(pdu.clock_id.begin(), pdu.clock_id.end(), p.subspan(id_at).begin());
+    if (pdu.standard)
+        std::ranges::copy(std::array{pdu.flags, pdu.eeec, pdu.eec}, p.begin() + 26);
+    else
         p[25] = pdu.hops;
-    }
     return f;
 }
 
@@ -234,6 +241,43 @@ struct virtual_daemon {
         rule(!source || !live(source) || (source->link_up && source->synce_enable),
              "the source is up and enabled");
     }
+    // An enhanced code goes with one SSM code of either option.
+    static bool is_quality(ssm_quality quality) {
+        const unsigned code = quality & 0xFF;
+        switch (quality >> 8) {
+            case 0:
+                return code <= QL_DNU;
+            case 0x22:
+                return code == QL_EEC1 || code == QL_EEC2;
+            default:
+                return quality >> 8 >= 0x20 && quality >> 8 <= 0x23 && (code == QL_PRC || code == QL_PRS);
+        }
+    }
+    // Sources follow each other without a gap, each with a reason; what came first is the oldest.
+    template <class judge>
+    static void check_history(judge rule) {
+        const ssm_change *later = nullptr, *later_source = nullptr;
+        for (std::size_t back = 0; const ssm_change* change = ssm_history_get(back); ++back) {
+            rule(change->why[0], "a change has a reason");
+            rule(!later || change->monotonic <= later->monotonic, "the history is in order");
+            later = change;
+            if (change->kind != ssm_change_kind::source) continue;
+            rule(std::strcmp(change->from, change->to) != 0, "a change of source is one");
+            rule(!later_source || std::strcmp(change->to, later_source->from) == 0, "no source is left out");
+            later_source = change;
+        }
+    }
+    // As what follows the QL TLV has to look: nothing, the own form, or the standard's; then zeros.
+    static bool is_extension(std::uint8_t quality, const_octets tlv) {
+        const std::size_t length = get_be16(tlv, 1);
+        const bool standard = length == 20;
+        if (length ? tlv[0] != 2 || (!standard && length != 12) || !g_s_master->ssm_extend : tlv[0])
+            return false;
+        if (standard && (!is_quality(ssm_quality_of(quality, tlv[3] == 0xFF ? 0 : tlv[3])) || tlv[12] > 3))
+            return false;
+        return std::ranges::all_of(tlv.subspan(standard ? 15 : length), [](auto o) { return o == 0; });
+    }
+
     // These do not hold where an allocation failed a moment ago.
     template <class judge = decltype(&must)>
     static void check_records(judge rule = must) {
@@ -247,8 +291,17 @@ struct virtual_daemon {
                  "send timer as configured");
             // A frame that was on its way when the link went down still counts as heard.
             rule(!p->timeout_timer || runs, "no time-out on a port that is off");
-            rule(p->recv_quality <= QL_DNU && p->force_rx_quality <= QL_DNU, "qualities are codes");
+            for (const ssm_quality q : {p->recv_quality, p->force_rx_quality, p->force_tx_quality,
+                                        p->min_rx_quality, p->max_rx_quality})
+                rule(is_quality(q), "qualities are codes");
+            const ssm_statistics& s = *p->statistics;
+            rule(s.information_in < 2 ||
+                     (s.shortest <= ssm_mean_interval(s) && ssm_mean_interval(s) <= s.longest),
+                 "the mean interval is between the shortest and the longest");
+            rule(s.dnu_in <= s.information_in + s.events_in && s.dnu_out <= s.information_out + s.events_out,
+                 "DNU are PDUs");
         });
+        check_history(rule);
     }
 
   private:
@@ -292,6 +345,8 @@ struct virtual_daemon {
         must(get_be16(frame, 12) == 0x8809 && frame[PDU_AT] == 0x0A, "frames are ESMC");
         const std::uint8_t quality = frame[PDU_AT + 13];
         must(quality <= QL_DNU && quality != QL_NONE, "qualities sent are codes");
+        must(is_extension(quality, frame.subspan(PDU_AT + 14)),
+             "the extended TLV is one of two forms, or none");
         bool known = false, lawful = false;
         ssm_port_walk([&](const ssm_port* p) {
             if (p->intf->kernel_ifindex != kernel_ifindex) return;

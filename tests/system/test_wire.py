@@ -1,14 +1,18 @@
 """What leaves a port and what is taken from it, seen by a protocol analyser and made by a packet library."""
 
+import json
 import struct
 import subprocess
 import time
 
+from lab import CLOCK_LABELS
 from wire import DNU, EEC1, PRC, SSU_A, SSU_B, Neighbour, esmc
 
 
+EXTENDED = ["essm", "clockid", "flag_mixed", "flag_chain", "eeec", "eec", "reserved"]
 FIELDS = ["eth.dst", "eth.type", "slow.subtype", "ossp.itu.subtype", "ossp.esmc.version", "ossp.esmc.event_flag",
-          "ossp.esmc.tlv_type", "ossp.esmc.tlv_length", "ossp.esmc.tlv_ql_ssm", "_ws.col.Info", "_ws.malformed"]
+          "ossp.esmc.tlv_type", "ossp.esmc.tlv_length", "ossp.esmc.tlv_ql_ssm", "_ws.col.Info", "_ws.malformed",
+          "_ws.expert.message", *("ossp.esmc.tlv_ext_ql_" + field for field in EXTENDED)]
 
 
 def decode(tmp_path, frames):
@@ -48,13 +52,24 @@ def test_tshark_decodes_what_leaves_a_port(enabled, tmp_path):
     assert first.source.hex(":") == enabled.ip("-br", "link", "show", "p2").stdout.split()[2]
 
 
-def test_frame_made_by_scapy_is_taken(enabled):
+ORIGIN, OTHER = bytes.fromhex("0a0b0cfffe0d0e0f"), bytes.fromhex("1122334455667788")
+# Two frames of the standard's form, octet by octet: an event of a PRC behind one eEEC, and a PRTC behind two and five EECs.
+EVENT_PRC, PRTC = (bytes.fromhex(text).ljust(60, b"\0") for text in (
+    "0180c20000020013c4120f0d8809 0a0019a70001 18000000 01000402 020014ff1122334455667788 00 01 00",
+    "0180c20000020200000000018809 0a0019a70001 10000000 01000402 020014200a0b0cfffe0d0e0f 03 02 05"))
+
+
+def made_by_scapy(quality, event=0, **extended):
+    """A neighbour's frame, with an extended TLV if one of its fields is named."""
     from scapy.contrib.esmc import ESMC, EQLTLV, QLTLV
     from scapy.contrib.slowprot import SlowProtocol
     from scapy.layers.l2 import Ether
-    header = Ether(dst="01:80:c2:00:00:02", src="02:00:00:00:00:99")
-    short = header / SlowProtocol() / ESMC(event=0) / QLTLV(ssmCode=SSU_A)
-    enabled.t1.send(bytes(short))
+    frame = Ether(dst="01:80:c2:00:00:02", src="02:00:00:00:00:99") / SlowProtocol() / ESMC(event=event)
+    return bytes(frame / QLTLV(ssmCode=quality) / EQLTLV(**extended) if extended else frame / QLTLV(ssmCode=quality))
+
+
+def test_frame_made_by_scapy_is_taken(enabled):
+    enabled.t1.send(made_by_scapy(SSU_A))
     enabled.wait_clock(source="p1", quality="SSU-A", state="Lock")
     enabled.wait_port("p1", rx="SSU-A", receiving="enable")
     # Who sent it is known, and is told when it is somebody else.
@@ -62,10 +77,64 @@ def test_frame_made_by_scapy_is_taken(enabled):
     enabled.t1.send(esmc(SSU_A, source=bytes.fromhex("020000000098")))
     enabled.esmcd.wait_log("neighbour of p1 is now 02:00:00:00:00:98 (was 02:00:00:00:00:99")
     # With its enhanced TLV, as an event: the quality counts, and an event does not restart the time-out.
-    longer = header / SlowProtocol() / ESMC(event=1) / QLTLV(ssmCode=PRC) / EQLTLV(clockIdentity=bytes(range(1, 9)))
-    enabled.t2.send(bytes(longer))
+    enabled.t2.send(made_by_scapy(PRC, event=1, clockIdentity=bytes(range(1, 9))))
     enabled.wait_clock(source="p2", quality="PRC")
     assert enabled.port("p2")["Timeout timer running"] == "disable"
+
+
+def test_standards_form_is_understood_and_sent(enabled, tmp_path):
+    """Each frame heard on p1 has an event PDU leave p2, which the analyser must find nothing wrong with."""
+    enabled.configure("clock synce ssm extend standard", "clock synce clock-type eeec")
+    alone = enabled.t2.expect(3, event=False, standard=True, quality=DNU)
+    own = bytes.fromhex(enabled.clock()[CLOCK_LABELS["id"]].replace(":", ""))
+    scapy_chain = {"clockIdentity": ORIGIN, "flag": 2, "cascaded_eEEcs": 255, "cascaded_EEcs": 4}
+    cases = [  # frame heard; code, enhanced code, identity, (flags, eEECs, EECs) and name of what is sent
+        (esmc(PRC, standard=(0xFF, OTHER, 0, 0, 0)), PRC, 0xFF, OTHER, (0, 1, 0), "QL-PRC"),
+        (PRTC, PRC, 0x20, ORIGIN, (3, 3, 5), "QL-PRTC"),
+        (EVENT_PRC, PRC, 0xFF, OTHER, (0, 2, 0), "QL-PRC"),
+        (esmc(PRC, standard=(0x20, ORIGIN, 3, 1, 5)), PRC, 0x20, ORIGIN, (3, 2, 5), "QL-PRTC"),
+        (made_by_scapy(PRC, enhancedSsmCode=0x21, **scapy_chain), PRC, 0x21, ORIGIN, (2, 255, 4), "QL-ePRTC"),
+        (made_by_scapy(PRC, enhancedSsmCode=0x23, **scapy_chain), PRC, 0x23, ORIGIN, (2, 255, 4), "QL-ePRC"),
+        (made_by_scapy(EEC1, enhancedSsmCode=0x22, **scapy_chain), EEC1, 0x22, ORIGIN, (2, 255, 4), "QL-eEEC"),
+        (made_by_scapy(SSU_A, event=1, clockIdentity=OTHER), SSU_A, 0xFF, OTHER, (0, 2, 0), "QL-SSU-A"),
+        (esmc(SSU_B), SSU_B, 0xFF, own, (3, 1, 0), "QL-SSU-B"),
+        (esmc(EEC1, extension=(ORIGIN, 4)), EEC1, 0xFF, ORIGIN, (3, 1, 4), "QL-EEC1"),
+        (esmc(PRC, standard=(0x20, ORIGIN, 0, 0, 0), length=19), PRC, 0xFF, own, (3, 1, 0), "QL-PRC")]
+    sent = [alone]
+    for frame, code, enhanced, *_ in cases:
+        enabled.t2.drain()
+        enabled.t1.send(frame)
+        sent.append(enabled.t2.expect(2, event=True, quality=code, enhanced=enhanced))
+    port = json.loads(enabled.show("clock synce json"))["ports"][0]
+    assert port["unknown_tlv"] == 1 and port["received_form"] is None
+    # In the same state we say the same octets; with a source, of course, from our address.
+    assert (sent[1].frame[14:], sent[4].frame[20:21]) == (EVENT_PRC[14:], b"\x18")
+    assert sent[4].frame[21:] == PRTC[21:]
+    enabled.t1.drain()
+    sent.append(enabled.t1.expect(2, event=False, quality=DNU))
+    expected = [(DNU, 0xFF, own, (0, 1, 0), "QL-DNU"), *(case[1:] for case in cases), (DNU, 0xFF, own, (3, 1, 0), "QL-DNU")]
+    for fields, (code, enhanced, identity, (flags, eeec, eec), name) in zip(
+            decode(tmp_path, [seen.frame for seen in sent]), expected, strict=True):
+        assert (fields["_ws.malformed"], fields["_ws.expert.message"]) == ("", ""), name
+        assert (fields["ossp.esmc.tlv_length"], int(fields["ossp.esmc.tlv_ql_ssm"], 16)) == ("0x0004,0x0014", code)
+        values = [int(fields["ossp.esmc.tlv_ext_ql_" + field], 0) for field in EXTENDED]
+        assert values == [enhanced, int.from_bytes(identity, "big"), flags & 1, flags >> 1, eeec, eec, 0], name
+        assert fields["_ws.col.Info"].endswith(" " + name)
+
+
+def test_both_forms_and_both_options_on_one_switch(enabled):
+    enabled.configure("clock synce ssm extend standard", "interface p2", "clock synce extend form own")
+    enabled.t1.send(esmc(PRC, standard=(0x20, ORIGIN, 0, 2, 3)))
+    told = enabled.t2.expect(2, quality=PRC, extended=True, standard=False)
+    assert (told.clock_id, told.hop, told.frame[40:]) == (ORIGIN, 6, bytes(20))
+    back = enabled.t1.expect(3, quality=DNU, standard=True, clock_id=ORIGIN)
+    assert (back.enhanced, back.chain) == (0xFF, (1, 2, 4))
+    # The analyser knows no pairs of option 2.
+    enabled.configure("clock synce local-quality option2 dus", "interface p2", "no clock synce extend form")
+    for code, enhanced in ((1, 0x20), (1, 0x21), (1, 0x23), (10, 0x22), (4, 0xFF), (1, 0xFF)):
+        enabled.t1.send(esmc(code, standard=(enhanced, ORIGIN, 0, 254, 255)))
+        told = enabled.t2.expect(2, event=True, quality=code, enhanced=enhanced)
+        assert (told.clock_id, told.chain, told.frame[43:]) == (ORIGIN, (1, 254, 255), bytes(17))
 
 
 def test_changes_are_told_at_once_and_none_is_lost_in_a_flood(enabled):

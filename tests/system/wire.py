@@ -20,6 +20,9 @@ class Seen:
         payload, self.source = frame[14:], frame[6:12]
         self.event, self.quality = bool(payload[6] & 8), payload[13]
         self.extended, self.clock_id, self.hop = payload[14] == 2, payload[17:25], payload[25]
+        self.standard, self.enhanced = payload[14:17] == bytes([2, 0, 20]), None
+        if self.standard:
+            self.enhanced, self.clock_id, self.chain = payload[17], payload[18:26], tuple(payload[26:29])
 
 
 def stamp(ancillary):
