@@ -102,6 +102,7 @@ std::int32_t ssm_opts_set_port_quality(interface* intf, std::uint32_t direction,
     else if (code == QL_NONE)
         drop_forced_count(forced);
     forced = code;
+    if (port->force_rx_quality != QL_NONE) ssm_source_recovered(port);
     (void)ssm_port_timers_update(port, 1);
     ssm_opts_reselect();
     return SSM_OK;

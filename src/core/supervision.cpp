@@ -97,7 +97,7 @@ void ssm_source_failed(ssm_port* port) {
 }
 
 void ssm_source_recovered(ssm_port* port) {
-    if (!port->failed || port->restore_timer) return;
+    if (!port->failed || port->restore_timer || !port->link_up) return;
     const std::uint32_t seconds = ssm_restore_s(port);
     if (seconds) port->restore_timer = ssm_timer_add_msec(restore_over, port, seconds * 1000);
     if (!port->restore_timer) port->failed = 0;

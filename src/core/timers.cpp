@@ -123,7 +123,8 @@ int _ssm_opts_timeout_trigger(thread* event) {
 void ssm_source_silent(ssm_port* port) {
     ++port->statistics->timeouts;
     if (port->recv_quality != QL_NONE) port->statistics->quality_changed = thread_now(g_p_esmcd);
-    ssm_source_failed(port);
+    // Of a port that takes its quality from the operator nothing was expected.
+    if (port->force_rx_quality == QL_NONE) ssm_source_failed(port);
     // The check looks at running time-outs, so the port's must be off before it, and what was received is
     // forgotten after it.
     ssm_opts_check_all_lost();

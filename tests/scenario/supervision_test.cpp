@@ -89,6 +89,25 @@ TEST_F(supervision, restored_sources_wait) {
     EXPECT_EQ(ssm_candidate_check(port(2)), ssm_refusal::none);
 }
 
+TEST_F(supervision, what_is_a_failure_and_when_it_is_over) {
+    ASSERT_EQ(ssm_opts_set_restore(60), 0);
+    both();
+    link_down(1);
+    hear(1, QL_PRC);  // had been on its way
+    advance(60'000);
+    link_up(1);
+    hear(1, QL_PRC);
+    EXPECT_EQ(ssm_restore_left_s(port(1)), 60U);
+    ASSERT_EQ(ssm_opts_end_restore(port(1)), 0);
+    // Whose quality is the operator's word need not speak, and a port that failed begins to wait with it.
+    ASSERT_EQ(ssm_opts_set_port_quality(intf(1), 1, "prc"), 0);
+    advance(5000);
+    EXPECT_EQ(ssm_candidate_check(port(1)), ssm_refusal::none);
+    EXPECT_EQ(ssm_candidate_check(port(2)), ssm_refusal::nothing_received);
+    ASSERT_EQ(ssm_opts_set_port_quality(intf(2), 1, "prc"), 0);
+    EXPECT_EQ(ssm_restore_left_s(port(2)), 60U);
+}
+
 TEST_F(supervision, limits) {
     both(1000, QL_PRC, QL_SSU_A);
     ASSERT_EQ(ssm_opts_set_port_limit(intf(1), SSM_ESMC_RX, ssm_limit::maximum, "ssu-b"), 0);
