@@ -27,15 +27,15 @@ class extension : public sim {
         ASSERT_EQ(ssm_opts_set_extend_form(SSM_FORM_STANDARD), 0);
     }
     int hear_tlv(std::uint32_t index, const standard_tlv& tlv) {
-        message frame = esmc_frame({.quality = tlv.quality});
-        const octets p = octets(frame).subspan(PDU_AT);
-        p[14] = 2;
-        put_be16(p, 15, tlv.length);
-        p[17] = tlv.enhanced;
-        std::ranges::copy(tlv.id, p.begin() + 18);
-        p[26] = tlv.flags;
-        p[27] = tlv.eeec;
-        p[28] = tlv.eec;
+        message frame = esmc_frame({.quality = tlv.quality,
+                                    .extended = true,
+                                    .clock_id = tlv.id,
+                                    .standard = true,
+                                    .enhanced = tlv.enhanced,
+                                    .flags = tlv.flags,
+                                    .eeec = tlv.eeec,
+                                    .eec = tlv.eec});
+        put_be16(octets(frame).subspan(PDU_AT), 15, tlv.length);
         return hear_raw(index, frame);
     }
     // Of the next PDU on port 2; what is reserved must be zero.

@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "scenario/sim.h"
+#include "scenario/source_model.h"
 
 namespace {
 
@@ -15,6 +16,22 @@ constexpr std::uint32_t PORTS = 6;
 constexpr std::uint8_t QUALITIES[] = {QL_PRC, QL_SSU_A, QL_SSU_B, QL_EEC1, QL_DNU,
                                       QL_PRS, QL_STU,   QL_ST2,   QL_EEC2, 5};
 constexpr const char* TOKENS[] = {"prc", "ssu-a", "ssu-b", "eec1", "dnu", "na", "prs", "st2", "tnc", "dus"};
+constexpr const char* LIMITS[] = {"ssu-a", "na", "prc", "na", "ssu-b", "na", "prtc", "eprc", "eeec", "st2"};
+
+// What can be in force beside each other; a forced and a manual switch can't.
+enum feature {
+    HOLD_OFF,
+    RESTORE,
+    LOCKOUT,
+    FORCED,
+    MANUAL,
+    LIMIT,
+    NON_REVERTIVE,
+    OWN_FORM,
+    STANDARD_FORM,
+    GUARD,
+    FEATURES
+};
 
 struct step {
     std::size_t what;
@@ -53,18 +70,25 @@ class random_rules : public sim {
         broken.clear();
         holdover_word = 1;
         last_said.clear();
+        model = {};
         daemon->on_sent = [this](std::uint32_t index, const_octets frame) {
-            check_sent(index, frame[PDU_AT + 13]);
+            check_sent(index, frame.subspan(PDU_AT));
         };
         for (std::uint32_t i = 1; i <= PORTS; ++i) nsm_says(NSM_MSG_LINK_ADD, port_body(i));
+        follow_records();
         std::optional<fault> found;
         for (std::size_t i = 0; i < steps.size() && !found; ++i) {
             const auto act = [&] { ACTIONS[steps[i].what].run(*this, steps[i]); };
+            chosen = false;
+            former = {g_s_master->selected_port, g_s_master->manual_port};
             if (ACTIONS[steps[i].what].is_command)
                 daemon->in_event(act);
             else
                 act();
+            follow_records();
             check_records();
+            check_sources();
+            note_features();
             check_requests();
             if (!broken.empty()) found = fault{i, broken};
         }
@@ -96,7 +120,7 @@ class random_rules : public sim {
         bool is_command;
         void (*run)(random_rules&, const step&);
     };
-    static const action ACTIONS[34];
+    static const action ACTIONS[40];
 
     std::string broken;
 
@@ -111,11 +135,101 @@ class random_rules : public sim {
             pdu = {.quality = s.quality(), .extended = s.other / 4 % 2 == 0};
             pdu.clock_id = {0, 1, 2, 0xFF, 0xFE, 0, 0, static_cast<std::uint8_t>(s.other / 8 % 4)};
             pdu.hops = static_cast<std::uint8_t>(s.other / 32 % 3);
+            pdu.standard = s.other / 128 % 2;
+            pdu.enhanced = static_cast<std::uint8_t>(s.other / 256 % 3 ? 0xFF : 0x20 + s.other / 768 % 4);
+            pdu.eec = pdu.hops;
         }
         pdu.event = event;
-        const bool taken = takes(s.port, pdu.quality);
+        chosen = takes(s.port, pdu.quality);
         hear(s.port, pdu);
-        if (taken) check_choice_is_settled();
+        if (!chosen) return;
+        source_model::heard(port(s.port), &model.ports[s.port], daemon->now_ms());
+        check_choice_is_settled();
+    }
+
+    void change_link(std::uint32_t index, bool up, bool bind) {
+        const ssm_port* p = port(index);
+        const bool watched = p && model.ports.contains(index),
+                   skipped = p && p->event_skip & SSM_SKIP_NEXT_DOWN;
+        const std::uint64_t now = daemon->now_ms();
+        source_model::watched* w = watched ? &model.ports[index] : nullptr;
+        // Before the event, while what the port offers is what it was.
+        if (watched && up) source_model::link_recovers(p, w, now);
+        if (watched && !up && w->up && !skipped && (p->intf->up || !bind))
+            (void)source_model::fails(p, w, true, now);
+        if (bind)
+            nsm_says(NSM_MSG_LINK_ADD, port_body(index, up));
+        else if (up)
+            link_up(index);
+        else
+            link_down(index);
+    }
+
+    // From one moment at which something is due to the next: nothing happens to a port between.
+    void wait(std::uint64_t ms) {
+        for (const std::uint64_t end = daemon->now_ms() + ms; daemon->now_ms() < end;) {
+            std::uint64_t next = end;
+            const std::uint64_t now = daemon->now_ms();
+            const auto sooner = [&](std::uint64_t due) {
+                if (due > now) next = std::min(next, due);
+            };
+            ssm_port_walk([&](const ssm_port* p) {
+                sooner(silent_at(p));
+                sooner(model.ports[p->ifindex].held_until);
+                sooner(model.ports[p->ifindex].restored_at);
+            });
+            if (next > now + 1) advance(static_cast<std::uint32_t>(next - 1 - now));
+            check_sources();
+            become_due(next);
+        }
+    }
+    std::uint64_t silent_at(const ssm_port* p) {
+        return p->timeout_timer ? daemon->now_ms() + thread_timer_remaining_ms(p->timeout_timer) : 0;
+    }
+    void become_due(std::uint64_t now) {
+        std::vector<std::uint32_t> silent, lost;
+        ssm_port_walk([&](const ssm_port* p) {
+            source_model::watched& w = model.ports[p->ifindex];
+            if (w.held_until == now) {
+                const bool link = w.held_link;
+                source_model::failed(p, &w, link);
+                (link ? lost : silent).push_back(p->ifindex);
+            }
+            if (silent_at(p) == now && w.up && !source_model::fails(p, &w, false, now))
+                silent.push_back(p->ifindex);
+            if (w.restored_at == now) {
+                w.failed = false;
+                w.restored_at = 0;
+                chosen = true;
+            }
+        });
+        chosen &= silent.empty() && lost.empty();
+        former = {g_s_master->selected_port, g_s_master->manual_port};
+        advance(1);
+        for (const std::uint32_t index : silent)
+            rule(port(index)->recv_quality == QL_NONE && !port(index)->recv_pdu,
+                 "who is silent is forgotten");
+        check_sources();
+        chosen = false;
+    }
+
+    void end_restore(ssm_port* which) {
+        for (auto& [index, w] : model.ports)
+            if (!which || which->ifindex == index)
+                w = {w.up, w.held_link, w.held_silence, false, w.held_until, 0};
+        chosen = ssm_opts_end_restore(which) == 0;
+    }
+
+    // Records that came or went with the last step.
+    void follow_records() {
+        for (std::uint32_t i = 1; i <= PORTS; ++i) {
+            const ssm_port* p = port(i);
+            if (!p)
+                model.ports.erase(i);
+            else if (!model.ports.contains(i))
+                model.ports[i].up = p->link_up;
+            if (p && !p->synce_enable) model.ports[i] = {.up = model.ports[i].up};
+        }
     }
 
     // As the command does it.
@@ -158,7 +272,72 @@ class random_rules : public sim {
         rule(m.gephy_manual_count == manual, "count of manual gephy roles");
     }
 
-    void check_sent(std::uint32_t index, std::uint8_t quality) {
+    // Failures are as they must be, to the millisecond; and the choice, where one has just been made.
+    void check_sources() {
+        const std::uint64_t now = daemon->now_ms();
+        ssm_port_walk([&](const ssm_port* p) {
+            const source_model::watched& w = model.ports[p->ifindex];
+            rule(p->link_up == w.up, "a lost link counts after the hold-off, and then at once");
+            rule(ssm_hold_off_left_ms(p) == (w.held_until ? w.held_until - now : 0),
+                 "time left of the hold-off");
+            rule(p->failed == w.failed, "a source has failed until it was restored");
+            rule(ssm_restore_left_s(p) == (w.restored_at ? (w.restored_at - now + 999) / 1000 : 0),
+                 "time left of waiting to restore");
+        });
+        const ssm_master& m = *g_s_master;
+        if (chosen && source_model::runs() && m.device_type != SSM_MASTER_ONLY && !m.force_port)
+            check_choice();
+    }
+
+    // Every rule but the guard's, which may refuse any of them.
+    void check_choice() {
+        const ssm_master& m = *g_s_master;
+        const ssm_port* source = m.selected_port;
+        rule(!source || model.candidate(source), "the source is a candidate");
+        const source_model::choice all = model.candidates();
+        const int own = source_model::place(static_cast<ssm_quality>(m.local_quality));
+        if (!all.known || own == 99 || (m.guard.enable && m.ssm_extend)) return;
+        const auto among = [&](const ssm_port* p) { return std::ranges::count(all.best, p) == 1; };
+        const ssm_port* best = all.best.empty() ? nullptr : all.best[0];
+        if (m.non_revertive && among(former.source)) best = former.source;
+        if (among(former.manual) && among(m.manual_port)) best = former.manual;
+        if (among(m.manual_port)) best = m.manual_port;
+        rule(!m.manual_port || among(m.manual_port), "a manual switch is to a port of the best quality");
+        const int offer = best ? source_model::place(source_model::offered(best)) : 99;
+        const bool own_better =
+            m.device_type != SSM_SLAVE_ONLY &&
+            (own < offer || (own == offer && best != m.manual_port && best->priority >= m.local_priority));
+        if (own_better) best = nullptr;
+        rule(source == best, "the source is the one that the rules choose");
+        rule(m.manual_port || !among(former.manual) || own <= offer, "a manual switch ends for a reason");
+        rule(!source || m.dpll_state == SSM_DPLL_HOLDOVER ||
+                 m.current_quality == source_model::offered(source),
+             "what the source offers is advertised");
+    }
+
+    void note_features() {
+        const ssm_master& m = *g_s_master;
+        bool now[FEATURES] = {};
+        now[FORCED] = m.force_port;
+        now[MANUAL] = m.manual_port;
+        now[NON_REVERTIVE] = m.non_revertive;
+        now[GUARD] = m.guard.enable && m.ssm_extend;
+        ssm_port_walk([&](const ssm_port* p) {
+            const source_model::watched& w = model.ports[p->ifindex];
+            now[HOLD_OFF] |= w.held_until != 0;
+            now[RESTORE] |= w.restored_at != 0;
+            now[LOCKOUT] |= p->lockout && source_model::offers(p, w);
+            now[LIMIT] |= source_model::offers(p, w) &&
+                          (p->min_rx_quality != QL_NONE || source_model::offered(p) != p->recv_quality);
+            const bool standard = (p->extend_form ? p->extend_form : m.extend_form) == SSM_FORM_STANDARD;
+            now[standard ? STANDARD_FORM : OWN_FORM] |= m.ssm_extend && p->send_timer;
+        });
+        for (std::size_t one = 0; one < FEATURES; ++one)
+            for (std::size_t other = 0; other < one; ++other) together[one][other] += now[one] && now[other];
+    }
+
+    void check_sent(std::uint32_t index, const_octets pdu) {
+        const std::uint8_t quality = pdu[13];
         const ssm_port* p = port(index);
         rule(p != nullptr, "PDUs leave on ports with a record");
         if (!p || !p->link_up) return;  // nothing leaves
@@ -171,6 +350,14 @@ class random_rules : public sim {
         rule(!source || !p->dnu_group || p->dnu_group != source->dnu_group || quality == QL_DNU,
              "the source's DNU group is told DNU");
         rule(quality != QL_NONE && quality <= QL_DNU, "qualities on the wire are codes");
+        rule(virtual_daemon::is_extension(quality, pdu.subspan(14)), "an extended TLV is one of two forms");
+        const auto current = static_cast<ssm_quality>(g_s_master->current_quality);
+        const bool placed = g_s_master->force_port == nullptr && source_model::place(current) != 99;
+        if (!placed) return;
+        const ssm_quality due = source_model::to_send(p, current);
+        rule(quality == (due & 0xFF), "what is sent is within the limits");
+        const int enhanced = due >> 8 ? due >> 8 : 0xFF;
+        rule(pdu[16] != 20 || pdu[17] == enhanced, "the enhanced code is that of the quality");
     }
 
     // Holdover is requested on and off in turn, never twice the same; a source is named again only by a force
@@ -202,16 +389,25 @@ class random_rules : public sim {
 
     std::uint32_t holdover_word = 1;
     std::map<std::uint32_t, neighbour_pdu> last_said;
+
+    source_model model;
+    bool chosen = false;  // the last step made a choice
+    struct {
+        const ssm_port *source, *manual;
+    } former = {};  // before it
+
+  protected:
+    std::uint64_t together[FEATURES][FEATURES] = {};  // after how many steps both were in force
 };
 
 // Frames and time are most of a switch's life.
 const random_rules::action random_rules::ACTIONS[] = {
     {"hear_information", 30, false, [](auto& t, auto& s) { t.hear_from(s, false); }},
     {"hear_event", 6, false, [](auto& t, auto& s) { t.hear_from(s, true); }},
-    {"wait", 30, false, [](auto& t, auto& s) { t.advance(1 + s.value % 2500); }},
-    {"link_up", 4, false, [](auto& t, auto& s) { t.link_up(s.port); }},
-    {"link_down", 4, false, [](auto& t, auto& s) { t.link_down(s.port); }},
-    {"bind", 3, false, [](auto& t, auto& s) { t.nsm_says(NSM_MSG_LINK_ADD, port_body(s.port, s.on())); }},
+    {"wait", 30, false, [](auto& t, auto& s) { t.wait(1 + s.value % 2500); }},
+    {"link_up", 4, false, [](auto& t, auto& s) { t.change_link(s.port, true, false); }},
+    {"link_down", 4, false, [](auto& t, auto& s) { t.change_link(s.port, false, false); }},
+    {"bind", 3, false, [](auto& t, auto& s) { t.change_link(s.port, s.on(), true); }},
     {"unbind", 2, false, [](auto& t, auto& s) { t.unbind(s.port, s.on()); }},
     {"dpll", 4, false, [](auto& t, auto& s) { t.report_clock(1 + s.value % 5, s.other % 9); }},
     {"foreign_frame", 3, false,
@@ -249,23 +445,62 @@ const random_rules::action random_rules::ACTIONS[] = {
     {"replace", 2, true, [](auto& t, auto& s) { (void)ssm_opts_set_port_replace_clockid(t.intf(s.port), s.on()); }},
     {"forced", 3, true,
      [](auto& t, auto& s) {
-         (void)ssm_opts_set_port_quality(t.intf(s.port), 1 + s.on(), TOKENS[s.other % std::size(TOKENS)]);
+         const ssm_port* p = t.port(s.port);
+         const char* token = TOKENS[s.other % std::size(TOKENS)];
+         (void)ssm_opts_set_port_quality(t.intf(s.port), 1 + s.on(), token);
+         if (p && p->force_rx_quality != QL_NONE)
+             source_model::without_fault(p, &t.model.ports[s.port], t.daemon->now_ms());
      }},
     {"force", 1, true,
      [](auto& t, auto& s) {
          if (t.port(s.port)) (void)ssm_opts_set_force_port(t.port(s.port));
      }},
     {"unforce", 1, true, [](auto&, auto&) { (void)ssm_opts_clear_force(); }},
-    {"hold_off", 1, true, [](auto&, auto& s) { (void)ssm_opts_set_hold_off(s.on() * 300); }},
+    {"hold_off", 1, true, [](auto&, auto& s) { (void)ssm_opts_set_hold_off(s.mostly_on() * 1800); }},
+    {"port_hold_off", 1, true,
+     [](auto& t, auto& s) { (void)ssm_opts_set_port_hold_off(t.intf(s.port), s.on() * 300); }},
     {"restore", 1, true, [](auto&, auto& s) { (void)ssm_opts_set_restore(s.on() * 7); }},
-    {"lockout", 2, true, [](auto& t, auto& s) { (void)ssm_opts_set_port_lockout(t.intf(s.port), s.on()); }},
+    {"port_restore", 1, true,
+     [](auto& t, auto& s) {
+         if (s.on())
+             (void)ssm_opts_set_port_restore(t.intf(s.port), s.other % 3 * 5);
+         else
+             (void)ssm_opts_unset_port_restore(t.intf(s.port));
+     }},
+    {"end_restore", 1, true, [](auto& t, auto& s) { t.end_restore(s.on() ? t.port(s.port) : nullptr); }},
+    {"lockout", 2, true,
+     [](auto& t, auto& s) {
+         const ssm_port* p = t.port(s.port);
+         t.chosen = p && p->lockout != (s.value % 4 == 0);
+         (void)ssm_opts_set_port_lockout(t.intf(s.port), s.value % 4 == 0);
+     }},
     {"manual", 3, true,
      [](auto& t, auto& s) {
          const char* why = nullptr;
-         (void)ssm_opts_manual_switch(t.intf(s.port), &why);
+         t.chosen = ssm_opts_manual_switch(t.intf(s.port), &why) == 0;
+         t.former.manual = t.chosen ? t.port(s.port) : nullptr;
      }},
-    {"clear_switch", 1, true, [](auto&, auto&) { (void)ssm_opts_clear_switch(); }},
-    {"non_revertive", 1, true, [](auto&, auto& s) { (void)ssm_opts_set_non_revertive(s.on()); }},
+    {"clear_switch", 1, true,
+     [](auto& t, auto&) {
+         t.former.manual = nullptr;
+         t.chosen = ssm_opts_clear_switch() == 0;
+     }},
+    {"non_revertive", 1, true,
+     [](auto& t, auto& s) {
+         t.chosen = g_s_master->non_revertive != s.on();
+         (void)ssm_opts_set_non_revertive(s.on());
+     }},
+    {"limit", 3, true,
+     [](auto& t, auto& s) {
+         const ssm_limit limit = s.value / 2 % 2 ? ssm_limit::maximum : ssm_limit::minimum;
+         (void)ssm_opts_set_port_limit(t.intf(s.port), 1 + s.on(), limit, LIMITS[s.other % std::size(LIMITS)]);
+     }},
+    {"form", 1, true,
+     [](auto& t, auto& s) {
+         (void)ssm_opts_set_extend_form(1 + s.on());
+         (void)ssm_opts_set_port_extend_form(t.intf(s.port), s.other % 3);
+     }},
+    {"clock_type", 1, true, [](auto&, auto& s) { (void)ssm_opts_set_clock_type(s.on()); }},
     {"gephy", 3, true, [](auto& t, auto& s) { set_gephy_by_command(t.intf(s.port), s.on(), 1 + s.other % 2); }},
     {"ssm_gephy", 2, true,
      [](auto&, auto& s) {
@@ -290,6 +525,9 @@ TEST_F(random_rules, hold_after_every_step) {
         FAIL() << "broken: " << found->what << " (seed " << seed << "); shortest script:\n"
                << print(shrink(steps));
     }
+    for (std::size_t one = 0; one < FEATURES && total >= 450'000; ++one)
+        for (std::size_t other = 0; other < one; ++other)
+            EXPECT_EQ(together[one][other] > 0, one != MANUAL || other != FORCED) << one << " with " << other;
 }
 
 }  // namespace
