@@ -1,10 +1,8 @@
 // Networks of switches in virtual time: what is connected to what, what happens when, and what came of it. A
-// network is plain data, so that it can be drawn at random, made smaller while it still fails, and printed as
-// a script.
+// network is plain data that follows from a seed.
 #pragma once
 
 #include <cstdint>
-#include <string>
 #include <vector>
 
 #include "network/switch.h"
@@ -55,27 +53,3 @@ enum class network_means : std::uint8_t { nothing, own_quality, replacing, guard
 
 network_plan random_plan(network_kind kind, network_means means, std::uint32_t switches, std::uint32_t seed,
                          double loss, std::uint32_t hold_ms);
-std::string script_of(const network_plan& plan);
-// False when it is none.
-bool read_script(std::istream& in, network_plan* plan);
-
-network_plan without_event(const network_plan& plan, std::size_t event);
-network_plan without_link(const network_plan& plan, std::uint32_t link);
-network_plan without_switch(const network_plan& plan, std::uint32_t number);
-
-// The smallest network that still fails, as far as leaving things out one by one leads.
-template <typename Fails>
-network_plan shrink(network_plan plan, Fails&& fails) {
-    for (bool smaller = true; smaller;) {
-        smaller = false;
-        const auto attempt = [&](const network_plan& less) {
-            if (smaller || !fails(less)) return;
-            plan = less;
-            smaller = true;
-        };
-        for (std::uint32_t i = 0; !smaller && i < plan.switches.size(); ++i) attempt(without_switch(plan, i));
-        for (std::uint32_t i = 0; !smaller && i < plan.links.size(); ++i) attempt(without_link(plan, i));
-        for (std::size_t i = 0; !smaller && i < plan.events.size(); ++i) attempt(without_event(plan, i));
-    }
-    return plan;
-}

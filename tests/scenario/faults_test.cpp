@@ -217,32 +217,6 @@ TEST_F(command_faults, an_installation_that_runs_out_of_memory_leaks_nothing) {
 
 // ---- Sending ----
 
-TEST_F(faults, a_port_that_cant_send_is_counted_and_harms_no_other) {
-    start_switch(6);
-    const std::pair<int, std::uint64_t slow_port_stats::*> errors[] = {
-        {ENOBUFS, &slow_port_stats::no_buffer},
-        {EAGAIN, &slow_port_stats::again},
-        {ENETDOWN, &slow_port_stats::link_down},
-        {ENXIO, &slow_port_stats::no_device},
-        {EIO, &slow_port_stats::other_errors}};
-    w.links.clear();
-    slow_port_stats before[5], after;
-    for (std::uint32_t i = 0; i < std::size(errors); ++i) {
-        w.send_errors[i + 2] = errors[i].first;
-        ASSERT_TRUE(slow_socket_port_stats(i + 2, &before[i]));
-    }
-    pass_with_source(10);
-    for (std::uint32_t i = 0; i < std::size(errors); ++i) {
-        const auto [error, count] = errors[i];
-        ASSERT_TRUE(slow_socket_port_stats(i + 2, &after));
-        EXPECT_EQ(after.*count - before[i].*count, 10U) << strerror(error);
-        EXPECT_EQ(after.frames_out, before[i].frames_out);
-    }
-    std::memset(w.send_errors, 0, sizeof w.send_errors);
-    expect_all_talk(6);
-    w.stop();
-}
-
 // ---- Time ----
 
 TEST_F(faults, a_stop_of_ten_seconds_ends_without_a_burst) {

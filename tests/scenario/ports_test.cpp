@@ -6,25 +6,6 @@ namespace {
 
 using ports = sim;
 
-TEST_F(ports, removal_leaves_no_reference_and_takes_its_counts_along) {
-    add_ports({1, 2});
-    for (std::uint32_t direction : {SSM_ESMC_RX, SSM_ESMC_TX})
-        ASSERT_EQ(ssm_opts_set_port_quality(intf(1), direction, "prc"), 0);
-    g_s_master->gephy_dynamic = 1;
-    hear(1, QL_PRC);
-    ASSERT_EQ(ssm_opts_set_force_port(port(1)), 0);
-    port(1)->gephy_by_command = 1;
-    g_s_master->gephy_manual_count = 1;
-    ASSERT_EQ(selected(), 1U);
-
-    unbind(1);
-    EXPECT_EQ(intf(1), nullptr);
-    virtual_daemon::check_records();
-    EXPECT_EQ(g_s_master->gephy_manual_count, 0U);
-    EXPECT_EQ(ssm_opts_set_local_quality(QL_PRS, SSM_OPTION_2), 0);
-    advance(7000);  // a timer of the freed record would run now
-}
-
 TEST_F(ports, unbound_ports_keep_their_place_and_start_from_defaults) {
     add_ports({1, 2});
     ASSERT_EQ(ssm_opts_set_port_priority(intf(1), 7), 0);

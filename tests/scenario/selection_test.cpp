@@ -46,44 +46,6 @@ TEST_F(selection, quality_then_priority_then_hops_then_index) {
     expect_winner(3, 4, "interface index");  // hops do not count without the extension
 }
 
-// The walk's order must never show: all orders in which ports are added and heard choose the same one.
-TEST_F(selection, no_order_of_ports_changes_the_choice) {
-    std::vector<std::pair<std::uint32_t, std::uint8_t>> offers = {
-        {2, QL_SSU_A}, {5, QL_PRC}, {7, QL_SSU_B}, {9, QL_PRC}};
-    do {
-        for (const auto& offer : offers) add_port(offer.first);
-        for (const auto& [index, quality] : offers) hear(index, quality);
-        EXPECT_EQ(selected(), 5U);
-        for (const auto& offer : offers) unbind(offer.first);
-    } while (std::next_permutation(offers.begin(), offers.end()));
-}
-
-TEST_F(selection, option_2_ranks_its_codes_by_the_standards_order_and_not_by_their_numbers) {
-    ASSERT_EQ(ssm_opts_set_local_quality(QL_DNU, SSM_OPTION_2), 0);
-    const std::array order = {QL_PRS, QL_STU, QL_ST2, QL_TNC, QL_ST3E, QL_EEC2, QL_SMC, QL_PROV, QL_DNU};
-    for (std::size_t i = 0; i < order.size(); ++i)
-        for (std::size_t j = 0; j < order.size(); ++j)
-            EXPECT_EQ(ssm_ql_compare(order[i], order[j]), (i > j) - (i < j)) << order[i] << " " << order[j];
-    add_ports({1, 2});
-    EXPECT_EQ(source_after(hear(1, QL_TNC)), 1U);
-    take_requests();
-    EXPECT_EQ(after(hear(2, QL_ST2)), outcome(2, QL_ST2, {source(2)}));
-}
-
-TEST_F(selection, own_clock_beats_a_worse_or_equal_port_in_the_default_role_only) {
-    add_port(1);
-    lock_to(1, QL_SSU_A);
-    ASSERT_EQ(ssm_opts_set_local_quality(QL_EEC1, SSM_OPTION_1), 0);
-    EXPECT_EQ(after(hear(1, QL_EEC1)), outcome(0, QL_EEC1, {holdover(true)}))
-        << "equal, and so the priorities";
-    ASSERT_EQ(ssm_opts_set_port_priority(intf(1), 254), 0);
-    EXPECT_EQ(after(hear(1, QL_EEC1)), outcome(1, QL_EEC1, {holdover(false), source(1)}));
-    ASSERT_EQ(ssm_opts_set_local_quality(QL_PRC, SSM_OPTION_1), 0);
-    EXPECT_EQ(source_after(hear(1, QL_EEC1)), 0U) << "worse than our own";
-    ASSERT_EQ(ssm_opts_set_device_type(SSM_SLAVE_ONLY), 0);
-    EXPECT_EQ(source_after(hear(1, QL_EEC1)), 1U) << "a slave never looks at itself";
-}
-
 TEST_F(selection, master_only_selects_nothing_and_advertises_its_own_quality) {
     add_port(1);
     lock_to(1);
@@ -95,29 +57,6 @@ TEST_F(selection, master_only_selects_nothing_and_advertises_its_own_quality) {
     EXPECT_EQ(port(1)->recv_pdu, 0U);
     pass(1000);
     EXPECT_EQ(last_qualities()[1], QL_EEC1);
-}
-
-TEST_F(selection, each_refusal_keeps_a_better_port_from_being_chosen) {
-    const std::pair<ssm_refusal, void (*)(ssm_port*)> cases[] = {
-        {ssm_refusal::synce_disabled, [](ssm_port* p) { p->synce_enable = 0; }},
-        {ssm_refusal::link_down, [](ssm_port* p) { p->link_up = 0; }},
-        {ssm_refusal::nothing_received, [](ssm_port* p) { p->recv_pdu = 0; }},
-        {ssm_refusal::forced_dnu, [](ssm_port* p) { p->force_rx_quality = QL_DNU; }},
-        {ssm_refusal::received_dnu, [](ssm_port* p) { p->recv_quality = QL_DNU; }},
-    };
-    add_ports({1, 2});
-    for (const auto& [refusal, make] : cases) {
-        hear(2, QL_SSU_A);
-        hear(1, QL_PRC);
-        ASSERT_EQ(selected(), 1U);
-        const ssm_port before = *port(1);
-        make(port(1));
-        EXPECT_EQ(ssm_candidate_check(port(1)), refusal);
-        hear(2, QL_SSU_A);
-        EXPECT_EQ(selected(), 2U) << ssm_refusal_text(refusal);
-        *port(1) = before;
-        hear(1, QL_PRC);
-    }
 }
 
 TEST_F(selection, own_clock_and_what_a_replacing_port_receives_are_never_a_source) {

@@ -40,20 +40,6 @@ TEST_F(timers, directions_decide_what_is_sent_and_taken) {
     EXPECT_EQ(ssm_opts_set_port_esmc(intf(1), 5), SSM_CLI_E_INVALID_INPUT);
 }
 
-TEST_F(timers, directions_are_added_and_removed) {
-    std::uint32_t& mode = add_port(1)->esmc_mode;
-    const auto mode_of = [](std::uint32_t bits) { return bits ? bits : std::uint32_t{SSM_ESMC_NONE}; };
-    for (std::uint32_t before = 0; before <= 3; ++before)
-        for (std::uint32_t value = 1; value <= 3; ++value) {
-            mode = mode_of(before);
-            ASSERT_EQ(ssm_opts_set_port_esmc(intf(1), value), 0);
-            EXPECT_EQ(mode, mode_of(before | value)) << before << " add " << value;
-            mode = mode_of(before);
-            ASSERT_EQ(ssm_opts_unset_port_esmc(intf(1), value), 0);
-            EXPECT_EQ(mode, mode_of(before & ~value)) << before << " remove " << value;
-        }
-}
-
 TEST_F(timers, silence_of_five_seconds_ends_in_holdover) {
     add_port(1);
     lock_to(1);
@@ -143,23 +129,6 @@ TEST_F(timers, frames_that_must_not_count) {
     EXPECT_EQ(port(1)->recv_hop_count, 0);
     const std::array<std::uint8_t, 8> id = {0xAA, 1, 2};
     EXPECT_TRUE(std::equal(id.begin(), id.end(), port(1)->recv_clockid));
-}
-
-TEST_F(timers, indexes_above_eight_bits_are_looked_up_by_their_low_octet) {
-    add_port(300);
-    hear(300, QL_PRC);
-    EXPECT_EQ(port(300)->recv_pdu, 0U);
-    EXPECT_EQ(ssm_port_lookup_by_ifindex(300), nullptr);
-    add_port(44);
-    EXPECT_EQ(ssm_port_lookup_by_ifindex(300), port(44));
-    hear(300, QL_PRC);
-    EXPECT_EQ(port(44)->recv_pdu, 0U) << "another port's frame";
-    hear(44, QL_PRC);
-    EXPECT_EQ(port(44)->recv_pdu, 1U);
-    unbind(300);  // the list moves; the lookup must follow
-    EXPECT_EQ(ssm_port_lookup_by_ifindex(44), port(44));
-    unbind(44);
-    EXPECT_EQ(ssm_port_lookup_by_ifindex(44), nullptr);
 }
 
 TEST_F(timers, a_port_that_brings_too_many_frames_costs_nothing_and_others_are_heard) {

@@ -12,18 +12,6 @@ class transmit : public sim {
     }
 };
 
-TEST_F(transmit, overrides_in_their_order) {
-    ASSERT_EQ(ssm_opts_set_port_quality(intf(1), SSM_ESMC_TX, "prc"), 0);
-    for (std::uint32_t i : {2U, 3U}) ASSERT_EQ(ssm_opts_set_port_quality(intf(i), SSM_ESMC_TX, "ssu-b"), 0);
-    for (std::uint32_t i : {1U, 2U}) ASSERT_EQ(ssm_opts_set_port_dnu_group(intf(i), 5), 0);
-    ASSERT_EQ(ssm_opts_set_port_dnu_group(intf(4), 6), 0);
-    pass(1000);
-    EXPECT_EQ(last_qualities(), (qualities{{1, QL_PRC}, {2, QL_SSU_B}, {3, QL_SSU_B}, {4, QL_DNU}}));
-    hear(1, QL_SSU_A);
-    EXPECT_EQ(last_qualities(), (qualities{{1, QL_DNU}, {2, QL_DNU}, {3, QL_SSU_B}, {4, QL_SSU_A}}));
-    EXPECT_EQ(port(2)->send_quality, QL_DNU);
-}
-
 TEST_F(transmit, plain_pdu_octet_by_octet) {
     hear(1, QL_SSU_A);
     std::vector<std::uint8_t> expected = {0x0A, 0x00, 0x19, 0xA7, 0x00, 0x01, 0x18,

@@ -11,11 +11,6 @@ using lines = std::vector<std::string>;
 
 using result_output = daemon_test;
 
-TEST_F(result_output, failed_operation_is_logged_once_and_its_code_returned) {
-    EXPECT_EQ(ssm_op_failed(SSM_E_TIMER, "some_operation", 42), SSM_E_TIMER);
-    EXPECT_EQ(logged(), lines{": ESMCD OP failed: rv = -990, some_operation:42. SSM_E_TIMER"});
-}
-
 using debug_mask = daemon_test;
 
 // The trace of the commands tests the mask before the change.

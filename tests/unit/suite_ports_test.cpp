@@ -254,32 +254,6 @@ struct Kernel : Socket {
     }
 };
 
-TEST_F(Kernel, ABurstIsTakenInItsOrder) {
-    constexpr unsigned BURST = 320;  // more than a socket's ordinary buffer holds
-    make_ports(4);
-    const std::uint64_t drops_before = slow_socket_stats().kernel_drops;
-    octet_string p = PDU;
-    inject(0, frame(octet_string(46, 1)));  // LACP
-    for (unsigned n = 0; n < BURST; ++n) {
-        p[1] = static_cast<std::uint8_t>(n / 4);
-        inject(n % 4, frame(p));
-    }
-    ASSERT_TRUE(read_until(BURST)) << frames.size();
-    for (unsigned n = 0; n < BURST; ++n) {
-        ASSERT_EQ(frames[n].first.ifindex, n % 4 + 1) << n;
-        ASSERT_EQ(frames[n].second[1], n / 4) << n;
-    }
-    EXPECT_EQ(slow_socket_stats().kernel_drops, drops_before);
-    EXPECT_EQ(stats_of(2).frames_in, BURST / 4);
-    // One at a time from here on: what is read ahead must never hold a frame back.
-    frames.clear();
-    for (unsigned n = 1; n <= 50; ++n) {
-        inject(n % 4, frame({0x0A, 0xAB, 0xCD}));  // shorter than Ethernet's least: accepted
-        ASSERT_TRUE(read_until(n));
-        ASSERT_EQ(frames.back().second, (octet_string{0x0A, 0xAB, 0xCD}));
-    }
-}
-
 // Sooner or later each frame has either been read or been counted.
 // The kernel knows the device a moment later than we were told of it.
 TEST_F(Kernel, AGroupThatCanNotBeJoinedIsJoinedLater) {
