@@ -151,29 +151,3 @@ def test_clock_goes_to_holdover_at_once_or_when_nobody_chooses_in_the_grace_time
     watch.feeding.set()
     settle(linked)
     assert "unwatched" not in status_of(linked)
-
-
-def test_killed_nsmd_keeps_the_indexes_and_learns_of_a_link_lost_meanwhile(linked, watch):
-    """Indexes that a fresh look at the kernel would not give: of a port made anew, and of ports beyond 255."""
-    lab = linked.lab
-    lab._next_index = 1000
-    lab.link(linked, "p3", lab.tester, "t3")
-    linked.wait_port("p3", up="enable")
-    for port in ("p2", "p3"):
-        linked.ip("link", "delete", port)
-        wait_until(lambda: linked.port(port) == {}, 3)
-        lab.link(linked, port, lab.tester, "t" + port[1:])
-        linked.wait_port(port, up="enable")
-
-    def indexes():
-        return sorted(line.split(":")[0] for line in status_of(linked).splitlines() if line.startswith("port "))
-    numbers = indexes()
-    linked.nsmd.kill()
-    watch.feeding.clear()
-    lab.tester.link_set("t1", False)
-    linked.wait_clock(3, source="p1")
-    start_nsmd(linked)
-    linked.wait_clock(3, source="N/A", state="Holdover")
-    wait_holdover(linked)
-    linked.wait_port("p1", up="disable", priority="10")
-    assert indexes() == numbers

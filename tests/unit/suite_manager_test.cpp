@@ -279,20 +279,6 @@ TEST_F(NsmClient, TriesAgainAtLeastOnceASecond) {
     EXPECT_EQ(logged(LOG_LEVEL_WARNING).size(), 2u);
 }
 
-TEST_F(NsmClient, ShowsItsStateAndWhatItKeeps) {
-    ASSERT_EQ(lib_start(ctx), 0);
-    log_use_sink(LOG_SINK_STDERR, false);
-    ASSERT_EQ(nsm_client_cli_init(ctx), 0);
-    connect();
-    say({SYNC_DONE});
-    EXPECT_EQ(nsm_client_send_ssm_selected_if_index(client, {4, 0}), 0);
-    EXPECT_EQ(line_runner(ctx).run("show nsm"),
-              "NSM link: synchronised\n"
-              "  Connections 1, messages received 2, sent 2, dropped 0\n"
-              "Requests kept: 1\n"
-              "  selected interface     4 0\n");
-}
-
 TEST_F(NsmClient, MayBeStoppedInsideAHook) {
     connect();
     stops_in_bind = true;
