@@ -417,6 +417,7 @@ const random_rules::action random_rules::ACTIONS[] = {
          const ssm_quality before = p ? p->recv_quality : ssm_quality{QL_NONE};
          t.hear(256 + s.port, s.quality());
          t.rule(!p || p->recv_quality == before, "an index above 255 is no port's");
+         t.rule(ssm_port_lookup_by_ifindex(256 + s.port) == p, "lookups are by the low octet");
          t.unbind(256 + s.port);
      }},
     {"global", 1, true, [](auto&, auto& s) { (void)ssm_opts_set_global_enable(s.mostly_on()); }},
