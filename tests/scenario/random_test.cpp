@@ -190,6 +190,12 @@ class random_rules : public sim {
         std::vector<std::uint32_t> silent, lost;
         ssm_port_walk([&](const ssm_port* p) {
             source_model::watched& w = model.ports[p->ifindex];
+            // Of what is due at the same moment this was begun first: the others take no longer.
+            if (w.restored_at == now) {
+                w.failed = false;
+                w.restored_at = 0;
+                chosen = true;
+            }
             if (w.held_until == now) {
                 const bool link = w.held_link;
                 source_model::failed(p, &w, link);
@@ -197,11 +203,6 @@ class random_rules : public sim {
             }
             if (silent_at(p) == now && w.up && !source_model::fails(p, &w, false, now))
                 silent.push_back(p->ifindex);
-            if (w.restored_at == now) {
-                w.failed = false;
-                w.restored_at = 0;
-                chosen = true;
-            }
         });
         chosen &= silent.empty() && lost.empty();
         former = {g_s_master->selected_port, g_s_master->manual_port};
