@@ -31,15 +31,23 @@ bool receive(int fd, void* to, std::size_t count) {
     return true;
 }
 
-bool copy_output(int fd, std::size_t count) {
+using printer = void (*)(std::string_view data);
+
+bool copy_output(int fd, std::size_t count, printer print) {
     char chunk[16384];
     while (count) {
         std::size_t part = count < sizeof chunk ? count : sizeof chunk;
         if (!receive(fd, chunk, part)) return false;
-        client_print({chunk, part});
+        print({chunk, part});
         count -= part;
     }
     return true;
+}
+
+bool send_request(int fd, std::string_view line) {
+    std::uint8_t length[BATCH_REQUEST_HEADER];
+    put_be32(length, 0, static_cast<std::uint32_t>(line.size()));
+    return client_send(fd, {reinterpret_cast<const char*>(length), sizeof length}) && client_send(fd, line);
 }
 
 // What came is no frame: the daemon says why it does not serve us.
@@ -55,6 +63,19 @@ shell_status print_refusal(int fd, const std::uint8_t* header) {
 shell_status lost() {
     client_lost();
     return SHELL_UNREACHABLE;
+}
+
+void print_error(std::string_view data) {
+    (void)fwrite(data.data(), 1, data.size(), stderr);  // a help, no more
+}
+
+// Where the line that failed goes wrong, as far as the daemon can tell. It is the last thing that the shell
+// asks.
+void print_explanation(int fd) {
+    std::uint8_t header[BATCH_FRAME_HEADER];
+    if (!send_request(fd, BATCH_EXPLAIN)) return;
+    while (receive(fd, header, sizeof header) && header[0] == BATCH_OUTPUT)
+        if (!copy_output(fd, get_be32(header, 1), print_error)) return;
 }
 
 }  // namespace
@@ -92,21 +113,21 @@ void client_print(std::string_view data) {
 }
 
 shell_status client_run(int fd, std::string_view line, bool* ended) {
-    std::uint8_t length[BATCH_REQUEST_HEADER];
-    put_be32(length, 0, static_cast<std::uint32_t>(line.size()));
     // A daemon that refuses us answers before it closes, so what it said is read even when sending failed.
-    (void)(client_send(fd, {reinterpret_cast<const char*>(length), sizeof length}) && client_send(fd, line));
+    (void)send_request(fd, line);
     while (true) {
         std::uint8_t header[BATCH_FRAME_HEADER];
         if (!receive(fd, header, sizeof header)) return lost();
         std::size_t count = get_be32(header, 1);
         if (header[0] == BATCH_OUTPUT) {
-            if (!copy_output(fd, count)) return lost();
+            if (!copy_output(fd, count, client_print)) return lost();
         } else if (header[0] == BATCH_STATUS && count == 1) {
             std::uint8_t status = BATCH_FAILED;
             if (!receive(fd, &status, 1)) return lost();
             *ended = status == BATCH_ENDED;
-            return status == BATCH_FAILED ? SHELL_LINE_FAILED : SHELL_OK;
+            if (status != BATCH_FAILED) return SHELL_OK;
+            print_explanation(fd);
+            return SHELL_LINE_FAILED;
         } else {
             return print_refusal(fd, header);
         }

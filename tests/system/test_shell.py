@@ -22,22 +22,24 @@ def feed(sw, text, *options):
 
 def test_lines_of_the_command_line(running):
     reply = running.cli("show clock recovery-select", "conf t", "cl sy gl", "interface p1",
-                        "do show clock recovery-select")
-    assert (reply.status, reply.out, reply.err) == (0, ANSWER * 2, "")
+                        "do show clock recovery-select", "show clock recovery-select", "show version | count")
+    assert (reply.status, reply.out, reply.err) == (0, ANSWER * 3 + "1\n", "")
     assert running.clock()["Enable global synce"] == "enable"
     assert running.cli("clock synce global-enable", check=False).status == 1, "each run starts in the exec mode"
-    # The first refused line ends the run.
-    for lines, answer in ((["show nonsense"], "% Unknown command\n"),
-                          (["show clock"], "% Incomplete command\n"),
-                          (["terminal monitor"], "% A script's session can't show the log\n"),
-                          (["configure terminal", "clock synce s"], "% Ambiguous command\n"),
-                          (["configure terminal", "clock synce local-priority 256"], "% Unknown command\n"),
-                          (["configure terminal", "show clock recovery-select"], "% Unknown command\n"),
-                          (["configure terminal", "interface nowhere", "clock synce enable"],
-                           "% Cannot configure on this interface\n")):
+    # The first refused line ends the run; what could stand there is said on standard error.
+    for lines, answer, could in ((["show nonsense"], "% Unknown command\n", "running-config"),
+                                 (["show clock"], "% Incomplete command\n", "recovery-select"),
+                                 (["terminal monitor"], "% A script's session can't show the log\n", ""),
+                                 (["configure terminal", "clock synce s"], "% Ambiguous command\n", "slave-only"),
+                                 (["configure terminal", "clock synce local-priority 256"], "% Unknown command\n", "<1-255>"),
+                                 (["configure terminal", "clear clock"], "% Unknown command\n", "hostname"),
+                                 (["configure terminal", "interface p1", "password no secret"], "% Unknown command\n", ""),
+                                 (["configure terminal", "interface nowhere", "clock synce enable"],
+                                  "% Cannot configure on this interface\n", "")):
         before = running.show("running-config")
         reply = running.cli(*lines, "end", "configure terminal", "clock synce local-priority 6", check=False)
-        assert (reply.status, reply.out, reply.err) == (1, answer, ""), lines
+        assert (reply.status, reply.out, bool(reply.err)) == (1, answer, bool(could)), lines
+        assert could in reply.err and (not could or reply.err.startswith(f"  {lines[-1]}\n  "))
         assert running.show("running-config") == before
 
 

@@ -1,5 +1,8 @@
 // The command engine: what a line means (shortening, ambiguity, ranges, modes), what handlers get, filters.
+#include <algorithm>
+
 #include "suite/command/completion.h"
+#include "suite/command/explain.h"
 #include "suite/command/parse.h"
 #include "suite/command/tree.h"
 #include "unit/suite_support.h"
@@ -272,6 +275,83 @@ TEST_F(Cli, WhatMayFollow) {
     EXPECT_STREQ(list.items[1].help, "Synchronous Ethernet");
     completion_help(ctx.ctree, &session, "show clock x ", &list);
     EXPECT_EQ(list.result, cli_result::unknown);
+}
+
+TEST_F(Cli, ShowsRunInTheConfigurationModesOfATerminalAndItsModeStays) {
+    for (std::int32_t mode : {CONFIG_MODE, INTERFACE_MODE})
+        expect_all(mode, UNKNOWN, {"show clock bits", "sh"});  // a file, where nobody would read the answer
+    session.line = &session;
+    const interface* intf = if_add(ctx.ifm, "eth7", 1, IF_TYPE_SYNCE);
+    run("interface eth7");
+    static const cli_element enter = {"show enter", enter_interface}, exec = {"shutdown", record};
+    ASSERT_EQ(install(EXEC_MODE, &enter) | install(EXEC_MODE, &exec), 0);
+    for (std::int32_t mode : {INTERFACE_MODE, CONFIG_MODE}) {
+        expect(mode, {{"sh lines | i beta", "beta two\n"},
+                      {"show clock b", "show clock bits"},
+                      {"show enter", "show enter"},
+                      {"show clock", INCOMPLETE},
+                      {"shutdown", UNKNOWN}});
+        EXPECT_EQ(session.mode, mode);
+        EXPECT_EQ(session.index, intf);
+        EXPECT_STREQ(session.name, "eth7") << "lines of the interface go on";
+    }
+    completion_list list;
+    completion_help(ctx.ctree, &session, "sh", &list);
+    EXPECT_EQ(texts(list), "show");
+    completion_words(ctx.ctree, &session, "show cl", &list);
+    EXPECT_EQ(texts(list), "clock");
+}
+
+TEST_F(Cli, RefusedLineIsExplained) {
+    static const cli_element more[] = {{"set (north|northern) pole", record},
+                                       {"set no pole SECRET", record},
+                                       {"many (a|b|c|d|e|f|g|h|i|j|k)", record}};
+    for (const cli_element& element : more) ASSERT_EQ(install(CONFIG_MODE, &element), 0);
+    session.line = &session;
+    const struct {
+        std::int32_t mode;
+        const char *line, *possible;  // "^" before the place
+    } cases[] = {
+        {EXEC_MODE, "^nothing here", "debug show"},
+        {EXEC_MODE, " show\t\tclock ^synk brief", "bits synce"},
+        {EXEC_MODE, "show clock ^", "bits synce"},
+        {EXEC_MODE, "show clock ^| include x", "bits synce"},
+        {EXEC_MODE, "show lines ^more | count", " <cr>"},
+        {EXEC_MODE, "show lines | ^grep x", "begin count exclude include"},
+        {EXEC_MODE, "show lines | ^", "begin count exclude include"},
+        {EXEC_MODE, "show lines | inc ^", "TEXT"},
+        {EXEC_MODE, "show lines | count  ^x y", " <cr>"},
+        {EXEC_MODE, "show clock synce ^a$b | count", "IFPHYSICAL brief <cr>"},
+        {CONFIG_MODE, "clock priority ^256", "<1-255>"},
+        {CONFIG_MODE, "clock ssm ^e", "enable extend"},
+        {CONFIG_MODE, "set ^nor pole", "north northern"},
+        {CONFIG_MODE, "clock ^s", "slave-only ssm"},
+        {CONFIG_MODE, "clock s ^extent", "enable extend <cr>"},
+        {CONFIG_MODE, "log file ^a;b", "PATH"},
+        {INTERFACE_MODE, "quality ^r\xc3\xbc prc", "rx tx"},
+        {INTERFACE_MODE, "clock ^priorities", "priority slave-only ssm"},
+    };
+    cli_explanation found;
+    for (const auto& c : cases) {
+        std::string line = c.line;
+        const std::size_t at = line.find('^');
+        line.erase(at, 1);
+        EXPECT_EQ(run_in(c.mode, line)[0], '%') << line;
+        ASSERT_TRUE(cli_explain(ctx.ctree, &session, line, &found)) << line;
+        EXPECT_EQ(found.at, at) << line;
+        EXPECT_EQ(texts(found.possible), c.possible) << line;
+    }
+    session.mode = CONFIG_MODE;
+    for (const char* line :
+         {"set no pole sesame x", "set no pole \x1b", "sett no pol sesame", "clock slave-only", "refuse"})
+        EXPECT_FALSE(cli_explain(ctx.ctree, &session, line, &found)) << line;
+    for (const auto& [line, rows] : {std::pair{"set x", 3}, {"many x", 6}}) {
+        text_buffer printed;
+        ASSERT_TRUE(cli_explain(ctx.ctree, &session, line, &found));
+        cli_print_possible(found.possible, 40, &printed);
+        const std::string text = take_text(&printed);
+        EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), rows) << text;
+    }
 }
 
 TEST(CliNumbers, WholeDecimalNumbersOnly) {

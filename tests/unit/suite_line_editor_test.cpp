@@ -3,6 +3,7 @@
 #include <random>
 
 #include "suite/editor/line_editor.h"
+#include "suite/editor/line_mark.h"
 #include "suite/editor/utf8.h"
 #include "suite/terminal/telnet.h"
 #include "unit/suite_support.h"
@@ -208,6 +209,40 @@ TEST_F(Editor, RandomKeysKeepScreenAndLineTogether) {
         ASSERT_EQ(screen.text(), "sw#" + line()) << i;
         ASSERT_EQ(screen.column, 3 + utf8_columns(line_editor_before_cursor(e))) << i;
     }
+}
+
+// Wherever the cursor is and however much of the line is in the window.
+TEST_F(Editor, MarkStandsUnderItsWord) {
+    std::mt19937 random(7);
+    const char* const letters[] = {"a", " ", "\xc3\xa9", "\xe2\x82\xac"};
+    int anew = 0;
+    for (int round = 0; round < 500; round++) {
+        std::string text;
+        const auto letter = [&] { text += letters[random() % 4]; };
+        for (auto left = random() % 60; left; left--) letter();
+        const std::size_t word = text.size();
+        text += "X";
+        for (auto left = random() % 60; left; left--) letter();
+        text += "Z";
+        line_editor_resize(e, 20 + random() % 120);
+        type(text);
+        for (auto left = random() % 120; left; left--) type(LEFT);
+        for (const auto& [at, letter_there, behind] : {std::tuple{word, "X", 0}, {text.size() + 1, "Z", 2}}) {
+            std::vector<std::string> row = screen.cells;
+            Screen marked;
+            line_mark(e, at, &out);
+            const std::string printed = take_text(&out);
+            for (std::string_view rest = printed; rest.size() > 1; rest.remove_prefix(marked.take(rest)))
+                if (rest[0] == '\n') row = marked.cells, marked.column = 0, anew++;
+            ASSERT_EQ(marked.cells.back(), "^");
+            ASSERT_LE(std::max(row.size(), marked.cells.size()), e->columns) << printed;
+            ASSERT_EQ(row.at(marked.cells.size() - 1 - behind), letter_there) << printed;
+        }
+        type("\r");
+        prompt();
+    }
+    EXPECT_GT(anew, 100);
+    EXPECT_LT(anew, 900);
 }
 
 }  // namespace

@@ -164,17 +164,22 @@ void keep_name(cli* terminal, const argument_block& arguments) {
     std::snprintf(terminal->name, sizeof terminal->name, "%s", arguments.argv[arguments.argc - 1]);
 }
 
-// Names that are known are not the operator's to choose, and the line behind "do" is looked at word by word.
-bool is_free_word(const cli* terminal, const cli_parsed& parsed, std::size_t k) {
-    const cli_token_kind kind = parsed.command->tokens[parsed.tokens[k]].kind;
-    if (kind == cli_token_kind::word) return true;
-    return kind == cli_token_kind::ifname && !cli_known_interface(terminal, parsed.words[k]);
+cli_result say_refusal(const cli_tree* tree, cli* terminal, cli_result result, const char* text) {
+    if (tree->before_refusal) tree->before_refusal(terminal);
+    terminal->out_func(terminal->out_val, "%% %s\n", text);
+    return result;
 }
 
-bool has_plain_words(const cli* terminal, const cli_parsed& parsed) {
-    for (std::size_t k = 0; k < parsed.count; k++)
-        if (is_free_word(terminal, parsed, k) && !cli_is_plain(parsed.words[k])) return false;
-    return true;
+int call_handler(cli* terminal, const cli_parsed& parsed, const argument_block& arguments) {
+    const cli before = *terminal;
+    if (parsed.mode != terminal->mode) enter_mode(terminal, parsed.mode);
+    std::int32_t mode_before = terminal->mode;
+    int result = parsed.command->element->handler(terminal, arguments.argc, arguments.argv);
+    if (parsed.command->mode != INTERFACE_MODE && terminal->mode == INTERFACE_MODE &&
+        mode_before != INTERFACE_MODE)
+        keep_name(terminal, arguments);
+    if (parsed.mode == EXEC_MODE && before.mode != EXEC_MODE) cli_go_back(terminal, before);
+    return result;
 }
 
 cli_result run_parsed(cli_tree* tree, cli* terminal, const cli_parsed& parsed) {
@@ -183,20 +188,15 @@ cli_result run_parsed(cli_tree* tree, cli* terminal, const cli_parsed& parsed) {
         terminal->out_func(terminal->out_val, "%% Only at a terminal\n");
         return cli_result::failed;
     }
-    if (!has_plain_words(terminal, parsed)) {
-        terminal->out_func(terminal->out_val, "%% Not allowed in a name: \" $ & ' ( ) ; < > \\ ` |\n");
-        return cli_result::failed;
-    }
+    if (cli_bad_name(terminal, parsed) != parsed.count)
+        return say_refusal(tree, terminal, cli_result::failed,
+                           "Not allowed in a name: \" $ & ' ( ) ; < > \\ ` |");
     argument_block arguments;
     if (!make_arguments(parsed, &arguments)) {
         terminal->out_func(terminal->out_val, "%% Out of memory\n");
         return cli_result::failed;
     }
-    if (parsed.mode != terminal->mode) enter_mode(terminal, parsed.mode);
-    std::int32_t mode_before = terminal->mode;
-    int result = command->element->handler(terminal, arguments.argc, arguments.argv);
-    if (command->mode != INTERFACE_MODE && terminal->mode == INTERFACE_MODE && mode_before != INTERFACE_MODE)
-        keep_name(terminal, arguments);
+    int result = call_handler(terminal, parsed, arguments);
     memmgr_free(arguments.argv, MTYPE_CLI_SESSION);
     if (result == CLI_DEFERRED) return cli_result::deferred;
     if (result == CLI_MORE) return cli_result::more;
@@ -205,11 +205,11 @@ cli_result run_parsed(cli_tree* tree, cli* terminal, const cli_parsed& parsed) {
     return cli_result::ok;
 }
 
-void print_refusal(cli* terminal, cli_result result) {
-    const char* text = result == cli_result::ambiguous    ? "Ambiguous"
-                       : result == cli_result::incomplete ? "Incomplete"
-                                                          : "Unknown";
-    terminal->out_func(terminal->out_val, "%% %s command\n", text);
+cli_result refuse_line(const cli_tree* tree, cli* terminal, cli_result result) {
+    const char* text = result == cli_result::ambiguous    ? "Ambiguous command"
+                       : result == cli_result::incomplete ? "Incomplete command"
+                                                          : "Unknown command";
+    return say_refusal(tree, terminal, result, text);
 }
 
 cli_result run_plain(cli_tree* tree, cli* terminal, std::string_view line) {
@@ -218,16 +218,7 @@ cli_result run_plain(cli_tree* tree, cli* terminal, std::string_view line) {
     cli_parse(tree, terminal, line, &parsed);
     if (parsed.result == cli_result::empty) return parsed.result;
     if (parsed.result == cli_result::ok) return run_parsed(tree, terminal, parsed);
-    print_refusal(terminal, parsed.result);
-    return parsed.result;
-}
-
-// Filters belong to show commands; in other lines "|" is a character like others.
-const cli_command* find_show(const cli_tree* tree, const cli* terminal, std::string_view line) {
-    cli_parsed parsed;
-    cli_parse(tree, terminal, line, &parsed);
-    const bool is_show = parsed.result == cli_result::ok && cli_parsed_text(parsed, 0) == "show";
-    return is_show ? parsed.command : nullptr;
+    return refuse_line(tree, terminal, parsed.result);
 }
 
 cli_result run_through(cli_tree* tree, cli* terminal, std::string_view line, cli_pipe* pipe) {
@@ -259,33 +250,31 @@ cli_result run_show(cli_tree* tree, cli* terminal, const cli_command* show, std:
                     std::string_view behind_bar) {
     cli_pipe pipe{};
     bool incomplete = false;
-    if (!cli_pipe_parse(behind_bar, &pipe, &incomplete)) {
-        cli_result result = incomplete ? cli_result::incomplete : cli_result::unknown;
-        print_refusal(terminal, result);
-        return result;
-    }
+    if (!cli_pipe_parse(behind_bar, &pipe, &incomplete))
+        return refuse_line(tree, terminal, incomplete ? cli_result::incomplete : cli_result::unknown);
     if (pipe.kind != cli_pipe_kind::json) return run_through(tree, terminal, line, &pipe);
     if (show->flags & CLI_FLAG_JSON) return run_as_json(tree, terminal, line);
-    (void)cli_refuse(terminal, "This command has no JSON form");
-    return cli_result::failed;
+    return say_refusal(tree, terminal, cli_result::failed, "This command has no JSON form");
 }
 
 }  // namespace
+
+void cli_go_back(cli* terminal, const cli& before) {
+    terminal->mode = before.mode;
+    terminal->index = before.index;
+    std::memcpy(terminal->name, before.name, sizeof terminal->name);
+}
 
 void cli_part_end(cli* terminal) {
     text_free(&terminal->part.line);
     terminal->part = {};
 }
 
-bool cli_has_json(const cli_tree* tree, const cli* terminal, std::string_view line) {
-    const cli_command* show = find_show(tree, terminal, line);
-    return show && (show->flags & CLI_FLAG_JSON);
-}
-
+// Filters belong to show commands; in other lines "|" is a character like others.
 cli_result cli_run_line(cli_tree* tree, cli* terminal, std::string_view line) {
     const std::size_t bar = cli_pipe_find(line);
     const std::string_view before = slice(line, 0, bar);
-    const cli_command* show = bar == std::string_view::npos ? nullptr : find_show(tree, terminal, before);
+    const cli_command* show = bar == std::string_view::npos ? nullptr : cli_find_show(tree, terminal, before);
     const cli_result result =
         show ? run_show(tree, terminal, show, before, slice(line, bar + 1)) : run_plain(tree, terminal, line);
     if (result != cli_result::more) cli_part_end(terminal);

@@ -72,8 +72,10 @@ struct cli {
     void* index;    // current object: the interface in the interface mode, null when the name is unknown
     char name[64];  // the name as typed with "interface NAME"
     std::int32_t privilege;  // what the daemon itself makes has PRIVILEGE_MAX: it knows no lesser users
-    void* line;  // the session's own record (suite/terminal/session.h), null for configuration files
-    bool json;   // "| json": what CLI_FLAG_JSON promises is asked for
+    // The session's own record (suite/terminal/session.h), null for configuration files. A session may ask
+    // for shows in the configuration modes; a file may not.
+    void* line;
+    bool json;                          // "| json": what CLI_FLAG_JSON promises is asked for
     bool (*full)(const cli* terminal);  // null: never
     cli_part part;
 };
@@ -119,13 +121,14 @@ int cli_install_help(cli_tree* tree, const cli_help* texts, std::size_t count);
 enum class cli_result { ok, failed, unknown, ambiguous, incomplete, empty, deferred, more };
 
 // Parses and runs one line in terminal->mode, within terminal->privilege. Says "% Unknown command",
-// "% Ambiguous command" and "% Incomplete command" itself, each alone on a line.
+// "% Ambiguous command" and "% Incomplete command" itself, each alone on a line; the tree's `before_refusal`
+// is called first.
 // Lines of blanks, and lines that begin with "!" or "#", are `empty` and succeed.
 // The tree's `after_run` hears of a line that succeeded.
 cli_result cli_run_line(cli_tree* tree, cli* terminal, std::string_view line);
 
-// Whether "| json" may stand behind this show command.
-bool cli_has_json(const cli_tree* tree, const cli* terminal, std::string_view line);
+// Mode, interface and name as they were in `before`.
+void cli_go_back(cli* terminal, const cli& before);
 
 // Every installed command, for tests and documents: visit(arg, mode, element, flags).
 void cli_walk(const cli_tree* tree,

@@ -12,6 +12,8 @@
 
 namespace {
 
+constexpr std::size_t COLUMN_WIDTH = 20;
+
 struct collector {
     const cli_tree* tree;
     const cli* terminal;
@@ -83,20 +85,31 @@ bool look_through_do(const cli* terminal, std::string_view* line) {
     return true;
 }
 
-// Filters are offered behind "|", and their text is anything; "json" where the command has that form.
-void collect_filter(const collector* c, const cli* inner, std::string_view before, std::size_t bar) {
-    if (!first_word(slice(before, bar + 1)).empty()) return;
-    std::span<const cli_help> filters = cli_pipe_filters();
-    if (!cli_has_json(c->tree, inner, slice(before, 0, bar))) filters = filters.first(filters.size() - 1);
-    for (const cli_help& filter : filters)
-        if (begins(filter.token, c->list->partial)) add(c->list, filter.token, filter.text);
+void clear_items(completion_list* list) {
+    list->count = 0;
+    list->may_end = false;
+}
+
+void begin(completion_list* list) {
+    clear_items(list);
+    list->partial = {};
+    list->result = cli_result::ok;
+}
+
+void sort(completion_list* list) {
+    std::sort(list->items, list->items + list->count, [](const completion_item& a, const completion_item& b) {
+        return std::strcmp(a.text, b.text) < 0;
+    });
+}
+
+bool has_json(const collector* c, const cli* inner, std::string_view line) {
+    const cli_command* show = cli_find_show(c->tree, inner, line);
+    return show && (show->flags & CLI_FLAG_JSON);
 }
 
 void collect(collector* c, std::string_view line) {
     completion_list* list = c->list;
-    list->count = 0;
-    list->may_end = false;
-    list->result = cli_result::ok;
+    begin(list);
     cli inner = *c->terminal;
     if (look_through_do(c->terminal, &line)) inner.mode = EXEC_MODE;
     std::size_t at = line.size();
@@ -105,14 +118,15 @@ void collect(collector* c, std::string_view line) {
     std::string_view before = slice(line, 0, at);
     std::size_t bar = cli_pipe_find(line);
     if (bar != std::string_view::npos && bar < at) {
-        collect_filter(c, &inner, before, bar);
+        // Offered behind "|"; their text is anything.
+        if (first_word(slice(before, bar + 1)).empty())
+            completion_filters(list->partial, has_json(c, &inner, slice(before, 0, bar)), list);
     } else {
         list->result = cli_list_next(c->tree, &inner, before, take, c);
+        if (list->result == cli_result::ambiguous) clear_items(list);
     }
     if (!list->partial.empty()) list->may_end = false;
-    std::sort(list->items, list->items + list->count, [](const completion_item& a, const completion_item& b) {
-        return std::strcmp(a.text, b.text) < 0;
-    });
+    sort(list);
 }
 
 }  // namespace
@@ -126,6 +140,47 @@ void completion_words(const cli_tree* tree, const cli* terminal, std::string_vie
                       completion_list* out) {
     collector c{tree, terminal, out, true};
     collect(&c, line);
+}
+
+void completion_next(const cli_tree* tree, const cli* terminal, std::string_view words,
+                     completion_list* out) {
+    begin(out);
+    collector c{tree, terminal, out, false};
+    out->result = cli_list_next(tree, terminal, words, take, &c);
+    sort(out);
+}
+
+std::size_t completion_meanings(const cli_tree* tree, const cli* terminal, std::string_view line,
+                                completion_list* out) {
+    begin(out);
+    collector c{tree, terminal, out, false};
+    const std::size_t at = cli_list_meanings(tree, terminal, line, take, &c);
+    sort(out);
+    return at;
+}
+
+void completion_filters(std::string_view partial, bool with_json, completion_list* out) {
+    begin(out);
+    out->partial = partial;
+    std::span<const cli_help> filters = cli_pipe_filters();
+    for (const cli_help& filter : filters.first(filters.size() - (with_json ? 0 : 1)))
+        if (begins(filter.token, partial)) add(out, filter.token, filter.text);
+}
+
+void completion_print_rows(const completion_list& list, text_buffer* out) {
+    for (std::size_t i = 0; i < list.count; i++)
+        (void)text_printf(out, "  %-22s %s\n", list.items[i].text, list.items[i].help);
+    if (list.may_end) (void)text_printf(out, "  <cr>\n");
+}
+
+void completion_print_columns(const completion_list& list, std::size_t columns, text_buffer* out) {
+    const std::size_t all = list.count + (list.may_end ? 1 : 0);
+    const std::size_t per_row = std::max<std::size_t>(columns / COLUMN_WIDTH, 1);
+    for (std::size_t i = 0; i < all; i++) {
+        const bool is_last = (i + 1) % per_row == 0 || i + 1 == all;
+        const char* word = i < list.count ? list.items[i].text : "<cr>";
+        (void)text_printf(out, is_last ? "%s\n" : "%-19s ", word);
+    }
 }
 
 std::string_view completion_common(const completion_list& list) {

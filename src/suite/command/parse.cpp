@@ -43,10 +43,14 @@ struct match_path {
     bool swallowed;  // a LINE took the rest
 };
 
+constexpr std::size_t NOT_PINNED = CLI_MAX_TOKENS;
+
 struct matcher {
     const cli_command* command;
     const cli* terminal;
     const word_list* words;
+    std::size_t pinned_word = NOT_PINNED;  // may be read as this token only
+    std::size_t pinned_token = 0;
 };
 
 word_list split(std::string_view line) {
@@ -147,6 +151,7 @@ void step(const matcher& m, const match_path& from, std::uint64_t candidates, st
           match_front* front) {
     for (std::uint64_t left = candidates; left; left &= left - 1) {
         auto index = static_cast<std::size_t>(std::countr_zero(left));
+        if (k == m.pinned_word && index != m.pinned_token) continue;
         match_rank rank = match_token(m, m.command->tokens[index], k);
         if (rank == RANK_NONE) continue;
         match_path path = from;
@@ -166,9 +171,20 @@ void step(const matcher& m, const match_path& from, std::uint64_t candidates, st
 // match_command must not match anything themselves.
 match_front fronts[2];
 
-// Calls visit(path) for every way in which all words can be read as (the beginning of) the command.
-template <typename Visit>
-void match_command(const matcher& m, Visit&& visit) {
+// A function of a command and one path through it. Compiled once for all callers, as templates would not be.
+struct path_visitor {
+    template <typename Function>
+    path_visitor(const Function& f)
+        : call([](const void* g, const cli_command* command, const match_path& path) {
+              (*static_cast<const Function*>(g))(command, path);
+          }),
+          function(&f) {}
+    void (*call)(const void* function, const cli_command* command, const match_path& path);
+    const void* function;
+};
+
+// Calls visit for every way in which all words can be read as (the beginning of) the command.
+void match_command(const matcher& m, const path_visitor& visit) {
     match_front *now = &fronts[0], *then = &fronts[1];
     std::memset(then->taken, 0, sizeof then->taken);
     then->alive = 0;
@@ -191,20 +207,58 @@ void match_command(const matcher& m, Visit&& visit) {
         }
     }
     for (std::size_t i = 0; i < m.command->count && then->alive; i++)
-        if (then->taken[i] && (!m.words->more || then->paths[i].swallowed)) visit(then->paths[i]);
+        if (then->taken[i] && (!m.words->more || then->paths[i].swallowed))
+            visit.call(visit.function, m.command, then->paths[i]);
 }
 
-// Calls visit(command) for the commands that are entered in a mode with the terminal's privilege.
+// Commands among which words are looked for.
+struct command_set {
+    std::int32_t mode;
+    std::int32_t privilege;
+    bool only_shows;
+};
+
+bool is_show(const cli_command* command) {
+    return std::strcmp(command->tokens[0].text, "show") == 0;
+}
+
+// Calls visit(command) for the commands that are entered in a mode with that privilege.
 template <typename Visit>
-void for_commands(const cli_tree* tree, std::int32_t mode, std::int32_t privilege, Visit&& visit) {
-    bool debug_too = mode == EXEC_MODE || mode == CONFIG_MODE || mode == INTERFACE_MODE;
-    std::int32_t modes[2] = {mode, DEBUG_MODE};
+void for_commands(const cli_tree* tree, const command_set& set, Visit&& visit) {
+    bool debug_too = set.mode == EXEC_MODE || set.mode == CONFIG_MODE || set.mode == INTERFACE_MODE;
+    std::int32_t modes[2] = {set.mode, DEBUG_MODE};
     for (int i = 0; i < (debug_too ? 2 : 1); i++) {
         if (modes[i] < 0 || modes[i] >= CLI_MODE_COUNT) continue;
         const cli_command_list& list = tree->modes[modes[i]];
-        for (std::size_t c = 0; c < list.count; c++)
-            if (list.items[c]->privilege <= privilege) visit(list.items[c]);
+        for (std::size_t c = 0; c < list.count; c++) {
+            if (list.items[c]->privilege > set.privilege || (set.only_shows && !is_show(list.items[c])))
+                continue;
+            visit(list.items[c]);
+        }
     }
+}
+
+void match_all(const cli_tree* tree, const cli* terminal, const command_set& set, const word_list& words,
+               const path_visitor& visit) {
+    for_commands(tree, set, [&](const cli_command* command) {
+        match_command({command, terminal, &words}, visit);
+    });
+}
+
+// Where a terminal's lines are looked for, in this order: in its mode; of an interface, in the mode of the
+// configuration; and, in both of them and where somebody reads the answer, among the shows.
+struct search_order {
+    command_set sets[3];
+    std::size_t count;
+};
+
+search_order sets_of(const cli* terminal) {
+    search_order order{{{terminal->mode, terminal->privilege, false}}, 1};
+    if (terminal->mode == INTERFACE_MODE)
+        order.sets[order.count++] = {CONFIG_MODE, terminal->privilege, false};
+    if (terminal->line && (terminal->mode == INTERFACE_MODE || terminal->mode == CONFIG_MODE))
+        order.sets[order.count++] = {EXEC_MODE, terminal->privilege, true};
+    return order;
 }
 
 struct best_match {
@@ -231,12 +285,16 @@ void offer(best_match* best, const cli_command* command, const match_path& path,
     }
 }
 
-best_match find_best(const cli_tree* tree, const cli* terminal, std::int32_t mode, const word_list& words) {
+// Of the first set that the words mean something to, which is left in *set.
+best_match find_best(const cli_tree* tree, const cli* terminal, const word_list& words, command_set* set) {
     best_match best;
-    for_commands(tree, mode, terminal->privilege, [&](const cli_command* command) {
-        matcher m{command, terminal, &words};
-        match_command(m, [&](const match_path& path) { offer(&best, command, path, words.count); });
-    });
+    const search_order order = sets_of(terminal);
+    for (std::size_t i = 0; i < order.count && !best.command; i++) {
+        *set = order.sets[i];
+        match_all(tree, terminal, *set, words, [&](const cli_command* command, const match_path& path) {
+            offer(&best, command, path, words.count);
+        });
+    }
     return best;
 }
 
@@ -270,18 +328,39 @@ void cli_parse(const cli_tree* tree, const cli* terminal, std::string_view line,
         out->result = cli_result::empty;
         return;
     }
-    best_match best = find_best(tree, terminal, terminal->mode, words);
-    // A line that means nothing to an interface but is a configuration command leaves the interface.
-    if (!best.command && terminal->mode == INTERFACE_MODE) {
-        best = find_best(tree, terminal, CONFIG_MODE, words);
-        if (best.command) out->mode = CONFIG_MODE;
-    }
+    command_set set;
+    best_match best = find_best(tree, terminal, words, &set);
+    if (best.command) out->mode = set.mode;
     out->result = result_of(best);
     if (out->result == cli_result::ok) keep_words(out, best, words);
 }
 
 bool cli_is_plain(std::string_view text) {
     return is_printable(text, true) && text.find_first_of("\"$&'();<>\\`|") == std::string_view::npos;
+}
+
+const cli_command* cli_find_show(const cli_tree* tree, const cli* terminal, std::string_view line) {
+    cli_parsed parsed;
+    cli_parse(tree, terminal, line, &parsed);
+    const bool is_show = parsed.result == cli_result::ok && cli_parsed_text(parsed, 0) == "show";
+    return is_show ? parsed.command : nullptr;
+}
+
+namespace {
+
+// Names that are known are not the operator's to choose, and the line behind "do" is looked at word by word.
+bool is_free_word(const cli* terminal, const cli_parsed& parsed, std::size_t k) {
+    const cli_token_kind kind = parsed.command->tokens[parsed.tokens[k]].kind;
+    if (kind == cli_token_kind::word) return true;
+    return kind == cli_token_kind::ifname && !cli_known_interface(terminal, parsed.words[k]);
+}
+
+}  // namespace
+
+std::size_t cli_bad_name(const cli* terminal, const cli_parsed& parsed) {
+    std::size_t k = 0;
+    while (k < parsed.count && (!is_free_word(terminal, parsed, k) || cli_is_plain(parsed.words[k]))) k++;
+    return k;
 }
 
 namespace {
@@ -295,15 +374,13 @@ last_word read_last_word(const cli_tree* tree, const cli* terminal, const word_l
     last_word found{};
     const bool is_plain = cli_is_plain(words.items[words.count - 1]);
     for (std::int32_t mode : {EXEC_MODE, CONFIG_MODE, INTERFACE_MODE})
-        for_commands(tree, mode, PRIVILEGE_MAX, [&](const cli_command* command) {
-            matcher m{command, terminal, &words};
-            match_command(m, [&](const match_path& path) {
-                const cli_token_kind kind = command->tokens[path.tokens[words.count - 1]].kind;
-                found.known = found.known || is_plain;
-                found.secret = found.secret || kind == cli_token_kind::secret;
-                found.rest_of_line = found.rest_of_line || kind == cli_token_kind::line;
-            });
-        });
+        match_all(tree, terminal, {mode, PRIVILEGE_MAX, false}, words,
+                  [&](const cli_command* command, const match_path& path) {
+                      const cli_token_kind kind = command->tokens[path.tokens[words.count - 1]].kind;
+                      found.known = found.known || is_plain;
+                      found.secret = found.secret || kind == cli_token_kind::secret;
+                      found.rest_of_line = found.rest_of_line || kind == cli_token_kind::line;
+                  });
     return found;
 }
 
@@ -313,7 +390,7 @@ constexpr std::size_t LETTERS = 3;
 bool introduces_secret(const cli_tree* tree, std::string_view word) {
     bool found = false;
     for (std::int32_t mode : {EXEC_MODE, CONFIG_MODE, INTERFACE_MODE})
-        for_commands(tree, mode, PRIVILEGE_MAX, [&](const cli_command* command) {
+        for_commands(tree, {mode, PRIVILEGE_MAX, false}, [&](const cli_command* command) {
             for (std::size_t i = 0; i < command->count; i++) {
                 const cli_token& token = command->tokens[i];
                 if (!std::string_view(token.text, token.length).starts_with(slice(word, 0, LETTERS)))
@@ -392,32 +469,93 @@ void list_after(const next_lister& lister, const cli_command* command, const mat
 
 }  // namespace
 
+namespace {
+
+void list_firsts(const cli_tree* tree, const cli* terminal, const next_lister& lister) {
+    const search_order order = sets_of(terminal);
+    for (std::size_t i = 0; i < order.count; i++) {
+        if (i > 0 && !order.sets[i].only_shows) continue;  // an interface offers its own commands
+        for_commands(tree, order.sets[i], [&](const cli_command* command) {
+            if (!(command->flags & CLI_FLAG_HIDDEN)) list_after(lister, command, nullptr);
+        });
+    }
+}
+
+}  // namespace
+
 cli_result cli_list_next(const cli_tree* tree, const cli* terminal, std::string_view line,
                          void (*visit)(void* arg, const cli_next_token& next), void* arg) {
     word_list words = split(line);
     next_lister lister{visit, arg, words.count};
-    std::int32_t mode = terminal->mode;
-    best_match best;
-    if (words.count > 0) {
-        best = find_best(tree, terminal, mode, words);
-        if (!best.command && mode == INTERFACE_MODE) {
-            mode = CONFIG_MODE;
-            best = find_best(tree, terminal, mode, words);
-        }
-        if (!best.command) return cli_result::unknown;
-        if (best.ambiguous) return cli_result::ambiguous;
+    if (words.count == 0) {
+        list_firsts(tree, terminal, lister);
+        return cli_result::ok;
     }
-    for_commands(tree, mode, terminal->privilege, [&](const cli_command* command) {
+    command_set set;
+    const best_match best = find_best(tree, terminal, words, &set);
+    if (!best.command) return cli_result::unknown;
+    match_all(tree, terminal, set, words, [&](const cli_command* command, const match_path& path) {
         if (command->flags & CLI_FLAG_HIDDEN) return;
-        if (words.count == 0) {
-            list_after(lister, command, nullptr);
-            return;
-        }
-        matcher m{command, terminal, &words};
-        match_command(m, [&](const match_path& path) {
-            if (std::memcmp(path.ranks, best.path.ranks, words.count) == 0)
-                list_after(lister, command, &path);
-        });
+        if (std::memcmp(path.ranks, best.path.ranks, words.count) == 0) list_after(lister, command, &path);
     });
-    return cli_result::ok;
+    return best.ambiguous ? cli_result::ambiguous : cli_result::ok;
+}
+
+namespace {
+
+// The ways in which the words can be read that are as good as the best one.
+struct readings {
+    const cli_tree* tree;
+    const cli* terminal;
+    const word_list* words;
+    command_set set;
+    best_match best;
+};
+
+bool is_reading(const readings& r, const matcher& m, match_path* path) {
+    bool found = false;
+    match_command(m, [&](const cli_command*, const match_path& p) {
+        if (std::memcmp(p.ranks, r.best.path.ranks, r.words->count) != 0) return;
+        *path = p;
+        found = true;
+    });
+    return found;
+}
+
+// Calls visit for each token that word `k` is in some reading of the whole line.
+template <typename Visit>
+void for_meanings(const readings& r, std::size_t k, Visit&& visit) {
+    for_commands(r.tree, r.set, [&](const cli_command* command) {
+        matcher m{command, r.terminal, r.words};
+        match_path path;
+        if ((command->flags & CLI_FLAG_HIDDEN) || !is_reading(r, m, &path)) return;
+        m.pinned_word = k;
+        for (m.pinned_token = 0; m.pinned_token < command->count; m.pinned_token++)
+            if (is_reading(r, m, &path)) visit({command, &command->tokens[m.pinned_token], path.tokens, k});
+    });
+}
+
+bool has_many_meanings(const readings& r, std::size_t k) {
+    const char* first = nullptr;
+    bool many = false;
+    for_meanings(r, k, [&](const cli_next_token& meaning) {
+        if (!first) first = meaning.token->text;
+        many = many || std::strcmp(first, meaning.token->text) != 0;
+    });
+    return many;
+}
+
+}  // namespace
+
+std::size_t cli_list_meanings(const cli_tree* tree, const cli* terminal, std::string_view line,
+                              void (*visit)(void* arg, const cli_next_token& meaning), void* arg) {
+    const word_list words = split(line);
+    readings r{tree, terminal, &words, {}, {}};
+    if (words.count) r.best = find_best(tree, terminal, words, &r.set);
+    for (std::size_t k = 0; k < words.count && r.best.command; k++) {
+        if (!has_many_meanings(r, k)) continue;
+        for_meanings(r, k, [&](const cli_next_token& meaning) { visit(arg, meaning); });
+        return static_cast<std::size_t>(words.items[k].data() - line.data());
+    }
+    return std::string_view::npos;
 }

@@ -16,8 +16,9 @@
 struct cli_parsed {
     cli_result result;           // ok, unknown, ambiguous, incomplete or empty
     const cli_command* command;  // of an ok line, else null
-    std::int32_t mode;  // the mode in which it runs: the session's, or the configuration mode when an
-                        // interface line is a command of that mode only
+    std::int32_t mode;  // the mode in which it runs: the session's; the configuration mode when an interface
+                        // line is a command of that mode only; the exec mode of a show, which a terminal may
+                        // ask for in the configuration modes too
     std::size_t count;  // words matched
     std::uint8_t tokens[CLI_MAX_TOKENS];     // per word: the command's token
     std::string_view words[CLI_MAX_TOKENS];  // per word: as typed; for LINE the rest of the line
@@ -27,6 +28,11 @@ struct cli_parsed {
 void cli_parse(const cli_tree* tree, const cli* terminal, std::string_view line, cli_parsed* out);
 
 bool cli_known_interface(const cli* terminal, std::string_view word);
+
+// The show command that the line is, whole and to be run as it is: filters may follow it. Null: it is none.
+const cli_command* cli_find_show(const cli_tree* tree, const cli* terminal, std::string_view line);
+// The first word that would become a name and may not (see cli_is_plain); parsed.count when none is.
+std::size_t cli_bad_name(const cli* terminal, const cli_parsed& parsed);
 
 // Whether a text means nothing but itself wherever it may be read again, by a shell above all: no control
 // characters, no quotes, none of $ & ( ) ; < > \ ` |.
@@ -55,9 +61,14 @@ struct cli_next_token {
 };
 
 // Calls visit for every token that may follow the words of `line` (hidden commands excepted); the same word
-// may come up more than once. The result is ok, unknown (nothing may follow), or ambiguous.
+// may come up more than once. The result is ok, unknown (nothing may follow), or ambiguous: what comes up may
+// follow one of several readings of the words.
 cli_result cli_list_next(const cli_tree* tree, const cli* terminal, std::string_view line,
                          void (*visit)(void* arg, const cli_next_token& next), void* arg);
+// Of an ambiguous line: the place of the first word that can be read in several ways, and a visit for each
+// (`token` what it may be, `path` the tokens before it). npos: no word can.
+std::size_t cli_list_meanings(const cli_tree* tree, const cli* terminal, std::string_view line,
+                              void (*visit)(void* arg, const cli_next_token& meaning), void* arg);
 
 // Help text for a token that may follow, or null.
 const char* cli_help_find(const cli_tree* tree, const cli_next_token& next);

@@ -63,6 +63,9 @@ struct cli_tree {
     std::size_t help_count;
     // Told of every command that succeeded; the host drops kept lines that the command made stale.
     void (*after_run)(cli* terminal, const cli_command* command);
+    // A line is about to be refused for how it is written: terminals explain it. `terminal` is in the mode in
+    // which the line was read, which "do" may have changed.
+    void (*before_refusal)(cli* terminal);
 };
 
 // Compiles a command string into one block of memory (give it back with memmgr_free, MTYPE_CLI_TREE). Null

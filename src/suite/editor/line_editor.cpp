@@ -24,15 +24,10 @@ void put_right(text_buffer* out, std::size_t columns) {
     if (columns) (void)text_printf(out, "\x1b[%zuC", columns);
 }
 
-std::size_t room_for_text(const line_editor* e) {
-    std::size_t used = utf8_columns(e->prompt) + 1;
-    return e->columns > used + 8 ? e->columns - used : 8;
-}
-
 // Moves the window over the line so that the cursor is in it.
 void scroll_to_cursor(line_editor* e) {
     if (e->cursor < e->scroll) e->scroll = e->cursor;
-    std::size_t room = room_for_text(e);
+    std::size_t room = line_room(e);
     std::size_t width = utf8_columns({e->text + e->scroll, e->cursor - e->scroll});
     while (width > room) {
         utf8_character c = utf8_first({e->text + e->scroll, e->length - e->scroll});
@@ -43,7 +38,7 @@ void scroll_to_cursor(line_editor* e) {
 
 void put_visible(const line_editor* e, text_buffer* out) {
     std::string_view rest{e->text + e->scroll, e->length - e->scroll};
-    std::size_t room = room_for_text(e);
+    std::size_t room = line_room(e);
     while (!rest.empty()) {
         utf8_character c = utf8_first(rest);
         if (c.columns > room) break;
@@ -127,7 +122,7 @@ void type(line_editor* e, std::uint8_t octet, text_buffer* out) {
         return;
     }
     bool at_end = e->cursor == e->length && !e->too_long;
-    bool fits = utf8_columns({e->text + e->scroll, e->cursor - e->scroll}) <= room_for_text(e);
+    bool fits = utf8_columns({e->text + e->scroll, e->cursor - e->scroll}) <= line_room(e);
     if (octet < 0x80 && octet >= 0x20 && at_end && fits)
         put(out, {&c, 1});
     else
@@ -289,6 +284,11 @@ bool swallowed_after_cr(line_editor* e, std::uint8_t octet) {
 }
 
 }  // namespace
+
+std::size_t line_room(const line_editor* e) {
+    std::size_t used = utf8_columns(e->prompt) + 1;
+    return e->columns > used + 8 ? e->columns - used : 8;
+}
 
 void line_show(line_editor* e, text_buffer* out) {
     if (e->hidden) return;

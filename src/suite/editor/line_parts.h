@@ -11,6 +11,7 @@ constexpr std::uint8_t KEY_ESCAPE = 27, KEY_DELETE = 127;
 
 // line_editor.cpp
 void line_show(line_editor* e, text_buffer* out);  // the row anew, unless the line is hidden
+std::size_t line_room(const line_editor* e);       // columns for the line behind the prompt
 void line_bell(text_buffer* out);
 void line_replace(line_editor* e, const char* text);  // the cursor behind it
 

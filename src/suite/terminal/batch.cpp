@@ -24,7 +24,15 @@ void put_status(session* s, batch_status status) {
     if (!text_append(&s->out, frame, sizeof frame)) s->overrun = true;
 }
 
+void tell_explanation(session* s) {
+    session_write(s, s->explanation.view());
+    text_free(&s->explanation);
+    put_status(s, BATCH_OK);
+}
+
 void run_request(session* s, std::string_view line) {
+    if (line == BATCH_EXPLAIN) return tell_explanation(s);
+    text_free(&s->explanation);
     cli_result result = session_run_line(s, line);
     if (!s->busy && !s->more)
         session_batch_finish(s, result == cli_result::ok || result == cli_result::empty);

@@ -1,5 +1,4 @@
 // The commands that every mode has: exit, end, do, help. The exec mode has no end and no do.
-#include <cstdio>
 #include <iterator>
 
 #include "suite/command/tree.h"
@@ -30,12 +29,10 @@ int do_end(cli* terminal, int, char**) {
 
 // Runs an exec command from a configuration mode and comes back, whatever mode that command entered.
 int do_do(cli* terminal, int, char** argv) {
-    cli kept = *terminal;
+    const cli before = *terminal;
     enter(terminal, EXEC_MODE);
     cli_result result = cli_run_line(terminal->zg->ctree, terminal, argv[0]);
-    terminal->mode = kept.mode;
-    terminal->index = kept.index;
-    std::snprintf(terminal->name, sizeof terminal->name, "%s", kept.name);
+    cli_go_back(terminal, before);
     if (result == cli_result::deferred) return CLI_DEFERRED;
     if (result == cli_result::more) return CLI_MORE;
     return result == cli_result::ok || result == cli_result::empty ? CLI_SUCCESS : CLI_ERROR;

@@ -170,20 +170,20 @@ void show_help(session* s) {
     session_write(s, "?\n");
     bool none = list.count == 0 && !list.may_end;
     if (list.result != cli_result::ok || none) print_result(s, list.result);
-    for (std::size_t i = 0; i < list.count; i++)
-        session_print(s, "  %-22s %s\n", list.items[i].text, list.items[i].help);
-    if (list.may_end) session_write(s, "  <cr>\n");
+    text_buffer text;
+    completion_print_rows(list, &text);
+    session_write(s, text.view());
+    text_free(&text);
     line_editor_redraw(s->editor, &s->out);
 }
 
-void show_choices(session* s, const completion_list& list) {
-    std::size_t column = 0, columns = s->editor->columns < 20 ? 1 : s->editor->columns / 20;
+void show_choices(session* s, completion_list* list) {
+    text_buffer text;
+    list->may_end = false;
+    completion_print_columns(*list, s->editor->columns, &text);
     session_write(s, "\n");
-    for (std::size_t i = 0; i < list.count; i++) {
-        bool last = ++column == columns || i + 1 == list.count;
-        session_print(s, last ? "%s\n" : "%-19s ", list.items[i].text);
-        if (last) column = 0;
-    }
+    session_write(s, text.view());
+    text_free(&text);
     line_editor_redraw(s->editor, &s->out);
 }
 
@@ -200,7 +200,7 @@ void complete(session* s) {
     } else if (common.size() > list.partial.size()) {
         line_editor_insert(s->editor, slice(common, list.partial.size()), &s->out);
     } else {
-        show_choices(s, list);
+        show_choices(s, &list);
     }
 }
 

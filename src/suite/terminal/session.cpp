@@ -17,6 +17,8 @@
 
 #include "suite/base/memory.h"
 #include "suite/base/slice.h"
+#include "suite/command/explain.h"
+#include "suite/editor/line_mark.h"
 #include "suite/log/log.h"
 #include "suite/terminal/password.h"
 #include "suite/terminal/stages.h"
@@ -26,6 +28,7 @@ namespace {
 
 constexpr std::size_t FLUSH_EARLY = 32 * 1024;  // of unsent output within a command
 constexpr std::size_t LOGIN_SPARE = 32;         // descriptors for the rest
+constexpr std::size_t SCRIPT_COLUMNS = 80;
 constexpr nanoseconds LOOK_EVERY = 250 * NS_PER_MS;
 constexpr std::size_t CUT_SPARE = 256;  // of the limit: for what ends a command that was cut
 constexpr char CUT_NOTE[] = "\r\n% The rest is too long to be shown\r\n";
@@ -387,6 +390,7 @@ void session_close(session* s) {
     cli_part_end(&s->c);
     text_free(&s->in);
     text_free(&s->out);
+    text_free(&s->explanation);
     memmgr_free(s, MTYPE_CLI_SESSION);
 }
 
@@ -500,6 +504,29 @@ cli_result session_run_line(session* s, std::string_view line) {
     if (end_cut(s)) result = cli_result::failed;
     s->more = result == cli_result::more;
     return result;
+}
+
+void session_explain(cli* c) {
+    session* s = session_running(c);
+    if (!s) return;
+    cli as_typed = s->c;
+    as_typed.mode = s->line_mode;
+    cli_explanation found;
+    if (!cli_explain(s->ctx->ctree, &as_typed, s->line, &found)) return;
+    const bool on_screen = s->editor && (s->kind == session_kind::local || s->telnet.echoes);
+    const std::size_t columns = s->editor ? s->editor->columns : SCRIPT_COLUMNS;
+    text_buffer text;
+    if (on_screen)
+        line_mark(s->editor, found.at, &text);
+    else
+        line_mark_anew(s->line, found.at, columns, &text);
+    cli_print_possible(found.possible, columns, &text);
+    if (s->stage == session_stage::batch) {
+        s->explanation = text;
+        return;
+    }
+    session_write(s, text.view());
+    text_free(&text);
 }
 
 void session_finish(session* s, bool good, std::string_view output) {

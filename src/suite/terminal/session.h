@@ -58,11 +58,12 @@ struct session {
     std::uint32_t monitor_lost;  // log lines that there was no room for
     text_buffer in;
     text_buffer out;
-    std::size_t sent;      // octets of `out` that have gone
-    std::size_t released;  // paging: octets of `out` that may go
-    std::size_t owed;      // paging: rows that are still to be let go, once the listing goes on
-    std::size_t frame;     // batch: place of the open output frame in `out`, or NO_FRAME
-    std::size_t to_skip;   // batch: octets still to be passed over
+    std::size_t sent;         // octets of `out` that have gone
+    std::size_t released;     // paging: octets of `out` that may go
+    std::size_t owed;         // paging: rows that are still to be let go, once the listing goes on
+    std::size_t frame;        // batch: place of the open output frame in `out`, or NO_FRAME
+    std::size_t to_skip;      // batch: octets still to be passed over
+    text_buffer explanation;  // batch: of the last line's refusal, for who asks
     thread* read_event;
     thread* write_event;
     thread* timer;  // what is due first of: limit of the login, idle limit, look for a client that left
@@ -111,6 +112,9 @@ void sessions_rearm(session* list);
 
 // `terminal monitor`: log lines at the terminal. False when there is no room for one more.
 bool session_monitor(session* s, bool on);
+
+// The running line is about to be refused: what is wrong with it is shown, or kept for a script's shell.
+void session_explain(cli* c);
 
 // Appends to the output. Interactive sessions get CR LF for LF; batch sessions a frame.
 void session_print(session* s, const char* format, ...) __attribute__((format(printf, 2, 3)));

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "suite/command/tree.h"
 #include "suite/log/log.h"
 #include "suite/terminal/session.h"
 #include "suite/terminal/terminal.h"
@@ -135,6 +136,7 @@ void terminals_write(cli* terminal) {
 
 int terminals_install(cli_tree* tree) {
     int result = 0;
+    tree->before_refusal = session_explain;
     for (const cli_element& element : config_commands)
         result |= cli_install_gen(tree, CONFIG_MODE, PRIVILEGE_MAX, 0, &element);
     for (const cli_element& element : terminal_commands)

@@ -34,6 +34,7 @@ bool first_time(std::uint8_t* bits, std::uint8_t option) {
 }
 
 void take_option(telnet_decoder* t, std::uint8_t option) {
+    if (option == ECHO && (t->verb == DO || t->verb == DONT)) t->echoes = t->verb == DO;
     if (t->verb == DO) {
         if (option == ECHO || option == SUPPRESS_GO_AHEAD) return;  // the answer to our own offer
         // Clients swallow all output until a timing mark is answered, so each one is.

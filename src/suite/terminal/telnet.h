@@ -20,6 +20,7 @@ enum class telnet_event : std::uint8_t {
 
 struct telnet_decoder {
     std::uint8_t state;
+    bool echoes;          // the client shows what we send back, and not itself what is typed
     std::uint8_t verb;    // WILL, WONT, DO, DONT at hand
     std::uint8_t sub[8];  // body of the subnegotiation, option first; what is longer is dropped
     std::size_t sub_length;

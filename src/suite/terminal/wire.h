@@ -12,6 +12,10 @@
 //   'o'   octets that the line printed, unchanged
 //   's'   one octet: 0 the line succeeded, 1 it did not, 2 it succeeded and ended the session
 //
+// The request "!?" asks where the line before it, which was refused for how it is written, goes wrong: the
+// output is the line, a mark under the word, and what could stand there, and nothing when there is nothing to
+// say. To a daemon that does not know it, it is a comment.
+//
 // Requests may be sent ahead; they are run in order. A request longer than 64 KiB is answered with "% Line
 // too long" and status 1. When the client shuts its sending side down, the requests that came whole are
 // answered before the session is closed.
@@ -23,10 +27,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 constexpr const char* TERMINAL_LOCAL_SOCKET = "/run/esmcd.vty";
 
 constexpr std::size_t SESSION_LINE_MAX = 64 * 1024;
+constexpr std::string_view BATCH_EXPLAIN = "!?";
 constexpr std::uint8_t BATCH_OUTPUT = 'o', BATCH_STATUS = 's';
 constexpr std::size_t BATCH_FRAME_HEADER = 5, BATCH_REQUEST_HEADER = 4;
 enum batch_status : std::uint8_t { BATCH_OK = 0, BATCH_FAILED = 1, BATCH_ENDED = 2 };
