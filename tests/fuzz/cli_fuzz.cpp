@@ -2,8 +2,10 @@
 // lines; the first octet of a line chooses the mode. A line that parses runs, one that does not runs nothing.
 #include "fuzz/fuzz.h"
 #include "suite/command/completion.h"
+#include "suite/command/explain.h"
 #include "suite/command/parse.h"
 #include "suite/log/log.h"
+#include "suite/terminal/session.h"
 #include "suite/terminal/terminal.h"
 
 namespace {
@@ -81,6 +83,12 @@ void try_line(cli* session, std::string_view line) {
     bool ran = result == cli_result::ok || result == cli_result::failed;
     must(!plain || (parsed.result == cli_result::ok) == ran, "what parses runs");
     must(ran || !runs, "what does not parse runs nothing");
+    static cli_explanation why;
+    const bool explained = cli_explain(tree, session, line, &why);
+    must(!explained || why.at <= line.size() + 1, "a fault is in the line, or behind it");
+    must(!plain || ran || result == cli_result::empty ||
+             explained == !cli_visible_part(tree, session, line).secret,
+         "what does not parse is explained, but for secrets");
 }
 
 }  // namespace
@@ -92,6 +100,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     session.ifm = ctx->ifm;
     session.out_func = print_nothing;
     session.privilege = PRIVILEGE_MAX;
+    static struct session record;
+    session.line = &record;
     std::string_view rest{reinterpret_cast<const char*>(data), size};
     while (!rest.empty()) {
         session.mode = MODES[static_cast<unsigned char>(rest[0]) % 3];

@@ -345,6 +345,10 @@ TEST_F(Cli, RefusedLineIsExplained) {
     for (const char* line :
          {"set no pole sesame x", "set no pole \x1b", "sett no pol sesame", "clock slave-only", "refuse"})
         EXPECT_FALSE(cli_explain(ctx.ctree, &session, line, &found)) << line;
+    std::string deep = "password";
+    for (int i = 0; i < 20'000; i++) deep = "do " + deep;
+    ASSERT_EQ(cli_install_default(ctx.ctree, CONFIG_MODE), 0);
+    EXPECT_TRUE(cli_visible_part(ctx.ctree, &session, deep).secret) << "and the stack is not used up";
     for (const auto& [line, rows] : {std::pair{"set x", 3}, {"many x", 6}}) {
         text_buffer printed;
         ASSERT_TRUE(cli_explain(ctx.ctree, &session, line, &found));

@@ -409,9 +409,11 @@ bool may_hold_secret(const cli_tree* tree, const word_list& words) {
     return false;
 }
 
-}  // namespace
+// A line of "do do do" makes as many lines within lines. No command is so deep.
+constexpr int DEPTH_MAX = 4;
 
-cli_visible cli_visible_part(const cli_tree* tree, const cli* terminal, std::string_view line) {
+cli_visible visible_part(const cli_tree* tree, const cli* terminal, std::string_view line, int depth) {
+    if (depth == DEPTH_MAX) return {0, true};
     const word_list words = split(line);
     word_list front = words;
     front.more = false;
@@ -425,12 +427,18 @@ cli_visible cli_visible_part(const cli_tree* tree, const cli* terminal, std::str
         if (!last.known && !last.rest_of_line) return {before, may_hold_secret(tree, words)};
         if (last.rest_of_line) {  // "do": a line of its own
             const auto start = static_cast<std::size_t>(word.data() - line.data());
-            const cli_visible rest = cli_visible_part(tree, terminal, slice(line, start));
+            const cli_visible rest = visible_part(tree, terminal, slice(line, start), depth + 1);
             return {rest.length ? start + rest.length : before, rest.secret};
         }
         shown = front.end;
     }
     return {words.more ? static_cast<std::size_t>(shown - line.data()) : line.size(), false};
+}
+
+}  // namespace
+
+cli_visible cli_visible_part(const cli_tree* tree, const cli* terminal, std::string_view line) {
+    return visible_part(tree, terminal, line, 0);
 }
 
 std::string_view cli_parsed_text(const cli_parsed& parsed, std::size_t k) {

@@ -48,7 +48,8 @@ void line_mark(const line_editor* e, std::size_t at, text_buffer* out) {
     const std::string_view shown = slice(line, e->scroll);
     const std::size_t column = at < e->scroll ? 0 : columns_to(shown, at - e->scroll);
     const std::size_t before = utf8_columns(e->prompt);
-    if (at < e->scroll || column >= line_room(e) || before + column >= e->columns)
+    const std::size_t width = at < line.size() ? utf8_first(slice(line, at)).columns : 1;
+    if (at < e->scroll || column + width > line_room(e) || before + column >= e->columns)
         return line_mark_anew(line, at, e->columns, out);
     put_mark(out, before + column);
 }
