@@ -64,7 +64,12 @@ def test_character_mode(open_for, client):
     tell(child, "show ?", "running-config", "sw#show ")
     tell(child, "ver\t\r", "esmcd version", "sw#")
     tell(child, "cofigure terminal" + HOME + "\x06\x06n\r", r"sw\(config\)#")
+    tell(child, "show version\r", "esmcd version", r"sw\(config\)#")
+    tell(child, "clock synce local-priority 256\r", r"\n {38}\^\r\n  <1-255>", r"% Unknown command\r\nsw\(config\)#")
     tell(child, "hostname Zürich\r", r"Zürich\(config\)#")
+    tell(child, "do show version | grep x\r", r"\n {33}\^\r\n  begin", r"% Unknown command\r\nZürich\(config\)#")
+    far = "clock synce local-prioritx " + "5" * 60
+    tell(child, far + "\r", r"\n  clock synce local-prioritx 5+\.\.\.\r\n {14}\^\r\n", "wait-to-restore", "config")
     tell(child, "no hostnam\x7f\x7f" + "\x15" + "hostname sw\r", r"sw\(config\)#")
     tell(child, "end\r", "sw#")
     tell(child, "show log\r", "--More--|sw#")
@@ -87,6 +92,7 @@ def test_clients_that_know_no_telnet(open_for):
     child.expect("Password: ")
     tell(child, PASSWORD + "\n", "sw#")
     tell(child, "show version\n", "esmcd version", "sw#")
+    tell(child, "show versoin\n", r"\n  show versoin\s+\n {7}\^\s", "% Unknown", "sw#")
     child.sendline("exit")
     child.sendeof()  # it does not leave while its keyboard is open
     child.expect(pexpect.EOF)
