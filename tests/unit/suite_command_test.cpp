@@ -320,6 +320,7 @@ TEST_F(Cli, RefusedLineIsExplained) {
         {EXEC_MODE, "show lines | ^grep x", "begin count exclude include"},
         {EXEC_MODE, "show lines | ^", "begin count exclude include"},
         {EXEC_MODE, "show lines | inc ^", "TEXT"},
+        {EXEC_MODE, "show lines | ^json", "begin count exclude include"},
         {EXEC_MODE, "show lines | count  ^x y", " <cr>"},
         {EXEC_MODE, "show clock synce ^a$b | count", "IFPHYSICAL brief <cr>"},
         {CONFIG_MODE, "clock priority ^256", "<1-255>"},
