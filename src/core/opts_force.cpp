@@ -144,7 +144,10 @@ std::int32_t ssm_opts_unforce_port() {
         ssm_history_command(g_s_master->force_port->intf->name, "no forced switch", "the operator");
     g_s_master->force_port = nullptr;
     ssm_opts_master_only_apply();
-    ssm_opts_no_source();  // the next selection chooses anew
+    if (ssm_runs() && g_s_master->non_revertive)
+        ssm_clock_select();  // the source stays if it is as good as any
+    else
+        ssm_opts_no_source();  // the next selection chooses anew
     ssm_opts_without_ssm_step();
     return SSM_OK;
 }

@@ -485,7 +485,8 @@ const random_rules::action random_rules::ACTIONS[] = {
     {"clear_switch", 1, true,
      [](auto& t, auto&) {
          t.former.manual = nullptr;
-         if (g_s_master->force_port) t.former.source = nullptr;  // its end has the selection choose anew
+         if (g_s_master->force_port && !g_s_master->non_revertive)
+             t.former.source = nullptr;  // its end has the selection choose anew
          t.chosen = ssm_opts_clear_switch() == 0;
      }},
     {"non_revertive", 1, true,

@@ -1,9 +1,12 @@
 """Three switches in a ring agree on a clock, and go on agreeing when links are cut and restored."""
 
 import json
+import time
 
+import pytest
 import ring
 from lab import wait_until
+from wire import PRC, Neighbour, Port
 
 
 def settle(switches, expected, deadline):
@@ -46,3 +49,47 @@ def test_ring_follows_its_master_through_cuts_and_restores(lab):
     for quality, word in (("PRS", "prs"), ("EEC2/ST3", "eec2")):
         a.configure("clock synce local-quality option2 " + word)
         settle(switches, {name: want[:2] + (quality,) + want[3:] for name, want in ring.WHOLE.items()}, 15)
+
+
+@pytest.mark.parametrize("guard", ["", "clock synce ssm extend\nclock synce loop-guard\n"], ids=["plain", "guarded"])
+def test_a_ring_that_loses_its_feed_follows_itself_only_without_the_guard(lab, guard):
+    """Eight switches that prefer the same direction. Without the guard the rules have a loop close, and stand."""
+    config = ring.COMMON + guard + ring.PORTS + "interface p3\n clock synce priority 5\n clock synce enable\n!\n"
+    switches = [lab.switch(f"S{n}", config=config) for n in range(8)]
+    world = lab.node("world", board=None)
+    for switch, following in zip(switches, switches[1:] + switches[:1]):
+        lab.link(switch, "p2", following, "p1")
+    lab.link(switches[0], "p3", world, "f")
+    for switch in switches:
+        switch.start_nsmd(*ring.NSMD_OPTIONS)
+        switch.start_esmcd(wait=False)
+    for switch in switches:
+        switch.wait_shell()
+    feed, shown = Neighbour(Port(world, "f"), PRC), []
+
+    def shows(source, quality, loop):
+        """What switch 0 follows, what all are worth (in a loop anything), and whether switch 0 leads back to itself."""
+        feed.keep()
+        clocks = [json.loads(switch.show("clock synce json")) for switch in switches]
+        at = 0
+        for _ in switches:
+            at = at if at is None else {"p1": (at - 1) % 8, "p2": (at + 1) % 8}.get(clocks[at]["source"])
+        shown.append([(clock["source"], clock["current_quality"]) for clock in clocks])
+        qualities = {clock["current_quality"] for clock in clocks}
+        return (clocks[0]["source"], at == 0) == (source, loop) and (loop or qualities == {quality})
+    wait_until(lambda: shows("p3", "prc", False), 20, "all follow the feed")
+    if not guard:  # the preferred way round, to the end; the guard lets nobody change over to a longer chain
+        for switch in switches[1:]:
+            wait_until(lambda: feed.keep() and switch.clock()["Current selected interface"] == "p1", 10, "one chain")
+    switches[0].link_set("p3", False)
+    cut = (None, "eec1", False) if guard else ("p1", None, True)
+    try:
+        wait_until(lambda: shows(*cut), 10, f"after the cut {cut}")
+    except BaseException:
+        print("SHOWN", shown[-5:])
+        raise
+    end = time.monotonic() + 3
+    while time.monotonic() < end:
+        assert shows(*cut), "it stands"
+    switches[0].link_set("p3", True)
+    wait_until(lambda: shows("p3", "prc", False), 10, "all follow the feed again")
