@@ -110,7 +110,7 @@ void show_port(cli* terminal, const ssm_port* port) {
     line(terminal, "DNU sent", s.dnu_out);
     line(terminal, "Without a quality", s.short_frames);
     line(terminal, "With an unknown quality", s.bad_qualities);
-    line(terminal, "With an extended TLV of no known form", s.bad_tlvs);
+    line(terminal, "With a TLV of no known form", s.bad_tlvs);
     line(terminal, "Beyond the rate limit", frames.limited);
     line(terminal, "Time-outs", s.timeouts);
     line(terminal, "Times source", s.sources);

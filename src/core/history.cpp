@@ -66,6 +66,13 @@ reason why_source(std::uint32_t former_index, const ssm_port* source) {
     return order.winner < 0 ? say("better ", order.key) : say("chosen anew");
 }
 
+// Why what is advertised changed though the source did not.
+reason why_quality(const char* source) {
+    if (g_s_master->dpll_state == SSM_DPLL_HOLDOVER) return say("the clock holds over");
+    if (g_s_master->dpll_state == SSM_DPLL_FREERUN) return say("the clock runs free");
+    return say("of the source ", source);
+}
+
 // ---- The log ----
 
 int window_over(thread*) {
@@ -156,7 +163,7 @@ void ssm_history_changed(const ssm_standing& now) {
     const std::uint8_t state = kept.state;
     const std::uint32_t index = kept.source;
     const bool moved = index_before != index;
-    const reason why = moved ? why_source(index_before, source) : say("of the source ", kept.source_name);
+    const reason why = moved ? why_source(index_before, source) : why_quality(kept.source_name);
     if (moved) record(ssm_change_kind::source, former, kept.source_name, why.text);
     if (moved && source) became_source(source);
     if (before.quality != now.quality)
