@@ -31,6 +31,7 @@ BENCH_PACKAGES=("${LAB_PACKAGES[@]}" strace)
 TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev)
 SYSTEM_PACKAGES=("${LAB_PACKAGES[@]}" python3-pytest python3-pytest-rerunfailures python3-pytest-xdist python3-scapy python3-pexpect tshark libcap2-bin ethtool
     snmp snmpd snmptrapd smitools inetutils-telnet putty-tools netcat-openbsd)
+PACKAGE_PACKAGES=(dpkg-dev debhelper lintian libcrypt-dev git)
 STYLE_PACKAGES=(clang-format clang-tidy groff)
 
 # need_mib_modules: Debian's main section has no base MIB modules (SNMPv2-SMI and the like); the npm package net-snmp ships them.
@@ -52,6 +53,29 @@ need_mib_modules() {
     rm -rf "$mibs" "$into/home"
     mkdir -p "$root/build" && cp -r --no-preserve=ownership "$into" "$mibs" && chmod 755 "$mibs"
     rm -rf "$into"
+}
+
+# libcrypt for the target, unpacked beside the build: the machine's own list of architectures stays as it is, and no
+# package of the target is installed. Without a network the build goes on, and the programs refuse passwords in words.
+fetch_arm_crypt() {
+    local state=$root/build/armhf-packages target=arm-linux-gnueabihf
+    [ -f "$state/usr/lib/$target/libcrypt.a" ] || [ -f "/usr/lib/$target/libcrypt.a" ] && return 0
+    mkdir -p "$state/lists/partial" "$state/cache/archives/partial"
+    cat >"$state/apt.conf" <<CONF
+#clear APT::Architectures;
+APT::Architecture "armhf";
+APT::Architectures { "armhf"; };
+Dir::State::lists "$state/lists";
+Dir::State::status "/dev/null";
+Dir::Cache "$state/cache";
+Acquire::Languages "none";
+APT::Sandbox::User "root";
+CONF
+    echo "fetching libcrypt-dev for armhf"
+    # One index that is being replaced on the mirror does not matter when the package is in another.
+    APT_CONFIG=$state/apt.conf apt-get -qq update </dev/null 2>"$state/update.log"
+    (cd "$state" && APT_CONFIG=$state/apt.conf apt-get -qq download libcrypt-dev </dev/null &&
+        dpkg -x libcrypt-dev_*_armhf.deb .) || echo "no libcrypt for armhf: built without passwords"
 }
 
 # need_namespaces: says in one line why the network tests can't run here, if they can't.

@@ -32,6 +32,7 @@
 #include "suite/ports/slow_socket.h"
 #include "suite/process/log_writer.h"
 #include "suite/process/pal.h"
+#include "suite/process/service.h"
 #include "suite/process/single.h"
 #include "suite/rights/user.h"
 #include "suite/start/lib.h"
@@ -203,6 +204,7 @@ std::int32_t ssm_start(bool daemon_mode, const char* config_file, std::int32_t v
     if (!user) (void)bmcli_start(g_p_esmcd, progname);  // logged there
     pal_rights_drop();
     log_writers_start(g_p_esmcd);
+    service_ready(g_p_esmcd);
     return run_loop();
 }
 
@@ -228,6 +230,7 @@ std::int32_t ssm_instance_create(lib_globals* ctx) {
 }
 
 std::int32_t ssm_terminate() {
+    service_stopping();
     const bool back_soon = restart_leave();
     if (g_p_esmcd) g_p_esmcd->flags |= LIB_SHUTTING_DOWN;
     remove_pid_file();

@@ -3,17 +3,20 @@
 #include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "esmcsh/client.h"
+#include "suite/base/text.h"
 #include "suite/terminal/wire.h"
 
 namespace {
 
 constexpr char USAGE[] =
-    "Usage: esmcsh [-s PATH] [-c LINE ...]\n"
+    "Usage: esmcsh [-s PATH] [-c LINE ...] [-t LINE]\n"
     "Operator's shell of esmcd.\n"
     "\n"
     "  -c LINE   Run a line; may be given several times, all run in one session\n"
+    "  -t LINE   Print the words that may stand at the end of LINE, one a line, as TAB completes them\n"
     "  -s PATH   Socket of the daemon (default /run/esmcd.vty)\n"
     "  -h        Display this help and exit\n"
     "\n"
@@ -24,15 +27,19 @@ struct settings {
     const char* path = TERMINAL_LOCAL_SOCKET;
     char** lines = nullptr;  // -c, in their order
     int line_count = 0;
+    const char* partial = nullptr;  // -t
 };
 
 // False: the shell ends with *status.
 bool read_options(int argc, char** argv, settings* s, int* status) {
     *status = SHELL_OK;
-    for (int option; (option = getopt(argc, argv, "c:s:h")) != -1;) {
+    for (int option; (option = getopt(argc, argv, "c:s:t:h")) != -1;) {
         switch (option) {
             case 'c':
                 s->lines[s->line_count++] = optarg;
+                break;
+            case 't':
+                s->partial = optarg;
                 break;
             case 's':
                 s->path = optarg;
@@ -53,15 +60,27 @@ bool read_options(int argc, char** argv, settings* s, int* status) {
     return false;
 }
 
+shell_status print_words(int fd, const char* partial) {
+    text_buffer line;
+    bool ended = false;
+    shell_status status = SHELL_LINE_FAILED;
+    if (text_append(&line, partial, std::strlen(partial)) && text_append(&line, "\t", 1))
+        status = client_run(fd, line.view(), &ended);
+    text_free(&line);
+    return status;
+}
+
 shell_status run(int fd, const settings& s) {
-    if (s.line_count == 0 && isatty(STDIN_FILENO) && isatty(STDOUT_FILENO)) return client_interactive(fd);
-    (void)client_send(fd, "batch\n");  // a daemon that is gone is seen at the first answer
-    if (s.line_count == 0) return client_run_input(fd);
+    const bool has_line = s.line_count > 0 || s.partial;
+    if (!has_line && isatty(STDIN_FILENO) && isatty(STDOUT_FILENO)) return client_interactive(fd);
+    (void)client_send(
+        fd, s.partial ? "complete\n" : "batch\n");  // a daemon that is gone is seen at the first answer
+    if (!has_line) return client_run_input(fd);
     shell_status status = SHELL_OK;
     bool ended = false;
     for (int i = 0; i < s.line_count && status == SHELL_OK && !ended; i++)
         status = client_run(fd, s.lines[i], &ended);
-    return status;
+    return s.partial && status == SHELL_OK && !ended ? print_words(fd, s.partial) : status;
 }
 
 int run_all(int argc, char** argv, settings* s) {

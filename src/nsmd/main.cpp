@@ -15,6 +15,7 @@
 #include "suite/log/log.h"
 #include "suite/loop/thread.h"
 #include "suite/manager/wire.h"
+#include "suite/process/service.h"
 #include "suite/process/single.h"
 #include "suite/rights/rights.h"
 #include "suite/rights/user.h"
@@ -93,10 +94,12 @@ int run(lib_globals* ctx, const nsmd_options& options) {
         log_suite(LOG_LEVEL_INFO, "nsmd %s serves %s", lib_version(), NSM_SOCKET_PATH);
         rights_reduce(rights_program::nsmd, RIGHTS_KEPT);
         if (!nsmd_detach(n)) log_suite(LOG_LEVEL_WARNING, "no helpers: a slow driver holds everything up");
+        service_ready(ctx);
         thread event;
         while (thread_fetch(ctx, &event)) thread_call(&event);
         status = 0;
     }
+    service_stopping();
     nsmd_stop(n);
     return status;
 }

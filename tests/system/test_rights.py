@@ -5,6 +5,8 @@ That the rest works with it is what all the other tests here show: they run the 
 
 import os
 import re
+import signal
+import socket
 
 import pytest
 from lab import BIN, ROOT, wait_until
@@ -15,15 +17,43 @@ CAPABILITY = {"esmcd": 13, "nsmd": 12}  # CAP_NET_RAW, CAP_NET_ADMIN
 WORD = {"esmcd": "net_raw", "nsmd": "net_admin"}
 NSMD_OPTIONS = ["--port", "p*", "--dpll", "sim"]
 ROOT_USER, NOBODY = ["0"] * 4, ["65534"] * 4
+# What it takes to become another user; all but the first is gone then.
+BECOMES = {program: f"+{word},+net_admin,+setuid,+setgid,+setpcap,+chown,+dac_override" for program, word in WORD.items()}
 PROGRAMS = pytest.mark.parametrize("program", CAPABILITY)
 
 
-def granted(program, commented=""):
-    """The bounding set that the program's service unit grants, or its comment for another user, for setpriv."""
+def limits(capabilities, *more):
+    return ["setpriv", "--bounding-set", f"-all,{capabilities}", *more, "--no-new-privs"]
+
+
+def as_in_unit(program):
+    """With the user and the capabilities of the program's service unit; nobody stands for its user."""
     unit = (ROOT / "packaging" / f"{program}.service").read_text()
-    names = re.search(rf"^{commented}CapabilityBoundingSet=(.*)$", unit, re.MULTILINE).group(1)
-    return ["setpriv", "--bounding-set", "-all," + names.lower().replace("cap_", "+").replace(" ", ","),
-            "--inh-caps", "-all", "--no-new-privs"]
+    names = re.search(r"^AmbientCapabilities=(.*)$", unit, re.MULTILINE).group(1)
+    assert f"\nCapabilityBoundingSet={names}\n" in unit and "\nUser=esmcd\n" in unit
+    granted = names.lower().replace("cap_", "+").replace(" ", ",")
+    return limits(granted, "--reuid", "nobody", "--regid", "nogroup", "--clear-groups", "--inh-caps", f"-all,{granted}",
+                  "--ambient-caps", f"-all,{granted}")
+
+
+class Manager:
+    """Plays the service manager: what a program says of itself."""
+
+    def __init__(self, sw, program):
+        self.place, self.socket = f"/run/{program}.notify", socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.socket.bind(str(sw.path(self.place)))
+        sw.path(self.place).chmod(0o666)
+        self.environment = ["env", f"NOTIFY_SOCKET={self.place}", "WATCHDOG_USEC=400000"]
+
+    def next(self, deadline=5.0):
+        self.socket.settimeout(deadline)
+        try:
+            return self.socket.recv(100).decode()
+        except TimeoutError:
+            return None
+
+    def rest(self):
+        return list(iter(lambda: self.next(0.01), None))
 
 
 def reduced(sw, program):
@@ -67,16 +97,38 @@ def test_one_capability_and_the_calls_of_the_table_are_left_and_suffice(switch):
     assert not switch.path("/run/esmcd.pid").exists() and not switch.path("/run/esmcd.vty").exists()
 
 
-@PROGRAMS
-def test_the_limits_of_the_service_units_are_enough(linked, program):
-    """Started with the capabilities that the unit grants, nothing is missed: no warning, and the port works."""
-    for each, options in (("nsmd", NSMD_OPTIONS), ("esmcd", [])):
-        limits = granted(program) if each == program else []
-        setattr(linked, each, linked.spawn(each, [*limits, f"{BIN}/{each}", *options]))
-        wait_until(linked.path("/run/nsmd.sock").exists, 5.0, "nsmd listens")
-    linked.wait_shell()
-    linked.wait_port("p1", deadline=10.0, up="enable")
-    assert getattr(linked, program).complaints() == []
+def test_started_as_by_the_units_they_serve_save_and_keep_the_manager_told(linked):
+    """With the files that systemd-tmpfiles lays out, twice, the second time over what the first has left."""
+    sw, programs = linked, (("nsmd", NSMD_OPTIONS), ("esmcd", []))
+    managers = {program: Manager(sw, program) for program in CAPABILITY}
+    rules = (ROOT / "packaging/esmcd.tmpfiles").read_text()
+    sw.path("/run/rules.conf").write_text(re.sub(r"esmcd (esmcd|adm)$", "nobody nogroup", rules, flags=re.MULTILINE))
+    sw.path("/etc/esmcd.conf").write_text((ROOT / "packaging/esmcd.conf").read_text())
+    for turn in range(2):
+        sw.run("systemd-tmpfiles", "--create", "/run/rules.conf")
+        for program, options in programs:
+            words = [*as_in_unit(program), *managers[program].environment, f"{BIN}/{program}", *options]
+            setattr(sw, program, sw.spawn(program, words))
+            assert managers[program].next() == "READY=1"
+            kept = reduced(sw, program)
+            assert kept["Uid"].split() == NOBODY and kept["NoNewPrivs"] == "1"
+            assert int(kept["CapPrm"], 16) == 1 << CAPABILITY[program] and int(kept["CapAmb"], 16) == 0
+        sw.wait_port("p1", deadline=10.0, up="enable", priority="9" if turn else "255")
+        sw.configure("interface p1", "clock synce enable", "clock synce priority 9")
+        sw.cli("write")
+        assert "clock synce priority 9" in sw.path("/etc/esmcd.conf").read_text()
+        for program, _ in reversed(programs):
+            process, manager = getattr(sw, program), managers[program]
+            manager.rest()
+            assert manager.next() == "WATCHDOG=1"
+            process.send(signal.SIGSTOP)
+            manager.rest()
+            assert manager.next(0.4) is None, "a program that hangs says that it runs"
+            process.send(signal.SIGCONT)
+            assert manager.next() == "WATCHDOG=1"
+            assert process.stop() == 0 and manager.rest()[-1] == "STOPPING=1"
+            assert [line for line in process.complaints() if "NSM: " not in line] == []
+        assert [p.name for p in sw.path("/run/esmcd").iterdir()] == [] and sw.path("/run/esmcd.pid").read_text() == ""
 
 
 def as_user(path, user):
@@ -85,8 +137,8 @@ def as_user(path, user):
 
 
 def start_as(sw, program, user, *options):
-    """With no more rights than the unit's comment says that it takes."""
-    setattr(sw, program, sw.spawn(program, [*granted(program, "#"), *as_user(f"{BIN}/{program}", user), *options]))
+    """With no more rights than are said to be enough."""
+    setattr(sw, program, sw.spawn(program, [*limits(BECOMES[program], "--inh-caps", "-all"), *as_user(f"{BIN}/{program}", user), *options]))
     return reduced(sw, program)
 
 
@@ -116,7 +168,7 @@ def test_another_user_serves_saves_and_is_started_again(linked, place, nsmd_user
         assert sw.path(place).stat().st_mode & 0o777 == 0o640
         assert sw.run("setpriv", "--reuid", "nobody", "--regid", "nogroup", "--clear-groups", f"{BIN}/esmcsh", "-c",
                       "show clock synce").returncode == 0
-        # A port that comes later is numbered, and a restarted nsmd knows its number.
+# A port that comes later is numbered, and a restarted nsmd knows its number.
         sw.lab.link(sw, f"p{7 + turn}", sw.lab.tester, f"t{7 + turn}")
         sw.wait_port(f"p{7 + turn}", up="enable")
         assert f" p{7 + turn}\n" in sw.path("/run/nsmd.indexes").read_text()
@@ -149,7 +201,7 @@ def test_unknown_users_and_groups_are_refused(sw, program):
                       ("4242", "needs a group"), ("", "no such user")):
         refused = sw.run(*as_user(f"{BIN}/{program}", user), check=False)
         assert refused.returncode == 1 and why in refused.stderr, (user, refused)
-    # Who is not root can't become anybody, and must not go on as who he is.
+# Who is not root can't become anybody, and must not go on as who he is.
     stopped = sw.run("setpriv", "--bounding-set", "-setuid,-setgid", *as_user(f"{BIN}/{program}", "nobody"), check=False)
     assert stopped.returncode == (1 if program == "nsmd" else 255), stopped
     assert "can't become user nobody" in stopped.stderr and not sw.path("/run/esmcd.pid").exists()

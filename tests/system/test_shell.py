@@ -26,6 +26,7 @@ def test_lines_of_the_command_line(running):
     assert (reply.status, reply.out, reply.err) == (0, ANSWER * 3 + "1\n", "")
     assert running.clock()["Enable global synce"] == "enable"
     assert running.cli("clock synce global-enable", check=False).status == 1, "each run starts in the exec mode"
+    assert running.run(f"{BIN}/esmcsh", "-c", "configure terminal", "-t", "clock synce g").stdout == "global-enable\n"
     # The first refused line ends the run; what could stand there is said on standard error.
     for lines, answer, could in ((["show nonsense"], "% Unknown command\n", "running-config"),
                                  (["show clock"], "% Incomplete command\n", "recovery-select"),

@@ -187,7 +187,7 @@ class Terminal : public Host {
 };
 
 TEST_F(Terminal, BatchLinesAreAnsweredInOrderWithTheirStatus) {
-    Client c, stranger;
+    Client c, asks, stranger;
     open_batch(&c);
     for (const char* l :
          {"show version", "", "configure terminal", "hostname x", "no hostname x", "!?", "!?", "do sho ver"})
@@ -200,6 +200,13 @@ TEST_F(Terminal, BatchLinesAreAnsweredInOrderWithTheirStatus) {
     ASSERT_TRUE(closes(&c));
     c.answered(10);
     EXPECT_EQ(c.statuses, "0000100002") << "behind the end of the session nothing is run";
+    open_batch(&asks, "complete\n");
+    for (const char* l :
+         {"configure terminal", "do show ver\t", "host\t", "hostname\t \t", "nonsense \t", "hostname y\t "})
+        asks.put(request(l));
+    ASSERT_TRUE(pump([&] { return asks.answered(6); }));
+    EXPECT_EQ(asks.printed, "version\nhostname\n") << "words are listed, and no line that asks is run";
+    EXPECT_EQ(asks.statuses, "000010");
     open_batch(&stranger, "GET / HTTP/1.0\n");
     EXPECT_TRUE(closes(&stranger));
 }

@@ -70,6 +70,18 @@ int unix_connect(const char* path, int type, int limit_s) {
     return fd;
 }
 
+bool unix_place(const char* path, char (&place)[sizeof(sockaddr_un::sun_path)]) {
+    struct stat file {};
+    const bool is_link = lstat(path, &file) == 0 && S_ISLNK(file.st_mode) && file.st_uid == 0;
+    const ssize_t linked = is_link ? readlink(path, place, sizeof place) : -1;
+    const bool leads = linked > 0 && place[0] == '/';
+    const std::size_t length = leads ? static_cast<std::size_t>(linked) : std::strlen(path);
+    if (length >= sizeof place) return false;
+    if (!leads) std::memcpy(place, path, length);
+    place[length] = 0;
+    return true;
+}
+
 int unix_listen(const char* path, int type, mode_t mode, unix_file* made) {
     sockaddr_un address;
     const int fd = prepare(path, type, &address);

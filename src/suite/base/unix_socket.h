@@ -3,11 +3,17 @@
 #pragma once
 
 #include <sys/types.h>
+#include <sys/un.h>
 
 // A connected descriptor, or a negative errno. Connecting succeeds or fails at once, unless the server's
 // backlog is full: a non-blocking socket is then refused with -EAGAIN, another one waits, `limit_s` seconds
 // at most (0: without limit).
 int unix_connect(const char* path, int type, int limit_s = 0);
+
+// Where a server makes its socket: at `path`, or, when root has put a symbolic link there, where that leads:
+// to a directory in which the server's user may make files. Neither making nor removing a socket follows a
+// link. False: too long for an address.
+bool unix_place(const char* path, char (&place)[sizeof(sockaddr_un::sun_path)]);
 
 // What tells a socket's file from one that another server has put in its place.
 struct unix_file {

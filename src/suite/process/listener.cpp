@@ -62,13 +62,15 @@ int listener_start(listener* l, lib_globals* ctx, int fd, listener_accepted acce
 int listener_start_unix(listener* l, lib_globals* ctx, const char* path, int type, listener_accepted accepted,
                         void* arg) {
     unix_file file;
-    const int fd = unix_listen(path, type | SOCK_NONBLOCK, 0660, &file);
+    char place[sizeof l->path];
+    if (!unix_place(path, place)) return -ENAMETOOLONG;
+    const int fd = unix_listen(place, type | SOCK_NONBLOCK, 0660, &file);
     if (fd < 0) return fd;
     if (const int result = listener_start(l, ctx, fd, accepted, arg)) {
-        unix_remove(path, file);
+        unix_remove(place, file);
         return result;
     }
-    std::memcpy(l->path, path, std::strlen(path) + 1);  // it fitted into an address, which is as long
+    std::memcpy(l->path, place, sizeof place);
     l->file = file;
     return 0;
 }

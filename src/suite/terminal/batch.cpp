@@ -3,6 +3,8 @@
 #include <cstring>
 
 #include "suite/base/octets.h"
+#include "suite/base/slice.h"
+#include "suite/command/completion.h"
 #include "suite/terminal/stages.h"
 #include "suite/terminal/terminal.h"
 
@@ -24,6 +26,13 @@ void put_status(session* s, batch_status status) {
     if (!text_append(&s->out, frame, sizeof frame)) s->overrun = true;
 }
 
+void list_words(session* s, std::string_view line) {
+    completion_list list;
+    completion_words(s->ctx->ctree, &s->c, line, &list);
+    for (std::size_t i = 0; i < list.count; i++) session_print(s, "%s\n", list.items[i].text);
+    session_batch_finish(s, list.result == cli_result::ok);
+}
+
 void tell_explanation(session* s) {
     session_write(s, s->explanation.view());
     text_free(&s->explanation);
@@ -31,6 +40,7 @@ void tell_explanation(session* s) {
 }
 
 void run_request(session* s, std::string_view line) {
+    if (s->completes && line.ends_with('\t')) return list_words(s, slice(line, 0, line.size() - 1));
     if (line == BATCH_EXPLAIN) return tell_explanation(s);
     text_free(&s->explanation);
     cli_result result = session_run_line(s, line);

@@ -168,7 +168,8 @@ void hello_step(session* s) {
     unsigned rows = 0, columns = 0;
     std::string_view line{s->in.data, length};
     s->in.data[length] = 0;
-    if (line == "batch") {
+    if (line == "batch" || line == "complete") {
+        s->completes = line == "complete";
         s->stage = session_stage::batch;
     } else if (std::sscanf(s->in.data, "interactive %5u %5u", &rows, &columns) == 2) {
         s->rows = static_cast<std::uint16_t>(rows);

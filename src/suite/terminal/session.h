@@ -62,6 +62,7 @@ struct session {
     std::size_t released;     // paging: octets of `out` that may go
     std::size_t owed;         // paging: rows that are still to be let go, once the listing goes on
     std::size_t frame;        // batch: place of the open output frame in `out`, or NO_FRAME
+    bool completes;           // batch: a line that ends with a TAB asks for words
     std::size_t to_skip;      // batch: octets still to be passed over
     text_buffer explanation;  // batch: of the last line's refusal, for who asks
     thread* read_event;

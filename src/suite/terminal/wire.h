@@ -3,6 +3,7 @@
 // The client's first line says what it is:
 //
 //   batch\n                         lines of a script; framed in both directions from here on
+//   complete\n                      as batch, but a request that ends with a TAB is not run
 //   interactive ROWS COLS TERM\n    a terminal in raw mode; a pipe of octets from here on
 //
 // Batch. A request is a 4-octet big-endian length and that many octets: one line. The answer to each request
@@ -19,6 +20,9 @@
 // Requests may be sent ahead; they are run in order. A request longer than 64 KiB is answered with "% Line
 // too long" and status 1. When the client shuts its sending side down, the requests that came whole are
 // answered before the session is closed.
+//
+// Complete. A request that ends with a TAB is answered with the words that may stand where the TAB is, one a
+// line; the word that it stands behind is the beginning of each.
 //
 // Interactive. Keys go up as they are typed, output comes down with CR LF. An octet 255 is sent twice; 255,
 // 250, 31, columns, rows (two octets each, big-endian, 255 doubled), 255, 240 tells a new window size, as in
