@@ -27,7 +27,8 @@ struct settings {
     const char* path = TERMINAL_LOCAL_SOCKET;
     char** lines = nullptr;  // -c, in their order
     int line_count = 0;
-    const char* partial = nullptr;  // -t
+    bool completes = false;    // -t ...
+    const char* partial = "";  // ... and its line
 };
 
 // False: the shell ends with *status.
@@ -39,6 +40,7 @@ bool read_options(int argc, char** argv, settings* s, int* status) {
                 s->lines[s->line_count++] = optarg;
                 break;
             case 't':
+                s->completes = true;
                 s->partial = optarg;
                 break;
             case 's':
@@ -71,16 +73,16 @@ shell_status print_words(int fd, const char* partial) {
 }
 
 shell_status run(int fd, const settings& s) {
-    const bool has_line = s.line_count > 0 || s.partial;
+    const bool has_line = s.line_count > 0 || s.completes;
     if (!has_line && isatty(STDIN_FILENO) && isatty(STDOUT_FILENO)) return client_interactive(fd);
-    (void)client_send(
-        fd, s.partial ? "complete\n" : "batch\n");  // a daemon that is gone is seen at the first answer
+    // A daemon that is gone is seen at the first answer.
+    (void)client_send(fd, s.completes ? "complete\n" : "batch\n");
     if (!has_line) return client_run_input(fd);
     shell_status status = SHELL_OK;
     bool ended = false;
     for (int i = 0; i < s.line_count && status == SHELL_OK && !ended; i++)
         status = client_run(fd, s.lines[i], &ended);
-    return s.partial && status == SHELL_OK && !ended ? print_words(fd, s.partial) : status;
+    return s.completes && status == SHELL_OK && !ended ? print_words(fd, s.partial) : status;
 }
 
 int run_all(int argc, char** argv, settings* s) {
