@@ -12,7 +12,7 @@ using oid = std::vector<snmp_oid>;
 struct variable {
     unsigned type;
     oid name;
-    std::int32_t number;
+    std::int64_t number;
     std::string text;
     oid id;
 };
@@ -37,7 +37,9 @@ struct pdu : agentx_header {
             agentx_take_variable(&r, &v);
             const std::string text(reinterpret_cast<const char*>(v.value), v.value_length);
             all.push_back({v.type, oid(v.name.id, v.name.id + v.name.length),
-                           static_cast<std::int32_t>(v.cell), text, oid(v.oid.id, v.oid.id + v.oid.length)});
+                           v.type == AGENTX_COUNTER64 ? static_cast<std::int64_t>(v.number)
+                                                      : static_cast<std::int32_t>(v.cell),
+                           text, oid(v.oid.id, v.oid.id + v.oid.length)});
         }
         EXPECT_FALSE(r.bad);
         return all;

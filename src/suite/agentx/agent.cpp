@@ -239,7 +239,13 @@ void refused(snmp_agent* agent, const char* what, std::uint16_t error) {
     agentx_drop(agent, why);
 }
 
-void take_answer(snmp_agent* agent, const agentx_header& header, std::uint16_t error) {
+// Once a session, so that what was read before reads the same afterwards.
+void take_up_time(snmp_agent* agent, std::uint32_t hundredths) {
+    agent->up_time_ahead = static_cast<std::int64_t>(hundredths) * 10 * static_cast<std::int64_t>(NS_PER_MS) -
+                           static_cast<std::int64_t>(thread_now(agent->ctx));
+}
+
+void take_answer(snmp_agent* agent, const agentx_header& header, std::uint32_t up_time, std::uint16_t error) {
     if (agent->phase == agentx_phase::serving) {
         if (agent->unanswered && --agent->unanswered) agent->unanswered_since = thread_now(agent->ctx);
         if (error == AGENTX_NOT_OPEN) return refused(agent, "the session", error);
@@ -249,6 +255,7 @@ void take_answer(snmp_agent* agent, const agentx_header& header, std::uint16_t e
     if (agent->phase == agentx_phase::opening) {
         if (error) return refused(agent, "the session", error);
         agent->session = header.session;
+        take_up_time(agent, up_time);
         agent->registering = agent->modules;
         return send_register(agent);
     }
@@ -259,11 +266,11 @@ void take_answer(snmp_agent* agent, const agentx_header& header, std::uint16_t e
 // False: the link is of no use any more.
 bool take_response(snmp_agent* agent, const agentx_header& header, const_octets payload) {
     agentx_reader r{payload, 0, agentx_is_big_endian(header), false};
-    (void)agentx_take_u32(&r);  // the master's up-time
+    const std::uint32_t up_time = agentx_take_u32(&r);
     const std::uint16_t error = agentx_take_u16(&r);
     (void)agentx_take_u16(&r);  // index; what a master appends is of no interest
     if (r.bad) return false;
-    take_answer(agent, header, error);
+    take_answer(agent, header, up_time, error);
     return true;
 }
 

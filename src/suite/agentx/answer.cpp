@@ -36,6 +36,11 @@ void put_found(agentx_writer* w, const agentx_found* found) {
     agentx_full_name(found, &name);
     if (found->variable->type == SNMP_TYPE_OCTET_STRING)
         return agentx_put_text(w, name.name(), found->value, found->value_length);
+    if (found->variable->type == SNMP_TYPE_COUNTER64) {
+        std::uint64_t count = 0;
+        std::memcpy(&count, found->value, sizeof count);
+        return agentx_put_counter64(w, name.name(), count);
+    }
     std::uint32_t number = 0;
     std::memcpy(&number, found->value, sizeof number);
     agentx_put_number(w, found->variable->type, name.name(), number);

@@ -235,6 +235,13 @@ void agentx_put_number(agentx_writer* w, std::uint16_t type, agentx_name name, s
     agentx_put_u32(w, value);
 }
 
+void agentx_put_counter64(agentx_writer* w, agentx_name name, std::uint64_t value) {
+    const auto high = static_cast<std::uint32_t>(value >> 32), low = static_cast<std::uint32_t>(value);
+    agentx_put_empty(w, AGENTX_COUNTER64, name);
+    agentx_put_u32(w, w->big_endian ? high : low);
+    agentx_put_u32(w, w->big_endian ? low : high);
+}
+
 void agentx_put_text(agentx_writer* w, agentx_name name, const void* data, std::size_t length) {
     agentx_put_empty(w, AGENTX_OCTET_STRING, name);
     agentx_put_string(w, data, length);

@@ -143,9 +143,10 @@ void agentx_put_u16(agentx_writer* w, std::uint16_t value);
 void agentx_put_u32(agentx_writer* w, std::uint32_t value);
 void agentx_put_oid(agentx_writer* w, agentx_name name, bool include = false);
 void agentx_put_string(agentx_writer* w, const void* data, std::size_t length);
-// Types without a value, Integer and the other 32-bit types.
+// Types without a value, Integer and the other 32-bit types, and Counter64.
 void agentx_put_empty(agentx_writer* w, std::uint16_t type, agentx_name name);
 void agentx_put_number(agentx_writer* w, std::uint16_t type, agentx_name name, std::uint32_t value);
+void agentx_put_counter64(agentx_writer* w, agentx_name name, std::uint64_t value);
 void agentx_put_text(agentx_writer* w, agentx_name name, const void* data, std::size_t length);
 void agentx_put_oid_value(agentx_writer* w, agentx_name name, agentx_name value);
 // Overwrites 16 or 32 bits of the PDU at hand, `at` octets behind its start.

@@ -88,6 +88,7 @@ struct snmp_agent {
     bool more_input;  // a whole PDU waits in `in`
     text_buffer in, out;
     std::uint32_t session, next_packet;
+    std::int64_t up_time_ahead;      // of the loop's clock, in ns: as the master said when the session began
     std::uint32_t awaited;           // packet of the Open or Register that is under way
     const snmp_module* registering;  // the module whose registration is under way
     nanoseconds step_started;        // of the phase

@@ -85,6 +85,13 @@ void snmp_stop(lib_globals* ctx) {
     ctx->snmp = nullptr;
 }
 
+std::uint32_t snmp_time_stamp(const lib_globals* ctx, nanoseconds moment) {
+    if (!moment || !ctx->snmp) return 0;
+    const std::int64_t up_time = static_cast<std::int64_t>(moment) + ctx->snmp->up_time_ahead;
+    constexpr auto TICK = static_cast<std::int64_t>(10 * NS_PER_MS);
+    return up_time > 0 ? static_cast<std::uint32_t>(up_time / TICK) : 0;
+}
+
 int snmp_header_generic(const snmp_variable* variable, snmp_oid* name, std::size_t* name_length, int exact,
                         std::size_t* value_length, snmp_write_handler* write) {
     const snmp_oid* object = variable->suffix;

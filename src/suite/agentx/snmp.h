@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "suite/base/clock.h"
 #include "suite/base/context.h"
 
 using snmp_oid = std::uint32_t;
@@ -14,6 +15,8 @@ enum : std::uint8_t {
     SNMP_TYPE_OCTET_STRING = 4,
     SNMP_TYPE_COUNTER32 = 65,
     SNMP_TYPE_GAUGE32 = 66,
+    SNMP_TYPE_TIME_TICKS = 67,  // hundredths of a second
+    SNMP_TYPE_COUNTER64 = 70,   // its value has eight octets; those of the other numbers have four
 };
 enum : std::uint8_t { SNMP_NOT_ACCESSIBLE = 0, SNMP_READ_ONLY = 1, SNMP_READ_WRITE = 2 };
 
@@ -80,6 +83,9 @@ void snmp_stop(lib_globals* ctx);  // says good-bye to the master; frees the reg
 // *value_length to 4.
 int snmp_header_generic(const snmp_variable* variable, snmp_oid* name, std::size_t* name_length, int exact,
                         std::size_t* value_length, snmp_write_handler* write);
+// The master's up-time at a moment of the loop's clock: what a TimeStamp reads. 0 for a moment before its
+// start, and for none (0).
+std::uint32_t snmp_time_stamp(const lib_globals* ctx, nanoseconds moment);
 // 1 when `value` can be the index of an interface of that type code.
 int snmp_api_ifindex_check(std::int32_t value, std::uint16_t type);
 
