@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <iterator>
 #include <utility>
 
@@ -35,6 +36,7 @@ void record(ssm_change_kind kind, const char* from, const char* to, const char* 
     std::snprintf(change.from, sizeof change.from, "%s", from);
     std::snprintf(change.to, sizeof change.to, "%s", to);
     std::snprintf(change.why, sizeof change.why, "%s", why);
+    if (std::strcmp(from, to) != 0) kept.last[static_cast<std::size_t>(kind)] = change.monotonic;
 }
 
 // ---- Why ----

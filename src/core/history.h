@@ -17,6 +17,7 @@ constexpr std::uint32_t SSM_HISTORY_LINES = 10;  // in the log, in one minute
 constexpr nanoseconds SSM_FLAPPING_TIME = 1800 * NS_PER_S;
 
 enum class ssm_change_kind : std::uint8_t { source, quality, state, command };
+constexpr std::size_t SSM_CHANGE_KINDS = 4;
 const char* ssm_change_kind_text(ssm_change_kind kind);
 
 struct ssm_change {
@@ -37,8 +38,9 @@ struct ssm_standing {
 struct ssm_history {
     std::uint64_t count;  // of all; the last SSM_HISTORY_SIZE are kept
     ssm_change changes[SSM_HISTORY_SIZE];
-    std::uint8_t state;    // ssm_running; 0: nothing was recorded yet
-    std::uint32_t source;  // interface index; 0: none
+    nanoseconds last[SSM_CHANGE_KINDS];  // monotonic, of each kind; 0: none yet; a restart is none
+    std::uint8_t state;                  // ssm_running; 0: nothing was recorded yet
+    std::uint32_t source;                // interface index; 0: none
     char source_name[IF_NAME_SIZE];
     std::uint32_t lines;  // in the log since the window began, with those that were left out
     thread* window_timer;

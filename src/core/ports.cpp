@@ -40,6 +40,7 @@ ssm_port* ssm_record_take(interface* intf) {
     port->intf = intf;
     port->statistics = &block->statistics[port - block->records];
     *port->statistics = {};
+    port->statistics->began = thread_now(g_p_esmcd);
     return port;
 }
 

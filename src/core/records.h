@@ -86,6 +86,13 @@ struct ssm_port;
 struct slow_address;
 struct ssm_record_block;  // ports.h
 
+// How a manual switch came to its end.
+struct ssm_manual_end {
+    std::uint32_t count;  // since the start
+    std::uint32_t ifindex;
+    const char* why;  // a few words, for ever
+};
+
 struct ssm_master {
     std::uint8_t clock_id[SSM_CLOCK_ID_SIZE];  // from the bridge's MAC address
     std::uint32_t global_enable;
@@ -121,6 +128,7 @@ struct ssm_master {
     std::uint32_t restore_s;              // 0: sources that have failed count again at once
     std::uint32_t non_revertive;          // a better priority alone does not take the source over
     ssm_port* manual_port;                // the operator's choice among ports of the best quality, or null
+    ssm_manual_end manual_end;            // the last one
     std::uint32_t advertise_when_locked;  // a received quality is advertised only while the clock is locked
     std::uint32_t keep_state;  // a restart takes over where the daemon before it stood (room restart)
     bool resuming;             // it is about to: nothing is heard or said

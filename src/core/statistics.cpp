@@ -51,7 +51,7 @@ void ssm_statistics_clear(ssm_port* port) {
     const auto clear = [](ssm_port* cleared) {
         ssm_statistics fresh = {};
         std::ranges::copy(cleared->statistics->source_times, fresh.source_times);
-        fresh.cleared = thread_now(g_p_esmcd);
+        fresh.began = fresh.cleared = thread_now(g_p_esmcd);
         *cleared->statistics = fresh;
     };
     if (port)

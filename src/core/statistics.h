@@ -27,6 +27,7 @@ struct ssm_statistics {
     std::uint64_t timeouts, sources;  // how often it fell silent, and became the source
     nanoseconds quality_changed;      // when the received quality did last; 0: never
     nanoseconds cleared;              // 0: never
+    nanoseconds began;                // when the counters last were 0: the port's beginning, or cleared
     nanoseconds
         source_times[SSM_FLAPPING_TIMES];  // when it became the source last, newest first; not cleared
 };

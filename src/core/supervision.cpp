@@ -161,6 +161,7 @@ void ssm_manual_drop(const char* why) {
     const ssm_port* port = g_s_master->manual_port;
     if (!port) return;
     g_s_master->manual_port = nullptr;
+    g_s_master->manual_end = {g_s_master->manual_end.count + 1, port->ifindex, why};
     SSM_LOG(LOG_LEVEL_WARNING, "%s%smanual switch to %s ended: %s", port->intf->name, why);
     ssm_history_command(port->intf->name, "no manual switch", why);
 }

@@ -55,5 +55,6 @@ ssm_port* ssm_choice_of_operator(ssm_port* best);
 void ssm_supervision_say_active();
 // Why the port can't be the target of a manual switch; null: it can.
 const char* ssm_manual_refusal(const ssm_port* port);
-// The manual switch is over, for this reason (logged). Nothing happens without one.
+// The manual switch is over, for this reason (logged, and kept: the text is a constant). Nothing happens
+// without one.
 void ssm_manual_drop(const char* why);

@@ -34,6 +34,7 @@ struct kept_clock {
     std::uint32_t selected, manual, gephy_dynamic;  // interface indexes; 0: none
     std::uint32_t guard_refusing, zero;
     std::uint8_t clock_id[SSM_CLOCK_ID_SIZE];
+    nanoseconds history_last[SSM_CHANGE_KINDS];
 };
 
 struct kept_port {
@@ -94,6 +95,7 @@ void each_of_clock(ssm_master* clock, Kept* kept, Copy copy) {
     copy(clock->nsm_source_ifindex, kept->nsm_source_ifindex);
     copy(clock->clock_id, kept->clock_id);
     copy(clock->history.count, kept->history_count);
+    copy(clock->history.last, kept->history_last);
     copy(guard.distances, kept->distances);
     copy(guard.refused, kept->guard_refused);
     copy(guard.holds, kept->guard_holds);

@@ -22,6 +22,12 @@ enum ssm_mib_scalar : std::uint32_t {
     SSM_MIB_PORT_TABLE = 13,
     SSM_MIB_RECOVERY_SELECT = 15,
     SSM_MIB_GUARD = 18,  // a node: below it stand the loop guard's, numbered from SSM_MIB_GUARD_FIRST on
+    // Groups of read-only objects, each an entry of the table.
+    SSM_MIB_SUPERVISION = 19,
+    SSM_MIB_PORT_COUNTERS = 20,
+    SSM_MIB_PORT_TIMES = 21,
+    SSM_MIB_PORT_STATES = 22,
+    SSM_MIB_LAST_CHANGES = 23,
     SSM_MIB_GUARD_FIRST = 201,
     SSM_MIB_GUARD_ENABLE = SSM_MIB_GUARD_FIRST,
     SSM_MIB_GUARD_HOLD,
@@ -52,6 +58,20 @@ enum ssm_mib_column : std::uint32_t {
     SSM_MIB_HELD_BACK = 15,
 };
 
+// Objects of the groups that notifications carry.
+enum : snmp_oid {
+    SSM_MIB_COMMAND = 1,
+    SSM_MIB_COMMAND_PORT = 2,
+    SSM_MIB_LOCKED_OUT = 3,
+    SSM_MIB_FLAPPING = 7
+};
+
+// The external command that is active: none, forced, manual; and its port, 9999 for the external input, or 0.
+struct ssm_mib_command {
+    ssm_mib_value kind, port;
+};
+ssm_mib_command ssm_mib_active_command();
+
 // The state of the clock as its object reads it, and the index of the selected port or 0.
 ssm_mib_value ssm_mib_running_state();
 ssm_mib_value ssm_mib_selected_index();
@@ -60,10 +80,13 @@ ssm_mib_value ssm_mib_selected_index();
 // null when there is none.
 interface* ssm_mib_find_interface(std::uint32_t index, int exact);
 
-// One read handler a scalar; they exist for those of ssm_mib_scalar but the table and the node.
+// One read handler a scalar; they exist for those of ssm_mib_scalar but the table, the node and the groups.
 template <std::uint32_t Object>
 const void* ssm_mib_read_scalar(const snmp_variable* variable, snmp_oid* name, std::size_t* name_length,
                                 int exact, std::size_t* value_length, snmp_write_handler* write);
-// All columns.
+// All columns of the port table.
 const void* ssm_mib_read_port(const snmp_variable* variable, snmp_oid* name, std::size_t* name_length,
                               int exact, std::size_t* value_length, snmp_write_handler* write);
+// All objects of the groups.
+const void* ssm_mib_read_group(const snmp_variable* variable, snmp_oid* name, std::size_t* name_length,
+                               int exact, std::size_t* value_length, snmp_write_handler* write);

@@ -29,6 +29,14 @@ constexpr snmp_variable column(ssm_mib_column place, std::uint8_t access,
         SSM_MIB_COLUMN + place, type, access, 3, ssm_mib_read_port, {SSM_MIB_PORT_TABLE, PORT_ENTRY, place}};
 }
 
+// An entry is so large that the objects of a group, which have one type, share one.
+constexpr snmp_variable group(ssm_mib_scalar place, std::uint8_t type) {
+    return {place, type, SNMP_READ_ONLY, 1, ssm_mib_read_group, {place}};
+}
+constexpr snmp_variable port_group(ssm_mib_scalar place, std::uint8_t type) {
+    return {place, type, SNMP_READ_ONLY, 2, ssm_mib_read_group, {place, PORT_ENTRY}};
+}
+
 }  // namespace
 
 const snmp_oid ssm_oid[SSM_OID_LENGTH] = {ESMC_ENTERPRISE, 81};
@@ -69,4 +77,9 @@ const snmp_variable ssm_variables[SSM_VARIABLE_COUNT] = {
     guard<SSM_MIB_GUARD_HOLDS>(SNMP_TYPE_COUNTER32, SNMP_READ_ONLY),
     guard<SSM_MIB_GUARD_LONGEST_HOLD>(SNMP_TYPE_GAUGE32, SNMP_READ_ONLY),
     guard<SSM_MIB_GUARD_HOLD_LEFT>(SNMP_TYPE_GAUGE32, SNMP_READ_ONLY),
+    group(SSM_MIB_SUPERVISION, SNMP_TYPE_INTEGER),
+    port_group(SSM_MIB_PORT_COUNTERS, SNMP_TYPE_COUNTER64),
+    port_group(SSM_MIB_PORT_TIMES, SNMP_TYPE_TIME_TICKS),
+    port_group(SSM_MIB_PORT_STATES, SNMP_TYPE_INTEGER),
+    group(SSM_MIB_LAST_CHANGES, SNMP_TYPE_TIME_TICKS),
 };

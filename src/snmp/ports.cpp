@@ -15,6 +15,8 @@
 
 namespace {
 
+constexpr std::uint32_t NEAR = 8;
+
 // The column of a table's entry, 0 when it is none of this table.
 std::uint32_t column_of(const snmp_variable* variable) {
     const std::uint32_t column = variable->magic - SSM_MIB_COLUMN;
@@ -171,6 +173,11 @@ interface* ssm_mib_find_interface(std::uint32_t index, int exact) {
     if (exact) {
         interface* found = if_lookup_by_index(g_p_esmcd->ifm, index);
         return ssm_if_usable(found) ? found : nullptr;
+    }
+    // Indexes mostly follow each other: a walk of many ports need not look at all of them for each one.
+    for (std::uint32_t step = 1; step <= NEAR && index + step > index; ++step) {
+        interface* found = if_lookup_by_index(g_p_esmcd->ifm, index + step);
+        if (ssm_if_usable(found)) return found;
     }
     interface* best = nullptr;
     for (interface* intf : if_list(g_p_esmcd->ifm))

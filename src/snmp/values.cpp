@@ -10,6 +10,7 @@ namespace {
 
 // Numbers of the quality enumeration by SSM code, for option 1; what is not named reads as "do not use".
 constexpr std::int32_t DNU = 13, DUS = 14, NA = 15, TNC = 5;
+constexpr std::int32_t FIRST_ENHANCED = 16;  // in the order of the enhanced codes
 constexpr std::array<std::int32_t, 16> QUALITY = {3, 1, 2, NA, 4, DNU, DNU, 6, 7, DNU, 8, 9, 10, 11, 12, DNU};
 
 constexpr std::array<const char*, 16> TOKENS = {nullptr, "prs",   "prc",  "stu",  "ssu-a", "tnc",
@@ -32,6 +33,12 @@ const void* ssm_mib_cell(ssm_mib_value value) {
     return &cell;
 }
 
+const void* ssm_mib_counter_cell(std::uint64_t value) {
+    static std::uint64_t cell;
+    cell = value;
+    return &cell;
+}
+
 ssm_mib_value ssm_mib_quality(std::uint32_t quality) {
     const std::uint32_t code = ssm_code_of(quality);
     if (g_s_master->ql_option == SSM_OPTION_2) {
@@ -43,6 +50,11 @@ ssm_mib_value ssm_mib_quality(std::uint32_t quality) {
 
 ssm_mib_value ssm_mib_current_quality(std::uint32_t code) {
     return code == QL_NONE ? DNU : ssm_mib_quality(code);
+}
+
+ssm_mib_value ssm_mib_whole_quality(std::uint32_t quality) {
+    const std::uint8_t enhanced = ssm_enhanced_of(quality);
+    return enhanced ? FIRST_ENHANCED + (enhanced - QL_ENHANCED_PRTC) : ssm_mib_quality(quality);
 }
 
 const char* ssm_mib_quality_token(std::int32_t value) {

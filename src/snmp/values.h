@@ -18,10 +18,14 @@ constexpr ssm_mib_value ssm_mib_flag(bool set) {
     return set ? 1 : 2;
 }
 
+const void* ssm_mib_counter_cell(std::uint64_t value);  // the same of a Counter64
+
 // Quality of a port: its SSM code, whatever the enhanced code above it says. The current quality of the
 // switch differs for "none": it reads as "do not use".
 ssm_mib_value ssm_mib_quality(std::uint32_t quality);
 ssm_mib_value ssm_mib_current_quality(std::uint32_t code);
+// The same where the enhanced code has a number of its own: all that the quality says.
+ssm_mib_value ssm_mib_whole_quality(std::uint32_t quality);
 const char* ssm_mib_quality_token(std::int32_t value);  // null when the low eight bits name none
 
 // Quality of the switch's own clock: some pairs of code and option have a number.

@@ -96,14 +96,15 @@ class Port:
 
 class Neighbour:
     """Keeps a quality alive on a port: sends an information frame now, and again whenever `keep` is called
-    and half a second has passed."""
+    and half a second has passed. `tlv` stands behind the QL TLV."""
 
-    def __init__(self, port, quality):
-        self.port, self.quality, self.last = port, quality, 0.0
+    def __init__(self, port, quality, tlv=b""):
+        self.port, self.quality, self.tlv, self.last = port, quality, tlv, 0.0
         self.keep()
 
     def keep(self):
         if time.monotonic() - self.last > 0.5:
             self.last = time.monotonic()
-            self.port.send(esmc(self.quality))
+            frame = esmc(self.quality)
+            self.port.send(frame[:28] + self.tlv + frame[28 + len(self.tlv):])
         return True

@@ -4,6 +4,8 @@
 #include <map>
 #include <set>
 
+#include "core/supervision.h"
+#include "core/timers.h"
 #include "daemon_fixture.h"
 #include "nsm/session.h"
 #include "snmp/notify.h"
@@ -43,10 +45,11 @@ class ssm_mib : public daemon_test {
     }
 
     struct reply {
-        int value = NO_VALUE;
+        std::int64_t value = NO_VALUE;
         std::string text;
         snmp_write_handler write = nullptr;
-        oid name;  // empty where there is no answer
+        oid name;   // empty where there is no answer
+        oid moved;  // the name as the handler leaves it
     };
     static reply read(const oid& name, bool exact = true) {
         const snmp_variable* v = entry(name);
@@ -55,16 +58,19 @@ class ssm_mib : public daemon_test {
         r.name.resize(AGENTX_OID_MAX);
         std::size_t length = name.size(), size = 0;
         const void* value = v->read(v, r.name.data(), &length, exact, &size, &r.write);
+        r.moved.assign(r.name.begin(), r.name.begin() + static_cast<std::ptrdiff_t>(length));
         r.name.resize(value ? length : 0);
         if (value && v->type != SNMP_TYPE_OCTET_STRING) {
-            EXPECT_EQ(size, 4U);
-            std::memcpy(&r.value, value, sizeof r.value);
+            std::int32_t number = 0;
+            EXPECT_EQ(size, v->type == SNMP_TYPE_COUNTER64 ? 8U : 4U);
+            std::memcpy(size == 8 ? static_cast<void*>(&r.value) : &number, value, size);
+            if (size == 4) r.value = number;
         } else if (value) {
             r.text.assign(static_cast<const char*>(value), size);
         }
         return r;
     }
-    static int get(const oid& name) { return read(name).value; }
+    static std::int64_t get(const oid& name) { return read(name).value; }
 
     static int set(const oid& name, int value, int action = SNMP_ACTION_SET,
                    unsigned type = SNMP_TYPE_INTEGER, std::size_t length = 4) {
@@ -78,7 +84,7 @@ class ssm_mib : public daemon_test {
     static int restore(const oid& name, int value) { return set(name, value, SNMP_ACTION_RESTORE); }
 
     // What a write results in, and what reads then.
-    static void check(const oid& name, int value, int result, int then) {
+    static void check(const oid& name, int value, int result, std::int64_t then) {
         EXPECT_EQ(set(name, value), result) << testing::PrintToString(name) << " = " << value;
         EXPECT_EQ(get(name), then) << testing::PrintToString(name) << " = " << value;
     }
@@ -227,6 +233,99 @@ TEST_F(ssm_mib, rows_come_by_index_whatever_the_order_of_the_list) {
         EXPECT_EQ(get(no_cell), NO_VALUE);
 }
 
+// What stands in the groups, each object by a value that no other has.
+TEST_F(ssm_mib, groups_hold_counters_times_and_states) {
+    ssm_statistics& s = *p1->statistics;
+    std::uint64_t* const counters[] = {&s.information_in, &s.events_in, &s.dnu_in,       &s.information_out,
+                                       &s.events_out,     &s.dnu_out,   &s.short_frames, &s.bad_qualities,
+                                       &s.bad_tlvs,       nullptr,      &s.timeouts,     &s.sources};
+    const auto expect = [](snmp_oid group, snmp_oid object, std::int64_t value, snmp_oid instance = 7) {
+        const oid name = group == 19 || group == 23 ? oid{group, object, 0} : oid{group, 1, object, instance};
+        EXPECT_EQ(get(name), value) << testing::PrintToString(name);
+        EXPECT_EQ(read(name).write, nullptr);
+    };
+    for (std::size_t i = 0; i < std::size(counters); ++i)
+        if (counters[i]) *counters[i] = 0x1'0000'0000 + i;
+    for (snmp_oid i = 0; i < std::size(counters); ++i) expect(20, i + 1, counters[i] ? 0x1'0000'0000 + i : 0);
+    const nanoseconds now = thread_now(ctx_);
+    s = {};
+    for (snmp_oid object = 1; object <= 8; ++object) expect(21, object, 0);
+    s.information_in = 3;
+    s.first_information = now - 1000 * NS_PER_MS;
+    s.last_information = now - 1;
+    s.last_event = now - 20 * NS_PER_MS;
+    s.last_out = now - 43'000'000 * NS_PER_S;
+    s.shortest = 124 * NS_PER_MS;
+    s.longest = 126 * NS_PER_MS;
+    const std::int64_t times[] = {1, 3, -1, 12, 50, 13};
+    for (snmp_oid i = 0; i < std::size(times); ++i) expect(21, i + 1, times[i]);
+
+    p1->recv_quality = ssm_quality_of(QL_PRC, QL_ENHANCED_PRTC);
+    p1->send_quality = ssm_quality_of(QL_EEC1, QL_ENHANCED_EEEC);
+    p1->lockout = p1->failed = p1->restore_set = 1;
+    s.source_times[SSM_FLAPPING_TIMES - 1] = now;
+    g_s_master->hold_off_ms = 400;
+    p1->restore_s = 9;
+    p1->min_rx_quality = QL_SSU_B;
+    p1->max_rx_quality = ssm_quality_of(QL_PRC, QL_ENHANCED_EPRC);
+    p1->min_tx_quality = QL_EEC1;
+    p1->max_tx_quality = ssm_quality_of(QL_PRC, QL_ENHANCED_EPRTC);
+    p1->recv_form = SSM_FORM_STANDARD;
+    const int states[] = {16, 18, 1, 1, 0, 0, 1, 400, 9, 7, 19, 9, 17, 3, 2};
+    for (snmp_oid i = 0; i < std::size(states); ++i) expect(22, i + 1, states[i]);
+    p1->restore_timer = ssm_timer_add_msec([](thread*) { return 0; }, p1, 4001);
+    p1->hold_off_timer = ssm_timer_add_msec([](thread*) { return 0; }, p1, 300);
+    expect(22, 5, 5);
+    expect(22, 6, 300);
+
+    g_s_master->manual_port = p1;
+    g_s_master->current_quality = p1->recv_quality;
+    g_s_master->local_quality = QL_NONE;
+    g_s_master->clock_type = SSM_CLOCK_EEEC;
+    g_s_master->restore_s = 60;
+    const int settings[] = {3, 7, 16, 15, 2, 2, 400, 60, 2};
+    for (snmp_oid i = 0; i < std::size(settings); ++i) expect(19, i + 1, settings[i]);
+    g_s_master->current_quality = QL_NONE;
+    expect(19, 3, 13);
+    g_s_master->force_e1 = 1;
+    expect(19, 1, 2);
+    expect(19, 2, 9999);
+    g_s_master->force_e1 = 0;
+}
+
+// From any name, the next is the smallest that can be got and lies behind it.
+TEST_F(ssm_mib, groups_are_walked_from_any_name_to_the_next_that_can_be_got) {
+    for (snmp_oid index : {300U, 12U, 30U}) add_port(("p" + std::to_string(index)).c_str(), index);
+    std::vector<oid> all;
+    const snmp_oid objects[] = {9, 12, 8, 15, 4};
+    for (snmp_oid group = 19; group <= 23; ++group)
+        for (snmp_oid object = 1; object <= objects[group - 19]; ++object)
+            for (snmp_oid index : {7U, 12U, 30U, 300U})
+                if (group != 19 && group != 23)
+                    all.push_back({group, 1, object, index});
+                else if (index == 7)
+                    all.push_back({group, object, 0});
+    std::vector<oid> asked = all;
+    for (const oid& name : all) {
+        EXPECT_EQ(read(name).name, name);
+        for (int cut : {1, 2}) asked.emplace_back(name.begin(), name.end() - cut);
+        for (snmp_oid last : {0U, 1U, 8U, 299U, UINT32_MAX}) (asked.emplace_back(name)).back() = last;
+        for (snmp_oid object : {0U, 16U, UINT32_MAX}) asked.emplace_back(name)[name.size() - 2] = object;
+        asked.emplace_back(name).push_back(5);
+    }
+    for (const oid& name : asked) {
+        if (!entry(name)) continue;
+        const auto next = std::upper_bound(all.begin(), all.end(), name);
+        const bool inside = next != all.end() && entry(*next) == entry(name);
+        oid from = name;  // as the sub-agent, goes on behind a row that has no value
+        reply r = read(from, false);
+        for (; r.name.empty() && r.moved != from; r = read(from, false)) from = r.moved;
+        EXPECT_EQ(r.name, inside ? *next : oid{}) << testing::PrintToString(name);
+        EXPECT_EQ(!read(name).name.empty(), std::ranges::count(all, name) == 1)
+            << testing::PrintToString(name);
+    }
+}
+
 // The notifications, seen by a master that answers all of them, or none.
 class ssm_notify : public ssm_mib {
   protected:
@@ -234,6 +333,7 @@ class ssm_notify : public ssm_mib {
     struct told {
         snmp_oid number;
         std::vector<object> objects;  // below the module's base
+        std::string text;             // of those that are one
         nanoseconds at;
     };
 
@@ -271,10 +371,10 @@ class ssm_notify : public ssm_mib {
     }
     void take(const std::vector<variable>& v) {
         constexpr std::size_t base = SNMP_ROOT_SIZE + SSM_OID_LENGTH;
-        told t{v.at(0).id.at(base + 1), {}, master.now};
+        told t{v.at(0).id.at(base + 1), {}, {}, master.now};
         for (std::size_t i = 1; i < v.size(); ++i) {
-            if (v[i].type == AGENTX_OCTET_STRING) text = v[i].text;
-            t.objects.push_back({oid(v[i].name.begin() + base, v[i].name.end()), v[i].number});
+            if (v[i].type == AGENTX_OCTET_STRING) t.text = v[i].text;
+            t.objects.push_back({oid(v[i].name.begin() + base, v[i].name.end()), int(v[i].number)});
         }
         heard.push_back(t);
     }
@@ -282,7 +382,6 @@ class ssm_notify : public ssm_mib {
     agentx_master master;
     bool answers = true;
     std::vector<told> heard;
-    std::string text;  // the last object that is one
 };
 ssm_notify* ssm_notify::current;
 
@@ -330,13 +429,47 @@ TEST_F(ssm_notify, each_change_is_told_with_its_objects) {
         EXPECT_EQ(heard[i].number, expected[i].first);
         EXPECT_EQ(heard[i].objects, expected[i].second) << heard[i].number;
     }
-    EXPECT_EQ(text, "00:00:00:FF:00:00:00:00");
+    EXPECT_EQ(heard.back().text, "00:00:00:FF:00:00:00:00");
     // Once, and again of the next refusal alone.
     for (const bool refused : {true, false, true}) {
         made->guard_alarmed = refused;
         run(2000);
     }
     EXPECT_EQ(heard.size(), std::size(expected) + 1);
+}
+
+TEST_F(ssm_notify, external_commands_are_told_also_those_of_before_and_flapping_once) {
+    std::string text;
+    const auto expect = [&](const std::vector<std::pair<ssm_notification, std::vector<object>>>& expected) {
+        run(1200);
+        ASSERT_EQ(heard.size(), expected.size());
+        for (std::size_t i = 0; i < heard.size(); ++i) {
+            EXPECT_EQ(heard[i].number, expected[i].first);
+            EXPECT_EQ(heard[i].objects, expected[i].second) << heard[i].number;
+        }
+        if (!heard.empty()) text = heard.back().text;
+        heard.clear();
+    };
+    const oid command = {19, 1, 0}, of_port = {19, 2, 0}, locked = {22, 1, 3, 7}, flaps = {22, 1, 7, 7};
+    const auto commands = [&](int kind, int index) {
+        return std::pair{SSM_NOTIFY_COMMAND, std::vector<object>{{command, kind}, {of_port, index}}};
+    };
+    g_s_master->force_e1 = p1->lockout = 1;
+    p1->statistics->source_times[SSM_FLAPPING_TIMES - 1] = thread_now(ctx_);
+    quiet("snmp notifications");
+    expect({commands(2, 9999), {SSM_NOTIFY_LOCKOUT, {{locked, 1}}}});
+    g_s_master->force_e1 = p1->lockout = 0;
+    expect({commands(1, 0), {SSM_NOTIFY_LOCKOUT, {{locked, 2}}}});
+    g_s_master->manual_port = p1;
+    expect({commands(3, 7)});
+    ssm_manual_drop("link down");
+    expect({commands(1, 0), {SSM_NOTIFY_MANUAL_END, {{{16, 5, 0}, 7}, {{16, 6, 0}, 0}}}});
+    EXPECT_EQ(text, "link down");
+    nanoseconds& third = p1->statistics->source_times[SSM_FLAPPING_TIMES - 1];
+    third = 0;
+    expect({});  // that it has calmed down is not told
+    third = thread_now(ctx_);
+    expect({{SSM_NOTIFY_FLAPPING, {{flaps, 1}, {{8, 0}, 0}}}});
 }
 
 TEST_F(ssm_notify, a_subject_that_flaps_is_told_once_a_second_and_its_last_state_at_the_end) {
