@@ -42,7 +42,8 @@ mount -t tmpfs -o mode=1777 tmpfs /tmp
 mkdir /run/log && mount --bind /run/log /var/log
 ip link set lo up
 for family in all default; do
-    echo 1 > /proc/sys/net/ipv6/conf/$family/disable_ipv6 2>/dev/null || true
+    switch=/proc/sys/net/ipv6/conf/$family/disable_ipv6
+    [ ! -w $switch ] || echo 1 > $switch
 done
 echo ready
 if [ "$2" = keep ]; then exec sleep infinity; else exec cat > /dev/null; fi
@@ -161,20 +162,20 @@ def enter_network(node):
 
 
 class Node:
-    """A network and mount namespace, with no program of ours in it."""
+    """A network and mount namespace, with no program of ours in it. Without `network` only the latter: it has the
+    network of whoever made it."""
 
-    def __init__(self, lab, name, board=BOARD, config=None):
+    def __init__(self, lab, name, board=BOARD, config=None, network=True):
         self.lab, self.name, self.processes = lab, name, []
         keep = "keep" if lab.keep else "end"
         prefix = [] if lab.keep else ["setpriv", "--pdeathsig", "KILL"]
         self.holder = subprocess.Popen(
-            prefix + ["unshare", "--mount", "--net", "--propagation", "private", "sh", "-c", HOLDER, "holder",
-                      str(lab.build / "bin"), keep],
+            prefix + ["unshare", "--mount", *(["--net"] if network else []), "--propagation", "private", "sh", "-c", HOLDER,
+                      "holder", str(lab.build / "bin"), keep],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, start_new_session=lab.keep)
         first = self.holder.stdout.readline()
         if first != b"ready\n":
-            rest = self.holder.stdout.read()
-            self.holder.wait()
+            rest = self.holder.communicate()[0]
             raise RuntimeError(f"can't make the namespaces of {name}: {(first + rest).decode()}")
         self.pid = self.holder.pid
         if board is not None:

@@ -27,7 +27,7 @@ class Seen:
 
 def stamp(ancillary):
     """When the kernel took the frame, on the monotonic clock: the reader may come late."""
-    seconds, nanoseconds = struct.unpack("qq", ancillary[0][2][:16])
+    seconds, nanoseconds = struct.unpack("ll", ancillary[0][2])  # the machine's own words
     return time.monotonic() - (time.time() - seconds - nanoseconds / 1e9)
 
 
