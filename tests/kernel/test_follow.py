@@ -1,0 +1,132 @@
+"""Follow, lose, hold over, return, on every kind of device that the interface knows; devices that go and come back;
+what else there may be about a port."""
+
+import pytest
+from clock_lab import HOLDOVER, LOCKED, wait_until, wire
+
+DEVICES = {
+    "manual": {},
+    "automatic": {"mode": 2},
+    "mux": {"mode": 2, "mux": 1},
+    "pps": {"pps": 1},
+    "silent": {"silent": 1},
+    "slow": {"mode": 2, "set_delay_ms": 400},
+}
+
+
+@pytest.mark.parametrize("device", DEVICES)
+@pytest.mark.parametrize("first", (True, False), ids=("first", "own"))
+def test_follow_lose_hold_over_and_return(box, device, first):
+    one = box(first=first, **DEVICES[device])
+    one.follow(*([] if first else ["--user", "nobody"]), deadline=6)
+    toward = {port: wire.Port(one.tester, port) for port in ("swp1", "swp3")}
+    for port, quality in (("swp1", wire.DNU), ("swp3", wire.PRC)):
+        toward[port].expect(3, quality=quality)
+    one.cable("swp0", False)
+    one.sees("swp2", 5)
+    one.cable("swp2", False)
+    one.sees(None, 5)
+    one.cable("swp2", True)
+    one.sees("swp2", 5)
+    one.cable("swp0", True)
+    one.sees("swp0", 5)
+    toward["swp3"].expect(3, quality=wire.PRC)
+    one.neighbours.say(swp0=None, swp2=None)
+    one.sees(None, 12)
+    toward["swp1"].expect(3, quality=wire.EEC1)
+
+
+def test_an_external_input(box):
+    one = box().follow("--bits1", "BITS1")
+    one.sw.configure("clock recovery-select bits bits1")
+    one.clock.wait(3, follows="BITS1")
+    one.sw.configure("no clock recovery-select")
+    one.clock.wait(3, follows="swp0")
+
+
+@pytest.mark.parametrize("device", ("manual", "mux"))
+def test_the_driver_resets_its_clock(box, device):
+    """Devices and pins go and come back with other numbers, the ports stay."""
+    one = box(**DEVICES[device]).follow()
+    for _ in range(2):
+        one.clock.tell("present", 0)
+        one.clock.tell("present", 1)
+        one.sees("swp0", 3)
+    one.clock.tell("present", 0)
+    one.sw.wait_clock(3, dpll="FreeRun")
+    one.clock.tell("present", 1)
+    one.sees("swp0", 3)
+
+
+def test_the_driver_is_unloaded_and_loaded(box):
+    """Its ports go too, and their configuration with them."""
+    one = box().follow()
+    one.clock.unload()
+    one.sw.wait_clock(3, source="N/A", dpll="FreeRun")
+    wait_until(lambda: one.sw.port("swp0") == {}, 3, "no port")
+    one.clock.load(mode=2)
+    one.plug_in()
+    one.speak(swp2=wire.SSU_A)
+    one.sw.wait_port("swp2", up="enable")
+    one.sw.configure("interface swp2", "clock synce enable")
+    one.sees("swp2", 5)
+
+
+def test_loss_before_holdover_was_acquired_and_daemons_that_are_killed(box):
+    one = box(acquire_ms=60000)
+    one.start("--grace-s", "2", swp0=wire.PRC)
+    one.clock.wait(3, status=LOCKED)
+    one.sw.wait_clock(3, dpll="Lock")
+    one.clock.set(no_signal=1)
+    one.sw.wait_clock(3, dpll="FreeRun")
+    one.clock.set(no_signal=0, acquire_ms=100)
+    one.sees("swp0")
+    one.sw.nsmd.kill()
+    one.sw.start_nsmd("--dpll", "kernel", "--grace-s", "2")
+    one.sees("swp0")
+    one.sw.esmcd.kill()
+    one.clock.wait(5, follows="nothing", status=HOLDOVER)
+    one.sw.start_esmcd()
+    one.sees("swp0", 5)
+
+
+def test_copper_roles_by_the_kernels_own_interface(box):
+    one = box()
+
+    def role():
+        return one.sw.run("ethtool", "swp0", net_only=True).stdout
+
+    one.sw.run("ethtool", "-s", "swp0", "master-slave", "preferred-slave", net_only=True)
+    one.start()
+    one.sw.configure("no clock synce ssm enable", "interface swp0", "clock synce gephy master")
+    wait_until(lambda: "forced master" in role(), 3)
+    one.sw.configure("interface swp0", "clock synce gephy slave")
+    wait_until(lambda: "forced slave" in role(), 3)
+    one.sw.configure("interface swp0", "no clock synce gephy")
+    wait_until(lambda: "preferred slave" in role(), 3)
+
+
+def test_two_hundred_and_fifty_ports(box):
+    """Dumps of many datagrams, kernel indexes above 255."""
+    one = box(ports=("swp0", "swp246", "swp248"), made_ports=250, mode=2)
+    one.start(swp248=wire.PRC)
+    one.sees("swp248", 6)
+    one.neighbours.say(swp246=wire.PRC)
+    one.sees("swp246", 6)
+
+
+def test_ports_in_a_bond_and_a_bridge_with_vlans_on_top(box):
+    one = box()
+    one.sw.ip_batch(["link add bond1 type bond mode active-backup", "link set swp0 down", "link set swp0 master bond1",
+                     "link set bond1 up", "link set swp0 up", "link add br1 type bridge vlan_filtering 1",
+                     "link set swp2 master br1", "link set br1 up", "link add link bond1 name bond1.7 type vlan id 7",
+                     "link add link swp2 name swp2.8 type vlan id 8", "link set bond1.7 up", "link set swp2.8 up"])
+    one.sw.run("bridge", "vlan", "del", "dev", "swp2", "vid", "1", net_only=True)
+    one.follow()
+    one.cable("swp0", False)
+    one.sees("swp2")
+    assert "bond1" not in one.status() and "swp2.8" not in one.status()
+    one.sw.ip("link", "del", "br1")
+    one.sees("swp2")
+    one.cable("swp0", True)
+    one.sees("swp0", 5)

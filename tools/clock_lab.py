@@ -1,0 +1,204 @@
+"""A switch on the mock driver tests/kernel/mock_clock.c: what the tests in the guests of tools/check_kernel are made of.
+
+swp0, swp2, swp4 ... are the switch's ports, swp1, swp3, swp5 ... the other ends of their cables.
+"""
+
+import contextlib
+import os
+import pathlib
+import socket
+import struct
+import subprocess
+import sys
+import threading
+
+import ring
+from lab import ROOT, wait_until
+
+sys.path.append(str(ROOT / "tests/system"))
+
+import wire  # noqa: E402
+
+DRIVER = ROOT / "build/kernel" / os.environ.get("ESMC_GUEST_arch", "x86_64") / "mock_clock.ko"
+PARAMETERS = pathlib.Path("/sys/module/mock_clock/parameters")
+FILES = pathlib.Path("/sys/kernel/debug/mock_clock")
+
+UNLOCKED, LOCKED, LOCKED_ACQUIRED, HOLDOVER = "1", "2", "3", "4"  # of the kernel's interface
+
+
+class Clock:
+    """The driver and what its hardware really does."""
+
+    def load(self, **parameters):
+        subprocess.run(["insmod", str(DRIVER)] + [f"{name}={value}" for name, value in parameters.items()], check=True)
+        return self
+
+    def unload(self):
+        if PARAMETERS.exists():
+            subprocess.run(["rmmod", "mock_clock"], check=True)
+
+    def set(self, **parameters):
+        self.refused = self.state()["refused"]
+        for name, value in parameters.items():
+            (PARAMETERS / name).write_text(str(value))
+
+    def tell(self, file, what):
+        (FILES / file).write_text(str(what))
+
+    def state(self):
+        return dict(line.split() for line in (FILES / "state").read_text().splitlines())
+
+    def follows(self):
+        return self.state()["follows"]
+
+    def wait(self, deadline=2.0, **expected):
+        wait_until(lambda: expected.items() <= self.state().items(), deadline, f"hardware: {expected}")
+
+    def wait_refused(self):
+        """Until a setting was refused since parameters were changed last."""
+        wait_until(lambda: self.state()["refused"] != self.refused, 3, "a setting is refused")
+
+
+class Status:
+    """Asks an nsmd for its report, or hears what it tells esmcd, without a program for each question."""
+
+    GET, HELLO, ACK, CLOCK_STATE = 300, 1, 2, 211
+
+    def __init__(self, sw):
+        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        self.socket.settimeout(3)
+        self.socket.connect(str(sw.path("/run/nsmd.sock")))
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.socket.close()
+
+    def report(self):
+        self.socket.send(struct.pack(">HHI", self.GET, 8, 1))
+        return b"".join(iter(lambda: self.socket.recv(4096)[8:], b"")).decode()
+
+    def listen(self):
+        """From now on `told` gives the states, as (state, source)."""
+        self.socket.send(struct.pack(">HHIHHI", self.HELLO, 16, 1, 1, 36, 0))
+        return self
+
+    def told(self):
+        """(state, source code) of every message so far."""
+        found = []
+        self.socket.setblocking(False)
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                packet = self.socket.recv(4096)
+                if packet[:2] == struct.pack(">H", self.CLOCK_STATE):
+                    found.append(struct.unpack(">II", packet[8:16]))
+        return found
+
+
+class Neighbours(threading.Thread):
+    """Says on each cable's other end, every half second and at once after a change, what quality is there."""
+
+    def __init__(self, node, ports):
+        super().__init__(daemon=True)
+        self.sockets = {port: node.packet_socket(f"swp{int(port[3:]) + 1}") for port in ports}
+        self.quality, self.changed, self.over = {}, threading.Event(), False
+        self.start()
+
+    def say(self, **quality):
+        self.quality = {**self.quality, **quality}
+        self.changed.set()
+
+    def end(self):
+        self.over = True
+        self.changed.set()
+        self.join()
+        for each in self.sockets.values():
+            each.close()
+
+    def run(self):
+        while not self.over:
+            for port, quality in self.quality.items():
+                with wire.network_down_ignored():
+                    if quality is not None:
+                        self.sockets[port].send(wire.esmc(quality))
+            self.changed.wait(0.5)
+            self.changed.clear()
+
+
+class Box:
+    """A switch whose ports are the driver's, with its neighbours."""
+
+    def __init__(self, lab, clock, ports=("swp0", "swp2"), first=True):
+        self.clock, self.ports, self.lab = clock, ports, lab
+        self.tester = lab.node("tester", board=None)
+        lines = "".join(f"!\ninterface {port}\n clock synce priority {10 + n}\n clock synce enable\n"
+                        for n, port in enumerate(ports))
+        self.sw = lab.switch("sw", config=ring.COMMON + lines, network=not first)
+        self.plug_in()
+        self.neighbours = None
+
+    def plug_in(self):
+        """Gives the driver's ports to whom they belong, and pulls them up."""
+        for port in self.ports:
+            far = f"swp{int(port[3:]) + 1}"
+            subprocess.run(["ip", "link", "set", far, "netns", str(self.tester.pid)], check=True)
+            subprocess.run(["ip", "link", "set", port, "netns", str(self.sw.pid)], check=True)
+            self.sw.link_set(port, True)
+            self.tester.link_set(far, True)
+
+    def start_bare(self, *options):
+        """The programs alone: no port need be there, no neighbour says anything."""
+        self.sw.start_nsmd("--dpll", "kernel", *options)
+        self.sw.start_esmcd()
+
+    def speak(self, **quality):
+        self.silence()
+        self.neighbours = Neighbours(self.tester, self.ports)
+        self.neighbours.say(**quality)
+
+    def start(self, *options, **quality):
+        self.start_bare(*options)
+        for port in self.ports:
+            self.sw.wait_port(port, up="enable")
+        self.speak(**quality)
+        return self
+
+    def silence(self):
+        """No neighbour says anything any more."""
+        if self.neighbours:
+            self.neighbours.end()
+        self.neighbours = None
+
+    def follow(self, *options, deadline=4.0):
+        """The usual beginning: PRC on swp0, SSU-A on swp2, and everybody follows swp0."""
+        self.start(*options, swp0=wire.PRC, swp2=wire.SSU_A)
+        self.sees("swp0", deadline)
+        return self
+
+    def distrust(self, *ports):
+        """The ports are no candidates any more, though their clocks go on."""
+        self.sw.configure(*[line for port in ports for line in (f"interface {port}", "no clock synce enable")])
+
+    def cable(self, port, up):
+        self.tester.link_set(f"swp{int(port[3:]) + 1}", up)
+
+    def sees(self, source, deadline=3.0):
+        """Hardware, nsmd and esmcd follow this port, and could hold over; None: nothing, and hold over."""
+        self.clock.wait(deadline, follows=source or "nothing", status=LOCKED_ACQUIRED if source else HOLDOVER)
+        state = f"locked, source {self.index(source)}," if source else "holdover, source 0,"
+        wait_until(lambda: f"clock state: {state}" in self.status(), deadline, f"nsmd: {state}")
+        if source:
+            return self.sw.wait_clock(deadline, source=source, state="Lock", dpll="Lock", valid="Valid")
+        return self.sw.wait_clock(deadline, source="N/A", state="Holdover", dpll="Holdover")
+
+    def index(self, port):
+        """esmcd's number of the port, once nsmd has it."""
+        lines = wait_until(lambda: [line for line in self.status().splitlines() if f" {port}: " in line], 3, port)
+        return int(lines[0].split()[1])
+
+    def status(self):
+        """nsmd's report; empty while there is no nsmd."""
+        with contextlib.suppress(ConnectionRefusedError, FileNotFoundError), Status(self.sw) as asked:
+            return asked.report()
+        return ""
