@@ -209,6 +209,21 @@ void ssm_json_statistics(cli* terminal, const ssm_port* port) {
 
 namespace {
 
+void number(cli* terminal, const char* name, bool known, std::int64_t value) {
+    if (known)
+        terminal->out_func(terminal->out_val, ",\"%s\":%" PRId64, name, value);
+    else
+        ssm_json_field(terminal, name, nullptr);
+}
+
+void write_pin(cli* terminal, const ssm_pin* pin) {
+    ssm_json_field(terminal, "pin_label", pin && pin->label[0] ? pin->label : nullptr);
+    ssm_json_field(terminal, "pin_state", ssm_pin_state_word(pin));
+    number(terminal, "frequency_offset_ppt", pin && pin->has_offset, pin ? pin->offset_ppt : 0);
+    number(terminal, "measured_frequency_millihertz", pin && pin->has_frequency,
+           pin ? static_cast<std::int64_t>(pin->frequency_mhz) : 0);
+}
+
 void write_clock(cli* terminal, const ssm_port* best) {
     const ssm_master* clock = g_s_master;
     terminal->out_func(terminal->out_val, "\"clock_id\":");
@@ -230,6 +245,10 @@ void write_clock(cli* terminal, const ssm_port* best) {
     ssm_json_field(terminal, "forced_port", ssm_port_name(clock->force_port));
     write_guard(terminal);
     write_supervision(terminal);
+    const ssm_hardware& hardware = clock->hardware;
+    ssm_json_field(terminal, "lock_error", ssm_lock_error_word(hardware.error));
+    ssm_json_field(terminal, "hardware_quality",
+                   hardware.quality == QL_DNU ? nullptr : ssm_json_quality(hardware.quality));
 }
 
 void write_port(cli* terminal, const ssm_port* port, const ssm_port* best) {
@@ -257,6 +276,7 @@ void write_port(cli* terminal, const ssm_port* port, const ssm_port* best) {
     write_port_guard(terminal, port);
     write_port_supervision(terminal, port);
     ssm_json_statistics(terminal, port);
+    write_pin(terminal, port->pin);
     terminal->out_func(terminal->out_val, "}");
 }
 

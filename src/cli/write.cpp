@@ -18,7 +18,7 @@ void write_local_quality(cli* terminal) {
     const char* token = ssm_ql_to_token(g_s_master->local_quality);
     if (g_s_master->ql_option != SSM_OPTION_1)
         terminal->out_func(terminal->out_val, "clock synce local-quality option2 %s\n", token);
-    else if (g_s_master->local_quality != QL_DNU)
+    else if (g_s_master->local_quality_set)
         terminal->out_func(terminal->out_val, "clock synce local-quality option1 %s\n", token);
 }
 

@@ -36,7 +36,8 @@ void record(ssm_change_kind kind, const char* from, const char* to, const char* 
     std::snprintf(change.from, sizeof change.from, "%s", from);
     std::snprintf(change.to, sizeof change.to, "%s", to);
     std::snprintf(change.why, sizeof change.why, "%s", why);
-    if (std::strcmp(from, to) != 0) kept.last[static_cast<std::size_t>(kind)] = change.monotonic;
+    const auto at = static_cast<std::size_t>(kind);
+    if (at < SSM_CHANGE_KINDS && std::strcmp(from, to) != 0) kept.last[at] = change.monotonic;
 }
 
 // ---- Why ----
@@ -129,6 +130,8 @@ const char* ssm_change_kind_text(ssm_change_kind kind) {
             return "state";
         case ssm_change_kind::command:
             return "command";
+        case ssm_change_kind::hardware:
+            return "hardware";
     }
     return "unknown";
 }
@@ -178,6 +181,11 @@ void ssm_history_changed(const ssm_standing& now) {
 
 void ssm_history_command(const char* from, const char* to, const char* why) {
     record(ssm_change_kind::command, from, to, why);
+}
+
+void ssm_history_hardware(const char* from, const char* to) {
+    record(ssm_change_kind::hardware, from, to, "lock error");
+    if (may_say()) SSM_LOG(LOG_LEVEL_WARNING, "%s%sclock hardware: lock error %s; %s before", to, from);
 }
 
 const ssm_change* ssm_history_get(std::size_t back) {

@@ -16,8 +16,8 @@ constexpr std::size_t SSM_HISTORY_SIZE = 128;
 constexpr std::uint32_t SSM_HISTORY_LINES = 10;  // in the log, in one minute
 constexpr nanoseconds SSM_FLAPPING_TIME = 1800 * NS_PER_S;
 
-enum class ssm_change_kind : std::uint8_t { source, quality, state, command };
-constexpr std::size_t SSM_CHANGE_KINDS = 4;
+enum class ssm_change_kind : std::uint8_t { source, quality, state, command, hardware };
+constexpr std::size_t SSM_CHANGE_KINDS = 4;  // the first ones: they have a time of their last change
 const char* ssm_change_kind_text(ssm_change_kind kind);
 
 struct ssm_change {
@@ -52,6 +52,8 @@ void ssm_history_changed(const ssm_standing& now);
 void ssm_history_resumed();
 // An external command; `why` says who or what gave it.
 void ssm_history_command(const char* from, const char* to, const char* why);
+// The error of the hardware's lock began, changed or ended ("none").
+void ssm_history_hardware(const char* from, const char* to);
 // Number `back` from the newest on (0), or null.
 const ssm_change* ssm_history_get(std::size_t back);
 // The port became the source more than twice within half an hour.

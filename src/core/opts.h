@@ -11,6 +11,8 @@ std::int32_t ssm_opts_set_global_enable(std::uint32_t on);
 std::int32_t ssm_opts_set_recovery_select(std::uint32_t select);
 std::int32_t ssm_opts_set_ssm_enable(std::uint32_t on);
 std::int32_t ssm_opts_set_ssm_extend(std::uint32_t on);
+// What the clock itself claims to be worth (QL_DNU: nothing): the own quality where none is configured.
+void ssm_opts_hardware_quality(std::uint16_t quality);
 std::int32_t ssm_opts_set_local_quality(std::uint32_t quality,
                                         std::uint8_t option);      // or SSM_CLI_E_OPTION_COLLISION
 std::int32_t ssm_opts_set_local_priority(std::uint32_t priority);  // modulo 256; 255: not configured

@@ -97,7 +97,16 @@ std::int32_t ssm_opts_set_ssm_extend(std::uint32_t on) {
     return SSM_OK;
 }
 
+void ssm_opts_hardware_quality(std::uint16_t quality) {
+    g_s_master->hardware.quality = quality;
+    if (!g_s_master->local_quality_set && g_s_master->ql_option == SSM_OPTION_1)
+        (void)ssm_opts_set_local_quality(QL_DNU, SSM_OPTION_1);  // the option stays: no collision
+}
+
 std::int32_t ssm_opts_set_local_quality(std::uint32_t quality, std::uint8_t option) {
+    const bool is_default = quality == QL_DNU && option == SSM_OPTION_1;
+    if (is_default) quality = g_s_master->hardware.quality;
+    if (g_s_master->ql_option == option) g_s_master->local_quality_set = !is_default;
     if (g_s_master->local_quality == quality && g_s_master->ql_option == option) return SSM_OK;
     // Forced port qualities and limits are stored as codes and would silently change their meaning.
     if ((option == SSM_OPTION_1 && g_s_master->forced_ql_count_op2) ||
@@ -105,6 +114,7 @@ std::int32_t ssm_opts_set_local_quality(std::uint32_t quality, std::uint8_t opti
         (option != g_s_master->ql_option && ssm_port_walk_until(ssm_has_limits)))
         return SSM_CLI_E_OPTION_COLLISION;
     g_s_master->local_quality = quality;
+    g_s_master->local_quality_set = !is_default;
     g_s_master->ql_option = option;
     if (g_s_master->device_type != SSM_MASTER_ONLY) return SSM_OK;  // the next selection takes it up
 

@@ -44,7 +44,13 @@ ssm_port* ssm_record_take(interface* intf) {
     return port;
 }
 
+void ssm_pin_forget(ssm_port* port) {
+    if (port->pin) memmgr_free(port->pin, MTYPE_SSM_PORT);
+    port->pin = nullptr;
+}
+
 void ssm_record_give_back(ssm_port* port) {
+    ssm_pin_forget(port);
     *port = {};
     for (ssm_record_block** at = &g_s_master->record_blocks; *at;) {
         ssm_record_block* block = *at;

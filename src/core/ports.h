@@ -43,6 +43,7 @@ struct ssm_record_block {
 
 // A zeroed record for this interface; null when memory is exhausted.
 [[nodiscard]] ssm_port* ssm_record_take(interface* intf);
+void ssm_pin_forget(ssm_port* port);  // what was told of its clock pin
 void ssm_record_give_back(ssm_port* port);
 
 // Every port record in the order in which they lie in memory, for decisions that don't depend on it. Places

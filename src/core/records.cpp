@@ -20,7 +20,7 @@ std::int32_t ssm_master_init() {
     *g_s_master = {};
     g_s_master->local_priority = SSM_PRIORITY_NONE;
     g_s_master->ql_option = SSM_OPTION_1;
-    g_s_master->local_quality = QL_DNU;
+    g_s_master->local_quality = g_s_master->hardware.quality = QL_DNU;
     g_s_master->current_quality = QL_DNU;
     g_s_master->device_type = SSM_DEFAULT_ROLE;
     g_s_master->freerun = 1;

@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "core/guard.h"
+#include "core/hardware.h"
 #include "core/history.h"
 #include "core/statistics.h"
 #include "suite/base/context.h"
@@ -100,6 +101,8 @@ struct ssm_master {
     std::uint8_t local_priority;
     std::uint8_t ql_option;
     std::uint32_t local_quality;
+    bool local_quality_set;  // by configuration; else it is the hardware's claim, or DNU
+    ssm_hardware hardware;
     std::uint32_t current_quality;  // what the switch advertises
     std::uint32_t device_type;
     std::uint32_t ssm_extend;
@@ -189,6 +192,7 @@ struct ssm_port {
     nanoseconds guard_refused_at;  // the loop guard refuses what is offered here, since then; 0: it does not
     log_limit neighbour_limit;
     nanoseconds guard_said_at;   // the log said so last; 0: never
+    ssm_pin* pin;                // what is told of its clock pin; null: nothing was
     ssm_statistics* statistics;  // the port's as long as it lives, apart from what selection walks
 };
 

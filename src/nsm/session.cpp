@@ -41,6 +41,7 @@ std::int32_t ssm_nsm_client_init() {
     nsm_client_set_service(client, NSM_NO_SERVICES);
     (void)nsm_client_set_callback(client, NSM_MSG_BRIDGE_ADD, _ssm_nsm_recv_bridge_add);
     (void)nsm_client_set_callback(client, NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, _ssm_nsm_recv_clock_state);
+    (void)nsm_client_set_callback(client, NSM_MSG_SSM_CLOCK_DETAIL, _ssm_nsm_recv_clock_detail);
     (void)if_add_hook(ctx->ifm, IF_CALLBACK_VR_BIND, ssm_port_create);
     (void)if_add_hook(ctx->ifm, IF_CALLBACK_VR_UNBIND, ssm_port_delete);
     (void)if_add_hook(ctx->ifm, IF_CALLBACK_UP, _ssm_nsm_recv_interface_up);
@@ -149,5 +150,10 @@ int _ssm_nsm_recv_clock_state(void* /*header*/, void* /*client*/, void* message)
     SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_INFO, "%s%sReceive NSM_MSG_SSM_SEND_BACK_CLOCK_STATE  %d",
               static_cast<int>(report->state));
     ssm_clock_state_recv(report);
+    return 0;
+}
+
+int _ssm_nsm_recv_clock_detail(void* /*header*/, void* /*client*/, void* message) {
+    ssm_hardware_recv(static_cast<const nsm_clock_detail*>(message));
     return 0;
 }

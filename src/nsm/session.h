@@ -15,3 +15,4 @@ int _ssm_nsm_recv_interface_down(interface* intf);
 // Message callbacks.
 int _ssm_nsm_recv_bridge_add(void* header, void* client, void* message);
 int _ssm_nsm_recv_clock_state(void* header, void* client, void* message);
+int _ssm_nsm_recv_clock_detail(void* header, void* client, void* message);

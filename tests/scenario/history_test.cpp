@@ -50,6 +50,35 @@ TEST_F(history, each_change_has_its_reason) {
     EXPECT_EQ(last(ssm_change_kind::command), "p1 > forced switch: the operator");
 }
 
+TEST_F(history, the_clock_hardware_tells_of_itself) {
+    const auto tell = [&](std::initializer_list<std::uint32_t> words, const char* label = "") {
+        message body = be_words(words);
+        body.resize(nsm_detail_body::SIZE);
+        std::copy_n(label, std::strlen(label), body.begin() + nsm_detail_body::LABEL);
+        return nsm_says(NSM_MSG_SSM_CLOCK_DETAIL, body);
+    };
+    const auto own = [] { return std::pair(g_s_master->local_quality, g_s_master->local_quality_set); };
+    tell({0, 3, 3, 4});
+    EXPECT_EQ(last(ssm_change_kind::hardware), "none > media-down: lock error");
+    EXPECT_EQ(own(), std::pair(std::uint32_t{QL_EEC1}, false));
+    ASSERT_EQ(ssm_opts_set_local_quality(QL_EEC1, SSM_OPTION_1), 0);
+    EXPECT_TRUE(g_s_master->local_quality_set) << "configured as what is there already";
+    tell({0, 3, 1, 1});
+    EXPECT_EQ(last(ssm_change_kind::hardware), "media-down > none: lock error");
+    EXPECT_EQ(own(), std::pair(std::uint32_t{QL_EEC1}, true)) << "what is configured counts";
+    ASSERT_EQ(ssm_opts_set_local_quality(QL_DNU, SSM_OPTION_1), 0);
+    EXPECT_EQ(own(), std::pair(std::uint32_t{QL_PRC}, false));
+    tell({1, 28, 0, 0, 3, 0, 0xffffffff, 0xfffffffb, 0, 7}, "SWP0");
+    tell({99, 28, 0, 0, 77});  // no such port
+    const ssm_pin& pin = *port(1)->pin;
+    EXPECT_EQ(std::string(ssm_pin_state_word(&pin)) + pin.label, "no-signalSWP0");
+    EXPECT_EQ(std::pair(pin.offset_ppt, pin.frequency_mhz), std::pair(std::int64_t{-5}, std::uint64_t{7}));
+    EXPECT_EQ(port(2)->pin, nullptr);
+    ssm_hardware_recv(nullptr);
+    EXPECT_EQ(port(1)->pin, nullptr);
+    EXPECT_EQ(own(), std::pair(std::uint32_t{QL_DNU}, false));
+}
+
 TEST_F(history, the_ring_keeps_the_newest_and_flapping_is_seen) {
     hear(2, QL_SSU_A);
     for (int i = 0; i < 3; ++i) {

@@ -280,7 +280,15 @@ TEST_F(everyday, supervision_gives_its_reasons) {
     EXPECT_NE(history.find("command  other            manual switch    the operator\n"), history.npos)
         << history;
     best->statistics->timeouts = 7;
-    EXPECT_NE(shown("show clock synce json").find(R"("timeouts":7,)"), std::string::npos);
+    ssm_pin pin{true, false, 1, -5, 0, "SWP0"};
+    best->pin = &pin;
+    g_s_master->hardware.error = 4;
+    const std::string json = shown("show clock synce json");
+    best->pin = nullptr;
+    for (const char* part : {R"("timeouts":7,)", R"("lock_error":"ffo-too-high","hardware_quality":null,)",
+                             R"("pin_label":"SWP0","pin_state":"active","frequency_offset_ppt":-5,)"
+                             R"("measured_frequency_millihertz":null})"})
+        EXPECT_NE(json.find(part), std::string::npos) << json;
     quiet("clear clock synce statistics best");
     EXPECT_NE(shown("show clock synce statistics best").find("Time-outs                           : 0\n"),
               std::string::npos);

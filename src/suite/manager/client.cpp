@@ -152,7 +152,7 @@ void take_hello_ack(nsm_client* nc, const_octets body) {
     log_suite(LOG_LEVEL_INFO, "NSM: connected");
     nc->outage_said = false;
     nc->phase = nsm_client_phase::dump;
-    nc->bridge_seen = nc->clock_state_seen = false;
+    nc->bridge_seen = nc->clock_state_seen = nc->detail_seen = false;
     nsm_client_dump_begin(nc);
 }
 
@@ -164,6 +164,7 @@ void take_sync_done(nsm_client* nc, const_octets) {
     // What the sweep makes the daemon ask for is kept and goes out with the rest, in its order.
     nsm_client_dump_end(nc);
     if (nc->stopped) return;
+    if (!nc->detail_seen && nc->on_detail) (void)nc->on_detail(nullptr, nc, nullptr);
     if (nc->on_synchronised) nc->on_synchronised();
     nc->phase = nsm_client_phase::synchronised;
     log_suite(LOG_LEVEL_INFO, "NSM: synchronised");
@@ -204,6 +205,20 @@ void take_clock_state(nsm_client* nc, const_octets body) {
     (void)nc->on_clock_state(nullptr, nc, &m);  // as above
 }
 
+void take_detail(nsm_client* nc, const_octets body) {
+    nsm_clock_detail d{};
+    d.subject = get_be32(body, nsm_detail_body::SUBJECT);
+    d.known = get_be32(body, nsm_detail_body::KNOWN);
+    d.error = get_be32(body, nsm_detail_body::ERROR);
+    d.quality = get_be32(body, nsm_detail_body::QUALITY);
+    d.state = get_be32(body, nsm_detail_body::STATE);
+    d.offset_ppt = static_cast<std::int64_t>(get_be64(body, nsm_detail_body::OFFSET));
+    d.frequency_mhz = get_be64(body, nsm_detail_body::FREQUENCY);
+    std::memcpy(d.label, &body[nsm_detail_body::LABEL], nsm_detail_body::LABEL_SIZE);
+    nc->detail_seen = true;
+    if (nc->on_detail) (void)nc->on_detail(nullptr, nc, &d);  // as above
+}
+
 struct message_type {
     std::uint16_t type;
     std::uint16_t body;  // octets that it has at least
@@ -219,6 +234,7 @@ constexpr message_type MESSAGES[] = {
     {NSM_MSG_LINK_DOWN, 4, take_link_down},
     {NSM_MSG_BRIDGE_ADD, nsm_bridge_body::SIZE, take_bridge},
     {NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, 8, take_clock_state},
+    {NSM_MSG_SSM_CLOCK_DETAIL, nsm_detail_body::SIZE, take_detail},
 };
 
 const message_type* find_type(std::uint16_t type) {
@@ -380,6 +396,9 @@ int nsm_client_set_callback(nsm_client* nc, std::int32_t message_type, nsm_callb
             return 0;
         case NSM_MSG_SSM_SEND_BACK_CLOCK_STATE:
             nc->on_clock_state = callback;
+            return 0;
+        case NSM_MSG_SSM_CLOCK_DETAIL:
+            nc->on_detail = callback;
             return 0;
         default:
             return -1;

@@ -26,6 +26,17 @@ struct nsm_clock_state_message {  // NSM_MSG_SSM_SEND_BACK_CLOCK_STATE
     std::uint32_t source;
 };
 
+struct nsm_clock_detail {  // NSM_MSG_SSM_CLOCK_DETAIL; fields and bits as in wire.h
+    std::uint32_t subject;
+    std::uint32_t known;
+    std::uint32_t error;
+    std::uint32_t quality;
+    std::uint32_t state;
+    std::int64_t offset_ppt;
+    std::uint64_t frequency_mhz;
+    char label[nsm_detail_body::LABEL_SIZE + 1];  // ends in a zero
+};
+
 // Requests: 32-bit words in host order; the client encodes them.
 struct nsm_ssm_global_enable {
     std::uint32_t enable;
@@ -50,7 +61,8 @@ nsm_client* nsm_client_create(lib_globals* ctx, std::uint32_t debug);  // null w
 void nsm_client_set_version(nsm_client* nc, std::uint16_t version);
 void nsm_client_set_protocol(nsm_client* nc, std::uint16_t protocol_id);
 void nsm_client_set_service(nsm_client* nc, std::uint32_t service_mask);
-// For NSM_MSG_BRIDGE_ADD and NSM_MSG_SSM_SEND_BACK_CLOCK_STATE; -1 for any other type.
+// For NSM_MSG_BRIDGE_ADD, NSM_MSG_SSM_SEND_BACK_CLOCK_STATE and NSM_MSG_SSM_CLOCK_DETAIL; -1 for any other
+// type. The last is called with a null message when a dump ended in which no detail was told.
 int nsm_client_set_callback(nsm_client* nc, std::int32_t message_type, nsm_callback callback);
 // Called when all of a dump has been taken, before the requests are stated again.
 void nsm_client_set_synchronised(nsm_client* nc, void (*callback)());

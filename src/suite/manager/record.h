@@ -41,7 +41,7 @@ struct nsm_client {
     lib_globals* ctx;
     std::uint16_t version, protocol_id;
     std::uint32_t service_mask;
-    nsm_callback on_bridge, on_clock_state;
+    nsm_callback on_bridge, on_clock_state, on_detail;
     void (*on_synchronised)();
 
     int fd;  // -1 while there is no link
@@ -61,7 +61,7 @@ struct nsm_client {
 
     // Last of each, to tell after a reconnection what did not change.
     bool have_bridge, have_clock_state;
-    bool bridge_seen, clock_state_seen;  // on this link
+    bool bridge_seen, clock_state_seen, detail_seen;  // on this link
     nsm_bridge_message bridge;
     nsm_clock_state_message clock_state;
 

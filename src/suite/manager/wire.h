@@ -29,6 +29,7 @@ enum nsm_message : std::uint16_t {
     NSM_MSG_SSM_SELECTED_IF_INDEX = 209,      // u32 ifindex, u32 reserved
     NSM_MSG_SSM_SET_GEPHY_ROLE = 210,         // u32 ifindex, u32 role_enable, u32 role
     NSM_MSG_SSM_SEND_BACK_CLOCK_STATE = 211,  // u32 state, u32 source
+    NSM_MSG_SSM_CLOCK_DETAIL = 212,           // a client that does not know it drops it
 };
 
 constexpr std::uint32_t NSM_LINK_GONE = 1;  // LINK_DELETE: the interface itself is gone
@@ -44,3 +45,17 @@ constexpr std::uint16_t FLAG_UP = 1;
 namespace nsm_bridge_body {
 constexpr std::size_t NAME = 0, KIND = 16, ID = 20, MAC = 24, SIZE = 32;
 }  // namespace nsm_bridge_body
+
+// Body of CLOCK_DETAIL. What is not told (KNOWN) is zero. Errors, levels and states are numbered as in the
+// kernel's clock interface.
+namespace nsm_detail_body {
+constexpr std::size_t SUBJECT =
+    0;  // 0 the clock, else the interface index of a pin's port, 9999 an external input
+constexpr std::size_t KNOWN = 4;                // bits below
+constexpr std::size_t ERROR = 8, QUALITY = 12;  // of the clock
+constexpr std::size_t STATE = 16;               // of a pin, operational
+constexpr std::size_t OFFSET = 24;              // of a pin's frequency, signed, 10^-12
+constexpr std::size_t FREQUENCY = 32;           // of a pin, measured, mHz
+constexpr std::size_t LABEL = 40, LABEL_SIZE = 24, SIZE = 64;
+constexpr std::uint32_t HAS_ERROR = 1, HAS_QUALITY = 2, HAS_STATE = 4, HAS_OFFSET = 8, HAS_FREQUENCY = 16;
+}  // namespace nsm_detail_body
