@@ -10,6 +10,7 @@
 
 #include "nsmd/nsmd.h"
 #include "nsmd/options.h"
+#include "nsmd/probe.h"
 #include "nsmd/server/server.h"
 #include "suite/base/memory.h"
 #include "suite/log/log.h"
@@ -104,6 +105,28 @@ int run(lib_globals* ctx, const nsmd_options& options) {
     return status;
 }
 
+int probe(lib_globals* ctx, const nsmd_options& options) {
+    return nsmd_probe_print(ctx, options, {netlink_system_edge(), nullptr, LINK_WAIT_MS});
+}
+
+int main_with_loop(const nsmd_options& options, int (*work)(lib_globals*, const nsmd_options&)) {
+    memory_init(0);
+    log_open("nsmd");
+    log_set_level(options.log_level);
+    lib_globals ctx{};
+    ctx.master = thread_master_create();
+    if (!ctx.master) {
+        log_suite(LOG_LEVEL_ERROR, "no memory for the event loop");
+        return 1;
+    }
+    thread_set_interrupt(&ctx, stop_asked);
+    catch_signals();
+    const int status = work(&ctx, options);
+    thread_master_finish(ctx.master);
+    log_close();
+    return status;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -120,22 +143,10 @@ int main(int argc, char** argv) {
         case options_result::bad:
             std::fprintf(stderr, "Try '%s --help'.\n", argv[0]);
             return 1;
+        case options_result::probe:
+            return main_with_loop(options, probe);
         case options_result::run:
             break;
     }
-    memory_init(0);
-    log_open("nsmd");
-    log_set_level(options.log_level);
-    lib_globals ctx{};
-    ctx.master = thread_master_create();
-    if (!ctx.master) {
-        log_suite(LOG_LEVEL_ERROR, "no memory for the event loop");
-        return 1;
-    }
-    thread_set_interrupt(&ctx, stop_asked);
-    catch_signals();
-    const int status = run(&ctx, options);
-    thread_master_finish(ctx.master);
-    log_close();
-    return status;
+    return main_with_loop(options, run);
 }

@@ -8,6 +8,7 @@
 
 #include "nsmd/clock/copper.h"
 #include "nsmd/control.h"
+#include "nsmd/details.h"
 #include "nsmd/server/requests.h"
 #include "nsmd/server/server.h"
 #include "suite/base/memory.h"
@@ -27,6 +28,7 @@ struct nsmd {
     nsmd_server* server;
     copper* roles;
     clock_control clock;
+    detail_teller details;
     std::uint32_t stated;  // request kinds of this session
     std::uint64_t requests;
     thread* tend_timer;
@@ -65,6 +67,7 @@ void dump(void* arg, nsmd_peer* peer) {
     for (const nsmd_port* p = port_table_first(n->table); p; p = p->next)
         if (p->ifindex) nsmd_server_send_port(n->server, peer, *p);
     send_clock(n, peer, clock_control_report(&n->clock));
+    details_tell_all(&n->details, peer, n->clock.dpll);
 }
 
 bool status(void* arg, text_buffer* out) {
@@ -135,6 +138,7 @@ int tend_due(thread* event) {
     link_watch_tend(n->watch);
     if (n->clock.dpll.tend) n->clock.dpll.tend(n->clock.dpll.self);
     copper_tend(n->roles, n->ctx);
+    details_tell_changes(&n->details, n->clock.dpll);
     return 0;
 }
 
@@ -188,6 +192,7 @@ bool start_links(nsmd* n, const nsmd_edges& edges) {
 
 bool start_parts(nsmd* n, const nsmd_edges& edges) {
     n->server = nsmd_server_create(n->ctx, {dump, took_request, clients_changed, status, n});
+    n->details.server = n->server;
     n->table =
         port_table_create(n->options->patterns, n->options->pattern_count, {port_changed, bridge_changed, n});
     n->roles = n->table ? copper_create(n->table, edges.netlink) : nullptr;
@@ -231,4 +236,8 @@ void nsmd_stop(nsmd* n) {
 
 nsmd_server* nsmd_server_of(nsmd* n) {
     return n->server;
+}
+
+const port_table* nsmd_table_of(const nsmd* n) {
+    return n->table;
 }

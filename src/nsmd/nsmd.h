@@ -24,3 +24,4 @@ bool nsmd_detach(nsmd* n);
 void nsmd_stop(nsmd* n);  // null is ignored
 
 nsmd_server* nsmd_server_of(nsmd* n);
+const port_table* nsmd_table_of(const nsmd* n);

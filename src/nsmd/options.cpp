@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "nsmd/dpll/message.h"
 #include "suite/log/log.h"
 
 namespace {
@@ -80,6 +81,11 @@ bool take_bits(nsmd_options* o, const char* text) {
 bool take_prio_best(nsmd_options* o, const char* text) {
     return parse_number(text, 255, &o->kernel.prio_best);
 }
+bool take_mode(nsmd_options* o, const char* text) {
+    const bool is_manual = std::strcmp(text, "manual") == 0;
+    o->kernel.mode = is_manual ? DPLL_MODE_MANUAL : DPLL_MODE_AUTOMATIC;
+    return is_manual || std::strcmp(text, "automatic") == 0;
+}
 bool take_prio_other(nsmd_options* o, const char* text) {
     return parse_number(text, 255, &o->kernel.prio_other);
 }
@@ -124,6 +130,8 @@ constexpr option_kind KINDS[] = {
      "has one, else none (default auto)"},
     {"dpll-device", "NAME", take_device,
      "kernel clock device: its number, MODULE or MODULE/CLOCKID\n(default: the first Ethernet clock)"},
+    {"dpll-mode", "MODE", take_mode,
+     "set the kernel clock device to this mode: manual or automatic\n(default: as it is)"},
     {"bits1", "PIN", take_bits<1>, "pin of external input 1, by number or label"},
     {"bits2", "PIN", take_bits<2>, "pin of external input 2"},
     {"prio-best", "N", take_prio_best, "priority of the pin to follow in automatic mode (default 0)"},
@@ -168,21 +176,32 @@ void print_option(const char* name, const char* help) {
 }  // namespace
 
 options_result nsmd_options_parse(int argc, char** argv, nsmd_options* out) {
-    option longs[std::size(KINDS) + 5] = {};
+    option longs[std::size(KINDS) + 7] = {};
     std::size_t count = 0;
     for (; count < std::size(KINDS); ++count)
         longs[count] = {KINDS[count].name, required_argument, nullptr, FIRST_LONG + static_cast<int>(count)};
     longs[count++] = {"status", no_argument, nullptr, 's'};
+    longs[count++] = {"clock-quality", no_argument, nullptr, 'q'};
+    longs[count++] = {"probe", no_argument, nullptr, 'p'};
     longs[count++] = {"daemon", no_argument, nullptr, 'd'};
     longs[count++] = {"help", no_argument, nullptr, 'h'};
     longs[count++] = {"version", no_argument, nullptr, 'v'};
 
     set_defaults(out);
     optind = 0;  // glibc: begin anew, also for a second call
+    options_result result = options_result::run;
     for (int value; (value = getopt_long(argc, argv, "dhv", longs, nullptr)) != -1;) {
         if (value == 'h') return options_result::help;
         if (value == 'v') return options_result::version;
         if (value == 's') return options_result::status;
+        if (value == 'q') {
+            out->kernel.tells_quality = true;
+            continue;
+        }
+        if (value == 'p') {
+            result = options_result::probe;
+            continue;
+        }
         if (value == '?') return options_result::bad;  // getopt has said why
         if (value == 'd') {
             out->daemonize = true;
@@ -198,7 +217,7 @@ options_result nsmd_options_parse(int argc, char** argv, nsmd_options* out) {
         std::fprintf(stderr, "%s: unexpected argument '%s'\n", argv[0], argv[optind]);
         return options_result::bad;
     }
-    return options_result::run;
+    return result;
 }
 
 void nsmd_options_usage(const char* progname) {
@@ -209,7 +228,11 @@ void nsmd_options_usage(const char* progname) {
         std::snprintf(name, sizeof name, "--%s %s", kind.name, kind.value);
         print_option(name, kind.help);
     }
+    print_option("--clock-quality",
+                 "tell esmcd the quality that the kernel clock device claims of itself,\n"
+                 "for where none is configured");
     print_option("--status", "print what the nsmd of this host is doing, and end");
+    print_option("--probe", "say whether this host's clock hardware can do Synchronous Ethernet, and end");
     print_option("-d, --daemon", "run in the background, log to syslog");
     print_option("-h, --help", "this text");
     print_option("-v, --version", "the version");

@@ -35,7 +35,7 @@ struct nsmd_options {
     bool daemonize;
 };
 
-enum class options_result { run, help, version, status, bad };
+enum class options_result { run, help, version, status, probe, bad };
 
 // Fills *out, defaults included. `bad` has been said on standard error.
 options_result nsmd_options_parse(int argc, char** argv, nsmd_options* out);

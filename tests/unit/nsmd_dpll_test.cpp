@@ -8,6 +8,7 @@
 #include <map>
 
 #include "nsmd/dpll/message.h"
+#include "nsmd/probe.h"
 #include "nsmd_support.h"
 
 namespace {
@@ -28,7 +29,8 @@ struct fake_pin {
     std::uint32_t refused = 0;  // errno
     std::uint16_t label_kind = DPLL_PIN_A_BOARD_LABEL;
     const char* label = "";
-    std::uint32_t type = 3;  // a port's
+    std::uint32_t type = 3;   // a port's
+    std::int32_t offset = 0;  // in 10^-6; told in both forms when there is one
 };
 
 // Dumps and settings are recorded as text: "dump devices", "3 on 1 connected".
@@ -36,7 +38,9 @@ struct fake_dpll : fake_family {
     driver kind = driver::manual;
     std::map<std::uint32_t, fake_pin> pins;
     const char* module = "chip";
-    bool tells_operstate = false;
+    std::uint32_t lock_error = 0;
+    std::vector<std::uint32_t> levels = {};
+    bool tells_operstate = false, has_modes = false;
     std::uint32_t unreadable = 0, unknown_state = 0;  // errno of reading pins, and the device
     std::uint32_t has_device = 1, notifies = 1, type = DPLL_TYPE_EEC, status = DPLL_STATUS_UNLOCKED;
     std::uint32_t busy = 0, disturbed_dumps = 0;  // so many settings and dumps fail
@@ -57,6 +61,8 @@ struct fake_dpll : fake_family {
         nl_put_u32(&b, DPLL_A_MODE, mode);
         nl_put_u32(&b, 6, mode);  // the modes that it can have
         nl_put_u32(&b, DPLL_A_TYPE, type);
+        if (lock_error) nl_put_u32(&b, DPLL_A_LOCK_STATUS_ERROR, lock_error);
+        for (const std::uint32_t level : levels) nl_put_u32(&b, DPLL_A_CLOCK_QUALITY_LEVEL, level);
         return b;
     }
     nl_builder about_pin(std::uint32_t id, std::uint8_t command, std::uint16_t flags = 0) const {
@@ -68,6 +74,11 @@ struct fake_dpll : fake_family {
         if (*p.label) nl_put_text(&b, p.label_kind, p.label);
         nl_put_u32(&b, DPLL_PIN_A_TYPE, p.type);
         nl_put_u32(&b, DPLL_PIN_A_CAPABILITIES, p.capabilities);
+        const std::int64_t fine = std::int64_t{p.offset} * 1000000 + 5;
+        const std::uint64_t measured = 24999999999;
+        if (p.offset) nl_put(&b, DPLL_PIN_A_FFO_PPT, &fine, sizeof fine);
+        if (p.offset) nl_put(&b, DPLL_PIN_A_FFO, &p.offset, sizeof p.offset);
+        if (p.offset) nl_put(&b, DPLL_PIN_A_MEASURED_FREQUENCY, &measured, sizeof measured);
         for (const auto phase_limit : {std::uint16_t{20}, std::uint16_t{21}}) nl_put_u32(&b, phase_limit, 0);
         for (const auto& [parent, state] : p.places) {
             const bool on_device = parent == DEVICE;
@@ -156,10 +167,20 @@ struct fake_dpll : fake_family {
         return 0;
     }
 
+    int set_mode(const_octets attributes) {
+        nl_attr a;
+        EXPECT_TRUE(nl_next_attr(&attributes, &a) && a.type == DPLL_A_MODE);
+        add("mode " + std::to_string(nl_u32(a.value)));
+        if (!has_modes) return EINVAL;
+        kind = nl_u32(a.value) == DPLL_MODE_AUTOMATIC ? driver::automatic : driver::manual;
+        return 0;
+    }
+
     int requested(std::uint8_t command, const_octets attributes, std::uint32_t sequence) override {
         if (command == DPLL_CMD_PIN_SET) return set_pin(attributes);
         nl_attr a;
         EXPECT_TRUE(nl_next_attr(&attributes, &a));
+        if (command == DPLL_CMD_DEVICE_SET) return set_mode(attributes);
         const std::uint32_t id = nl_u32(a.value);
         const bool is_device = command == DPLL_CMD_DEVICE_GET;
         if (is_device ? !has_device : !pins.count(id)) return ENODEV;
@@ -576,16 +597,79 @@ TEST(dpll, a_device_is_named_by_number_module_or_clock) {
     }
 }
 
-TEST(dpll, the_status_shows_device_and_pins) {
+TEST(dpll, the_mode_is_set_where_the_driver_lets_it) {
+    for (const bool has_modes : {false, true}) {
+        clock_session s;
+        s.options.kernel.mode = DPLL_MODE_AUTOMATIC;
+        s.dpll.has_modes = has_modes;
+        s.start();
+        s.play({{FOLLOW, 30, "clock 4 1",
+                 has_modes ? "mode 2, 11 on 1 selectable" : "mode 2, 11 on 1 connected"},
+                {"", 60000, ""}});
+        EXPECT_EQ(s.log.count("can't set device 1 to automatic: Invalid argument"), has_modes ? 0 : 1);
+        EXPECT_EQ(s.status().find("not as wanted: the device is in another mode") == std::string::npos,
+                  has_modes);
+    }
+}
+
+TEST(dpll, the_status_and_the_daemon_are_told_what_the_driver_tells_beyond_the_state) {
     clock_session s(driver::automatic);
     s.act("mux 21");
+    s.dpll.tells_operstate = true;
+    s.dpll.lock_error = 3;
+    s.dpll.levels = {1, 4};
+    s.dpll.pins[11].label = "SWP0";
+    s.dpll.pins[11].offset = -7;
+    s.dpll.pins[21].label = "MUX";
+    s.options.kernel.tells_quality = true;
     s.start();
+    EXPECT_EQ(s.c.details.take(),
+              "0: error 3 quality 4, 1: offset -6999995 frequency 24999999999 SWP0, 2:, 3:");
     s.play({{FOLLOW, 30, "clock 4 1"}});
     const std::string all = s.status();
-    for (const char* part :
-         {"kernel device 1 (chip 0102030405060708), automatic, status 3",
-          "pin 11 (sw1): on pin 21, connected", "pin 21 (unnamed): on device 1, connected, priority 0"})
+    for (const char* part : {"kernel device 1 (chip 0102030405060708), automatic, status 3 (locked, holdover "
+                             "acquired), error 3 (media "
+                             "down), type EEC",
+                             "pin 11 (sw1): on pin 21, connected; SyncE port; label SWP0; frequency offset "
+                             "-6999.995 ppb; measured "
+                             "24999999.999 Hz",
+                             "pin 21 (MUX): on device 1, selectable, active, priority 0"})
         EXPECT_NE(all.find(part), std::string::npos) << part << " in\n" << all;
+    ASSERT_TRUE(nsmd_detach(s.n));
+}
+
+TEST(dpll, the_probe_says_what_is_missing) {
+    const struct {
+        const char* board;
+        driver kind;
+        const char* answer;
+    } cases[] = {
+        {"", driver::manual, "yes: clock device 1 can follow sw1, sw2\n"},
+        {"mux 21", driver::automatic, "yes: clock device 1 can follow sw1, sw2\n"},
+        {"capable 11 0", driver::manual, "yes: clock device 1 can follow sw2\n"},
+        {"capable 11 2, capable 12 2", driver::automatic,
+         "in holdover the device may go on following one\nyes: "},
+        {"capable 11 2, capable 12 2", driver::manual, "no: the driver lets nobody set"},
+        {"has-device 0", driver::manual, "no: no clock device: "},
+        {"type 1", driver::manual, "no: no clock device of type EEC"},
+        {"quiet sw1 1, quiet sw2 2", driver::manual, "port sw1: no clock pin\n"},
+        {"quiet sw1 1, quiet sw2 2", driver::manual, "no: no port has a clock pin"},
+        {"quiet sw1 1 pin 77, quiet sw2 2", driver::manual, "no: no port's clock pin leads to the device"},
+        {"unreadable 16", driver::manual, "no: devices and pins can't be read: Device or resource busy"},
+        {"unknown-state 1", driver::manual, "no: no permission"},
+    };
+    for (const auto& one : cases) {
+        clock_session s(one.kind);
+        s.options.dpll = dpll_kind::none;
+        s.act(one.board);
+        s.start_alone();
+        text_buffer out;
+        const std::string answer = one.answer;
+        const bool yes = nsmd_probe(nsmd_table_of(s.n), s.kernel.edge(), s.options.kernel, &out);
+        EXPECT_EQ(yes, answer.find("yes: ") != answer.npos) << one.board;
+        EXPECT_NE(out.view().find(answer), std::string_view::npos) << one.board << "\n" << out.c_str();
+        text_free(&out);
+    }
 }
 
 }  // namespace

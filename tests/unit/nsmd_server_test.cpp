@@ -217,7 +217,9 @@ TEST_F(link_doc, both_ends_say_what_the_document_has) {
     nsmd_server_send_link(s, port(false));
     nsmd_server_send_link(s, port(true));
     nsmd_server_send_port_gone(s, port(true));
+    nsmd_server_send_detail(s, nullptr, {0, nsm_detail_body::HAS_ERROR, 3, 0, 0, 0, 0, {}});
     pass_all();
+    EXPECT_EQ(nsm_client_get_stats(client).dropped, 0U);
     EXPECT_EQ(if_lookup_by_name(&list, "eth3"), nullptr);
     nsm_client_stop(client);
     pass_all();

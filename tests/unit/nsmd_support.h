@@ -314,6 +314,7 @@ struct fake_family : said {
 struct nsm_test_client {
     int fd = -1;
     std::uint32_t sequence = 0, expected = 0;
+    said details = {};  // what is told of the clock hardware beyond its state, apart
 
     ~nsm_test_client() { hang_up(); }
     void hang_up() {
@@ -353,6 +354,10 @@ struct nsm_test_client {
         EXPECT_GE(m.size(), NSM_HEADER_SIZE);
         EXPECT_EQ(get_be16(m, 2), m.size());
         EXPECT_EQ(get_be32(m, 4), ++expected);
+        if (get_be16(m, 0) == NSM_MSG_SSM_CLOCK_DETAIL) {
+            details.add(describe_detail(m.subspan(NSM_HEADER_SIZE)));
+            return take();
+        }
         return describe(get_be16(m, 0), m.subspan(NSM_HEADER_SIZE));
     }
     std::string take_all() {
@@ -362,6 +367,22 @@ struct nsm_test_client {
     }
 
   private:
+    // "11: error 3 state 1 offset -5 frequency 7 SWP0", of what is known.
+    static std::string describe_detail(const_octets body) {
+        const std::uint32_t known = get_be32(body, nsm_detail_body::KNOWN);
+        std::string out = std::to_string(get_be32(body, nsm_detail_body::SUBJECT)) + ":";
+        const auto tell = [&](std::uint32_t bit, const char* word, auto value) {
+            if (known & bit) out += std::string(" ") + word + " " + std::to_string(value);
+        };
+        tell(nsm_detail_body::HAS_ERROR, "error", get_be32(body, nsm_detail_body::ERROR));
+        tell(nsm_detail_body::HAS_QUALITY, "quality", get_be32(body, nsm_detail_body::QUALITY));
+        tell(nsm_detail_body::HAS_STATE, "state", get_be32(body, nsm_detail_body::STATE));
+        tell(nsm_detail_body::HAS_OFFSET, "offset",
+             static_cast<std::int64_t>(get_be64(body, nsm_detail_body::OFFSET)));
+        tell(nsm_detail_body::HAS_FREQUENCY, "frequency", get_be64(body, nsm_detail_body::FREQUENCY));
+        const std::string label(nl_text(body.subspan(nsm_detail_body::LABEL, nsm_detail_body::LABEL_SIZE)));
+        return label.empty() ? out : out + " " + label;
+    }
     static std::string describe(unsigned type, const_octets body) {
         if (type == NSMD_MSG_STATUS_TEXT) return "text " + std::string(nl_text(body));
         // How many of its words matter; they are small numbers.

@@ -6,6 +6,7 @@
 #include "nsmd/links/port_table.h"
 #include "suite/base/context.h"
 #include "suite/base/text.h"
+#include "suite/manager/wire.h"
 
 // States on the NSM link. Any other value is transient: the daemon shows it and changes nothing.
 enum dpll_state : std::uint32_t { DPLL_FREERUN = 2, DPLL_HOLDOVER = 3, DPLL_LOCKED = 4, DPLL_TRANSIENT = 5 };
@@ -26,6 +27,16 @@ struct dpll_report {
     std::uint32_t source;  // interface index of the reference in use, DPLL_SOURCE_BITS, or 0 for none
 };
 
+// What else is known of the clock or of a pin, as the link tells it (suite/manager/wire.h).
+struct dpll_detail {
+    std::uint32_t subject;  // 0 the clock; else a source, as in the report
+    std::uint32_t known;    // nsm_detail_body::HAS_...; what is not known is zero
+    std::uint32_t error, quality, state;
+    std::int64_t offset_ppt;
+    std::uint64_t frequency_mhz;
+    char label[nsm_detail_body::LABEL_SIZE];  // filled up with zeros
+};
+
 struct dpll_sink {
     void (*report)(void* arg, const dpll_report& report);  // something in it changed
     void (*pins)(void* arg);  // pins came or went: which port has which is to be asked again
@@ -43,6 +54,10 @@ struct dpll_backend {
     // Once a second while nsmd serves, the first time when it begins to: from then on nothing may wait for a
     // driver. Null: nothing to do.
     void (*tend)(void* self) = nullptr;
+    // Hands over what is known now, of the clock and of each port. Null, or nothing: there is no more to
+    // tell.
+    void (*details)(const void* self, void (*take)(void* arg, const dpll_detail& detail),
+                    void* arg) = nullptr;
 };
 
 // The clock that is none: free-running whatever is asked.

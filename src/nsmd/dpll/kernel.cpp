@@ -24,6 +24,7 @@
 #include <utility>
 
 #include "nsmd/dpll/record.h"
+#include "nsmd/dpll/words.h"
 #include "suite/base/memory.h"
 #include "suite/log/log.h"
 #include "suite/loop/thread.h"
@@ -237,11 +238,42 @@ bool is_reached(const dpll_kernel* k, const dpll_goal& goal) {
     return dpll_plan_next(&k->view, goal, nullptr, &missing) == dpll_step::done;
 }
 
+bool is_in_mode(const dpll_kernel* k) {
+    const dpll_device* d = dpll_kernel_device(k);
+    return !d || !k->options.mode || d->mode == k->options.mode;
+}
+
+void set_mode(dpll_kernel* k) {
+    nl_builder request;
+    genl_begin(&k->link, &request, DPLL_CMD_DEVICE_SET, DPLL_VERSION, false);
+    dpll_put_mode(&request, k->device, k->options.mode);
+    k->task = clock_task::sets_mode;
+    genl_request(&k->link, request);
+}
+
+// Refused as well as done: what is true counts.
+void was_mode_set(dpll_kernel* k) {
+    k->mode_result = k->link.result;
+    k->task = clock_task::reads_mode;
+    dpll_read_device(&k->link, k->device);
+}
+
+void was_mode_read(dpll_kernel* k) {
+    k->task = clock_task::none;
+    k->steer_wanted = true;
+    if (is_in_mode(k)) k->mode_said = false;
+    if (is_in_mode(k) || std::exchange(k->mode_said, true)) return;
+    log_suite(LOG_LEVEL_WARNING, "clock: can't set device %u to %s: %s; going on as it is", k->device,
+              dpll_mode_word(k->options.mode), std::strerror(-k->mode_result));
+}
+
 void begin_steering(dpll_kernel* k) {
     dpll_goal goal;
     std::uint32_t pins[DPLL_MANAGED_MAX];
     k->trouble[0] = 0;
     if (!dpll_kernel_goal(k, &goal, pins)) return;
+    if (!is_in_mode(k) && !std::exchange(k->mode_tried, true)) return set_mode(k);
+    k->mode_tried = false;
     k->fell_back = false;
     k->task = clock_task::steers;
     dpll_steer_begin(&k->steering, goal);
@@ -268,10 +300,15 @@ void is_calm(dpll_kernel* k) {
 }
 
 void is_not_calm(dpll_kernel* k) {
-    if (!k->trouble[0]) std::snprintf(k->trouble, sizeof k->trouble, "the driver does not do what was set");
-    if (++k->steer_tries == STEER_TRIES_SAID && !k->steering.said_count)
+    if (!k->trouble[0])
+        std::snprintf(
+            k->trouble, sizeof k->trouble, "%s",
+            is_in_mode(k) ? "the driver does not do what was set" : "the device is in another mode");
+    if (++k->steer_tries == STEER_TRIES_SAID && !k->steering.said_count && is_in_mode(k))
         log_suite(LOG_LEVEL_WARNING, "clock: %s; trying again", k->trouble);
-    steer_later(k, dpll_plan_is_unsafe(&k->view, k->steering.goal));
+    // Where the driver offers no way, haste is none.
+    const bool is_offered = k->steering.set_result != -EOPNOTSUPP;
+    steer_later(k, is_offered && dpll_plan_is_unsafe(&k->view, k->steering.goal));
     k->calm_since = 0;
 }
 
@@ -283,13 +320,14 @@ void was_steered(dpll_kernel* k) {
     if (s.end == dpll_steer_end::failed && s.goal.has_target) return fall_back(k);
     k->settled = is_reached(k, s.goal);
     k->pins_heard = false;
-    if (k->settled && !k->fell_back)
+    if (k->settled && !k->fell_back && is_in_mode(k))
         is_calm(k);
     else
         is_not_calm(k);
 }
 
-// The pins are not as they were when steering ended: somebody else set them.
+// The pins are not as they were when steering ended: somebody else set them. That is undone at once when it
+// is the first time for long.
 void check_pins(dpll_kernel* k) {
     dpll_goal goal;
     std::uint32_t pins[DPLL_MANAGED_MAX];
@@ -337,6 +375,10 @@ void go_on(dpll_kernel* k) {
             return was_polled(k);
         case clock_task::reads_target:
             return was_target_read(k);
+        case clock_task::sets_mode:
+            return was_mode_set(k);
+        case clock_task::reads_mode:
+            return was_mode_read(k);
         case clock_task::steers:
             if (dpll_steer_run(&k->steering)) was_steered(k);
             return;
@@ -466,7 +508,8 @@ int start(dpll_kernel* k, const netlink_edge& edge) {
 
 dpll_backend dpll_kernel_create(lib_globals* ctx, const port_table* table, const netlink_edge& edge,
                                 const dpll_kernel_options& options, const dpll_sink& sink, int* error) {
-    dpll_backend backend = {apply, port, current, dpll_kernel_status, finish, nullptr, tend};
+    dpll_backend backend = {apply,  port,    current, dpll_kernel_status,
+                            finish, nullptr, tend,    dpll_kernel_details};
     auto* k = static_cast<dpll_kernel*>(memmgr_calloc(sizeof(dpll_kernel), MTYPE_NSMD));
     *error = -ENOMEM;
     if (!k) return backend;

@@ -9,6 +9,8 @@ struct dpll_kernel_options {
     const char* bits[2] = {};      // the pins of the external inputs, by label or identity; null: none
     std::uint32_t prio_best = 0;   // which numbers rank first and last differs between drivers
     std::uint32_t prio_other = 14;
+    bool tells_quality = false;  // that the device claims of itself
+    std::uint32_t mode = 0;      // that the device is to be in, as DPLL_MODE_...; 0: as it is
 };
 
 // A device that is not there yet, or can't be read yet, is waited for. With `self` null: a negative errno in

@@ -37,6 +37,26 @@ void take_number(const number_field<record> (&fields)[count], const nl_attr& att
         if (field.type == attr.type) out->*field.to = nl_u32(attr.value);
 }
 
+// Of the two forms of the offset the finer one counts, in whatever order they come.
+void take_measured(const nl_attr& attr, dpll_measured* out) {
+    constexpr std::int64_t PPT_IN_PPM = 1000000;
+    if (attr.type == DPLL_PIN_A_MEASURED_FREQUENCY) {
+        out->has_frequency = true;
+        out->frequency_mhz = nl_u64(attr.value);
+    }
+    const bool is_fine = attr.type == DPLL_PIN_A_FFO_PPT;
+    if (!is_fine && (attr.type != DPLL_PIN_A_FFO || out->offset_is_fine)) return;
+    out->has_offset = true;
+    out->offset_is_fine = is_fine;
+    const std::int64_t value = nl_sint(attr.value);
+    if (__builtin_mul_overflow(value, is_fine ? 1 : PPT_IN_PPM, &out->offset_ppt)) out->has_offset = false;
+}
+
+std::uint32_t bit_of(const_octets value) {
+    const std::uint32_t number = nl_u32(value);
+    return number < 32 ? std::uint32_t{1} << number : 0;
+}
+
 void parse_parent(const_octets nest, bool is_pin, dpll_pin* out) {
     if (out->parent_count == dpll_pin::PARENTS_MAX) return;
     dpll_parent parent{};
@@ -47,6 +67,7 @@ void parse_parent(const_octets nest, bool is_pin, dpll_pin* out) {
         take_number(PARENT_NUMBERS, attr, &parent);
         named |= attr.type == DPLL_PIN_A_PARENT_ID;
         parent.has_prio |= attr.type == DPLL_PIN_A_PRIO;
+        take_measured(attr, &parent.measured);
     }
     if (named) out->parents[out->parent_count++] = parent;
 }
@@ -62,6 +83,8 @@ bool dpll_device_parse(const_octets attributes, dpll_device* out) {
         named |= attr.type == DPLL_A_ID && attr.value.size() >= 4;
         if (attr.type == DPLL_A_MODULE_NAME) nl_copy_text(out->module, attr.value);
         if (attr.type == DPLL_A_CLOCK_ID) out->clock_id = nl_u64(attr.value);
+        if (attr.type == DPLL_A_MODE_SUPPORTED) out->modes |= bit_of(attr.value);
+        if (attr.type == DPLL_A_CLOCK_QUALITY_LEVEL) out->quality |= bit_of(attr.value);
     }
     return named;
 }
@@ -76,6 +99,7 @@ bool dpll_pin_parse(const_octets attributes, dpll_pin* out) {
         if (attr.type == DPLL_PIN_A_BOARD_LABEL) nl_copy_text(out->board_label, attr.value);
         if (attr.type == DPLL_PIN_A_PANEL_LABEL) nl_copy_text(out->panel_label, attr.value);
         if (attr.type == DPLL_PIN_A_PACKAGE_LABEL) nl_copy_text(out->package_label, attr.value);
+        take_measured(attr, &out->measured);
         if (attr.type == DPLL_PIN_A_PARENT_DEVICE) parse_parent(attr.value, false, out);
         if (attr.type == DPLL_PIN_A_PARENT_PIN) parse_parent(attr.value, true, out);
     }
@@ -90,4 +114,9 @@ void dpll_put_pin_setting(nl_builder* b, std::uint32_t pin, const dpll_parent& p
     nl_put_u32(b, DPLL_PIN_A_PARENT_ID, parent.id);
     nl_put_u32(b, what, value);
     nl_nest_end(b, nest);
+}
+
+void dpll_put_mode(nl_builder* b, std::uint32_t device, std::uint32_t mode) {
+    nl_put_u32(b, DPLL_A_ID, device);
+    nl_put_u32(b, DPLL_A_MODE, mode);
 }

@@ -1,6 +1,7 @@
-// The kernel's clock (DPLL) interface as messages: what a device and a pin are, and the settings of a pin.
-// Numbers of attributes and commands are the kernel's; which of them a kernel or driver has is found out by
-// looking, never by its version.
+// The kernel's clock (DPLL) interface as messages: what a device and a pin are, and their settings. Numbers
+// of attributes and commands are the kernel's (include/uapi/linux/dpll.h,
+// Documentation/netlink/specs/dpll.yaml, up to Linux 7.2; the headers that we build with may be older); which
+// of them a kernel or driver has is found out by looking, never by its version.
 #pragma once
 
 #include <cstdint>
@@ -13,6 +14,7 @@ constexpr std::uint8_t DPLL_VERSION = 1;
 
 enum dpll_command : std::uint8_t {
     DPLL_CMD_DEVICE_GET = 2,
+    DPLL_CMD_DEVICE_SET = 3,
     DPLL_CMD_DEVICE_CREATE_NTF = 4,
     DPLL_CMD_DEVICE_DELETE_NTF = 5,
     DPLL_CMD_DEVICE_CHANGE_NTF = 6,
@@ -28,9 +30,11 @@ enum dpll_attr : std::uint16_t {
     DPLL_A_MODULE_NAME = 2,
     DPLL_A_CLOCK_ID = 4,
     DPLL_A_MODE = 5,
+    DPLL_A_MODE_SUPPORTED = 6,  // one each
     DPLL_A_LOCK_STATUS = 7,
     DPLL_A_TYPE = 9,
     DPLL_A_LOCK_STATUS_ERROR = 10,
+    DPLL_A_CLOCK_QUALITY_LEVEL = 11,  // one each
 };
 
 enum dpll_pin_attr : std::uint16_t {
@@ -46,6 +50,9 @@ enum dpll_pin_attr : std::uint16_t {
     DPLL_PIN_A_CAPABILITIES = 17,
     DPLL_PIN_A_PARENT_DEVICE = 18,
     DPLL_PIN_A_PARENT_PIN = 19,
+    DPLL_PIN_A_FFO = 24,                 // in 10^-6, of the pin, or in a place against that device
+    DPLL_PIN_A_FFO_PPT = 30,             // the same in 10^-12
+    DPLL_PIN_A_MEASURED_FREQUENCY = 31,  // in mHz
     DPLL_PIN_A_OPERSTATE = 32,
 };
 
@@ -61,10 +68,21 @@ enum : std::uint32_t { PIN_CONNECTED = 1, PIN_DISCONNECTED = 2, PIN_SELECTABLE =
 enum : std::uint32_t { PIN_OPER_ACTIVE = 1 };
 enum : std::uint32_t { PIN_CAN_PRIO = 2, PIN_CAN_STATE = 4 };
 enum : std::uint32_t { PIN_OUTPUT = 2 };
+enum : std::uint32_t { DPLL_PIN_MUX = 1, DPLL_PIN_EXT = 2, DPLL_PIN_SYNCE_PORT = 3 };
+
+// Numbers that a driver may or may not tell.
+struct dpll_measured {
+    bool has_offset, has_frequency;
+    bool offset_is_fine;          // told in 10^-12
+    std::int64_t offset_ppt;      // frequency offset, 10^-12
+    std::uint64_t frequency_mhz;  // thousandths of a hertz
+};
 
 struct dpll_device {
     std::uint32_t id;
     std::uint32_t mode;
+    std::uint32_t modes;    // that it can have: bits by number
+    std::uint32_t quality;  // levels that it claims: bits by number
     std::uint32_t status;
     std::uint32_t error;
     std::uint32_t type;
@@ -81,6 +99,7 @@ struct dpll_parent {
     std::uint32_t operstate;  // 0 where the kernel does not say
     bool has_prio;
     std::uint32_t prio;
+    dpll_measured measured;  // against this parent
 };
 
 struct dpll_pin {
@@ -91,6 +110,7 @@ struct dpll_pin {
     char board_label[32];
     char panel_label[32];
     char package_label[32];
+    dpll_measured measured;
     dpll_parent parents[PARENTS_MAX];  // more than these are not looked at
     std::size_t parent_count;
 };
@@ -103,3 +123,6 @@ bool dpll_pin_parse(const_octets attributes, dpll_pin* out);
 // of a request one by one in no certain order, so each gets a request of its own.
 void dpll_put_pin_setting(nl_builder* b, std::uint32_t pin, const dpll_parent& parent, dpll_pin_attr what,
                           std::uint32_t value);
+
+// The same of a device: its mode.
+void dpll_put_mode(nl_builder* b, std::uint32_t device, std::uint32_t mode);

@@ -6,7 +6,16 @@
 #include "suite/log/limit.h"
 #include "suite/loop/retry.h"
 
-enum class clock_task { none, reads_devices, reads_pins, reads_device, reads_target, steers };
+enum class clock_task {
+    none,
+    reads_devices,
+    reads_pins,
+    reads_device,
+    reads_target,
+    sets_mode,
+    reads_mode,
+    steers
+};
 
 // Polls in a row that did not tell the device's state: so many, and what it was is not believed any more; so
 // many, and the clock is taken to run free.
@@ -53,6 +62,9 @@ struct dpll_kernel {
     bool settled;            // at the end of the last steering all was as it was to be
     bool pins_heard;         // since then
     nanoseconds calm_since;  // it has been so; 0: never yet, or it is not so
+    bool mode_tried;         // before this steering
+    int mode_result;         // of the last setting of the mode
+    bool mode_said;          // that it can't be set
     log_limit hand_said;
     std::uint64_t hands;  // how often the pins were changed by somebody else
 };
@@ -70,4 +82,6 @@ const dpll_device* dpll_kernel_device(const dpll_kernel* k);  // null: none
 // "the driver of clock device 5 (chip)". Returns `out`.
 const char* dpll_kernel_subject(const dpll_kernel* k, char (&out)[80]);
 
+void dpll_kernel_details(const void* self, void (*take)(void* arg, const dpll_detail& detail),
+                         void* arg);                          // details.cpp
 bool dpll_kernel_status(const void* self, text_buffer* out);  // status.cpp

@@ -2,9 +2,9 @@
 // the kernel backend's owner; changes nothing.
 #include <cinttypes>
 #include <cstring>
-#include <iterator>
 
 #include "nsmd/dpll/record.h"
+#include "nsmd/dpll/words.h"
 #include "suite/loop/thread.h"
 
 namespace {
@@ -29,7 +29,7 @@ bool put_trouble(const dpll_kernel* k, text_buffer* out) {
                          std::strerror(-k->unread_result));
     if (ok && k->trouble[0])
         ok = text_printf(out, "clock: not as wanted: %s%s", k->trouble,
-                         k->fell_back ? ", holding over" : "") &&
+                         k->fell_back ? "; holdover instead" : "") &&
              put_next_try(k, k->steers_again, k->steer_tries, out);
     if (ok && k->hands) ok = text_printf(out, "clock: pins changed by others %" PRIu64 " times\n", k->hands);
     return ok;
@@ -38,25 +38,15 @@ bool put_trouble(const dpll_kernel* k, text_buffer* out) {
 bool put_device(const dpll_kernel* k, text_buffer* out) {
     const dpll_device* d = dpll_kernel_device(k);
     if (!d) return text_printf(out, "clock: kernel interface, no device\n");
-    return text_printf(out,
-                       "clock: kernel device %u (%s %016" PRIx64 "), %s, status %u, error %u; %" PRIu64
-                       " settings, %" PRIu64 " refused\n",
-                       d->id, d->module, d->clock_id, d->mode == DPLL_MODE_AUTOMATIC ? "automatic" : "manual",
-                       d->status, d->error, k->steering.settings, k->steering.refusals);
+    return text_printf(out, "clock: kernel device %u ", d->id) && dpll_put_device(*d, out) &&
+           text_printf(out, "; %" PRIu64 " settings, %" PRIu64 " refused\n", k->steering.settings,
+                       k->steering.refusals);
 }
 
 bool put_pin(const dpll_kernel* k, const dpll_pin& pin, text_buffer* out) {
-    static const char* const states[] = {"", ", connected", ", disconnected", ", selectable"};
     char words[80];
-    bool ok = text_printf(out, "%s:", dpll_pin_words(&k->view, k->table, pin.id, words));
-    for (std::size_t i = 0; ok && i < pin.parent_count; ++i) {
-        const dpll_parent& p = pin.parents[i];
-        ok = text_printf(out, " on %s %u%s%s", p.is_pin ? "pin" : "device", p.id,
-                         p.state < std::size(states) ? states[p.state] : "",
-                         p.operstate == PIN_OPER_ACTIVE ? ", active" : "");
-        if (ok && p.has_prio) ok = text_printf(out, ", priority %u", p.prio);
-    }
-    return ok && text_printf(out, "\n");
+    return text_printf(out, "%s:", dpll_pin_words(&k->view, k->table, pin.id, words)) &&
+           dpll_put_pin(pin, out) && text_printf(out, "\n");
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <iterator>
+#include <utility>
 
 #include "suite/log/log.h"
 
@@ -78,7 +79,18 @@ void check(dpll_steering* s, int set_result) {
     dpll_read_pin(s->link, s->setting.pin);
 }
 
+// Once: it is a property of the driver.
+void say_no_guard(dpll_steering* s) {
+    char pin[80];
+    if (s->setting.what != DPLL_PIN_A_PRIO || !s->setting.releases) return;
+    if (std::exchange(s->no_guard_said, true)) return;
+    log_suite(LOG_LEVEL_WARNING,
+              "clock: %s can be ranked, but not ruled out: the device may go on following it",
+              dpll_pin_words(s->view, s->table, s->setting.pin, pin));
+}
+
 void set(dpll_steering* s) {
+    say_no_guard(s);
     if (!is_offered(s, s->setting)) return check(s, -EOPNOTSUPP);
     nl_builder request;
     genl_begin(s->link, &request, DPLL_CMD_PIN_SET, DPLL_VERSION, false);
@@ -169,6 +181,7 @@ void dpll_steer_begin(dpll_steering* s, const dpll_goal& goal) {
     s->goal.managed = s->managed;
     s->tried.count = 0;
     s->is_second_round = s->is_abandoned = false;
+    s->set_result = 0;
     s->why[0] = 0;
     s->phase = dpll_steer_phase::plan;
 }

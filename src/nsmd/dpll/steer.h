@@ -40,6 +40,7 @@ struct dpll_steering {
     dpll_tried tried;
     char why[128];  // what was not done in the last steering, empty: nothing
     dpll_refusal said[16];
+    bool no_guard_said;
     std::size_t said_count;  // whoever has a new wish, or sees an old one fulfilled, clears it
 };
 

@@ -85,6 +85,10 @@ std::uint64_t nl_u64(const_octets value) {
     return read_as<std::uint64_t>(value);
 }
 
+std::int64_t nl_sint(const_octets value) {
+    return value.size() >= 8 ? read_as<std::int64_t>(value) : read_as<std::int32_t>(value);
+}
+
 std::string_view nl_text(const_octets value) {
     std::size_t length = 0;
     while (length < value.size() && value[length] != 0) ++length;

@@ -34,6 +34,7 @@ std::uint8_t nl_u8(const_octets value);
 std::uint16_t nl_u16(const_octets value);
 std::uint32_t nl_u32(const_octets value);
 std::uint64_t nl_u64(const_octets value);
+std::int64_t nl_sint(const_octets value);  // a signed number of 4 or 8 octets, as its size says
 // The text up to its zero, or to the end where a sender left the zero out.
 std::string_view nl_text(const_octets value);
 // The text as one of C, cut to what `out` holds.

@@ -269,6 +269,19 @@ void nsmd_server_send_clock(nsmd_server* s, nsmd_peer* peer, std::uint32_t state
     broadcast(s, peer, NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, body);
 }
 
+void nsmd_server_send_detail(nsmd_server* s, nsmd_peer* peer, const dpll_detail& d) {
+    std::uint8_t body[nsm_detail_body::SIZE] = {};
+    put_be32(body, nsm_detail_body::SUBJECT, d.subject);
+    put_be32(body, nsm_detail_body::KNOWN, d.known);
+    put_be32(body, nsm_detail_body::ERROR, d.error);
+    put_be32(body, nsm_detail_body::QUALITY, d.quality);
+    put_be32(body, nsm_detail_body::STATE, d.state);
+    put_be64(body, nsm_detail_body::OFFSET, static_cast<std::uint64_t>(d.offset_ppt));
+    put_be64(body, nsm_detail_body::FREQUENCY, d.frequency_mhz);
+    std::memcpy(body + nsm_detail_body::LABEL, d.label, sizeof d.label);
+    broadcast(s, peer, NSM_MSG_SSM_CLOCK_DETAIL, body);
+}
+
 bool nsmd_server_status(const nsmd_server* s, text_buffer* out) {
     return text_printf(out, "clients: %u connected, %" PRIu64 " accepted, %" PRIu64 " messages dropped\n",
                        s->greeted, s->accepted, s->dropped);

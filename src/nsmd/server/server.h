@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "nsmd/clock/dpll.h"
 #include "nsmd/links/port_table.h"
 #include "nsmd/server/peer.h"
 #include "suite/base/context.h"
@@ -48,6 +49,8 @@ void nsmd_server_send_port_gone(nsmd_server* server, const nsmd_port& port);
 void nsmd_server_send_link(nsmd_server* server, const nsmd_port& port);
 void nsmd_server_send_bridge(nsmd_server* server, nsmd_peer* peer, const bridge_identity& identity);
 void nsmd_server_send_clock(nsmd_server* server, nsmd_peer* peer, std::uint32_t state, std::uint32_t source);
+
+void nsmd_server_send_detail(nsmd_server* server, nsmd_peer* peer, const dpll_detail& detail);
 
 bool nsmd_server_status(const nsmd_server* server, text_buffer* out);
 
