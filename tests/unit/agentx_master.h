@@ -7,6 +7,14 @@
 
 using bytes = std::vector<std::uint8_t>;
 using oid = std::vector<snmp_oid>;
+// On big-endian machines the vector's own comparison, as GCC 12 has it, looks at a quarter of the octets.
+struct oid_before {
+    bool operator()(const oid& a, const oid& b) const {
+        for (std::size_t i = 0; i < a.size() && i < b.size(); ++i)
+            if (a[i] != b[i]) return a[i] < b[i];
+        return a.size() < b.size();
+    }
+};
 
 // What stands in an answer or a notification.
 struct variable {

@@ -2,6 +2,7 @@
 // of driver. What is checked is the order of the settings, and what the daemon is told.
 #include <sys/eventfd.h>
 #include <sys/mman.h>
+#include <bit>
 
 #include <atomic>
 #include <csignal>
@@ -545,6 +546,8 @@ TEST(dpll, the_simulated_kernel_speaks_as_the_real_one) {
         }
         return text;
     };
+    if constexpr (std::endian::native == std::endian::big)
+        GTEST_SKIP() << "the octets were taken on a little-endian machine";
     const auto pin = [&](std::uint32_t id) { return hex(dpll.about_pin(id, DPLL_CMD_PIN_GET)); };
     const std::string module = "64706c6c5f6d6f636b000000", clock = "0807060504030201";
     const auto head = [&](const std::string& id, const std::string& capabilities) {

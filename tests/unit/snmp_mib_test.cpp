@@ -315,7 +315,7 @@ TEST_F(ssm_mib, groups_are_walked_from_any_name_to_the_next_that_can_be_got) {
     }
     for (const oid& name : asked) {
         if (!entry(name)) continue;
-        const auto next = std::upper_bound(all.begin(), all.end(), name);
+        const auto next = std::upper_bound(all.begin(), all.end(), name, oid_before());
         const bool inside = next != all.end() && entry(*next) == entry(name);
         oid from = name;  // as the sub-agent, goes on behind a row that has no value
         reply r = read(from, false);

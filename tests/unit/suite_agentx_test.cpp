@@ -38,7 +38,7 @@ struct model {
     std::int32_t level = 10, steps = 1;
     std::string text = "hello";
     std::uint64_t count = 0x1'0000'0002;
-    std::map<oid, std::int32_t> rows;  // by the name below the root
+    std::map<oid, std::int32_t, oid_before> rows;  // by the name below the root
     std::string calls;
     int refuse_level = 0;  // status
     bool stuck = false;    // nothing can be set back
