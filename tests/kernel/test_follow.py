@@ -1,8 +1,11 @@
 """Follow, lose, hold over, return, on every kind of device that the interface knows; devices that go and come back;
 what else there may be about a port."""
 
+import json
+
 import pytest
 from clock_lab import HOLDOVER, LOCKED, wait_until, wire
+from lab import BIN
 
 DEVICES = {
     "manual": {},
@@ -104,6 +107,21 @@ def test_copper_roles_by_the_kernels_own_interface(box):
     wait_until(lambda: "forced slave" in role(), 3)
     one.sw.configure("interface swp0", "no clock synce gephy")
     wait_until(lambda: "preferred slave" in role(), 3)
+
+
+def test_the_probe_and_the_shows_have_the_pins(box):
+    def probe():
+        return one.sw.run(f"{BIN}/nsmd", "--probe", check=False)
+    one = box()
+    answer = probe()
+    assert answer.returncode == 0 and answer.stdout.splitlines()[-1].endswith("can follow swp0, swp2"), answer
+    one.follow("--dpll-mode", "automatic")  # which this kernel has no way to set
+    assert "to automatic: Invalid argument; going on as it is" in one.sw.nsmd.text()
+    shown = json.loads(one.sw.show("clock synce json"))
+    assert [port["pin_label"] for port in shown["ports"]] == ["SWP0", "SWP2"]
+    one.clock.unload()
+    answer = probe()
+    assert answer.returncode == 1 and "no: no clock device" in answer.stdout, answer
 
 
 def test_two_hundred_and_fifty_ports(box):

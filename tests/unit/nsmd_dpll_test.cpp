@@ -275,7 +275,6 @@ struct clock_session : nsmd_session {
             dpll.notify_pin(w[0]);
             dpll.work();
         };
-        verbs["leave"] = [this](const numbers& w) { dpll.notify_pin(w[0], DPLL_CMD_PIN_DELETE_NTF); };
         verbs["notice"] = [this](const numbers& w) { dpll.notify_pin(w[0], DPLL_CMD_PIN_CREATE_NTF); };
         verbs["lose"] = [this](const numbers&) { dpll.push({}, -ENOBUFS); };
         verbs["device"] = [this](const numbers& w) {
@@ -386,20 +385,12 @@ const struct {
       {"refuse 11 0", 1001, "clock 3 0", "dump devices, dump pins, 11 on 1 disconnected"},
       {"", 60000, "", ""}},
      {"can't release pin 11 (sw1): Input/output error", 1}},
-    {{"a use that failed once is not tried again", driver::automatic},
-     {{FOLLOW, 30, "clock 4 1"},
-      {"refuse 12 121, select 2", 200, "clock 3 0"},
-      {"refuse 12 0", 500, "clock 4 2", "dump devices, dump pins, 12 on 1 prio 0, 12 on 1 selectable"}},
-     {"holdover instead", 1}},
     {{"what can't be read is forgotten", driver::manual},
      {{FOLLOW, 30, "clock 4 1"},
       {"unreadable 5, sw4 4", 3000, "add 4 4 1"},
       {"unreadable 0, unknown-state 5, gone 4", 1500, "gone 4 1"},
       {"unknown-state 0, select 2", 1100, "clock 4 2"}},
      {"clock: devices and pins can't be read: Input/output error; trying again", 1}},
-    {{"a driver that is busy at the start costs the clock", driver::manual, "unreadable 16"},
-     {{FOLLOW, 3000, ""}, {"unreadable 0", 1010, "clock 4 1"}},
-     {"can't be read yet: Device or resource busy", 1}},
     {{"a state that can't be read stays what it was", driver::manual},
      {{FOLLOW, 30, "clock 4 1"},
       {"unknown-state 5", 4000, "clock 5 0"},
@@ -412,10 +403,6 @@ const struct {
       {"hand 12 1", 30, "", ""},  // not at once again
       {"", 300, "", "dump devices, dump pins, 11 on 1 connected"}},
      {"changed by another program", 1}},
-    {{"a pin that leaves another device is forgotten", driver::manual},
-     {{FOLLOW, 30, "clock 4 1"},
-      {"leave 11", 200, "", "dump devices, dump pins"},
-      {"holdover 0", 30, "clock 3 0", "11 on 1 disconnected"}}},
     {{"a port without a pin is followed, or not when its driver comes up with one", driver::automatic,
       "input 13"},
      {{FOLLOW, 30, "clock 4 1"},

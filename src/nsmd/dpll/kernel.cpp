@@ -367,6 +367,7 @@ bool begin_next(dpll_kernel* k) {
 }
 
 void go_on(dpll_kernel* k) {
+    k->held = 0;
     switch (k->task) {
         case clock_task::reads_devices:
         case clock_task::reads_pins:
@@ -397,7 +398,7 @@ void work(dpll_kernel* k) {
     }
     // On the way the clock may be between two sources.
     const bool is_on_the_way = k->task == clock_task::steers || k->steer_wanted;
-    if (!is_on_the_way || k->unread >= DPLL_UNREAD_LOST) report(k);
+    if (!is_on_the_way || dpll_kernel_is_lost(k)) report(k);
 }
 
 // --- events ---
@@ -432,11 +433,19 @@ int readable(thread* event) {
     return 0;
 }
 
+// The last poll is not answered, or has not been made yet.
+void note_waiting(dpll_kernel* k) {
+    if (k->task == clock_task::reads_device)
+        note_unread(k, -ETIMEDOUT);
+    else
+        ++k->held;
+}
+
 // A device that comes may not be told of.
 int poll_due(thread* event) {
     auto* k = static_cast<dpll_kernel*>(event->arg);
     k->poll_timer = thread_add_timer_msec(k->ctx, poll_due, k, POLL_MS);
-    if (k->has_device && genl_waits(&k->link)) note_unread(k, -ETIMEDOUT);
+    if (genl_waits(&k->link)) note_waiting(k);
     k->poll_wanted = k->has_device;
     k->read_wanted |= !k->has_device || (k->stale && !k->reading.event);
     work(k);

@@ -20,6 +20,8 @@ enum class clock_task {
 // Polls in a row that did not tell the device's state: so many, and what it was is not believed any more; so
 // many, and the clock is taken to run free.
 constexpr unsigned DPLL_UNREAD_DOUBTED = 3, DPLL_UNREAD_LOST = 10;
+// Polls that did not come to pass behind one setting or list that takes its time, until the same.
+constexpr unsigned DPLL_HELD_LOST = 30;
 
 struct dpll_kernel {
     lib_globals* ctx;
@@ -49,6 +51,7 @@ struct dpll_kernel {
     int read_result;
     unsigned unread;  // polls in a row that told nothing
     int unread_result;
+    unsigned held;              // polls that wait behind another request
     nanoseconds unclear_since;  // locked, but to nothing that is seen; 0: not so
 
     // Steering.
@@ -78,6 +81,7 @@ bool dpll_kernel_goal(dpll_kernel* k, dpll_goal* goal, std::uint32_t (&pins)[DPL
 // What the device does. `*is_clear` false: locked, but no input is seen to be in use, as between the release
 // of a pin and the hardware's own word that the lock is lost.
 dpll_report dpll_kernel_observe(const dpll_kernel* k, bool* is_clear);
+bool dpll_kernel_is_lost(const dpll_kernel* k);               // nothing has been known of its state for long
 const dpll_device* dpll_kernel_device(const dpll_kernel* k);  // null: none
 // "the driver of clock device 5 (chip)". Returns `out`.
 const char* dpll_kernel_subject(const dpll_kernel* k, char (&out)[80]);

@@ -90,6 +90,10 @@ const dpll_device* dpll_kernel_device(const dpll_kernel* k) {
     return k->has_device ? dpll_view_device(&k->view, k->device) : nullptr;
 }
 
+bool dpll_kernel_is_lost(const dpll_kernel* k) {
+    return k->unread >= DPLL_UNREAD_LOST || k->held >= DPLL_HELD_LOST;
+}
+
 const char* dpll_kernel_subject(const dpll_kernel* k, char (&out)[80]) {
     if (const dpll_device* d = dpll_kernel_device(k))
         std::snprintf(out, sizeof out, "the driver of clock device %u (%s)", d->id, d->module);
@@ -130,7 +134,7 @@ bool dpll_kernel_goal(dpll_kernel* k, dpll_goal* goal, std::uint32_t (&pins)[DPL
 dpll_report dpll_kernel_observe(const dpll_kernel* k, bool* is_clear) {
     *is_clear = true;
     const dpll_device* d = dpll_kernel_device(k);
-    if (!d || k->unread >= DPLL_UNREAD_LOST) return {DPLL_FREERUN, 0};
+    if (!d || dpll_kernel_is_lost(k)) return {DPLL_FREERUN, 0};
     if (k->unread >= DPLL_UNREAD_DOUBTED) return {DPLL_TRANSIENT, 0};
     const std::uint32_t state = state_of(*d);
     if (state != DPLL_LOCKED) return {state, 0};
