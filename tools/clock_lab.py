@@ -13,7 +13,7 @@ import sys
 import threading
 
 import ring
-from lab import ROOT, wait_until
+from lab import ROOT, Plug, wait_until
 
 sys.path.append(str(ROOT / "tests/system"))
 
@@ -24,6 +24,10 @@ PARAMETERS = pathlib.Path("/sys/module/mock_clock/parameters")
 FILES = pathlib.Path("/sys/kernel/debug/mock_clock")
 
 UNLOCKED, LOCKED, LOCKED_ACQUIRED, HOLDOVER = "1", "2", "3", "4"  # of the kernel's interface
+
+
+def far_end(port):
+    return f"swp{int(port[3:]) + 1}"
 
 
 class Clock:
@@ -101,7 +105,7 @@ class Neighbours(threading.Thread):
 
     def __init__(self, node, ports):
         super().__init__(daemon=True)
-        self.sockets = {port: node.packet_socket(f"swp{int(port[3:]) + 1}") for port in ports}
+        self.sockets = {port: node.packet_socket(far_end(port)) for port in ports}
         self.quality, self.changed, self.over = {}, threading.Event(), False
         self.start()
 
@@ -140,12 +144,13 @@ class Box:
 
     def plug_in(self):
         """Gives the driver's ports to whom they belong, and pulls them up."""
-        for port in self.ports:
-            far = f"swp{int(port[3:]) + 1}"
-            subprocess.run(["ip", "link", "set", far, "netns", str(self.tester.pid)], check=True)
-            subprocess.run(["ip", "link", "set", port, "netns", str(self.sw.pid)], check=True)
-            self.sw.link_set(port, True)
-            self.tester.link_set(far, True)
+        far = [far_end(port) for port in self.ports]
+        moves = [f"link set {port} netns {node.pid}" for ports, node in ((self.ports, self.sw), (far, self.tester))
+                 for port in ports]
+        subprocess.run(["ip", "-batch", "-"], input="\n".join(moves) + "\n", text=True, check=True)
+        for ports, node in ((self.ports, self.sw), (far, self.tester)):
+            node.ip_batch([f"link set {port} up" for port in ports])
+        self.plugs = {port: Plug(self.tester, far_end(port)) for port in self.ports}
 
     def start_bare(self, *options):
         """The programs alone: no port need be there, no neighbour says anything."""
@@ -159,8 +164,7 @@ class Box:
 
     def start(self, *options, **quality):
         self.start_bare(*options)
-        for port in self.ports:
-            self.sw.wait_port(port, up="enable")
+        wait_until(lambda: self.status().count(", up, flaps ") == len(self.ports), 5, "all ports are up")
         self.speak(**quality)
         return self
 
@@ -180,8 +184,11 @@ class Box:
         """The ports are no candidates any more, though their clocks go on."""
         self.sw.configure(*[line for port in ports for line in (f"interface {port}", "no clock synce enable")])
 
+    def trust(self, port):
+        self.sw.configure(f"interface {port}", "clock synce enable")
+
     def cable(self, port, up):
-        self.tester.link_set(f"swp{int(port[3:]) + 1}", up)
+        self.plugs[port].set(up)
 
     def sees(self, source, deadline=3.0):
         """Hardware, nsmd and esmcd follow this port, and could hold over; None: nothing, and hold over."""
