@@ -14,6 +14,7 @@
 #include "core/ports.h"
 #include "core/ql.h"
 #include "core/socket.h"
+#include "restart/checksum.h"
 #include "restart/snapshot.h"
 #include "restart/state_file.h"
 #include "suite/host/host.h"
@@ -60,14 +61,13 @@ void read_boot(char (&boot)[40]) {
 bool hash_configuration(std::uint64_t* hash) {
     text_buffer text;
     const bool good = host_running_text(g_p_esmcd->host, &text);
-    *hash = 0xcbf29ce484222325;
-    for (const char c : text.view()) *hash = (*hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;
+    *hash = checksum_add(CHECKSUM_BEGIN, text.view());
     text_free(&text);
     return good;
 }
 
-const_octets left_octets() {
-    return {reinterpret_cast<const std::uint8_t*>(state.left.c_str()), state.left.length};
+const_octets octets_of(const text_buffer& text) {
+    return {reinterpret_cast<const std::uint8_t*>(text.c_str()), text.length};
 }
 
 // Null: it can be taken over.
@@ -77,7 +77,7 @@ const char* why_not() {
     if (thread_now(g_p_esmcd) - state.origin.saved_at > RESTART_WITHIN) return "it is too old";
     if (!hash_configuration(&config)) return "no memory";
     if (config != state.origin.config) return "the configuration is another";
-    return snapshot_agrees(left_octets(), &difference) ? nullptr : difference.text;
+    return snapshot_agrees(octets_of(state.left), &difference) ? nullptr : difference.text;
 }
 
 // ---- Taking over ----
@@ -92,7 +92,7 @@ void go_on() {
 }
 
 void take_over() {
-    snapshot_apply(left_octets());
+    snapshot_apply(octets_of(state.left));
     const char* source = ssm_port_name(g_s_master->selected_port);
     SSM_LOG(LOG_LEVEL_INFO, "%s%sgoes on as the daemon before, which said so %d ms ago: source %s, %s",
             static_cast<int>((thread_now(g_p_esmcd) - state.origin.saved_at) / NS_PER_MS),
@@ -125,8 +125,7 @@ bool copy_state() {
     origin.saved_at = thread_now(g_p_esmcd);
     text_buffer out;
     const bool good = hash_configuration(&origin.config) && snapshot_write(origin, &out);
-    const const_octets octets{reinterpret_cast<const std::uint8_t*>(out.c_str()), out.length};
-    const int error = good ? state_file_write(&state.file, octets) : -ENOMEM;
+    const int error = good ? state_file_write(&state.file, octets_of(out)) : -ENOMEM;
     text_free(&out);
     say_error(error);
     state.copied = told_now();
@@ -166,7 +165,7 @@ void restart_read() {
         cold_start(result == -EBADMSG ? "it is damaged"
                    : result == -EPERM ? "others may have written it"
                                       : std::strerror(-result));
-    else if (!snapshot_read_origin(left_octets(), &state.origin))
+    else if (!snapshot_read_origin(octets_of(state.left), &state.origin))
         cold_start("it is of another version");
     else if (std::memcmp(boot, state.origin.boot, sizeof boot) != 0)
         cold_start("it is of another boot");
@@ -202,8 +201,9 @@ void restart_after_event() {
     }
     if (g_s_master->resuming) return;
     if (!state.copy_timer) return copy_in(0);
-    if (state.copied == told_now()) return;
-    state.copied = told_now();
+    const told now = told_now();
+    if (state.copied == now) return;
+    state.copied = now;
     const nanoseconds since = thread_now(g_p_esmcd) - state.copied_at;
     const nanoseconds wait = COPY_SOONER_MS * NS_PER_MS;
     copy_in(since >= wait ? 0 : static_cast<std::uint32_t>((wait - since) / NS_PER_MS));
@@ -212,7 +212,7 @@ void restart_after_event() {
 bool restart_leave() {
     if (!g_p_esmcd || !g_s_master || !g_s_master->keep_state) return false;
     // Who could not take over yet passes on what he was given.
-    if (g_s_master->resuming) return state_file_write(&state.file, left_octets()) == 0;
+    if (g_s_master->resuming) return state_file_write(&state.file, octets_of(state.left)) == 0;
     ssm_port_walk([](ssm_port* port) {
         if (port->send_timer) (void)ssm_pdu_tx(port, 1);
     });

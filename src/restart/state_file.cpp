@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "restart/checksum.h"
 #include "suite/rights/user.h"
 
 namespace {
@@ -22,11 +23,8 @@ struct place_head {
 };
 constexpr off_t PLACE_SIZE = sizeof(place_head) + STATE_SIZE_MAX;
 
-// FNV-1a of 64 bits: against what was written in part, not against who means harm.
-std::uint64_t checksum(const place_head& head, const_octets state) {
-    std::uint64_t sum = 0xcbf29ce484222325 ^ head.number ^ std::uint64_t{head.length} << 32;
-    for (const std::uint8_t octet : state) sum = (sum ^ octet) * 0x100000001b3;
-    return sum;
+std::uint64_t checksum(const place_head& head, std::string_view state) {
+    return checksum_add(CHECKSUM_BEGIN ^ head.number ^ std::uint64_t{head.length} << 32, state);
 }
 
 bool read_whole(int fd, void* to, std::size_t size, off_t at) {
@@ -48,8 +46,7 @@ bool take_place(int fd, off_t at, std::uint32_t* number, text_buffer* out) {
         good = read_whole(fd, chunk, part, at + static_cast<off_t>(sizeof head + done)) &&
                text_append(&found, chunk, part);
     }
-    const const_octets octets{reinterpret_cast<const std::uint8_t*>(found.c_str()), found.length};
-    if (!good || checksum(head, octets) != head.sum) {
+    if (!good || checksum(head, found.view()) != head.sum) {
         text_free(&found);
         return false;
     }
@@ -114,7 +111,7 @@ int state_file_write(state_file* file, const_octets state) {
         }
     }
     place_head head = {MAGIC, file->number + 1, static_cast<std::uint32_t>(state.size()), 0, 0};
-    head.sum = checksum(head, state);
+    head.sum = checksum(head, {reinterpret_cast<const char*>(state.data()), state.size()});
     const off_t at = head.number % 2 ? 0 : PLACE_SIZE;
     if (pwrite(file->fd, &head, sizeof head, at) != sizeof head) return errno ? -errno : -EIO;
     const ssize_t written =
