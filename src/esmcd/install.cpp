@@ -5,6 +5,7 @@
 
 #include "cli/commands.h"
 #include "cli/handler.h"
+#include "cli/metrics/metrics.h"
 #include "esmcd/board.h"
 #include "suite/terminal/terminal.h"
 
@@ -63,7 +64,8 @@ void install_basics(cli_tree* tree) {
 void install_help(cli_tree* tree) {
     for (const std::span<const cli_help> texts :
          {ssm_global_help, ssm_guard_help, ssm_interface_help, ssm_restore_help, ssm_show_help,
-          ssm_everyday_help, ssm_json_help, ssm_supervision_help, ssm_statistics_help, ssm_debug_help})
+          ssm_everyday_help, ssm_json_help, ssm_supervision_help, ssm_statistics_help, ssm_metrics_help,
+          ssm_debug_help})
         (void)cli_install_help(tree, texts.data(), texts.size());
 }
 
@@ -93,6 +95,7 @@ int ssm_install_commands(cli_tree* tree) {
         (void)ssm_cli_everyday_init(tree);
         (void)ssm_cli_supervision_init(tree);
         (void)ssm_cli_statistics_init(tree);
+        (void)ssm_cli_metrics_init(tree);
     }
     install_help(tree);
     return result;

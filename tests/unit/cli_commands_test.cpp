@@ -1,6 +1,7 @@
 // Which commands there are: what the board's ability leaves of them, and that
 // docs/CLI.md and the tree do not part. Each installed command stands in the table of its mode and no other
-// one does, each token has a help text, and the fields of the JSON object are those of the document.
+// one does, each token has a help text, and the fields of the JSON object and the metrics are those of the
+// document.
 //
 // A section's heading says which modes its tables are about; a row's first cell is the command string as the
 // command object has it, blanks around brackets and bars aside, with the bars escaped as a table wants them.
@@ -123,6 +124,14 @@ TEST_F(commands, show_the_fields_of_the_json_object_that_the_document_describes)
     }
     EXPECT_GE(fields.size(), 20u);
     EXPECT_EQ(fields, rows_below("## The JSON object"));
+}
+
+TEST_F(commands, show_the_metrics_that_the_document_describes) {
+    std::istringstream lines(shown("show clock synce metrics prometheus"));
+    names families;
+    for (std::string line; std::getline(lines, line);)
+        if (line.starts_with("# TYPE ")) families.insert(line.substr(7, line.find(' ', 7) - 7));
+    EXPECT_EQ(families, rows_below("## Metrics"));
 }
 
 class board_without_synce : public commands {

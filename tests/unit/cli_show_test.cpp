@@ -313,6 +313,61 @@ TEST_F(everyday, a_port_that_goes_and_comes_back_while_ports_are_listed_is_shown
     EXPECT_EQ(session_.part.shown, 0U) << "the next listing begins anew";
 }
 
+TEST_F(everyday, quality_levels_of_the_metrics_are_in_the_order_of_each_option) {
+    const auto level = [&] {
+        const std::string text = shown("show clock synce metrics");
+        return std::stoi(text.substr(text.find("\nesmcd_quality_level ") + 21));
+    };
+    for (const ssm_option option : {SSM_OPTION_1, SSM_OPTION_2}) {
+        g_s_master->ql_option = option;
+        std::vector<std::pair<ssm_quality, int>> known;
+        for (const char* token : {"eprtc", "prtc", "eprc", "prc", "prs", "stu", "ssu-a", "st2", "tnc",
+                                  "ssu-b", "st3e", "eeec", "eec1", "eec2", "smc", "prov", "dnu", "dus"}) {
+            ssm_quality code = 0;
+            if (ssm_ql_parse(token, &code) < 0) continue;
+            g_s_master->current_quality = code;
+            known.emplace_back(code, level());
+        }
+        EXPECT_GE(known.size(), 9U);
+        for (const auto& [a, level_a] : known)
+            for (const auto& [b, level_b] : known)
+                EXPECT_EQ(ssm_ql_compare(a, b), (level_a > level_b) - (level_a < level_b)) << a << " " << b;
+    }
+}
+
+// All samples of a family together, whatever parts they come in; a name in them may hold anything.
+TEST_F(everyday, metrics_in_parts_are_those_of_one_piece) {
+    ssm_port* odd = candidate("a\"\\\xff", 1, QL_PRC, 10);
+    ssm_pin pin{true, true, 1, -5, 125'000'000'001, "SWP0"};
+    odd->pin = &pin;
+    odd->neighbour[5] = 9;
+    candidate("p2", 2, QL_EEC1, 20)->link_up = 0;
+    candidate("off", 3, QL_PRC, 1)->synce_enable = 0;
+    g_s_master->hardware.error = 4;
+    ssm_opts_reselect();
+    g_s_master->history = {};  // moments depend on the wall clock
+    g_s_master->history.count = 300;
+    const std::string whole = shown("show clock synce metrics");
+    for (const char* part :
+         {R"(esmcd_source{port="a\"\\\\xff"} 1)", R"(esmcd_source{port="p2"} 0)", "# EOF\n",
+          "esmcd_changes_total 300", R"(esmcd_port_usable{port="p2",reason="link down"} 0)",
+          R"(esmcd_lock_error{error="ffo-too-high"} 1)", R"(esmcd_lock_error{error="none"} 0)",
+          R"(_ratio{port="a\"\\\\xff"} -5e-12)", R"(_hertz{port="a\"\\\\xff"} 125000000.001)",
+          R"(,neighbour="00:00:00:00:00:09"} 1)", R"(received",quality="eec1"} 1)",
+          "esmcd_changed_meanwhile 0"})
+        EXPECT_NE(whole.find(part), whole.npos) << part << "\n" << whole;
+    EXPECT_EQ(whole.find("\"off\""), whole.npos) << "SyncE is not enabled there";
+    session_.full = [](const cli*) { return true; };
+    std::string parts;
+    while (run("show clock synce metrics") == cli_result::more) parts += output();
+    EXPECT_EQ(parts + output(), whole);
+    run("show clock synce metrics");
+    g_s_master->history.count++;
+    while (run("show clock synce metrics") == cli_result::more) parts = output();
+    odd->pin = nullptr;
+    EXPECT_NE(output().find("esmcd_changed_meanwhile 1"), whole.npos);
+}
+
 // The names and kinds of all fields are held to the document (cli_commands_test); here are their values.
 TEST_F(everyday, json_is_one_object) {
     const auto without_later_fields = [](std::string text) {

@@ -1,0 +1,36 @@
+// What there is to measure: a table with a row for each family of samples, or for those of a family that have
+// one more label. The names, their labels and their meaning are a promise, as the fields of the JSON object
+// are: families may be added.
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+struct ssm_port;
+
+enum class metric_type : std::uint8_t { gauge, counter };
+
+// What one in the value is, and so the family's unit. Times are kept in milliseconds and written in seconds.
+enum class metric_scale : std::uint8_t { one, seconds, hertz, parts };
+
+// A value that there is not, now: no sample.
+constexpr std::int64_t METRIC_NONE = INT64_MIN;
+
+struct metric_row {
+    const char* name;  // without the counters' _total
+    const char* help;  // null: more samples of the family before it
+    bool of_ports;     // a sample for each port that SyncE is enabled on, with the label "port"; else of the
+                       // switch
+    metric_type type;
+    metric_scale scale;  // hertz: thousandths of it are the value; parts: 10^-12
+    const char* fixed;   // a label as it is written, NAME="VALUE", or null
+    const char* label;   // the name of the label that has `text`, or null
+    // What a sample says, with a null port for the switch's own. Null `value`: 1. Null text returned: no
+    // sample.
+    std::int64_t (*value)(const ssm_port* port);
+    const char* (*text)(const ssm_port* port);
+    // All texts that there can be: a sample for each, 1 for the one that holds. Empty: one sample.
+    std::span<const char* const> states;
+};
+
+extern const std::span<const metric_row> ssm_metric_rows;
