@@ -34,25 +34,37 @@ SYSTEM_PACKAGES=("${LAB_PACKAGES[@]}" python3-pytest python3-pytest-rerunfailure
 PACKAGE_PACKAGES=(dpkg-dev debhelper lintian libcrypt-dev git)
 STYLE_PACKAGES=(clang-format clang-tidy groff)
 
-# need_mib_modules: Debian's main section has no base MIB modules (SNMPv2-SMI and the like); the npm package net-snmp ships them.
-# Installed are the versions of tools/mibs/package-lock.json, each with its hash. No script of theirs is run; root has nobody fetch them.
-need_mib_modules() {
-    local mibs=$root/build/mibs into registry as=()
-    cmp -s "$root/tools/mibs/package-lock.json" "$mibs/package-lock.json" && [ -d "$mibs/node_modules/net-snmp/lib/mibs" ] && return 0
+# need_npm FROM INTO: the packages of FROM/package-lock.json, each with its hash, as INTO/node_modules. No script of theirs is run;
+# root has nobody fetch them.
+need_npm() {
+    local from=$root/$1 held=$root/$2 into registry as=()
+    cmp -s "$from/package-lock.json" "$held/package-lock.json" && [ -d "$held/node_modules" ] && return 0
     command -v npm >/dev/null || install_missing npm
     registry=$(npm config get registry)
     into=$(mktemp -d) || die "no temporary directory"
-    cp "$root"/tools/mibs/package*.json "$into" && mkdir "$into/home"
+    cp "$from"/package*.json "$into" && mkdir "$into/home"
     if [ "$(id -u)" = 0 ]; then
         chown -R nobody:nogroup "$into"
         as=(setpriv --reuid nobody --regid nogroup --clear-groups --inh-caps -all --no-new-privs)
     fi
     (cd "$into" && HOME=$into/home npm_config_registry=$registry \
         "${as[@]}" npm ci --silent --ignore-scripts --no-audit --no-fund </dev/null) ||
-        { rm -rf "$into"; die "npm ci in a copy of tools/mibs failed"; }
-    rm -rf "$mibs" "$into/home"
-    mkdir -p "$root/build" && cp -r --no-preserve=ownership "$into" "$mibs" && chmod 755 "$mibs"
+        { rm -rf "$into"; die "npm ci in a copy of $1 failed"; }
+    rm -rf "$held" "$into/home"
+    mkdir -p "$(dirname "$held")" && cp -r --no-preserve=ownership "$into" "$held" && chmod 755 "$held"
     rm -rf "$into"
+}
+
+# Debian's main section has no base MIB modules (SNMPv2-SMI and the like); the npm package net-snmp ships them.
+need_mib_modules() {
+    need_npm tools/mibs build/mibs
+}
+
+# What drives a browser over the page of esmcmap, and what checks it for those who do not see it.
+need_browser() {
+    command -v node >/dev/null || install_missing nodejs
+    install_missing chromium
+    need_npm tests/map build/browser
 }
 
 # libcrypt for the target, unpacked beside the build: the machine's own list of architectures stays as it is, and no
