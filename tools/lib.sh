@@ -32,7 +32,7 @@ MAP_PACKAGES=(libcpp-httplib-dev nlohmann-json3-dev libsnmp-dev)
 # Where there are tests, those of esmcmap are among them.
 TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev "${MAP_PACKAGES[@]}")
 SYSTEM_PACKAGES=("${LAB_PACKAGES[@]}" python3-pytest python3-pytest-rerunfailures python3-pytest-xdist python3-scapy python3-pexpect tshark libcap2-bin ethtool
-    snmp snmpd snmptrapd smitools inetutils-telnet putty-tools netcat-openbsd prometheus python3-prometheus-client)
+    snmp snmpd snmptrapd smitools inetutils-telnet putty-tools netcat-openbsd prometheus prometheus-node-exporter python3-prometheus-client python3-yaml)
 PACKAGE_PACKAGES=(dpkg-dev debhelper lintian libcrypt-dev git)
 STYLE_PACKAGES=(clang-format clang-tidy groff)
 

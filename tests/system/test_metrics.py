@@ -1,11 +1,18 @@
 """Metrics of real switches as those read them for whom they are: the parsers of OpenMetrics and of Prometheus."""
 
 import json
+import pathlib
+import re
+import signal
 import subprocess
+import threading
 import time
+import urllib.parse
+import urllib.request
 
 import ring
-from lab import wait_until
+import yaml
+from lab import BIN, wait_until
 from prometheus_client.openmetrics.parser import text_string_to_metric_families
 
 COUNTERS = {("received", "information"): "information_in", ("received", "event"): "events_in",
@@ -86,3 +93,94 @@ def test_255_ports_come_in_parts_and_are_well_formed(many):
     assert ports == {f"d{n}" for n in range(1, 256)}
     assert len({name for name, labels in found if dict(labels).get("port") == "d255"}) > 20
     promtool(many.show("clock synce metrics prometheus"))
+
+
+PACKAGED = pathlib.Path(__file__).resolve().parent.parent.parent / "packaging/prometheus"
+JOBS = {"node": [f"127.0.0.1:{9101 + n}" for n in range(3)]}
+
+
+class Monitor:
+    """Prometheus with what we package for it, but that it asks each second and alarms wait for seconds."""
+
+    def __init__(self, lab, jobs):
+        self.node = lab.node("monitor", board=None)
+        folder = self.node.path("/run/prometheus")
+        folder.mkdir()
+        for rules in PACKAGED.glob("*.rules.yml"):
+            (folder / rules.name).write_text(re.sub(r"\bfor: \w+", "for: 2s", rules.read_text()))
+        config = yaml.safe_load((PACKAGED / "prometheus.yml").read_text())
+        config["global"] = {"scrape_interval": "1s", "evaluation_interval": "1s"}
+        config["scrape_configs"] = [job for job in config["scrape_configs"] if job["job_name"] in jobs]
+        for job in config["scrape_configs"]:
+            job["static_configs"] = [{"targets": jobs[job["job_name"]]}]
+        (folder / "prometheus.yml").write_text(yaml.safe_dump(config))
+        self.node.spawn("prometheus", ["prometheus", "--config.file=/run/prometheus/prometheus.yml",
+                                       "--storage.tsdb.path=/run/prometheus/data", "--web.listen-address=127.0.0.1:9090"])
+
+    def ask(self, path, **query):
+        """The data of an answer; a query that is refused is an error. None: Prometheus is not there yet."""
+        url = f"http://127.0.0.1:9090/api/v1/{path}?" + urllib.parse.urlencode(query)
+        try:
+            return json.loads(self.node.in_network(lambda: urllib.request.urlopen(url, timeout=5).read()))["data"]
+        except OSError as error:
+            assert getattr(error, "code", 503) == 503, f"{query}: {error.read()}"
+            return None
+
+    def query(self, expression):
+        answer = self.ask("query", query=expression)
+        return answer and answer["result"]
+
+    def alarms(self):
+        return {(a["labels"]["alertname"], a["labels"].get("switch", a["labels"]["instance"])): a["annotations"]["summary"]
+                for a in self.ask("alerts")["alerts"] if a["state"] == "firing"}
+
+    def wait_panels(self, absent):
+        """Every panel of the dashboard has data, but those whose expressions hold one of these."""
+        panels = json.loads((PACKAGED / "esmcd-dashboard.json").read_text())["panels"]
+        wanted = {target["expr"].replace("$__rate_interval", "10s").replace("$switch", ".*").replace("$instance", ".*")
+                  for panel in panels for target in panel.get("targets", [])}
+        assert len(wanted) > 20
+
+        missing = {e for e in wanted if not any(name in e for name in absent)}
+
+        def all_seen():
+            missing.difference_update([e for e in missing if self.query(e)])
+            return not missing
+        wait_until(all_seen, 20, missing)
+
+
+def write_files(switches, until):
+    """Does what the packaged unit does, each second."""
+    unit = (PACKAGED / "esmcd-metrics.service").read_text()
+    command = re.search(r"^ExecStart=/bin/sh -c '(.*)'$", unit, re.M)[1]
+    while not until.wait(1.0):
+        for switch in switches.values():
+            switch.run("env", f"PATH={BIN}:/usr/bin:/bin", "FILE=/run/prom/esmcd.prom", "sh", "-c", command)
+
+
+def test_prometheus_asks_node_exporters_and_alarms_when_the_clock_is_lost(lab):
+    switches = ring.make(lab, more=ring.GUARD)
+    monitor = Monitor(lab, JOBS)
+    for target, switch in zip(JOBS["node"], switches.values()):
+        files = switch.path("/run/prom")
+        files.mkdir()
+        monitor.node.spawn(f"exporter-{switch.name}", [
+            "prometheus-node-exporter", "--collector.disable-defaults", "--collector.textfile",
+            f"--collector.textfile.directory={files}", f"--web.listen-address={target}"]).expected_status = -signal.SIGTERM
+    over = threading.Event()
+    writer = threading.Thread(target=write_files, args=(switches, over))
+    writer.start()
+    try:
+        wait_until(lambda: len(monitor.query("esmcd_source == 1") or []) == 2, 30, "B and C have a source, says Prometheus")
+        monitor.wait_panels(absent=("esmcmap_", "frequency_offset"))
+        kinds = monitor.ask("metadata")
+        assert {name: kinds[name][0]["type"] for name in ("esmcd_port_pdus_total", "esmcd_clock_state")} == {
+            "esmcd_port_pdus_total": "counter", "esmcd_clock_state": "gauge"}
+        assert monitor.alarms() == {}
+        for port in ("p1", "p2"):
+            switches["A"].link_set(port, False)
+        wait_until(lambda: ("EsmcdHoldover", JOBS["node"][2]) in monitor.alarms(), 20, "C's holdover alarms")
+        assert monitor.alarms()["EsmcdHoldover", JOBS["node"][2]] == f"{JOBS['node'][2]} has no source and holds its last frequency"
+    finally:
+        over.set()
+        writer.join()
