@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <numbers>
 #include <queue>
 
 namespace esmcmap {
@@ -13,10 +14,10 @@ namespace esmcmap {
 namespace {
 
 using edge = std::pair<std::size_t, std::size_t>;
-using neighbours = std::vector<std::vector<std::size_t>>;
 
 constexpr std::size_t LONG_CHAIN = 12, LONG_RING = 24;  // from so many on they are laid in rows
 constexpr int ROUNDS = 200;
+constexpr double STILL = 0.2;  // a move that nobody sees
 constexpr double SHAPE = 1.6;  // width to height
 
 neighbours neighbours_of(std::size_t count, const std::vector<edge>& links) {
@@ -56,14 +57,14 @@ std::vector<std::size_t> part_of(std::size_t start, const neighbours& near) {
 
 // The part's members in the order of a walk along it, when it is one chain or one ring; else nothing.
 std::vector<std::size_t> walk_along(const std::vector<std::size_t>& part, const neighbours& near,
-                                    bool& ring) {
+                                    bool& closed) {
     std::size_t ends = 0, start = part.front();
     for (const std::size_t i : part) {
         if (near[i].size() > 2) return {};
         if (near[i].size() > 1) continue;
         if (ends++ == 0) start = i;
     }
-    ring = ends == 0;
+    closed = ends == 0;
     std::vector<std::size_t> way{start};
     std::size_t before = start, here = start;
     do {
@@ -173,11 +174,17 @@ point better_place(std::size_t i, const std::vector<point>& at, const distance_t
 }
 
 std::vector<point> by_stress(const std::vector<std::size_t>& part, const neighbours& near) {
-    if (part.size() == 1) return {point{}};
     const distance_table wanted = all_distances(part, near);
     std::vector<point> at = first_guess(wanted);
-    for (int round = 0; round < ROUNDS; ++round)
-        for (std::size_t i = 0; i < at.size(); ++i) at[i] = better_place(i, at, wanted);
+    double moved = LINK_LENGTH;
+    for (int round = 0; round < ROUNDS && moved > STILL; ++round) {
+        moved = 0;
+        for (std::size_t i = 0; i < at.size(); ++i) {
+            const point to = better_place(i, at, wanted);
+            moved = std::max(moved, std::hypot(to.x - at[i].x, to.y - at[i].y));
+            at[i] = to;
+        }
+    }
     return at;
 }
 
@@ -203,12 +210,32 @@ void lay_down(std::vector<point>& at) {
         for (point& p : at) std::swap(p.x, p.y);
 }
 
+// A chain lies in a row, a ring is a regular polygon whose side is a link; long ones are folded.
+std::vector<point> chain(std::size_t count) {
+    if (count >= LONG_CHAIN) return in_rows(count);
+    std::vector<point> at(count);
+    for (std::size_t i = 0; i < count; ++i) at[i].x = static_cast<double>(i) * LINK_LENGTH;
+    return at;
+}
+
+std::vector<point> ring(std::size_t count) {
+    if (count >= LONG_RING) return ring_in_rows(count);
+    const double step = 2 * std::numbers::pi / static_cast<double>(count);
+    const double radius = LINK_LENGTH / 2 / std::sin(step / 2);
+    std::vector<point> at(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        const double angle = step * static_cast<double>(i) - std::numbers::pi / 2;
+        at[i] = {radius * std::cos(angle), radius * std::sin(angle)};
+    }
+    return at;
+}
+
 std::vector<point> draw_part(std::vector<std::size_t>& part, const neighbours& near) {
-    bool ring = false;
-    const std::vector<std::size_t> way = walk_along(part, near, ring);
-    if (way.size() == part.size() && way.size() >= (ring ? LONG_RING : LONG_CHAIN)) {
+    bool closed = false;
+    const std::vector<std::size_t> way = walk_along(part, near, closed);
+    if (way.size() == part.size()) {
         part = way;
-        return ring ? ring_in_rows(way.size()) : in_rows(way.size());
+        return closed ? ring(way.size()) : chain(way.size());
     }
     std::vector<point> at = by_stress(part, near);
     lay_down(at);
@@ -271,41 +298,46 @@ std::vector<point> layout::place(const std::vector<std::string>& ids, const std:
     if (first_ms == 0) first_ms = now_ms;
     std::vector<std::pair<std::string, std::string>> wanted;
     for (const auto& [a, b] : links) wanted.emplace_back(ids[a], ids[b]);
-    const bool settling = now_ms - first_ms < settling_ms;
-    const bool all_known =
-        std::all_of(ids.begin(), ids.end(), [&](const auto& id) { return places.contains(id); });
-    if (all_known && wanted == drawn) {
-        std::vector<point> at;
-        for (const auto& id : ids) at.push_back(places[id]);
-        return at;
+    const bool known =
+        std::all_of(ids.begin(), ids.end(), [&](const std::string& id) { return places.contains(id); });
+    if (!known || wanted != drawn) {
+        const neighbours near = neighbours_of(ids.size(), links);
+        const std::vector<point> fresh = draw_graph(ids.size(), links);
+        if (now_ms - first_ms < settling_ms)
+            for (std::size_t i = 0; i < ids.size(); ++i) places[ids[i]] = fresh[i];
+        else
+            add_new(ids, near, fresh);
+        for (std::size_t i = 0; i < ids.size(); ++i)
+            if (!near[i].empty()) linked.insert(ids[i]);
+        drawn = std::move(wanted);
     }
-    const std::vector<point> fresh = draw_graph(ids.size(), links);
-    const neighbours near = neighbours_of(ids.size(), links);
-    std::vector<point> at(ids.size());
-    for (std::size_t i = 0; i < ids.size(); ++i) {
-        const auto old = places.find(ids[i]);
-        const bool stays = old != places.end() && !settling && (linked[ids[i]] || near[i].empty());
-        at[i] = stays ? old->second : fresh[i];
-    }
-    if (!settling) {
-        // Who is new stands beside its neighbours, a little further out for each that came before.
-        int turn = 0;
-        for (std::size_t i = 0; i < ids.size(); ++i) {
-            if (places.contains(ids[i]) && (linked[ids[i]] || near[i].empty())) continue;
-            const auto beside = std::find_if(near[i].begin(), near[i].end(),
-                                             [&](std::size_t j) { return places.contains(ids[j]); });
-            if (beside == near[i].end()) continue;
-            const double angle = 0.9 + 2.4 * turn++;
-            at[i] = {std::round(at[*beside].x + LINK_LENGTH * 0.8 * std::cos(angle)),
-                     std::round(at[*beside].y + LINK_LENGTH * 0.8 * std::sin(angle))};
-        }
-    }
-    for (std::size_t i = 0; i < ids.size(); ++i) {
-        places[ids[i]] = at[i];
-        if (!near[i].empty()) linked[ids[i]] = true;
-    }
-    drawn = std::move(wanted);
+    std::vector<point> at;
+    for (const std::string& id : ids) at.push_back(places[id]);
     return at;
+}
+
+// Who has stood alone moves to the first neighbour that it gets; all others stay. Several that come to one
+// neighbour stand around it.
+void layout::add_new(const std::vector<std::string>& ids, const neighbours& near,
+                     const std::vector<point>& fresh) {
+    const auto settled = [&](std::size_t i) {
+        return places.contains(ids[i]) && (linked.contains(ids[i]) || near[i].empty());
+    };
+    int turn = 0;
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+        if (settled(i)) continue;
+        const auto beside = std::find_if(near[i].begin(), near[i].end(), settled);
+        point at = fresh[i];
+        if (beside != near[i].end()) {
+            constexpr double FIRST = 0.9, TURN = 2.4;  // radians; a golden angle, so that no two are in line
+            const double angle = FIRST + TURN * turn++;
+            const point& centre = places[ids[*beside]];
+            at = {std::round(centre.x + LINK_LENGTH * 0.8 * std::cos(angle)),
+                  std::round(centre.y + LINK_LENGTH * 0.8 * std::sin(angle))};
+        }
+        places[ids[i]] = at;
+        if (!near[i].empty()) linked.insert(ids[i]);
+    }
 }
 
 }  // namespace esmcmap

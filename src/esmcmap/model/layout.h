@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,6 +17,9 @@ struct point {
 };
 
 constexpr double LINK_LENGTH = 100;  // between neighbours, about
+
+// Of each, whom it is linked to; sorted.
+using neighbours = std::vector<std::vector<std::size_t>>;
 
 // The whole drawing from nothing: `links` are pairs of indexes below `count`. The same graph gives the same
 // drawing. Parts that are not linked stand beside each other.
@@ -32,9 +36,12 @@ class layout {
 
   private:
     std::map<std::string, point> places;
-    std::map<std::string, bool> linked;  // whether a place was found with neighbours in view
+    std::set<std::string> linked;  // who has been placed with neighbours in view
     std::vector<std::pair<std::string, std::string>> drawn;
     long long first_ms = 0;
+
+    void add_new(const std::vector<std::string>& ids, const neighbours& near,
+                 const std::vector<point>& fresh);
 };
 
 }  // namespace esmcmap
