@@ -21,7 +21,8 @@ export class Drawing {
         frame.addEventListener('click', (event) => this.click(event));
         frame.addEventListener('dblclick', (event) => event.target === frame && this.view.fit());
         frame.addEventListener('keydown', (event) => this.key(event));
-        frame.addEventListener('focusin', (event) => this.focused(event.target.closest('.node')));
+        // On the section: an SVG element that listens for the focus would be a stop of the Tab key itself.
+        frame.parentElement.addEventListener('focusin', (event) => this.focused(event.target.closest('.node')));
     }
 
     // `calm`: nothing is to glide or to glow, as when another recorded state is shown at once.

@@ -13,11 +13,12 @@ const COLUMNS = [
     { title: 'Source', text: (node) => node.source ?? '' },
     { title: 'Master', text: (node) => node.root ?? '' },
     { title: 'Hops', text: (node) => (node.hops === null ? '' : String(node.hops)), key: (node) => node.hops ?? 999 },
-    { title: 'Clock id', text: (node) => node.clock_id ?? '' },
-    { title: 'Answer', text: (node, now) => answerText(node, now) || (node.kind === 'stranger' ? 'not asked' : 'ok') },
     { title: 'Marks', text: (node) => marks(node).join(', '), key: (node) => -marks(node).length },
+    { title: 'Answer', text: (node, now) => answerText(node, now) || (node.kind === 'stranger' ? 'not asked' : 'ok') },
+    { title: 'Clock id', text: (node) => node.clock_id ?? '' },
     { title: 'No source because', text: (node) => node.reason ?? '' },
 ];
+const ANSWER = COLUMNS.findIndex(({ title }) => title === 'Answer');  // the one that changes by itself, by its age
 
 export class Table {
     constructor(section, choose) {
@@ -64,7 +65,7 @@ export class Table {
     }
 
     tick(now) {
-        for (const row of this.rows.values()) if (row.node.answer !== 'ok') setText(row.cells[8], COLUMNS[8].text(row.node, now));
+        for (const row of this.rows.values()) if (row.node.answer !== 'ok') setText(row.cells[ANSWER], COLUMNS[ANSWER].text(row.node, now));
     }
 
     sortBy(column) {

@@ -63,7 +63,7 @@ export class Timeline {
             if (kinds[from]) bars.push(svg('rect', { class: kinds[from], x: from - 0.5, width: to - from, y: 0, height: 1 }));
         }
         const strip = byId('strip');
-        setAttribute(strip, 'viewBox', `0 0 ${Math.max(1, kinds.length - 1)} 1`);
+        setAttribute(strip, 'viewBox', kinds.length > 1 ? `0 0 ${kinds.length - 1} 1` : '-0.5 0 1 1');
         strip.replaceChildren(...bars);
     }
 

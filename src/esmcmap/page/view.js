@@ -17,8 +17,10 @@ export class View {
 
     apply() {
         this.world.setAttribute('transform', `translate(${this.x} ${this.y}) scale(${this.k})`);
-        // Far away, letters grow against the shapes, and what would not be legible is left out.
-        this.frame.style.setProperty('--grow', Math.min(2, Math.max(1, 0.85 / this.k)).toFixed(3));
+        // Far away, letters grow against the shapes, and what would not be legible is left out. They grow in steps: each one
+        // costs a look at the style of every shape, which a zoom can't afford in each frame.
+        const grow = Math.min(2, Math.max(1, Math.round(4 * 0.85 / this.k) / 4));
+        if (grow !== this.grow) this.frame.style.setProperty('--grow', this.grow = grow);
         this.frame.classList.toggle('far', this.k < 0.62);
     }
 

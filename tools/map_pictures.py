@@ -1,0 +1,85 @@
+"""Pictures of the map, from switches that run: see tools/map_pictures."""
+
+import pathlib
+import sys
+import tempfile
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(ROOT / "tests/map"))
+
+import ring  # noqa: E402
+from browser import Browser, Map, switch_file  # noqa: E402
+from lab import Lab  # noqa: E402
+
+NAMES = [f"sw{number}" for number in range(1, 9)]
+ACROSS = ("sw2", "sw6")
+MESH_PORT = "interface p3\n clock synce priority 30\n clock synce enable\n!\n"
+MOST = 150_000  # octets a picture
+
+FOLLOWING = "document.querySelectorAll('.node[data-state=lock]:not([data-island], [data-loop])').length === 7"
+LOOP = "document.querySelectorAll('.link[data-loop]').length >= 3 && document.title.startsWith('LOOP')"
+
+
+def make(lab, guard):
+    """The ring, sw1 its master; p1 of each leads back, p2 onward."""
+    switches = {}
+    for name in NAMES:
+        config = guard + (ring.CONFIG["A"] if name == NAMES[0] else ring.CONFIG["B"]) + (MESH_PORT if name in ACROSS else "")
+        switches[name] = lab.switch(name, config=config)
+    for one, other in zip(NAMES, NAMES[1:] + NAMES[:1]):
+        lab.link(switches[one], "p2", switches[other], "p1")
+    lab.link(switches[ACROSS[0]], "p3", switches[ACROSS[1]], "p3")
+    for switch in switches.values():
+        switch.start_nsmd(*ring.NSMD_OPTIONS)
+        switch.start_esmcd(wait=False)
+    for switch in switches.values():
+        switch.wait_shell()
+    return switches
+
+
+def keep(browser, file):
+    """The page as it is now, once nothing moves."""
+    browser.wait("document.getAnimations().length === 0 && performance.now() > 3000")
+    browser("shot", file=str(file))
+    octets = file.stat().st_size
+    assert octets <= MOST, f"{file} has {octets} octets"
+    print(f"{file}: {octets} octets")
+
+
+def run(folder, guard, act):
+    with tempfile.TemporaryDirectory() as logs:
+        lab, browser, served = Lab(pathlib.Path(logs) / "logs"), Browser(), None
+        try:
+            switches = make(lab, guard)
+            served = Map(switch_file(pathlib.Path(logs) / "switches", switches))
+            browser("open", url=served.url, width=1200, height=720)
+            act(browser, switches, folder)
+        finally:
+            browser.close()
+            if served:
+                served.stop()
+            lab.stop()
+
+
+def whole(browser, _, folder):
+    browser.wait(FOLLOWING, 60)
+    browser("click", at=".node[data-id=sw4]")
+    keep(browser, folder / "map.png")
+
+
+def loop(browser, switches, folder):
+    browser.wait(FOLLOWING, 60)
+    switches["sw1"].configure(*ring.LOSE_CLOCK)
+    browser.wait(LOOP, 60)
+    keep(browser, folder / "map-loop.png")
+
+
+def main():
+    folder = pathlib.Path(sys.argv[1]).resolve()
+    folder.mkdir(parents=True, exist_ok=True)
+    run(folder, ring.GUARD, whole)
+    run(folder, "", loop)
+
+
+if __name__ == "__main__":
+    main()
