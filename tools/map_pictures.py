@@ -12,23 +12,29 @@ from browser import Browser, Map, switch_file  # noqa: E402
 from lab import Lab  # noqa: E402
 
 NAMES = [f"sw{number}" for number in range(1, 9)]
-ACROSS = ("sw2", "sw6")
-MESH_PORT = "interface p3\n clock synce priority 30\n clock synce enable\n!\n"
+ACROSS = {"sw2": 30, "sw6": 5}  # the link across, and the priority that each end gives it: sw6 prefers it
+MESH_PORT = "interface p3\n clock synce priority {}\n clock synce enable\n!\n"
 MOST = 150_000  # octets a picture
 
-FOLLOWING = "document.querySelectorAll('.node[data-state=lock]:not([data-island], [data-loop])').length === 7"
-LOOP = "document.querySelectorAll('.link[data-loop]').length >= 3 && document.title.startsWith('LOOP')"
+FOLLOWING = "document.querySelectorAll('#network .node[data-state=lock]:not([data-island], [data-loop])').length === 7"
+LOOP = "document.querySelectorAll('#network .link[data-loop]').length >= 3 && document.title.startsWith('LOOP')"
+
+
+def wiring():
+    """(switch, port) -> (switch, port) at the other end: p1 of each leads back, p2 onward."""
+    cables = [((one, "p2"), (other, "p1")) for one, other in zip(NAMES, NAMES[1:] + NAMES[:1])] + [tuple((name, "p3") for name in ACROSS)]
+    return dict(cables) | {other: one for one, other in cables}
 
 
 def make(lab, guard):
-    """The ring, sw1 its master; p1 of each leads back, p2 onward."""
+    """The ring, sw1 its master."""
     switches = {}
     for name in NAMES:
-        config = guard + (ring.CONFIG["A"] if name == NAMES[0] else ring.CONFIG["B"]) + (MESH_PORT if name in ACROSS else "")
+        config = guard + (ring.CONFIG["A"] if name == NAMES[0] else ring.CONFIG["B"]) + (MESH_PORT.format(ACROSS[name]) if name in ACROSS else "")
         switches[name] = lab.switch(name, config=config)
-    for one, other in zip(NAMES, NAMES[1:] + NAMES[:1]):
-        lab.link(switches[one], "p2", switches[other], "p1")
-    lab.link(switches[ACROSS[0]], "p3", switches[ACROSS[1]], "p3")
+    for (one, port), (other, other_port) in wiring().items():
+        if one < other:
+            lab.link(switches[one], port, switches[other], other_port)
     for switch in switches.values():
         switch.start_nsmd(*ring.NSMD_OPTIONS)
         switch.start_esmcd(wait=False)
@@ -52,7 +58,7 @@ def run(folder, guard, act):
         try:
             switches = make(lab, guard)
             served = Map(switch_file(pathlib.Path(logs) / "switches", switches))
-            browser("open", url=served.url, width=1200, height=720)
+            browser("open", url=served.url, width=1100, height=660)
             act(browser, switches, folder)
         finally:
             browser.close()
