@@ -76,6 +76,7 @@ static int active;			/* the pin with a signal that the device follows, or -1 */
 static enum dpll_lock_status status;
 static unsigned long since;		/* when the status or the reference changed last */
 static unsigned long settings, refused;
+static unsigned long moves;		/* how often status or reference became others */
 static bool ending;			/* no tick is to begin any more */
 
 static DEFINE_MUTEX(presence_lock);	/* held while devices and pins come or go */
@@ -177,6 +178,7 @@ static void tick_fn(struct work_struct *work)
 	else
 		run_with_reference(now != was);
 	moved = status != before;
+	moves += moved || now != was;
 	if (!ending)
 		schedule_delayed_work(&tick, msecs_to_jiffies(TICK_MS));
 	mutex_unlock(&state_lock);
@@ -651,7 +653,8 @@ static const char *followed(void)
 static int state_show(struct seq_file *out, void *data)
 {
 	mutex_lock(&state_lock);
-	seq_printf(out, "status %d\nfollows %s\nsettings %lu\nrefused %lu\n", status, followed(), settings, refused);
+	seq_printf(out, "status %d\nfollows %s\nsettings %lu\nrefused %lu\nmoves %lu\n", status, followed(), settings, refused,
+		   moves);
 	mutex_unlock(&state_lock);
 	return 0;
 }
