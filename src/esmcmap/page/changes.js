@@ -12,10 +12,13 @@ export class Changes {
         byId('only-chosen').addEventListener('change', () => this.draw());
     }
 
-    async load() {
+    // All that the server keeps, and what its events have brought while it was asked.
+    async begin() {
+        this.changes = [];
         const answer = await fetchJson('changes');
         if (!answer) return;
-        this.changes = answer.changes;
+        const newest = answer.changes.at(-1)?.seq ?? 0;
+        this.changes = [...answer.changes, ...this.changes.filter((change) => change.seq > newest)];
         this.draw();
     }
 

@@ -1,11 +1,11 @@
 // The drawing of the network. Each switch and link has its shape for as long as it exists; a new state touches those that differ
 // and nothing else, and what moves glides to its place. Which switch is chosen, found or has the focus stands in classes beside.
-import { LinkShape, NodeShape, RADIUS } from './shapes.js';
+import { LONGEST, LinkShape, NodeShape, RADIUS } from './shapes.js';
 import { setAttribute, stateText, svg } from './words.js';
 import { View } from './view.js';
 
 const GLIDE_MS = 400;
-const MARGIN_X = 115, MARGIN_Y = 75;  // for names beside, above and below
+const MARGIN = 75, MARGIN_BESIDE = 100, LETTER = 8;  // room for names at the edges
 const BEND = 13;
 const CLOSE = 130;  // a switch nearer than that is in the way of a name
 const still = matchMedia('(prefers-reduced-motion: reduce)');
@@ -43,16 +43,17 @@ export class Drawing {
     }
 
     showNodes() {
-        const moved = new Set();
+        const moved = new Set(), changed = [];
         for (const [id, shape] of this.nodes) if (!this.network.nodes.has(id)) this.drop(id, shape);
         for (const [id, node] of this.network.nodes) {
             let shape = this.nodes.get(id);
             if (!shape) this.nodes.set(id, shape = this.enter(new NodeShape(), this.layers.nodes));
             if (shape.node === node) continue;
-            if (shape.node) this.glow(shape.element);
+            if (shape.node) changed.push(shape.element);
             shape.show(node, this.network.t);
             if (this.go(id, shape, node)) moved.add(id);
         }
+        this.glow(changed);
         return moved;
     }
 
@@ -67,11 +68,11 @@ export class Drawing {
         return shape;
     }
 
-    // A short glow says where something has changed.
-    glow(element) {
-        if (this.calm) return;
-        element.classList.remove('changed');
-        requestAnimationFrame(() => element.classList.add('changed'));
+    // A short glow says where something has changed. Nobody sees one on a page that is hidden, and its frames would pile up.
+    glow(changed) {
+        if (this.calm || document.hidden || !changed.length) return;
+        for (const element of changed) element.classList.remove('changed');
+        requestAnimationFrame(() => changed.forEach((element) => element.classList.add('changed')));
     }
 
     showLinks() {
@@ -170,7 +171,8 @@ export class Drawing {
         const nodes = [...this.network.nodes.values()];
         if (!nodes.length) return null;
         const xs = nodes.map((node) => node.x), ys = nodes.map((node) => node.y);
-        return { left: Math.min(...xs) - MARGIN_X, right: Math.max(...xs) + MARGIN_X, top: Math.min(...ys) - MARGIN_Y, bottom: Math.max(...ys) + MARGIN_Y };
+        const beside = Math.max(MARGIN_BESIDE, 45 + LETTER * Math.min(LONGEST, Math.max(...nodes.map((node) => node.id.length))));
+        return { left: Math.min(...xs) - beside, right: Math.max(...xs) + beside, top: Math.min(...ys) - MARGIN, bottom: Math.max(...ys) + MARGIN };
     }
 
     // An island is outlined along its switches and the links of its clock: a broad line, and a narrower one of the background's
@@ -199,7 +201,7 @@ export class Drawing {
     islandLabel({ root, state, switches }) {
         const top = [root, ...switches].filter((id) => this.at.has(id)).sort((a, b) => this.at.get(a).y - this.at.get(b).y)[0];
         if (top === undefined) return null;
-        const { x, y } = this.at.get(top), above = this.nodes.get(top).element.dataset.side === 'above' ? 34 : 0;
+        const { x, y } = this.at.get(top), above = this.nodes.get(top).element.dataset.side.startsWith('above') ? 34 : 0;
         return svg('text', { class: 'island-name', x: x.toFixed(1), y: (y - RADIUS - 24 - above).toFixed(1) }, `island: ${stateText(state)}`);
     }
 
@@ -239,7 +241,7 @@ export class Drawing {
     }
 
     click(event) {
-        if (this.view.dragged()) return;
+        if (this.view.dragged(event)) return;
         const node = event.target.closest('.node');
         this.choose(node ? node.dataset.id : null);
         node?.focus({ preventScroll: true });

@@ -32,7 +32,7 @@ export class Live {
         source.addEventListener(name, (event) => {
             if (source !== this.source) return;
             this.watch();
-            handler(JSON.parse(event.data));
+            handler(parse(event.data));
         });
     }
 
@@ -54,12 +54,21 @@ export class Live {
     }
 }
 
-// An answer of the server as an object, or null when it has none.
+// Characters that can't be seen, or that turn the text around them, must not make one name look like another.
+const HIDDEN = /[\u0000-\u001f\u007f-\u009f\u200b-\u200f\u2028-\u202e\u2060-\u2069\ufeff]/g;
+
+function parse(text) {
+    if (text.search(HIDDEN) < 0 && !text.includes('\\u')) return JSON.parse(text);
+    return JSON.parse(text, (_, value) => (typeof value === 'string' ? value.replace(HIDDEN, '\ufffd') : value));
+}
+
+// An answer of the server as an object; null when it has none to this, undefined when it can't be reached.
 export async function fetchJson(path) {
     try {
         const answer = await fetch(path, { cache: 'no-store' });
-        return answer.ok ? await answer.json() : null;
+        if (answer.ok) return parse(await answer.text());
+        return answer.status === 404 ? null : undefined;
     } catch {
-        return null;
+        return undefined;
     }
 }

@@ -16,7 +16,7 @@ let live = null, shown = null, chosen = null, lostSince = null;
 const drawing = new Drawing(byId('network'), choose);
 const table = new Table(byId('table'), choose);
 const panel = new Panel(byId('panel'), choose);
-const timeline = new Timeline({ past: showPast, live: showLive, missing: () => say('This state is not kept any more.') });
+const timeline = new Timeline({ past: showPast, live: showLive, missing: say });
 const changes = new Changes(choose, (seq) => timeline.go(seq));
 
 // --- what is shown
@@ -62,8 +62,8 @@ new Live({
         connected();
         live = new Network(state, live);
         if (!past) show(live);
-        timeline.load();
-        changes.load();
+        timeline.begin(state, live.silent());
+        changes.begin();
         report(told);
     },
     change(event) {

@@ -3,12 +3,13 @@
 import { answerText, cut, describe, qualityGroup, qualityText, setAttribute, setText, stateText, svg } from './words.js';
 
 export const RADIUS = 21;
+export const LONGEST = 18;  // letters of a name that are drawn
 
 const CIRCLE = 'M-21 0a21 21 0 1 1 42 0a21 21 0 1 1 -42 0z';
 const SQUARE = 'M-15 -20h30a5 5 0 0 1 5 5v30a5 5 0 0 1 -5 5h-30a5 5 0 0 1 -5 -5v-30a5 5 0 0 1 5 -5z';
 const DIAMOND = 'M0 -24L24 0L0 24L-24 0z';
 const TRIANGLE = 'M0 -9L9 7H-9z';
-const ARROW = 'M-6 -6.5L8 0L-6 6.5L-3 0z';
+const ARROW = 'M-7 -7.5L9 0L-7 7.5L-4 0z';
 
 export function outlineOf(kind, state) {
     if (kind === 'stranger') return DIAMOND;
@@ -41,7 +42,7 @@ export class NodeShape {
         setText(this.level, this.levelText(node));
         const letters = this.level.textContent.length;
         setAttribute(this.level, 'data-size', letters > 6 ? 'small' : letters > 4 ? 'less' : null);
-        setText(this.name, cut(node.id, 18));
+        setText(this.name, cut(node.id, LONGEST));
         this.showAge(now);
     }
 
@@ -76,6 +77,8 @@ export class NodeShape {
 const SIDES = [
     { name: 'below', angle: Math.PI / 2 }, { name: 'above', angle: -Math.PI / 2 },
     { name: 'right', angle: 0, beside: true }, { name: 'left', angle: Math.PI, beside: true },
+    { name: 'below-right', angle: Math.PI / 4 }, { name: 'below-left', angle: (3 * Math.PI) / 4 },
+    { name: 'above-right', angle: -Math.PI / 4 }, { name: 'above-left', angle: (-3 * Math.PI) / 4 },
 ];
 
 function turn(angle) {

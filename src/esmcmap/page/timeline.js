@@ -3,8 +3,11 @@
 import { byId, clockText, count, setAttribute, setTime, svg } from './words.js';
 import { fetchJson } from './live.js';
 
+const MOST = 10000;  // as many as the server keeps
+const NOT_KEPT = 'This state is not kept any more.';
+
 export class Timeline {
-    // `past(state)`: shows a recorded state; `live()`: back to what is now; `missing()`: the state is not kept any more.
+    // `past(state)`: shows a recorded state; `live()`: back to what is now; `missing(why)`: the state can't be had.
     constructor(handlers) {
         Object.assign(this, { handlers, states: [], seq: null });
         this.slider = byId('slider');
@@ -14,17 +17,23 @@ export class Timeline {
         byId('live').addEventListener('click', () => this.goLive());
     }
 
-    async load() {
+    // A connection has begun with this state. Its server may be another one than before, which counts anew.
+    async begin(state, silent) {
+        const seen = this.states[this.place()];
+        this.states = [];
+        this.add(state, silent);
         const history = await fetchJson('history');
         if (!history) return;
         const newest = history.states.at(-1)?.seq ?? -1;
-        this.states = [...history.states, ...this.states.filter((state) => state.seq > newest)];
+        this.states = [...history.states, ...this.states.filter((later) => later.seq > newest)];
+        if (this.seq !== null && !this.states.some(({ seq, t }) => seq === seen?.seq && t === seen?.t)) this.goLive(NOT_KEPT);
         this.draw();
     }
 
     add({ seq, t, loops, islands }, silent) {
         if (this.states.length && seq <= this.states.at(-1).seq) return;
         this.states.push({ seq, t, loops: loops.length, islands: islands.length, silent });
+        if (this.states.length > MOST) this.states.shift();
         this.draw();
     }
 
@@ -77,10 +86,12 @@ export class Timeline {
         else if (this.states[place]) this.go(this.states[place].seq);
     }
 
-    goLive() {
+    // `why`: what is said when it is not the operator who wants to.
+    goLive(why = '') {
         this.seq = null;
         this.draw();
         this.handlers.live();
+        if (why) this.handlers.missing(why);
     }
 
     async go(seq) {
@@ -95,16 +106,15 @@ export class Timeline {
             const state = await fetchJson(`state?seq=${shown}`);
             if (this.seq !== shown) continue;
             if (state) this.handlers.past(state);
-            else this.gone(shown);
+            else this.missed(shown, state === null);
         }
         this.fetching = false;
     }
 
-    gone(seq) {
-        this.states = this.states.filter((state) => state.seq > seq);
-        this.goLive();
-        this.handlers.missing();
-        this.load();
+    // The server keeps so many states only; those before one that it has dropped are gone too.
+    missed(seq, dropped) {
+        if (dropped) this.states = this.states.filter((state) => state.seq > seq);
+        this.goLive(dropped ? NOT_KEPT : 'The server does not answer.');
     }
 
     showTime(ms) {

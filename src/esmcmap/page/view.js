@@ -66,7 +66,9 @@ export class View {
 
     // Moves a point of the drawing into sight, no further than needed.
     reveal(x, y, margin = 60) {
-        const size = this.size(), at = { x: this.x + this.k * x, y: this.y + this.k * y };
+        const size = this.size();
+        if (!size.width || !size.height) return;
+        const at = { x: this.x + this.k * x, y: this.y + this.k * y };
         const dx = Math.max(margin - at.x, 0) + Math.min(size.width - margin - at.x, 0);
         const dy = Math.max(margin - at.y, 0) + Math.min(size.height - margin - at.y, 0);
         if (dx || dy) this.pan(dx, dy);
@@ -108,8 +110,8 @@ export class View {
         this.pointers.delete(event.pointerId);
     }
 
-    // Whether the click that follows a pointer's release was none but the end of a drag.
-    dragged() {
-        return this.travelled >= CLICK_PX;
+    // Whether this click is but the end of a drag. One that no pointer made (of a screen reader, say) never is.
+    dragged(click) {
+        return click.detail > 0 && this.travelled >= CLICK_PX;
     }
 }

@@ -24,6 +24,10 @@ message event(const char* name, const std::string& data, std::uint64_t seq) {
                                                "\nid: " + std::to_string(seq) + "\ndata: " + data + "\n\n");
 }
 
+message tick(const picture& of) {
+    return event("tick", "{\"t\":" + std::to_string(of.t) + "}", of.seq);
+}
+
 }  // namespace
 
 void records::publish(picture made) {
@@ -39,10 +43,9 @@ void records::publish(picture made) {
     const auto state = std::make_shared<const picture>(std::move(made));
     if (differs) record(state, own_octets(*state, before.get()));
     latest = state;
-    const std::string tick = "{\"t\":" + std::to_string(state->t) + "}";
     messages.push_back(
         differs ? event("change", before ? difference_json(*state, *before) : whole_json(*state), state->seq)
-                : event("tick", tick, state->seq));
+                : tick(*state));
     if (messages.size() > MOST_MESSAGES) {
         messages.pop_front();
         ++first_message;
@@ -103,7 +106,11 @@ bool records::next_messages(stream_place& place, std::vector<message>& out,
     std::unique_lock held(lock);
     const auto end = [&] { return first_message + messages.size(); };
     const auto ready = [&] { return closed || (latest && (place.next == 0 || place.next < end())); };
-    if (!news.wait_for(held, longest, ready)) return true;
+    if (!news.wait_for(held, longest, ready)) {
+        if (latest)
+            out.push_back(tick(*latest));  // a viewer that hears nothing for long thinks the connection lost
+        return true;
+    }
     if (closed) return false;
     if (place.next < first_message) {
         out.push_back(event("state", whole_json(*latest), latest->seq));
