@@ -7,7 +7,7 @@ const modules = path.resolve(process.argv[2], 'node_modules');
 const puppeteer = require(path.join(modules, 'puppeteer-core'));
 const axe = require('fs').readFileSync(path.join(modules, 'axe-core', 'axe.min.js'), 'utf8');
 
-let browser, page, kept;
+let browser, page, kept, meter;
 
 // Runs in the page before its own scripts.
 function measure() {
@@ -35,6 +35,8 @@ const commands = {
         await page.setViewport({ width, height });
         await page.emulateMediaFeatures([{ name: 'prefers-color-scheme', value: theme }, { name: 'prefers-reduced-motion', value: motion }]);
         await page.evaluateOnNewDocument(measure);
+        meter = await page.createCDPSession();
+        await meter.send('Performance.enable', { timeDomain: 'threadTicks' });
         await page.goto(url, { waitUntil: 'load' });
     },
     eval: ({ js }) => page.evaluate(js),
@@ -48,6 +50,8 @@ const commands = {
         const { violations, passes } = await page.evaluate("axe.run(document, {resultTypes: ['violations']})");
         return { passes: passes.length, violations: violations.map(({ id, impact, nodes }) => ({ id, impact, nodes: nodes.map((node) => `${node.html.slice(0, 160)} ${node.failureSummary}`) })) };
     },
+    // Seconds of a processor that the page's main thread has had.
+    used: async () => (await meter.send('Performance.getMetrics')).metrics.find(({ name }) => name === 'TaskDuration').value,
     log: async () => ({ ...kept, ...(await page.evaluate('window.measured')) }),
 };
 

@@ -4,6 +4,7 @@ Nothing is read from attributes that the page could fill without drawing: arrows
 are computed, marks by whether they are seen."""
 
 import json
+import os
 import pathlib
 import re
 import sys
@@ -269,12 +270,16 @@ def test_200_switches_are_shown_without_a_jerk(browser, serve):
     told = [mesh(200, i % 2) for i in range(20)]
     served = serve(told, 400)
     browser("open", url=served.url, motion="no-preference")
+    browser.wait("document.querySelectorAll('#network .node').length === 200")
+    began, before = browser("used"), len(browser("log")["painted"])
     browser.wait("document.getElementById('slider').max === '19' && document.getAnimations().length === 0", 20)
     check_drawing(browser.eval(DRAWN), told[-1])
     log = browser.quiet(served.url)
+    used = (browser("used") - began) * 1000 / (len(log["painted"]) - before)
     cost = sorted(one["ms"] for one in log["painted"] if one["name"] == "change")
-    print(f"200 switches, {len(cost)} changes: median {cost[len(cost) // 2]:.0f} ms, most {cost[-1]:.0f} ms; long tasks {[round(one) for one in log['long']]}")
-    assert len(cost) >= 10 and cost[len(cost) // 2] < 200 and max(log["long"], default=0) < 300
+    print(f"200 switches, {len(cost)} changes: {used:.0f} ms of a processor each; seen after: median {cost[len(cost) // 2]:.0f} ms, most {cost[-1]:.0f} ms; long tasks {[round(one) for one in log['long']]}")
+    crowd = max(1, os.getloadavg()[0] / os.cpu_count())  # others who want the processor
+    assert len(cost) >= 10 and used < 80 and cost[len(cost) // 2] < 200 * crowd and max(log["long"], default=0) < 300 * crowd
 
 
 def circle(sources, wiring):

@@ -5,6 +5,7 @@ import { setAttribute, stateText, svg } from './words.js';
 import { View } from './view.js';
 
 const GLIDE_MS = 400;
+const MOST_GLOWING = 40;
 const MARGIN = 75, MARGIN_BESIDE = 100, LETTER = 8;  // room for names at the edges
 const BEND = 13;
 const CLOSE = 130;  // a switch nearer than that is in the way of a name
@@ -35,9 +36,9 @@ export class Drawing {
         for (const shape of this.links.values()) {
             if (bent.has(shape) || moved.has(shape.link.a) || moved.has(shape.link.b)) this.placeLink(shape);
         }
+        if (moved.size || bent.size) this.placeNames();
         this.showIslands();
         this.lightPath();
-        if (moved.size || bent.size) this.placeNames();
         if (moved.size) this.view.refit(this.bounds());
         this.keepStop();
     }
@@ -68,9 +69,12 @@ export class Drawing {
         return shape;
     }
 
-    // A short glow says where something has changed. Nobody sees one on a page that is hidden, and its frames would pile up.
+    // A short glow says where something has changed: not when it is everywhere, since each of its frames paints them all, nor on
+    // a page that is hidden, where the frames would pile up.
     glow(changed) {
-        if (this.calm || document.hidden || !changed.length) return;
+        const many = changed.length > MOST_GLOWING;
+        this.frame.classList.toggle('many', many);
+        if (many || this.calm || document.hidden || !changed.length) return;
         for (const element of changed) element.classList.remove('changed');
         requestAnimationFrame(() => changed.forEach((element) => element.classList.add('changed')));
     }
