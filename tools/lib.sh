@@ -33,7 +33,7 @@ MAP_PACKAGES=(libcpp-httplib-dev nlohmann-json3-dev libsnmp-dev)
 TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev "${MAP_PACKAGES[@]}")
 SYSTEM_PACKAGES=("${LAB_PACKAGES[@]}" python3-pytest python3-pytest-rerunfailures python3-pytest-xdist python3-scapy python3-pexpect tshark libcap2-bin ethtool
     snmp snmpd snmptrapd smitools inetutils-telnet putty-tools netcat-openbsd prometheus prometheus-node-exporter python3-prometheus-client python3-yaml)
-PACKAGE_PACKAGES=(dpkg-dev debhelper lintian libcrypt-dev git)
+PACKAGE_PACKAGES=(dpkg-dev debhelper lintian libcrypt-dev git "${MAP_PACKAGES[@]}")
 STYLE_PACKAGES=(clang-format clang-tidy groff)
 
 # need_npm FROM INTO: the packages of FROM/package-lock.json, each with its hash, as INTO/node_modules. No script of theirs is run;
