@@ -15,6 +15,7 @@
 #include "esmcmap/ask/watch.h"
 #include "esmcmap/model/network.h"
 #include "esmcmap/options.h"
+#include "esmcmap/serve/metrics.h"
 #include "esmcmap/serve/records.h"
 #include "esmcmap/serve/server.h"
 #include "esmcmap/show/changes.h"
@@ -157,11 +158,18 @@ void announce(const server& map) {
     std::cout << "The map is at " << map.url() << std::endl;
 }
 
+told_values by_name(const round_of_answers& seen) {
+    told_values told;
+    for (std::size_t i = 0; i < seen.switches.size(); ++i) told[seen.switches[i].name] = seen.values[i];
+    return told;
+}
+
 int serve(const switch_file& file, const options& how) {
     watch watching(file);
     network_builder builder;
     records shown;
-    server map(shown, nullptr);
+    metrics counted;
+    server map(shown, [&counted] { return counted.text(); });
     if (!bind_or_complain(map, how.at)) return NOTHING_ASKED;
     const ending end([&] { watching.stop(); });
     map.start();
@@ -172,6 +180,7 @@ int serve(const switch_file& file, const options& how) {
         network net = builder.next(seen.switches, seen.t, seen.complete);
         picture made = picture_of(net, file.every_ms);
         if (!std::exchange(first, false)) made.changes = changes_between(before, net);
+        counted.publish(net, by_name(seen), seen.complete, seen.seconds);
         shown.publish(std::move(made));
         before = std::move(net);
     });

@@ -1,5 +1,6 @@
 """Metrics of real switches as those read them for whom they are: the parsers of OpenMetrics and of Prometheus."""
 
+import contextlib
 import json
 import pathlib
 import re
@@ -7,6 +8,7 @@ import signal
 import subprocess
 import threading
 import time
+import urllib.error
 import urllib.parse
 import urllib.request
 
@@ -97,6 +99,9 @@ def test_255_ports_come_in_parts_and_are_well_formed(many):
 
 PACKAGED = pathlib.Path(__file__).resolve().parent.parent.parent / "packaging/prometheus"
 JOBS = {"node": [f"127.0.0.1:{9101 + n}" for n in range(3)]}
+MAP = "127.0.0.1:8466"
+# What the JSON object does not tell; and a port's own usability while the switch has no use for any.
+NOT_OF_THE_MAP = {"esmcd_build_info", "esmcd_change_timestamp_seconds", "esmcd_port_usable"}
 
 
 class Monitor:
@@ -184,3 +189,61 @@ def test_prometheus_asks_node_exporters_and_alarms_when_the_clock_is_lost(lab):
     finally:
         over.set()
         writer.join()
+
+
+def get(node, url):
+    """None while nobody answers."""
+    with contextlib.suppress(urllib.error.URLError):
+        return node.in_network(lambda: urllib.request.urlopen(url, timeout=5).read().decode())
+
+
+def steady(found):
+    """Those samples that are the same when they are asked for a moment later."""
+    return {key: v for key, v in found.items() if not key[0].endswith(("_total", "_seconds"))}
+
+
+def test_prometheus_asks_esmcmap_and_alarms_for_what_only_the_map_knows(lab):
+    switches = ring.make(lab, more=ring.GUARD)
+    monitor = Monitor(lab, {"esmcmap": [MAP]})
+    monitor.node.path("/run/switches").write_text("".join(
+        f"switch {name} command {' '.join(switch.enter([f'{BIN}/esmcsh', '-c']))} 'show clock synce json'\n"
+        for name, switch in switches.items()))
+    monitor.node.spawn("esmcmap", [f"{BIN}/esmcmap", "/run/switches", "--serve", MAP])
+    wait_until(lambda: (get(monitor.node, f"http://{MAP}/metrics") or "").count("esmcd_source{") == 6, 10, "esmcmap has asked all")
+    for name, switch in switches.items():
+        wait_until(lambda: ring.matches(switch.clock(), ring.WHOLE[name]), 15, f"{name} follows A")
+
+    differ = set()
+
+    def agree():
+        """The map says of the switches what they say: the same families, and all values that last a moment."""
+        text, own, heads = get(monitor.node, f"http://{MAP}/metrics"), {}, set()
+        for name, switch in switches.items():
+            said = switch.show("clock synce metrics")
+            heads |= {line for line in said.splitlines() if line.startswith("# ")}
+            for (family, labels), v in samples(said).items():
+                own[family, tuple(sorted((*labels, ("switch", name))))] = v
+        of_map = samples(text)
+        differ.clear()
+        differ.update(line for line in text.splitlines() if line.startswith("# ") and " esmcmap_" not in line and line not in heads)
+        differ.update({key[0] for key in own.keys() - of_map.keys()} - NOT_OF_THE_MAP)
+        differ.update(key for key, v in steady(of_map).items() if key[0].startswith("esmcd_") and own.get(key) != v)
+        return not differ
+    wait_until(agree, 10, differ)
+    found = samples(get(monitor.node, f"http://{MAP}/metrics"))
+    assert [value(found, "esmcmap_hops", switch=name) for name in switches] == [0, 1, 1]
+    wait_until(lambda: len(monitor.query("esmcd_source == 1") or []) == 2, 30, "B and C have a source, says Prometheus")
+    monitor.wait_panels(absent=("frequency_offset",))
+    assert monitor.alarms() == {}
+
+    # B and C are made to follow each other: the guard and DNU are kept out of it by a quality that is forced.
+    for name in "BC":
+        switches[name].configure("no clock synce loop-guard", "interface p1", "clock synce lockout", "interface p2",
+                                 "clock synce quality-eth rx prc")
+    wait_until(lambda: {("EsmcLoop", "B"), ("EsmcLoop", "C")} <= monitor.alarms().keys(), 20, "the loop alarms")
+    for name in "BC":
+        switches[name].configure("interface p2", "no clock synce quality-eth rx")
+    wait_until(lambda: {("EsmcIsland", "B"), ("EsmcIsland", "C")} <= monitor.alarms().keys(), 20, "they are cut off from A")
+    switches["B"].esmcd.kill()
+    wait_until(lambda: ("EsmcSwitchSilent", "B") in monitor.alarms(), 20, "B is missed")
+    assert value(samples(get(monitor.node, f"http://{MAP}/metrics")), "esmcd_synce_enabled", switch="B") is None
