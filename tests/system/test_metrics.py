@@ -104,6 +104,15 @@ MAP = "127.0.0.1:8466"
 NOT_OF_THE_MAP = {"esmcd_build_info", "esmcd_change_timestamp_seconds", "esmcd_port_usable"}
 
 
+def test_rules_and_dashboard_name_metrics_that_there_are():
+    """The documents are held to the programs elsewhere; a rule's test would agree with the rule's own slip."""
+    documents = "".join((PACKAGED.parent.parent / "docs" / name).read_text() for name in ("CLI.md", "FLEET.md"))
+    there_are = set(re.findall(r"^\| `(esmc(?:d|map)_\w+)`", documents, re.M))
+    for file in [*PACKAGED.glob("*.rules.yml"), *PACKAGED.glob("*.json")]:
+        named = set(re.findall(r"\besmc(?:d|map)_\w+", file.read_text()))
+        assert named and named <= there_are, (file, named - there_are)
+
+
 class Monitor:
     """Prometheus with what we package for it, but that it asks each second and alarms wait for seconds."""
 
@@ -230,7 +239,10 @@ def test_prometheus_asks_esmcmap_and_alarms_for_what_only_the_map_knows(lab):
         differ.update(key for key, v in steady(of_map).items() if key[0].startswith("esmcd_") and own.get(key) != v)
         return not differ
     wait_until(agree, 10, differ)
-    found = samples(get(monitor.node, f"http://{MAP}/metrics"))
+    text = get(monitor.node, f"http://{MAP}/metrics")
+    found = samples(text)
+    assert {f"`{name}`" for name in re.findall(r"# TYPE (esmcmap_\w+)", text)} == set(
+        re.findall(r"^\| (`esmcmap_\w+`)", (PACKAGED.parent.parent / "docs/FLEET.md").read_text(), re.M))
     assert [value(found, "esmcmap_hops", switch=name) for name in switches] == [0, 1, 1]
     wait_until(lambda: len(monitor.query("esmcd_source == 1") or []) == 2, 30, "B and C have a source, says Prometheus")
     monitor.wait_panels(absent=("frequency_offset",))
