@@ -76,7 +76,7 @@ void watch::run(const std::function<void(const round_of_answers&)>& seen) {
         const moment now = std::chrono::steady_clock::now();
         if (came) unseen = std::min(unseen, now);
         const bool over = now >= next, complete = !told && (open == 0 || over);
-        if (complete || now >= unseen + GATHER) {
+        if (complete || (unseen != moment::max() && now >= unseen + GATHER)) {
             seen({wall_clock_ms(), complete, std::chrono::duration<double>(now - began).count(),
                   seen_switches, seen_values});
             told = told || complete;
