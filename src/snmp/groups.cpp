@@ -5,11 +5,13 @@
 //
 // What can go wrong: an interface without a port record, as in the port table.
 #include <algorithm>
+#include <cstring>
 #include <iterator>
 #include <span>
 
 #include "core/extension.h"
 #include "core/ports.h"
+#include "core/ql.h"
 #include "core/supervision.h"
 #include "snmp/handlers.h"
 #include "snmp/values.h"
@@ -127,7 +129,7 @@ std::uint64_t state(const ssm_port* port, snmp_oid object) {
 
 // ---- The switch ----
 
-constexpr snmp_oid SWITCH_OBJECTS = 9;
+constexpr snmp_oid SWITCH_OBJECTS = 10;
 
 std::uint64_t of_switch(const ssm_port*, snmp_oid object) {
     const ssm_master* clock = g_s_master;
@@ -150,9 +152,22 @@ std::uint64_t of_switch(const ssm_port*, snmp_oid object) {
             return clock->hold_off_ms;
         case 8:
             return clock->restore_s;
-        default:
+        case 9:
             return number(ssm_mib_flag(clock->non_revertive));
+        default:
+            return number(ssm_mib_dpll_state());
     }
+}
+
+// ---- Names and addresses ----
+
+constexpr snmp_oid NAME = 1, IDENTITY_OBJECTS = 2;
+
+const void* identity(const ssm_port* port, snmp_oid object, std::size_t* length) {
+    if (object != NAME) return ssm_mib_address(port->intf->mac, length);
+    const char* name = ssm_port_name(port);
+    *length = std::strlen(name);
+    return name;
 }
 
 // ---- Which object ----
@@ -160,13 +175,14 @@ std::uint64_t of_switch(const ssm_port*, snmp_oid object) {
 struct group {
     snmp_oid objects;
     bool of_ports;
-    std::uint64_t (*read)(const ssm_port* port, snmp_oid object);  // port: null for those of the switch
+    // port: null for those of the switch. Null: the group has texts
+    std::uint64_t (*read)(const ssm_port* port, snmp_oid object);
 };
 // From SSM_MIB_SUPERVISION on.
 constexpr group GROUPS[] = {
     {SWITCH_OBJECTS, false, of_switch},     {std::size(COUNTERS), true, counter},
     {std::size(TIMES), true, time_of},      {STATES, true, state},
-    {SSM_CHANGE_KINDS, false, last_change},
+    {SSM_CHANGE_KINDS, false, last_change}, {IDENTITY_OBJECTS, true, nullptr},
 };
 
 // An object and its instance: what stands in a name behind the group's.
@@ -217,6 +233,12 @@ ssm_mib_command ssm_mib_active_command() {
     return {NONE, 0};
 }
 
+ssm_mib_value ssm_mib_dpll_state() {
+    constexpr ssm_mib_value UNKNOWN = 1;
+    const std::uint32_t state = g_s_master->dpll_state;
+    return state >= SSM_DPLL_FREERUN && state <= SSM_DPLL_LOCK ? ssm_mib_value{state} : UNKNOWN;
+}
+
 const void* ssm_mib_read_group(const snmp_variable* variable, snmp_oid* name, std::size_t* name_length,
                                int exact, std::size_t* value_length, snmp_write_handler* write) {
     if (!variable || !name || !name_length || !value_length || !write || !g_s_master) return nullptr;
@@ -238,5 +260,6 @@ const void* ssm_mib_read_group(const snmp_variable* variable, snmp_oid* name, st
     }
     const ssm_port* port = g.of_ports ? ssm_if_port(ssm_mib_find_interface(at.instance, 1)) : nullptr;
     if (g.of_ports && !port) return nullptr;
+    if (!g.read) return identity(port, at.object, value_length);
     return cell(g.read(port, at.object), variable->type, value_length);
 }

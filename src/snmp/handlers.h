@@ -28,6 +28,7 @@ enum ssm_mib_scalar : std::uint32_t {
     SSM_MIB_PORT_TIMES = 21,
     SSM_MIB_PORT_STATES = 22,
     SSM_MIB_LAST_CHANGES = 23,
+    SSM_MIB_PORT_IDENTITIES = 24,
     SSM_MIB_GUARD_FIRST = 201,
     SSM_MIB_GUARD_ENABLE = SSM_MIB_GUARD_FIRST,
     SSM_MIB_GUARD_HOLD,
@@ -71,6 +72,8 @@ struct ssm_mib_command {
     ssm_mib_value kind, port;
 };
 ssm_mib_command ssm_mib_active_command();
+
+ssm_mib_value ssm_mib_dpll_state();
 
 // The state of the clock as its object reads it, and the index of the selected port or 0.
 ssm_mib_value ssm_mib_running_state();

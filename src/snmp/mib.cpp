@@ -82,4 +82,5 @@ const snmp_variable ssm_variables[SSM_VARIABLE_COUNT] = {
     port_group(SSM_MIB_PORT_TIMES, SNMP_TYPE_TIME_TICKS),
     port_group(SSM_MIB_PORT_STATES, SNMP_TYPE_INTEGER),
     group(SSM_MIB_LAST_CHANGES, SNMP_TYPE_TIME_TICKS),
+    port_group(SSM_MIB_PORT_IDENTITIES, SNMP_TYPE_OCTET_STRING),
 };

@@ -3,8 +3,8 @@
 
 #include "suite/agentx/snmp.h"
 
-// 12 scalars, 15 columns of the port table, the recovery select, 7 scalars of the loop guard, 5 groups.
-constexpr std::size_t SSM_VARIABLE_COUNT = 40;
+// 12 scalars, 15 columns of the port table, the recovery select, 7 scalars of the loop guard, 6 groups.
+constexpr std::size_t SSM_VARIABLE_COUNT = 41;
 constexpr std::size_t SSM_OID_LENGTH = 2;
 
 extern const snmp_variable ssm_variables[SSM_VARIABLE_COUNT];

@@ -108,12 +108,6 @@ ssm_mib_value quality() {
     return ssm_mib_current_quality(g_s_master->current_quality);
 }
 
-ssm_mib_value dpll_state() {
-    constexpr ssm_mib_value UNKNOWN = 1;
-    const std::uint32_t state = g_s_master->dpll_state;
-    return state >= SSM_DPLL_FREERUN && state <= SSM_DPLL_LOCK ? ssm_mib_value{state} : UNKNOWN;
-}
-
 // The objects of a notification of the clock; returns how many.
 using fill_objects = std::size_t (*)(const subject&, snmp_notify_object* objects);
 
@@ -137,7 +131,7 @@ std::size_t running_state_objects(const subject&, snmp_notify_object* objects) {
 }
 
 std::size_t dpll_objects(const subject&, snmp_notify_object* objects) {
-    objects[0] = own_scalar(DPLL_STATE, dpll_state());
+    objects[0] = own_scalar(DPLL_STATE, ssm_mib_dpll_state());
     return 1;
 }
 
@@ -175,7 +169,7 @@ constexpr struct {
     {SSM_NOTIFY_SOURCE, ssm_mib_selected_index, source_objects, false},
     {SSM_NOTIFY_QUALITY, quality, quality_objects, false},
     {SSM_NOTIFY_RUNNING_STATE, ssm_mib_running_state, running_state_objects, false},
-    {SSM_NOTIFY_DPLL_STATE, dpll_state, dpll_objects, false},
+    {SSM_NOTIFY_DPLL_STATE, ssm_mib_dpll_state, dpll_objects, false},
     {SSM_NOTIFY_COMMAND, external_command, command_objects, true},
     {SSM_NOTIFY_MANUAL_END, manual_ends, manual_end_objects, false},
 };

@@ -60,14 +60,6 @@ ssm_mib_value cell_of(const ssm_port* port, std::uint32_t column) {
     }
 }
 
-// Always six octets, as MacAddress has: zeros where there is no neighbour.
-const void* neighbour_cell(const ssm_port* port, std::size_t* length) {
-    static constexpr std::uint8_t NOBODY[SSM_ADDRESS_SIZE] = {};
-    const std::uint8_t* neighbour = ssm_neighbour(port);
-    *length = SSM_ADDRESS_SIZE;
-    return neighbour ? neighbour : NOBODY;
-}
-
 int status_of(std::int32_t result) {
     return result == 0 ? SNMP_NO_ERROR : SNMP_GEN_ERR;
 }
@@ -203,6 +195,6 @@ const void* ssm_mib_read_port(const snmp_variable* variable, snmp_oid* name, std
     }
     const ssm_port* port = ssm_if_port(intf);
     if (!port || column == SSM_MIB_INDEX) return nullptr;
-    if (column == SSM_MIB_NEIGHBOUR) return neighbour_cell(port, value_length);
+    if (column == SSM_MIB_NEIGHBOUR) return ssm_mib_address(ssm_neighbour(port), value_length);
     return ssm_mib_cell(cell_of(port, column));
 }

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstring>
 
+#include "core/neighbour.h"
 #include "core/records.h"
 
 namespace {
@@ -37,6 +38,12 @@ const void* ssm_mib_counter_cell(std::uint64_t value) {
     static std::uint64_t cell;
     cell = value;
     return &cell;
+}
+
+const void* ssm_mib_address(const std::uint8_t* address, std::size_t* length) {
+    static constexpr std::uint8_t NOBODY[SSM_ADDRESS_SIZE] = {};
+    *length = SSM_ADDRESS_SIZE;
+    return address && ssm_address_named(address) ? address : NOBODY;
 }
 
 ssm_mib_value ssm_mib_quality(std::uint32_t quality) {

@@ -20,6 +20,9 @@ constexpr ssm_mib_value ssm_mib_flag(bool set) {
 
 const void* ssm_mib_counter_cell(std::uint64_t value);  // the same of a Counter64
 
+// Always six octets, as MacAddress has: zeros for one that names no station, or null.
+const void* ssm_mib_address(const std::uint8_t* address, std::size_t* length);
+
 // Quality of a port: its SSM code, whatever the enhanced code above it says. The current quality of the
 // switch differs for "none": it reads as "do not use".
 ssm_mib_value ssm_mib_quality(std::uint32_t quality);

@@ -97,7 +97,7 @@ EXPECTED = {
     "esmcLoopGuardHoldLeft": "0 milliseconds",
     "esmcExternalCommand": "none", "esmcExternalCommandPort": "0", "esmcAdvertisedQuality": "ePrtc", "esmcOwnQuality": "eec1",
     "esmcExtensionForm": "own", "esmcClockType": "eEec", "esmcHoldOff": "300 milliseconds", "esmcWaitToRestore": "0 seconds",
-    "esmcNonRevertive": "enabled",
+    "esmcNonRevertive": "enabled", "esmcHardwareState": "lock",
 }
 EXPECTED_PORTS = {  # p1, p2
     "SynceEnabled": ("enabled", "enabled"), "Mode": ("all", "all"), "Priority": ("10", "3"), "Link": ("up", "up"),
@@ -109,7 +109,7 @@ EXPECTED_PORTS = {  # p1, p2
     "RestoreLeft": ("0 seconds", "0 seconds"), "HoldOffLeft": ("0 milliseconds", "0 milliseconds"), "Flapping": ("false", "false"),
     "HoldOff": ("300 milliseconds", "1800 milliseconds"), "WaitToRestore": ("0 seconds", "9 seconds"),
     "MinimumReceived": ("eEec", "na"), "MaximumReceived": ("na", "prtc"), "MinimumSent": ("na", "eec1"), "MaximumSent": ("prc", "na"),
-    "ReceivedForm": ("standard", "none"), "SentForm": ("own", "standard"),
+    "ReceivedForm": ("standard", "none"), "SentForm": ("own", "standard"), "Name": ("p1", "p2"),
 }
 
 
@@ -126,6 +126,8 @@ def test_tools_print_what_is_configured_and_what_goes_on(managed):
     expected = {name + ".0": value for name, value in EXPECTED.items()} | {
         f"esmcPort{name}.{index}": values[at] for name, values in EXPECTED_PORTS.items() for at, index in ((0, 10), (1, 12))}
     expected["esmcClockIdentity.0"] = switch.clock()["Device ClockID"]
+    for port in loads(switch.show("clock synce json"))["ports"]:
+        expected[f"esmcPortAddress.{port['ifindex']}"] = ":".join(f"{int(octet, 16):x}" for octet in port["address"].split(":"))
     wait_until(lambda: neighbour.keep() and manager.get("esmcRunningState.0") == "lock", 5)
     neighbour.keep()
     for tool in ("snmpwalk", "snmpbulkwalk"):

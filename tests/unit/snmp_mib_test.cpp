@@ -283,7 +283,8 @@ TEST_F(ssm_mib, groups_hold_counters_times_and_states) {
     g_s_master->local_quality = QL_NONE;
     g_s_master->clock_type = SSM_CLOCK_EEEC;
     g_s_master->restore_s = 60;
-    const int settings[] = {3, 7, 16, 15, 2, 2, 400, 60, 2};
+    g_s_master->dpll_state = SSM_DPLL_HOLDOVER;
+    const int settings[] = {3, 7, 16, 15, 2, 2, 400, 60, 2, 3};
     for (snmp_oid i = 0; i < std::size(settings); ++i) expect(19, i + 1, settings[i]);
     g_s_master->current_quality = QL_NONE;
     expect(19, 3, 13);
@@ -291,14 +292,17 @@ TEST_F(ssm_mib, groups_hold_counters_times_and_states) {
     expect(19, 1, 2);
     expect(19, 2, 9999);
     g_s_master->force_e1 = 0;
+    std::memcpy(p1->intf->mac, "\x02\0\0\0\0\x07", sizeof p1->intf->mac);
+    EXPECT_EQ(read({24, 1, 1, 7}).text, "p1");
+    EXPECT_EQ(read({24, 1, 2, 7}).text, "\x02\0\0\0\0\x07"s);
 }
 
 // From any name, the next is the smallest that can be got and lies behind it.
 TEST_F(ssm_mib, groups_are_walked_from_any_name_to_the_next_that_can_be_got) {
     for (snmp_oid index : {300U, 12U, 30U}) add_port(("p" + std::to_string(index)).c_str(), index);
     std::vector<oid> all;
-    const snmp_oid objects[] = {9, 12, 8, 15, 4};
-    for (snmp_oid group = 19; group <= 23; ++group)
+    const snmp_oid objects[] = {10, 12, 8, 15, 4, 2};
+    for (snmp_oid group = 19; group <= 24; ++group)
         for (snmp_oid object = 1; object <= objects[group - 19]; ++object)
             for (snmp_oid index : {7U, 12U, 30U, 300U})
                 if (group != 19 && group != 23)
