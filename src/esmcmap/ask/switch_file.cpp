@@ -6,6 +6,8 @@
 #include <set>
 #include <stdexcept>
 
+#include "esmcmap/ask/address.h"
+
 namespace esmcmap {
 
 namespace {
@@ -95,6 +97,8 @@ snmp_target read_snmp(const std::vector<std::string>& words) {
     snmp_target target;
     if (words.size() < 5) throw fault("snmp wants ADDRESS v2c COMMUNITY, or ADDRESS v3 and more");
     target.address = words[3];
+    if (!read_agent_address(target.address))
+        throw fault("no address of an agent: " + target.address + " (ADDRESS or ADDRESS:PORT)");
     if (words[4] == "v3") {
         read_version_3(words, target);
     } else {
