@@ -1,0 +1,149 @@
+"""esmcmap asks switches by SNMP, side by side with those asked by command: the same network, and nobody waits for a dead one."""
+
+import json
+import os
+import time
+
+import lossy
+import pytest
+import ring
+from lab import BIN, build_dir, wait_until
+
+pytestmark = pytest.mark.skipif(not (build_dir() / "bin/esmcmap").exists(), reason="esmcmap is not built: its libraries are not there")
+
+SNMPD_CONF = """master agentx
+rocommunity public
+createUser watcher SHA-256 "a pass phrase" AES "another phrase"
+createUser reader MD5 "a pass phrase"
+rouser watcher priv
+rouser reader auth
+"""
+V2C = "snmp {at} v2c public"
+V3 = 'snmp {at} v3 watcher authPriv SHA-256 "a pass phrase" AES "another phrase"'
+# What the MIB does not tell: why there is no source, why a port is not it.
+UNTOLD = ("reason",)
+
+
+class Network:
+    """The ring with an SNMP master on every switch, and an operator linked to each: 192.0.2.N of switch N."""
+
+    def __init__(self, lab):
+        self.operator = lab.node("operator", board=None)
+        self.switches = ring.make(lab)
+        self.agents = {}
+        for number, (name, switch) in enumerate(self.switches.items(), 1):
+            lab.link(self.operator, f"m{number}", switch, "m0")
+            self.operator.ip("address", "add", f"192.0.2.{100 + number}", "peer", f"192.0.2.{number}", "dev", f"m{number}")
+            switch.ip("address", "add", f"192.0.2.{number}", "peer", f"192.0.2.{100 + number}", "dev", "m0")
+            switch.path("/run/snmpd.conf").write_text(SNMPD_CONF)
+            self.agents[name] = switch.spawn("snmpd", ["env", "MIBS=", "SNMP_PERSISTENT_DIR=/run/snmp", "snmpd", "-f", "-LOw", "-C", "-c",
+                                                       "/run/snmpd.conf", "udp:161"])
+        for name, switch in self.switches.items():
+            wait_until(lambda: "registered" in switch.show("snmp").splitlines()[0], 5, "registered with snmpd")
+            wait_until(lambda: ring.matches(switch.clock(), ring.WHOLE[name]), 10, f"{name} is in the ring")
+
+    def command(self, name):
+        return f"command nsenter -t {self.switches[name].pid} -m -n {BIN}/esmcsh -c 'show clock synce json'"
+
+    def file(self, *more, **how):
+        """A file of switches: A="snmp {at} ..."; the others by command."""
+        lines = [f"switch {name} " + how.get(name, self.command(name)).format(at=f"192.0.2.{number}")
+                 for number, name in enumerate(self.switches, 1)]
+        path = self.operator.path(f"/run/switches{len(how)}")
+        path.write_text("\n".join([*more, *lines]) + "\n")
+        path.chmod(0o600)
+        return "/run/" + path.name
+
+    def state(self, file):
+        done = self.operator.run(f"{BIN}/esmcmap", file, "--json", check=False)
+        assert done.stderr == ""
+        return json.loads(done.stdout)
+
+
+@pytest.fixture
+def network(lab):
+    return Network(lab)
+
+
+def told(state):
+    """What a state says of the network, without its moment."""
+    def plain(node):
+        return {key: value for key, value in node.items() if key not in UNTOLD} | {
+            "ports": [{key: value for key, value in port.items() if key not in UNTOLD} for port in node["ports"]]}
+    return {key: value for key, value in state.items() if key not in ("t", "nodes")} | {"nodes": [plain(node) for node in state["nodes"]]}
+
+
+def test_a_ring_asked_by_command_and_by_both_versions_is_the_ring_asked_by_commands(network):
+    commands = network.state(network.file())
+    assert [node["answer"] for node in commands["nodes"]] == ["ok"] * 3 and len(commands["links"]) == 3
+    mixed = network.file(B=V2C, C=V3)
+    assert told(network.state(mixed)) == told(commands)
+    network.switches["A"].link_set("p1", False)
+    for name, expected in ring.CUT_A_B.items():
+        wait_until(lambda: ring.matches(network.switches[name].clock(), expected), 5)
+    wait_until(lambda: told(network.state(mixed)) == told(network.state(network.file())), 5, interval=0.2)
+
+
+def answers(state):
+    return {node["id"]: (node["answer"], node.get("error")) for node in state["nodes"] if node["kind"] == "switch"}
+
+
+class Watch:
+    """esmcmap --watch --json beside the switches: its states, as they come."""
+
+    def __init__(self, network, file):
+        self.process = network.operator.spawn("esmcmap", [f"{BIN}/esmcmap", file, "--watch", "--json"])
+
+    def states(self):
+        return [json.loads(line) for line in self.process.text().splitlines(keepends=True) if line.endswith("\n")]
+
+    def wait(self, condition, deadline, what):
+        """The first state that is so; asserts that it came in time."""
+        return wait_until(lambda: next((state for state in self.states() if condition(state)), None), deadline, what)
+
+
+@pytest.mark.parametrize("dead", ["B", "C"])
+def test_a_dead_switch_holds_nobody_up(network, release_only, dead):
+    """Its packets are dropped. What changes at the others shows as soon as before."""
+    watch = Watch(network, network.file("timeout 2", B=V2C, C=V3))
+    watch.wait(lambda state: answers(state) == {name: ("ok", None) for name in "ABC"}, 5, "all answer")
+    lost = lossy.drop(network.switches[dead], ["m0"], lossy.program(1))
+    watch.wait(lambda state: answers(state)[dead] == ("silent", "no answer in time"), 6, "it is silent")
+    other = "C" if dead == "B" else "B"
+    for quality in ("eec1", "prc", "eec1"):
+        network.switches["A"].configure(f"clock synce local-quality option1 {quality}")
+        began = time.time() * 1000
+        state = watch.wait(lambda state: state["t"] > began and {node["id"]: node["quality"] for node in state["nodes"]
+                                                                 if node["id"] in ("A", other)} == {"A": quality, other: quality}, 5, quality)
+        assert state["t"] - began < 1600 and answers(state)[dead][0] == "silent"
+    for descriptor in lost:
+        os.close(descriptor)
+    watch.wait(lambda state: state["t"] > began and answers(state) == {name: ("ok", None) for name in "ABC"}, 8, "it is back")
+    watch.process.stop()
+
+
+FAULTS = {
+    "snmp {at} v2c wrong": ("silent", "no answer in time"),
+    "snmp {at}:162 v2c public": ("silent", "no answer in time"),
+    "snmp no-such-switch.invalid v2c public": ("silent", "no such host"),
+    'snmp {at} v3 nobody authPriv SHA-256 "a pass phrase" AES "another phrase"': ("silent", "it knows no such user"),
+    'snmp {at} v3 watcher authPriv SHA-256 "no pass phrase" AES "another phrase"': ("silent", "wrong pass phrase"),
+    'snmp {at} v3 watcher authPriv SHA "a pass phrase" AES "another phrase"': ("silent", "wrong pass phrase"),
+    "snmp {at} v3 watcher noAuthNoPriv": ("silent", "its agent refuses"),
+    'snmp {at} v3 watcher authPriv SHA-256 "a pass phrase" AES "wrong phrase"': ("silent", ""),
+}
+
+
+def test_why_a_switch_can_not_be_asked_is_said_in_words(network):
+    network.operator.path("/etc/nsswitch.conf").write_text("hosts: files\n")
+    network.operator.path("/etc/hosts").write_text("192.0.2.2 switch-b\n")
+    began = time.monotonic()
+    for how, (answer, error) in FAULTS.items():
+        said = answers(network.state(network.file("timeout 1", B=how)))
+        assert said["B"][0] == answer and error in said["B"][1], (how, said)
+        assert said["A"] == said["C"] == ("ok", None)
+    assert time.monotonic() - began < 40
+    assert answers(network.state(network.file(B="snmp switch-b v2c public")))["B"] == ("ok", None)
+    assert answers(network.state(network.file(B='snmp {at} v3 reader authNoPriv MD5 "a pass phrase"')))["B"] == ("ok", None)
+    network.switches["C"].esmcd.stop()
+    assert "has not our MIB" in answers(network.state(network.file(C=V3)))["C"][1]
