@@ -1,5 +1,5 @@
-// A thread that looks up a name is left to itself: nothing ends the system's resolver. What it shares lives as
-// long as either side does.
+// A thread that looks up a name is left to itself: nothing ends the system's resolver. What it shares lives
+// as long as either side does.
 #include "esmcmap/ask/address.h"
 
 #include <netdb.h>
@@ -34,7 +34,8 @@ int find_peer(const agent_address& of, int flags, std::string& peer) {
     const bool six = found->ai_family == AF_INET6;
     freeaddrinfo(found);
     const std::string port = ':' + std::to_string(of.port);
-    if (error == 0) peer = six ? "udp6:[" + std::string(host) + ']' + port : "udp:" + std::string(host) + port;
+    if (error == 0)
+        peer = six ? "udp6:[" + std::string(host) + ']' + port : "udp:" + std::string(host) + port;
     return error;
 }
 
@@ -49,8 +50,7 @@ std::optional<agent_address> read_agent_address(std::string_view text) {
     read.host = text.substr(bracket, six ? text.npos : end - bracket);
     const std::string_view rest = six || end == text.npos ? std::string_view() : text.substr(end + bracket);
     if (!rest.empty() && (rest.front() != ':' || !read_port(rest.substr(1), read.port))) return std::nullopt;
-    constexpr const char* OF_NAMES =
-        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_:%";
+    constexpr const char* OF_NAMES = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_:%";
     if (read.host.empty() || read.host.find_first_not_of(OF_NAMES) != std::string::npos) return std::nullopt;
     return read;
 }

@@ -1,6 +1,6 @@
 // Addresses of agents as the operator writes them: 192.0.2.1, 192.0.2.1:1161, [2001:db8::1]:1161,
-// 2001:db8::1, switch-7.example:161. Names are looked up in a thread of their own, since the system's resolver
-// waits.
+// 2001:db8::1, switch-7.example:161. Names are looked up in a thread of their own, since the system's
+// resolver waits.
 #pragma once
 
 #include <cstdint>

@@ -19,8 +19,8 @@ using std::chrono::milliseconds;
 const object_name MODULE = {1, 3, 6, 1, 4, 1, ESMC_ENTERPRISE, 81};
 const object_name UP_TIME = {1, 3, 6, 1, 2, 1, 1, 3};
 
-// Values a request: as many as an agent gives that is not told otherwise, and as many as fit one datagram that
-// no router parts. A switch that does not answer is asked the other way, since some networks lose parts.
+// Values a request: as many as an agent gives that is not told otherwise, and as many as fit one datagram
+// that no router parts. A switch that does not answer is asked the other way, since some networks lose parts.
 constexpr int MANY = 100, FEW = 20;
 
 bool begins_with(const object_name& name, const object_name& head) {
@@ -56,7 +56,8 @@ struct walk {
         mib_binding& value = one.value;
         const std::size_t depth = one.name.size() - MODULE.size();
         if (depth > value.object.size()) return;  // none of ours
-        std::copy(one.name.begin() + static_cast<std::ptrdiff_t>(MODULE.size()), one.name.end(), value.object.begin());
+        std::copy(one.name.begin() + static_cast<std::ptrdiff_t>(MODULE.size()), one.name.end(),
+                  value.object.begin());
         value.depth = static_cast<unsigned>(depth);
         answer.bindings.push_back(std::move(value));
     }
@@ -170,7 +171,8 @@ class conversation {
     // No more than the last walk had left to bring: what lies behind it is another module's.
     void go_on() {
         const std::size_t count = now_walking.answer.bindings.size();
-        const auto left = static_cast<int>(std::min<std::size_t>(last_count > count ? last_count - count + 1 : MANY, MANY));
+        const auto left =
+            static_cast<int>(std::min<std::size_t>(last_count > count ? last_count - count + 1 : MANY, MANY));
         session->get_next(now_walking.at, std::min(most, left), count == 0 ? &UP_TIME : nullptr);
     }
 
@@ -195,7 +197,8 @@ class conversation {
     }
 
     void ask_for_less() {
-        if (most == 1) return end(failed(who, answer::silent, "its agent's answers have no room for a value"));
+        if (most == 1)
+            return end(failed(who, answer::silent, "its agent's answers have no room for a value"));
         most /= 2;
         go_on();
     }
@@ -204,7 +207,8 @@ class conversation {
         const mib_answer& answer = now_walking.answer;
         last_count = answer.bindings.size();
         if (answer.bindings.empty())
-            return end(failed(who, answer::silent, "its agent has not our MIB (does esmcd run there as its sub-agent?)"));
+            return end(failed(who, answer::silent,
+                              "its agent has not our MIB (does esmcd run there as its sub-agent?)"));
         auto report = std::make_shared<switch_report>();
         auto values = std::make_shared<reported_values>();
         std::string wrong = read_mib(answer, *report, *values);

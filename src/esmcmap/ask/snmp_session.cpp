@@ -4,8 +4,8 @@
 
 #include <net-snmp/net-snmp-config.h>
 // Its own order.
-#include <net-snmp/net-snmp-includes.h>
 #include <net-snmp/library/large_fd_set.h>
+#include <net-snmp/net-snmp-includes.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -46,8 +46,9 @@ void add_nameless_user();
 void init_library() {
     static const bool done = [] {
         netsnmp_register_loghandler(NETSNMP_LOGHANDLER_NONE, LOG_DEBUG);
-        for (const int setting : {NETSNMP_DS_LIB_DONT_READ_CONFIGS, NETSNMP_DS_LIB_DONT_PERSIST_STATE,
-                                  NETSNMP_DS_LIB_DISABLE_PERSISTENT_LOAD, NETSNMP_DS_LIB_DISABLE_PERSISTENT_SAVE})
+        for (const int setting :
+             {NETSNMP_DS_LIB_DONT_READ_CONFIGS, NETSNMP_DS_LIB_DONT_PERSIST_STATE,
+              NETSNMP_DS_LIB_DISABLE_PERSISTENT_LOAD, NETSNMP_DS_LIB_DISABLE_PERSISTENT_SAVE})
             netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, setting, 1);
         const borrowed_variable modules("MIBS"), places("MIBDIRS"), files("MIBFILES");
         init_snmp("esmcmap");
@@ -132,7 +133,8 @@ void set_user(const snmp_target& target, netsnmp_session& session) {
     session.securityPrivProto = const_cast<oid*>(cipher.id);
     session.securityPrivProtoLen = cipher.length;
     const std::vector<u_char>& privacy = key_of(hash, target.priv_pass);
-    std::copy_n(privacy.begin(), std::min<std::size_t>(privacy.size(), USM_PRIV_KU_LEN), session.securityPrivKey);
+    std::copy_n(privacy.begin(), std::min<std::size_t>(privacy.size(), USM_PRIV_KU_LEN),
+                session.securityPrivKey);
     session.securityPrivKeyLen = std::min<std::size_t>(privacy.size(), USM_PRIV_KU_LEN);
 }
 
@@ -170,10 +172,10 @@ mib_binding value_of(const netsnmp_variable_list& v) {
             break;
         case ASN_COUNTER64:
             value.type = mib_type::counter_64;
-            value.number = static_cast<std::int64_t>(
-                std::min<std::uint64_t>(std::uint64_t{static_cast<std::uint32_t>(v.val.counter64->high)} << 32 |
-                                            static_cast<std::uint32_t>(v.val.counter64->low),
-                                        INT64_MAX));
+            value.number = static_cast<std::int64_t>(std::min<std::uint64_t>(
+                std::uint64_t{static_cast<std::uint32_t>(v.val.counter64->high)} << 32 |
+                    static_cast<std::uint32_t>(v.val.counter64->low),
+                INT64_MAX));
             break;
         case ASN_OCTET_STR:
             value.type = mib_type::octets;
@@ -191,7 +193,8 @@ std::vector<named_value> values_of(const netsnmp_pdu& pdu) {
         named_value one;
         for (std::size_t i = 0; i < v->name_length; ++i)
             one.name.push_back(static_cast<std::uint32_t>(v->name[i]));
-        one.exists = v->type != SNMP_NOSUCHOBJECT && v->type != SNMP_NOSUCHINSTANCE && v->type != SNMP_ENDOFMIBVIEW;
+        one.exists =
+            v->type != SNMP_NOSUCHOBJECT && v->type != SNMP_NOSUCHINSTANCE && v->type != SNMP_ENDOFMIBVIEW;
         one.value = value_of(*v);
         values.push_back(std::move(one));
     }
@@ -236,8 +239,9 @@ struct snmp_session::inner {
         if (reply) return;
         if (operation == NETSNMP_CALLBACK_OP_TIMED_OUT) return fail("no answer in time");
         if (operation == NETSNMP_CALLBACK_OP_SEND_FAILED)
-            return fail(std::string("can't send: ") + (session()->s_errno ? std::strerror(session()->s_errno)
-                                                                          : snmp_api_errstring(session()->s_snmp_errno)));
+            return fail(std::string("can't send: ") + (session()->s_errno
+                                                           ? std::strerror(session()->s_errno)
+                                                           : snmp_api_errstring(session()->s_snmp_errno)));
         fail(words_of_report(session()->s_snmp_errno));
     }
 
@@ -267,7 +271,8 @@ void snmp_session::prepare(const snmp_target& target) {
     if (target.version_3) set_user(target, unused);
 }
 
-snmp_session::snmp_session(const snmp_target& target, const std::string& peer, std::chrono::milliseconds again)
+snmp_session::snmp_session(const snmp_target& target, const std::string& peer,
+                           std::chrono::milliseconds again)
     : in(std::make_unique<inner>()) {
     netsnmp_session session;
     snmp_sess_init(&session);
@@ -282,7 +287,9 @@ snmp_session::snmp_session(const snmp_target& target, const std::string& peer, s
         session.community_len = target.community.size();
     }
     in->handle = snmp_sess_open(&session);
-    if (!in->handle) throw std::runtime_error(std::string("can't open a session: ") + snmp_api_errstring(session.s_snmp_errno));
+    if (!in->handle)
+        throw std::runtime_error(std::string("can't open a session: ") +
+                                 snmp_api_errstring(session.s_snmp_errno));
     in->session()->flags |= session.flags & SNMP_FLAGS_DONT_PROBE;
 }
 

@@ -22,8 +22,9 @@ struct unreadable : std::runtime_error {
 
 using words = std::span<const char* const>;  // of an enumeration that begins at 1
 
-constexpr const char* QUALITIES[] = {"prs",  "prc", "stu",  "ssu-a", "tnc", "st2", "ssu-b", "eec2",  "eec1", "smc",
-                                     "st3e", "prov", "dnu", "dus",   "none", "prtc", "eprtc", "eeec", "eprc"};
+constexpr const char* QUALITIES[] = {"prs",  "prc",  "stu",   "ssu-a", "tnc",  "st2", "ssu-b",
+                                     "eec2", "eec1", "smc",   "st3e",  "prov", "dnu", "dus",
+                                     "none", "prtc", "eprtc", "eeec",  "eprc"};
 constexpr const char* STATES[] = {"master", "freerun", "holdover", "lock"};
 constexpr const char* DPLL_STATES[] = {"transient", "freerun", "holdover", "lock"};
 constexpr const char* DEVICES[] = {"master-only", "slave-only", "default"};
@@ -54,8 +55,25 @@ struct object {
 constexpr std::int64_t COUNTER_32 = std::numeric_limits<std::uint32_t>::max();
 constexpr std::int64_t COUNTER_64 = std::numeric_limits<std::int64_t>::max();
 
-enum : unsigned { SWITCH = 0, PORTS = 13, GUARD = 18, SUPERVISION = 19, COUNTERS = 20, TIMES = 21, STATES_OF_PORTS = 22, NAMES = 24 };
-enum : unsigned { SELECTED = 8, FORCED = 12, GUARD_ENABLED = 1, COMMAND = 1, COMMAND_PORT = 2, ENABLED = 2, HELD_BACK = 15 };
+enum : unsigned {
+    SWITCH = 0,
+    PORTS = 13,
+    GUARD = 18,
+    SUPERVISION = 19,
+    COUNTERS = 20,
+    TIMES = 21,
+    STATES_OF_PORTS = 22,
+    NAMES = 24
+};
+enum : unsigned {
+    SELECTED = 8,
+    FORCED = 12,
+    GUARD_ENABLED = 1,
+    COMMAND = 1,
+    COMMAND_PORT = 2,
+    ENABLED = 2,
+    HELD_BACK = 15
+};
 
 constexpr object OF_SWITCH[] = {
     {SWITCH, 1, "clock_id", form::text},
@@ -167,7 +185,8 @@ std::string address_of(const object& what, const mib_binding& value) {
     std::string text;
     for (const char octet : octets) {
         char digits[4];
-        std::snprintf(digits, sizeof digits, ":%02x", static_cast<unsigned>(static_cast<unsigned char>(octet)));
+        std::snprintf(digits, sizeof digits, ":%02x",
+                      static_cast<unsigned>(static_cast<unsigned char>(octet)));
         text += digits;
     }
     return text.substr(1);
@@ -244,7 +263,8 @@ sorted_answer sorted(const mib_answer& answer) {
     const std::size_t before = by_name.of_ports.size();
     // A port that came or went during the walk is not there.
     std::erase_if(by_name.of_ports, [](const auto& port) {
-        return port.first == 0 || !port.second.contains({PORTS, ENABLED}) || !port.second.contains({NAMES, 1});
+        return port.first == 0 || !port.second.contains({PORTS, ENABLED}) ||
+               !port.second.contains({NAMES, 1});
     });
     if (before > 0 && by_name.of_ports.empty())
         throw unreadable("it has no names and addresses of ports (esmcd before 0.3.0?)");
@@ -294,7 +314,8 @@ class reader {
         return value == of.numbers.end() ? otherwise : value->second;
     }
 
-    void read_port(std::uint32_t index, const value_of& of_port, switch_report& report, reported_values& values) {
+    void read_port(std::uint32_t index, const value_of& of_port, switch_report& report,
+                   reported_values& values) {
         switch_values told;
         store_all(OF_PORT, of_port, answer.up_time, told);
         told.numbers["ifindex"] = index;
@@ -314,7 +335,8 @@ class reader {
     }
 
     void name_port(switch_values& clock, const char* field, std::uint32_t index) const {
-        if (const auto name = names.find(index); index && name != names.end()) clock.texts[field] = name->second;
+        if (const auto name = names.find(index); index && name != names.end())
+            clock.texts[field] = name->second;
     }
 
     // What the MIB tells by interface indexes.

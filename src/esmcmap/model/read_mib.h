@@ -3,8 +3,8 @@
 //
 // Not in the MIB, and so left unknown: why there is no source and why a port is not it; identity and hops of
 // the clock that is received; what the hardware tells of its pins and quality; whether the loop guard is in
-// force; the count of changes, and some settings. A forced quality reads without its enhanced code, the quality
-// of a switch that has none as do not use, times in whole hundredths of a second.
+// force; the count of changes, and some settings. A forced quality reads without its enhanced code, the
+// quality of a switch that has none as do not use, times in whole hundredths of a second.
 #pragma once
 
 #include <array>
@@ -33,7 +33,8 @@ struct mib_answer {
     std::vector<mib_binding> bindings;     // in any order; of two with one name the last one counts
 };
 
-// As read_json: empty when it was read, else why not. Objects that this program does not know are passed over.
+// As read_json: empty when it was read, else why not. Objects that this program does not know are passed
+// over.
 std::string read_mib(const mib_answer& answer, switch_report& report, reported_values& values);
 
 }  // namespace esmcmap
