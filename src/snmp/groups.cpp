@@ -260,6 +260,6 @@ const void* ssm_mib_read_group(const snmp_variable* variable, snmp_oid* name, st
     }
     const ssm_port* port = g.of_ports ? ssm_if_port(ssm_mib_find_interface(at.instance, 1)) : nullptr;
     if (g.of_ports && !port) return nullptr;
-    if (!g.read) return identity(port, at.object, value_length);
+    if (!g.read) return port ? identity(port, at.object, value_length) : nullptr;
     return cell(g.read(port, at.object), variable->type, value_length);
 }

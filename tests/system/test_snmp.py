@@ -128,7 +128,7 @@ def test_tools_print_what_is_configured_and_what_goes_on(managed):
     expected["esmcClockIdentity.0"] = switch.clock()["Device ClockID"]
     for port in loads(switch.show("clock synce json"))["ports"]:
         expected[f"esmcPortAddress.{port['ifindex']}"] = ":".join(f"{int(octet, 16):x}" for octet in port["address"].split(":"))
-    wait_until(lambda: neighbour.keep() and manager.get("esmcRunningState.0") == "lock", 5)
+    wait_until(lambda: neighbour.keep() and manager.get("esmcHardwareState.0") == "lock", 5)
     neighbour.keep()
     for tool in ("snmpwalk", "snmpbulkwalk"):
         assert still(manager.walk(tool=tool)) == expected

@@ -60,7 +60,8 @@ void init_library() {
 
 // In whose name an engine is asked for its identity (RFC 3414, section 4). The library frees it.
 void add_nameless_user() {
-    auto* user = static_cast<usmUser*>(std::calloc(1, sizeof(usmUser)));
+    static usmUser* user = nullptr;  // the library's from here on
+    user = static_cast<usmUser*>(std::calloc(1, sizeof(usmUser)));
     if (!user) throw std::bad_alloc();
     user->name = strdup("");
     user->secName = strdup("");
