@@ -1,5 +1,5 @@
 // The connection to the server: one stream of events, opened again whenever it is lost. A stream that says nothing for long is
-// lost too, even if it seems open: the server tells something at each of its polls.
+// lost too, even if it seems open: the server tells something each second.
 
 const AGAIN_MS = 1000;
 const PATIENCE_MS = 5000;
@@ -8,7 +8,6 @@ export class Live {
     // `handlers`: state(whole), change(event), tick(event), lost(); whole states begin each connection.
     constructor(handlers) {
         this.handlers = handlers;
-        this.patience = PATIENCE_MS;
         this.open();
         addEventListener('pagehide', () => this.close());
         addEventListener('pageshow', (event) => event.persisted && this.open());
@@ -17,10 +16,7 @@ export class Live {
     open() {
         this.close();
         this.source = new EventSource('events');
-        this.listen('state', (state) => {
-            this.patience = Math.max(PATIENCE_MS, 4 * (state.interval_ms ?? 0));
-            this.handlers.state(state);
-        });
+        this.listen('state', this.handlers.state);
         this.listen('change', this.handlers.change);
         this.listen('tick', this.handlers.tick);
         this.source.onerror = () => this.lost();
@@ -38,7 +34,7 @@ export class Live {
 
     watch() {
         clearTimeout(this.timer);
-        this.timer = setTimeout(() => this.lost(), this.patience);
+        this.timer = setTimeout(() => this.lost(), PATIENCE_MS);
     }
 
     lost() {

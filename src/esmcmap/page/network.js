@@ -16,7 +16,6 @@ export class Network {
     constructor(state, before) {
         this.nodes = keyed(state.nodes, before?.nodes);
         this.links = keyed(state.links, before?.links);
-        this.interval = state.interval_ms ?? before?.interval ?? 1000;
         this.remember(state);
     }
 
