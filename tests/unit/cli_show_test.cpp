@@ -354,7 +354,7 @@ TEST_F(everyday, metrics_in_parts_are_those_of_one_piece) {
           R"(esmcd_lock_error{error="ffo-too-high"} 1)", R"(esmcd_lock_error{error="none"} 0)",
           R"(_ratio{port="a\"\\\\xff"} -5e-12)", R"(_hertz{port="a\"\\\\xff"} 125000000.001)",
           R"(,neighbour="00:00:00:00:00:09"} 1)", R"(received",quality="eec1"} 1)",
-          "esmcd_changed_meanwhile 0"})
+          "\nesmcd_changed_meanwhile 0\n"})
         EXPECT_NE(whole.find(part), whole.npos) << part << "\n" << whole;
     EXPECT_EQ(whole.find("\"off\""), whole.npos) << "SyncE is not enabled there";
     session_.full = [](const cli*) { return true; };
@@ -365,7 +365,7 @@ TEST_F(everyday, metrics_in_parts_are_those_of_one_piece) {
     g_s_master->history.count++;
     while (run("show clock synce metrics") == cli_result::more) parts = output();
     odd->pin = nullptr;
-    EXPECT_NE(output().find("esmcd_changed_meanwhile 1"), whole.npos);
+    EXPECT_NE(output().find("\nesmcd_changed_meanwhile 1\n"), whole.npos);
 }
 
 // The names and kinds of all fields are held to the document (cli_commands_test); here are their values.
