@@ -16,21 +16,25 @@ enum class metric_scale : std::uint8_t { one, seconds, hertz, parts };
 // A value that there is not, now: no sample.
 constexpr std::int64_t METRIC_NONE = INT64_MIN;
 
-struct metric_row {
-    const char* name;  // without the counters' _total
-    const char* help;  // null: more samples of the family before it
-    bool of_ports;     // a sample for each port that SyncE is enabled on, with the label "port"; else of the
-                       // switch
-    metric_type type;
-    metric_scale scale;  // hertz: thousandths of it are the value; parts: 10^-12
-    const char* fixed;   // a label as it is written, NAME="VALUE", or null
-    const char* label;   // the name of the label that has `text`, or null
-    // What a sample says, with a null port for the switch's own. Null `value`: 1. Null text returned: no
-    // sample.
-    std::int64_t (*value)(const ssm_port* port);
-    const char* (*text)(const ssm_port* port);
+// A label whose value comes with the sample.
+struct metric_label {
+    const char* name;
+    const char* (*text)(const ssm_port* port);  // null: no sample
     // All texts that there can be: a sample for each, 1 for the one that holds. Empty: one sample.
     std::span<const char* const> states;
+};
+
+struct metric_row {
+    // The family's name, without the counters' _total, a blank, and its help text. Null: more samples of the
+    // family before it.
+    const char* family;
+    bool of_ports;  // a sample for each port that SyncE is enabled on, with the label "port"; else of the
+                    // switch
+    metric_type type;
+    metric_scale scale;                           // hertz: thousandths of it are the value; parts: 10^-12
+    const char* fixed;                            // a label as it is written, NAME="VALUE", or null
+    const metric_label* label;                    // null: none
+    std::int64_t (*value)(const ssm_port* port);  // a null port for what is the switch's own. Null: 1
 };
 
 extern const std::span<const metric_row> ssm_metric_rows;

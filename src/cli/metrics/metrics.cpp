@@ -13,6 +13,7 @@
 #include "cli/metrics/families.h"
 #include "core/ports.h"
 #include "core/ql.h"
+#include "suite/base/slice.h"
 
 namespace {
 
@@ -29,14 +30,23 @@ const char* unit_of(const metric_row& row) {
     return UNITS[static_cast<std::size_t>(row.scale)];
 }
 
+// The family that the row belongs to begins with it or before it.
+std::string_view name_of(const metric_row* row) {
+    while (!row->family) --row;
+    const std::string_view family = row->family;
+    return slice(family, 0, family.find(' '));
+}
+
 void write_family(cli* terminal, const metric_row& row, bool prometheus) {
-    if (!row.help) return;
+    if (!row.family) return;
+    const std::string_view name = name_of(&row);
+    const int length = static_cast<int>(name.size());
     const bool counter = row.type == metric_type::counter;
     const char* suffix = prometheus && counter ? "_total" : "";
-    terminal->out_func(terminal->out_val, "# HELP %s%s %s\n# TYPE %s%s %s\n", row.name, suffix, row.help,
-                       row.name, suffix, counter ? "counter" : "gauge");
+    terminal->out_func(terminal->out_val, "# HELP %.*s%s%s\n# TYPE %.*s%s %s\n", length, name.data(), suffix,
+                       row.family + length, length, name.data(), suffix, counter ? "counter" : "gauge");
     if (const char* unit = unit_of(row); unit && !prometheus)
-        terminal->out_func(terminal->out_val, "# UNIT %s %s\n", row.name, unit);
+        terminal->out_func(terminal->out_val, "# UNIT %.*s %s\n", length, name.data(), unit);
 }
 
 // Names are the operator's: they may hold anything. What is no printable ASCII is written as \xNN, since a
@@ -65,7 +75,7 @@ void write_labels(cli* terminal, const metric_row& row, const ssm_port* port, co
         before = ',';
     }
     if (row.label) {
-        write_label(terminal, before, row.label, text);
+        write_label(terminal, before, row.label->name, text);
         before = ',';
     }
     if (before == ',') terminal->out_func(terminal->out_val, "}");
@@ -83,17 +93,20 @@ void write_value(cli* terminal, metric_scale scale, std::int64_t value) {
 
 void write_sample(cli* terminal, const metric_row& row, const ssm_port* port, const char* text,
                   std::int64_t value) {
-    terminal->out_func(terminal->out_val, "%s%s", row.name, row.type == metric_type::counter ? "_total" : "");
+    const std::string_view name = name_of(&row);
+    terminal->out_func(terminal->out_val, "%.*s%s", static_cast<int>(name.size()), name.data(),
+                       row.type == metric_type::counter ? "_total" : "");
     write_labels(terminal, row, port, text);
     write_value(terminal, row.scale, value);
 }
 
 void write_samples(cli* terminal, const metric_row& row, const ssm_port* port) {
-    const char* text = row.text ? row.text(port) : nullptr;
+    const metric_label* label = row.label;
+    const char* text = label ? label->text(port) : nullptr;
     const std::int64_t value = row.value ? row.value(port) : 1;
-    if (value == METRIC_NONE || (row.text && !text)) return;
-    if (!text || row.states.empty()) return write_sample(terminal, row, port, text, value);
-    for (const char* state : row.states)
+    if (value == METRIC_NONE || (label && !text)) return;
+    if (!text || label->states.empty()) return write_sample(terminal, row, port, text, value);
+    for (const char* state : label->states)
         write_sample(terminal, row, port, state, std::strcmp(state, text) == 0);
 }
 
@@ -115,17 +128,15 @@ int write_row(cli* terminal, const metric_row& row, bool prometheus) {
 
 // Of a listing in parts: what its rows say may not go together.
 void write_end(cli* terminal, bool prometheus) {
-    constexpr metric_row CHANGED = {
-        "esmcd_changed_meanwhile",
-        "1: the clock changed while this was written; ports and clock may not go together.",
+    static constexpr metric_row CHANGED = {
+        "esmcd_changed_meanwhile 1: the clock changed while this was written; ports and clock may not go "
+        "together.",
         false,
         metric_type::gauge,
         metric_scale::one,
         nullptr,
         nullptr,
-        nullptr,
-        nullptr,
-        {}};
+        nullptr};
     write_family(terminal, CHANGED, prometheus);
     write_sample(
         terminal, CHANGED, nullptr, nullptr,
