@@ -254,7 +254,7 @@ def test_the_slider_shows_the_past_and_a_lost_server_is_said(browser, serve):
     browser.wait(gone)
     assert browser.eval("document.title").startswith("no connection")
     served = serve([whole], where=served.url.split("/")[2])
-    browser.wait(back + " && document.querySelectorAll('#network .node').length === 10", 5)
+    browser.wait(back + " && document.querySelectorAll('#network .node').length === 10 && document.title.startsWith('ok ')")
     check_drawing(browser.eval(DRAWN), whole)
 
 

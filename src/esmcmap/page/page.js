@@ -156,9 +156,16 @@ function say(text) {
     setText(byId('said'), text);
 }
 
+// The worst that there is, for the title. "ok" is what every switch has to say.
+function markOf(network) {
+    const worst = alarmsOf(network)[0]?.kind;
+    if (worst) return worst === 'loop' ? 'LOOP' : worst;
+    return network.switches().some((node) => node.answer !== 'ok') ? 'waiting' : 'ok';
+}
+
 function showTitle() {
-    const [mark, colour] = lostSince ? ['no connection', '%23777'] : !live ? ['', '%23777']
-        : live.loops.length ? ['LOOP', '%23c8202f'] : live.islands.length ? ['island', '%23c27800'] : ['ok', '%230a7d55'];
+    const mark = lostSince ? 'no connection' : live ? markOf(live) : '';
+    const colour = { LOOP: '%23c8202f', ok: '%230a7d55', '': '%23777', waiting: '%23777', 'no connection': '%23777' }[mark] ?? '%23c27800';
     const title = [mark, TITLE].filter(Boolean).join(' · ');
     if (document.title === title) return;
     document.title = title;

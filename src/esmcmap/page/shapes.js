@@ -90,7 +90,7 @@ function noteOf(node, now) {
     const notes = [answerText(node, now)];
     if (node.loop) notes.push('loop');
     else if (node.state === 'lock' && node.hops) notes.push(`${node.hops} ${node.hops === 1 ? 'hop' : 'hops'}`);
-    else if (node.state !== 'off') notes.push(stateText(node.state));
+    else if (node.state !== 'off' && !(node.state === 'unknown' && node.answer !== 'ok')) notes.push(stateText(node.state));
     if (node.claim) notes.push('false claim');
     return notes.filter(Boolean).join(', ');
 }
