@@ -69,6 +69,19 @@ TEST(MapMetrics, SwitchThatTellsNonsenseMakesNoTextThatCanNotBeRead) {
     EXPECT_EQ(line_of(text, "esmcd_port_frequency_offset_ratio{switch=\"A\",port="), R"("a\"b�\\"} -5e-12)");
 }
 
+// By SNMP there are no sentences, and not all of the numbers.
+TEST(MapMetrics, WhatTheMibDoesNotTellIsNotGuessed) {
+    const std::string text = told_by(
+        R"({"running_state":"lock","synce_enabled":true,"ssm_extended":true,"loop_guard_holds":2,"ports":[)"
+        R"({"name":"p1","synce_enabled":true,"source":true},{"name":"p2","synce_enabled":true}]})");
+    EXPECT_EQ(line_of(text, "esmcd_loop_guard_enabled"), "{switch=\"A\"} 1");
+    EXPECT_EQ(line_of(text, "esmcd_loop_guard_in_force"), "{switch=\"A\"} 1");
+    EXPECT_EQ(line_of(text, "esmcd_port_usable{switch=\"A\",port="), "\"p1\",reason=\"candidate\"} 1");
+    for (const char* untold :
+         {"esmcd_changed_meanwhile{", "esmcd_changes_total{", "esmcd_port_hops{", "\"p2\",reason"})
+        EXPECT_EQ(text.find(untold), text.npos) << untold;
+}
+
 TEST(MapMetrics, SwitchThatIsSilentHasOnlyWhatTheMapKnows) {
     const std::string text =
         told_by(R"({"running_state":"holdover","synce_enabled":true,"ports":[]})", answer::silent);

@@ -91,12 +91,23 @@ samples named(const subject& from, const row& of) {
 }
 
 // Fields of the loop guard are there while it is on.
-samples is_there(const subject& from, const row& of) {
-    return one(number(from, of.field).has_value());
+bool guarded(const subject& from) {
+    return number(from, "loop_guard_holds").has_value();
 }
 
-samples or_0(const subject& from, const row& of) {
-    return one(number(from, of.field).value_or(0));
+samples guard_enabled(const subject& from, const row&) {
+    return one(guarded(from));
+}
+
+// The MIB does not tell it; the extension is all that it takes.
+samples guard_in_force(const subject& from, const row& of) {
+    const double extended = number(from, "ssm_extended").value_or(0);
+    return one(guarded(from) ? number(from, of.field).value_or(extended) : 0);
+}
+
+// There is such a field only when it is true, and only in JSON, which always tells of changes.
+samples changed_meanwhile(const subject& from, const row& of) {
+    return number(from, "changes") ? one(number(from, of.field).value_or(0)) : samples{};
 }
 
 samples word(const subject& from, const row& of) {
@@ -154,6 +165,7 @@ constexpr std::string_view OF_THE_SWITCH[] = {"SyncE is off", "the switch is mas
 
 samples usable(const subject& from, const row&) {
     const std::string& why = from.port->reason;
+    if (why.empty() && !from.port->source) return {};  // the MIB does not tell
     for (const std::string_view whole : OF_THE_SWITCH)
         if (why.starts_with(whole)) return {};
     for (const auto& [begin, reason] : REFUSALS)
@@ -188,13 +200,13 @@ constexpr row ROWS[] = {
      GAUGE, false, nullptr, nullptr, "local_quality", level},
     {"esmcd_external_command", "1: the operator's command chooses the source.", GAUGE, false,
      "command=\"forced\"", nullptr, "forced_port", named},
-    {"esmcd_external_command", nullptr, GAUGE, false, "command=\"forced_e1\"", nullptr, "e1_forced", or_0},
+    {"esmcd_external_command", nullptr, GAUGE, false, "command=\"forced_e1\"", nullptr, "e1_forced", plain},
     {"esmcd_external_command", nullptr, GAUGE, false, "command=\"manual\"", nullptr, "manual_port", named},
     {"esmcd_changes", "Entries of the history.", COUNTER, false, nullptr, nullptr, "changes", plain},
-    {"esmcd_loop_guard_enabled", "The loop guard is configured.", GAUGE, false, nullptr, nullptr,
-     "loop_guard_in_force", is_there},
+    {"esmcd_loop_guard_enabled", "The loop guard is configured.", GAUGE, false, nullptr, nullptr, nullptr,
+     guard_enabled},
     {"esmcd_loop_guard_in_force", "The loop guard is configured, and the extension that it needs.", GAUGE,
-     false, nullptr, nullptr, "loop_guard_in_force", or_0},
+     false, nullptr, nullptr, "loop_guard_in_force", guard_in_force},
     {"esmcd_loop_guard_hold_left_seconds",
      "How long the loop guard holds over at most for want of a proved offer; 0: it does not.", SECONDS, false,
      nullptr, nullptr, "loop_guard_hold_left_ms", from_milli},
@@ -289,7 +301,7 @@ constexpr row ROWS[] = {
      metric_kind::hertz, true, nullptr, nullptr, "measured_frequency_millihertz", from_milli},
     {"esmcd_changed_meanwhile",
      "1: the clock changed while this was written; ports and clock may not go together.", GAUGE, false,
-     nullptr, nullptr, "changed_meanwhile", or_0},
+     nullptr, nullptr, "changed_meanwhile", changed_meanwhile},
 };
 
 // ---- Writing ----
