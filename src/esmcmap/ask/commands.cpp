@@ -122,7 +122,7 @@ std::string last_line(std::string_view text) {
 }
 
 std::string how_it_ended(const running& job, const siginfo_t& info) {
-    const std::string complaint = last_line(job.complained);
+    std::string complaint = last_line(job.complained);
     if (!complaint.empty()) return complaint;
     return (info.si_code == CLD_EXITED ? "the command ended with status "
                                        : "the command was ended by signal ") +

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <map>
 #include <set>
+#include <tuple>
 
 namespace esmcmap {
 
@@ -13,7 +14,7 @@ namespace {
 
 struct end {
     std::size_t who, port;
-    auto operator<=>(const end&) const = default;
+    bool operator<(const end& other) const { return std::tie(who, port) < std::tie(other.who, other.port); }
 };
 using address_book = std::map<std::string, std::vector<end>>;
 

@@ -6,12 +6,11 @@
 // made to point here gets nothing.
 #include "esmcmap/serve/server.h"
 
-#include <httplib.h>
-
 #include <atomic>
 #include <charconv>
 #include <thread>
 
+#include "esmcmap/serve/bounded_http.h"
 #include "esmcmap/serve/page_files.h"
 
 namespace esmcmap {
@@ -26,10 +25,11 @@ constexpr const char* POLICY =
     "base-uri 'none'; "
     "form-action 'none'; frame-ancestors 'none'";
 constexpr unsigned OTHER_THREADS = 16;
-constexpr std::size_t MOST_BODY = 1024;  // octets; nobody has anything to send
 
+// 127.0.0.1 and its like by their digits: a name may begin with them.
 bool is_loopback(const std::string& host) {
-    return host == "localhost" || host == "::1" || host.rfind("127.", 0) == 0;
+    return host == "localhost" || host == "::1" ||
+           (host.rfind("127.", 0) == 0 && host.find_first_not_of("0123456789.") == host.npos);
 }
 
 // "host:8466", "[::1]:8466", without the port.
@@ -54,17 +54,13 @@ struct server::inside {
 
     const records& shown;
     std::function<std::string()> metrics;
-    httplib::Server http;
+    bounded_server http{MOST_STREAMS + OTHER_THREADS};
     std::thread thread;
     serve_address at;
     std::atomic<unsigned> streams = 0;
 
     void limit() {
-        http.new_task_queue = [] { return new httplib::ThreadPool(MOST_STREAMS + OTHER_THREADS); };
-        http.set_payload_max_length(MOST_BODY);
-        http.set_read_timeout(3);
-        http.set_write_timeout(5);
-        http.set_keep_alive_timeout(2);
+        http.set_payload_max_length(MOST_REQUEST);
         http.set_tcp_nodelay(true);
         http.set_default_headers({{"Content-Security-Policy", POLICY},
                                   {"X-Content-Type-Options", "nosniff"},
@@ -180,9 +176,10 @@ server::~server() {
 
 bool server::bind(const serve_address& at) {
     in->at = at;
-    if (at.port != 0) return in->http.bind_to_port(at.host.c_str(), at.port);
-    in->at.port = in->http.bind_to_any_port(at.host.c_str());
-    return in->at.port > 0;
+    if (at.port == 0) in->at.port = in->http.bind_to_any_port(at.host.c_str());
+    const bool bound = at.port ? in->http.bind_to_port(at.host.c_str(), at.port) : in->at.port > 0;
+    if (bound) in->http.lengthen_queue();
+    return bound;
 }
 
 std::string server::url() const {
