@@ -4,6 +4,7 @@ import { answerText, cut, describe, qualityGroup, qualityText, setAttribute, set
 
 export const RADIUS = 21;
 export const LONGEST = 18;  // letters of a name that are drawn
+const SHORT = 8;  // a name up to that length stands best right above or below
 
 const CIRCLE = 'M-21 0a21 21 0 1 1 42 0a21 21 0 1 1 -42 0z';
 const SQUARE = 'M-15 -20h30a5 5 0 0 1 5 5v30a5 5 0 0 1 -5 5h-30a5 5 0 0 1 -5 -5v-30a5 5 0 0 1 5 -5z';
@@ -69,7 +70,8 @@ export class NodeShape {
     // angles at which links and close neighbours lie; a name beside the shape would run into the latter.
     makeRoom(links, close, outward) {
         const nearest = (angles, side) => Math.min(Math.PI / 2.5, ...angles.map((angle) => Math.abs(turn(angle - side))));
-        const room = ({ angle, beside }) => nearest([...links, ...close], angle) + 0.2 * Math.cos(outward - angle) - (beside && nearest(close, angle) < 0.8 ? 1 : 0);
+        const room = ({ angle, beside, slanting }) => nearest([...links, ...close], angle) + 0.2 * Math.cos(outward - angle) -
+            (beside && nearest(close, angle) < 0.8 ? 1 : 0) - (slanting && this.node.id.length <= SHORT ? 0.1 : 0);
         setAttribute(this.element, 'data-side', SIDES.reduce((best, side) => (room(side) > room(best) + 0.1 ? side : best)).name);
     }
 }
@@ -77,8 +79,8 @@ export class NodeShape {
 const SIDES = [
     { name: 'below', angle: Math.PI / 2 }, { name: 'above', angle: -Math.PI / 2 },
     { name: 'right', angle: 0, beside: true }, { name: 'left', angle: Math.PI, beside: true },
-    { name: 'below-right', angle: Math.PI / 4 }, { name: 'below-left', angle: (3 * Math.PI) / 4 },
-    { name: 'above-right', angle: -Math.PI / 4 }, { name: 'above-left', angle: (-3 * Math.PI) / 4 },
+    { name: 'below-right', angle: Math.PI / 4, slanting: true }, { name: 'below-left', angle: (3 * Math.PI) / 4, slanting: true },
+    { name: 'above-right', angle: -Math.PI / 4, slanting: true }, { name: 'above-left', angle: (-3 * Math.PI) / 4, slanting: true },
 ];
 
 function turn(angle) {
