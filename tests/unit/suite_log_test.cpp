@@ -207,6 +207,15 @@ TEST_F(Log, StandardErrorIsFollowedWhenItIsRedirected) {
         ASSERT_EQ(write(STDERR_FILENO, "another writer\n", 15), 15);
         EXPECT_EQ(read_file(path), said.back().second + "\nanother writer\n") << "nobody's line is lost";
     }
+    const int journal = open((folder + "/journal").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
+    struct stat about {};
+    fstat(journal, &about);
+    setenv("JOURNAL_STREAM", (std::to_string(about.st_dev) + ":" + std::to_string(about.st_ino)).c_str(), 1);
+    become_stderr(journal);
+    log_suite(LOG_LEVEL_WARNING, "%s", std::string(LOG_LINE_MAX, 'j').c_str());
+    unsetenv("JOURNAL_STREAM");
+    EXPECT_EQ(read_file(folder + "/journal"), "<4>" + said.back().second + "\n")
+        << "the journal has the level";
     close(STDERR_FILENO);  // gone altogether: counted, nothing else
     log_suite(LOG_LEVEL_INFO, "three");
     EXPECT_TRUE(log_backlog());

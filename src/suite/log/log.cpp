@@ -104,7 +104,7 @@ void log_line(int level, const char* format, va_list args) {
         if (taps[i].call != nullptr) taps[i].call(taps[i].arg, level, line, length);
     }
     line[length] = '\n';
-    if (settings.sinks & LOG_SINK_STDERR) log_stderr_write(line, length + 1);
+    if (settings.sinks & LOG_SINK_STDERR) log_stderr_write(level, line, length + 1);
     if (settings.sinks & LOG_SINK_FILE) log_file_write(line, length + 1);
     if (settings.sinks & LOG_SINK_SYSLOG) log_syslog_write(level, line + prefix, length - prefix);
     formatting = false;

@@ -8,6 +8,9 @@
 // Standard error is shared with other processes, so its flags are not ours to change: it is opened anew
 // through /proc, which works for terminals, pipes and files. Where it does not (sockets), each write is made
 // only after poll said that there is room, or as a send that does not wait.
+//
+// Where standard error is the journal's (JOURNAL_STREAM names it), a line begins with its level as <4>, which
+// the journal takes for the record's priority and does not keep.
 #include "suite/log/sinks.h"
 
 #include <fcntl.h>
@@ -19,6 +22,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
@@ -30,12 +34,15 @@ namespace {
 
 enum class writing { plain, poll_first, socket };
 
+constexpr std::size_t MARK_LENGTH = 3;  // "<4>"
+
 struct stream_sink {
     int fd = -1;
     writing how = writing::plain;
     std::uint64_t dropped = 0;  // since the count was last said
     std::size_t held_at = 0, held_length = 0;
-    char held[LOG_LINE_MAX];  // the rest of a line that was taken in part
+    bool marked = false;                    // lines begin with their level
+    char held[MARK_LENGTH + LOG_LINE_MAX];  // the rest of a line that was taken in part
 };
 
 stream_sink error_sink;
@@ -102,6 +109,15 @@ bool write_line(stream_sink* sink, const char* line, std::size_t length) {
     return true;
 }
 
+// Octets put in front of a line.
+std::size_t mark(const stream_sink& sink, int level, char* out) {
+    if (!sink.marked) return 0;
+    out[0] = '<';
+    out[1] = static_cast<char>('0' + level);
+    out[2] = '>';
+    return MARK_LENGTH;
+}
+
 // Completes what was begun and says what was dropped. True when the sink can take a line.
 bool catch_up(stream_sink* sink) {
     if (sink->fd < 0) return false;
@@ -113,7 +129,8 @@ bool catch_up(stream_sink* sink) {
     }
     if (sink->dropped == 0) return true;
     char line[128];
-    std::size_t length = log_format_prefix(line, sizeof line, LOG_LEVEL_WARNING);
+    std::size_t length = mark(*sink, LOG_LEVEL_WARNING, line);
+    length += log_format_prefix(line + length, sizeof line - length, LOG_LEVEL_WARNING);
     length += static_cast<std::size_t>(std::snprintf(line + length, sizeof line - length,
                                                      "%llu log lines dropped\n",
                                                      static_cast<unsigned long long>(sink->dropped)));
@@ -136,6 +153,14 @@ void close_error_sink() {
     close_stream(&error_sink, error_sink.fd != STDERR_FILENO);
 }
 
+bool is_journal(const struct stat& now) {
+    const char* stream = std::getenv("JOURNAL_STREAM");
+    char own[64];
+    std::snprintf(own, sizeof own, "%llu:%llu", static_cast<unsigned long long>(now.st_dev),
+                  static_cast<unsigned long long>(now.st_ino));
+    return stream != nullptr && std::strcmp(stream, own) == 0;
+}
+
 // Follows descriptor 2 when it was redirected, as the switch into daemon mode does.
 void follow_standard_error() {
     struct stat now {};
@@ -147,6 +172,7 @@ void follow_standard_error() {
     close_error_sink();
     error_device = now.st_dev;
     error_inode = now.st_ino;
+    error_sink.marked = is_journal(now);
     error_sink.fd = STDERR_FILENO;
     error_sink.how = S_ISSOCK(now.st_mode) ? writing::socket : writing::poll_first;
     if (S_ISSOCK(now.st_mode)) return;
@@ -209,13 +235,16 @@ bool syslog_catch_up() {
 
 }  // namespace
 
-void log_stderr_write(const char* line, std::size_t length) {
+void log_stderr_write(int level, const char* line, std::size_t length) {
     follow_standard_error();
     if (error_sink.fd < 0) {
         drop_line(&error_sink.dropped);
         return;
     }
-    stream_write(&error_sink, line, length);
+    char marked[MARK_LENGTH + LOG_LINE_MAX];
+    const std::size_t begin = mark(error_sink, level, marked);
+    std::memcpy(marked + begin, line, length);
+    stream_write(&error_sink, marked, begin + length);
 }
 
 void log_stderr_close() {

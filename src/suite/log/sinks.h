@@ -8,9 +8,9 @@
 // The longest line with its time, level and newline; longer text is cut.
 constexpr std::size_t LOG_LINE_MAX = 4096;
 
-// Writes a whole line, newline included, to standard error as it is now (it may have been redirected since
-// the line before).
-void log_stderr_write(const char* line, std::size_t length);
+// Writes a whole line of at most LOG_LINE_MAX octets, newline included, to standard error as it is now (it
+// may have been redirected since the line before).
+void log_stderr_write(int level, const char* line, std::size_t length);
 // Lets go of what was opened for it: a pipe that is held on to keeps its reader waiting for the end.
 void log_stderr_close();
 
