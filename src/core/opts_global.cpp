@@ -91,7 +91,9 @@ std::int32_t ssm_opts_set_ssm_enable(std::uint32_t on) {
     return SSM_OK;
 }
 
+// Given again, as a reload of the configuration does, it is no reason to forget what neighbours were told.
 std::int32_t ssm_opts_set_ssm_extend(std::uint32_t on) {
+    if (g_s_master->ssm_extend == on) return SSM_OK;
     g_s_master->ssm_extend = on;
     if (g_s_master->guard.enable) ssm_guard_restart();
     return SSM_OK;

@@ -1,6 +1,7 @@
 // Operations on what supervision.h keeps, and on the form of the extended TLV. Values out of range are
 // refused with SSM_CLI_E_INVALID_INPUT; what changes who may be the source is followed by selection at once.
 #include "core/extension.h"
+#include "core/guard.h"
 #include "core/opts.h"
 #include "core/ports.h"
 #include "core/ql.h"
@@ -124,7 +125,9 @@ std::int32_t ssm_opts_set_port_limit(interface* intf, std::uint32_t direction, s
 }
 
 std::int32_t ssm_opts_set_extend_form(std::uint32_t form) {
+    if (g_s_master->extend_form == form) return SSM_OK;
     g_s_master->extend_form = static_cast<std::uint8_t>(form);
+    if (ssm_guard_in_force()) ssm_guard_restart();
     return SSM_OK;
 }
 
