@@ -32,6 +32,9 @@ constexpr std::uint32_t WHOLE = 0xffffffff;
 // What fork of the C library says beside the signal at the child's end.
 constexpr std::uint32_t FORK_FLAGS = CLONE_CHILD_SETTID | CLONE_CHILD_CLEARTID;
 constexpr std::uint32_t TERMINAL_SETTINGS = 0x5401;  // TCGETS
+#ifndef __GLIBC__
+constexpr std::uint32_t WINDOW_SIZE = 0x5413;  // TIOCGWINSZ
+#endif
 
 #ifdef __NR_fcntl64
 constexpr std::uint32_t FCNTL = __NR_fcntl64;
@@ -223,6 +226,20 @@ constexpr rights_call CALLS[] = {
     {ESMCD, __NR_getpriority},               // nice()
     {ESMCD, __NR_setpriority, 1, WHOLE, 0},  // nice(); of oneself only
     {ESMCD, __NR_getrandom},                 // salt of a password
+
+#ifndef __GLIBC__
+    // What musl calls instead of the above, or beside it.
+    {BOTH, __NR_epoll_pwait},                   // epoll_wait()
+    {BOTH, __NR_sendmsg},                       // sendmmsg()
+    {BOTH, __NR_readv},                         // a stream that is read
+    {BOTH, FCNTL, 1, WHOLE, F_SETFD},           // open() with O_CLOEXEC
+    {BOTH, __NR_ioctl, 1, WHOLE, WINDOW_SIZE},  // a stream that is written first
+#ifdef __NR_fork
+    {BOTH, __NR_fork},
+#endif
+    {BOTH, __NR_gettid},                        // fork()
+    {BOTH, __NR_madvise, 2, WHOLE, MADV_FREE},  // free()
+#endif
 };
 
 }  // namespace

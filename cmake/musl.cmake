@@ -1,0 +1,20 @@
+# musl for a C library, by what tools/musl_toolchain has made in build/musl, or where ESMC_MUSL says.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR ${CMAKE_HOST_SYSTEM_PROCESSOR})
+
+if(NOT ESMC_MUSL)
+  get_filename_component(ESMC_MUSL ${CMAKE_CURRENT_LIST_DIR}/../build/musl ABSOLUTE)
+endif()
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES ESMC_MUSL)
+set(CMAKE_C_COMPILER ${ESMC_MUSL}/bin/${CMAKE_SYSTEM_PROCESSOR}-linux-musl-gcc)
+set(CMAKE_CXX_COMPILER ${ESMC_MUSL}/bin/${CMAKE_SYSTEM_PROCESSOR}-linux-musl-g++)
+set(ESMC_CRYPT_LIBRARY ${ESMC_MUSL}/lib/libcrypt.a)
+
+set(CMAKE_FIND_ROOT_PATH ${ESMC_MUSL})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+
+# GoogleTest is built from the distribution's sources: cross/FindGTest.cmake.
+list(APPEND CMAKE_MODULE_PATH ${CMAKE_CURRENT_LIST_DIR}/cross)
