@@ -54,6 +54,12 @@ module_param(set_delay_ms, int, 0644);	/* how long a setting takes */
 module_param(silent, int, 0644);	/* no notifications when the hardware moves */
 module_param(no_signal, ulong, 0644);
 
+static int lock_error = DPLL_LOCK_STATUS_ERROR_NONE, offset_ppm;
+static ulong quality;
+module_param(lock_error, int, 0644);	/* why the lock was lost, as the interface numbers it */
+module_param(offset_ppm, int, 0644);	/* frequency offset of every pin; 0: not told */
+module_param(quality, ulong, 0444);	/* bits of the levels that the device claims */
+
 struct mock_pin {
 	struct dpll_pin *pin;
 	struct net_device *dev;
@@ -211,8 +217,21 @@ static int lock_status_get(const struct dpll_device *dpll, void *priv, enum dpll
 			   enum dpll_lock_status_error *error, struct netlink_ext_ack *extack)
 {
 	*out = READ_ONCE(status);
-	*error = DPLL_LOCK_STATUS_ERROR_NONE;
+	*error = lock_error;
 	return -device_error;
+}
+
+static int quality_get(const struct dpll_device *dpll, void *priv, unsigned long *levels, struct netlink_ext_ack *extack)
+{
+	*levels = quality;
+	return 0;
+}
+
+static int offset_get(const struct dpll_pin *pin, void *priv, const struct dpll_device *dpll, void *dpll_priv, s64 *out,
+		      struct netlink_ext_ack *extack)
+{
+	*out = offset_ppm;
+	return offset_ppm ? 0 : -ENODATA;
 }
 
 static int direction_get(const struct dpll_pin *pin, void *priv, const struct dpll_device *dpll, void *dpll_priv,
@@ -324,16 +343,19 @@ static int state_on_mux_set(const struct dpll_pin *pin, void *priv, const struct
 static const struct dpll_device_ops device_ops = {
 	.mode_get = mode_get,
 	.lock_status_get = lock_status_get,
+	.clock_quality_level_get = quality_get,
 };
 
 static const struct dpll_pin_ops manual_ops = {
 	.direction_get = direction_get,
+	.ffo_get = offset_get,
 	.state_on_dpll_get = state_get,
 	.state_on_dpll_set = state_set,
 };
 
 static const struct dpll_pin_ops automatic_ops = {
 	.direction_get = direction_get,
+	.ffo_get = offset_get,
 	.state_on_dpll_get = state_get,
 	.state_on_dpll_set = state_set,
 	.prio_get = prio_get,
@@ -554,7 +576,7 @@ static void add_pin(enum dpll_pin_type type, const char *label, bool on_mux)
 {
 	struct mock_pin *m = &pins[pin_count];
 	struct dpll_pin_properties properties = {
-		.board_label = m->label, .type = type, .capabilities = DPLL_PIN_CAPABILITIES_STATE_CAN_CHANGE,
+		.board_label = m->label, .panel_label = "front", .package_label = "chip", .type = type, .capabilities = DPLL_PIN_CAPABILITIES_STATE_CAN_CHANGE,
 	};
 	int ret;
 

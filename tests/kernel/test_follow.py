@@ -2,6 +2,7 @@
 what else there may be about a port."""
 
 import json
+import re
 
 import pytest
 from clock_lab import HOLDOVER, LOCKED, wait_until, wire
@@ -123,6 +124,23 @@ def test_the_probe_and_the_shows_have_the_pins(box):
     one.clock.unload()
     answer = probe()
     assert answer.returncode == 1 and "no: no clock device" in answer.stdout, answer
+
+
+def test_what_the_driver_tells_is_shown(box):
+    """Frequency offset, labels, the lock's error, what the device claims of itself."""
+    def tells(error):
+        shown = json.loads(one.sw.show("clock synce json"))
+        found = [shown["lock_error"], shown["local_quality"], *(port["frequency_offset_ppt"] for port in shown["ports"])]
+        return found == [error, "ssu-b", -3000000, -3000000]
+
+    one = box(mode=2, quality=1 << 3, offset_ppm=-3).follow("--clock-quality")  # SSU-B
+    assert one.status().count("frequency offset -3000.000 ppb") == 5 and "; panel front; package chip" in one.status()
+    wait_until(lambda: tells(None), 3, "the kernel tells no error of a clock that is locked")
+    one.clock.set(no_signal=15, lock_error=4)
+    one.neighbours.say(swp0=None, swp2=None)
+    one.sees(None, 12)
+    wait_until(lambda: tells("ffo-too-high"), 3)
+    assert re.search(r"none +ffo-too-high +lock error", one.sw.show("clock synce history"))
 
 
 def test_two_hundred_and_fifty_ports(box):

@@ -1,7 +1,7 @@
 // The kernel's clock (DPLL) interface as messages: what a device and a pin are, and their settings. Numbers
-// of attributes and commands are the kernel's (include/uapi/linux/dpll.h,
-// Documentation/netlink/specs/dpll.yaml, up to Linux 7.2; the headers that we build with may be older); which
-// of them a kernel or driver has is found out by looking, never by its version.
+// of attributes and commands are the kernel's (include/uapi/linux/dpll.h, compared with those of Linux 6.12
+// and 7.3; the headers that we build with may be older); which of them a kernel or driver has is found out by
+// looking, never by its version.
 #pragma once
 
 #include <cstdint>
@@ -50,7 +50,8 @@ enum dpll_pin_attr : std::uint16_t {
     DPLL_PIN_A_CAPABILITIES = 17,
     DPLL_PIN_A_PARENT_DEVICE = 18,
     DPLL_PIN_A_PARENT_PIN = 19,
-    DPLL_PIN_A_FFO = 24,                 // in 10^-6, of the pin, or in a place against that device
+    DPLL_PIN_A_FFO = 24,  // in 10^-6, of the pin, or in a place against that device
+    // Linux 6.12 ends before these; they are as in 7.3.
     DPLL_PIN_A_FFO_PPT = 30,             // the same in 10^-12
     DPLL_PIN_A_MEASURED_FREQUENCY = 31,  // in mHz
     DPLL_PIN_A_OPERSTATE = 32,

@@ -12,7 +12,8 @@ constexpr const char* MODES[] = {"no mode", "manual", "automatic"};
 constexpr const char* TYPES[] = {"unknown", "PPS", "EEC", "generic"};
 constexpr const char* STATUSES[] = {"unknown", "unlocked", "locked", "locked, holdover acquired", "holdover"};
 constexpr const char* ERRORS[] = {"none", "none", "undefined", "media down", "frequency offset too high"};
-constexpr const char* PIN_TYPES[] = {"", "MUX", "external", "SyncE port", "internal oscillator", "GNSS"};
+constexpr const char* PIN_TYPES[] = {
+    "", "MUX", "external", "SyncE port", "internal oscillator", "GNSS", "controlled oscillator"};
 constexpr const char* STATES[] = {"", ", connected", ", disconnected", ", selectable"};
 constexpr const char* OPERSTATES[] = {"", ", active", ", standby", ", no signal", ", quality failed"};
 
