@@ -38,7 +38,7 @@ class Browser:
     def eval(self, js):
         return self("eval", js=js)
 
-    def wait(self, js, seconds=5):
+    def wait(self, js, seconds=10):
         return self("wait", js=js, ms=seconds * 1000)
 
     def press(self, *keys):
