@@ -1,7 +1,7 @@
 // Who needs which system call after its start, and what for. A row is: programs, call, and, where only some
 // of its uses are needed, the argument that tells. To add one: `{ESMCD, __NR_name},  // function that calls
 // it`, between #ifdef and #endif when one of the four architectures has no such number; build with
-// -DESMC_FILTER_KILL and run the system tests.
+// -DESMC_FILTER_KILL=ON and run the system tests.
 //
 // What is not here on purpose: every call that signals another process (kill, tkill, tgkill,
 // pidfd_send_signal, rt_sigqueueinfo), and the uses of fcntl, prlimit and clone that come to the same;

@@ -3,8 +3,8 @@
 // fault in the table costs a function, not the clock. Kernels from 4.14 on can note refused calls in the
 // audit log; they are asked to.
 //
-// -DESMC_FILTER_KILL builds a filter that ends the process instead: run the system tests with it after a
-// change that makes new system calls. -DESMC_NO_FILTER builds none.
+// -DESMC_FILTER_KILL=ON of cmake builds a filter that ends the process instead: run the system tests with it
+// after a change that makes new system calls. -DESMC_NO_FILTER builds none.
 #include <linux/audit.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
