@@ -275,6 +275,7 @@ class Switch(Node):
 
     nsmd = None
     esmcd = None
+    pause = 0.1 if "ESMC_GUEST_name" in os.environ else 0.02  # seconds between two questions; they cost an emulated machine more
 
     def start_nsmd(self, *options):
         options = options or ("--port", "p*", "--dpll", "sim")
@@ -340,7 +341,7 @@ class Switch(Node):
             seen.update(read())
             return all(seen.get(labels[key]) == value for key, value in expected.items())
         try:
-            wait_until(matches, deadline, str(expected), interval=0.02)
+            wait_until(matches, deadline, str(expected), interval=self.pause)
         except Timeout:
             shown = {key: seen.get(labels[key]) for key in expected}
             raise Timeout(f"{self.name}: not within {deadline:g} s: {expected}; it shows {shown}") from None
