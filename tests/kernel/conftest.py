@@ -1,6 +1,5 @@
-"""Fixtures of the tests that run inside the guests of tools/check_kernel, and which guest runs which test."""
+"""Fixtures of the tests that run inside the guests of tools/check_kernel."""
 
-import os
 import pathlib
 import sys
 
@@ -11,8 +10,6 @@ sys.path.append(str(pathlib.Path(__file__).resolve().parent.parent.parent / "too
 
 import lab as lab_module  # noqa: E402
 from clock_lab import Box, Clock  # noqa: E402
-
-SHARE = pathlib.Path("/run/out")  # of all guests of this run
 
 
 @pytest.fixture
@@ -59,23 +56,3 @@ def pytest_collection_modifyitems(items):
     for item in items:
         if item.name in KNOWN:
             item.add_marker(pytest.mark.xfail(strict=True, reason=KNOWN[item.name]))
-
-
-def take(item):
-    """True for the first guest that asks."""
-    try:
-        (SHARE / "taken" / item.name.replace("/", "_")).mkdir()
-        return True
-    except FileExistsError:
-        return False
-
-
-@pytest.hookimpl(tryfirst=True)
-def pytest_runtestloop(session):
-    """The guests share the tests: each takes the next one that nobody has."""
-    if not SHARE.exists() or session.config.option.collectonly or session.testsfailed:
-        return None
-    (SHARE / os.environ["ESMC_GUEST_name"] / "collected").write_text("".join(item.name + "\n" for item in session.items))
-    for item in filter(take, session.items):
-        item.config.hook.pytest_runtest_protocol(item=item, nextitem=None)
-    return True
