@@ -242,7 +242,11 @@ struct bare_sender {
             to[i].sll_halen = 6;
             to[i].sll_ifindex = static_cast<int>(ports[i]->kernel_ifindex);
             octets[i] = {frame, sizeof frame};
-            messages[i] = {{&to[i], sizeof to[i], &octets[i], 1, nullptr, 0, 0}, 0};
+            msghdr& header = messages[i].msg_hdr;  // whose order of members is the C library's
+            header.msg_name = &to[i];
+            header.msg_namelen = sizeof to[i];
+            header.msg_iov = &octets[i];
+            header.msg_iovlen = 1;
         }
     }
     ~bare_sender() { close(fd); }
