@@ -3,8 +3,8 @@
 #include "esmcmap/serve/metrics.h"
 
 #include <array>
+#include <charconv>
 #include <cmath>
-#include <cstdio>
 #include <functional>
 #include <initializer_list>
 #include <optional>
@@ -28,10 +28,15 @@ struct subject {
 enum class metric_kind { gauge, counter, seconds, hertz, ratio };
 
 struct sample {
-    double value;
-    std::string text;  // of the family's label
+    double value = 0;
+    std::string_view text;  // of the family's label
 };
-using samples = std::vector<sample>;
+
+// What a row says of one subject: nothing, a sample, or one for each state that there can be.
+struct samples {
+    std::array<sample, 4> all;
+    std::size_t count = 0;
+};
 
 struct row {
     const char* name;
@@ -40,24 +45,26 @@ struct row {
     bool of_ports;
     const char* fixed;  // a label as it is written, or null
     const char* label;  // null: none
-    const char* field;  // of the JSON object
+    std::string field;  // of the JSON object
     samples (*read)(const subject& from, const row& of);
 };
 
 // ---- Reading ----
 
-std::optional<double> number(const subject& from, const char* field) {
+std::optional<double> number(const subject& from, const std::string& field) {
     const auto found = from.told.numbers.find(field);
     return found == from.told.numbers.end() ? std::nullopt : std::optional(found->second);
 }
 
-std::string text(const subject& from, const char* field) {
+std::string_view text(const subject& from, const std::string& field) {
     const auto found = from.told.texts.find(field);
-    return found == from.told.texts.end() ? "" : found->second;
+    return found == from.told.texts.end() ? std::string_view() : found->second;
 }
 
-samples one(std::optional<double> value, const std::string& text = "") {
-    return value ? samples{{*value, text}} : samples{};
+samples one(std::optional<double> value, std::string_view text = "") {
+    samples made;
+    if (value) made.all[made.count++] = {*value, text};
+    return made;
 }
 
 samples plain(const subject& from, const row& of) {
@@ -86,7 +93,7 @@ samples since_unless_0(const subject& from, const row& of) {
 
 // 1 when something is named there.
 samples named(const subject& from, const row& of) {
-    const std::string value = text(from, of.field);
+    const std::string_view value = text(from, of.field);
     return one(!value.empty() && value != "none");
 }
 
@@ -111,8 +118,8 @@ samples changed_meanwhile(const subject& from, const row& of) {
 }
 
 samples word(const subject& from, const row& of) {
-    const std::string value = text(from, of.field);
-    return value.empty() ? samples{} : samples{{1, value}};
+    const std::string_view value = text(from, of.field);
+    return value.empty() ? samples{} : one(1, value);
 }
 
 // The numbers that the switches have for quality levels.
@@ -122,7 +129,7 @@ samples level(const subject& from, const row& of) {
         {"st2", 6},   {"tnc", 7},   {"ssu-b", 8}, {"st3e", 8}, {"eeec", 9},  {"eec1", 10}, {"eec2", 10},
         {"smc", 11},  {"prov", 12}, {"dnu", 15},  {"dus", 15}, {"none", 16},
     };
-    const std::string token = text(from, of.field);
+    const std::string_view token = text(from, of.field);
     for (const auto& [known, number] : LEVELS)
         if (known == token) return one(number);
     return {};
@@ -131,10 +138,11 @@ samples level(const subject& from, const row& of) {
 // One sample for each word that there can be.
 template <const auto& Words>
 samples states(const subject& from, const row& of) {
-    const std::string value = text(from, of.field);
-    samples all;
-    for (const char* word : Words) all.push_back({value == word ? 1.0 : 0.0, word});
-    return value.empty() ? samples{} : all;
+    const std::string_view value = text(from, of.field);
+    samples made;
+    static_assert(std::size(Words) <= std::size(made.all));
+    for (const std::string_view word : Words) made.all[made.count++] = {value == word ? 1.0 : 0.0, word};
+    return value.empty() ? samples{} : made;
 }
 
 constexpr std::array RUNNING = {"master", "freerun", "holdover", "lock"};
@@ -169,8 +177,8 @@ samples usable(const subject& from, const row&) {
     for (const std::string_view whole : OF_THE_SWITCH)
         if (why.starts_with(whole)) return {};
     for (const auto& [begin, reason] : REFUSALS)
-        if (why.starts_with(begin)) return {{0, reason}};
-    return {{1, "candidate"}};
+        if (why.starts_with(begin)) return one(0, reason);
+    return one(1, "candidate");
 }
 
 // ---- The table ----
@@ -181,7 +189,7 @@ constexpr auto SECONDS = metric_kind::seconds;
 constexpr const char* RECEIVED = "direction=\"received\"";
 constexpr const char* SENT = "direction=\"sent\"";
 
-constexpr row ROWS[] = {
+const row ROWS[] = {
     {"esmcd_clock_id_info", "Identity of the switch's own clock.", GAUGE, false, nullptr, "clock_id",
      "clock_id", word},
     {"esmcd_synce_enabled", "SyncE is enabled on the switch; else its state and quality mean nothing.", GAUGE,
@@ -203,7 +211,7 @@ constexpr row ROWS[] = {
     {"esmcd_external_command", nullptr, GAUGE, false, "command=\"forced_e1\"", nullptr, "e1_forced", plain},
     {"esmcd_external_command", nullptr, GAUGE, false, "command=\"manual\"", nullptr, "manual_port", named},
     {"esmcd_changes", "Entries of the history.", COUNTER, false, nullptr, nullptr, "changes", plain},
-    {"esmcd_loop_guard_enabled", "The loop guard is configured.", GAUGE, false, nullptr, nullptr, nullptr,
+    {"esmcd_loop_guard_enabled", "The loop guard is configured.", GAUGE, false, nullptr, nullptr, "",
      guard_enabled},
     {"esmcd_loop_guard_in_force", "The loop guard is configured, and the extension that it needs.", GAUGE,
      false, nullptr, nullptr, "loop_guard_in_force", guard_in_force},
@@ -224,7 +232,7 @@ constexpr row ROWS[] = {
     {"esmcd_port_up", "The link is up.", GAUGE, true, nullptr, nullptr, "link_up", plain},
     {"esmcd_source", "1: the clock comes from this port.", GAUGE, true, nullptr, nullptr, "source", plain},
     {"esmcd_port_usable", "1: the port can be the source; 0: it can not, for this reason.", GAUGE, true,
-     nullptr, "reason", nullptr, usable},
+     nullptr, "reason", "", usable},
     {"esmcd_port_receiving", "A PDU came within the last five seconds.", GAUGE, true, nullptr, nullptr,
      "receiving", plain},
     {"esmcd_port_sending", "A PDU leaves each second.", GAUGE, true, nullptr, nullptr, "sending", plain},
@@ -307,15 +315,15 @@ constexpr row ROWS[] = {
 // ---- Writing ----
 
 std::string label(const char* name, std::string_view value) {
-    std::string escaped;
+    std::string written = std::string(name).append("=\"");
     for (const char c : value) {
-        if (c == '"' || c == '\\') escaped += '\\';
+        if (c == '"' || c == '\\') written += '\\';
         if (c == '\n')
-            escaped += "\\n";
+            written += "\\n";
         else
-            escaped += c;
+            written += c;
     }
-    return std::string(name).append("=\"").append(escaped).append("\"");
+    return written.append("\"");
 }
 
 class writer {
@@ -330,11 +338,15 @@ class writer {
     }
 
     // What a switch tells may be any number; a counter that is none is left out.
-    void line(const char* name, metric_kind kind, const std::string& labels, double value) {
+    void line(const char* name, metric_kind kind, std::initializer_list<std::string_view> labels,
+              double value) {
         const bool counter = kind == metric_kind::counter;
         if (counter && value < 0) return;
-        add({name, counter ? "_total" : "", labels.empty() ? "" : "{", labels, labels.empty() ? " " : "} "});
-        add({number_text(kind, value), "\n"});
+        add({name, counter ? "_total" : "", labels.size() ? "{" : ""});
+        add(labels);
+        add({labels.size() ? "} " : " "});
+        number(kind, value);
+        out += '\n';
     }
 
   private:
@@ -342,89 +354,69 @@ class writer {
         for (const std::string_view piece : pieces) out += piece;
     }
 
-    static std::string number_text(metric_kind kind, double value) {
+    void number(metric_kind kind, double value) {
         constexpr double GREAT = 1e15;
         const bool fraction = kind == metric_kind::seconds || kind == metric_kind::hertz;
         const bool plain = kind != metric_kind::ratio && std::abs(value) < GREAT;
-        std::array<char, 40> number = {};
-        std::snprintf(number.data(), number.size(), !plain ? "%.12g" : fraction ? "%.3f" : "%.0f", value);
-        return number.data();
+        std::array<char, 40> text = {};
+        char *first = text.data(), *last = first + text.size();
+        const auto done = plain
+                              ? std::to_chars(first, last, value, std::chars_format::fixed, fraction ? 3 : 0)
+                              : std::to_chars(first, last, value, std::chars_format::general, 12);
+        out.append(first, done.ptr);
     }
 };
 
-void write_samples(writer& to, const row& of, const subject& from) {
-    std::string labels = label("switch", from.of.id);
-    if (from.port) labels.append(",").append(label("port", from.port->name));
-    if (of.fixed) labels.append(",").append(of.fixed);
-    for (const auto& [value, text] : of.read(from, of)) {
-        std::string all = labels;
-        if (of.label) all.append(",").append(label(of.label, text));
-        to.line(of.name, of.kind, all, value);
+// A switch or a port, with its labels as they are written.
+struct labelled {
+    subject from;
+    std::string labels;
+};
+
+void write_samples(writer& to, const row& of, const labelled& one) {
+    const samples made = of.read(one.from, of);
+    for (std::size_t i = 0; i < made.count; ++i) {
+        const std::string own = of.label ? label(of.label, made.all[i].text) : "";
+        to.line(of.name, of.kind,
+                {one.labels, of.fixed ? "," : "", of.fixed ? of.fixed : "", of.label ? "," : "", own},
+                made.all[i].value);
     }
 }
 
 // ---- The switches ----
 
-void add(switch_values& to, const char* field, const std::string& value) {
-    if (!value.empty()) to.texts.try_emplace(field, value);
-}
-
-// What every way of asking tells, under the names that the JSON object has for it.
-switch_values clock_values(const switch_report& report, const reported_values* told) {
-    switch_values values = told ? told->clock : switch_values{};
-    values.numbers.try_emplace("synce_enabled", report.state != "off");
-    add(values, "clock_id", report.clock_id);
-    if (report.state != "off") add(values, "running_state", report.state);
-    add(values, "dpll_state", report.dpll);
-    add(values, "current_quality", report.quality);
-    add(values, "local_quality", report.local_quality);
-    return values;
-}
-
-switch_values port_values(const port_report& port, const reported_values* told) {
-    switch_values values;
-    if (told)
-        if (const auto found = told->ports.find(port.name); found != told->ports.end())
-            values = found->second;
-    values.numbers.try_emplace("link_up", port.link_up);
-    values.numbers["source"] = port.source;
-    add(values, "received_quality", port.received);
-    add(values, "sent_quality", port.sent);
-    add(values, "address", port.address);
-    add(values, "neighbour", port.neighbour);
-    add(values, "received_clock_id", port.received_clock_id);
-    return values;
-}
-
+// Those that answer, and their ports that SyncE is enabled on.
 struct answering {
-    const node& of;
-    switch_values clock;
-    std::vector<std::pair<const port_report*, switch_values>> ports;  // that SyncE is enabled on
+    std::vector<labelled> switches, ports;
 };
 
-std::vector<answering> who_answers(const network& net, const told_values& told) {
-    std::vector<answering> all;
+void add_ports(const node& of, const reported_values& told, const std::string& labels, answering& all) {
+    std::set<std::string_view> names;  // two of one name would be one series
+    for (const port_report& port : of.report->ports) {
+        const auto values = told.ports.find(port.name);
+        if (!port.enabled || values == told.ports.end() || !names.insert(port.name).second) continue;
+        all.ports.push_back(
+            {{of, values->second, &port}, std::string(labels).append(",").append(label("port", port.name))});
+    }
+}
+
+answering who_answers(const network& net, const told_values& told) {
+    answering all;
     for (const node& of : net.nodes) {
-        if (of.stranger || of.how != answer::ok || !of.report) continue;
         const auto found = told.find(of.id);
-        const reported_values* values = found == told.end() ? nullptr : found->second.get();
-        answering& one = all.emplace_back(answering{of, clock_values(*of.report, values), {}});
-        std::set<std::string> names;  // two of one name would be one series
-        for (const port_report& port : of.report->ports)
-            if (port.enabled && names.insert(port.name).second)
-                one.ports.emplace_back(&port, port_values(port, values));
+        if (of.stranger || of.how != answer::ok || !of.report || found == told.end() || !found->second)
+            continue;
+        const std::string labels = label("switch", of.id);
+        all.switches.push_back({{of, found->second->clock, nullptr}, labels});
+        add_ports(of, *found->second, labels, all);
     }
     return all;
 }
 
-void write_switches(writer& to, const std::vector<answering>& switches) {
+void write_switches(writer& to, const answering& all) {
     for (const row& of : ROWS) {
         if (of.help) to.family(of.name, of.help, of.kind);
-        for (const answering& one : switches) {
-            if (!of.of_ports) write_samples(to, of, {one.of, one.clock, nullptr});
-            if (!of.of_ports) continue;
-            for (const auto& [port, values] : one.ports) write_samples(to, of, {one.of, values, port});
-        }
+        for (const labelled& one : of.of_ports ? all.ports : all.switches) write_samples(to, of, one);
     }
 }
 
@@ -436,13 +428,13 @@ void write_nodes(writer& to, const network& net, const char* name, const char* h
     to.family(name, help, kind);
     for (const node& of : net.nodes)
         if (const auto value = of.stranger ? std::nullopt : read(of))
-            to.line(name, kind, label("switch", of.id), *value);
+            to.line(name, kind, {label("switch", of.id)}, *value);
 }
 
 void write_map(writer& to, const network& net, double seconds) {
     using found = std::optional<double>;
     to.family("esmcmap_build_info", "Version of the program that asks.", GAUGE);
-    to.line("esmcmap_build_info", GAUGE, label("version", ESMC_VERSION), 1);
+    to.line("esmcmap_build_info", GAUGE, {label("version", ESMC_VERSION)}, 1);
     write_nodes(to, net, "esmcmap_switch_up", "The switch answers.", GAUGE, [](const node& of) -> found {
         return of.how == answer::waiting ? found() : found(of.how == answer::ok);
     });
@@ -461,9 +453,9 @@ void write_map(writer& to, const network& net, double seconds) {
     double strangers = 0;
     for (const node& of : net.nodes) strangers += of.stranger;
     to.family("esmcmap_strangers", "Neighbours that are no known switches.", GAUGE);
-    to.line("esmcmap_strangers", GAUGE, "", strangers);
+    to.line("esmcmap_strangers", GAUGE, {}, strangers);
     to.family("esmcmap_poll_duration_seconds", "How long it took to ask all switches.", SECONDS);
-    to.line("esmcmap_poll_duration_seconds", SECONDS, "", seconds);
+    to.line("esmcmap_poll_duration_seconds", SECONDS, {}, seconds);
 }
 
 }  // namespace
@@ -482,14 +474,21 @@ void metrics::publish(network net, told_values told, bool complete, double secon
     latest = std::make_shared<const state>(state{std::move(net), std::move(told), seconds});
 }
 
-// Made when it is asked for, and outside the lock: who asks holds nobody up.
-std::string metrics::text() const {
+// Made once for all who ask for the same state, who wait for it; nobody else does.
+std::shared_ptr<const std::string> metrics::text() {
+    const std::lock_guard making(one_at_a_time);
     std::shared_ptr<const state> shown;
     {
         const std::lock_guard held(lock);
         shown = latest;
     }
-    return shown ? metrics_text(shown->net, shown->told, shown->seconds) : "# EOF\n";
+    if (!made || made_of != shown) {
+        made.reset();
+        made = std::make_shared<const std::string>(
+            shown ? metrics_text(shown->net, shown->told, shown->seconds) : "# EOF\n");
+        made_of = shown;
+    }
+    return made;
 }
 
 }  // namespace esmcmap

@@ -23,7 +23,7 @@ std::string metrics_text(const network& net, const told_values& told, double sec
 class metrics {
   public:
     void publish(network net, told_values told, bool complete, double seconds);
-    std::string text() const;
+    std::shared_ptr<const std::string> text();  // from any thread
 
   private:
     struct state {
@@ -31,8 +31,9 @@ class metrics {
         told_values told;
         double seconds;
     };
-    mutable std::mutex lock;
-    std::shared_ptr<const state> latest;
+    std::mutex lock, one_at_a_time;
+    std::shared_ptr<const state> latest, made_of;
+    std::shared_ptr<const std::string> made;
 };
 
 }  // namespace esmcmap

@@ -50,10 +50,10 @@ void refuse(Response& response, int status, const char* words) {
 }  // namespace
 
 struct server::inside {
-    inside(const records& of, std::function<std::string()> text) : shown(of), metrics(std::move(text)) {}
+    inside(const records& of, metrics_source text) : shown(of), metrics(std::move(text)) {}
 
     const records& shown;
-    std::function<std::string()> metrics;
+    metrics_source metrics;
     bounded_server http{MOST_STREAMS + OTHER_THREADS};
     std::thread thread;
     serve_address at;
@@ -132,7 +132,12 @@ struct server::inside {
         http.Get("/events", [this](const Request&, Response& response) { events(response); });
         if (metrics)
             http.Get("/metrics", [this](const Request&, Response& response) {
-                response.set_content(metrics(), "application/openmetrics-text; version=1.0.0; charset=utf-8");
+                const std::shared_ptr<const std::string> text = metrics();
+                response.set_content_provider(
+                    text->size(), "application/openmetrics-text; version=1.0.0; charset=utf-8",
+                    [text](std::size_t from, std::size_t length, httplib::DataSink& sink) {
+                        return sink.write(text->data() + from, length);
+                    });
             });
     }
 };
@@ -164,7 +169,7 @@ bool read_serve_address(const std::string& text, serve_address& read) {
     return true;
 }
 
-server::server(const records& shown, std::function<std::string()> metrics)
+server::server(const records& shown, metrics_source metrics)
     : in(std::make_unique<inside>(shown, std::move(metrics))) {
     in->limit();
     in->routes();
