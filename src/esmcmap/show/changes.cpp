@@ -87,7 +87,7 @@ class comparer {
 
     static std::string circle(const std::vector<std::string>& loop) {
         std::string text;
-        for (const auto& name : loop) text += name + " -> ";
+        for (const auto& name : loop) text += name + " ← ";
         return text + loop.front();
     }
 
