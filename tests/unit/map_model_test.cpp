@@ -234,18 +234,24 @@ TEST_F(MapModel, ChangesAreSaidInWords) {
 
 TEST(MapLayout, NoTwoInOnePlaceAndNeighboursNear) {
     for (const std::size_t count : {2UL, 3UL, 11UL, 12UL, 30UL, 200UL})
-        for (const int kind : {0, 1, 2, 3}) {  // chain, ring, star, grid
+        for (const int kind : {0, 1, 2, 3, 4}) {  // chain, ring, star, grid, rings of ten at a mesh
             std::vector<std::pair<std::size_t, std::size_t>> links;
             for (std::size_t i = 1; i < count; ++i) links.emplace_back(kind == 2 ? 0 : i - 1, i);
             if (kind == 1) links.emplace_back(count - 1, 0);
             if (kind == 3)
                 for (std::size_t i = 10; i < count; ++i) links.emplace_back(i - 10, i);
+            if (kind == 4) {
+                links.clear();
+                for (std::size_t i = 0; i < count; ++i)
+                    links.emplace_back(i, i % 10 == 9 ? i - 9 : (i + 1) % count);
+                for (std::size_t i = 10; i < count; i += 10) links.emplace_back(i, i * 7 % (i / 10 * 10));
+            }
             const std::vector<point> at = draw_graph(count, links);
             double nearest = 1e9;
             for (std::size_t i = 0; i < count; ++i)
                 for (std::size_t j = 0; j < i; ++j)
                     nearest = std::min(nearest, std::hypot(at[i].x - at[j].x, at[i].y - at[j].y));
-            EXPECT_GT(nearest, kind == 2 ? 5 : 25) << count << " of kind " << kind;
+            EXPECT_GT(nearest, kind == 1 ? 25 : 49) << count << " of kind " << kind;
             if (kind > 1) continue;
             for (const auto& [a, b] : links)
                 EXPECT_LT(std::hypot(at[a].x - at[b].x, at[a].y - at[b].y), 2.5 * LINK_LENGTH)

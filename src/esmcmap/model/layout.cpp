@@ -17,8 +17,9 @@ using edge = std::pair<std::size_t, std::size_t>;
 
 constexpr std::size_t LONG_CHAIN = 12, LONG_RING = 24;  // from so many on they are laid in rows
 constexpr int ROUNDS = 200;
-constexpr double STILL = 0.2;  // a move that nobody sees
-constexpr double SHAPE = 1.6;  // width to height
+constexpr double STILL = 0.2;       // a move that nobody sees
+constexpr double LEAST_APART = 50;  // between any two
+constexpr double SHAPE = 1.6;       // width to height
 
 neighbours neighbours_of(std::size_t count, const std::vector<edge>& links) {
     neighbours near(count);
@@ -173,6 +174,25 @@ point better_place(std::size_t i, const std::vector<point>& at, const distance_t
     return {sum.x / weights, sum.y / weights};
 }
 
+// Distances that can't all be had put some on top of each other: those are pushed apart until names fit
+// between them.
+void keep_apart(std::vector<point>& at) {
+    for (int round = 0; round < ROUNDS; ++round) {
+        bool moved = false;
+        for (std::size_t i = 0; i < at.size(); ++i)
+            for (std::size_t j = 0; j < i; ++j) {
+                const double dx = at[i].x - at[j].x, dy = at[i].y - at[j].y, apart = std::hypot(dx, dy);
+                if (apart >= LEAST_APART) continue;
+                const double push = (LEAST_APART - apart) / 2 + STILL;
+                const point way = apart > 0 ? point{dx / apart, dy / apart} : point{1, 0};
+                at[i] = {at[i].x + way.x * push, at[i].y + way.y * push};
+                at[j] = {at[j].x - way.x * push, at[j].y - way.y * push};
+                moved = true;
+            }
+        if (!moved) return;
+    }
+}
+
 std::vector<point> by_stress(const std::vector<std::size_t>& part, const neighbours& near) {
     const distance_table wanted = all_distances(part, near);
     std::vector<point> at = first_guess(wanted);
@@ -238,6 +258,7 @@ std::vector<point> draw_part(std::vector<std::size_t>& part, const neighbours& n
         return closed ? ring(way.size()) : chain(way.size());
     }
     std::vector<point> at = by_stress(part, near);
+    keep_apart(at);
     lay_down(at);
     return at;
 }
