@@ -52,9 +52,8 @@ class Map:
 
     def stop(self):
         self.process.terminate()
-        status = self.process.wait(5)
+        assert self.process.wait(5) == 0
         self.process.stdout.close()
-        return status
 
 
 def names(count):

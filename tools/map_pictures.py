@@ -8,8 +8,9 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(ROOT / "tests/map"))
 
 import ring  # noqa: E402
-from browser import Browser, Map, switch_file  # noqa: E402
+from browser import Browser  # noqa: E402
 from lab import Lab  # noqa: E402
+from map_demo import Map, switch_file  # noqa: E402
 
 NAMES = [f"sw{number}" for number in range(1, 9)]
 ACROSS = {"sw2": 30, "sw6": 5}  # the link across, and the priority that each end gives it: sw6 prefers it

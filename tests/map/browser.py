@@ -2,7 +2,6 @@
 
 import json
 import pathlib
-import re
 import shutil
 import subprocess
 import sys
@@ -11,7 +10,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 MODULES = ROOT / "build/browser"
 sys.path.insert(0, str(ROOT / "tools"))
 
-from lab import BIN, build_dir  # noqa: E402
+from lab import build_dir  # noqa: E402
 
 
 def missing():
@@ -56,24 +55,3 @@ class Browser:
         self.process.stdin.close()
         self.process.wait(10)
         self.process.stdout.close()
-
-
-class Map:
-    """esmcmap with these arguments, and its page in the browser."""
-
-    def __init__(self, *arguments, where="127.0.0.1:0"):
-        self.process = subprocess.Popen([str(build_dir() / "bin/esmcmap"), *map(str, arguments), "--serve", where],
-                                        stdout=subprocess.PIPE, text=True)
-        self.url = re.search(r"http://\S+", self.process.stdout.readline())[0]
-
-    def stop(self):
-        self.process.terminate()
-        assert self.process.wait(5) == 0
-        self.process.stdout.close()
-
-
-def switch_file(path, switches):
-    """The file of switches for esmcmap: each asked by its shell in its own namespaces."""
-    path.write_text("".join(f"switch {name} command {' '.join(switch.enter([BIN + '/esmcsh', '-c']))} 'show clock synce json'\n"
-                            for name, switch in switches.items()))
-    return path

@@ -18,8 +18,9 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "map"))
 import map_pictures  # noqa: E402
 import ring  # noqa: E402
 import states  # noqa: E402
-from browser import ROOT, Browser, Map, missing, switch_file  # noqa: E402
+from browser import ROOT, Browser, missing  # noqa: E402
 from lab import wait_until  # noqa: E402
+from map_demo import Map, switch_file  # noqa: E402
 
 PICTURES = ROOT / "build/map"
 
