@@ -96,7 +96,7 @@ std::string start(const std::vector<std::string>& command, running& job) {
     argv.push_back(nullptr);
     const spawn_plan plan(out.writing.get(), err.writing.get());
     const int refused = posix_spawnp(&job.pid, argv[0], &plan.files, &plan.attributes, argv.data(), environ);
-    if (refused) return "can't run " + command[0] + ": " + std::strerror(refused);
+    if (refused) return tame("can't run " + command[0] + ": " + std::strerror(refused));
     job.alive = descriptor(static_cast<int>(syscall(SYS_pidfd_open, job.pid, 0)));
     job.out = std::move(out.reading);
     job.err = std::move(err.reading);

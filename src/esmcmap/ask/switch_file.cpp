@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "esmcmap/ask/address.h"
+#include "esmcmap/model/read_json.h"
 
 namespace esmcmap {
 
@@ -117,6 +118,8 @@ void check_name(const std::string& name) {
     for (const char c : name)
         if (static_cast<unsigned char>(c) <= ' ' || c == 0x7f || c == '~')
             throw fault("a switch's name has no blank, no ~ and no control character");
+    if (tame(name, LONGEST) != name)
+        throw fault("a switch's name is text in UTF-8, without marks of direction");
     if (name.size() == 17 && name[2] == ':' && name[5] == ':') throw fault("a switch's name is no address");
 }
 
@@ -152,6 +155,7 @@ void read_line(const std::vector<std::string>& words, switch_file& file, std::se
 
 switch_file read_switch_file(std::string_view text, const std::string& name,
                              std::vector<std::string>& faults) {
+    constexpr std::size_t LONGEST_FAULT = 300;  // it may quote what stands there
     switch_file file;
     std::set<std::string> names;
     const std::size_t before = faults.size();
@@ -163,7 +167,7 @@ switch_file read_switch_file(std::string_view text, const std::string& name,
             const std::vector<std::string> words = words_of(line);
             if (!words.empty()) read_line(words, file, names);
         } catch (const fault& wrong) {
-            faults.push_back(name + ":" + std::to_string(number) + ": " + wrong.what());
+            faults.push_back(name + ":" + std::to_string(number) + ": " + tame(wrong.what(), LONGEST_FAULT));
         }
     }
     if (file.switches.empty() && faults.size() == before) faults.push_back(name + ": no switch in it");
