@@ -9,6 +9,7 @@
 #include "esmcmap/model/network.h"
 #include "esmcmap/model/read_json.h"
 #include "esmcmap/show/changes.h"
+#include "esmcmap/show/picture.h"
 #include "esmcmap/show/text.h"
 
 namespace {
@@ -303,6 +304,23 @@ TEST(MapJson, NamesMayHoldAnythingAndTellATerminalNothing) {
     EXPECT_EQ(tame("\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80", 9), "\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80");
     EXPECT_EQ(tame("\xc3\xa4\xe2\x82\xac", 4), "\xc3\xa4");
     EXPECT_EQ(tame("\xc0\x80\xed\xa0\x80"), "\ufffd\ufffd\ufffd\ufffd\ufffd");
+}
+
+// Lists in lists by the hundred thousand, or beside each other: neither stack nor time nor memory goes with
+// it.
+TEST(MapText, WhatIsNestedTooDeepOrTooWideIsRefused) {
+    const std::string deep = std::string(500'000, '[') + std::string(500'000, ']');
+    std::string wide = "[0";
+    for (int i = 0; i < 200'000; ++i) wide += ",[]";
+    switch_report report;
+    reported_values values;
+    EXPECT_NE(read_json("{\"ports\":" + deep + "}", report, values).find("nested too deep"),
+              std::string::npos);
+    EXPECT_NE(read_json("{\"ports\":" + wide + "]}", report, values).find("too many values"),
+              std::string::npos);
+    picture state;
+    EXPECT_EQ(read_picture("{\"t\":1,\"nodes\":[],\"links\":[],\"loops\":" + deep + "}", state),
+              "it is nested too deep");
 }
 
 }  // namespace

@@ -226,9 +226,15 @@ std::string changes_json(const std::vector<change>& changes) {
 }
 
 std::string read_picture(std::string_view line, picture& read) {
+    // Deeper than a state is, and what is written of it again might need more stack than there is.
+    constexpr int DEPTH_LIMIT = 8;
+    const auto shallow = [](int depth, json::parse_event_t, const json&) {
+        if (depth > DEPTH_LIMIT) throw std::runtime_error("it is nested too deep");
+        return true;
+    };
     try {
         picture state;
-        read_state(json::parse(line), state);
+        read_state(json::parse(line, shallow), state);
         read = std::move(state);
         return {};
     } catch (const std::exception& error) {
