@@ -331,6 +331,10 @@ std::vector<point> layout::place(const std::vector<std::string>& ids, const std:
         for (std::size_t i = 0; i < ids.size(); ++i)
             if (!near[i].empty()) linked.insert(ids[i]);
         drawn = std::move(wanted);
+        // Strangers come and go under ever new addresses.
+        const std::set<std::string> here(ids.begin(), ids.end());
+        std::erase_if(places, [&](const auto& place) { return !here.contains(place.first); });
+        std::erase_if(linked, [&](const std::string& id) { return !here.contains(id); });
     }
     std::vector<point> at;
     for (const std::string& id : ids) at.push_back(places[id]);

@@ -140,4 +140,41 @@ std::vector<link> links_of(const std::vector<hearing>& heard, const std::vector<
     return sorted;
 }
 
+// A port that hears somebody else has been moved, and a stranger whose address a switch has by now is none.
+void link_memory::forget(const std::vector<link>& now, const std::vector<watched>& switches) {
+    std::set<std::pair<std::string, std::string>> taken;
+    std::set<std::string> addresses;
+    for (const link& one : now) {
+        if (!one.a_port.empty()) taken.insert({one.a, one.a_port});
+        if (!one.b_port.empty()) taken.insert({one.b, one.b_port});
+    }
+    for (const watched& one : switches)
+        if (one.report)
+            for (const port_report& port : one.report->ports) addresses.insert(port.address);
+    std::erase_if(known, [&](const auto& entry) {
+        const link& old = entry.second;
+        return taken.contains({old.a, old.a_port}) || taken.contains({old.b, old.b_port}) ||
+               addresses.contains(old.a) || addresses.contains(old.b);
+    });
+}
+
+void link_memory::add_old(std::vector<link>& now, const std::vector<hearing>& heard,
+                          const std::vector<watched>& switches) {
+    forget(now, switches);
+    // What a silent switch heard is of the past.
+    std::set<std::pair<std::string, std::string>> up;
+    for (const hearing& one : heard)
+        if (switches[one.who].how == answer::ok)
+            up.insert({switches[one.who].name, port_at(switches, {one.who, one.port}).name});
+    std::map<std::string, link> all = known;
+    for (auto& [id, old] : all) old.up = false;
+    for (link& one : now) {
+        one.up = up.contains({one.a, one.a_port}) || up.contains({one.b, one.b_port});
+        all[one.id] = one;
+    }
+    known = std::move(all);
+    now.clear();
+    for (const auto& [id, one] : known) now.push_back(one);
+}
+
 }  // namespace esmcmap

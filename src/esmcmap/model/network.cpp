@@ -284,61 +284,20 @@ void suspicion::end() {
     standing = counted;
 }
 
-// What is heard now, and what was heard before and is not contradicted.
-static void remember(std::map<std::string, link>& known, std::vector<link>& now,
-                     const std::vector<hearing>& heard, const std::vector<watched>& switches) {
-    std::set<std::pair<std::string, std::string>> taken;  // ends that hear somebody now
-    std::set<std::string> addresses;
-    for (const link& one : now) {
-        taken.insert({one.a, one.a_port});
-        taken.insert({one.b, one.b_port});
-    }
-    std::set<std::string> up;
-    for (const hearing& one : heard)
-        if (switches[one.who].how == answer::ok)
-            up.insert(switches[one.who].name + '\n' + switches[one.who].report->ports[one.port].name);
-    for (const watched& one : switches)
-        if (one.report)
-            for (const port_report& port : one.report->ports) addresses.insert(port.address);
-    std::erase_if(known, [&](const auto& entry) {
-        const link& old = entry.second;
-        const bool no_stranger = addresses.contains(old.a) || addresses.contains(old.b);
-        const bool moved = (!old.a_port.empty() && taken.contains({old.a, old.a_port})) ||
-                           (!old.b_port.empty() && taken.contains({old.b, old.b_port}));
-        return no_stranger || moved;
-    });
-    for (link& one : now) {
-        one.up = up.contains(one.a + '\n' + one.a_port) || up.contains(one.b + '\n' + one.b_port);
-        known[one.id] = one;
-    }
-    std::set<std::string> ids;
-    for (const link& one : now) ids.insert(one.id);
-    for (auto& [id, old] : known)
-        if (!ids.contains(id)) {
-            old.up = false;
-            now.push_back(old);
-        }
-    std::sort(now.begin(), now.end(), [](const link& a, const link& b) { return a.id < b.id; });
-}
+namespace {
 
-network network_builder::next(const std::vector<watched>& switches, std::int64_t now_ms, bool complete) {
-    network net;
-    net.t = now_ms;
-    const std::vector<hearing> heard = who_hears_whom(switches, net.problems);
-    net.links = links_of(heard, switches);
-    remember(known_links, net.links, heard, switches);
-    std::set<std::string> names;
+void add_nodes(network& net, const std::vector<watched>& switches) {
+    std::set<std::string> known;
     for (const watched& one : switches) {
         net.nodes.push_back(switch_node(one));
-        names.insert(one.name);
+        known.insert(one.name);
     }
     for (const link& one : net.links)
         for (const std::string& end : {one.a, one.b})
-            if (names.insert(end).second) net.nodes.push_back(stranger_node(end));
-    doubts.begin(complete);
-    walker(net, doubts).walk();
-    doubts.end();
+            if (known.insert(end).second) net.nodes.push_back(stranger_node(end));
+}
 
+void place_nodes(network& net, layout& places) {
     std::map<std::string, std::size_t> index;
     std::vector<std::string> ids;
     for (const node& one : net.nodes) {
@@ -347,8 +306,23 @@ network network_builder::next(const std::vector<watched>& switches, std::int64_t
     }
     std::vector<std::pair<std::size_t, std::size_t>> pairs;
     for (const link& one : net.links) pairs.emplace_back(index[one.a], index[one.b]);
-    const std::vector<point> at = places.place(ids, pairs, now_ms);
+    const std::vector<point> at = places.place(ids, pairs, net.t);
     for (std::size_t i = 0; i < at.size(); ++i) net.nodes[i].at = at[i];
+}
+
+}  // namespace
+
+network network_builder::next(const std::vector<watched>& switches, std::int64_t now_ms, bool complete) {
+    network net;
+    net.t = now_ms;
+    const std::vector<hearing> heard = who_hears_whom(switches, net.problems);
+    net.links = links_of(heard, switches);
+    known_links.add_old(net.links, heard, switches);
+    add_nodes(net, switches);
+    doubts.begin(complete);
+    walker(net, doubts).walk();
+    doubts.end();
+    place_nodes(net, places);
     return net;
 }
 

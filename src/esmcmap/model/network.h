@@ -81,6 +81,22 @@ struct network {
     bool suspicious = false;  // a loop or a claim that the next round may confirm
 };
 
+struct hearing;
+
+// The links that were seen before.
+class link_memory {
+  public:
+    // Says of the links of now whether they are up, and adds to them those of before that nothing
+    // contradicts, as down.
+    void add_old(std::vector<link>& now, const std::vector<hearing>& heard,
+                 const std::vector<watched>& switches);
+
+  private:
+    std::map<std::string, link> known;  // by id, as they were last
+
+    void forget(const std::vector<link>& now, const std::vector<watched>& switches);
+};
+
 // What was seen once, and what twice.
 class suspicion {
   public:
@@ -101,7 +117,7 @@ class network_builder {
     network next(const std::vector<watched>& switches, std::int64_t now_ms, bool complete);
 
   private:
-    std::map<std::string, link> known_links;  // by id, as they were last
+    link_memory known_links;
     suspicion doubts;
     layout places;
 };
