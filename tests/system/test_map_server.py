@@ -3,12 +3,14 @@
 import contextlib
 import json
 import pathlib
+import signal
 import socket
 import subprocess
 import time
+import urllib.request
 
 import pytest
-from lab import build_dir, wait_until
+from lab import ROOT, build_dir, wait_until
 
 from map_demo import Map
 
@@ -115,3 +117,19 @@ def test_exit_status_and_text_for_scripts(tmp_path):
     assert run("--svg", str(tmp_path / "map.svg"), A=MASTER, B=follower)[0] == 0
     assert (tmp_path / "map.svg").read_text().count("marker-end") == 1
     assert json.loads(run("--json", A=MASTER)[1])["nodes"][0]["state"] == "master"
+
+
+def test_the_demo_with_a_map():
+    demo = subprocess.Popen(["/usr/bin/python3", ROOT / "tools/map_demo.py", "--switches", "4", "--at", "127.0.0.1:0"],
+                            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
+    try:
+        said = next(line for line in demo.stdout if line.startswith("The map: "))
+
+        def roots():
+            with contextlib.suppress(OSError), urllib.request.urlopen(said.split()[-1] + "state", timeout=5) as reply:
+                return {one["id"]: one["root"] for one in json.load(reply)["nodes"]}
+        wait_until(lambda: roots() == dict.fromkeys("ABCD", "A"), 15, "all follow A")
+    finally:
+        demo.send_signal(signal.SIGINT)
+        rest = demo.stdout.read()
+    assert demo.wait(15) == 0, rest
