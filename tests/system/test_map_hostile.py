@@ -4,10 +4,14 @@ import json
 import os
 import pathlib
 import signal
+import socket
+import threading
 import time
 
 import pytest
 from lab import BIN, build_dir, is_sanitized, wait_until
+from scapy.asn1.asn1 import ASN1_INTEGER, ASN1_OID
+from scapy.layers.snmp import SNMP, SNMPresponse, SNMPvarbind
 
 pytestmark = pytest.mark.skipif(not (build_dir() / "bin/esmcmap").exists(), reason="esmcmap is not built: its libraries are not there")
 
@@ -92,3 +96,55 @@ def test_switches_that_answer_anything_disturb_none_of_the_others(lab):
     watch.expected_status = 3
     watch.send(signal.SIGTERM)
     wait_until(lambda: not watch.alive() and not inside(node), 5, "nothing is left")
+
+
+MODULE = "1.3.6.1.4.1.32473.81"
+
+
+def value(name, number=1):
+    return SNMPvarbind(oid=ASN1_OID(f"{MODULE}.{name}"), value=ASN1_INTEGER(number))
+
+
+# What agents answer each request with, and what is said of them. Random octets: nothing that could be read.
+AGENTS = {
+    "circle": (lambda asked: [value("2.0")], GARBAGE, "goes round in circles"),
+    "empty": (lambda asked: [], SILENT, "no room for a value"),
+    "endless": (lambda asked: [value(f"99.{asked}.{n}") for n in range(300)], SILENT, "no answer in time"),
+    "types": (lambda asked: [value("1.0"), SNMPvarbind(oid=ASN1_OID("1.3.6.2"), value=ASN1_INTEGER(1))], GARBAGE, "is no text"),
+    "range": (lambda asked: [value("10.0", 9), SNMPvarbind(oid=ASN1_OID("1.3.6.2"), value=ASN1_INTEGER(1))], GARBAGE, "out of range"),
+    "other": (lambda asked: [SNMPvarbind(oid=ASN1_OID("1.3.6.2"), value=ASN1_INTEGER(1))], SILENT, "has not our MIB"),
+    "noise": (None, SILENT, "no answer in time"),
+}
+
+
+def serve_agent(agent, answers):
+    """Until the socket is closed."""
+    for asked in range(1, 1 << 20):
+        request, peer = agent.recvfrom(65535)
+        if request == b"":
+            return
+        for octets in [os.urandom(n) for n in range(1, 60)] if answers is None else [bytes(SNMP(
+                community="public", PDU=SNMPresponse(id=SNMP(request).PDU.id, varbindlist=answers(asked))))]:
+            agent.sendto(octets, peer)
+
+
+def test_agents_that_answer_anything_disturb_none_of_the_others(lab):
+    node = lab.node("operator", board=None)
+    node.path("/run/good.json").write_text(clock("prc", 1))
+    lines, threads = ["timeout 1", "switch good command cat /run/good.json"], []
+    for port, (name, (answers, _, _)) in enumerate(AGENTS.items(), 1161):
+        agent = node.in_network(lambda: socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
+        agent.bind(("127.0.0.1", port))
+        threads.append((threading.Thread(target=serve_agent, args=(agent, answers)), agent))
+        threads[-1][0].start()
+        lines.append(f"switch {name} snmp 127.0.0.1:{port} v2c public")
+    node.path("/run/switches").write_text("\n".join(lines) + "\n")
+    node.path("/run/switches").chmod(0o600)
+    done = node.run(f"{BIN}/esmcmap", "/run/switches", "--json", check=False)
+    for thread, agent in threads:
+        agent.sendto(b"", agent.getsockname())
+        thread.join()
+        agent.close()
+    said = {one["id"]: (one["answer"], one["error"] or "") for one in json.loads(done.stdout)["nodes"]}
+    assert said.pop("good") == ("ok", "") and (done.returncode, done.stderr) == (3, "")
+    assert [name for name, (_, answer, words) in AGENTS.items() if said[name][0] != answer or words not in said[name][1]] == [], said

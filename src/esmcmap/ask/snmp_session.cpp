@@ -50,6 +50,9 @@ void init_library() {
              {NETSNMP_DS_LIB_DONT_READ_CONFIGS, NETSNMP_DS_LIB_DONT_PERSIST_STATE,
               NETSNMP_DS_LIB_DISABLE_PERSISTENT_LOAD, NETSNMP_DS_LIB_DISABLE_PERSISTENT_SAVE})
             netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, setting, 1);
+        // Certificates, which nothing here needs, would be looked for there.
+        for (const int place : {NETSNMP_DS_LIB_PERSISTENT_DIR, NETSNMP_DS_LIB_CONFIGURATION_DIR})
+            netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, place, "/dev/null");
         const borrowed_variable modules("MIBS"), places("MIBDIRS"), files("MIBFILES");
         init_snmp("esmcmap");
         add_nameless_user();
