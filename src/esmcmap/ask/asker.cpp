@@ -17,8 +17,9 @@ namespace esmcmap {
 namespace {
 
 int milliseconds_until(moment until) {
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(until - std::chrono::steady_clock::now()).count();
+    const moment now = std::chrono::steady_clock::now();
+    if (until <= now) return 0;  // it may be the least of all moments
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - now).count();
     return static_cast<int>(std::clamp<decltype(left)>(left, 0, 60000));
 }
 
