@@ -82,6 +82,8 @@ std::string read_options(int argc, const char* const argv[], options& read) {
             if (at + 1 < argc && is_address(argv[at + 1])) (void)read_serve_address(argv[++at], read.at);
         } else if (is_option(word.c_str())) {
             return "unknown option " + word;
+        } else if (!read.file.empty() && read.serve && std::strcmp(argv[at - 1], "--serve") == 0) {
+            return word + " is no ADDRESS:PORT";
         } else if (!read.file.empty()) {
             return "one FILE of switches, not " + read.file + " and " + word;
         } else {
