@@ -1,4 +1,5 @@
 // Reads what is asked for, and begins it.
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -18,22 +19,32 @@ int complain(const std::string& words) {
     return NOTHING_ASKED;
 }
 
-ending::ending() {
-    sigemptyset(&wanted);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGUSR2}) sigaddset(&wanted, number);
-    pthread_sigmask(SIG_BLOCK, &wanted, nullptr);
+namespace {
+
+// SIGUSR2 ends the thread that waits when the program ends by itself.
+sigset_t ending_signals() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGUSR2}) sigaddset(&set, number);
+    return set;
 }
 
-void ending::then(std::function<void()> stop) {
-    thread = std::thread([this, stop = std::move(stop)] {
-        int number = 0;
-        sigwait(&wanted, &number);
-        stop();
-    });
+}  // namespace
+
+void hold_signals() {
+    const sigset_t set = ending_signals();
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
+
+ending::ending(std::function<void()> stop)
+    : thread([stop = std::move(stop)] {
+          const sigset_t set = ending_signals();
+          int number = 0;
+          sigwait(&set, &number);
+          stop();
+      }) {}
 
 ending::~ending() {
-    if (!thread.joinable()) return;
     pthread_kill(thread.native_handle(), SIGUSR2);
     thread.join();
 }

@@ -94,12 +94,12 @@ int show_once(const switch_file& file, const options& how) {
 }
 
 int show_again(const switch_file& file, const options& how) {
-    ending end;
+    hold_signals();
     watch watching(file);
     network_builder builder;
     printer out(how, file.every_ms);
     int status = WELL;
-    end.then([&] { watching.stop(); });
+    const ending end([&] { watching.stop(); });
     watching.run([&](const round_of_answers& seen) {
         const network net = builder.next(seen.switches, seen.t, seen.complete);
         if (!seen.complete && !how.json) return;

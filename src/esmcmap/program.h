@@ -1,8 +1,6 @@
 // What the ways of running the program share: how it ends, and what it says.
 #pragma once
 
-#include <signal.h>
-
 #include <functional>
 #include <string>
 #include <thread>
@@ -16,18 +14,18 @@ enum exit_status : int { WELL = 0, LOOP_OR_ISLAND = 1, NOTHING_ASKED = 2, SILENC
 
 int complain(const std::string& words);  // on standard error; NOTHING_ASKED
 
-// Signals that end the program are taken by one thread, which then tells the others. To be made before any
-// other thread, which must not take them.
+// From now on the signals that end the program wait for an `ending`; also in all threads that are made later.
+void hold_signals();
+
+// While it lives, the first of these signals calls `stop`, once, in a thread of its own.
 class ending {
   public:
-    ending();
+    explicit ending(std::function<void()> stop);
     ~ending();
     ending(const ending&) = delete;
     ending& operator=(const ending&) = delete;
-    void then(std::function<void()> stop);  // what is called, once, in a thread of its own
 
   private:
-    sigset_t wanted = {};
     std::thread thread;
 };
 

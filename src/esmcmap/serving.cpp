@@ -81,14 +81,14 @@ std::string publish_all(std::istream& recording, records& shown, pause& between)
 }  // namespace
 
 int serve(const switch_file& file, const options& how) {
-    ending end;
+    hold_signals();
     watch watching(file);
     network_builder builder;
     records shown;
     metrics counted;
     server map(shown, [&counted] { return counted.text(); });
     if (!bind_or_complain(map, how.at)) return NOTHING_ASKED;
-    end.then([&] { watching.stop(); });
+    const ending end([&] { watching.stop(); });
     map.start();
     announce(map);
     network before;
@@ -107,14 +107,14 @@ int serve(const switch_file& file, const options& how) {
 }
 
 int replay(const options& how) {
-    ending end;
+    hold_signals();
     std::ifstream recording(how.replay);
     if (!recording) return complain("can't read " + how.replay + ": " + std::strerror(errno));
     records shown;
     server map(shown, nullptr);
     if (!bind_or_complain(map, how.at)) return NOTHING_ASKED;
     pause between;
-    end.then([&] { between.end(); });
+    const ending end([&] { between.end(); });
     map.start();
     announce(map);
     const std::string wrong = publish_all(recording, shown, between);
