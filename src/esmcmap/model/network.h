@@ -35,7 +35,6 @@ struct watched {
 
 struct peer {
     std::string node, port;  // empty: nobody, or not told by the addresses
-    bool operator==(const peer&) const = default;
 };
 
 struct node {

@@ -27,7 +27,6 @@ struct picture {
     std::string loops, islands, claims, problems;  // JSON arrays
     std::size_t loop_count = 0, island_count = 0, silent_count = 0;
     std::vector<change> changes;  // since the state before
-    bool operator==(const picture&) const = delete;
 };
 
 picture picture_of(const network& net, int interval_ms);
