@@ -46,9 +46,10 @@ module_param(acquire_ms, int, 0644);	/* from locked to a holdover that lasts */
 module_param(hold_ms, int, 0644);	/* how long holdover lasts; 0: for ever; negative: there is none */
 
 static int set_error, pin_error, device_error, set_delay_ms, silent;
-static ulong no_signal;
+static ulong no_signal, bad_pins = ~0UL;
 module_param(set_error, int, 0644);	/* errno of every setting */
-module_param(pin_error, int, 0644);	/* errno of every reading of a pin's state */
+module_param(pin_error, int, 0644);	/* errno of every reading of the state of the pins in `bad_pins` */
+module_param(bad_pins, ulong, 0644);
 module_param(device_error, int, 0644);	/* errno of every reading of the lock status */
 module_param(set_delay_ms, int, 0644);	/* how long a setting takes */
 module_param(silent, int, 0644);	/* no notifications when the hardware moves */
@@ -241,6 +242,11 @@ static int direction_get(const struct dpll_pin *pin, void *priv, const struct dp
 	return 0;
 }
 
+static int reading_result(int i)
+{
+	return i >= BITS_PER_LONG || bad_pins & BIT(i) ? -pin_error : 0;
+}
+
 static int state_get(const struct dpll_pin *pin, void *priv, const struct dpll_device *dpll, void *dpll_priv,
 		     enum dpll_pin_state *out, struct netlink_ext_ack *extack)
 {
@@ -253,7 +259,7 @@ static int state_get(const struct dpll_pin *pin, void *priv, const struct dpll_d
 	else
 		*out = i == active ? DPLL_PIN_STATE_CONNECTED : m->wish;
 	mutex_unlock(&state_lock);
-	return -pin_error;
+	return reading_result(i);
 }
 
 /* Whether the hardware takes settings at all. With state_lock. */
@@ -319,7 +325,7 @@ static int state_on_mux_get(const struct dpll_pin *pin, void *priv, const struct
 			    enum dpll_pin_state *out, struct netlink_ext_ack *extack)
 {
 	*out = ((struct mock_pin *)priv)->wish;
-	return -pin_error;
+	return reading_result((struct mock_pin *)priv - pins);
 }
 
 static int state_on_mux_set(const struct dpll_pin *pin, void *priv, const struct dpll_pin *parent, void *parent_priv,

@@ -63,6 +63,23 @@ def test_what_can_not_be_read_for_a_moment_is_not_forgotten(box):
     assert not re.search(r"is no input of device|device \d+ is gone", one.sw.nsmd.text())
 
 
+@pytest.mark.parametrize("mux", (0, 1))
+def test_a_pin_that_can_never_be_read_costs_only_itself(box, mux):
+    """The kernel's list ends at it."""
+    one = box(mux=mux, pin_error=EIO, bad_pins=1 << mux)
+    one.start(swp2=wire.SSU_A)
+    one.sees("swp2", 12)
+    assert re.search(r"pin \d+ \(swp0\): can't be read: Input/output error", one.status())
+    one.clock.set(pin_error=0)
+    one.neighbours.say(swp0=wire.PRC)
+    one.sees("swp0", 6)
+    one.clock.set(pin_error=EIO)
+    wait_until(lambda: "clock state: locked" not in one.status(), 12, "its own source can't be read")
+    one.distrust("swp0")
+    one.sees("swp2")
+    assert len(re.findall(r"can't be read: .*without it", one.sw.nsmd.text())) == 2
+
+
 @pytest.mark.parametrize("kind", ("auto", "kernel"))
 def test_a_driver_that_is_busy_at_the_start_does_not_cost_the_clock(box, kind):
     one = box(pin_error=EBUSY)

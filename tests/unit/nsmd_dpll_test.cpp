@@ -27,7 +27,7 @@ struct fake_pin {
     std::uint32_t capabilities = PIN_CAN_STATE;
     std::map<std::uint32_t, std::uint32_t> places = {};  // its state on the device, or on MUX pins
     std::uint32_t prio = 5, signal = 1;
-    std::uint32_t refused = 0;  // errno
+    std::uint32_t refused = 0, bad = 0;  // errno of setting and of reading it
     std::uint16_t label_kind = DPLL_PIN_A_BOARD_LABEL;
     const char* label = "";
     std::uint32_t type = 3;   // a port's
@@ -185,7 +185,7 @@ struct fake_dpll : fake_family {
         const std::uint32_t id = nl_u32(a.value);
         const bool is_device = command == DPLL_CMD_DEVICE_GET;
         if (is_device ? !has_device : !pins.count(id)) return ENODEV;
-        if (const std::uint32_t error = is_device ? unknown_state : unreadable)
+        if (const std::uint32_t error = is_device ? unknown_state : unreadable ? unreadable : pins[id].bad)
             return static_cast<int>(error);
         say(is_device ? about_device(command) : about_pin(id, command), sequence);
         return 0;
@@ -197,8 +197,10 @@ struct fake_dpll : fake_family {
         *flags = disturbed_dumps > 0 ? NLM_F_MULTI | NLM_F_DUMP_INTR : NLM_F_MULTI;
         if (disturbed_dumps > 0) --disturbed_dumps;
         if (devices && has_device) say(about_device(command, *flags), sequence);
-        for (const auto& [id, p] : pins)
+        for (const auto& [id, p] : pins) {
+            if (!devices && p.bad) return static_cast<int>(p.bad);
             if (!devices) say(about_pin(id, command, *flags), sequence);
+        }
         return 0;
     }
 };
@@ -245,6 +247,7 @@ struct clock_session : nsmd_session {
         using pin_field = std::uint32_t fake_pin::*;
         const std::map<const char*, pin_field> of_pin = {{"capable", &fake_pin::capabilities},
                                                          {"signal", &fake_pin::signal},
+                                                         {"bad", &fake_pin::bad},
                                                          {"refuse", &fake_pin::refused}};
         for (const auto& [verb, field] : of_pin)
             verbs[verb] = [this, at = field](const numbers& w) {
@@ -294,6 +297,8 @@ struct clock_session : nsmd_session {
 };
 
 constexpr const char* FOLLOW = "enable 1, select 1";
+constexpr const char* FOUR_READINGS =
+    "dump devices, dump pins, dump devices, dump pins, dump devices, dump pins, dump devices, dump pins";
 
 const struct {
     struct {
@@ -398,6 +403,27 @@ const struct {
       {"", 7000, "clock 2 0"},
       {"unknown-state 0", 1010, "clock 4 1"}},
      {"the state of device 1 can't be read", 1}},
+    {{"a pin that can't be read costs others, or its own reading is not tried ever slower", driver::automatic,
+      "mux 21, bad 11 5"},
+     {{"enable 1, select 2", 4900, ""},
+      {"", 300, "clock 4 2"},
+      {"", 30000, "", FOUR_READINGS},
+      {"select 1", 30, "clock 3 0", "12 on 21 disconnected"},
+      {"bad 11 0", 1100, "clock 4 1"}},
+     {"clock: pin 11 (sw1) can't be read: ", 1, EIO}},
+    {{"a pin of somebody else that ends the list costs ours", driver::manual, "input 30, bad 30 5"},
+     {{FOLLOW, 4900, ""},
+      {"", 300, "clock 4 1"},
+      {"", 22000, "", FOUR_READINGS},
+      {"holdover 0, state 30 1", 4000, "clock 5 0"}},
+     {"the list of pins fails", 1}},
+    {{"a source that can't be read is locked, or released for ever", driver::manual},
+     {{FOLLOW, 30, "clock 4 1"},
+      {"bad 11 5", 7000, "clock 5 0"},
+      {"holdover 0", 30, "clock 3 0", "11 on 1 disconnected"},
+      {"", 22000, "", FOUR_READINGS},
+      {"holdover 1, select 2", 30, "clock 4 2", "12 on 1 connected"}},
+     {"clock: pin 11 (sw1) can't be read: ", 1, EIO}},
     {{"another hand on the pins is not undone, or not said", driver::switches_over},
      {{FOLLOW, 30, "clock 4 1"},
       {"hand 12 1", 30, "", "dump devices, dump pins, 11 on 1 connected"},

@@ -38,6 +38,8 @@ constexpr unsigned READ_TRIES_SAID = 3, STEER_TRIES_SAID = 4;
 constexpr nanoseconds CALM = 60 * NS_PER_S;        // after which a failure begins anew
 constexpr nanoseconds UNCLEAR_MAX = 2 * NS_PER_S;  // a driver looks at its hardware twice a second or so
 constexpr unsigned DUMP_TRIES = 3;
+constexpr nanoseconds LIST_GIVEN_UP = 5 * NS_PER_S;  // after which pins are read one by one
+constexpr retry_waits SINGLY_WAITS = {1000, 60000};
 
 void again_in(dpll_kernel* k, std::uint32_t ms);
 void work(dpll_kernel* k);
@@ -73,7 +75,8 @@ bool take_into(dpll_view* view, const genl_message& m) {
 }
 
 bool is_reading_all(const dpll_kernel* k) {
-    return k->task == clock_task::reads_devices || k->task == clock_task::reads_pins;
+    return k->task == clock_task::reads_devices || k->task == clock_task::reads_pins ||
+           k->task == clock_task::reads_singly;
 }
 
 void note_read(dpll_kernel* k) {
@@ -99,6 +102,12 @@ void message_came(void* arg, const genl_message& m) {
     if (names_device(m.command) && dpll_device_parse(m.attributes, &device) && device.id == k->device)
         note_read(k);
     k->pins_heard |= names_pin(m.command);
+    dpll_pin pin;
+    if (!is_reading_all(k) && names_pin(m.command) && dpll_pin_parse(m.attributes, &pin) &&
+        dpll_is_bad(k->bad, pin.id)) {
+        k->stale = true;
+        again_in(k, AGAIN_MS);
+    }
     if (!m.notification || !comes_or_goes(m.command)) return;
     k->pins_changed = true;  // the kernel sends no message about the links that they are of
     k->stale = true;
@@ -121,6 +130,7 @@ void ask_for_all(dpll_kernel* k) {
 
 void begin_reading(dpll_kernel* k) {
     dpll_view_clear(&k->fresh);
+    dpll_singly_begin(k);
     k->task = clock_task::reads_devices;
     k->dump_tries = 1;
     k->stale = false;  // what is lost from here on counts again
@@ -144,10 +154,18 @@ void could_not_read(dpll_kernel* k) {
 }
 
 void could_read(dpll_kernel* k) {
+    const bool is_partial = k->list_fails_since != 0, was_partial = k->singly_tries > 0;
+    dpll_singly_end(k);
     std::swap(k->view, k->fresh);
-    if (std::exchange(k->read_tries, 0) >= READ_TRIES_SAID)
-        log_suite(LOG_LEVEL_INFO, "clock: devices and pins can be read again");
-    retry_stop(&k->reading);
+    const bool was_said = std::exchange(k->read_tries, 0) >= READ_TRIES_SAID || was_partial;
+    if (was_said && !is_partial) log_suite(LOG_LEVEL_INFO, "clock: devices and pins can be read again");
+    if (!was_partial && is_partial)
+        log_suite(LOG_LEVEL_WARNING, "clock: the list of pins fails, they are read one by one");
+    k->singly_tries = is_partial ? k->singly_tries + 1 : 0;
+    if (is_partial)
+        retry_later(&k->reading, k->ctx, read_again, k, SINGLY_WAITS);
+    else
+        retry_stop(&k->reading);
     if (dpll_kernel_choose(k)) retry_stop(&k->steers_again);
     k->steer_wanted = true;
 }
@@ -162,13 +180,42 @@ void end_reading(dpll_kernel* k, int result) {
     dpll_view_clear(&k->fresh);
 }
 
+void read_next_singly(dpll_kernel* k) {
+    if (!dpll_singly_ask(k)) end_reading(k, 0);
+}
+
+void was_read_singly(dpll_kernel* k) {
+    if (k->link.result == -EPIPE) return end_reading(k, k->link.result);  // the helper is gone
+    dpll_singly_answered(k, k->link.result);
+    read_next_singly(k);
+}
+
+// One pin that can't be read ends the kernel's list. For some seconds that may pass.
+void pins_were_listed(dpll_kernel* k, int result) {
+    const nanoseconds now = thread_now(k->ctx);
+    if (result == 0)
+        k->list_fails_since = 0;
+    else if (!k->list_fails_since)
+        k->list_fails_since = now;
+    if (result == 0 || now - k->list_fails_since < LIST_GIVEN_UP) return end_reading(k, result);
+    k->task = clock_task::reads_singly;
+    read_next_singly(k);
+}
+
 void was_listed(dpll_kernel* k) {
     const int result = k->link.result;
     if (result == -EAGAIN && k->dump_tries++ < DUMP_TRIES) return ask_for_all(k);
-    if (result < 0 || k->task == clock_task::reads_pins) return end_reading(k, result);
+    if (k->task == clock_task::reads_pins) return pins_were_listed(k, result);
+    if (result < 0) k->list_fails_since = 0;
+    if (result < 0) return end_reading(k, result);
     k->task = clock_task::reads_pins;
     k->dump_tries = 1;
     ask_for_all(k);
+}
+
+// What failed has a time of its own.
+bool is_read_due(const dpll_kernel* k) {
+    return k->stale && !(k->reading.event && k->read_tries);
 }
 
 // --- polling ---
@@ -185,17 +232,19 @@ void was_polled(dpll_kernel* k) {
     // Nothing told us, so nothing told us of the pins either.
     bool is_clear;
     if (k->unread == 0 && dpll_kernel_observe(k, &is_clear).state != k->now.state) k->stale = true;
-    if (k->stale && !k->reading.event) return again_in(k, 0);
+    if (is_read_due(k)) return again_in(k, 0);
     dpll_goal goal;
     std::uint32_t pins[DPLL_MANAGED_MAX];
     if (!dpll_kernel_goal(k, &goal, pins) || !goal.has_target) return;
     k->task = clock_task::reads_target;
+    k->asked_pin = goal.target;
     dpll_read_pin(&k->link, goal.target);
 }
 
 void was_target_read(dpll_kernel* k) {
     k->task = clock_task::none;
-    if (k->link.result != -ENODEV) return;
+    const int result = k->link.result;
+    if (result == 0 || (result != -ENODEV && dpll_is_bad(k->bad, k->asked_pin))) return;
     k->stale = true;
     again_in(k, AGAIN_MS);
 }
@@ -372,6 +421,8 @@ void go_on(dpll_kernel* k) {
         case clock_task::reads_devices:
         case clock_task::reads_pins:
             return was_listed(k);
+        case clock_task::reads_singly:
+            return was_read_singly(k);
         case clock_task::reads_device:
             return was_polled(k);
         case clock_task::reads_target:
@@ -447,7 +498,7 @@ int poll_due(thread* event) {
     k->poll_timer = thread_add_timer_msec(k->ctx, poll_due, k, POLL_MS);
     if (genl_waits(&k->link)) note_waiting(k);
     k->poll_wanted = k->has_device;
-    k->read_wanted |= !k->has_device || (k->stale && !k->reading.event);
+    k->read_wanted |= !k->has_device || is_read_due(k);
     work(k);
     return 0;
 }
@@ -530,6 +581,7 @@ dpll_backend dpll_kernel_create(lib_globals* ctx, const port_table* table, const
     k->now = {DPLL_FREERUN, 0};
     k->steering.link = &k->link;
     k->steering.view = &k->view;
+    k->steering.bad = &k->bad;
     k->steering.table = table;
     *error = start(k, edge);
     if (*error < 0)

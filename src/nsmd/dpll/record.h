@@ -10,6 +10,7 @@ enum class clock_task {
     none,
     reads_devices,
     reads_pins,
+    reads_singly,
     reads_device,
     reads_target,
     sets_mode,
@@ -49,7 +50,11 @@ struct dpll_kernel {
     retry reading;  // after one that failed
     unsigned read_tries;
     int read_result;
-    unsigned unread;  // polls in a row that told nothing
+    nanoseconds list_fails_since;  // that of the pins, while that of the devices does not; 0: it doesn't
+    dpll_bad_pins bad;
+    unsigned singly_tries;    // that the view is of, one by one; 0: it is whole
+    std::uint32_t asked_pin;  // the one under way, or read last
+    unsigned unread;          // polls in a row that told nothing
     int unread_result;
     unsigned held;              // polls that wait behind another request
     nanoseconds unclear_since;  // locked, but to nothing that is seen; 0: not so
@@ -72,6 +77,12 @@ struct dpll_kernel {
     std::uint64_t hands;  // how often the pins were changed by somebody else
 };
 
+// singly.cpp: reads into `fresh` what the kernel's list of pins left out.
+void dpll_singly_begin(dpll_kernel* k);
+bool dpll_singly_ask(dpll_kernel* k);  // for the next one; false: there is none
+void dpll_singly_answered(dpll_kernel* k, int result);
+void dpll_singly_end(dpll_kernel* k);  // `bad` is what could not be read
+
 // wanted.cpp: what follows from what is wanted and known.
 
 // Takes the device that is to drive the clock; true: another one than before.
@@ -86,6 +97,6 @@ const dpll_device* dpll_kernel_device(const dpll_kernel* k);  // null: none
 // "the driver of clock device 5 (chip)". Returns `out`.
 const char* dpll_kernel_subject(const dpll_kernel* k, char (&out)[80]);
 
-void dpll_kernel_details(const void* self, void (*take)(void* arg, const dpll_detail& detail),
-                         void* arg);                          // details.cpp
-bool dpll_kernel_status(const void* self, text_buffer* out);  // status.cpp
+// status.cpp
+void dpll_kernel_details(const void* self, void (*take)(void* arg, const dpll_detail& detail), void* arg);
+bool dpll_kernel_status(const void* self, text_buffer* out);

@@ -1,5 +1,6 @@
-// The kernel clock's part of the status report: the device, what is not as it is to be, the pins. Called by
-// the kernel backend's owner; changes nothing.
+// What is told of the kernel's clock: the status report with the device, what is not as it is to be and the
+// pins; and for the daemon, beyond the state, the lock's error, and of each port's pin its label, its
+// operational state and its frequency. Called by the kernel backend's owner; changes nothing.
 #include <cinttypes>
 #include <cstring>
 
@@ -24,7 +25,10 @@ bool put_reading(const dpll_kernel* k, text_buffer* out) {
 
 bool put_trouble(const dpll_kernel* k, text_buffer* out) {
     bool ok = true;
-    if (k->unread)
+    if (k->singly_tries)
+        ok = text_printf(out, "clock: the list of pins fails, read one by one %zu can't be", k->bad.count) &&
+             put_next_try(k, k->reading, k->singly_tries, out);
+    if (ok && k->unread)
         ok = text_printf(out, "clock: the state could not be read %u times: %s\n", k->unread,
                          std::strerror(-k->unread_result));
     if (ok && k->trouble[0])
@@ -32,6 +36,16 @@ bool put_trouble(const dpll_kernel* k, text_buffer* out) {
                          k->fell_back ? "; holdover instead" : "") &&
              put_next_try(k, k->steers_again, k->steer_tries, out);
     if (ok && k->hands) ok = text_printf(out, "clock: pins changed by others %" PRIu64 " times\n", k->hands);
+    return ok;
+}
+
+bool put_bad_pins(const dpll_kernel* k, text_buffer* out) {
+    bool ok = true;
+    char words[80];
+    for (std::size_t i = 0; ok && i < k->bad.count; ++i)
+        ok = text_printf(out, "%s: can't be read: %s\n",
+                         dpll_pin_words(&k->view, k->table, k->bad.pins[i].id, words),
+                         std::strerror(-k->bad.pins[i].error));
     return ok;
 }
 
@@ -49,6 +63,40 @@ bool put_pin(const dpll_kernel* k, const dpll_pin& pin, text_buffer* out) {
            dpll_put_pin(pin, out) && text_printf(out, "\n");
 }
 
+// Of several levels, which stand for several kinds of network, the one that promises least. Numbers grow with
+// the kernel's list, not with the quality.
+std::uint32_t level_of(const dpll_device& d) {
+    static constexpr std::uint32_t FROM_WORST[] = {4, 7, 3, 2, 1, 8, 5, 6};
+    for (const std::uint32_t level : FROM_WORST)
+        if (d.quality & std::uint32_t{1} << level) return level;
+    return 0;
+}
+
+dpll_detail of_clock(const dpll_kernel* k, const dpll_device& d) {
+    dpll_detail out{};
+    out.error = d.error;
+    out.quality = k->options.tells_quality ? level_of(d) : 0;
+    out.known =
+        (out.error ? nsm_detail_body::HAS_ERROR : 0U) | (out.quality ? nsm_detail_body::HAS_QUALITY : 0U);
+    return out;
+}
+
+dpll_detail of_pin(const dpll_kernel* k, std::uint32_t subject, const dpll_pin* pin) {
+    dpll_detail out{};
+    out.subject = subject;
+    if (!pin || dpll_is_bad(k->bad, pin->id)) return out;
+    const dpll_measured& m = dpll_measured_of(*pin, k->device);
+    out.state = dpll_operstate_of(*pin, k->device);
+    if (out.state) out.known |= nsm_detail_body::HAS_STATE;
+    if (m.has_offset) out.known |= nsm_detail_body::HAS_OFFSET;
+    if (m.has_frequency) out.known |= nsm_detail_body::HAS_FREQUENCY;
+    out.offset_ppt = m.has_offset ? m.offset_ppt : 0;
+    out.frequency_mhz = m.has_frequency ? m.frequency_mhz : 0;
+    const char* label = dpll_label_of(*pin);
+    std::memcpy(out.label, label, strnlen(label, sizeof out.label));
+    return out;
+}
+
 }  // namespace
 
 bool dpll_kernel_status(const void* self, text_buffer* out) {
@@ -57,6 +105,19 @@ bool dpll_kernel_status(const void* self, text_buffer* out) {
     bool ok = netlink_channel_status(&k->link.channel, dpll_kernel_subject(k, words), out) &&
               put_device(k, out) && put_reading(k, out) && put_trouble(k, out);
     for (const dpll_pin_node* n = k->view.pins; ok && n; n = n->next)
-        if (k->has_device && dpll_view_leads_to(&k->view, n->pin, k->device)) ok = put_pin(k, n->pin, out);
-    return ok;
+        if (k->has_device && !dpll_is_bad(k->bad, n->pin.id) &&
+            dpll_view_leads_to(&k->view, n->pin, k->device))
+            ok = put_pin(k, n->pin, out);
+    return ok && put_bad_pins(k, out);
+}
+
+void dpll_kernel_details(const void* self, void (*take)(void*, const dpll_detail&), void* arg) {
+    const auto* k = static_cast<const dpll_kernel*>(self);
+    const dpll_device* d = dpll_kernel_device(k);
+    if (!d) return;
+    take(arg, of_clock(k, *d));
+    for (const nsmd_port* p = port_table_first(k->table); p; p = p->next)
+        if (p->ifindex)
+            take(arg,
+                 of_pin(k, p->ifindex, p->has_dpll_pin ? dpll_view_pin(&k->view, p->dpll_pin) : nullptr));
 }

@@ -72,6 +72,19 @@ void finish(dpll_steering* s, dpll_steer_end end) {
     s->end = end;
 }
 
+// A setting that was taken, of a pin that can't be read: the next release is planned by it.
+void believe(dpll_steering* s) {
+    const dpll_pin* known = dpll_view_pin(s->view, s->setting.pin);
+    if (!known) return;
+    dpll_pin pin = *known;
+    for (std::size_t i = 0; i < pin.parent_count; ++i) {
+        dpll_parent& place = pin.parents[i];
+        if (place.id != s->setting.parent.id || place.is_pin != s->setting.parent.is_pin) continue;
+        (s->setting.what == DPLL_PIN_A_PRIO ? place.prio : place.state) = s->setting.value;
+    }
+    (void)dpll_view_take_pin(s->view, pin);  // over what is there
+}
+
 // Refused as well as done: what is true counts.
 void check(dpll_steering* s, int set_result) {
     s->set_result = set_result;
@@ -110,6 +123,7 @@ void was_set(dpll_steering* s) {
 
 void was_checked(dpll_steering* s) {
     s->phase = dpll_steer_phase::plan;
+    if (s->set_result == 0 && s->link->result < 0 && dpll_is_bad(*s->bad, s->setting.pin)) believe(s);
     // Some drivers call it an error when it was so already.
     if (s->set_result == 0 || is_so(s, s->setting)) return;
     say_refusal(s);
@@ -129,8 +143,9 @@ void round_is_done(dpll_steering* s) {
 
 void say_unreachable(dpll_steering* s) {
     char pin[80];
-    std::snprintf(s->why, sizeof s->why, "%s is no input of device %u",
-                  dpll_pin_words(s->view, s->table, s->goal.target, pin), s->goal.device);
+    const char* fault = dpll_is_bad(*s->bad, s->goal.target) ? "can't be read, so is" : "is";
+    std::snprintf(s->why, sizeof s->why, "%s %s no input of device %u",
+                  dpll_pin_words(s->view, s->table, s->goal.target, pin), fault, s->goal.device);
     if (!is_said(s, {s->goal.target, "reach", 0})) log_suite(LOG_LEVEL_WARNING, "clock: %s", s->why);
 }
 
@@ -193,6 +208,10 @@ bool dpll_steer_run(dpll_steering* s) {
 
 void dpll_steer_abandon(dpll_steering* s) {
     s->is_abandoned = true;
+}
+
+bool dpll_is_bad(const dpll_bad_pins& bad, std::uint32_t id) {
+    return std::any_of(bad.pins, bad.pins + bad.count, [=](const dpll_bad_pin& b) { return b.id == id; });
 }
 
 bool dpll_steer_is_over(const dpll_steering* s) {

@@ -23,9 +23,24 @@ struct dpll_refusal {
     int error;
 };
 
+// Pins that the driver could not read when all were read last.
+struct dpll_bad_pin {
+    std::uint32_t id;
+    int error;       // negative errno
+    bool was_asked;  // in this reading
+    bool was_said;   // in the log
+};
+struct dpll_bad_pins {
+    static constexpr std::size_t MAX = DPLL_MANAGED_MAX + 63;
+    dpll_bad_pin pins[MAX];
+    std::size_t count;
+};
+bool dpll_is_bad(const dpll_bad_pins& bad, std::uint32_t id);
+
 struct dpll_steering {
     genl* link;  // its sink keeps `view` true
     dpll_view* view;
+    const dpll_bad_pins* bad;
     const port_table* table;
     std::uint64_t settings, refusals;
     dpll_goal goal;

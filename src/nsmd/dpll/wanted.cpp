@@ -41,6 +41,12 @@ std::uint32_t state_of(const dpll_device& d) {
     }
 }
 
+// Seen so, or nothing else is seen.
+bool may_follow_a_bad_pin(const dpll_kernel* k, const dpll_pin* input, const dpll_pin* child) {
+    if (!input || (input->type == DPLL_PIN_MUX && !child)) return k->singly_tries > 0;
+    return dpll_is_bad(k->bad, input->id) || (child && dpll_is_bad(k->bad, child->id));
+}
+
 bool has_no_pin(dpll_kernel* k, const char* what) {
     std::snprintf(k->trouble, sizeof k->trouble, "%s, nothing to follow", what);
     if (!k->no_pin_said) log_suite(LOG_LEVEL_WARNING, "clock: %s", k->trouble);
@@ -141,5 +147,6 @@ dpll_report dpll_kernel_observe(const dpll_kernel* k, bool* is_clear) {
     const dpll_pin* child = nullptr;
     const dpll_pin* input = dpll_view_active_input(&k->view, d->id, &child);
     *is_clear = input != nullptr;
+    if (may_follow_a_bad_pin(k, input, child)) return {DPLL_TRANSIENT, 0};
     return {state, child ? source_of(k, *child) : input ? source_of(k, *input) : 0};
 }
