@@ -416,7 +416,7 @@ bool begin_next(dpll_kernel* k) {
 }
 
 void go_on(dpll_kernel* k) {
-    k->held = 0;
+    if (k->task != clock_task::reads_singly) k->held = 0;  // many answers, but one list
     switch (k->task) {
         case clock_task::reads_devices:
         case clock_task::reads_pins:
