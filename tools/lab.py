@@ -280,7 +280,7 @@ class Switch(Node):
     def start_nsmd(self, *options):
         options = options or ("--port", "p*", "--dpll", "sim")
         self.nsmd = self.spawn("nsmd", [f"{BIN}/nsmd", *options])
-        wait_until(lambda: self.path("/run/nsmd.sock").exists() or not self.nsmd.alive(), 5.0, "nsmd listens")
+        wait_until(lambda: os.path.lexists(self.path("/run/nsmd.sock")) or not self.nsmd.alive(), 5.0, "nsmd listens")
         return self.nsmd
 
     def start_esmcd(self, *options, wait=True):
@@ -299,7 +299,7 @@ class Switch(Node):
         def answers():
             if not self.esmcd.alive():
                 raise RuntimeError(f"esmcd ended with {self.esmcd.popen.returncode}:\n{self.esmcd.text()[-2000:]}")
-            return self.path("/run/esmcd.vty").exists() and self.cli(check=False).status == 0
+            return os.path.lexists(self.path("/run/esmcd.vty")) and self.cli(check=False).status == 0
         wait_until(answers, deadline, f"{self.name}: esmcd answers")
 
     def cli(self, *lines, check=True, **more):

@@ -123,10 +123,7 @@ void remove_pid_file() {
 std::int32_t become_user(const rights_user& user, const char* config_file) {
     if (!config_file) config_file = HOST_DEFAULT_CONFIG;
     host_file_give(config_file, user);
-    const int given = rights_give(TERMINAL_LOCAL_SOCKET, user, false);
-    if (given < 0 && given != -ENOENT)
-        SSM_LOG(LOG_LEVEL_WARNING, "%s%sCan't give %s to user %s: %s", TERMINAL_LOCAL_SOCKET, user.name,
-                std::strerror(-given));
+    rights_give_socket(TERMINAL_LOCAL_SOCKET, user);
     restart_give(user);
     if (pal_rights_become(user) < 0) return -1;
     host_file_check(config_file, user);

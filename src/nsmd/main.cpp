@@ -76,10 +76,7 @@ bool go_to_background() {
 bool become_user(const nsmd_options& options) {
     const rights_user& user = options.user;
     if (!user.name) return true;
-    const int given = rights_give(NSM_SOCKET_PATH, user, false);
-    if (given < 0)
-        log_suite(LOG_LEVEL_WARNING, "can't give %s to user %s: %s", NSM_SOCKET_PATH, user.name,
-                  std::strerror(-given));
+    rights_give_socket(NSM_SOCKET_PATH, user);
     (void)rights_give(INDEX_PATH, user, true);
     if (options.sim.state_file) (void)rights_give(options.sim.state_file, user, true);
     return rights_become(user, RIGHTS_KEPT) == 0;

@@ -144,8 +144,12 @@ def start_as(sw, program, user, *options):
 
 @pytest.mark.parametrize("place, nsmd_user", [("/etc/esmcd.conf", "nobody"), ("/run/own/esmcd.conf", "root:nogroup")])
 def test_another_user_serves_saves_and_is_started_again(linked, place, nsmd_user):
-    """In /etc, where he may make no file, and in a directory of his own."""
+    """In /etc, where he may make no file, with links to where his sockets are; and in a directory of his own."""
     sw = linked
+    if nsmd_user == "nobody":
+        sw.run("install", "-d", "-o", "nobody", "-g", "nogroup", "/run/esmcd")
+        for name, target in (("nsmd.sock", "nsmd.sock"), ("esmcd.vty", "vty")):
+            sw.path(f"/run/{name}").symlink_to(f"/run/esmcd/{target}")
     sw.path("/etc/esmcd.conf").write_text("clock synce global-enable\nclock synce ssm enable\n")
     sw.run("install", "-d", "-o", "nobody", "/run/own", "/var/log/own")
     sw.run("sh", "-c", f"[ {place} = /etc/esmcd.conf ] || install -o nobody -m 640 /etc/esmcd.conf {place}")

@@ -3,7 +3,8 @@
 // statically linked program does not have.
 //
 // Giving is where root could be tricked: by a link that somebody else put in the place of the file. So it is
-// done only in directories that are closed to everybody else, through descriptors.
+// done only in directories that are closed to everybody else, through descriptors. In a directory of the user
+// himself only a socket is given, and only where root's own link leads there.
 #include "suite/rights/user.h"
 
 #include <fcntl.h>
@@ -19,6 +20,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "suite/base/unix_socket.h"
 #include "suite/log/log.h"
 #include "suite/rights/rights.h"
 
@@ -113,9 +115,9 @@ bool split(const char* path, place* out) {
     return true;
 }
 
-bool is_closed_to_others(int directory) {
+bool is_closed_to_others(int directory, uid_t owner) {
     struct stat status {};
-    return fstat(directory, &status) == 0 && status.st_uid == geteuid() && !(status.st_mode & 022);
+    return fstat(directory, &status) == 0 && status.st_uid == owner && !(status.st_mode & 022);
 }
 
 int open_entry(int directory, const char* name, bool make) {
@@ -124,12 +126,29 @@ int open_entry(int directory, const char* name, bool make) {
     return openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0640);
 }
 
-int give_entry(int fd, const rights_user& user) {
+int give_entry(int fd, const rights_user& user, bool may_be_a_file) {
     struct stat status {};
     if (fstat(fd, &status) != 0) return -errno;
-    if ((!S_ISREG(status.st_mode) && !S_ISSOCK(status.st_mode)) || status.st_nlink != 1) return 0;
+    const bool is_file = S_ISREG(status.st_mode) && may_be_a_file;
+    if ((!is_file && !S_ISSOCK(status.st_mode)) || status.st_nlink != 1) return 0;
     if (status.st_uid == user.uid && status.st_gid == user.gid) return 1;
     return fchownat(fd, "", user.uid, user.gid, AT_EMPTY_PATH) == 0 ? 1 : -errno;
+}
+
+// What lies in a directory of `owner`, who is the user himself or we.
+int give_in(uid_t owner, const char* path, const rights_user& user, bool make) {
+    place where;
+    if (!split(path, &where)) return 0;
+    const int directory = open(where.directory, O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (directory < 0) return -errno;
+    int result = 0;
+    if (is_closed_to_others(directory, owner)) {
+        const int fd = open_entry(directory, where.name, make);
+        result = fd < 0 ? -errno : give_entry(fd, user, owner == geteuid());
+        if (fd >= 0) close(fd);
+    }
+    close(directory);
+    return result;
 }
 
 bool is_already(const rights_user& user) {
@@ -168,18 +187,16 @@ const char* rights_user_find(const char* text, rights_user* out) {
 }
 
 int rights_give(const char* path, const rights_user& user, bool make) {
-    place where;
-    if (!split(path, &where)) return 0;
-    const int directory = open(where.directory, O_PATH | O_DIRECTORY | O_CLOEXEC);
-    if (directory < 0) return -errno;
-    int result = 0;
-    if (is_closed_to_others(directory)) {
-        const int fd = open_entry(directory, where.name, make);
-        result = fd < 0 ? -errno : give_entry(fd, user);
-        if (fd >= 0) close(fd);
-    }
-    close(directory);
-    return result;
+    return give_in(geteuid(), path, user, make);
+}
+
+void rights_give_socket(const char* path, const rights_user& user) {
+    char at[sizeof(sockaddr_un::sun_path)];
+    if (!unix_place(path, at)) return;
+    const int given = give_in(std::strcmp(at, path) == 0 ? geteuid() : user.uid, at, user, false);
+    if (given > 0 || given == -ENOENT) return;
+    log_suite(LOG_LEVEL_WARNING, "can't give %s to user %s: %s", at, user.name,
+              given < 0 ? std::strerror(-given) : "others may change what lies there");
 }
 
 int rights_become(const rights_user& user, std::uint64_t keep) {

@@ -26,6 +26,10 @@ struct rights_user {
 // the user's own rights have to do, or to a device or a file of several names; a negative errno.
 [[nodiscard]] int rights_give(const char* path, const rights_user& user, bool make);
 
+// The same with a socket that was made for `path` as unix_place says: where root's link leads, in a directory
+// of the user himself too. What can't be given is said in the log; a socket that is not there is none.
+void rights_give_socket(const char* path, const rights_user& user);
+
 // Becomes the user for good, with no capability but those in `keep`, and says so in the log. 0 or a negative
 // errno: the caller has to end then, because it may be half done.
 [[nodiscard]] int rights_become(const rights_user& user, std::uint64_t keep);
