@@ -16,7 +16,7 @@ import tempfile
 import time
 
 import ring
-from lab import BIN, Lab, parse_show
+from lab import BIN, PATIENCE, Lab, parse_show
 
 STATE = pathlib.Path("/run/esmc-demo.json")  # what --keep leaves behind for --stop
 
@@ -96,7 +96,7 @@ class Demo:
     def look(self):
         return {name: read_switch(switch) for name, switch in self.switches.items()}
 
-    def step(self, title, change, expected, deadline, settled=None):
+    def step(self, title, change, expected, settled=None, deadline=PATIENCE):
         """Makes a change and waits until every switch shows what is expected of it."""
         self.screen.say(f"\n{title}")
         began = time.monotonic()
@@ -122,7 +122,7 @@ class Demo:
             if now - began > deadline:
                 self.screen.finish(table(seen))
                 wrong = [name for name in seen if name not in reached]
-                raise Failed(f"not within {deadline} s: " + "; ".join(
+                raise Failed(f"not within {deadline:g} s: " + "; ".join(
                     f"{name} shows {ring.state_of(seen[name][0])}, expected {expected[name]}" for name in wrong)
                     if wrong else "the ports do not show what they should")
             time.sleep(0.005)
@@ -152,13 +152,13 @@ class Demo:
             labels = {"rx": "Receive quality", "tx": "Send quality"}
             return lambda seen: all(seen[name][1].get(port, {}).get(labels[key]) == value
                                     for key, value in values.items())
-        self.step("Start: A is the clock (master-only, PRC); B and C find it.", start, ring.WHOLE, 15,
+        self.step("Start: A is the clock (master-only, PRC); B and C find it.", start, ring.WHOLE,
                   port_shows("B", "p2", rx="PRC", tx="PRC"))
-        self.step("Cut A-B: B turns to C, which still hears A.", cut_first, ring.CUT_A_B, 8,
+        self.step("Cut A-B: B turns to C, which still hears A.", cut_first, ring.CUT_A_B,
                   port_shows("B", "p2", rx="PRC", tx="DNU"))
-        self.step("Cut C-A, the last link to A: C holds over at EEC1, and B follows C.", cut_second, ring.CUT_BOTH, 8,
+        self.step("Cut C-A, the last link to A: C holds over at EEC1, and B follows C.", cut_second, ring.CUT_BOTH,
                   port_shows("B", "p2", rx="EEC1/SEC", tx="DNU"))
-        self.step("Restore both links: B and C return to A.", restore, ring.WHOLE, 15)
+        self.step("Restore both links: B and C return to A.", restore, ring.WHOLE)
 
     def lose_the_clock(self):
         """In rings of their own, since A stays without a clock: once with the guard, once without."""
@@ -184,7 +184,7 @@ class Demo:
         self.switches = ring.make(lab, more=ring.GUARD)
         self._until(whole)
         self.step("Another such ring; its A loses its clock and is a switch like the others: no loop, two clocks hold over.",
-                  fail, ring.NO_CLOCK, 15)
+                  fail, ring.NO_CLOCK)
         self.switches = ring.make(lab)
         self._until(whole)
         fail()
@@ -193,7 +193,7 @@ class Demo:
             f"{way} follow each other round the ring, and nobody has a clock." if way else "this time no loop stood."))
         self.screen.finish(table(self.look()))
 
-    def _until(self, holds, deadline=15):
+    def _until(self, holds, deadline=PATIENCE):
         """What `holds` makes of the clock blocks, once it is true, or at the deadline."""
         end = time.monotonic() + deadline
         while True:

@@ -24,6 +24,8 @@ import time
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 BIN = "/run/esmc-bin"  # where a node sees the build's programs, wherever the tree itself lies
 
+PATIENCE = 20.0  # seconds until a condition that nobody times is given up: a machine may be busy with something else
+
 BOARD = "board_type 12\nproduct_series 1\nsynce_support 1\n"
 
 # Run in the new namespaces: private mounts, then the paths that the programs expect.
@@ -54,7 +56,7 @@ class Timeout(AssertionError):
     """A condition did not come true before its deadline."""
 
 
-def wait_until(condition, deadline=5.0, what="", interval=0.01):
+def wait_until(condition, deadline=PATIENCE, what="", interval=0.01):
     """Polls `condition` until it returns something true, which is returned. Timeout after `deadline` seconds."""
     end = time.monotonic() + deadline
     while True:
@@ -108,7 +110,7 @@ class Process:
             log.seek(self.start_offset)
             return log.read().decode("utf-8", "replace")
 
-    def wait_log(self, pattern, deadline=5.0, count=1):
+    def wait_log(self, pattern, deadline=PATIENCE, count=1):
         return wait_until(lambda: self.text().count(pattern) >= count, deadline,
                           f"{self.name} logs {pattern!r} {count} time(s)")
 
@@ -119,14 +121,14 @@ class Process:
     def send(self, number):
         self.popen.send_signal(number)
 
-    def wait(self, deadline=5.0):
+    def wait(self, deadline=PATIENCE):
         """Exit status, negative for the signal that ended it."""
         try:
             return self.popen.wait(deadline)
         except subprocess.TimeoutExpired:
             raise Timeout(f"{self.name} (pid {self.pid}) has not ended within {deadline:g} s") from None
 
-    def stop(self, number=signal.SIGTERM, deadline=5.0):
+    def stop(self, number=signal.SIGTERM, deadline=PATIENCE):
         if self.alive():
             self.send(number)
         return self.wait(deadline)
@@ -245,7 +247,7 @@ class Node:
         for process in reversed(self.processes):
             if process.alive():
                 with contextlib.suppress(Timeout):
-                    process.stop(signal.SIGTERM, 5.0)
+                    process.stop()
             if process.alive():
                 process.send(signal.SIGKILL)  # that it came to this is a fault: see complaints()
                 process.wait()
@@ -280,7 +282,7 @@ class Switch(Node):
     def start_nsmd(self, *options):
         options = options or ("--port", "p*", "--dpll", "sim")
         self.nsmd = self.spawn("nsmd", [f"{BIN}/nsmd", *options])
-        wait_until(lambda: os.path.lexists(self.path("/run/nsmd.sock")) or not self.nsmd.alive(), 5.0, "nsmd listens")
+        wait_until(lambda: os.path.lexists(self.path("/run/nsmd.sock")) or not self.nsmd.alive(), what="nsmd listens")
         return self.nsmd
 
     def start_esmcd(self, *options, wait=True):
@@ -294,13 +296,13 @@ class Switch(Node):
         self.start_esmcd()
         return self
 
-    def wait_shell(self, deadline=10.0):
+    def wait_shell(self):
         """Until esmcd answers on its terminal; its end before that is said with its log."""
         def answers():
             if not self.esmcd.alive():
                 raise RuntimeError(f"esmcd ended with {self.esmcd.popen.returncode}:\n{self.esmcd.text()[-2000:]}")
             return os.path.lexists(self.path("/run/esmcd.vty")) and self.cli(check=False).status == 0
-        wait_until(answers, deadline, f"{self.name}: esmcd answers")
+        wait_until(answers, what=f"{self.name}: esmcd answers")
 
     def cli(self, *lines, check=True, **more):
         """Runs the lines through `esmcsh -c`. With `check`, a line that fails is an error."""
@@ -326,11 +328,11 @@ class Switch(Node):
         """The block of one port as a dictionary; empty when there is no such port."""
         return parse_show(self.show("clock synce", name))
 
-    def wait_clock(self, deadline=5.0, **expected):
+    def wait_clock(self, deadline=PATIENCE, **expected):
         """Waits until the clock block has these values; keys by the short names of CLOCK_LABELS."""
         return self._wait_values(self.clock, CLOCK_LABELS, expected, deadline)
 
-    def wait_port(self, name, deadline=5.0, **expected):
+    def wait_port(self, name, deadline=PATIENCE, **expected):
         return self._wait_values(lambda: self.port(name), PORT_LABELS, expected, deadline)
 
     def _wait_values(self, read, labels, expected, deadline):

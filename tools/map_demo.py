@@ -47,12 +47,12 @@ class Map:
         self.url = found[0]
 
     def get(self, path):
-        with urllib.request.urlopen(self.url + path, timeout=5) as reply:
+        with urllib.request.urlopen(self.url + path, timeout=20) as reply:
             return json.load(reply)
 
     def stop(self):
         self.process.terminate()
-        assert self.process.wait(5) == 0
+        assert self.process.wait(20) == 0
         self.process.stdout.close()
 
 

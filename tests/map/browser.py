@@ -37,7 +37,7 @@ class Browser:
     def eval(self, js):
         return self("eval", js=js)
 
-    def wait(self, js, seconds=10):
+    def wait(self, js, seconds=20):
         return self("wait", js=js, ms=seconds * 1000)
 
     def press(self, *keys):
@@ -53,5 +53,5 @@ class Browser:
 
     def close(self):
         self.process.stdin.close()
-        self.process.wait(10)
+        self.process.wait(60)
         self.process.stdout.close()

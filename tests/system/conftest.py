@@ -64,7 +64,8 @@ def environment(tmp_path, build):
     scratch = tmp_path / "scratch"
     scratch.mkdir()
     yield dict(os.environ, ESMC_BUILD=str(build), TMPDIR=str(scratch), TERM="xterm")
-    assert list(scratch.iterdir()) == [] and programs_of(build) == []
+    lab_module.wait_until(lambda: not programs_of(build), what="the last child has ended too")
+    assert list(scratch.iterdir()) == []
 
 
 @pytest.fixture

@@ -161,5 +161,5 @@ def test_all_attacks_at_once(hanging):  # noqa: F811
     misses = [int(count) for count in re.findall(r"TCP terminal: (\d+) more wrong passwords", log)]
     assert sum(misses) > 50 and answered.value <= 20 + SECONDS // 2, (misses, answered.value)
     assert len(log.splitlines()) < 1000, "nobody fills the log"
-    assert wait_until(lambda: sw.cli("show version", check=False).status == 0, 5.0, "a session of the host's own")
+    assert wait_until(lambda: sw.cli("show version", check=False).status == 0, what="a session of the host's own")
     assert sw.nsmd.alive() and sw.clock()["DPLL running state"] == "Lock"

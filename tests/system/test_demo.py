@@ -14,7 +14,7 @@ DEMO = ROOT / "demo"
 
 def demo(environment, *options):
     return subprocess.run([str(DEMO), *options], env=environment, stdin=subprocess.DEVNULL, capture_output=True,
-                          text=True, timeout=60)
+                          text=True, timeout=300)
 
 
 def test_every_state_is_reached_and_kept_until_it_is_stopped(environment):
@@ -34,7 +34,7 @@ def test_every_state_is_reached_and_kept_until_it_is_stopped(environment):
 
 
 def test_ctrl_c_ends_it(environment, build):
-    session = pexpect.spawn(str(DEMO), env=environment, timeout=20, encoding="utf-8", dimensions=(40, 110))
+    session = pexpect.spawn(str(DEMO), env=environment, timeout=60, encoding="utf-8", dimensions=(40, 110))
     session.expect("Cut A-B")
     assert programs_of(build), "the switches run"
     session.sendintr()

@@ -44,7 +44,7 @@ def test_no_descriptor_left(enabled):
     for client in clients:
         client.connect(str(enabled.path("/run/esmcd.vty")))
     try:
-        wait_until(lambda: len(os.listdir(f"/proc/{pid}/fd")) == highest + 1, 3, "all descriptors are taken")
+        wait_until(lambda: len(os.listdir(f"/proc/{pid}/fd")) == highest + 1, what="all descriptors are taken")
         enabled.nsmd.kill()  # the link to it has to be opened again meanwhile
         used, began = cpu_seconds(pid), time.monotonic()
         enabled.t2.drain()
@@ -59,5 +59,5 @@ def test_no_descriptor_left(enabled):
         resource.prlimit(pid, resource.RLIMIT_NOFILE, before)
     enabled.start_nsmd()
     enabled.wait_shell()
-    wait_until(lambda: neighbour.keep() and "synchronised" in enabled.show("nsm"), 5, "the link to NSM is back")
+    wait_until(lambda: neighbour.keep() and "synchronised" in enabled.show("nsm"), what="the link to NSM is back")
     enabled.wait_clock(source="p1", quality="PRC")

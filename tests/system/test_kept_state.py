@@ -31,10 +31,10 @@ def kept(configured):
     with Watch(lab.tester, ("t1", "t2", "t3")) as watch:
         start_nsmd(configured)
         configured.start_esmcd()
-        configured.wait_clock(10, source="p1", quality="PRC", state="Lock", dpll="Lock")
+        configured.wait_clock(source="p1", quality="PRC", state="Lock", dpll="Lock")
         configured.watch = watch
         for frames in watch.seen.values():
-            wait_until(lambda: frames and frames[-1].quality in (PRC, DNU), 3)
+            wait_until(lambda: frames and frames[-1].quality in (PRC, DNU))
             frames.clear()
         yield configured
 
@@ -58,7 +58,7 @@ def test_restarts_under_traffic_go_unnoticed(kept, number, allowed):
         (kept.esmcd.kill if number == signal.SIGKILL else kept.esmcd.stop)()
         assert registers(kept) == LOCKED
         kept.start_esmcd()
-        kept.esmcd.wait_log(TAKEN, 3)
+        kept.esmcd.wait_log(TAKEN)
         now = facts(kept)
         assert (now["source"], now["current_quality"]) == ("p1", "prc"), now
         received = int(parse_show(kept.show("clock synce statistics p1"))["Information PDUs received"])
@@ -85,37 +85,37 @@ def test_what_changed_meanwhile_or_comes_too_late_is_a_cold_start(kept):
         kept.esmcd.kill() if number == signal.SIGKILL else kept.esmcd.stop()
         between()
         kept.start_esmcd()
-        kept.esmcd.wait_log(why, 3)
+        kept.esmcd.wait_log(why)
         assert TAKEN not in kept.esmcd.text()
-        kept.wait_clock(5, source="p1", quality="PRC", state="Lock", dpll="Lock")
-        wait_until(lambda: state.exists() and state.stat().st_size > 1000, 3, "a copy is made")
+        kept.wait_clock(source="p1", quality="PRC", state="Lock", dpll="Lock")
+        wait_until(lambda: state.exists() and state.stat().st_size > 1000, what="a copy is made")
         assert state.stat().st_mode & 0o777 == 0o600
 
     text = config.read_text()
     restart("the configuration is another", between=lambda: config.write_text(text + "clock synce non-revertive\n"))
     restart("p3: its link changed", between=lambda: kept.lab.tester.link_set("t3", False) or kept.nsmd.wait_log(
-        ": down", 3))
+        ": down"))
     restart("it is damaged", signal.SIGKILL, lambda: state.write_bytes(b"x" * 5000))
     restart("others may have written it", signal.SIGKILL, lambda: state.chmod(0o666))
     restart("it is too old", between=lambda: time.sleep(5.2))
     kept.esmcd.stop()
     kept.start_esmcd()
-    kept.esmcd.wait_log(TAKEN, 3)
+    kept.esmcd.wait_log(TAKEN)
     kept.configure("no state keep")
-    wait_until(lambda: not state.exists(), 3, "nothing is left")
+    wait_until(lambda: not state.exists(), what="nothing is left")
     kept.esmcd.stop()
     wait_holdover(kept)
     # What an operator forgot is said at the next start.
     config.write_text(text.replace("interface p2\n", "clock synce switch-force p1\ninterface p2\n clock synce lockout\n"))
     kept.start_esmcd()
     for line in ("warning : forced switch to p1 is active", "warning : p2 is locked out"):
-        kept.esmcd.wait_log(line, 3)
+        kept.esmcd.wait_log(line)
     kept.esmcd.stop()
     # A user who may make no file in /run has one there that is his.
     config.write_text(text)
     for why in ("nobody", TAKEN):
         kept.esmcd = kept.spawn("esmcd", as_user(f"{BIN}/esmcd", "nobody"))
-        kept.esmcd.wait_log(why, 3)
-        kept.wait_clock(5, source="p1", quality="PRC", dpll="Lock")
-        wait_until(lambda: state.stat().st_size > 1000, 3, "a copy is made")
+        kept.esmcd.wait_log(why)
+        kept.wait_clock(source="p1", quality="PRC", dpll="Lock")
+        wait_until(lambda: state.stat().st_size > 1000, what="a copy is made")
         kept.esmcd.stop()

@@ -27,8 +27,8 @@ def test_flap_is_delivered_as_down_and_up(enabled, times):
     for _ in range(times):
         plug.set(False)
         plug.set(True)
-    enabled.wait_clock(2, source="N/A", state="Holdover", quality="EEC1/SEC")
-    enabled.wait_port("p1", 2, up="enable", rx="N/A", priority="10")
+    enabled.wait_clock(3, source="N/A", state="Holdover", quality="EEC1/SEC")  # less than its time-out
+    enabled.wait_port("p1", up="enable", rx="N/A", priority="10")
     events = port_events()[before:]
     assert events and events == ["down", "up"] * (len(events) // 2) and len(events) <= 2 * times, events
     # Anything heard now counts as ever.
@@ -53,14 +53,14 @@ def test_pulled_cable_is_told_to_the_neighbours(configured, held_back):
     took = []
     with Watch(tester, watched=("t2",)) as watch:
         for turn in range(4 if lab.sanitized else 12):
-            sw.wait_clock(8, source="p1", quality="PRC", state="Lock")
+            sw.wait_clock(source="p1", quality="PRC", state="Lock")
             if held_back:
                 other.set(turn % 2 == 1)
-                sw.wait_port("p3", 3, up="enable" if turn % 2 else "disable")
+                sw.wait_port("p3", up="enable" if turn % 2 else "disable")
             watch.seen["t2"].clear()
             asked = plug.set(False)
-            told = wait_until(lambda: watch.first("t2", lambda frame: frame.event and frame.quality == EEC1), 3,
-                              "the neighbour is told of the loss", interval=0.002)
+            told = wait_until(lambda: watch.first("t2", lambda frame: frame.event and frame.quality == EEC1),
+                              what="the neighbour is told of the loss", interval=0.002)
             took.append(told.when - asked)
             watch.feeding.clear()
             sw.wait_port("p1", up="disable")
@@ -83,24 +83,24 @@ def test_renamed_port_is_another_one(configured):
         sw.ip_batch([f"link set {old} down", f"link set {old} name {new}", f"link set {new} up"])
 
     rename("p2", "p9")
-    sw.wait_port("p9", 3, up="enable", synce="enable", priority="33")
+    sw.wait_port("p9", up="enable", synce="enable", priority="33")
     assert sw.port("p2") == {} and "interface p2" not in sw.show("running-config")
     sw.t2.send(esmc(PRC))
     sw.wait_clock(source="p9")
     rename("p9", "p2")
-    sw.wait_port("p2", 3, up="enable", synce="disable", priority="255")
+    sw.wait_port("p2", up="enable", synce="disable", priority="255")
     rename("p2", "elsewhere")  # a name that nobody asked to serve
-    wait_until(lambda: sw.port("p2") == {} and sw.port("elsewhere") == {}, 3)
+    wait_until(lambda: sw.port("p2") == {} and sw.port("elsewhere") == {})
     assert "elsewhere" not in status_of(sw)
 
 
 def assert_p1_works_anew(sw):
     """It starts from defaults; configured again, it is sent on, is heard, and is followed."""
     far = Port(sw.lab.tester, "t1")
-    sw.wait_port("p1", 3, up="enable", synce="disable", priority="255", rx="N/A")
+    sw.wait_port("p1", up="enable", synce="disable", priority="255", rx="N/A")
     sw.configure("interface p1", "clock synce priority 10", "clock synce enable")
     neighbour = Neighbour(far, PRC)
-    wait_until(lambda: neighbour.keep() and sw.clock()["Current selected interface"] == "p1", 3, "p1 is followed")
+    wait_until(lambda: neighbour.keep() and sw.clock()["Current selected interface"] == "p1", what="p1 is followed")
     far.drain()
     assert next(far.frames(2.5), None) is not None, "p1 sends nothing"
 
@@ -112,15 +112,15 @@ def test_port_that_goes_and_returns_is_a_new_one(enabled):
     sw.wait_clock(source="p1")
     spare = sw.lab.node("spare", board=None)
     sw.ip("link", "set", "p1", "netns", str(spare.pid))
-    sw.wait_clock(3, source="N/A", state="Holdover")
-    wait_until(lambda: sw.port("p1") == {}, 3, "p1 is gone")
+    sw.wait_clock(source="N/A", state="Holdover")
+    wait_until(lambda: sw.port("p1") == {}, what="p1 is gone")
     assert "p1" not in status_of(sw) and "interface p1" not in sw.show("running-config")
     spare.ip("link", "set", "p1", "netns", str(sw.pid))
-    sw.wait_port("p1", 3, up="disable")
+    sw.wait_port("p1", up="disable")
     sw.link_set("p1", True)
     assert_p1_works_anew(sw)
     sw.ip("link", "delete", "p1")
-    wait_until(lambda: sw.port("p1") == {}, 3, "p1 is gone")
+    wait_until(lambda: sw.port("p1") == {}, what="p1 is gone")
     sw.lab.link(sw, "p1", tester, "t1")
     assert_p1_works_anew(sw)
     # Gone and back before anybody could look: no matter how it is told, the new one is served.
@@ -153,7 +153,7 @@ def test_255_ports_come_up_at_once_and_a_killed_nsmd_goes_unnoticed(many):
     sw, tester = many, many.lab.tester
     set_all(sw, "d", "down")
     sw.start("d*")
-    wait_until(lambda: len(port_lines(sw)) == 255, 10)
+    wait_until(lambda: len(port_lines(sw)) == 255)
     ear, patience = Port(tester, None), 30 if sw.lab.sanitized else 10
     set_all(sw, "d", "up")
     assert len(hear(ear, patience, 255)) == 255
@@ -161,7 +161,7 @@ def test_255_ports_come_up_at_once_and_a_killed_nsmd_goes_unnoticed(many):
     assert sw.show("clock synce brief").count("\nd") == 255
     # All go at once, and come back.
     set_all(tester, "e", "down")
-    wait_until(lambda: ", up, " not in status_of(sw), 5, "all ports are down")
+    wait_until(lambda: ", up, " not in status_of(sw), what="all ports are down")
     sw.wait_port("d255", up="disable")
     ear.drain()
     set_all(tester, "e", "up")
@@ -174,7 +174,7 @@ def test_255_ports_come_up_at_once_and_a_killed_nsmd_goes_unnoticed(many):
         sw.nsmd.kill()
         sw.start_nsmd("--port", "d*", "--dpll", "sim")
         time.sleep(1.5)  # a period, in which every port sends
-        sw.nsmd.wait_log("connected", 5)
+        sw.nsmd.wait_log("connected")
     heard = hear(ear, 0.2)
     assert len(heard) == 255
     assert {what for frames in heard.values() for what in frames} == {(False, PRC)}
@@ -187,7 +187,7 @@ def test_lost_messages_about_links_are_made_up_for(many):
     """nsmd stands still while more happens than the kernel keeps for it; then it asks for everything."""
     sw, tester = many, many.lab.tester
     sw.start("d*")
-    wait_until(lambda: status_of(sw).count(", up, ") == 255, 20)
+    wait_until(lambda: status_of(sw).count(", up, ") == 255)
     sw.nsmd.send(signal.SIGSTOP)
     try:
         for turn in range(30):  # each change is a message of its own, however busy the machine
@@ -196,13 +196,13 @@ def test_lost_messages_about_links_are_made_up_for(many):
         sw.ip_batch(["link delete d150", "link set d160 down", "link set d160 name d999", "link set d999 up"])
     finally:
         sw.nsmd.send(signal.SIGCONT)
-    sw.nsmd.wait_log("messages about links were lost, asking for all of them", 10)
+    sw.nsmd.wait_log("messages about links were lost, asking for all of them")
     expected = {f"d{i}": "down" if i <= 100 else "up" for i in range(1, 256) if i not in (150, 160)} | {"d999": "up"}
 
     def differences():
         words = [line.replace(":", ",").split(", ") for line in port_lines(sw)]
         return {(each[0].split()[2], each[2]) for each in words} ^ set(expected.items())
-    wait_until(lambda: not differences(), 10, "nsmd knows all links again", interval=0.1)
+    wait_until(lambda: not differences(), what="nsmd knows all links again", interval=0.1)
     for port, up, synce in (("d100", "disable", "enable"), ("d101", "enable", "enable"), ("d999", "enable", "disable")):
         sw.wait_port(port, up=up, synce=synce)
     assert sw.port("d150") == {} and sw.port("d160") == {}

@@ -71,7 +71,7 @@ def test_flooded_port_is_felt_by_nobody_else(enabled, release_only, kind):
 
 
 def test_a_pdu_overtakes_a_full_queue(enabled):
-    """1 Mbit/s behind a second of traffic and more: what all ports say at once is on this link at once as well."""
+    """1 Mbit/s behind seconds of traffic: what all ports say at once is on this link at once as well."""
     shaped = enabled.run("sh", "-c", "tc qdisc add dev p1 root handle 1: tbf rate 1mbit burst 4kb limit 10mb && "
                          "tc qdisc add dev p1 parent 1:1 pfifo_fast", check=False)
     if shaped.returncode:
@@ -83,6 +83,6 @@ def test_a_pdu_overtakes_a_full_queue(enabled):
         while True:
             filler.send(esmc(PRC)[:12] + bytes([0x88, 0xB5]) + bytes(1486))
     waiting = int(re.search(r"qlen (\d+)|backlog \S+ (\d+)p", enabled.run("tc", "-s", "qdisc", "show", "dev", "p1").stdout)[2])
-    assert waiting > 100, "more than a second of it"
+    assert waiting > 600, "more than seven seconds of it"
     enabled.t2.send(esmc(PRC))
-    assert enabled.t1.expect(0.5, event=True, quality=PRC)
+    assert enabled.t1.expect(5, event=True, quality=PRC)

@@ -79,7 +79,7 @@ def test_switches_that_answer_anything_disturb_none_of_the_others(lab):
         one = last().get(name, {})
         return one.get("answer"), one.get("error") or ""
     for name, (_, answer, words) in HOSTILE.items():
-        wait_until(lambda: said_of(name)[0] == answer and (words or "") in said_of(name)[1], 10, f"{name}: {answer}, {words}")
+        wait_until(lambda: said_of(name)[0] == answer and (words or "") in said_of(name)[1], what=f"{name}: {answer}, {words}")
     assert last()["latin"]["ports"][0]["name"] == "\ufffd\ufffd\ufffd[31m"
 
     late = []
@@ -88,14 +88,14 @@ def test_switches_that_answer_anything_disturb_none_of_the_others(lab):
         beside.write_text(clock(quality, 1))
         beside.rename(good)
         began = time.monotonic()
-        wait_until(lambda: last()["good"]["quality"] == quality, 5, quality)
+        wait_until(lambda: last()["good"]["quality"] == quality, what=quality)
         late.append(time.monotonic() - began)
     if not is_sanitized(build_dir()):
         assert sorted(late)[-2] < 1.5, late
         assert peak_kib(watch.pid) < 100 * 1024
     watch.expected_status = 3
     watch.send(signal.SIGTERM)
-    wait_until(lambda: not watch.alive() and not inside(node), 5, "nothing is left")
+    wait_until(lambda: not watch.alive() and not inside(node), what="nothing is left")
 
 
 MODULE = "1.3.6.1.4.1.32473.81"
@@ -131,7 +131,7 @@ def serve_agent(agent, answers):
 def test_agents_that_answer_anything_disturb_none_of_the_others(lab):
     node = lab.node("operator", board=None)
     node.path("/run/good.json").write_text(clock("prc", 1))
-    lines, threads = ["timeout 1", "switch good command cat /run/good.json"], []
+    lines, threads = ["timeout 4", "switch good command cat /run/good.json"], []
     for port, (name, (answers, _, _)) in enumerate(AGENTS.items(), 1161):
         agent = node.in_network(lambda: socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
         agent.bind(("127.0.0.1", port))

@@ -248,7 +248,7 @@ def test_the_slider_shows_the_past_and_a_lost_server_is_said(browser, serve):
     # A server that hangs is as lost as one that has ended; another one in its place counts its states anew.
     gone, back = "document.getElementById('lost').checkVisibility()", "!document.getElementById('lost').checkVisibility()"
     served.process.send_signal(signal.SIGSTOP)
-    browser.wait(gone, 8)
+    browser.wait(gone)
     served.process.send_signal(signal.SIGCONT)
     browser.wait(back)
     served.stop()
@@ -283,7 +283,7 @@ def test_200_switches_are_shown_without_a_jerk(browser, serve):
     browser("open", url=served.url, motion="no-preference")
     browser.wait("document.querySelectorAll('#network .node').length === 200")
     began, before = browser("used"), len(browser("log")["painted"])
-    browser.wait("document.getElementById('slider').max === '19' && document.getAnimations().length === 0", 20)
+    browser.wait("document.getElementById('slider').max === '19' && document.getAnimations().length === 0")
     check_drawing(browser.eval(DRAWN), told[-1])
     log = browser.quiet(served.url)
     used = (browser("used") - began) * 1000 / (len(log["painted"]) - before)
@@ -330,20 +330,20 @@ def test_a_cut_and_a_loop_in_a_real_ring_show_within_a_poll_or_two(browser, lab,
     try:
         browser("open", url=served.url)
         browser.wait(map_pictures.FOLLOWING, 30)
-        wait_until(as_switches_say, 15, "the page shows the ring", 0.3)
+        wait_until(as_switches_say, what="the page shows the ring", interval=0.3)
         switches["sw1"].link_set("p2", False)
         began = time.monotonic()
-        browser.wait("document.querySelector('[data-id=\"sw1 p2 ~ sw2 p1\"][data-up=false]') && !document.querySelector('.node[data-id=sw2]').getAttribute('aria-label').includes('follows sw1')", 5)
+        browser.wait("document.querySelector('[data-id=\"sw1 p2 ~ sw2 p1\"][data-up=false]') && !document.querySelector('.node[data-id=sw2]').getAttribute('aria-label').includes('follows sw1')")
         took = time.monotonic() - began
         print(f"the cut is seen on the page after {took * 1000:.0f} ms")
         assert took < 1.5
-        wait_until(as_switches_say, 20, "the page shows the ring after the cut", 0.3)
+        wait_until(as_switches_say, what="the page shows the ring after the cut", interval=0.3)
         assert browser.eval(DRAWN)["links"]["sw1 p2 ~ sw2 p1"]["cross"]
         switches["sw1"].link_set("p2", True)
         browser.wait(map_pictures.FOLLOWING, 30)
         switches["sw1"].configure(*ring.LOSE_CLOCK)
         browser.wait(map_pictures.LOOP, 30)
-        wait_until(as_switches_say, 20, "the page shows the loop", 0.3)
+        wait_until(as_switches_say, what="the page shows the loop", interval=0.3)
         browser.quiet(served.url)
     except BaseException:
         browser("shot", file=str(PICTURES / "failed.png"))

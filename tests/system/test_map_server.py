@@ -27,14 +27,14 @@ def switches(folder, **said):
     for name, answer in said.items():
         (folder / name).write_text(json.dumps(answer))
     file = folder / "switches"
-    file.write_text("timeout 0.5\n" + "".join(f"switch {name} command cat '{folder / name}'\n" for name in said))
+    file.write_text("timeout 20\n" + "".join(f"switch {name} command cat '{folder / name}'\n" for name in said))
     return file
 
 
 @pytest.fixture
 def served(tmp_path):
     made = Map(switches(tmp_path, A=MASTER))
-    wait_until(lambda: answers(made) == 200, 5, "a state")
+    wait_until(lambda: answers(made) == 200, what="a state")
     yield made
     made.stop()
 
@@ -128,8 +128,8 @@ def test_the_demo_with_a_map():
         def roots():
             with contextlib.suppress(OSError), urllib.request.urlopen(said.split()[-1] + "state", timeout=5) as reply:
                 return {one["id"]: one["root"] for one in json.load(reply)["nodes"]}
-        wait_until(lambda: roots() == dict.fromkeys("ABCD", "A"), 15, "all follow A")
+        wait_until(lambda: roots() == dict.fromkeys("ABCD", "A"), what="all follow A")
     finally:
         demo.send_signal(signal.SIGINT)
         rest = demo.stdout.read()
-    assert demo.wait(15) == 0, rest
+    assert demo.wait(60) == 0, rest

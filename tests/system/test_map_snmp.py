@@ -8,6 +8,7 @@ import lossy
 import pytest
 import ring
 from lab import BIN, build_dir, wait_until
+from test_ring import settle
 
 pytestmark = pytest.mark.skipif(not (build_dir() / "bin/esmcmap").exists(), reason="esmcmap is not built: its libraries are not there")
 
@@ -38,9 +39,9 @@ class Network:
             switch.path("/run/snmpd.conf").write_text(SNMPD_CONF)
             self.agents[name] = switch.spawn("snmpd", ["env", "MIBS=", "SNMP_PERSISTENT_DIR=/run/snmp", "snmpd", "-f", "-LOw", "-C", "-c",
                                                        "/run/snmpd.conf", "udp:161"])
-        for name, switch in self.switches.items():
-            wait_until(lambda: "registered" in switch.show("snmp").splitlines()[0], 5, "registered with snmpd")
-            wait_until(lambda: ring.matches(switch.clock(), ring.WHOLE[name]), 10, f"{name} is in the ring")
+        for switch in self.switches.values():
+            wait_until(lambda: "registered" in switch.show("snmp").splitlines()[0], what="registered with snmpd")
+        settle(self.switches, ring.WHOLE)
 
     def command(self, name):
         return f"command nsenter -t {self.switches[name].pid} -m -n {BIN}/esmcsh -c 'show clock synce json'"
@@ -74,14 +75,13 @@ def told(state):
 
 
 def test_a_ring_asked_by_command_and_by_both_versions_is_the_ring_asked_by_commands(network):
-    commands = network.state(network.file())
-    assert [node["answer"] for node in commands["nodes"]] == ["ok"] * 3 and len(commands["links"]) == 3
-    mixed = network.file(B=V2C, C=V3)
-    assert told(network.state(mixed)) == told(commands)
+    commands, mixed = network.file(), network.file(B=V2C, C=V3)
+    wait_until(lambda: len(network.state(commands)["links"]) == 3, what="all have heard each other")
+    assert [node["answer"] for node in network.state(commands)["nodes"]] == ["ok"] * 3
+    wait_until(lambda: told(network.state(mixed)) == told(network.state(commands)), interval=0.2)
     network.switches["A"].link_set("p1", False)
-    for name, expected in ring.CUT_A_B.items():
-        wait_until(lambda: ring.matches(network.switches[name].clock(), expected), 5)
-    wait_until(lambda: told(network.state(mixed)) == told(network.state(network.file())), 5, interval=0.2)
+    settle(network.switches, ring.CUT_A_B)
+    wait_until(lambda: told(network.state(mixed)) == told(network.state(commands)), interval=0.2)
 
 
 def answers(state):
@@ -98,32 +98,32 @@ class Watch:
         lines = [line for line in self.process.text().splitlines(keepends=True) if line.endswith("\n")]
         return json.loads(lines[-1]) if lines else None
 
-    def wait(self, condition, deadline, what):
+    def wait(self, condition, what):
         """The last state, once it is so."""
         def so():
             state = self.last()
             return state if state and condition(state) else None
-        return wait_until(so, deadline, what)
+        return wait_until(so, what=what)
 
 
 @pytest.mark.parametrize("dead", ["B", "C"])
 def test_a_dead_switch_holds_nobody_up(network, release_only, dead):
     """Its packets are dropped. What changes at the others shows as soon as before."""
     watch = Watch(network, network.file("timeout 2", B=V2C, C=V3))
-    watch.wait(lambda state: answers(state) == {name: ("ok", None) for name in "ABC"}, 5, "all answer")
+    watch.wait(lambda state: answers(state) == {name: ("ok", None) for name in "ABC"}, "all answer")
     lost = lossy.drop(network.switches[dead], ["m0"], lossy.program(1))
-    watch.wait(lambda state: answers(state)[dead] == ("silent", "no answer in time"), 6, "it is silent")
+    watch.wait(lambda state: answers(state)[dead] == ("silent", "no answer in time"), "it is silent")
     other = "C" if dead == "B" else "B"
     for quality in ("eec1", "prc", "eec1"):
         network.switches["A"].configure(f"clock synce local-quality option1 {quality}")
         for name in ("A", other):
             network.switches[name].wait_clock(quality={"eec1": "EEC1/SEC", "prc": "PRC"}[quality])
         began = time.time() * 1000
-        state = watch.wait(lambda state: {node["quality"] for node in state["nodes"] if node["id"] != dead} == {quality}, 5, quality)
+        state = watch.wait(lambda state: {node["quality"] for node in state["nodes"] if node["id"] != dead} == {quality}, quality)
         assert state["t"] - began < 1300 and answers(state)[dead][0] == "silent"
     for descriptor in lost:
         os.close(descriptor)
-    watch.wait(lambda state: answers(state) == {name: ("ok", None) for name in "ABC"}, 8, "it is back")
+    watch.wait(lambda state: answers(state) == {name: ("ok", None) for name in "ABC"}, "it is back")
     watch.process.stop()
 
 
@@ -142,12 +142,10 @@ FAULTS = {
 def test_why_a_switch_can_not_be_asked_is_said_in_words(network):
     network.operator.path("/etc/nsswitch.conf").write_text("hosts: files\n")
     network.operator.path("/etc/hosts").write_text("192.0.2.2 switch-b\n")
-    began = time.monotonic()
     for how, (answer, error) in FAULTS.items():
-        said = answers(network.state(network.file("timeout 1", B=how)))
+        said = answers(network.state(network.file("timeout 3", B=how)))
         assert said["B"][0] == answer and error in said["B"][1], (how, said)
         assert said["A"] == said["C"] == ("ok", None)
-    assert time.monotonic() - began < 40
     assert answers(network.state(network.file(B="snmp switch-b v2c public")))["B"] == ("ok", None)
     assert answers(network.state(network.file(B='snmp {at} v3 reader authNoPriv MD5 "a pass phrase"')))["B"] == ("ok", None)
     network.switches["C"].esmcd.stop()

@@ -16,6 +16,7 @@ import ring
 import yaml
 from lab import BIN, wait_until
 from prometheus_client.openmetrics.parser import text_string_to_metric_families
+from test_ring import settle
 
 COUNTERS = {("received", "information"): "information_in", ("received", "event"): "events_in",
             ("sent", "information"): "information_out", ("sent", "event"): "events_out"}
@@ -41,8 +42,10 @@ def value(found, name, **labels):
     return found.get((name, tuple(sorted(labels.items()))))
 
 
-def assert_agree(found, clock):
-    """The samples say what the JSON object says."""
+def assert_agree(switch):
+    """The samples say what the JSON object says; both are asked for in one session. Returns the samples."""
+    text, line = switch.cli("show clock synce metrics", "show clock synce json").out.rstrip("\n").rsplit("\n", 1)
+    found, clock = samples(text + "\n"), json.loads(line)
     for label, word in (("clock_state", clock["running_state"]), ("dpll_state", clock["dpll_state"])):
         states = {labels: v for (name, labels), v in found.items() if name == "esmcd_" + label}
         assert sum(states.values()) == 1 and states[(("state", word),)] == 1
@@ -63,31 +66,31 @@ def assert_agree(found, clock):
             assert counted <= port[field] <= counted + 2, field
         if port["source"]:
             assert value(found, "esmcd_port_usable", port=name, reason="candidate") == 1
-            assert -1 < time.time() - value(found, "esmcd_port_information_timestamp_seconds", port=name) < 3
+            assert -1 < time.time() - value(found, "esmcd_port_information_timestamp_seconds", port=name) < 10
+    return found
 
 
 def test_the_metrics_of_a_ring_are_well_formed_and_say_what_the_shows_say(lab):
     switches = ring.make(lab, more=ring.GUARD)
-    for name, switch in switches.items():
-        wait_until(lambda: ring.matches(switch.clock(), ring.WHOLE[name]), 15, f"{name} follows A")
+    settle(switches, ring.WHOLE)
+    for switch in switches.values():
         promtool(switch.show("clock synce metrics prometheus"))
-        assert_agree(samples(switch.show("clock synce metrics")), json.loads(switch.show("clock synce json")))
+        assert_agree(switch)
     b = switches["B"]
     b.configure("interface p2", "clock synce lockout")
     b.cli("clock synce manual-switch p1")
     switches["A"].link_set("p1", False)
-    b.wait_clock(state="Holdover")
-    found = samples(b.show("clock synce metrics"))
-    assert_agree(found, json.loads(b.show("clock synce json")))
+    b.wait_clock(state="Holdover", dpll="Holdover")
+    found = assert_agree(b)
     assert value(found, "esmcd_port_usable", port="p1", reason="link down") == 0
     assert value(found, "esmcd_port_usable", port="p2", reason="locked out") == 0
     assert value(found, "esmcd_external_command", command="manual") == 0, "it ended with the link"
-    assert -1 < time.time() - value(found, "esmcd_change_timestamp_seconds", kind="state") < 5
+    assert -1 < time.time() - value(found, "esmcd_change_timestamp_seconds", kind="state") < 30
 
 
 def test_255_ports_come_in_parts_and_are_well_formed(many):
     many.start("d*")
-    wait_until(lambda: many.show("clock synce metrics").count("\nesmcd_port_up{") == 255, 20, "255 ports")
+    wait_until(lambda: many.show("clock synce metrics").count("\nesmcd_port_up{") == 255, what="255 ports")
     text = many.show("clock synce metrics")
     assert len(text) > 10 * 40 * 1024, "more than one part"
     found = samples(text)
@@ -135,7 +138,7 @@ class Monitor:
         """The data of an answer; a query that is refused is an error. None: Prometheus is not there yet."""
         url = f"http://127.0.0.1:9090/api/v1/{path}?" + urllib.parse.urlencode(query)
         try:
-            return json.loads(self.node.in_network(lambda: urllib.request.urlopen(url, timeout=5).read()))["data"]
+            return json.loads(self.node.in_network(lambda: urllib.request.urlopen(url, timeout=20).read()))["data"]
         except OSError as error:
             assert getattr(error, "code", 503) == 503, f"{query}: {error.read()}"
             return None
@@ -146,7 +149,7 @@ class Monitor:
 
     def alarms(self):
         return {(a["labels"]["alertname"], a["labels"].get("switch", a["labels"]["instance"])): a["annotations"]["summary"]
-                for a in self.ask("alerts")["alerts"] if a["state"] == "firing"}
+                for a in wait_until(lambda: self.ask("alerts"))["alerts"] if a["state"] == "firing"}
 
     def wait_panels(self, absent):
         """Every panel of the dashboard has data, but those whose expressions hold one of these."""
@@ -160,7 +163,7 @@ class Monitor:
         def all_seen():
             missing.difference_update([e for e in missing if self.query(e)])
             return not missing
-        wait_until(all_seen, 20, missing)
+        wait_until(all_seen, 60, missing)
 
 
 def write_files(switches, until):
@@ -185,16 +188,16 @@ def test_prometheus_asks_node_exporters_and_alarms_when_the_clock_is_lost(lab):
     writer = threading.Thread(target=write_files, args=(switches, over))
     writer.start()
     try:
-        wait_until(lambda: len(monitor.query("esmcd_source == 1") or []) == 2, 30, "B and C have a source, says Prometheus")
+        wait_until(lambda: len(monitor.query("esmcd_source == 1") or []) == 2, 60, "B and C have a source, says Prometheus")
         monitor.wait_panels(absent=("esmcmap_", "frequency_offset"))
-        kinds = monitor.ask("metadata")
+        kinds = wait_until(lambda: monitor.ask("metadata"))
         assert {name: kinds[name][0]["type"] for name in ("esmcd_port_pdus_total", "esmcd_clock_state")} == {
             "esmcd_port_pdus_total": "counter", "esmcd_clock_state": "gauge"}
-        assert monitor.alarms() == {}
+        wait_until(lambda: monitor.alarms() == {}, what="no alarm stands")
         for port in ("p1", "p2"):
             switches["A"].link_set(port, False)
-        wait_until(lambda: ("EsmcdHoldover", JOBS["node"][2]) in monitor.alarms(), 20, "C's holdover alarms")
-        assert monitor.alarms()["EsmcdHoldover", JOBS["node"][2]] == f"{JOBS['node'][2]} has no source and holds its last frequency"
+        said = wait_until(lambda: monitor.alarms().get(("EsmcdHoldover", JOBS["node"][2])), 60, "C's holdover alarms")
+        assert said == f"{JOBS['node'][2]} has no source and holds its last frequency"
     finally:
         over.set()
         writer.join()
@@ -203,7 +206,7 @@ def test_prometheus_asks_node_exporters_and_alarms_when_the_clock_is_lost(lab):
 def get(node, url):
     """None while nobody answers."""
     with contextlib.suppress(urllib.error.URLError):
-        return node.in_network(lambda: urllib.request.urlopen(url, timeout=5).read().decode())
+        return node.in_network(lambda: urllib.request.urlopen(url, timeout=20).read().decode())
 
 
 def steady(found):
@@ -218,9 +221,8 @@ def test_prometheus_asks_esmcmap_and_alarms_for_what_only_the_map_knows(lab):
         f"switch {name} command {' '.join(switch.enter([f'{BIN}/esmcsh', '-c']))} 'show clock synce json'\n"
         for name, switch in switches.items()))
     monitor.node.spawn("esmcmap", [f"{BIN}/esmcmap", "/run/switches", "--serve", MAP])
-    wait_until(lambda: (get(monitor.node, f"http://{MAP}/metrics") or "").count("esmcd_source{") == 6, 10, "esmcmap has asked all")
-    for name, switch in switches.items():
-        wait_until(lambda: ring.matches(switch.clock(), ring.WHOLE[name]), 15, f"{name} follows A")
+    wait_until(lambda: (get(monitor.node, f"http://{MAP}/metrics") or "").count("esmcd_source{") == 6, what="esmcmap has asked all")
+    settle(switches, ring.WHOLE)
 
     differ = set()
 
@@ -238,24 +240,24 @@ def test_prometheus_asks_esmcmap_and_alarms_for_what_only_the_map_knows(lab):
         differ.update({key[0] for key in own.keys() - of_map.keys()} - NOT_OF_THE_MAP)
         differ.update(key for key, v in steady(of_map).items() if key[0].startswith("esmcd_") and own.get(key) != v)
         return not differ
-    wait_until(agree, 10, differ)
+    wait_until(agree, what=differ)
     text = get(monitor.node, f"http://{MAP}/metrics")
     found = samples(text)
     assert {f"`{name}`" for name in re.findall(r"# TYPE (esmcmap_\w+)", text)} == set(
         re.findall(r"^\| (`esmcmap_\w+`)", (PACKAGED.parent.parent / "docs/FLEET.md").read_text(), re.M))
     assert [value(found, "esmcmap_hops", switch=name) for name in switches] == [0, 1, 1]
-    wait_until(lambda: len(monitor.query("esmcd_source == 1") or []) == 2, 30, "B and C have a source, says Prometheus")
+    wait_until(lambda: len(monitor.query("esmcd_source == 1") or []) == 2, 60, "B and C have a source, says Prometheus")
     monitor.wait_panels(absent=("frequency_offset",))
-    assert monitor.alarms() == {}
+    wait_until(lambda: monitor.alarms() == {}, what="no alarm stands")
 
     # B and C are made to follow each other: the guard and DNU are kept out of it by a quality that is forced.
     for name in "BC":
         switches[name].configure("no clock synce loop-guard", "interface p1", "clock synce lockout", "interface p2",
                                  "clock synce quality-eth rx prc")
-    wait_until(lambda: {("EsmcLoop", "B"), ("EsmcLoop", "C")} <= monitor.alarms().keys(), 20, "the loop alarms")
+    wait_until(lambda: {("EsmcLoop", "B"), ("EsmcLoop", "C")} <= monitor.alarms().keys(), 60, "the loop alarms")
     for name in "BC":
         switches[name].configure("interface p2", "no clock synce quality-eth rx")
-    wait_until(lambda: {("EsmcIsland", "B"), ("EsmcIsland", "C")} <= monitor.alarms().keys(), 20, "they are cut off from A")
+    wait_until(lambda: {("EsmcIsland", "B"), ("EsmcIsland", "C")} <= monitor.alarms().keys(), 60, "they are cut off from A")
     switches["B"].esmcd.kill()
-    wait_until(lambda: ("EsmcSwitchSilent", "B") in monitor.alarms(), 20, "B is missed")
+    wait_until(lambda: ("EsmcSwitchSilent", "B") in monitor.alarms(), 60, "B is missed")
     assert value(samples(get(monitor.node, f"http://{MAP}/metrics")), "esmcd_synce_enabled", switch="B") is None

@@ -33,11 +33,11 @@ def registers(switch):
 
 def settle(switch):
     switch.wait_clock(source="p1", quality="PRC", state="Lock", dpll="Lock")
-    wait_until(lambda: registers(switch) == LOCKED, 3, "the clock is locked to p1")
+    wait_until(lambda: registers(switch) == LOCKED, what="the clock is locked to p1")
 
 
 def wait_holdover(switch):
-    wait_until(lambda: registers(switch) == HOLDOVER, 4, "holdover", interval=0.001)
+    wait_until(lambda: registers(switch) == HOLDOVER, what="holdover", interval=0.001)
 
 
 @pytest.fixture
@@ -48,7 +48,7 @@ def watch(configured, request):
         configured.start_esmcd()
         settle(configured)
         for frames in made.seen.values():
-            wait_until(lambda: frames and frames[-1].quality in (PRC, DNU), 3)
+            wait_until(lambda: frames and frames[-1].quality in (PRC, DNU))
             frames.clear()
         yield made
 
@@ -72,10 +72,10 @@ def test_sixty_kills_of_nsmd_go_unnoticed(linked, watch):
     for turn in range(rounds):
         # While it starts; while it is told everything again, and right after; whenever; once it has been told.
         said, longest = [("", 0.04), ("connected", 0.02), ("", 0.7), (REQUESTS[-1], 0.02)][turn % 4]
-        switch.nsmd.wait_log(said, 5)
+        switch.nsmd.wait_log(said)
         time.sleep(chance.uniform(0, longest))
         if turn == rounds // 2:
-            switch.nsmd.wait_log("serves", 5)
+            switch.nsmd.wait_log("serves")
             assert switch.nsmd.stop() == 0 and not switch.path("/run/nsmd.sock").exists()
             time.sleep(2.5)  # periods without nsmd
         else:
@@ -89,8 +89,8 @@ def test_sixty_kills_of_nsmd_go_unnoticed(linked, watch):
         connected += "connected" in life
         stated += made == REQUESTS
         start_nsmd(switch)
-    switch.nsmd.wait_log(REQUESTS[-1], 5)
-    wait_until(lambda: "clients: 1 connected" in status_of(switch), 3)
+    switch.nsmd.wait_log(REQUESTS[-1])
+    wait_until(lambda: "clients: 1 connected" in status_of(switch))
     assert switch.show("clock synce") == before
     print(f"{rounds} kills; {connected} lives with esmcd connected, in {stated} all was stated again")
     assert connected >= rounds // 2 and stated >= rounds // 4
@@ -109,14 +109,14 @@ def test_killed_programs_are_back_within_the_grace_time_and_the_clock_never_move
     if both:
         start_nsmd(linked, 2)
     limit = 6 if linked.lab.sanitized else 1.5 + watch.late
-    took = max(wait_until(lambda: watch.first(port, lambda frame: frame.when > began), limit + 3, port + " hears").when
+    took = max(wait_until(lambda: watch.first(port, lambda frame: frame.when > began), what=port + " hears").when
                for port in ("t1", "t2")) - began
     print(f"esmcd sends {took * 1000:.0f} ms after its start")
     assert took <= limit
     for port, priority in (("p1", "10"), ("p2", "20")):
         linked.wait_port(port, up="enable", synce="enable", priority=priority)
     settle(linked)
-    linked.nsmd.wait_log(REQUESTS[-1], 3, count=1 if both else 2)
+    linked.nsmd.wait_log(REQUESTS[-1], count=1 if both else 2)
     assert requests_of(linked.nsmd.text()) == REQUESTS * (1 if both else 2)
     while time.monotonic() < began + 2.5:  # the grace time passes without any effect
         assert registers(linked) in (None, LOCKED)
@@ -142,7 +142,7 @@ def test_clock_goes_to_holdover_at_once_or_when_nobody_chooses_in_the_grace_time
     took = time.monotonic() - began
     print(f"holdover after {took:.2f} s, grace time 2 s")
     assert early <= took <= late + (1.8 if linked.lab.sanitized else watch.late), took
-    linked.nsmd.wait_log(f"{why}: the clock goes to holdover", 1)
+    linked.nsmd.wait_log(f"{why}: the clock goes to holdover")
     assert "unwatched" in status_of(linked)
     # Who comes back and chooses has it follow again.
     if "chosen" not in why:

@@ -5,11 +5,11 @@ import time
 
 import pytest
 import ring
-from lab import wait_until
+from lab import PATIENCE, wait_until
 from wire import PRC, Neighbour, Port
 
 
-def settle(switches, expected, deadline):
+def settle(switches, expected, deadline=PATIENCE):
     """Waits until every switch shows what is expected of it."""
     for name, switch in switches.items():
         wait_until(lambda: ring.matches(switch.clock(), expected[name]), deadline, f"{name} shows {expected[name]}")
@@ -18,11 +18,12 @@ def settle(switches, expected, deadline):
 def test_ring_follows_its_master_through_cuts_and_restores(lab):
     switches = ring.make(lab)
     a, b, c = switches["A"], switches["B"], switches["C"]
-    settle(switches, ring.WHOLE, 10)
+    settle(switches, ring.WHOLE)
     # Towards its source each switch says DNU, elsewhere what it has.
     b.wait_port("p1", rx="PRC", tx="DNU", up="enable")
     b.wait_port("p2", rx="PRC", tx="PRC")
     c.wait_port("p1", rx="PRC", tx="DNU")
+    c.wait_port("p2", rx="PRC", tx="PRC")
     a.wait_port("p1", tx="PRC", rx="N/A")
     # Who asks all of them joins the ends of each link; a master-only switch hears nobody.
     ports = {(name, port["name"]): port for name, switch in switches.items()
@@ -32,23 +33,23 @@ def test_ring_follows_its_master_through_cuts_and_restores(lab):
         ("B", "p1"): ("A", "p1"), ("B", "p2"): ("C", "p2"), ("C", "p1"): ("A", "p2"), ("C", "p2"): ("B", "p2")}
 
     a.link_set("p1", False)
-    settle(switches, ring.CUT_A_B, 5)
+    settle(switches, ring.CUT_A_B)
     c.wait_port("p2", rx="DNU", tx="PRC")
 
     a.link_set("p2", False)
-    settle(switches, ring.CUT_BOTH, 5)
+    settle(switches, ring.CUT_BOTH)
     b.wait_port("p2", rx="EEC1/SEC", tx="DNU")
 
     a.link_set("p1", True)
     a.link_set("p2", True)
-    settle(switches, ring.WHOLE, 15)
+    settle(switches, ring.WHOLE)
 
     # The other network option. A master that admits to less is followed all the same: it is the best there is.
     for name, switch in switches.items():
         switch.configure("clock synce local-quality option2 " + ("prs" if name == "A" else "dus"))
     for quality, word in (("PRS", "prs"), ("EEC2/ST3", "eec2")):
         a.configure("clock synce local-quality option2 " + word)
-        settle(switches, {name: want[:2] + (quality,) + want[3:] for name, want in ring.WHOLE.items()}, 15)
+        settle(switches, {name: want[:2] + (quality,) + want[3:] for name, want in ring.WHOLE.items()})
 
 
 @pytest.mark.timing
@@ -78,10 +79,10 @@ def test_a_ring_that_loses_its_feed_follows_itself_only_without_the_guard(lab, g
         shown.append([(clock["source"], clock["current_quality"]) for clock in clocks])
         qualities = {clock["current_quality"] for clock in clocks}
         return (at == 0) == loop and (loop or (clocks[0]["source"] == source and qualities == {quality}))
-    wait_until(lambda: shows("p3", "prc", False), 20, "all follow the feed")
+    wait_until(lambda: shows("p3", "prc", False), what="all follow the feed")
     if not guard:  # the preferred way round, to the end; the guard lets nobody change over to a longer chain
         for switch in switches[1:]:
-            wait_until(lambda: feed.keep() and switch.clock()["Current selected interface"] == "p1", 10, "one chain")
+            wait_until(lambda: feed.keep() and switch.clock()["Current selected interface"] == "p1", what="one chain")
     switches[0].link_set("p3", False)
     cut = (None, "eec1", False) if guard else (None, None, True)
 
@@ -92,11 +93,11 @@ def test_a_ring_that_loses_its_feed_follows_itself_only_without_the_guard(lab, g
                 return False
         return True
     try:
-        wait_until(lambda: shows(*cut), 10, f"after the cut {cut}")
+        wait_until(lambda: shows(*cut), what=f"after the cut {cut}")
         # Without the guard a loop may open and close again while what its switches are worth goes round in it.
         wait_until(stands, 0 if guard else 15, f"for 3 s {cut}")
     except BaseException:
         print("SHOWN", shown[-5:])
         raise
     switches[0].link_set("p3", True)
-    wait_until(lambda: shows("p3", "prc", False), 10, "all follow the feed again")
+    wait_until(lambda: shows("p3", "prc", False), what="all follow the feed again")

@@ -64,7 +64,7 @@ def test_daemon_elsewhere_gone_and_dying(running):
     running.esmcd.kill()
     session.stdin.write(ASK)
     session.stdin.close()
-    assert session.wait(5) == 2
+    assert session.wait(20) == 2
     assert session.stderr.read() != ""
     for options, path in (((), "/run/esmcd.vty"), (("-s", "/run/elsewhere"), "/run/elsewhere")):
         reply = feed(running, "show clock synce\n", *options)

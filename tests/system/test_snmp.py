@@ -48,10 +48,10 @@ class Manager:
         self.wait_registered()
 
     def wait_registered(self):
-        wait_until(lambda: "registered" in self.switch.show("snmp").splitlines()[0], 5, "registered with snmpd")
+        wait_until(lambda: "registered" in self.switch.show("snmp").splitlines()[0], what="registered with snmpd")
 
     def tool(self, name, *words, check=True, module=None):
-        argv = [name, "-v2c", "-c", "private", *(module or self.mibs), "-Oqs", "-t", "2", "-r", "0", "127.0.0.1", *words]
+        argv = [name, "-v2c", "-c", "private", *(module or self.mibs), "-Oqs", "-t", "10", "-r", "0", "127.0.0.1", *words]
         return self.switch.run(*argv, net_only=True, check=check)
 
     def get(self, name):
@@ -128,10 +128,9 @@ def test_tools_print_what_is_configured_and_what_goes_on(managed):
     expected["esmcClockIdentity.0"] = switch.clock()["Device ClockID"]
     for port in loads(switch.show("clock synce json"))["ports"]:
         expected[f"esmcPortAddress.{port['ifindex']}"] = ":".join(f"{int(octet, 16):x}" for octet in port["address"].split(":"))
-    wait_until(lambda: neighbour.keep() and manager.get("esmcHardwareState.0") == "lock", 5)
-    neighbour.keep()
+    wait_until(lambda: neighbour.keep() and manager.get("esmcHardwareState.0") == "lock")
     for tool in ("snmpwalk", "snmpbulkwalk"):
-        assert still(manager.walk(tool=tool)) == expected
+        assert neighbour.keep() and still(manager.walk(tool=tool)) == expected
 
 
 # Counters by their fields in JSON, what is counted in hundredths of a second by its field in milliseconds.
@@ -175,21 +174,24 @@ def test_counters_and_times_are_those_of_json_until_they_are_cleared(managed):
         read = manager.walk("esmcPortCounterTable")
         return [(before[field], int(read[name + ".10"]), json()[field]) for name, field in COUNTERS.items()]
 
-    wait_until(lambda: neighbour.keep() and json()["information_in"] > 3 and json()["events_in"] == 3 and json()["information_out"], 5)
+    wait_until(lambda: neighbour.keep() and json()["information_in"] > 3 and json()["events_in"] == 3 and json()["information_out"])
     switch.wait_clock(source="p1")
     rows = json_and_back()
     assert all(low <= value <= high for low, value, high in rows), rows
     assert [bool(value) for _, value, _ in rows] == [True] * 5 + [bool(rows[5][1])] + [False, True, True, False, False, True], rows
 
     up_time = ticks(".1.3.6.1.2.1.1.3.0")
-    before = json()
+    began, before = time.monotonic(), json()
+    later = ticks(".1.3.6.1.2.1.1.3.0")
     read = {name: ticks(f"{name}.10") for name in TIMES} | {name: ticks(f"{name}.0") for name in CHANGES}
+    waited = (time.monotonic() - began) * 100 + 1
+    assert read["esmcPortEventAge"] >= before["event_age_ms"] // 10
     for name, field in TIMES.items():
         if name.endswith("Age"):
-            assert read[name] > before[field] // 10 - 120, name  # another one may have come meanwhile
+            assert read[name] <= before[field] // 10 + waited, name  # another one may have come meanwhile
         elif name.endswith("Interval"):
             assert abs(read[name] * 10 - before[field]) <= 5 or json()[field] != before[field], name
-    assert abs(up_time - before["quality_age_ms"] // 10 - read["esmcPortQualityChanged"]) < 50
+    assert up_time - 50 < before["quality_age_ms"] // 10 + read["esmcPortQualityChanged"] < later + 50
     assert read["esmcPortCountersBegan"] == read["esmcCommandLastChange"] == 0  # before the agent; never
     assert 0 < read["esmcSourceLastChange"] <= read["esmcQualityLastChange"] <= up_time
     switch.cli("clear clock synce statistics p1")
@@ -238,12 +240,12 @@ def test_every_writable_object_is_set_and_the_tools_say_why_not(managed):
 def test_hanging_and_dying_master_costs_nothing(managed, release_only):
     """snmpd stands still for longer than any request waits, is killed, is started again: frames leave on time."""
     switch, manager = managed
-    switch.t2.expect(3, event=False)
+    switch.t2.expect(event=False)
     manager.snmpd.send(signal.SIGSTOP)
     frames = list(switch.t2.frames(10))
     manager.snmpd.send(signal.SIGCONT)
-    wait_until(lambda: manager.tool("snmpget", "esmcDeviceType.0", check=False).stdout.strip().endswith("default"), 5,
-               "back after a halt")
+    wait_until(lambda: manager.tool("snmpget", "esmcDeviceType.0", check=False).stdout.strip().endswith("default"),
+               what="back after a halt")
     manager.snmpd.kill()
     frames += switch.t2.frames(3)
     assert "not connected" in switch.show("snmp")
@@ -290,31 +292,31 @@ def test_traps_name_what_changed(managed, mibs):
         ("esmcPortEsmcLost", "esmcPortReceivedQuality.10 na", "esmcPortLink.10 up"),
         ("esmcRunningStateChanged", "esmcRunningState.0 holdover"),
         ("esmcCurrentQualityChanged", "esmcCurrentQuality.0 eec1"),
-    ), 10, "the loss of the source is told")
+    ), what="the loss of the source is told")
     neighbour = Neighbour(switch.t1, PRC)
     wait_until(lambda: neighbour.keep() and told(
         ("esmcSourceChanged", "esmcPreviousPort.0 0", "esmcSelectedPort.0 10", "esmcCurrentQuality.0 prc"),
         ("esmcPortEsmcReceived", "esmcPortReceivedQuality.10 prc"),
         ("esmcRunningStateChanged", "esmcRunningState.0 lock"),
         ("esmcDpllStateChanged", "esmcDpllState.0 lock"),
-    ), 10, "the return of the source is told")
+    ), what="the return of the source is told")
     switch.cli("clock synce manual-switch p1")
     switch.configure("interface p2", "clock synce lockout")
     wait_until(lambda: neighbour.keep() and told(
         ("esmcExternalCommandChanged", "esmcExternalCommand.0 manualSwitch", "esmcExternalCommandPort.0 10"),
         ("esmcPortLockoutChanged", "esmcPortLockedOut.12 true"),
-    ), 10, "the external commands are told")
+    ), what="the external commands are told")
     switch.link_set("p1", False)
     wait_until(lambda: told(
         ("esmcExternalCommandChanged", "esmcExternalCommand.0 none", "esmcExternalCommandPort.0 0"),
         ("esmcManualSwitchEnded", "esmcEndedSwitchPort.0 10", "esmcEndedSwitchReason.0 link down"),
-    ), 10, "the end of the manual switch is told")
+    ), what="the end of the manual switch is told")
 
 
 def test_two_hundred_and_fifty_five_ports_are_walked_quickly(many, mibs, release_only):
     many.start("d*")
     manager = Manager(many, mibs)
-    wait_until(lambda: len(manager.walk("esmcPortLink")) == 255, 10, "255 ports")
+    wait_until(lambda: len(manager.walk("esmcPortLink")) == 255, what="255 ports")
     for table, columns in ((13, 14), (20, 12), (21, 8), (22, 15)):
         best, end = 9, time.monotonic() + 30  # other programs may have the processors meanwhile: the best walk counts
         while time.monotonic() < end and best >= 0.2:

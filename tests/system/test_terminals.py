@@ -142,7 +142,7 @@ def test_frames_leave_on_time_while_32_sessions_type(enabled, release_only):
 def test_listings_longer_than_a_session_holds(many):
     """Page by page at a terminal and over telnet, whole for a script; who does not read is felt by nobody."""
     many.start("d*")
-    wait_until(lambda: many.show("clock synce brief").count("\nd") == 255, 20, "255 ports are there")
+    wait_until(lambda: many.show("clock synce brief").count("\nd") == 255, what="255 ports are there")
     many.configure("hostname sw", f"password {PASSWORD}")
     names = [f"d{n}" for n in range(1, 256)]
     forms = {form: json.loads(many.show(f"clock synce {form}")) for form in
@@ -209,8 +209,8 @@ def test_no_password_stays_in_memory(sw, release_only):
         heard = b""
         while end not in heard:
             heard += client.recv(4096) or pytest.fail(f"closed after {heard}")
-    assert memory_holds(sw.esmcd.pid, words["left"])
+    wait_until(lambda: memory_holds(sw.esmcd.pid, words["left"]), what="it is there while it may still become one")
     left.close()
-    wait_until(lambda: not any(memory_holds(sw.esmcd.pid, word) for word in words.values()), 2,
-               "no password is left")
+    wait_until(lambda: not any(memory_holds(sw.esmcd.pid, word) for word in words.values()),
+               what="no password is left")
     child.close(force=True)

@@ -5,7 +5,8 @@ import struct
 import subprocess
 import time
 
-from lab import CLOCK_LABELS
+from lab import CLOCK_LABELS, wait_until
+from watch import Late
 from wire import DNU, EEC1, PRC, SSU_A, SSU_B, Neighbour, esmc
 
 
@@ -29,13 +30,13 @@ def decode(tmp_path, frames):
 
 def test_tshark_decodes_what_leaves_a_port(enabled, tmp_path):
     # An information frame of a clock without a source, then the events that a source and its change cause.
-    first = enabled.t2.expect(3, event=False, quality=DNU)
+    first = enabled.t2.expect(event=False, quality=DNU)
     neighbour = Neighbour(enabled.t1, PRC)
-    event = enabled.t2.expect(2, event=True, quality=PRC)
+    event = enabled.t2.expect(event=True, quality=PRC)
     neighbour.keep()
     enabled.t1.drain()
-    frames = [first, event, enabled.t2.expect(2, event=False, quality=PRC),
-              enabled.t1.expect(2, event=False, quality=DNU)]
+    frames = [first, event, enabled.t2.expect(event=False, quality=PRC),
+              enabled.t1.expect(event=False, quality=DNU)]
     decoded = decode(tmp_path, [seen.frame for seen in frames])
     assert len(decoded) == 4
     for seen, fields in zip(frames, decoded):
@@ -85,7 +86,7 @@ def test_frame_made_by_scapy_is_taken(enabled):
 def test_standards_form_is_understood_and_sent(enabled, tmp_path):
     """Each frame heard on p1 has an event PDU leave p2, which the analyser must find nothing wrong with."""
     enabled.configure("clock synce ssm extend standard", "clock synce clock-type eeec")
-    alone = enabled.t2.expect(3, event=False, standard=True, quality=DNU)
+    alone = enabled.t2.expect(event=False, standard=True, quality=DNU)
     own = bytes.fromhex(enabled.clock()[CLOCK_LABELS["id"]].replace(":", ""))
     scapy_chain = {"clockIdentity": ORIGIN, "flag": 2, "cascaded_eEEcs": 255, "cascaded_EEcs": 4}
     cases = [  # frame heard; code, enhanced code, identity, (flags, eEECs, EECs) and name of what is sent
@@ -104,14 +105,14 @@ def test_standards_form_is_understood_and_sent(enabled, tmp_path):
     for frame, code, enhanced, *_ in cases:
         enabled.t2.drain()
         enabled.t1.send(frame)
-        sent.append(enabled.t2.expect(2, event=True, quality=code, enhanced=enhanced))
+        sent.append(enabled.t2.expect(event=True, quality=code, enhanced=enhanced))
     port = json.loads(enabled.show("clock synce json"))["ports"][0]
     assert port["unknown_tlv"] == 1 and port["received_form"] is None
     # In the same state we say the same octets; with a source, of course, from our address.
     assert (sent[1].frame[14:], sent[4].frame[20:21]) == (EVENT_PRC[14:], b"\x18")
     assert sent[4].frame[21:] == PRTC[21:]
     enabled.t1.drain()
-    sent.append(enabled.t1.expect(2, event=False, quality=DNU))
+    sent.append(enabled.t1.expect(event=False, quality=DNU))
     expected = [(DNU, 0xFF, own, (0, 1, 0), "QL-DNU"), *(case[1:] for case in cases), (DNU, 0xFF, own, (3, 1, 0), "QL-DNU")]
     for fields, (code, enhanced, identity, (flags, eeec, eec), name) in zip(
             decode(tmp_path, [seen.frame for seen in sent]), expected, strict=True):
@@ -125,33 +126,34 @@ def test_standards_form_is_understood_and_sent(enabled, tmp_path):
 def test_both_forms_and_both_options_on_one_switch(enabled):
     enabled.configure("clock synce ssm extend standard", "interface p2", "clock synce extend form own")
     enabled.t1.send(esmc(PRC, standard=(0x20, ORIGIN, 0, 2, 3)))
-    told = enabled.t2.expect(2, quality=PRC, extended=True, standard=False)
+    told = enabled.t2.expect(quality=PRC, extended=True, standard=False)
     assert (told.clock_id, told.hop, told.frame[40:]) == (ORIGIN, 6, bytes(20))
-    back = enabled.t1.expect(3, quality=DNU, standard=True, clock_id=ORIGIN)
+    back = enabled.t1.expect(quality=DNU, standard=True, clock_id=ORIGIN)
     assert (back.enhanced, back.chain) == (0xFF, (1, 2, 4))
     # The analyser knows no pairs of option 2.
     enabled.configure("clock synce local-quality option2 dus", "interface p2", "no clock synce extend form")
     for code, enhanced in ((1, 0x20), (1, 0x21), (1, 0x23), (10, 0x22), (4, 0xFF), (1, 0xFF)):
         enabled.t1.send(esmc(code, standard=(enhanced, ORIGIN, 0, 254, 255)))
-        told = enabled.t2.expect(2, event=True, quality=code, enhanced=enhanced)
+        told = enabled.t2.expect(event=True, quality=code, enhanced=enhanced)
         assert (told.clock_id, told.chain, told.frame[43:]) == (ORIGIN, (1, 254, 255), bytes(17))
 
 
-def test_changes_are_told_at_once_and_none_is_lost_in_a_flood(enabled):
+def test_changes_are_told_at_once_and_the_last_one_counts_after_a_flood(enabled):
     """Each frame is a change of the clock: the worst that a neighbour can do, with nothing held back."""
     enabled.t2.drain()
     for quality in (SSU_B, PRC, SSU_A):
-        began = time.monotonic()
-        enabled.t1.send(esmc(quality, event=True))
-        took = enabled.t2.expect(1, event=True, quality=quality).when - began
-        assert took < (0.5 if enabled.lab.sanitized else 0.1)
+        with Late() as machine:
+            began = time.monotonic()
+            enabled.t1.send(esmc(quality, event=True))
+            took = enabled.t2.expect(event=True, quality=quality).when - began
+        assert took < (0.5 if enabled.lab.sanitized else 0.1) + machine.late
     enabled.configure("slow-protocols rate-limit off")
     for number in range(4000):
         enabled.t1.send(esmc((PRC, SSU_A, SSU_B, EEC1)[number % 4], event=number % 3 == 0))
         if number % 500 == 0:
             enabled.t2.drain()
-    enabled.t1.send(esmc(SSU_B))
-    enabled.wait_clock(5, source="p1", quality="SSU-B")
+    last = Neighbour(enabled.t1, SSU_B)  # again and again: the socket may have no room for one
+    wait_until(lambda: last.keep() and enabled.clock()["Current quality"] == "SSU-B", what="the last one counts")
 
 
 def test_frames_that_are_none_of_ours_change_nothing(enabled):
@@ -176,15 +178,15 @@ def test_bridge_port_still_speaks_for_itself(enabled):
                       "link set p1 master br0"])
     enabled.wait_clock(id="02:AA:BB:FF:FE:CC:DD:EE")
     enabled.configure("clock synce ssm extend")
-    alone = enabled.t2.expect(3, extended=True)
+    alone = enabled.t2.expect(extended=True)
     assert alone.clock_id.hex() == "02aabbfffeccddee" and alone.hop == 0
     origin = bytes.fromhex("0a0b0cfffe0d0e0f")
     enabled.t1.send(esmc(PRC, extension=(origin, 4)))
-    passed_on = enabled.t2.expect(2, quality=PRC)
+    passed_on = enabled.t2.expect(quality=PRC)
     assert passed_on.clock_id == origin and passed_on.hop == 5
     enabled.t1.drain()
-    assert enabled.t1.expect(3, event=False).quality == DNU
+    assert enabled.t1.expect(event=False).quality == DNU
     enabled.ip("link", "set", "p1", "nomaster")
-    enabled.wait_port("p1", 3, up="enable")
+    enabled.wait_port("p1", up="enable")
     enabled.t1.send(esmc(SSU_A))
     enabled.wait_port("p1", rx="SSU-A")

@@ -8,21 +8,42 @@ import time
 import wire
 
 
-class Watch:
-    """Says PRC on t1 as long as `feeding` is set. Frames seen on each watched port are in `seen[port]`; `late` is how
-    long this machine kept somebody waiting who wants to run every 5 ms: the measured one may have borne it as well."""
+class Late:
+    """`late` is how long this machine kept somebody waiting who wants to run every 5 ms: the measured one may have
+    borne it as well."""
+
+    def __init__(self):
+        self.stop, self.late, self.threads = threading.Event(), 0.0, [threading.Thread(target=self._measure)]
+
+    def _measure(self):
+        while not self.stop.is_set():
+            began = time.monotonic()
+            time.sleep(0.005)
+            self.late = max(self.late, time.monotonic() - began - 0.005)
+
+    def __enter__(self):
+        for thread in self.threads:
+            thread.start()
+        return self
+
+    def __exit__(self, *_):
+        self.stop.set()
+        for thread in self.threads:
+            thread.join()
+
+
+class Watch(Late):
+    """Says PRC on t1 as long as `feeding` is set. Frames seen on each watched port are in `seen[port]`."""
 
     def __init__(self, node, watched=("t1", "t2")):
-        self.stop, self.errors = threading.Event(), []
-        self.feeding, self.late = threading.Event(), 0.0
+        super().__init__()
+        self.errors, self.feeding = [], threading.Event()
         self.feeding.set()
         self.seen = {name: [] for name in watched}
         ports = {name: wire.Port(node, name) for name in watched}
         bodies = [(self._read, ports[name], self.seen[name]) for name in watched]
-        bodies += [(self._measure,), (self._feed, wire.Port(node, "t1"))]
-        self.threads = [threading.Thread(target=self._guard, args=body) for body in bodies]
-        for thread in self.threads:
-            thread.start()
+        bodies += [(self._feed, wire.Port(node, "t1"))]
+        self.threads += [threading.Thread(target=self._guard, args=body) for body in bodies]
 
     def _guard(self, body, *arguments):
         try:
@@ -41,19 +62,8 @@ class Watch:
                 port.send(wire.esmc(wire.PRC))
             self.stop.wait(0.5)
 
-    def _measure(self):
-        while not self.stop.is_set():
-            began = time.monotonic()
-            time.sleep(0.005)
-            self.late = max(self.late, time.monotonic() - began - 0.005)
-
-    def __enter__(self):
-        return self
-
     def __exit__(self, *_):
-        self.stop.set()
-        for thread in self.threads:
-            thread.join()
+        super().__exit__()
         assert not self.errors, self.errors
 
     def first(self, port, condition):

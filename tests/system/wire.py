@@ -84,7 +84,7 @@ class Port:
             with network_down_ignored():
                 self.socket.recv(2048)
 
-    def expect(self, deadline, **fields):
+    def expect(self, deadline=10, **fields):
         """The first frame whose fields have these values."""
         others = []
         for seen in self.frames(deadline):
