@@ -20,9 +20,17 @@ install_missing() {
     [ "$(id -u)" = 0 ] || die "missing packages (run as root, or: apt-get install ${missing[*]})"
     echo "installing: ${missing[*]}"
     export DEBIAN_FRONTEND=noninteractive
-    apt-get -q -o DPkg::Lock::Timeout=120 update </dev/null || die "apt-get update failed"
-    apt-get -q -y -o DPkg::Lock::Timeout=120 install --no-install-recommends "${missing[@]}" </dev/null ||
-        die "apt-get install failed: ${missing[*]}"
+    # One of us at a time: apt-get waits for dpkg's lock, but not for that of the lists. A mirror that is being updated, or
+    # does not answer, is asked again.
+    (
+        flock 9
+        for pause in 5 20 0; do
+            apt-get -q -o DPkg::Lock::Timeout=120 update </dev/null 9<&- &&
+                apt-get -q -y -o DPkg::Lock::Timeout=120 install --no-install-recommends "${missing[@]}" </dev/null 9<&- && exit 0
+            sleep $pause
+        done
+        exit 1
+    ) 9</var/lib/apt || die "apt-get install failed: ${missing[*]}"
 }
 
 BUILD_PACKAGES=(g++ cmake ninja-build)
@@ -50,7 +58,7 @@ need_npm() {
         as=(setpriv --reuid nobody --regid nogroup --clear-groups --inh-caps -all --no-new-privs)
     fi
     (cd "$into" && HOME=$into/home npm_config_registry=$registry \
-        "${as[@]}" npm ci --silent --ignore-scripts --no-audit --no-fund </dev/null) ||
+        "${as[@]}" npm ci --loglevel=error --fetch-timeout=60000 --fetch-retries=4 --ignore-scripts --no-audit --no-fund </dev/null) ||
         { rm -rf "$into"; die "npm ci in a copy of $1 failed"; }
     rm -rf "$held" "$into/home"
     mkdir -p "$(dirname "$held")" && cp -r --no-preserve=ownership "$into" "$held" && chmod 755 "$held"
