@@ -243,7 +243,7 @@ class Writer : public Log {
         };
         const char* refused = log_writer_open(ctx, name.c_str(), keep, &why);
         if (refused) return refused;
-        EXPECT_TRUE(run_loop(ctx, 5000, [&] { return why != "not asked"; }));
+        EXPECT_TRUE(run_loop(ctx, 20000, [&] { return why != "not asked"; }));
         return why;
     }
     static pid_t newest_child() {
@@ -254,7 +254,7 @@ class Writer : public Log {
         return child;
     }
     static bool comes_to_hold(const std::string& file, const std::string& text) {
-        const nanoseconds end = monotonic_now() + 5 * NS_PER_S;
+        const nanoseconds end = monotonic_now() + 20 * NS_PER_S;
         while (read_file(file).find(text) == std::string::npos && monotonic_now() < end) usleep(1000);
         return read_file(file).find(text) != std::string::npos;
     }
@@ -290,7 +290,7 @@ TEST_F(Writer, DiskThatHangsLosesWholeLinesAndSaysHowMany) {
     while (log_dropped_lines() < before + 10) log_suite(LOG_LEVEL_INFO, "%s", std::string(999, 'x').c_str());
     EXPECT_LT(said.size(), 200u);
     kill(child, SIGCONT);
-    const nanoseconds end = monotonic_now() + 5 * NS_PER_S;
+    const nanoseconds end = monotonic_now() + 20 * NS_PER_S;
     for (; log_backlog() && monotonic_now() < end; usleep(1000)) log_retry();
     log_suite(LOG_LEVEL_INFO, "end");
     ASSERT_TRUE(comes_to_hold(path, " end\n"));
@@ -306,7 +306,7 @@ TEST_F(Writer, ChildThatIsGoneIsSaid) {
     log_writers_start(ctx);
     ASSERT_EQ(open_log(path), "");
     kill(newest_child(), SIGKILL);
-    EXPECT_TRUE(run_loop(ctx, 5000, [&] { return log_get_settings().file == nullptr; }));
+    EXPECT_TRUE(run_loop(ctx, 20000, [&] { return log_get_settings().file == nullptr; }));
     EXPECT_EQ(logged(LOG_LEVEL_WARNING), words{"the writer of log file " + path + " has ended"});
     EXPECT_EQ(open_log(path), "");
 }
