@@ -55,12 +55,12 @@ class Clock:
     def follows(self):
         return self.state()["follows"]
 
-    def wait(self, deadline=2.0, **expected):
-        wait_until(lambda: expected.items() <= self.state().items(), deadline, f"hardware: {expected}")
+    def wait(self, **expected):
+        wait_until(lambda: expected.items() <= self.state().items(), what=f"hardware: {expected}")
 
     def wait_refused(self):
         """Until a setting was refused since parameters were changed last."""
-        wait_until(lambda: self.state()["refused"] != self.refused, 3, "a setting is refused")
+        wait_until(lambda: self.state()["refused"] != self.refused, what="a setting is refused")
 
 
 class Status:
@@ -164,7 +164,7 @@ class Box:
 
     def start(self, *options, **quality):
         self.start_bare(*options)
-        wait_until(lambda: self.status().count(", up, flaps ") == len(self.ports), 5, "all ports are up")
+        wait_until(lambda: self.status().count(", up, flaps ") == len(self.ports), what="all ports are up")
         self.speak(**quality)
         return self
 
@@ -174,10 +174,10 @@ class Box:
             self.neighbours.end()
         self.neighbours = None
 
-    def follow(self, *options, deadline=4.0):
+    def follow(self, *options):
         """The usual beginning: PRC on swp0, SSU-A on swp2, and everybody follows swp0."""
         self.start(*options, swp0=wire.PRC, swp2=wire.SSU_A)
-        self.sees("swp0", deadline)
+        self.sees("swp0")
         return self
 
     def distrust(self, *ports):
@@ -190,18 +190,18 @@ class Box:
     def cable(self, port, up):
         self.plugs[port].set(up)
 
-    def sees(self, source, deadline=3.0):
+    def sees(self, source):
         """Hardware, nsmd and esmcd follow this port, and could hold over; None: nothing, and hold over."""
-        self.clock.wait(deadline, follows=source or "nothing", status=LOCKED_ACQUIRED if source else HOLDOVER)
+        self.clock.wait(follows=source or "nothing", status=LOCKED_ACQUIRED if source else HOLDOVER)
         state = f"locked, source {self.index(source)}," if source else "holdover, source 0,"
-        wait_until(lambda: f"clock state: {state}" in self.status(), deadline, f"nsmd: {state}")
+        wait_until(lambda: f"clock state: {state}" in self.status(), what=f"nsmd: {state}")
         if source:
-            return self.sw.wait_clock(deadline, source=source, state="Lock", dpll="Lock", valid="Valid")
-        return self.sw.wait_clock(deadline, source="N/A", state="Holdover", dpll="Holdover")
+            return self.sw.wait_clock(source=source, state="Lock", dpll="Lock", valid="Valid")
+        return self.sw.wait_clock(source="N/A", state="Holdover", dpll="Holdover")
 
     def index(self, port):
         """esmcd's number of the port, once nsmd has it."""
-        lines = wait_until(lambda: [line for line in self.status().splitlines() if f" {port}: " in line], 3, port)
+        lines = wait_until(lambda: [line for line in self.status().splitlines() if f" {port}: " in line], what=port)
         return int(lines[0].split()[1])
 
     def status(self):

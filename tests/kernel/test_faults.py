@@ -55,7 +55,7 @@ def test_what_can_not_be_read_for_a_moment_is_not_forgotten(box):
             one.clock.set(**{what: EIO})
             for change in ("add v1 type veth peer name v2", "del v1"):
                 one.sw.ip("link", *change.split())
-                wait_until(lambda: (" v1: " in one.status()) == change.startswith("add"), 3, change)
+                wait_until(lambda: (" v1: " in one.status()) == change.startswith("add"), what=change)
             one.clock.set(**{what: 0})
         one.distrust("swp0")
         one.sees("swp2")
@@ -68,13 +68,13 @@ def test_a_pin_that_can_never_be_read_costs_only_itself(box, mux):
     """The kernel's list ends at it."""
     one = box(mux=mux, pin_error=EIO, bad_pins=1 << mux)
     one.start(swp2=wire.SSU_A)
-    one.sees("swp2", 12)
+    one.sees("swp2")
     assert re.search(r"pin \d+ \(swp0\): can't be read: Input/output error", one.status())
     one.clock.set(pin_error=0)
     one.neighbours.say(swp0=wire.PRC)
-    one.sees("swp0", 6)
+    one.sees("swp0")
     one.clock.set(pin_error=EIO)
-    wait_until(lambda: "clock state: locked" not in one.status(), 12, "its own source can't be read")
+    wait_until(lambda: "clock state: locked" not in one.status(), what="its own source can't be read")
     one.distrust("swp0")
     one.sees("swp2")
     assert len(re.findall(r"can't be read: .*without it", one.sw.nsmd.text())) == 2
@@ -85,7 +85,7 @@ def test_a_driver_that_is_busy_at_the_start_does_not_cost_the_clock(box, kind):
     one = box(pin_error=EBUSY)
     one.start("--dpll", kind, swp0=wire.PRC)
     one.clock.set(pin_error=0)
-    one.sees("swp0", 5)
+    one.sees("swp0")
 
 
 def test_a_driver_that_comes_later_is_waited_for(box):
@@ -98,22 +98,22 @@ def test_a_driver_that_comes_later_is_waited_for(box):
     one.sw.wait_port("swp0", up="enable")
     one.speak(swp0=wire.PRC)
     one.sw.configure("interface swp0", "clock synce enable")
-    one.sees("swp0", 5)
+    one.sees("swp0")
 
 
 def test_a_clock_that_can_not_be_read_is_not_locked(box):
     one = box().follow()
     one.clock.set(device_error=EIO, no_signal=1)
-    wait_until(lambda: "clock state: locked" not in one.status(), 10, "no longer called locked")
+    wait_until(lambda: "clock state: locked" not in one.status(), what="no longer called locked")
     one.clock.set(device_error=0, no_signal=0)
-    one.sees("swp0", 5)
+    one.sees("swp0")
 
 
 def test_another_hand_on_the_pins_is_undone_and_said_once(box):
     one = box().follow()
     for _ in range(3):
         one.clock.tell("hand", 2)
-        wait_until(lambda: one.clock.follows() == "swp2" or one.sw.nsmd.complaints(), 1, "the hand works")
+        wait_until(lambda: one.clock.follows() == "swp2" or one.sw.nsmd.complaints(), what="the hand works")
         one.sees("swp0")
     assert len(one.sw.nsmd.complaints()) == 1, one.sw.nsmd.complaints()
 
@@ -123,7 +123,7 @@ def test_pins_that_come_after_their_ports_are_learnt_without_asking_now_and_then
     one.clock.tell("present", 0)
     one.start("--poll-ms", "0", swp0=wire.PRC)
     one.clock.tell("present", 1)
-    one.sees("swp0", 5)
+    one.sees("swp0")
 
 
 @pytest.mark.parametrize("first", (True, False), ids=("first", "own"))
@@ -146,16 +146,16 @@ def test_a_device_that_goes_in_holdover_is_no_reason_for_odd_lines(box):
         one.clock.tell("present", 0)
         one.clock.tell("present", 1)
     one.clock.unload()
-    one.sw.wait_clock(3, dpll="FreeRun")
+    one.sw.wait_clock(dpll="FreeRun")
     assert "pin 0 is no input" not in one.sw.nsmd.text()
 
 
 def test_a_driver_that_takes_its_time_holds_up_nobody(box):
     one = box(set_delay_ms=3000)
     one.start(swp0=wire.PRC)
-    wait_until(lambda: "source 3\n" in one.status() or "has not answered" in one.status(), 3)
+    wait_until(lambda: "source 3\n" in one.status() or "has not answered" in one.status())
     began = time.monotonic()
     one.cable("swp2", False)
     one.sw.wait_port("swp2", 1, up="disable")
     assert "clock state" in one.status() and time.monotonic() - began < 1.5
-    one.sees("swp0", 9)
+    one.sees("swp0")

@@ -72,4 +72,4 @@ def test_the_hardware_follows_what_is_watched_whatever_happens(box, device):
     for port in one.ports:
         one.cable(port, True)
     one.neighbours.say(swp0=wire.PRC, swp2=wire.SSU_A)
-    one.sees("swp0", 10)
+    one.sees("swp0")
