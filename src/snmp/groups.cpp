@@ -190,8 +190,7 @@ struct place {
     snmp_oid object, instance;
 };
 
-bool exists(const group& g, const place& at) {
-    if (at.object < 1 || at.object > g.objects) return false;
+bool has_instance(const group& g, const place& at) {
     return g.of_ports ? ssm_mib_find_interface(at.instance, 1) != nullptr : at.instance == 0;
 }
 
@@ -248,9 +247,11 @@ const void* ssm_mib_read_group(const snmp_variable* variable, snmp_oid* name, st
     place at;
     *write = nullptr;
     if (exact) {
-        if (asked.size() != 2) return nullptr;
+        const bool known = !asked.empty() && asked[0] >= 1 && asked[0] <= g.objects;
+        if (!known) *name_length = 0;
+        if (!known || asked.size() != 2) return nullptr;
         at = {asked[0], asked[1]};
-        if (!exists(g, at)) return nullptr;
+        if (!has_instance(g, at)) return nullptr;
     } else {
         if (!next_place(g, asked, &at)) return nullptr;
         std::copy_n(variable->suffix, head, name);

@@ -10,6 +10,7 @@ import re
 import signal
 import sys
 import time
+import urllib.request
 
 import pytest
 
@@ -257,6 +258,22 @@ def test_the_slider_shows_the_past_and_a_lost_server_is_said(browser, serve):
     served = serve([whole], where=served.url.split("/")[2])
     browser.wait(back + " && document.querySelectorAll('#network .node').length === 10 && document.title.startsWith('ok ')")
     check_drawing(browser.eval(DRAWN), whole)
+
+
+def test_one_viewer_too_many_is_told_so_and_still_sees_the_network(browser, serve):
+    whole, wrong = states.ring(list("ABCDEFGHIJ"), 0, 1), troubled()
+    url = serve([whole] * 2 + [wrong] + [whole] * 9, 4000).url
+    viewers = [urllib.request.urlopen(url + "events") for _ in range(32)]
+    browser("open", url=url)
+    try:
+        browser.wait("document.getElementById('connection').textContent === 'too many viewers' && document.getElementById('lost').checkVisibility()")
+        check_drawing(browser.eval(DRAWN), whole)
+        browser.wait("document.querySelectorAll('#network .node').length === 12", 14)
+        check_drawing(browser.eval(DRAWN), wrong)
+    finally:
+        for viewer in viewers:
+            viewer.close()
+    browser.wait("document.getElementById('connection').textContent === 'connected' && !document.getElementById('lost').checkVisibility()")
 
 
 def mesh(size, change):

@@ -2,6 +2,8 @@
 
 import json
 import os
+import pathlib
+import shutil
 import time
 
 import lossy
@@ -135,7 +137,7 @@ FAULTS = {
     'snmp {at} v3 watcher authPriv SHA-256 "no pass phrase" AES "another phrase"': ("silent", "wrong pass phrase"),
     'snmp {at} v3 watcher authPriv SHA "a pass phrase" AES "another phrase"': ("silent", "wrong pass phrase"),
     "snmp {at} v3 watcher noAuthNoPriv": ("silent", "its agent refuses"),
-    'snmp {at} v3 watcher authPriv SHA-256 "a pass phrase" AES "wrong phrase"': ("silent", ""),
+    'snmp {at} v3 watcher authPriv SHA-256 "a pass phrase" AES "wrong phrase"': ("silent", "wrong privacy pass phrase"),
 }
 
 
@@ -150,3 +152,75 @@ def test_why_a_switch_can_not_be_asked_is_said_in_words(network):
     assert answers(network.state(network.file(B='snmp {at} v3 reader authNoPriv MD5 "a pass phrase"')))["B"] == ("ok", None)
     network.switches["C"].esmcd.stop()
     assert "has not our MIB" in answers(network.state(network.file(C=V3)))["C"][1]
+
+
+PHRASES = 'authPriv {0} "{0} phrase" {1} "{1} phrase"'
+PROTOCOLS = [(auth, priv) for auth in ("MD5", "SHA", "SHA-224", "SHA-256", "SHA-384", "SHA-512") for priv in ("DES", "AES")]
+OTHER_PHRASES = "a switch of the same engine identity has other pass phrases"
+
+
+class Agent:
+    """snmpd in a switch, hearing on both loopbacks, on port 1161 of version 6 and on port 2161 of version 4 only."""
+
+    def __init__(self, switch):
+        self.switch = switch
+        switch.in_network(lambda: [pathlib.Path(f"/proc/sys/net/ipv6/conf/{of}/disable_ipv6").write_text("0") for of in ("all", "lo")])
+        for name, text in {"nsswitch.conf": "hosts: files\n", "host.conf": "multi on\n", "hosts": "::1 both\n127.0.0.1 both\n"}.items():
+            switch.path(f"/etc/{name}").write_text(text)
+
+    def start(self, engine, *users):
+        conf = ["master agentx", "rocommunity public", "rocommunity6 public", f"exactEngineID 0x80001f8804{engine}"]
+        for name, phrases in users:
+            conf += [f"createUser {name} {phrases.removeprefix('authPriv ')}", f"rouser {name} auth"]
+        self.switch.path("/run/snmpd.conf").write_text("\n".join(conf) + "\n")
+        self.snmpd = self.switch.spawn("snmpd", ["env", "MIBS=", "SNMP_PERSISTENT_DIR=/run/snmp", "snmpd", "-f", "-LOw", "-C", "-c",
+                                                 "/run/snmpd.conf", "udp:161,udp6:161,udp6:1161,udp:127.0.0.1:2161"])
+        wait_until(lambda: "registered" in self.switch.show("snmp").splitlines()[0], 15, "registered with snmpd")
+
+    def file(self, **entries):
+        path = self.switch.path(f"/run/asked{len(entries)}")
+        path.write_text("timeout 1.5\n" + "".join(f"switch {name} snmp {how}\n" for name, how in entries.items()))
+        path.chmod(0o600)
+        return "/run/" + path.name
+
+    def ask(self, **entries):
+        done = self.switch.run(f"{BIN}/esmcmap", self.file(**entries), "--json", check=False)
+        assert done.stderr == ""
+        return answers(json.loads(done.stdout))
+
+
+@pytest.fixture
+def agent(enabled):
+    return Agent(enabled)
+
+
+def test_an_agent_is_asked_by_every_protocol_and_at_the_address_where_it_hears(agent):
+    agent.start("01", *((auth + priv, PHRASES.format(auth, priv)) for auth, priv in PROTOCOLS))
+    said = agent.ask(**{auth + priv: f"127.0.0.1 v3 {auth + priv} " + PHRASES.format(auth, priv) for auth, priv in PROTOCOLS})
+    assert set(said.values()) == {("ok", None)}, said
+    for auth, priv in PROTOCOLS:
+        right, user = PHRASES.format(auth, priv), f"127.0.0.1 v3 {auth + priv} "
+        assert "wrong pass phrase" in agent.ask(A=user + right.replace(f'"{auth} p', '"no p'))["A"][1], right
+        if auth in ("SHA", "SHA-512"):  # each takes the whole time
+            assert "wrong privacy pass phrase" in agent.ask(A=user + right.replace(f'"{priv} p', '"no p'))["A"][1], right
+    for at in ("::1", "[::1]", "[::1]:1161", "both", "both:1161", "both:2161"):
+        assert agent.ask(A=f"{at} v2c public", B=f"{at} v3 SHAAES " + PHRASES.format("SHA", "AES")) == {"A": ("ok", None), "B": ("ok", None)}, at
+    # One engine with one user: its lesser level is no hindrance, and other phrases are said to be others.
+    right, at = PHRASES.format("SHA", "AES"), "127.0.0.1 v3 SHAAES "
+    said = agent.ask(A=at + "noAuthNoPriv", B=at + right, C=at + 'authNoPriv SHA "SHA phrase"', D=at + right.replace("AES phrase", "no phrase"))
+    assert "refuses" in said.pop("A")[1] and OTHER_PHRASES in said.pop("D")[1] and set(said.values()) == {("ok", None)}
+
+
+def test_an_agent_that_starts_again_or_becomes_another_one_is_found_again(agent):
+    agent.operator = agent.switch  # who watches
+    phrases = PHRASES.format("SHA-256", "AES")
+    watch = Watch(agent, agent.file(A=f"127.0.0.1 v3 op {phrases}", B="[::1]:1161 v2c public"))
+    for engine, forgets in (("01", False), ("01", False), ("01", True), ("02", False)):
+        agent.start(engine, ("op", phrases))
+        watch.wait(lambda state: answers(state) == {"A": ("ok", None), "B": ("ok", None)}, 10, f"engine {engine}")
+        agent.snmpd.stop()
+        watch.wait(lambda state: {how for how, _ in answers(state).values()} == {"silent"}, 10, "it is gone")
+        if forgets:
+            shutil.rmtree(agent.switch.path("/run/snmp"))
+    watch.process.expected_status = 3
+    watch.process.stop()

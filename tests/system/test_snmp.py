@@ -131,6 +131,11 @@ def test_tools_print_what_is_configured_and_what_goes_on(managed):
     wait_until(lambda: neighbour.keep() and manager.get("esmcHardwareState.0") == "lock")
     for tool in ("snmpwalk", "snmpbulkwalk"):
         assert neighbour.keep() and still(manager.walk(tool=tool)) == expected
+    missing = {kind: {f"{BASE}.{name}" for name in names.split()} for kind, names in {
+        "Object": "13.1.99.10 19.99.0 20.1.13.10 20.1.0.10 21.1.9.10 22.1.16.10 23.99.0 24.1.3.10 24.1.3 24.2.1.10 25.0",
+        "Instance": "13.1.2.11 13.1.2 19.1.1 19.1 20.1.1.11 20.1.1 21.1.1.10.1 22.1.15.11 23.1.1 24.1.2.11 11.1"}.items()}
+    for kind, names in missing.items():
+        assert [name for name in names if f"No Such {kind}" not in manager.get(name)] == []
 
 
 # Counters by their fields in JSON, what is counted in hundredths of a second by its field in milliseconds.

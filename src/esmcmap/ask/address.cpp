@@ -22,20 +22,27 @@ bool read_port(std::string_view text, std::uint16_t& port) {
     return !text.empty() && std::from_chars(text.data(), end, port).ptr == end && port != 0;
 }
 
+// 0, or an error of getnameinfo.
+int add_peer(const addrinfo& found, std::uint16_t port, std::vector<std::string>& peers) {
+    char host[NI_MAXHOST];
+    if (const int error =
+            getnameinfo(found.ai_addr, found.ai_addrlen, host, sizeof host, nullptr, 0, NI_NUMERICHOST))
+        return error;
+    const std::string digits = host, end = ':' + std::to_string(port);
+    peers.push_back((found.ai_family == AF_INET6 ? "udp6:[" + digits + ']' : "udp:" + digits) + end);
+    return 0;
+}
+
 // 0, or an error of getaddrinfo.
-int find_peer(const agent_address& of, int flags, std::string& peer) {
+int find_peers(const agent_address& of, int flags, std::vector<std::string>& peers) {
     addrinfo hints = {}, *found = nullptr;
     hints.ai_socktype = SOCK_DGRAM;
     hints.ai_flags = flags;
-    if (const int error = getaddrinfo(of.host.c_str(), nullptr, &hints, &found)) return error;
-    char host[NI_MAXHOST];
-    const int error =
-        getnameinfo(found->ai_addr, found->ai_addrlen, host, sizeof host, nullptr, 0, NI_NUMERICHOST);
-    const bool six = found->ai_family == AF_INET6;
+    int error = getaddrinfo(of.host.c_str(), nullptr, &hints, &found);
+    if (error) return error;
+    for (const addrinfo* one = found; one && !error; one = one->ai_next)
+        error = add_peer(*one, of.port, peers);
     freeaddrinfo(found);
-    const std::string port = ':' + std::to_string(of.port);
-    if (error == 0)
-        peer = six ? "udp6:[" + std::string(host) + ']' + port : "udp:" + std::string(host) + port;
     return error;
 }
 
@@ -55,16 +62,18 @@ std::optional<agent_address> read_agent_address(std::string_view text) {
     return read;
 }
 
-std::optional<std::string> numeric_peer(const agent_address& of) {
-    std::string peer;
-    return find_peer(of, AI_NUMERICHOST, peer) == 0 ? std::optional(peer) : std::nullopt;
+std::vector<std::string> numeric_peer(const agent_address& of) {
+    std::vector<std::string> peers;
+    if (find_peers(of, AI_NUMERICHOST, peers)) return {};
+    return peers;
 }
 
 struct lookup::shared {
     agent_address of;
     int event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     std::atomic<bool> done = false;
-    std::string peer, error;  // the other side's before it is done
+    std::vector<std::string> peers;  // this and the next: the other side's before it is done
+    std::string error;
 
     explicit shared(const agent_address& name) : of(name) {
         if (event < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
@@ -74,7 +83,7 @@ struct lookup::shared {
     shared& operator=(const shared&) = delete;
 
     void run() {
-        const int failure = find_peer(of, 0, peer);
+        const int failure = find_peers(of, 0, peers);
         if (failure == EAI_NONAME || failure == EAI_NODATA)
             error = "no such host: " + of.host;
         else if (failure)
@@ -96,9 +105,12 @@ bool lookup::done() const {
     return with->done;
 }
 
-std::optional<std::string> lookup::peer(std::string& error) const {
-    error = with->error;
-    return error.empty() ? std::optional(with->peer) : std::nullopt;
+const std::vector<std::string>& lookup::peers() const {
+    return with->peers;
+}
+
+const std::string& lookup::error() const {
+    return with->error;
 }
 
 }  // namespace esmcmap

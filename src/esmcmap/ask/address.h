@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace esmcmap {
 
@@ -19,8 +20,8 @@ struct agent_address {
 // Nothing when it is none.
 std::optional<agent_address> read_agent_address(std::string_view text);
 
-// The address as the session takes it ("udp:192.0.2.1:161"), when the host is no name.
-std::optional<std::string> numeric_peer(const agent_address& of);
+// The address as the session takes it ("udp:192.0.2.1:161"); none when the host is a name.
+std::vector<std::string> numeric_peer(const agent_address& of);
 
 // A name that is being looked up.
 class lookup {
@@ -28,8 +29,10 @@ class lookup {
     explicit lookup(const agent_address& of);
     int descriptor() const;  // readable once it is done
     bool done() const;
-    // After it is done: as numeric_peer, or nothing and why not.
-    std::optional<std::string> peer(std::string& error) const;
+    // After it is done: all its addresses as numeric_peer gives them, the system's first choice first; or
+    // `error` says why there are none.
+    const std::vector<std::string>& peers() const;
+    const std::string& error() const;
 
   private:
     struct shared;

@@ -78,10 +78,11 @@ class conversation {
         deadline = until;
         now_walking = {};
         if (session) return begin();
-        if (const auto numeric = numeric_peer(address))
-            open(*numeric);
-        else
+        peers = numeric_peer(address);
+        if (peers.empty())
             looking.emplace(address);
+        else
+            open_first();
     }
 
     void await(std::vector<pollfd>& waiting, moment& until) const {
@@ -92,6 +93,7 @@ class conversation {
         if (!session) return;
         waiting.push_back({session->descriptor(), POLLIN, 0});
         until = std::min(until, std::chrono::steady_clock::now() + session->next_try());
+        if (more_peers()) until = std::min(until, patience);
     }
 
     void take(const std::vector<int>& readable, moment now, std::vector<outcome>& into) {
@@ -100,6 +102,7 @@ class conversation {
             looked_up();
         else if (session)
             hear(std::binary_search(readable.begin(), readable.end(), session->descriptor()));
+        if (!ended && session && more_peers() && now >= patience) open_next();
         if (!ended && now >= deadline) time_out();
         if (!ended) return;
         into.push_back(std::move(*ended));
@@ -113,8 +116,13 @@ class conversation {
     milliseconds again;
     agent_address address;
     std::optional<lookup> looking;
+    std::vector<std::string> peers;  // of the name, those that are tried first in front
+    std::size_t peer = 0;            // who is asked
+    std::string answered;            // who answered last
+    moment patience;                 // then another one is asked
     std::unique_ptr<snmp_session> session;
     bool asked = false, known_engine = false;
+    bool heard_of = false, values_came = false;  // in this session
     moment deadline;
     walk now_walking;
     int most = MANY;
@@ -129,27 +137,52 @@ class conversation {
 
     void time_out() {
         if (session) most = most == MANY ? FEW : MANY;
-        end(failed(who, answer::silent, "no answer in time"));
+        // Most agents say nothing when what they have deciphered makes no sense.
+        const bool not_understood = heard_of && !values_came && !target.priv.empty();
+        end(failed(who, answer::silent,
+                   not_understood ? "it tells its engine and no more: wrong privacy pass phrase or protocol?"
+                                  : "no answer in time"));
     }
 
     void looked_up() {
-        std::string error;
-        const std::optional<std::string> peer = looking->peer(error);
+        const lookup done = std::move(*looking);
         looking.reset();
-        if (peer)
-            open(*peer);
-        else
-            end(failed(who, answer::silent, error));
+        peers = done.peers();
+        if (!done.error().empty()) return end(failed(who, answer::silent, done.error()));
+        open_first();
     }
 
-    void open(const std::string& peer) {
+    // Beginning with who answered last.
+    void open_first() {
+        const auto known = std::find(peers.begin(), peers.end(), answered);
+        if (known != peers.end()) std::rotate(peers.begin(), known, peers.end());
+        peer = 0;
+        open();
+    }
+
+    // One that has answered stays.
+    bool more_peers() const { return !heard_of && peer + 1 < peers.size(); }
+
+    void open_next() {
+        ++peer;
+        open();
+    }
+
+    void open() {
+        heard_of = values_came = false;
+        patience = std::chrono::steady_clock::now() + again;
         try {
-            session = std::make_unique<snmp_session>(target, peer, again);
+            session = std::make_unique<snmp_session>(target, peers[peer], again);
         } catch (const std::runtime_error& error) {
-            return end(failed(who, answer::silent, error.what()));
+            return unreachable(error.what());
         }
         known_engine = !target.version_3;
         begin();
+    }
+
+    void unreachable(std::string why) {
+        if (more_peers()) return open_next();
+        end(failed(who, answer::silent, std::move(why)));
     }
 
     // What a reply leads to may end at once in another one.
@@ -177,7 +210,11 @@ class conversation {
     }
 
     void heard(snmp_reply& reply) {
+        if (reply.what == snmp_reply::kind::unsent) return unreachable(std::move(reply.error));
+        heard_of = true;
+        answered = peers[peer];
         switch (reply.what) {
+            case snmp_reply::kind::unsent:
             case snmp_reply::kind::failed:
                 return end(failed(who, answer::silent, std::move(reply.error)));
             case snmp_reply::kind::found:
@@ -188,6 +225,7 @@ class conversation {
             case snmp_reply::kind::values:
                 break;
         }
+        values_came = true;
         const std::size_t before = now_walking.octets;
         std::string wrong = now_walking.take(reply.values);
         if (!wrong.empty()) return end(failed(who, answer::garbage, std::move(wrong)));

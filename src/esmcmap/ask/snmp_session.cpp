@@ -142,6 +142,42 @@ void set_user(const snmp_target& target, netsnmp_session& session) {
     session.securityPrivKeyLen = std::min<std::size_t>(privacy.size(), USM_PRIV_KU_LEN);
 }
 
+// Whether the phrase's key for this engine is another one. Of a cipher's key only its beginning is used.
+bool differs(const netsnmp_session& of, const u_char* phrase_key, std::size_t length, const u_char* known,
+             std::size_t known_length) {
+    if (length == 0 || known_length == 0) return false;
+    u_char made[SNMP_MAXBUF_SMALL];
+    std::size_t made_length = sizeof made;
+    return generate_kul(of.securityAuthProto, static_cast<u_int>(of.securityAuthProtoLen),
+                        of.securityEngineID, of.securityEngineIDLen, phrase_key, length, made,
+                        &made_length) != SNMPERR_SUCCESS ||
+           std::memcmp(made, known, std::min(made_length, known_length)) != 0;
+}
+
+bool has_other_keys(const netsnmp_session& of, const usmUser& known) {
+    const bool other_cipher = of.securityPrivKeyLen && known.privKeyLen &&
+                              snmp_oid_compare(of.securityPrivProto, of.securityPrivProtoLen,
+                                               known.privProtocol, known.privProtocolLen) != 0;
+    return other_cipher ||
+           differs(of, of.securityAuthKey, of.securityAuthKeyLen, known.authKey, known.authKeyLen) ||
+           differs(of, of.securityPrivKey, of.securityPrivKeyLen, known.privKey, known.privKeyLen);
+}
+
+// Keys for the session's engine, which the library has noted in it. Empty, or why there are none. The library
+// keeps the first ones that it got for an engine's user, and adds none to a user who had less.
+std::string make_keys(netsnmp_session& of) {
+    usmUser* known = usm_get_user(of.securityEngineID, of.securityEngineIDLen, of.securityName);
+    if (known && has_other_keys(of, *known))
+        return "a switch of the same engine identity has other pass phrases for this user";
+    const auto lacks = [](std::size_t wanted, std::size_t there) { return wanted && !there; };
+    if (known && (lacks(of.securityAuthKeyLen, known->authKeyLen) ||
+                  lacks(of.securityPrivKeyLen, known->privKeyLen))) {
+        usm_remove_user(known);
+        usm_free_user(known);
+    }
+    return create_user_from_session(&of) == SNMPERR_SUCCESS ? "" : "can't make keys for its engine";
+}
+
 std::string words_of_report(int type) {
     switch (type) {
         case SNMPERR_UNKNOWN_USER_NAME:
@@ -239,13 +275,16 @@ struct snmp_session::inner {
         return 1;
     }
 
+    void unsent() {
+        const netsnmp_session& of = *session();
+        const char* why = of.s_errno ? std::strerror(of.s_errno) : snmp_api_errstring(of.s_snmp_errno);
+        reply = {snmp_reply::kind::unsent, {}, std::string("can't send: ") + why};
+    }
+
     void failed(int operation) {
         if (reply) return;
         if (operation == NETSNMP_CALLBACK_OP_TIMED_OUT) return fail("no answer in time");
-        if (operation == NETSNMP_CALLBACK_OP_SEND_FAILED)
-            return fail(std::string("can't send: ") + (session()->s_errno
-                                                           ? std::strerror(session()->s_errno)
-                                                           : snmp_api_errstring(session()->s_snmp_errno)));
+        if (operation == NETSNMP_CALLBACK_OP_SEND_FAILED) return unsent();
         fail(words_of_report(session()->s_snmp_errno));
     }
 
@@ -355,9 +394,9 @@ std::optional<snmp_reply> snmp_session::take(bool readable) {
     if (!in->reply) snmp_sess_timeout(in->handle);
     std::optional<snmp_reply> reply = std::exchange(in->reply, std::nullopt);
     if (!reply || reply->what != snmp_reply::kind::found) return reply;
-    // The library has noted the engine in the session; the user's keys are made for it.
-    if (create_user_from_session(in->session()) == SNMPERR_SUCCESS) return reply;
-    return snmp_reply{snmp_reply::kind::failed, {}, "can't make keys for its engine"};
+    std::string wrong = make_keys(*in->session());
+    if (wrong.empty()) return reply;
+    return snmp_reply{snmp_reply::kind::failed, {}, std::move(wrong)};
 }
 
 }  // namespace esmcmap

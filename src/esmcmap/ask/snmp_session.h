@@ -33,7 +33,8 @@ struct snmp_reply {
         values,
         too_big,
         found,   // version 3: the engine has told its identity
-        failed,  // `error` says why
+        unsent,  // `error` says why
+        failed,  // the same
     } what = kind::failed;
     std::vector<named_value> values;
     std::string error;

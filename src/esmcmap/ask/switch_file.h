@@ -1,9 +1,12 @@
 // The operator's file: which switches there are, and how each is asked.
 //
-//     every 1                       seconds between two questions to a switch (0.2 to 3600)
-//     timeout 3                     seconds after which an unanswered question makes a switch silent (0.5 to
-//     60) switch A command ssh a esmcsh -c "show clock synce json" switch B snmp 192.0.2.2 v2c public switch
-//     C snmp 192.0.2.3:1161 v3 operator authPriv SHA "pass phrase" AES "pass phrase"
+// clang-format off
+//     every 1      seconds between two questions to a switch (0.2 to 3600)
+//     timeout 3    seconds after which an unanswered question makes a switch silent (0.5 to 60)
+//     switch A command ssh a esmcsh -c "show clock synce json"
+//     switch B snmp 192.0.2.2 v2c public
+//     switch C snmp 192.0.2.3:1161 v3 operator authPriv SHA "pass phrase" AES "pass phrase"
+// clang-format on
 //
 // Words are parted by blanks; quotes, single or double, keep them together; a # at the beginning of a word
 // opens a comment. No shell reads the commands.

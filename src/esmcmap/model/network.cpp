@@ -135,8 +135,7 @@ class walker {
                 here = upstream[here];
                 ++hops;
             }
-            if (hops > net.nodes.size() || (hops > 0 && !may_be_root(here))) continue;
-            if (hops == 0 && !may_be_root(here)) continue;
+            if (hops > net.nodes.size() || !may_be_root(here)) continue;
             net.nodes[i].root = net.nodes[here].id;
             net.nodes[i].hops = hops;
         }

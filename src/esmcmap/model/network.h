@@ -52,8 +52,9 @@ struct node {
 };
 
 struct link {
-    std::string id, a, a_port, b,
-        b_port;  // a before b in the order of names; ports empty: not told by the addresses
+    std::string id;
+    std::string a, a_port;  // a before b in the order of names; a port is empty that no address tells
+    std::string b, b_port;
     bool up = false;
     char clock = 0;       // 'a': the clock goes from a to b; 'b': from b to a; 0: nobody follows here
     std::string quality;  // heard by who follows, or the better of both; empty: none

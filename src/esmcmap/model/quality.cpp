@@ -11,11 +11,11 @@ struct level {
 };
 
 constexpr level LEVELS[] = {
-    {"eprtc", 1}, {"prtc", 2}, {"eprc", 3}, {"prc", 4},   {"stu", 4},  {"prs", 4},
-    {"ssu-a", 5}, {"tnc", 5},  {"st2", 5},  {"ssu-b", 6}, {"st3e", 6}, {"eeec", 7},
-    {"eec1", 8},  {"eec2", 8}, {"smc", 9},  {"prov", 10}, {"dnu", 20}, {"dus", 20},
+    {"eprtc", 1}, {"prtc", 2}, {"eprc", 3}, {"prc", 4},   {"prs", 4},  {"stu", 5},
+    {"ssu-a", 6}, {"tnc", 6},  {"st2", 6},  {"ssu-b", 7}, {"st3e", 7}, {"eeec", 8},
+    {"eec1", 9},  {"eec2", 9}, {"smc", 10}, {"prov", 11}, {"dnu", 20}, {"dus", 20},
 };
-constexpr int WORST_USABLE = 10;
+constexpr int WORST_USABLE = 11;
 
 }  // namespace
 

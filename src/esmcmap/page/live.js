@@ -1,11 +1,13 @@
 // The connection to the server: one stream of events, opened again whenever it is lost. A stream that says nothing for long is
-// lost too, even if it seems open: the server tells something each second.
+// lost too, even if it seems open: the server tells something each second. A server that refuses the stream, having as many
+// viewers as it takes, is asked for its state instead, until it gives one.
 
 const AGAIN_MS = 1000;
+const POLL_MS = 3000;
 const PATIENCE_MS = 5000;
 
 export class Live {
-    // `handlers`: state(whole), change(event), tick(event), lost(); whole states begin each connection.
+    // `handlers`: state(whole), change(event), tick(event), polled(whole), lost(); whole states begin each connection.
     constructor(handlers) {
         this.handlers = handlers;
         this.open();
@@ -19,7 +21,7 @@ export class Live {
         this.listen('state', this.handlers.state);
         this.listen('change', this.handlers.change);
         this.listen('tick', this.handlers.tick);
-        this.source.onerror = () => this.lost();
+        this.source.onerror = () => (this.source.readyState === EventSource.CLOSED ? this.poll() : this.lost());
         this.watch();
     }
 
@@ -35,6 +37,15 @@ export class Live {
     watch() {
         clearTimeout(this.timer);
         this.timer = setTimeout(() => this.lost(), PATIENCE_MS);
+    }
+
+    async poll() {
+        this.close();
+        const state = await fetchJson('state', PATIENCE_MS);
+        if (this.source) return;  // the page was left, and is back
+        if (!state) return this.lost();
+        this.handlers.polled(state);
+        this.timer = setTimeout(() => this.open(), POLL_MS);
     }
 
     lost() {
@@ -59,9 +70,9 @@ function parse(text) {
 }
 
 // An answer of the server as an object; null when it has none to this, undefined when it can't be reached.
-export async function fetchJson(path) {
+export async function fetchJson(path, patience) {
     try {
-        const answer = await fetch(path, { cache: 'no-store' });
+        const answer = await fetch(path, { cache: 'no-store', signal: patience && AbortSignal.timeout(patience) });
         if (answer.ok) return parse(await answer.text());
         return answer.status === 404 ? null : undefined;
     } catch {

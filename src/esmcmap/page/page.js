@@ -11,7 +11,7 @@ import { Table } from './table.js';
 import { Timeline } from './timeline.js';
 
 const TITLE = 'Synchronisation map';
-let live = null, shown = null, chosen = null, lostSince = null;
+let live = null, shown = null, chosen = null, lostSince = null, crowded = false;
 
 const drawing = new Drawing(byId('network'), choose);
 const table = new Table(byId('table'), choose);
@@ -57,14 +57,12 @@ function choose(id) {
 
 new Live({
     state(state) {
-        const past = shown && shown !== live;
-        const told = summaryOfAlarms(live);
-        connected();
-        live = new Network(state, live);
-        if (!past) show(live);
-        timeline.begin(state, live.silent());
-        changes.begin();
-        report(told);
+        connected(false);
+        begin(state);
+    },
+    polled(state) {
+        connected(true);
+        if (state.seq !== live?.seq) begin(state);
     },
     change(event) {
         const past = shown !== live;
@@ -89,16 +87,28 @@ new Live({
     },
 });
 
-function connected() {
+function begin(state) {
+    const past = shown && shown !== live;
+    const told = summaryOfAlarms(live);
+    live = new Network(state, live);
+    if (!past) show(live);
+    timeline.begin(state, live.silent());
+    changes.begin();
+    report(told);
+}
+
+function connected(asOneTooMany) {
     lostSince = null;
+    crowded = asOneTooMany;
     showConnection();
 }
 
 function showConnection() {
-    const state = lostSince ? 'lost' : 'live';
+    const [state, words] = lostSince ? ['lost', 'connection lost'] : crowded ? ['crowded', 'too many viewers'] : ['live', 'connected'];
     setAttribute(byId('connection'), 'data-state', state);
-    setText(byId('connection'), lostSince ? 'connection lost' : 'connected');
-    byId('lost').hidden = !lostSince;
+    setText(byId('connection'), words);
+    byId('lost').hidden = state === 'live';
+    if (state === 'crowded') setText(byId('lost'), 'The server has as many live viewers as it takes. This page asks it again every few seconds.');
     if (lostSince) {
         const since = live ? ` What is shown is as of ${clockText(live.t)}.` : '';
         setText(byId('lost'), `No connection to the server for ${age(Date.now() - lostSince)}.${since} Trying again.`);

@@ -9,9 +9,9 @@ const NAMES = {
 // Levels that are as good as each other to an operator share a colour; the text always says which one it is.
 export const GROUPS = [
     { group: 'primary', text: 'primary reference', levels: ['eprtc', 'prtc', 'eprc', 'prc', 'prs'] },
-    { group: 'transit', text: 'SSU-A, ST2, TNC', levels: ['ssu-a', 'st2', 'tnc'] },
+    { group: 'transit', text: 'STU, SSU-A, ST2, TNC', levels: ['stu', 'ssu-a', 'st2', 'tnc'] },
     { group: 'local', text: 'SSU-B, ST3E', levels: ['ssu-b', 'st3e'] },
-    { group: 'equipment', text: 'equipment clock', levels: ['eeec', 'eec1', 'eec2', 'smc'] },
+    { group: 'equipment', text: 'equipment clock, PROV', levels: ['eeec', 'eec1', 'eec2', 'smc', 'prov'] },
     { group: 'unusable', text: 'do not use, none', levels: ['dnu', 'dus', 'na', 'none'] },
 ];
 

@@ -78,7 +78,8 @@ std::uint16_t agentx_find(const snmp_agent* agent, const agentx_oid* name, agent
             if (v->access == SNMP_NOT_ACCESSIBLE || !belongs_to(v, found->name.name())) continue;
             found->variable = v;
             read(found, 1);
-            return found->value ? std::uint16_t{0} : std::uint16_t{AGENTX_NO_SUCH_INSTANCE};
+            if (found->value) return 0;
+            return found->name.length ? AGENTX_NO_SUCH_INSTANCE : AGENTX_NO_SUCH_OBJECT;
         }
     }
     return AGENTX_NO_SUCH_OBJECT;

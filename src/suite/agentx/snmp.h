@@ -51,8 +51,10 @@ using snmp_write_handler = int (*)(int action, const std::uint8_t* value, std::u
 // Returns the address of the value, or null. Names are those below the module's base: the object's suffix,
 // then the instance; `variable` is the table's own entry. `name` holds room for 128 sub-identifiers; GETNEXT
 // (exact 0) writes the found instance into it and sets *name_length; a null value with a name that moved
-// forward says that the found instance has no value, and the sub-agent asks on behind it. *write, which is
-// null before the call, takes the object's write handler, also when there is no value.
+// forward says that the found instance has no value, and the sub-agent asks on behind it. Asked for exactly a
+// name that is of none of its objects, a handler of several sets *name_length to 0 (noSuchObject; else a null
+// value is noSuchInstance). *write, which is null before the call, takes the object's write handler, also
+// when there is no value.
 using snmp_read_handler = const void* (*)(const snmp_variable* variable, snmp_oid* name,
                                           std::size_t* name_length, int exact, std::size_t* value_length,
                                           snmp_write_handler* write);
