@@ -268,7 +268,7 @@ def test_one_viewer_too_many_is_told_so_and_still_sees_the_network(browser, serv
     try:
         browser.wait("document.getElementById('connection').textContent === 'too many viewers' && document.getElementById('lost').checkVisibility()")
         check_drawing(browser.eval(DRAWN), whole)
-        browser.wait("document.querySelectorAll('#network .node').length === 12", 14)
+        browser.wait("document.querySelectorAll('#network .node').length === 12")
         check_drawing(browser.eval(DRAWN), wrong)
     finally:
         for viewer in viewers:

@@ -175,7 +175,7 @@ class Agent:
         self.switch.path("/run/snmpd.conf").write_text("\n".join(conf) + "\n")
         self.snmpd = self.switch.spawn("snmpd", ["env", "MIBS=", "SNMP_PERSISTENT_DIR=/run/snmp", "snmpd", "-f", "-LOw", "-C", "-c",
                                                  "/run/snmpd.conf", "udp:161,udp6:161,udp6:1161,udp:127.0.0.1:2161"])
-        wait_until(lambda: "registered" in self.switch.show("snmp").splitlines()[0], 15, "registered with snmpd")
+        wait_until(lambda: "registered" in self.switch.show("snmp").splitlines()[0], what="registered with snmpd")
 
     def file(self, **entries):
         path = self.switch.path(f"/run/asked{len(entries)}")
@@ -217,9 +217,9 @@ def test_an_agent_that_starts_again_or_becomes_another_one_is_found_again(agent)
     watch = Watch(agent, agent.file(A=f"127.0.0.1 v3 op {phrases}", B="[::1]:1161 v2c public"))
     for engine, forgets in (("01", False), ("01", False), ("01", True), ("02", False)):
         agent.start(engine, ("op", phrases))
-        watch.wait(lambda state: answers(state) == {"A": ("ok", None), "B": ("ok", None)}, 10, f"engine {engine}")
+        watch.wait(lambda state: answers(state) == {"A": ("ok", None), "B": ("ok", None)}, f"engine {engine}")
         agent.snmpd.stop()
-        watch.wait(lambda state: {how for how, _ in answers(state).values()} == {"silent"}, 10, "it is gone")
+        watch.wait(lambda state: {how for how, _ in answers(state).values()} == {"silent"}, "it is gone")
         if forgets:
             shutil.rmtree(agent.switch.path("/run/snmp"))
     watch.process.expected_status = 3
