@@ -20,6 +20,7 @@ bool ssm_runs() {
 // A port that has a time-out running, or an operator's word for its quality, can still serve.
 bool may_serve(const ssm_port* port) {
     if (port->timeout_timer || port->hold_off_timer) return true;
+    if (port->lockout || ssm_below_minimum(port)) return false;
     return port->synce_enable && port->link_up && ssm_runs() && port->force_rx_quality != QL_NONE &&
            port->force_rx_quality != QL_DNU;
 }

@@ -273,12 +273,13 @@ std::int32_t ssm_handle_packet(ssm_port* port, const std::uint8_t* pdu, std::siz
     const bool repeated = store_received(port, pdu);
 
     if (pdu[esmc::VERSION] & esmc::EVENT_FLAG) {
+        // Only information PDUs keep a source alive. A proof has an end even if none of them ever follows.
+        if (!port->timeout_timer && ssm_guard_in_force()) ssm_timeout_timer_restart(port);
         ssm_select_after_pdu(repeated);
         const bool transmits = port->esmc_mode == SSM_ESMC_TX || port->esmc_mode == SSM_ESMC_ALL;
         if (transmits) ssm_send_timer_restart(port);
         return 0;
     }
-    // Only information PDUs keep a source alive.
     SSM_TRACE(SSM_DEBUG_EVENT, LOG_LEVEL_DEBUG, "%s%sssm_handle_packet: port %d run state machine", ifindex);
     ssm_timeout_timer_restart(port);
     ssm_select_after_pdu(repeated);

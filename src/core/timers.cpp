@@ -7,6 +7,7 @@
 #include "core/pdu.h"
 #include "core/ports.h"
 #include "core/result.h"
+#include "core/select.h"
 #include "core/socket.h"
 #include "core/supervision.h"
 
@@ -129,4 +130,7 @@ void ssm_source_silent(ssm_port* port) {
     // forgotten after it.
     ssm_opts_check_all_lost();
     forget_quality(port);
+    // Without the guard the next PDU that is accepted does it, if one comes: a port that has its quality from
+    // the operator brings none.
+    if (port == g_s_master->selected_port && ssm_guard_in_force()) ssm_clock_select();
 }

@@ -149,6 +149,18 @@ TEST_F(guard, an_offer_that_stays_refused_is_said_once) {
 }
 
 // What is over the burst leaves ten times a second, with what is true then.
+// A source that falls silent is left, also when nobody says anything any more: its last word was an event
+// PDU, and the only other port has its quality from the operator.
+TEST_F(guard, a_silent_source_is_left_at_once) {
+    locked_to(1, 2);
+    hear(1, QL_DNU);
+    pass(6000);
+    hear(1, {.quality = QL_PRC, .event = true, .extended = true, .clock_id = MASTER, .hops = 2});
+    ASSERT_EQ(ssm_opts_set_port_quality(intf(3), 1, "eec1"), 0);
+    EXPECT_EQ(source_after(advance(4999)), 1U);
+    EXPECT_EQ(source_after(advance(1)), 3U);
+}
+
 TEST_F(guard, event_pdus_are_bounded) {
     const auto told_in_storm = [this](int changes) {
         for (int i = 0; i < changes; ++i) offer(1, 0, i % 2 ? QL_PRC : QL_SSU_A);

@@ -124,6 +124,18 @@ TEST_F(supervision, limits) {
     EXPECT_EQ(last_qualities(), (qualities{{1, QL_DNU}, {2, QL_SSU_B}, {3, QL_EEC1}}));
 }
 
+TEST_F(supervision, a_port_that_may_not_be_chosen_keeps_no_silent_source) {
+    for (const bool locked_out : {true, false}) {
+        both();
+        ASSERT_EQ(ssm_opts_set_port_quality(intf(3), 1, "eec1"), 0);
+        ASSERT_EQ(ssm_opts_set_port_lockout(intf(3), locked_out), 0);
+        ASSERT_EQ(
+            ssm_opts_set_port_limit(intf(3), SSM_ESMC_RX, ssm_limit::minimum, locked_out ? "na" : "prc"), 0);
+        EXPECT_EQ(selected(), 1U);
+        EXPECT_EQ(source_after(advance(5000)), 0U) << locked_out;
+    }
+}
+
 TEST_F(supervision, lockout_then_force_then_quality_then_manual) {
     both();
     EXPECT_EQ(manual(2), nullptr);

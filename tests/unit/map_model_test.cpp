@@ -166,8 +166,13 @@ TEST_F(MapModel, ALinkThatIsCutStaysAndOneThatIsMovedGoes) {
     chain_of_three();
     (void)look();
     port("C", "B").neighbour.clear();
+    port("C", "B").link_up = false;
+    network net = look();  // B goes on believing the DNU that it heard last
+    ASSERT_EQ(net.links.size(), 2U);
+    EXPECT_FALSE(net.links[1].up);
+    port("C", "B").link_up = true;
     port("B", "C").neighbour.clear();
-    network net = look();
+    net = look();
     ASSERT_EQ(net.links.size(), 2U);
     EXPECT_FALSE(net.links[1].up);
     port("C", "B").neighbour = "A:C";

@@ -161,15 +161,21 @@ void link_memory::forget(const std::vector<link>& now, const std::vector<watched
 void link_memory::add_old(std::vector<link>& now, const std::vector<hearing>& heard,
                           const std::vector<watched>& switches) {
     forget(now, switches);
-    // What a silent switch heard is of the past.
-    std::set<std::pair<std::string, std::string>> up;
+    // What a silent switch said is of the past. A switch whose own end is up believes the last DNU that it
+    // heard, so that the end that is down knows better.
+    std::set<std::pair<std::string, std::string>> up, down;
     for (const hearing& one : heard)
         if (switches[one.who].how == answer::ok)
             up.insert({switches[one.who].name, port_at(switches, {one.who, one.port}).name});
+    for (const watched& one : switches)
+        if (one.report && one.how == answer::ok)
+            for (const port_report& port : one.report->ports)
+                if (!port.link_up) down.insert({one.name, port.name});
     std::map<std::string, link> all = known;
     for (auto& [id, old] : all) old.up = false;
     for (link& one : now) {
-        one.up = up.contains({one.a, one.a_port}) || up.contains({one.b, one.b_port});
+        one.up = (up.contains({one.a, one.a_port}) || up.contains({one.b, one.b_port})) &&
+                 !down.contains({one.a, one.a_port}) && !down.contains({one.b, one.b_port});
         all[one.id] = one;
     }
     known = std::move(all);
