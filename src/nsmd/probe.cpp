@@ -1,6 +1,7 @@
 // The first command of anyone with a new card. Reads everything once, as the kernel backend does, and goes
 // through what following a port needs, in the order in which one thing rests on another; the first that is
-// missing is the answer. Memory that runs out cuts the listing short.
+// missing is the answer. Pins that can't be read are named, and count as no pins. Memory that runs out cuts
+// the listing short.
 #include "nsmd/probe.h"
 
 #include <cerrno>
@@ -8,7 +9,6 @@
 #include <cstring>
 
 #include "nsmd/dpll/steer.h"
-#include "nsmd/dpll/words.h"
 #include "suite/log/log.h"
 
 namespace {
@@ -16,6 +16,7 @@ namespace {
 struct probe {
     genl link;
     dpll_view view;
+    dpll_singly singly;
     const port_table* table;
     const dpll_kernel_options* options;
     text_buffer* out;
@@ -67,6 +68,7 @@ void list(const probe& p) {
     for (const dpll_pin_node* n = p.view.pins; ok && n; n = n->next)
         ok = text_printf(p.out, "%s:", dpll_pin_words(&p.view, p.table, n->pin.id, words)) &&
              dpll_put_pin(n->pin, p.out) && text_printf(p.out, "\n");
+    ok = ok && dpll_put_bad_pins(p.singly, p.out);
     for (const nsmd_port* port = port_table_first(p.table); ok && port; port = port->next)
         ok = port->has_dpll_pin ? text_printf(p.out, "port %s: pin %u\n", port->name, port->dpll_pin)
                                 : text_printf(p.out, "port %s: no clock pin\n", port->name);
@@ -104,6 +106,10 @@ bool has_pin(const probe&, const nsmd_port& port) {
     return port.has_dpll_pin;
 }
 
+bool has_bad_pin(const probe& p, const nsmd_port& port) {
+    return port.has_dpll_pin && dpll_is_bad(p.singly.bad, port.dpll_pin);
+}
+
 // By rank alone nothing can be ruled out.
 bool can_only_be_ranked(const probe& p, const nsmd_port& port) {
     return can_be_followed(p, port) && !(pin_of(p, port)->capabilities & PIN_CAN_STATE);
@@ -117,7 +123,9 @@ const char* what_is_missing(const probe& p) {
     if (!p.device) return "no clock device of type EEC, which is what drives Ethernet ports";
     if (!port_table_first(p.table)) return "no Ethernet port: name virtual ones with --port";
     if (!first_port(p, has_pin)) return "no port has a clock pin: their drivers tell of none";
-    if (!first_port(p, leads_to_device)) return "no port's clock pin leads to the device";
+    if (!first_port(p, leads_to_device))
+        return first_port(p, has_bad_pin) ? "no port's clock pin that can be read leads to the device"
+                                          : "no port's clock pin leads to the device";
     if (!first_port(p, can_be_followed))
         return "the driver lets nobody set the state of the ports' clock pins";
     return nullptr;
@@ -141,8 +149,10 @@ void say_yes(const probe& p) {
     if (ok) (void)text_printf(p.out, "\n");
 }
 
-void add_notes(const probe& p) {
-    bool ok = true;
+void add_notes(const probe& p, bool is_partial) {
+    bool ok = !is_partial || text_printf(p.out,
+                                         "note: the kernel's list of pins ends at one that can't be "
+                                         "read: those behind it that are no port's are not shown\n");
     for (const dpll_pin_node* n = p.view.pins; ok && n; n = n->next)
         if (n->pin.type == DPLL_PIN_EXT && dpll_view_leads_to(&p.view, n->pin, p.device->id))
             ok = text_printf(p.out, "note: external input: --bits1 %s\n", dpll_label_of(n->pin));
@@ -152,9 +162,20 @@ void add_notes(const probe& p) {
             "note: pins can be ranked, but not ruled out: in holdover the device may go on following one\n");
 }
 
+// What the list of pins left out. False: no pin can be read.
+bool read_singly(probe* p) {
+    p->singly = {&p->link, &p->view, &p->view, p->table, p->options->bits, {}, 0, 0};
+    while (dpll_singly_ask(&p->singly)) dpll_singly_answered(&p->singly);
+    return p->view.pins;
+}
+
 bool read_and_judge(probe* p) {
     int error = read_all(p, DPLL_CMD_DEVICE_GET);
-    if (error == 0) error = read_all(p, DPLL_CMD_PIN_GET);
+    const bool has_devices = error == 0;
+    if (has_devices) error = read_all(p, DPLL_CMD_PIN_GET);
+    const bool is_partial =
+        has_devices && error < 0 && error != -EAGAIN && !error_words(error) && read_singly(p);
+    if (is_partial) error = 0;
     if (error == 0) choose_device(p);
     list(*p);
     const char* missing = error < 0 ? error_words(error) : what_is_missing(*p);
@@ -163,7 +184,7 @@ bool read_and_judge(probe* p) {
     else if (error < 0)
         (void)text_printf(p->out, "no: devices and pins can't be read: %s\n", std::strerror(-error));
     if (missing || error < 0) return false;
-    add_notes(*p);
+    add_notes(*p, is_partial);
     say_yes(*p);
     return true;
 }

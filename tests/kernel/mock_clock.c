@@ -244,7 +244,7 @@ static int direction_get(const struct dpll_pin *pin, void *priv, const struct dp
 
 static int reading_result(int i)
 {
-	return i >= BITS_PER_LONG || bad_pins & BIT(i) ? -pin_error : 0;
+	return bad_pins & BIT(i % BITS_PER_LONG) ? -pin_error : 0;
 }
 
 static int state_get(const struct dpll_pin *pin, void *priv, const struct dpll_device *dpll, void *dpll_priv,

@@ -117,6 +117,11 @@ def test_the_probe_and_the_shows_have_the_pins(box):
     one = box()
     answer = probe()
     assert answer.returncode == 0 and answer.stdout.splitlines()[-1].endswith("can follow swp0, swp2"), answer
+    one.clock.set(pin_error=5, bad_pins=1)
+    answer = probe()
+    assert answer.returncode == 0 and answer.stdout.endswith("can follow swp2\n"), answer
+    assert re.search(r"\npin \d+ \(swp0\): can't be read: Input/output error\n", answer.stdout), answer
+    one.clock.set(pin_error=0)
     one.follow("--dpll-mode", "automatic")  # which this kernel has no way to set
     assert "to automatic: Invalid argument; going on as it is" in one.sw.nsmd.text()
     shown = json.loads(one.sw.show("clock synce json"))

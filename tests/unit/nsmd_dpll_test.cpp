@@ -674,6 +674,9 @@ TEST(dpll, the_probe_says_what_is_missing) {
         {"quiet sw1 1, quiet sw2 2", driver::manual, "no: no port has a clock pin"},
         {"quiet sw1 1 pin 77, quiet sw2 2", driver::manual, "no: no port's clock pin leads to the device"},
         {"unreadable 16", driver::manual, "no: devices and pins can't be read: "},
+        {"bad 11 5", driver::manual, "no port's are not shown\nyes: clock device 1 can follow sw2\n"},
+        {"bad 11 5, bad 12 5", driver::manual, "pin 12 (sw2): can't be read: "},
+        {"input 5, bad 11 5, bad 12 5", driver::manual, "no: no port's clock pin that can be read leads"},
         {"unknown-state 1", driver::manual, "no: no permission"},
     };
     for (const auto& one : cases) {

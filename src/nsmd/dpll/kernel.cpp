@@ -24,7 +24,6 @@
 #include <utility>
 
 #include "nsmd/dpll/record.h"
-#include "nsmd/dpll/words.h"
 #include "suite/base/memory.h"
 #include "suite/log/log.h"
 #include "suite/loop/thread.h"
@@ -104,7 +103,7 @@ void message_came(void* arg, const genl_message& m) {
     k->pins_heard |= names_pin(m.command);
     dpll_pin pin;
     if (!is_reading_all(k) && names_pin(m.command) && dpll_pin_parse(m.attributes, &pin) &&
-        dpll_is_bad(k->bad, pin.id)) {
+        dpll_is_bad(k->singly.bad, pin.id)) {
         k->stale = true;
         again_in(k, AGAIN_MS);
     }
@@ -130,7 +129,7 @@ void ask_for_all(dpll_kernel* k) {
 
 void begin_reading(dpll_kernel* k) {
     dpll_view_clear(&k->fresh);
-    dpll_singly_begin(k);
+    dpll_singly_begin(&k->singly);
     k->task = clock_task::reads_devices;
     k->dump_tries = 1;
     k->stale = false;  // what is lost from here on counts again
@@ -155,7 +154,7 @@ void could_not_read(dpll_kernel* k) {
 
 void could_read(dpll_kernel* k) {
     const bool is_partial = k->list_fails_since != 0, was_partial = k->singly_tries > 0;
-    dpll_singly_end(k);
+    dpll_singly_end(&k->singly);
     std::swap(k->view, k->fresh);
     const bool was_said = std::exchange(k->read_tries, 0) >= READ_TRIES_SAID || was_partial;
     if (was_said && !is_partial) log_suite(LOG_LEVEL_INFO, "clock: devices and pins can be read again");
@@ -181,12 +180,12 @@ void end_reading(dpll_kernel* k, int result) {
 }
 
 void read_next_singly(dpll_kernel* k) {
-    if (!dpll_singly_ask(k)) end_reading(k, 0);
+    if (!dpll_singly_ask(&k->singly)) end_reading(k, 0);
 }
 
 void was_read_singly(dpll_kernel* k) {
     if (k->link.result == -EPIPE) return end_reading(k, k->link.result);  // the helper is gone
-    dpll_singly_answered(k, k->link.result);
+    dpll_singly_answered(&k->singly);
     read_next_singly(k);
 }
 
@@ -237,14 +236,14 @@ void was_polled(dpll_kernel* k) {
     std::uint32_t pins[DPLL_MANAGED_MAX];
     if (!dpll_kernel_goal(k, &goal, pins) || !goal.has_target) return;
     k->task = clock_task::reads_target;
-    k->asked_pin = goal.target;
+    k->polled_pin = goal.target;
     dpll_read_pin(&k->link, goal.target);
 }
 
 void was_target_read(dpll_kernel* k) {
     k->task = clock_task::none;
     const int result = k->link.result;
-    if (result == 0 || (result != -ENODEV && dpll_is_bad(k->bad, k->asked_pin))) return;
+    if (result == 0 || (result != -ENODEV && dpll_is_bad(k->singly.bad, k->polled_pin))) return;
     k->stale = true;
     again_in(k, AGAIN_MS);
 }
@@ -579,9 +578,10 @@ dpll_backend dpll_kernel_create(lib_globals* ctx, const port_table* table, const
     k->sink = sink;
     k->link.channel.fd = -1;
     k->now = {DPLL_FREERUN, 0};
+    k->singly = {&k->link, &k->fresh, &k->view, table, k->options.bits, {}, 0, 0};
     k->steering.link = &k->link;
     k->steering.view = &k->view;
-    k->steering.bad = &k->bad;
+    k->steering.bad = &k->singly.bad;
     k->steering.table = table;
     *error = start(k, edge);
     if (*error < 0)

@@ -51,10 +51,10 @@ struct dpll_kernel {
     unsigned read_tries;
     int read_result;
     nanoseconds list_fails_since;  // that of the pins, while that of the devices does not; 0: it doesn't
-    dpll_bad_pins bad;
-    unsigned singly_tries;    // that the view is of, one by one; 0: it is whole
-    std::uint32_t asked_pin;  // the one under way, or read last
-    unsigned unread;          // polls in a row that told nothing
+    dpll_singly singly;
+    unsigned singly_tries;     // that the view is of, one by one; 0: it is whole
+    std::uint32_t polled_pin;  // the one to be followed, as it was last asked for
+    unsigned unread;           // polls in a row that told nothing
     int unread_result;
     unsigned held;              // polls that wait behind another request
     nanoseconds unclear_since;  // locked, but to nothing that is seen; 0: not so
@@ -76,12 +76,6 @@ struct dpll_kernel {
     log_limit hand_said;
     std::uint64_t hands;  // how often the pins were changed by somebody else
 };
-
-// singly.cpp: reads into `fresh` what the kernel's list of pins left out.
-void dpll_singly_begin(dpll_kernel* k);
-bool dpll_singly_ask(dpll_kernel* k);  // for the next one; false: there is none
-void dpll_singly_answered(dpll_kernel* k, int result);
-void dpll_singly_end(dpll_kernel* k);  // `bad` is what could not be read
 
 // wanted.cpp: what follows from what is wanted and known.
 

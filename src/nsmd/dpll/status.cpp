@@ -5,7 +5,6 @@
 #include <cstring>
 
 #include "nsmd/dpll/record.h"
-#include "nsmd/dpll/words.h"
 #include "suite/loop/thread.h"
 
 namespace {
@@ -26,7 +25,8 @@ bool put_reading(const dpll_kernel* k, text_buffer* out) {
 bool put_trouble(const dpll_kernel* k, text_buffer* out) {
     bool ok = true;
     if (k->singly_tries)
-        ok = text_printf(out, "clock: the list of pins fails, read one by one %zu can't be", k->bad.count) &&
+        ok = text_printf(out, "clock: the list of pins fails, read one by one %zu can't be",
+                         k->singly.bad.count) &&
              put_next_try(k, k->reading, k->singly_tries, out);
     if (ok && k->unread)
         ok = text_printf(out, "clock: the state could not be read %u times: %s\n", k->unread,
@@ -36,16 +36,6 @@ bool put_trouble(const dpll_kernel* k, text_buffer* out) {
                          k->fell_back ? "; holdover instead" : "") &&
              put_next_try(k, k->steers_again, k->steer_tries, out);
     if (ok && k->hands) ok = text_printf(out, "clock: pins changed by others %" PRIu64 " times\n", k->hands);
-    return ok;
-}
-
-bool put_bad_pins(const dpll_kernel* k, text_buffer* out) {
-    bool ok = true;
-    char words[80];
-    for (std::size_t i = 0; ok && i < k->bad.count; ++i)
-        ok = text_printf(out, "%s: can't be read: %s\n",
-                         dpll_pin_words(&k->view, k->table, k->bad.pins[i].id, words),
-                         std::strerror(-k->bad.pins[i].error));
     return ok;
 }
 
@@ -84,7 +74,7 @@ dpll_detail of_clock(const dpll_kernel* k, const dpll_device& d) {
 dpll_detail of_pin(const dpll_kernel* k, std::uint32_t subject, const dpll_pin* pin) {
     dpll_detail out{};
     out.subject = subject;
-    if (!pin || dpll_is_bad(k->bad, pin->id)) return out;
+    if (!pin || dpll_is_bad(k->singly.bad, pin->id)) return out;
     const dpll_measured& m = dpll_measured_of(*pin, k->device);
     out.state = dpll_operstate_of(*pin, k->device);
     if (out.state) out.known |= nsm_detail_body::HAS_STATE;
@@ -105,10 +95,10 @@ bool dpll_kernel_status(const void* self, text_buffer* out) {
     bool ok = netlink_channel_status(&k->link.channel, dpll_kernel_subject(k, words), out) &&
               put_device(k, out) && put_reading(k, out) && put_trouble(k, out);
     for (const dpll_pin_node* n = k->view.pins; ok && n; n = n->next)
-        if (k->has_device && !dpll_is_bad(k->bad, n->pin.id) &&
+        if (k->has_device && !dpll_is_bad(k->singly.bad, n->pin.id) &&
             dpll_view_leads_to(&k->view, n->pin, k->device))
             ok = put_pin(k, n->pin, out);
-    return ok && put_bad_pins(k, out);
+    return ok && dpll_put_bad_pins(k->singly, out);
 }
 
 void dpll_kernel_details(const void* self, void (*take)(void*, const dpll_detail&), void* arg) {

@@ -210,10 +210,6 @@ void dpll_steer_abandon(dpll_steering* s) {
     s->is_abandoned = true;
 }
 
-bool dpll_is_bad(const dpll_bad_pins& bad, std::uint32_t id) {
-    return std::any_of(bad.pins, bad.pins + bad.count, [=](const dpll_bad_pin& b) { return b.id == id; });
-}
-
 bool dpll_steer_is_over(const dpll_steering* s) {
     return s->phase == dpll_steer_phase::over;
 }

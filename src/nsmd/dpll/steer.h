@@ -2,8 +2,7 @@
 #pragma once
 
 #include "nsmd/dpll/plan.h"
-#include "nsmd/links/port_table.h"
-#include "nsmd/netlink/genl.h"
+#include "nsmd/dpll/singly.h"
 
 constexpr std::size_t DPLL_MANAGED_MAX = PORT_INDEX_MAX + 2;
 
@@ -22,20 +21,6 @@ struct dpll_refusal {
     const char* what;
     int error;
 };
-
-// Pins that the driver could not read when all were read last.
-struct dpll_bad_pin {
-    std::uint32_t id;
-    int error;       // negative errno
-    bool was_asked;  // in this reading
-    bool was_said;   // in the log
-};
-struct dpll_bad_pins {
-    static constexpr std::size_t MAX = DPLL_MANAGED_MAX + 63;
-    dpll_bad_pin pins[MAX];
-    std::size_t count;
-};
-bool dpll_is_bad(const dpll_bad_pins& bad, std::uint32_t id);
 
 struct dpll_steering {
     genl* link;  // its sink keeps `view` true

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "nsmd/dpll/message.h"
+#include "suite/base/text.h"
 
 struct dpll_device_node {
     dpll_device device;
@@ -41,3 +42,20 @@ bool dpll_view_leads_to(const dpll_view* view, const dpll_pin& pin, std::uint32_
 // The input that the device follows: a pin directly on it, or null. `*child`: where that is a MUX pin, the
 // pin that it passes on, else null.
 const dpll_pin* dpll_view_active_input(const dpll_view* view, std::uint32_t device, const dpll_pin** child);
+
+// words.cpp: the same in words, for the status report and the probe.
+
+const char* dpll_mode_word(std::uint32_t mode);
+const char* dpll_lock_error_words(std::uint32_t error);
+
+// "(chip 0102030405060708), type EEC, manual, status 3 (locked, holdover acquired), error 1 (none)"
+bool dpll_put_device(const dpll_device& device, text_buffer* out);
+// " on device 1, connected, priority 0; label SWP0; frequency offset 1.250 ppb"
+bool dpll_put_pin(const dpll_pin& pin, text_buffer* out);
+
+// Towards this device where that is told, else of the pin itself.
+const dpll_measured& dpll_measured_of(const dpll_pin& pin, std::uint32_t device);
+// Its operational state on the device, or on a MUX pin before it; 0: not told.
+std::uint32_t dpll_operstate_of(const dpll_pin& pin, std::uint32_t device);
+// The first label that it has, or "".
+const char* dpll_label_of(const dpll_pin& pin);

@@ -44,7 +44,7 @@ std::uint32_t state_of(const dpll_device& d) {
 // Seen so, or nothing else is seen.
 bool may_follow_a_bad_pin(const dpll_kernel* k, const dpll_pin* input, const dpll_pin* child) {
     if (!input || (input->type == DPLL_PIN_MUX && !child)) return k->singly_tries > 0;
-    return dpll_is_bad(k->bad, input->id) || (child && dpll_is_bad(k->bad, child->id));
+    return dpll_is_bad(k->singly.bad, input->id) || (child && dpll_is_bad(k->singly.bad, child->id));
 }
 
 bool has_no_pin(dpll_kernel* k, const char* what) {

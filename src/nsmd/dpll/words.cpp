@@ -1,10 +1,10 @@
 // Puts devices and pins into words: tables of the interface's numbers, and what is told of a pin in one line.
 // Pure functions.
-#include "nsmd/dpll/words.h"
-
 #include <cinttypes>
 #include <cstdlib>
 #include <span>
+
+#include "nsmd/dpll/view.h"
 
 namespace {
 
