@@ -32,23 +32,26 @@ BOARD = "board_type 12\nproduct_series 1\nsynce_support 1\n"
 HOLDER = r"""
 set -e
 mount -t tmpfs -o mode=755 tmpfs /run
-mkdir -p /run/esmc-bin /run/etc /run/lock
+mkdir /run/esmc-bin /run/etc /run/lock /run/agentx /run/log
 mount --bind "$1" /run/esmc-bin
+cd /etc
+fate=$2; set --
 for entry in passwd group hosts nsswitch.conf localtime ld.so.cache ld.so.conf ld.so.conf.d services protocols snmp; do
-    [ ! -e "/etc/$entry" ] || cp -aL "/etc/$entry" /run/etc/
+    [ ! -e "$entry" ] || set -- "$@" "$entry"
 done
+cp -aL "$@" /run/etc/
+cd /
 mount --bind /run/etc /etc
-mkdir -p /run/agentx
 if [ -d /var/agentx ] || mkdir -p /var/agentx 2>/dev/null; then mount --bind /run/agentx /var/agentx; fi
 mount -t tmpfs -o mode=1777 tmpfs /tmp
-mkdir /run/log && mount --bind /run/log /var/log
+mount --bind /run/log /var/log
 ip link set lo up
 for family in all default; do
     switch=/proc/sys/net/ipv6/conf/$family/disable_ipv6
     [ ! -w $switch ] || echo 1 > $switch
 done
 echo ready
-if [ "$2" = keep ]; then exec sleep infinity; else exec cat > /dev/null; fi
+if [ $fate = keep ]; then exec sleep infinity; else exec cat > /dev/null; fi
 """
 
 
@@ -56,7 +59,11 @@ class Timeout(AssertionError):
     """A condition did not come true before its deadline."""
 
 
-def wait_until(condition, deadline=PATIENCE, what="", interval=0.01):
+IN_GUEST = "ESMC_GUEST_name" in os.environ  # of tools/check_kernel: each question costs an emulated machine more
+POLL = 0.03 if IN_GUEST else 0.01  # seconds
+
+
+def wait_until(condition, deadline=PATIENCE, what="", interval=POLL):
     """Polls `condition` until it returns something true, which is returned. Timeout after `deadline` seconds."""
     end = time.monotonic() + deadline
     while True:
@@ -277,7 +284,7 @@ class Switch(Node):
 
     nsmd = None
     esmcd = None
-    pause = 0.1 if "ESMC_GUEST_name" in os.environ else 0.02  # seconds between two questions; they cost an emulated machine more
+    pause = 0.1 if IN_GUEST else 0.02  # seconds between two questions that take a program each
 
     def start_nsmd(self, *options):
         options = options or ("--port", "p*", "--dpll", "sim")
@@ -302,7 +309,7 @@ class Switch(Node):
             if not self.esmcd.alive():
                 raise RuntimeError(f"esmcd ended with {self.esmcd.popen.returncode}:\n{self.esmcd.text()[-2000:]}")
             return os.path.lexists(self.path("/run/esmcd.vty")) and self.cli(check=False).status == 0
-        wait_until(answers, what=f"{self.name}: esmcd answers")
+        wait_until(answers, what=f"{self.name}: esmcd answers", interval=self.pause)
 
     def cli(self, *lines, check=True, **more):
         """Runs the lines through `esmcsh -c`. With `check`, a line that fails is an error."""
