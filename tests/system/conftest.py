@@ -13,6 +13,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 
 import lab as lab_module  # noqa: E402
 import ring  # noqa: E402
+from watch import Late  # noqa: E402
 from wire import Port  # noqa: E402
 
 
@@ -123,6 +124,13 @@ def many(sw):
                  for n in range(1, 256)] + [f"link set d{n} up" for n in range(1, 256)])
     sw.lab.tester.ip_batch([f"link set e{n} up" for n in range(1, 256)])
     return sw
+
+
+@pytest.fixture
+def late():
+    """late(pid): how late the machine is with that process from now on."""
+    with contextlib.ExitStack() as measured:
+        yield lambda pid: measured.enter_context(Late(pid))
 
 
 @pytest.fixture

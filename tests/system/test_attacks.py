@@ -118,17 +118,18 @@ def log_in_and_work(sw, saved):
 
 
 @pytest.mark.timing
-def test_all_attacks_at_once(hanging):  # noqa: F811
+def test_all_attacks_at_once(hanging, late):  # noqa: F811
     sw = hanging
     sw.cli("no debug all", "configure terminal", "hostname sw", f"password {PASSWORD}", "log level info")
     source = Neighbour(sw.t2, PRC)
     sw.wait_clock(source="p2")
     paths = [str(sw.path("/run/esmcd.vty")), str(sw.path("/run/nsmd.sock"))]
     answered = multiprocessing.Value("i")
+    machine = late(sw.esmcd.pid)
     going, sent = multiprocessing.Event(), multiprocessing.RawValue("L")
     going.set()
     sw.t2.drain()
-    frames, memory, logins, held = [], [], [], 0
+    frames, memory, computing, logins, held = [], [], [], [], 0
     with running((again_and_again, (sw, guess, answered), 12), (again_and_again, (sw, reset), 4), (again_and_again, (sw, silence), 40),
                  (again_and_again, (sw, garbage, paths), 2), (noise, (sw.t1,), 1),
                  (flood, (sw.t1, FLOODS["alternating"] + FLOODS["invalid"], going, sent), 1)):
@@ -137,8 +138,8 @@ def test_all_attacks_at_once(hanging):  # noqa: F811
             source.keep()
             frames += sw.t2.frames(0.2)
             with contextlib.suppress(OSError):  # a child that ended meanwhile
-                kib = [private_kib(sw.esmcd.pid)] + [private_kib(pid) for pid in children(sw.esmcd.pid)]
-                assert sum(size > HASH_KIB for size in kib) <= 1, kib
+                kib = [private_kib(pid) for pid in [sw.esmcd.pid, *children(sw.esmcd.pid)]]
+                computing.append(sum(size > HASH_KIB for size in kib))
                 memory.append(sum(size for size in kib if size <= HASH_KIB))
             held += 1
             if held % 100 == 50:
@@ -153,7 +154,9 @@ def test_all_attacks_at_once(hanging):  # noqa: F811
     logins += work[1]
     print(f"{sent.value / SECONDS:.0f} frames/s; logged in {len(logins)} times, after {max(logins):.1f} s at most; {answered.value} guesses answered; "
           f"private memory {max(memory)} KiB at most")
-    assert_on_time(frames, SECONDS - 3)
+    assert_on_time(frames, SECONDS - 3, machine.late)
+    # One that has answered may not have got to its end when the next one begins.
+    assert computing.count(1) > 10 * sum(count > 1 for count in computing), computing
     assert len(logins) >= 3 and max(logins) <= 10
     assert max(memory) < 8192
     assert f"clock synce local-priority {len(logins)}\n" in sw.path("/etc/esmcd.conf").read_text()

@@ -74,7 +74,7 @@ def in_background(function):
 
 
 @pytest.mark.timing
-def test_nobody_else_waits_for_the_disk(hanging):
+def test_nobody_else_waits_for_the_disk(hanging, late):
     """A save, an opened log file and a show of the file wait for it; PDUs, commands and the log's callers do not."""
     sw, log = hanging, hanging.path("/var/log/esmcd.log")
     source = Neighbour(sw.t1, PRC)
@@ -83,6 +83,7 @@ def test_nobody_else_waits_for_the_disk(hanging):
     waiting = [in_background(lambda lines=lines: sw.cli(*lines)) for lines in (
         ["write"], ["show startup-config"], *[["configure terminal", f"log file /var/log/{n}.log"] for n in range(3)])]
     wait_until(lambda: len(children(sw.esmcd.pid)) == WRITERS + 5, what="all work on files is done by children")
+    machine = late(sw.esmcd.pid)
     sw.t2.drain()
     frames, slowest, end = [], 0.0, time.monotonic() + SECONDS
     while time.monotonic() < end:
@@ -91,8 +92,8 @@ def test_nobody_else_waits_for_the_disk(hanging):
         asked = time.monotonic()
         sw.show("clock synce")
         slowest = max(slowest, time.monotonic() - asked)
-    assert slowest < 0.5
-    assert_on_time(frames, SECONDS - 2)
+    assert slowest < 0.5 + machine.late
+    assert_on_time(frames, SECONDS - 2, machine.late)
     memory = [private_kib(pid) for pid in [sw.esmcd.pid, *children(sw.esmcd.pid)]]
     print(f"a command took {slowest * 1000:.0f} ms at most; private memory, daemon first: {memory} KiB")
     assert sum(memory) < 8192

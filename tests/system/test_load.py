@@ -31,7 +31,7 @@ def flood(port, frames, going, sent):
 
 
 @pytest.mark.parametrize("kind", FLOODS)
-def test_flooded_port_is_felt_by_nobody_else(enabled, release_only, kind):
+def test_flooded_port_is_felt_by_nobody_else(enabled, release_only, kind, late):
     enabled.configure("hostname sw")
     source = Neighbour(enabled.t2, PRC)
     enabled.wait_clock(source="p2")
@@ -40,6 +40,7 @@ def test_flooded_port_is_felt_by_nobody_else(enabled, release_only, kind):
     terminal.expect("sw#")
 
     frames, answers, resident = [], [], []
+    machine = late(enabled.esmcd.pid)
     going, sent = multiprocessing.Event(), multiprocessing.RawValue("L")
     going.set()
     flooding = multiprocessing.Process(target=flood, args=(enabled.t1, FLOODS[kind], going, sent))
@@ -64,8 +65,8 @@ def test_flooded_port_is_felt_by_nobody_else(enabled, release_only, kind):
     print(f"{kind}: {sent.value / SECONDS:.0f} frames/s; {len(answers)} answers, the slowest in "
           f"{max(answers) * 1000:.1f} ms; memory +{grown} KiB")
     assert sent.value > SECONDS * 10_000, "that was no flood"
-    assert_on_time(frames, SECONDS - 2)
-    assert max(answers) <= 0.100, answers
+    assert_on_time(frames, SECONDS - 2, machine.late)
+    assert max(answers) <= 0.100 + machine.late, answers
     assert grown <= 64
     assert " dropped 0\n" not in enabled.show("slow-protocols")
 

@@ -10,7 +10,7 @@ import time
 
 import pytest
 from lab import BIN, wait_until
-from watch import Late, process_status, status_of
+from watch import process_status, status_of
 
 # program -> the files that it makes, with their modes
 FILES = {"esmcd": {"/run/esmcd.pid": 0o644, "/run/esmcd.vty": 0o660}, "nsmd": {"/run/nsmd.sock": 0o660}}
@@ -43,7 +43,7 @@ def test_options_that_start_nothing(sw, program, words, status, out, err):
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
 @PROGRAMS
-def test_files_live_as_long_as_the_program(sw, program, number):
+def test_files_live_as_long_as_the_program(sw, program, number, late):
     daemon = sw.start_esmcd() if program == "esmcd" else sw.start_nsmd()
     for path, mode in FILES[program].items():
         assert stat.S_IMODE(sw.path(path).stat().st_mode) == mode, path
@@ -60,10 +60,9 @@ def test_files_live_as_long_as_the_program(sw, program, number):
         sw.clock()
     else:
         assert "clock" in status_of(sw)
-    with Late() as machine:
-        began = time.monotonic()
-        assert daemon.stop(number) == 0
-        took = time.monotonic() - began
+    machine, began = late(daemon.pid), time.monotonic()
+    assert daemon.stop(number) == 0
+    took = time.monotonic() - began
     assert took < (2.0 if sw.lab.sanitized else 0.1) + machine.late, f"took {took * 1000:.0f} ms"
     assert_gone(sw, program)
     assert program == "nsmd" or daemon.text().count("Terminating on signal") == 1
