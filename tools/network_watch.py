@@ -34,7 +34,7 @@ def now():
     return time.clock_gettime_ns(time.CLOCK_REALTIME)
 
 
-def _only_esmc(made):
+def only_esmc(made):
     """Lets only organization specific slow protocol frames into the socket."""
     code = b"".join(struct.pack("HBBI", *row) for row in
                     ((0x30, 0, 0, 14), (0x15, 0, 1, 0x0a), (0x06, 0, 0, 0x40000), (0x06, 0, 0, 0)))
@@ -65,7 +65,7 @@ class Watch:
 
     def add(self, switch, node):
         made = node.packet_socket(None, _ETH_P_SLOW)
-        _only_esmc(made)
+        only_esmc(made)
         made.setsockopt(socket.SOL_SOCKET, _SO_TIMESTAMPNS, 1)
         made.setblocking(False)
         with self._lock:

@@ -55,9 +55,10 @@ class network {
         for (const network_event& e : plan_.events) {
             const nanoseconds at = START + e.at_ms * NS_PER_MS;
             if (e.what == EVENT_QUALITY)
-                happens(at, e.subject, [=](network_switch& s) { s.set_own_quality(e.quality); });
+                happens(at, e.subject,
+                        [=](network_switch& s) { s.set_own_quality(static_cast<std::uint8_t>(e.value)); });
             else
-                events_.emplace(at, [=, this] { set_cable(e.subject, e.what == EVENT_REPAIR); });
+                events_.emplace(at, [this, e] { happens_to(e); });
             last_event_ = std::max(last_event_, at);
         }
         const nanoseconds stop = START + plan_.end_ms * NS_PER_MS;
@@ -81,7 +82,8 @@ class network {
     };
     struct cable {
         bool up = true;
-        std::uint32_t epoch = 0;  // frames of an earlier one are lost
+        bool unheard[2] = {}, seen_up[2] = {true, true};  // of a, of b
+        std::uint32_t epoch = 0;                          // frames of an earlier one are lost
         nanoseconds delay = 0;
     };
 
@@ -95,22 +97,65 @@ class network {
     template <typename What>
     void happens(nanoseconds at, std::uint32_t who, What what) {
         events_.emplace(at, [=, this] {
+            if (now_ < frozen_[who]) return happens(frozen_[who], who, what);
             what(*switches_[who]);
             look_at(who);
         });
     }
 
-    // Both ends see it on their own, within 10 ms.
-    void set_cable(std::uint32_t link, bool up) {
+    void happens_to(const network_event& e) {
+        switch (e.what) {
+            case EVENT_UNHEARD:
+                cables_[e.subject / 2].unheard[e.subject % 2] = true;
+                break;
+            case EVENT_HALF_CUT:
+                set_cable(e.subject / 2, false, e.subject % 2 ? END_B : END_A);
+                break;
+            case EVENT_FREEZE:
+                frozen_[e.subject] = now_ + e.value * NS_PER_MS;
+                break;
+            case EVENT_RESTART:
+                restart(e.subject, e.value);
+                break;
+            default:
+                set_cable(e.subject, e.what == EVENT_REPAIR, END_A | END_B);
+        }
+    }
+
+    void restart(std::uint32_t who, std::uint32_t after_ms) {
+        if (!switches_[who]->started()) return;
+        std::vector<port_settings> ports;
+        for (const auto& e : ends_[who]) ports.push_back(e.settings);
+        switches_[who] = std::make_unique<network_switch>(who, plan_.switches[who], ports, &around_);
+        for (std::uint32_t port = 1; port <= ports.size(); ++port) {
+            const std::uint32_t link = ends_[who][port - 1].link;
+            switches_[who]->link(port, cables_[link].seen_up[plan_.links[link].b == who]);
+        }
+        wake_at_[who] = NEVER;
+        seen_[who] = {NOBODY, QL_DNU};
+        find_loops(who);
+        happens(now_ + after_ms * NS_PER_MS, who, [](network_switch& s) {
+            if (!s.started()) s.start();
+        });
+    }
+
+    // The ends see it on their own, within 10 ms.
+    static constexpr unsigned END_A = 1, END_B = 2;
+    void set_cable(std::uint32_t link, bool up, unsigned ends) {
         cable& c = cables_[link];
-        if (std::exchange(c.up, up) == up) return;
+        if (up) c.unheard[0] = c.unheard[1] = false;
+        if (c.up == up && c.seen_up[0] == up && c.seen_up[1] == up) return;
+        c.up = up;
         ++c.epoch;
-        for (const std::uint32_t who : {plan_.links[link].a, plan_.links[link].b})
+        for (const unsigned at_b : {0U, 1U}) {
+            if (!(ends & (at_b ? END_B : END_A)) || std::exchange(c.seen_up[at_b], up) == up) continue;
+            const std::uint32_t who = at_b ? plan_.links[link].b : plan_.links[link].a;
             for (std::uint32_t port = 1; port <= ends_[who].size(); ++port)
                 if (ends_[who][port - 1].link == link)
                     happens(now_ + random_() % (10 * NS_PER_MS), who, [=, &c](network_switch& s) {
-                        if (c.up == up) s.link(port, up);
+                        if (c.seen_up[at_b] == up) s.link(port, up);
                     });
+        }
     }
 
     void carry(std::uint32_t from, std::uint32_t port, const std::uint8_t* pdu) {
@@ -119,7 +164,9 @@ class network {
             e.sent = 0;
         result_.busiest_second = std::max(result_.busiest_second, static_cast<std::uint32_t>(++e.sent));
         const cable& c = cables_[e.link];
-        if (!c.up || (plan_.loss > 0 && std::uniform_real_distribution<>()(random_) < plan_.loss)) return;
+        if (!c.up || c.unheard[plan_.links[e.link].b == from] ||
+            (plan_.loss > 0 && std::uniform_real_distribution<>()(random_) < plan_.loss))
+            return;
         std::array<std::uint8_t, esmc::SIZE> frame;
         std::copy_n(pdu, esmc::SIZE, frame.begin());
         happens(now_ + c.delay, e.peer, [=, &c, epoch = c.epoch, to = e.peer_port](network_switch& s) {
@@ -180,14 +227,17 @@ class network {
     void judge_end() {
         result_.standing_loops = static_cast<std::uint32_t>(loops_.size());
         for (const auto& loop : loops_) loop_ended(loop);
-        const std::set<std::uint32_t> served = reach_of_masters();
+        const std::map<std::uint32_t, std::uint8_t> best = reach_of_masters();
         for (const auto& who : switches_) {
+            if (!who->started()) continue;
             result_.holds += static_cast<std::uint32_t>(who->guard().holds);
             result_.refused += static_cast<std::uint32_t>(who->guard().refused);
             result_.longest_hold = std::max(result_.longest_hold, who->guard().longest_hold);
             if (who->settings.master) continue;
             if (claims(*who) && who->quality() != quality_behind(who->id)) ++result_.false_claims;
-            if (served.contains(who->id) && who->source() == 0) ++result_.without_source;
+            if (best.contains(who->id) && who->source() == 0) ++result_.without_source;
+            if (best.contains(who->id) && who->quality() > best.at(who->id)) ++result_.without_best;
+            if (who->source() && !hears(who->id, ends_[who->id][who->source() - 1])) ++result_.dead_sources;
         }
     }
 
@@ -202,17 +252,30 @@ class network {
         return QL_DNU;
     }
 
-    std::set<std::uint32_t> reach_of_masters() const {
-        std::set<std::uint32_t> reached;
-        std::vector<std::uint32_t> next;
+    // Whether `who` gets anything at this end of a link.
+    bool hears(std::uint32_t who, const end& e) const {
+        const cable& c = cables_[e.link];
+        return c.up && !c.unheard[plan_.links[e.link].a == who] && switches_[e.peer]->started();
+    }
+
+    // The best quality of a master that each switch could have, of those that could have one.
+    std::map<std::uint32_t, std::uint8_t> reach_of_masters() const {
+        std::map<std::uint32_t, std::uint8_t> reached;
+        std::vector<std::pair<std::uint32_t, std::uint8_t>> next;
         for (const auto& who : switches_)
-            if (who->settings.master && who->quality() < QL_EEC1) next.push_back(who->id);
+            if (who->settings.master && who->started() && who->quality() < QL_EEC1)
+                next.emplace_back(who->id, who->quality());
         while (!next.empty()) {
-            const std::uint32_t who = next.back();
+            const auto [who, quality] = next.back();
             next.pop_back();
-            if (!reached.insert(who).second) continue;
-            for (const end& e : ends_[who])
-                if (cables_[e.link].up) next.push_back(e.peer);
+            const auto known = reached.find(who);
+            if (known != reached.end() && known->second <= quality) continue;
+            reached[who] = quality;
+            for (const end& e : ends_[who]) {
+                const bool passed_on = !plan_.switches[e.peer].master && switches_[e.peer]->started();
+                if (passed_on && hears(e.peer, ends_[e.peer][e.peer_port - 1]))
+                    next.emplace_back(e.peer, quality);
+            }
         }
         return reached;
     }
@@ -223,7 +286,8 @@ class network {
     nanoseconds now_ = START, last_event_ = START;
     std::multimap<nanoseconds, std::function<void()>> events_;
     std::vector<nanoseconds> wake_at_;
-    std::vector<std::vector<end>> ends_;  // by switch and port
+    std::map<std::uint32_t, nanoseconds> frozen_;  // until when
+    std::vector<std::vector<end>> ends_;           // by switch and port
     std::vector<cable> cables_;
     std::vector<std::unique_ptr<network_switch>> switches_;
     std::map<std::uint32_t, std::pair<std::uint32_t, std::uint8_t>> seen_;

@@ -12,13 +12,23 @@ struct network_link {
     port_settings at_a, at_b;
 };
 
-enum event_kind : std::uint8_t { EVENT_CUT, EVENT_REPAIR, EVENT_QUALITY };
+enum event_kind : std::uint8_t {
+    EVENT_CUT,
+    EVENT_REPAIR,
+    EVENT_QUALITY,
+    // Of a link's end (subject: twice the link, one more for b). Nothing passes any more: it can't be heard,
+    // and with HALF_CUT it alone sees its link go down.
+    EVENT_UNHEARD,
+    EVENT_HALF_CUT,
+    EVENT_FREEZE,  // the switch does nothing for so many ms, and then all that has come meanwhile
+    EVENT_RESTART  // it is lost, and starts anew after so many ms
+};
 
 struct network_event {
     std::uint32_t at_ms;
     event_kind what;
-    std::uint32_t subject;  // link; of EVENT_QUALITY the switch
-    std::uint8_t quality;
+    std::uint32_t subject;  // link, end, or switch
+    std::uint32_t value;    // quality or ms
 };
 
 struct network_plan {
@@ -36,6 +46,8 @@ struct network_result {
     nanoseconds longest_guarded_loop = 0;  // of those with a switch that has the guard
     std::uint32_t false_claims = 0;        // at the end: better than any master behind it
     std::uint32_t without_source = 0;      // at the end: connected with a master, and following nobody
+    std::uint32_t without_best = 0;        // at the end: worth less than a master that is connected
+    std::uint32_t dead_sources = 0;        // at the end: followed, where nothing comes from
     nanoseconds last_change = 0;           // after the last event
     std::uint32_t busiest_second = 0;      // PDUs that one port sent
     std::uint32_t holds = 0, refused = 0;
@@ -49,7 +61,15 @@ network_result run_network(const network_plan& plan);
 
 enum class network_kind : std::uint8_t { chain, ring, mesh, tree };
 // As the table of docs/LOOPS.md has them.
-enum class network_means : std::uint8_t { nothing, own_quality, replacing, guard, half_guard, partly };
+enum class network_means : std::uint8_t {
+    nothing,
+    own_quality,
+    replacing,
+    guard,
+    half_guard,
+    partly,
+    adversity
+};
 
 network_plan random_plan(network_kind kind, network_means means, std::uint32_t switches, std::uint32_t seed,
                          double loss, std::uint32_t hold_ms);

@@ -7,7 +7,8 @@ namespace {
 
 class draw {
   public:
-    draw(network_kind kind, network_means means, std::uint32_t switches, std::uint32_t seed) : means_(means) {
+    draw(network_kind kind, network_means means, std::uint32_t switches, std::uint32_t seed)
+        : means_(means), switches_(switches) {
         random_.seed(seed * 2654435761U + switches);
         plan.seed = seed;
         for (std::uint32_t i = 0; i < switches; ++i) plan.switches.push_back(ordinary(i));
@@ -36,9 +37,36 @@ class draw {
             s.quality = QL_EEC1;
             s.priority = 1;
         }
-        s.guard = means_ == network_means::guard || (means_ == network_means::partly && s.extend) ||
+        if (means_ == network_means::adversity) draw_supervision(&s);
+        s.guard = means_ == network_means::guard || means_ == network_means::adversity ||
+                  (means_ == network_means::partly && s.extend) ||
                   (means_ == network_means::half_guard && number % 2 == 0);
         return s;
+    }
+
+    void draw_supervision(switch_settings* s) {
+        static constexpr std::uint32_t HOLD_OFF_MS[] = {0, 0, 300, 1800}, RESTORE_S[] = {0, 0, 1, 5};
+        s->hold_off_ms = HOLD_OFF_MS[below(4)];
+        s->restore_s = RESTORE_S[below(4)];
+        s->non_revertive = below(3) == 0;
+        s->when_locked = below(3) == 0;
+    }
+
+    // What is worse than a cable that is cut.
+    network_event misfortune(std::uint32_t at) {
+        static constexpr std::uint32_t MS[] = {0, 30, 700, 1500, 4000, 6000, 1'000'000};
+        const auto links = static_cast<std::uint32_t>(plan.links.size());
+        const std::uint32_t end = below(2 * links), who = below(switches_);
+        switch (below(4)) {
+            case 0:
+                return {at, EVENT_UNHEARD, end, 0};
+            case 1:
+                return {at, EVENT_HALF_CUT, end, 0};
+            case 2:
+                return {at, EVENT_FREEZE, who, MS[below(6)]};
+            default:
+                return {at, EVENT_RESTART, who, MS[below(7)]};
+        }
     }
 
     port_settings any_port() {
@@ -73,14 +101,19 @@ class draw {
         const auto links = static_cast<std::uint32_t>(plan.links.size());
         const auto masters = static_cast<std::uint32_t>(plan.switches.size()) - switches;
         std::uint32_t at = 15'000;
-        const std::uint32_t count = 1 + below(4);
+        const bool adversity = means_ == network_means::adversity;
+        const std::uint32_t count = 1 + below(adversity ? 12 : 4);
         for (std::uint32_t i = 0; i < count; ++i) {
             at += 50 + below(below(2) ? 12'000 : 600);
+            if (adversity && below(2)) {
+                plan.events.push_back(misfortune(at));
+                continue;
+            }
             const bool feed = below(2) == 0;
             const std::uint32_t link = feed ? links - 1 - below(masters) : below(links);
             if (below(8) == 0)
                 plan.events.push_back({at, EVENT_QUALITY, switches + below(masters),
-                                       below(2) ? std::uint8_t{QL_SSU_B} : std::uint8_t{QL_PRC}});
+                                       below(2) ? std::uint32_t{QL_SSU_B} : std::uint32_t{QL_PRC}});
             else
                 plan.events.push_back({at, below(3) ? EVENT_CUT : EVENT_REPAIR, link, 0});
         }
@@ -88,6 +121,7 @@ class draw {
     }
 
     network_means means_;
+    std::uint32_t switches_;  // without the masters
     std::minstd_rand random_;
 };
 

@@ -76,7 +76,7 @@ void network_switch::start() {
         tell(NSM_MSG_HELLO_ACK, be_words({0}));
         tell(NSM_MSG_BRIDGE_ADD, bridge_body(id));
         for (std::uint32_t port = 1; port <= ports_.size(); ++port)
-            tell(NSM_MSG_LINK_ADD, link_body(port, true));
+            tell(NSM_MSG_LINK_ADD, link_body(port, up_[port]));
         tell(NSM_MSG_SSM_SEND_BACK_CLOCK_STATE, be_words({SSM_DPLL_FREERUN, 0}));
         tell(NSM_MSG_SYNC_DONE, {});
     });
@@ -87,6 +87,10 @@ void network_switch::start() {
         (void)ssm_opts_set_ssm_extend(settings.extend);
         (void)ssm_opts_set_extend_form(settings.standard ? SSM_FORM_STANDARD : SSM_FORM_OWN);
         (void)ssm_opts_set_guard_hold(settings.hold_ms);
+        if (settings.hold_off_ms) (void)ssm_opts_set_hold_off(settings.hold_off_ms);
+        if (settings.restore_s) (void)ssm_opts_set_restore(settings.restore_s);
+        (void)ssm_opts_set_non_revertive(settings.non_revertive);
+        (void)ssm_opts_set_advertise_when_locked(settings.when_locked);
         (void)ssm_opts_set_guard_hops(settings.hops);
         (void)ssm_opts_set_loop_guard(settings.guard);
         for (std::uint32_t port = 1; port <= ports_.size(); ++port) {
@@ -115,7 +119,9 @@ void network_switch::hear(std::uint32_t port, const std::uint8_t* pdu) {
 
 void network_switch::link(std::uint32_t port, bool up) {
     up_[port] = up;
+    if (!started()) return;
     if (!up && clock_source_ == port && clock_state_ == SSM_DPLL_LOCK) hold_over();
+    if (up && clock_source_ == port) lock_to(port);
     inbox_.emplace_back([=, this] { tell(up ? NSM_MSG_LINK_UP : NSM_MSG_LINK_DOWN, be_words({port})); });
     run();
 }
@@ -126,6 +132,7 @@ void network_switch::set_own_quality(std::uint8_t quality) {
 }
 
 void network_switch::woken() {
+    if (!started()) return;
     if (locks_at_ && locks_at_ <= around_->now()) {
         locks_at_ = 0;
         if (up_[clock_source_]) report(SSM_DPLL_LOCK);
@@ -190,7 +197,10 @@ void network_switch::take_requests() {
         const const_octets request(buffer, static_cast<std::size_t>(n));
         const std::uint16_t type = get_be16(request, 0);
         if (type == NSM_MSG_SSM_SELECTED_IF_INDEX) lock_to(get_be32(request, NSM_HEADER_SIZE));
-        if (type == NSM_MSG_SSM_HOLDOVER_ENABLE && get_be32(request, NSM_HEADER_SIZE) == 0) hold_over();
+        if (type == NSM_MSG_SSM_HOLDOVER_ENABLE && get_be32(request, NSM_HEADER_SIZE) == 0) {
+            clock_source_ = 0;
+            hold_over();
+        }
     }
     if (!inbox_.empty()) run();
 }

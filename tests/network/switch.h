@@ -20,6 +20,8 @@ struct switch_settings {
     bool extend = false, standard = false, guard = false;  // standard: the form of the TLV
     std::uint32_t hold_ms = SSM_GUARD_HOLD_MS, hops = SSM_GUARD_HOPS;
     std::uint32_t lock_ms = 300;
+    std::uint32_t hold_off_ms = 0, restore_s = 0;
+    bool non_revertive = false, when_locked = false;
 };
 
 struct port_settings {
@@ -45,7 +47,7 @@ class network_switch {
     // What happens to it, at the time that it is now.
     void start();
     void hear(std::uint32_t port, const std::uint8_t* pdu);  // esmc::SIZE octets
-    void link(std::uint32_t port, bool up);
+    void link(std::uint32_t port, bool up);                  // before it is started, too
     void set_own_quality(std::uint8_t quality);
     void woken();
 
