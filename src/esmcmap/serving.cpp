@@ -86,7 +86,7 @@ int serve(const switch_file& file, const options& how) {
     network_builder builder;
     records shown;
     metrics counted;
-    server map(shown, [&counted] { return counted.text(); });
+    server map(shown, &counted);
     if (!bind_or_complain(map, how.at)) return NOTHING_ASKED;
     const ending end([&] { watching.stop(); });
     map.start();

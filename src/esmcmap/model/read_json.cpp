@@ -89,20 +89,20 @@ json parsed(std::string_view answer) {
     });
 }
 
-const json* field(const json& object, const char* name) {
+const json* member(const json& object, const char* name) {
     const auto found = object.find(name);
     return found == object.end() || found->is_null() ? nullptr : &*found;
 }
 
 std::string text_field(const json& object, const char* name, const char* otherwise = "") {
-    const json* value = field(object, name);
+    const json* value = member(object, name);
     if (!value) return otherwise;
     if (!value->is_string()) throw unreadable(std::string(name) + " is no text");
     return tame(value->get_ref<const std::string&>());
 }
 
 bool flag_field(const json& object, const char* name) {
-    const json* value = field(object, name);
+    const json* value = member(object, name);
     if (!value) return false;
     if (!value->is_boolean()) throw unreadable(std::string(name) + " is neither true nor false");
     return value->get<bool>();
@@ -114,14 +114,16 @@ bool one_of(const std::string& word, std::initializer_list<const char*> words) {
 
 void collect(const json& object, switch_values& values) {
     for (const auto& [name, value] : object.items()) {
-        const std::string key = tame(name);
+        const std::optional<field> of = field::find(name);
+        if (!of) continue;
         if (value.is_boolean())
-            values.numbers[key] = value.get<bool>() ? 1 : 0;
+            values.set(*of, value.get<bool>() ? 1 : 0);
         else if (value.is_number() && std::isfinite(value.get<double>()))
-            values.numbers[key] = value.get<double>();
+            values.set(*of, value.get<double>());
         else if (value.is_string())
-            values.texts[key] = tame(value.get_ref<const std::string&>());
+            values.set(*of, tame(value.get_ref<const std::string&>()));
     }
+    values.pack();
 }
 
 std::string address_field(const json& object, const char* name) {
@@ -164,7 +166,7 @@ switch_report read_clock(const json& object) {
     report.recovery_input = text_field(object, "recovery_input", "synce");
     report.reason = text_field(object, "no_source_reason");
     report.clock_type = text_field(object, "clock_type", "eec");
-    if (const json* option = field(object, "option")) {
+    if (const json* option = member(object, "option")) {
         if (!option->is_number_unsigned()) throw unreadable("option is no number");
         report.option = option->get<unsigned>();
     }
@@ -175,12 +177,12 @@ void read_object(const json& object, switch_report& report, reported_values& val
     if (!object.is_object()) throw unreadable("it is no JSON object");
     report = read_clock(object);
     collect(object, values.clock);
-    const json* ports = field(object, "ports");
+    const json* ports = member(object, "ports");
     if (!ports || !ports->is_array()) throw unreadable("it has no list of ports");
     if (ports->size() > PORT_LIMIT) throw unreadable("it has " + std::to_string(ports->size()) + " ports");
     for (const json& port : *ports) {
         report.ports.push_back(read_port(port));
-        collect(port, values.ports[report.ports.back().name]);
+        collect(port, values.ports.emplace_back());
     }
 }
 

@@ -46,7 +46,7 @@ enum class form : std::uint8_t {
 
 struct object {
     unsigned group, member;  // group 0: the switch's own objects; a table's member is its column
-    const char* field;       // null: used here, told by no field of its own
+    field to;                // none: used here, told by no field of its own
     form how;
     words names = {};
     std::int64_t most = std::numeric_limits<std::int32_t>::max();
@@ -81,21 +81,21 @@ constexpr object OF_SWITCH[] = {
     {SWITCH, 3, "ssm_enabled", form::flag},
     {SWITCH, 4, "device_type", form::word, DEVICES},
     {SWITCH, 7, "local_priority", form::number, {}, 255},
-    {SWITCH, SELECTED, nullptr, form::index},
+    {SWITCH, SELECTED, "", form::index},
     {SWITCH, 9, "ssm_extended", form::flag},
     {SWITCH, 10, "running_state", form::word, STATES},
     {SWITCH, 11, "option", form::number, {}, 2},
-    {SWITCH, FORCED, nullptr, form::index},
+    {SWITCH, FORCED, "", form::index},
     {SWITCH, 15, "recovery_input", form::word, INPUTS},
-    {GUARD, GUARD_ENABLED, nullptr, form::flag},
+    {GUARD, GUARD_ENABLED, "", form::flag},
     {GUARD, 2, "loop_guard_hold_ms", form::number},
     {GUARD, 3, "loop_guard_hops", form::number},
     {GUARD, 4, "loop_guard_refused", form::number, {}, COUNTER_32},
     {GUARD, 5, "loop_guard_holds", form::number, {}, COUNTER_32},
     {GUARD, 6, "loop_guard_longest_hold_ms", form::number, {}, COUNTER_32},
     {GUARD, 7, "loop_guard_hold_left_ms", form::number, {}, COUNTER_32},
-    {SUPERVISION, COMMAND, nullptr, form::number, {}, 3},
-    {SUPERVISION, COMMAND_PORT, nullptr, form::index},
+    {SUPERVISION, COMMAND, "", form::number, {}, 3},
+    {SUPERVISION, COMMAND_PORT, "", form::index},
     {SUPERVISION, 3, "current_quality", form::word, QUALITIES},
     {SUPERVISION, 4, "local_quality", form::word, QUALITIES},
     {SUPERVISION, 5, "extend_form", form::word, FORMS},
@@ -204,11 +204,12 @@ void store_time(const object& what, const mib_binding& value, std::optional<std:
     constexpr int TICK_MS = 10;
     const std::int64_t ticks = number_of(what, value, COUNTER_32);
     if (ticks == 0) return;
-    if (what.how == form::age) to.numbers[what.field] = static_cast<double>(ticks * TICK_MS);
+    if (what.how == form::age) to.set(what.to, static_cast<double>(ticks * TICK_MS));
     // Both are of one clock, which begins anew after 497 days.
     if (what.how == form::stamp && up_time)
-        to.numbers[what.field] = static_cast<double>(
-            std::int64_t{static_cast<std::uint32_t>(*up_time - static_cast<std::uint32_t>(ticks))} * TICK_MS);
+        to.set(what.to, static_cast<double>(std::int64_t{static_cast<std::uint32_t>(
+                                                *up_time - static_cast<std::uint32_t>(ticks))} *
+                                            TICK_MS));
 }
 
 void store(const object& what, const mib_binding& value, std::optional<std::uint32_t> up_time,
@@ -216,23 +217,22 @@ void store(const object& what, const mib_binding& value, std::optional<std::uint
     switch (what.how) {
         case form::number:
         case form::index:
-            if (const std::int64_t number = number_of(what, value, what.most); what.field)
-                to.numbers[what.field] = static_cast<double>(number);
+            if (const std::int64_t number = number_of(what, value, what.most); what.to)
+                to.set(what.to, static_cast<double>(number));
             return;
         case form::flag:
-            if (const std::size_t choice = choice_of(what, value, 2); what.field)
-                to.numbers[what.field] = choice == 0;
+            if (const std::size_t choice = choice_of(what, value, 2); what.to)
+                to.set(what.to, choice == 0 ? 1 : 0);
             return;
         case form::word:
             if (const char* word = what.names[choice_of(what, value, what.names.size())])
-                to.texts[what.field] = word;
+                to.set(what.to, std::string_view(word));
             return;
         case form::text:
-            to.texts[what.field] = tame(octets_of(what, value));
+            to.set(what.to, tame(octets_of(what, value)));
             return;
         case form::address:
-            if (std::string address = address_of(what, value); !address.empty())
-                to.texts[what.field] = std::move(address);
+            if (std::string address = address_of(what, value); !address.empty()) to.set(what.to, address);
             return;
         case form::age:
         case form::stamp:
@@ -290,7 +290,7 @@ class reader {
         store_all(OF_SWITCH, found.of_switch, answer.up_time, values.clock);
         for (const auto& [index, of_port] : found.of_ports) read_port(index, of_port, report, values);
         name_ports(values.clock);
-        take_guard(values);
+        take_guard(values.clock);
         read_clock(values.clock, report);
     }
 
@@ -304,22 +304,21 @@ class reader {
         return value == found.of_switch.end() ? 0 : static_cast<std::uint32_t>(value->second->number);
     }
 
-    static std::string text(const switch_values& of, const char* field, const char* otherwise = "") {
-        const auto value = of.texts.find(field);
-        return value == of.texts.end() ? otherwise : value->second;
+    static std::string text(const switch_values& of, field named, const char* otherwise = "") {
+        const std::string_view told = of.text(named);
+        return std::string(told.empty() ? otherwise : told);
     }
 
-    static double number(const switch_values& of, const char* field, double otherwise = 0) {
-        const auto value = of.numbers.find(field);
-        return value == of.numbers.end() ? otherwise : value->second;
+    static double number(const switch_values& of, field named, double otherwise = 0) {
+        return of.number(named).value_or(otherwise);
     }
 
     void read_port(std::uint32_t index, const value_of& of_port, switch_report& report,
                    reported_values& values) {
         switch_values told;
         store_all(OF_PORT, of_port, answer.up_time, told);
-        told.numbers["ifindex"] = index;
-        told.numbers["source"] = raw(SWITCH, SELECTED) == index;
+        told.set("ifindex", index);
+        told.set("source", raw(SWITCH, SELECTED) == index ? 1 : 0);
         port_report port;
         port.name = names[index] = text(told, "name");
         if (port.name.empty()) throw unreadable("a port has no name");
@@ -330,13 +329,14 @@ class reader {
         port.enabled = number(told, "synce_enabled") != 0;
         port.link_up = number(told, "link_up") != 0;
         port.source = number(told, "source") != 0;
-        values.ports[port.name] = std::move(told);
+        if (raw(GUARD, GUARD_ENABLED) != 1) told.erase("held_back");
+        told.pack();
+        values.ports.push_back(std::move(told));
         report.ports.push_back(std::move(port));
     }
 
-    void name_port(switch_values& clock, const char* field, std::uint32_t index) const {
-        if (const auto name = names.find(index); index && name != names.end())
-            clock.texts[field] = name->second;
+    void name_port(switch_values& clock, field to, std::uint32_t index) const {
+        if (const auto name = names.find(index); index && name != names.end()) clock.set(to, name->second);
     }
 
     // What the MIB tells by interface indexes.
@@ -345,16 +345,15 @@ class reader {
         name_port(clock, "source", raw(SWITCH, SELECTED));
         name_port(clock, "forced_port", raw(SWITCH, FORCED));
         const std::uint32_t command = raw(SUPERVISION, COMMAND), port = raw(SUPERVISION, COMMAND_PORT);
-        clock.numbers["e1_forced"] = command == FORCED_SWITCH && port == EXTERNAL;
+        clock.set("e1_forced", command == FORCED_SWITCH && port == EXTERNAL ? 1 : 0);
         if (command == MANUAL_SWITCH) name_port(clock, "manual_port", port);
     }
 
     // The JSON has the guard's fields while it is on.
-    void take_guard(reported_values& values) const {
+    void take_guard(switch_values& clock) const {
         if (raw(GUARD, GUARD_ENABLED) == 1) return;
-        std::erase_if(values.clock.numbers,
-                      [](const auto& field) { return field.first.starts_with("loop_guard_"); });
-        for (auto& [name, port] : values.ports) port.numbers.erase("held_back");
+        for (const object& what : OF_SWITCH)
+            if (what.group == GUARD && what.to) clock.erase(what.to);
     }
 
     static void read_clock(const switch_values& clock, switch_report& report) {

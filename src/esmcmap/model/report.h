@@ -3,9 +3,12 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include "esmcmap/model/fields.h"
 
 namespace esmcmap {
 
@@ -34,16 +37,35 @@ struct switch_report {
     bool operator==(const switch_report&) const = default;
 };
 
-// Every number, flag (0, 1) and token that the switch told, by the name of its field, for metrics. Times are
-// ages in milliseconds, of the moment of the answer.
-struct switch_values {
-    std::map<std::string, double> numbers;
-    std::map<std::string, std::string> texts;
+// The numbers, flags (0, 1) and tokens that the switch told, for metrics. Times are ages in milliseconds, of
+// the moment of the answer.
+class switch_values {
+  public:
+    void set(field of, double number);
+    void set(field of, std::string_view text);
+    void erase(field of);
+    void pack();  // no more will be set
+
+    std::optional<double> number(field of) const;
+    std::string_view text(field of) const;  // empty: not told
+
+  private:
+    struct value {
+        field of;
+        bool is_text;
+        std::uint32_t length;  // of a text, which begins in `texts` at its number
+        double number;
+    };
+    std::vector<value> values;
+    std::string texts;
+
+    const value* find(field of) const;
+    void add(const value& one);
 };
 
 struct reported_values {
     switch_values clock;
-    std::map<std::string, switch_values> ports;  // by name
+    std::vector<switch_values> ports;  // of the report's, in their order
 };
 
 }  // namespace esmcmap

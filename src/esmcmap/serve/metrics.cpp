@@ -45,20 +45,18 @@ struct row {
     bool of_ports;
     const char* fixed;  // a label as it is written, or null
     const char* label;  // null: none
-    std::string field;  // of the JSON object
+    field source;       // of the JSON object
     samples (*read)(const subject& from, const row& of);
 };
 
 // ---- Reading ----
 
-std::optional<double> number(const subject& from, const std::string& field) {
-    const auto found = from.told.numbers.find(field);
-    return found == from.told.numbers.end() ? std::nullopt : std::optional(found->second);
+std::optional<double> number(const subject& from, field of) {
+    return from.told.number(of);
 }
 
-std::string_view text(const subject& from, const std::string& field) {
-    const auto found = from.told.texts.find(field);
-    return found == from.told.texts.end() ? std::string_view() : found->second;
+std::string_view text(const subject& from, field of) {
+    return from.told.text(of);
 }
 
 samples one(std::optional<double> value, std::string_view text = "") {
@@ -68,32 +66,32 @@ samples one(std::optional<double> value, std::string_view text = "") {
 }
 
 samples plain(const subject& from, const row& of) {
-    return one(number(from, of.field));
+    return one(number(from, of.source));
 }
 
 samples from_milli(const subject& from, const row& of) {
-    const std::optional<double> value = number(from, of.field);
+    const std::optional<double> value = number(from, of.source);
     return one(value ? std::optional(*value / 1000) : std::nullopt);
 }
 
 samples parts(const subject& from, const row& of) {
-    const std::optional<double> value = number(from, of.field);
+    const std::optional<double> value = number(from, of.source);
     return one(value ? std::optional(*value * 1e-12) : std::nullopt);
 }
 
 // An age, as the moment when it began.
 samples since(const subject& from, const row& of) {
-    const std::optional<double> age = number(from, of.field);
+    const std::optional<double> age = number(from, of.source);
     return one(age ? std::optional((static_cast<double>(from.of.answered_ms) - *age) / 1000) : std::nullopt);
 }
 
 samples since_unless_0(const subject& from, const row& of) {
-    return number(from, of.field).value_or(0) > 0 ? since(from, of) : samples{};
+    return number(from, of.source).value_or(0) > 0 ? since(from, of) : samples{};
 }
 
 // 1 when something is named there.
 samples named(const subject& from, const row& of) {
-    const std::string_view value = text(from, of.field);
+    const std::string_view value = text(from, of.source);
     return one(!value.empty() && value != "none");
 }
 
@@ -109,16 +107,16 @@ samples guard_enabled(const subject& from, const row&) {
 // The MIB does not tell it; the extension is all that it takes.
 samples guard_in_force(const subject& from, const row& of) {
     const double extended = number(from, "ssm_extended").value_or(0);
-    return one(guarded(from) ? number(from, of.field).value_or(extended) : 0);
+    return one(guarded(from) ? number(from, of.source).value_or(extended) : 0);
 }
 
 // There is such a field only when it is true, and only in JSON, which always tells of changes.
 samples changed_meanwhile(const subject& from, const row& of) {
-    return number(from, "changes") ? one(number(from, of.field).value_or(0)) : samples{};
+    return number(from, "changes") ? one(number(from, of.source).value_or(0)) : samples{};
 }
 
 samples word(const subject& from, const row& of) {
-    const std::string_view value = text(from, of.field);
+    const std::string_view value = text(from, of.source);
     return value.empty() ? samples{} : one(1, value);
 }
 
@@ -129,7 +127,7 @@ samples level(const subject& from, const row& of) {
         {"st2", 6},   {"tnc", 7},   {"ssu-b", 8}, {"st3e", 8}, {"eeec", 9},  {"eec1", 10}, {"eec2", 10},
         {"smc", 11},  {"prov", 12}, {"dnu", 15},  {"dus", 15}, {"none", 16},
     };
-    const std::string_view token = text(from, of.field);
+    const std::string_view token = text(from, of.source);
     for (const auto& [known, number] : LEVELS)
         if (known == token) return one(number);
     return {};
@@ -138,7 +136,7 @@ samples level(const subject& from, const row& of) {
 // One sample for each word that there can be.
 template <const auto& Words>
 samples states(const subject& from, const row& of) {
-    const std::string_view value = text(from, of.field);
+    const std::string_view value = text(from, of.source);
     samples made;
     static_assert(std::size(Words) <= std::size(made.all));
     for (const std::string_view word : Words) made.all[made.count++] = {value == word ? 1.0 : 0.0, word};
@@ -189,7 +187,7 @@ constexpr auto SECONDS = metric_kind::seconds;
 constexpr const char* RECEIVED = "direction=\"received\"";
 constexpr const char* SENT = "direction=\"sent\"";
 
-const row ROWS[] = {
+constexpr row ROWS[] = {
     {"esmcd_clock_id_info", "Identity of the switch's own clock.", GAUGE, false, nullptr, "clock_id",
      "clock_id", word},
     {"esmcd_synce_enabled", "SyncE is enabled on the switch; else its state and quality mean nothing.", GAUGE,
@@ -392,11 +390,11 @@ struct answering {
 
 void add_ports(const node& of, const reported_values& told, const std::string& labels, answering& all) {
     std::set<std::string_view> names;  // two of one name would be one series
-    for (const port_report& port : of.report->ports) {
-        const auto values = told.ports.find(port.name);
-        if (!port.enabled || values == told.ports.end() || !names.insert(port.name).second) continue;
+    for (std::size_t i = 0; i < of.report->ports.size() && i < told.ports.size(); ++i) {
+        const port_report& port = of.report->ports[i];
+        if (!port.enabled || !names.insert(port.name).second) continue;
         all.ports.push_back(
-            {{of, values->second, &port}, std::string(labels).append(",").append(label("port", port.name))});
+            {{of, told.ports[i], &port}, std::string(labels).append(",").append(label("port", port.name))});
     }
 }
 
@@ -413,11 +411,9 @@ answering who_answers(const network& net, const told_values& told) {
     return all;
 }
 
-void write_switches(writer& to, const answering& all) {
-    for (const row& of : ROWS) {
-        if (of.help) to.family(of.name, of.help, of.kind);
-        for (const labelled& one : of.of_ports ? all.ports : all.switches) write_samples(to, of, one);
-    }
+void write_row(writer& to, const row& of, const answering& all) {
+    if (of.help) to.family(of.name, of.help, of.kind);
+    for (const labelled& one : of.of_ports ? all.ports : all.switches) write_samples(to, of, one);
 }
 
 // ---- The map ----
@@ -460,35 +456,56 @@ void write_map(writer& to, const network& net, double seconds) {
 
 }  // namespace
 
-std::string metrics_text(const network& net, const told_values& told, double seconds) {
+struct metrics_pieces::inside {
+    std::shared_ptr<const metrics_state> of;
+    answering all;
+    std::size_t at = 0;
+};
+
+metrics_pieces::metrics_pieces(std::shared_ptr<const metrics_state> of)
+    : in(std::make_unique<inside>(inside{of, of ? who_answers(of->net, of->told) : answering(), 0})) {}
+
+metrics_pieces::~metrics_pieces() = default;
+
+std::string metrics_pieces::next() {
     writer to;
-    write_map(to, net, seconds);
-    write_switches(to, who_answers(net, told));
-    to.out += "# EOF\n";
+    const std::size_t at = in->at++;
+    if (at == 0 && in->of) write_map(to, in->of->net, in->of->seconds);
+    if (at > 0 && at <= std::size(ROWS)) write_row(to, ROWS[at - 1], in->all);
+    if (at == std::size(ROWS)) to.out += "# EOF\n";
     return std::move(to.out);
+}
+
+bool metrics_pieces::over() const {
+    return in->at > std::size(ROWS);
+}
+
+std::string metrics_text(const network& net, const told_values& told, double seconds) {
+    metrics_pieces pieces(std::make_shared<const metrics_state>(metrics_state{net, told, seconds}));
+    std::string text;
+    while (!pieces.over()) text += pieces.next();
+    return text;
 }
 
 void metrics::publish(network net, told_values told, bool complete, double seconds) {
     const std::lock_guard held(lock);
     if (!complete && latest) seconds = latest->seconds;
-    latest = std::make_shared<const state>(state{std::move(net), std::move(told), seconds});
+    latest = std::make_shared<const metrics_state>(metrics_state{std::move(net), std::move(told), seconds});
 }
 
-// Made once for all who ask for the same state, who wait for it; nobody else does.
-std::shared_ptr<const std::string> metrics::text() {
+std::unique_ptr<metrics_pieces> metrics::pieces() {
     const std::lock_guard making(one_at_a_time);
-    std::shared_ptr<const state> shown;
+    std::shared_ptr<const metrics_state> shown;
     {
         const std::lock_guard held(lock);
         shown = latest;
     }
-    if (!made || made_of != shown) {
-        made.reset();
-        made = std::make_shared<const std::string>(
-            shown ? metrics_text(shown->net, shown->told, shown->seconds) : "# EOF\n");
-        made_of = shown;
-    }
-    return made;
+    return std::make_unique<metrics_pieces>(std::move(shown));
+}
+
+std::string metrics::next(metrics_pieces& of) {
+    const std::lock_guard making(one_at_a_time);
+    return of.next();
 }
 
 }  // namespace esmcmap

@@ -19,21 +19,39 @@ using told_values = std::map<std::string, std::shared_ptr<const reported_values>
 // is. What a switch asked by SNMP does not tell is left out. `seconds`: how long the last whole round took.
 std::string metrics_text(const network& net, const told_values& told, double seconds);
 
-// The newest of it, for whoever asks, whenever.
+struct metrics_state {
+    network net;
+    told_values told;
+    double seconds;
+};
+
+// The same text in pieces of a family or less: that of a large network has a hundred megabytes.
+class metrics_pieces {
+  public:
+    explicit metrics_pieces(std::shared_ptr<const metrics_state> of);  // null: nothing is known
+    ~metrics_pieces();
+    metrics_pieces(const metrics_pieces&) = delete;
+    metrics_pieces& operator=(const metrics_pieces&) = delete;
+
+    std::string next();  // may be empty
+    bool over() const;
+
+  private:
+    struct inside;
+    std::unique_ptr<inside> in;
+};
+
+// The newest of it, for whoever asks, whenever, from any thread. However many ask, one piece is made at a
+// time.
 class metrics {
   public:
     void publish(network net, told_values told, bool complete, double seconds);
-    std::shared_ptr<const std::string> text();  // from any thread
+    std::unique_ptr<metrics_pieces> pieces();
+    std::string next(metrics_pieces& of);
 
   private:
-    struct state {
-        network net;
-        told_values told;
-        double seconds;
-    };
     std::mutex lock, one_at_a_time;
-    std::shared_ptr<const state> latest, made_of;
-    std::shared_ptr<const std::string> made;
+    std::shared_ptr<const metrics_state> latest;
 };
 
 }  // namespace esmcmap

@@ -46,7 +46,9 @@ void records::publish(picture made) {
     messages.push_back(
         differs ? event("change", before ? difference_json(*state, *before) : whole_json(*state), state->seq)
                 : tick(*state));
-    if (messages.size() > MOST_MESSAGES) {
+    message_octets += messages.back()->size();
+    while (messages.size() > MOST_MESSAGES || (messages.size() > 1 && message_octets > budget)) {
+        message_octets -= messages.front()->size();
         messages.pop_front();
         ++first_message;
     }

@@ -26,7 +26,7 @@ class records {
   public:
     static constexpr std::size_t MOST_STATES = 10000, MOST_CHANGES = 1000, MOST_MESSAGES = 64;
 
-    // `octets`: what old states may hold.
+    // `octets`: what old states may hold, and what messages that a slow viewer may still want.
     explicit records(std::size_t octets = std::size_t{24} << 20) : budget(octets) {}
 
     void publish(picture made);
@@ -47,7 +47,7 @@ class records {
         std::shared_ptr<const picture> state;
         std::size_t cost;
     };
-    std::size_t budget, cost = 0;
+    std::size_t budget, cost = 0, message_octets = 0;
     mutable std::mutex lock;
     mutable std::condition_variable news;
     std::deque<kept> states;

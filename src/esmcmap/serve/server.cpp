@@ -50,10 +50,10 @@ void refuse(Response& response, int status, const char* words) {
 }  // namespace
 
 struct server::inside {
-    inside(const records& of, metrics_source text) : shown(of), metrics(std::move(text)) {}
+    inside(const records& of, esmcmap::metrics* told) : shown(of), metrics(told) {}
 
     const records& shown;
-    metrics_source metrics;
+    esmcmap::metrics* metrics;
     bounded_server http{MOST_STREAMS + OTHER_THREADS};
     std::thread thread;
     serve_address at;
@@ -116,6 +116,22 @@ struct server::inside {
             [this](bool) { --streams; });
     }
 
+    // Version 1.0 knows no chunks: there the end of the connection is that of the text.
+    void told(const Request& request, Response& response) {
+        constexpr const char* TYPE = "application/openmetrics-text; version=1.0.0; charset=utf-8";
+        const std::shared_ptr<metrics_pieces> of = metrics->pieces();
+        const auto write = [this, of](std::size_t, httplib::DataSink& sink) {
+            const std::string piece = metrics->next(*of);
+            if (!piece.empty() && !sink.write(piece.data(), piece.size())) return false;
+            if (of->over()) sink.done();
+            return true;
+        };
+        if (request.version == "HTTP/1.0")
+            response.set_content_provider(TYPE, write);
+        else
+            response.set_chunked_content_provider(TYPE, write);
+    }
+
     void routes() {
         http.set_pre_routing_handler(
             [this](const Request& request, Response& response) { return before(request, response); });
@@ -131,14 +147,8 @@ struct server::inside {
                  [this](const Request&, Response& response) { answer_json(response, shown.changes_json()); });
         http.Get("/events", [this](const Request&, Response& response) { events(response); });
         if (metrics)
-            http.Get("/metrics", [this](const Request&, Response& response) {
-                const std::shared_ptr<const std::string> text = metrics();
-                response.set_content_provider(
-                    text->size(), "application/openmetrics-text; version=1.0.0; charset=utf-8",
-                    [text](std::size_t from, std::size_t length, httplib::DataSink& sink) {
-                        return sink.write(text->data() + from, length);
-                    });
-            });
+            http.Get("/metrics",
+                     [this](const Request& request, Response& response) { told(request, response); });
     }
 };
 
@@ -169,8 +179,7 @@ bool read_serve_address(const std::string& text, serve_address& read) {
     return true;
 }
 
-server::server(const records& shown, metrics_source metrics)
-    : in(std::make_unique<inside>(shown, std::move(metrics))) {
+server::server(const records& shown, metrics* told) : in(std::make_unique<inside>(shown, told)) {
     in->limit();
     in->routes();
 }

@@ -2,10 +2,10 @@
 // nothing outside the program's own pages can be asked for.
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <string>
 
+#include "esmcmap/serve/metrics.h"
 #include "esmcmap/serve/records.h"
 
 namespace esmcmap {
@@ -20,13 +20,10 @@ struct serve_address {
 // "ADDRESS:PORT", "ADDRESS", ":PORT", "[::1]:8466". False when it is none of these.
 bool read_serve_address(const std::string& text, serve_address& read);
 
-// What it makes is shared by all who ask for it at once: the text of a large network has megabytes.
-using metrics_source = std::function<std::shared_ptr<const std::string>()>;
-
 class server {
   public:
-    // `metrics` is asked for the text of /metrics, from any thread; null: there are none.
-    server(const records& shown, metrics_source metrics);
+    // `told` is what /metrics tells, and outlives the server; null: there is no such path.
+    server(const records& shown, metrics* told);
     ~server();
     server(const server&) = delete;
     server& operator=(const server&) = delete;
