@@ -462,8 +462,10 @@ struct metrics_pieces::inside {
     std::size_t at = 0;
 };
 
-metrics_pieces::metrics_pieces(std::shared_ptr<const metrics_state> of)
-    : in(std::make_unique<inside>(inside{of, of ? who_answers(of->net, of->told) : answering(), 0})) {}
+metrics_pieces::metrics_pieces(std::shared_ptr<const metrics_state> of) : in(std::make_unique<inside>()) {
+    if (of) in->all = who_answers(of->net, of->told);
+    in->of = std::move(of);
+}
 
 metrics_pieces::~metrics_pieces() = default;
 
