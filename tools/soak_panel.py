@@ -83,7 +83,7 @@ class Map:
     def __init__(self, lab, switches, say):
         self.say = say
         path = switch_file(lab.logs / "switches", {f"S{number}": switch for number, switch in switches.items()})
-        self.process = subprocess.Popen([lab.build / "bin/esmcmap", path, "--watch", "--json"], stdout=subprocess.PIPE)
+        self.process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", lab.build / "bin/esmcmap", path, "--watch", "--json"], stdout=subprocess.PIPE)
         self.state, self.changed = None, time.monotonic()
         threading.Thread(target=self._read, daemon=True).start()
 
