@@ -95,6 +95,8 @@ def test_only_looking_and_only_by_the_name_that_it_has(served):
     for path in (b"../../../etc/passwd", b"%2e%2e/%2e%2e/etc/passwd", b"/etc/passwd", b"page.css/../state", b"state?seq=99999"):
         assert answers(served, path) == 404
     assert answers(served, b"state?seq=1e9") == 400
+    for path in (b"state", b"metrics"):  # whole, not once for each range
+        assert answers(served, path, b"localhost\r\nRange: bytes=" + b",".join([b"0-"] * 1000)) == 200
 
 
 def test_exit_status_and_text_for_scripts(tmp_path):

@@ -78,6 +78,9 @@ struct server::inside {
             refuse(response, 405, "The map can be looked at, not changed.");
             return httplib::Server::HandlerResponse::Handled;
         }
+        // Everything is sent whole: a thousand ranges of a large state would be a thousand states. The
+        // request is a variable of the library's, which has read the ranges already.
+        const_cast<Request&>(request).ranges.clear();
         return httplib::Server::HandlerResponse::Unhandled;
     }
 
