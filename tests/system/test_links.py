@@ -68,7 +68,7 @@ def test_pulled_cable_is_told_to_the_neighbours(configured, held_back):
             watch.feeding.set()
     print(f"cable pull to event frame, {len(took)} times: median {statistics.median(took) * 1000:.1f} ms, worst "
           f"{max(took) * 1000:.1f} ms; the machine was up to {watch.late * 1000:.1f} ms late")
-    assert max(took) < (0.5 if lab.sanitized else 0.1 + watch.late), took
+    assert max(took) < (0.5 if lab.sanitized else 0.1) + 3 * watch.late, took  # of the kernel, nsmd, esmcd
 
 
 def test_renamed_port_is_another_one(configured):

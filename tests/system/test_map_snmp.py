@@ -178,14 +178,14 @@ class Agent:
                                                  "/run/snmpd.conf", "udp:161,udp6:161,udp6:1161,udp:127.0.0.1:2161"])
         wait_until(lambda: "registered" in self.switch.show("snmp").splitlines()[0], what="registered with snmpd")
 
-    def file(self, **entries):
+    def file(self, timeout, **entries):
         path = self.switch.path(f"/run/asked{len(entries)}")
-        path.write_text("timeout 1.5\n" + "".join(f"switch {name} snmp {how}\n" for name, how in entries.items()))
+        path.write_text(f"timeout {timeout}\n" + "".join(f"switch {name} snmp {how}\n" for name, how in entries.items()))
         path.chmod(0o600)
         return "/run/" + path.name
 
-    def ask(self, **entries):
-        done = self.switch.run(f"{BIN}/esmcmap", self.file(**entries), "--json", check=False)
+    def ask(self, timeout=15, **entries):
+        done = self.switch.run(f"{BIN}/esmcmap", self.file(timeout, **entries), "--json", check=False)
         assert done.stderr == ""
         return answers(json.loads(done.stdout))
 
@@ -203,7 +203,7 @@ def test_an_agent_is_asked_by_every_protocol_and_at_the_address_where_it_hears(a
         right, user = PHRASES.format(auth, priv), f"127.0.0.1 v3 {auth + priv} "
         assert "wrong pass phrase" in agent.ask(A=user + right.replace(f'"{auth} p', '"no p'))["A"][1], right
         if auth in ("SHA", "SHA-512"):  # each takes the whole time
-            assert "wrong privacy pass phrase" in agent.ask(A=user + right.replace(f'"{priv} p', '"no p'))["A"][1], right
+            assert "wrong privacy pass phrase" in agent.ask(4, A=user + right.replace(f'"{priv} p', '"no p'))["A"][1], right
     for at in ("::1", "[::1]", "[::1]:1161", "both", "both:1161", "both:2161"):
         assert agent.ask(A=f"{at} v2c public", B=f"{at} v3 SHAAES " + PHRASES.format("SHA", "AES")) == {"A": ("ok", None), "B": ("ok", None)}, at
     # One engine with one user: its lesser level is no hindrance, and other phrases are said to be others.
@@ -215,7 +215,7 @@ def test_an_agent_is_asked_by_every_protocol_and_at_the_address_where_it_hears(a
 def test_an_agent_that_starts_again_or_becomes_another_one_is_found_again(agent):
     agent.operator = agent.switch  # who watches
     phrases = PHRASES.format("SHA-256", "AES")
-    watch = Watch(agent, agent.file(A=f"127.0.0.1 v3 op {phrases}", B="[::1]:1161 v2c public"))
+    watch = Watch(agent, agent.file(1.5, A=f"127.0.0.1 v3 op {phrases}", B="[::1]:1161 v2c public"))
     for engine, forgets in (("01", False), ("01", False), ("01", True), ("02", False)):
         agent.start(engine, ("op", phrases))
         watch.wait(lambda state: answers(state) == {"A": ("ok", None), "B": ("ok", None)}, f"engine {engine}")

@@ -45,7 +45,7 @@ def watch(configured, request):
     """A neighbour that says PRC to p1 of a switch that follows it, and hears what the switch says from then on."""
     with Watch(configured.lab.tester) as made:
         start_nsmd(configured, getattr(request, "param", 10))
-        configured.start_esmcd()
+        made.pid = configured.start_esmcd().pid
         settle(configured)
         for frames in made.seen.values():
             wait_until(lambda: frames and frames[-1].quality in (PRC, DNU))

@@ -10,6 +10,13 @@ import time
 import wire
 
 
+def seconds_waited(pid):
+    """How long a process could have run and did not, by the kernel's account."""
+    with contextlib.suppress(OSError), open(f"/proc/{pid}/schedstat") as account:
+        return int(account.read().split()[1]) / 1e9
+    return 0.0
+
+
 class Late:
     """`late` is how long this machine kept somebody waiting who wants to run every 5 ms: the measured one may have
     borne it as well. Of a process that has much to do, how long it waited for a processor in a quarter of a second."""
@@ -18,17 +25,15 @@ class Late:
         self.stop, self.late, self.pid = threading.Event(), 0.0, pid
         self.threads = [threading.Thread(target=self._measure)]
 
-    def _waited(self):
-        with contextlib.suppress(OSError), open(f"/proc/{self.pid}/schedstat") as account:
-            return int(account.read().split()[1]) / 1e9
-        return 0.0
-
     def _measure(self):
-        waited = collections.deque([self._waited()], 50)
+        waited, pid = collections.deque([0.0], 50), None
         while not self.stop.is_set():
             began = time.monotonic()
             time.sleep(0.005)
-            waited.append(self._waited())
+            if pid != self.pid:  # somebody else from now on
+                pid = self.pid
+                waited.clear()
+            waited.append(seconds_waited(pid))
             self.late = max(self.late, time.monotonic() - began - 0.005, waited[-1] - waited[0])
 
     def __enter__(self):
