@@ -45,13 +45,14 @@ module_param(lock_ms, int, 0644);	/* from a reference to locked */
 module_param(acquire_ms, int, 0644);	/* from locked to a holdover that lasts */
 module_param(hold_ms, int, 0644);	/* how long holdover lasts; 0: for ever; negative: there is none */
 
-static int set_error, pin_error, device_error, set_delay_ms, silent;
+static int set_error, pin_error, device_error, set_delay_ms, get_delay_ms, silent;
 static ulong no_signal, bad_pins = ~0UL;
 module_param(set_error, int, 0644);	/* errno of every setting */
 module_param(pin_error, int, 0644);	/* errno of every reading of the state of the pins in `bad_pins` */
 module_param(bad_pins, ulong, 0644);
 module_param(device_error, int, 0644);	/* errno of every reading of the lock status */
 module_param(set_delay_ms, int, 0644);	/* how long a setting takes */
+module_param(get_delay_ms, int, 0644);	/* how long reading a pin's state takes */
 module_param(silent, int, 0644);	/* no notifications when the hardware moves */
 module_param(no_signal, ulong, 0644);
 
@@ -253,6 +254,7 @@ static int state_get(const struct dpll_pin *pin, void *priv, const struct dpll_d
 	struct mock_pin *m = priv;
 	int i = m - pins;
 
+	msleep(get_delay_ms);
 	mutex_lock(&state_lock);
 	if (mode == DPLL_MODE_MANUAL)
 		*out = i == chosen ? DPLL_PIN_STATE_CONNECTED : DPLL_PIN_STATE_DISCONNECTED;

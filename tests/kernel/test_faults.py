@@ -150,6 +150,13 @@ def test_a_device_that_goes_in_holdover_is_no_reason_for_odd_lines(box):
     assert "pin 0 is no input" not in one.sw.nsmd.text()
 
 
+def test_a_pin_that_takes_longer_to_read_than_until_the_next_time_keeps_no_wish_waiting(box):
+    one = box().follow()
+    one.clock.set(get_delay_ms=1100)
+    one.distrust("swp0")
+    one.clock.wait(follows="swp2")
+
+
 def test_a_driver_that_takes_its_time_holds_up_nobody(box):
     one = box(set_delay_ms=3000)
     one.start(swp0=wire.PRC)

@@ -403,11 +403,11 @@ bool begin_next(dpll_kernel* k) {
     check_pins(k);
     if (std::exchange(k->read_wanted, false)) {
         begin_reading(k);
-    } else if (std::exchange(k->poll_wanted, false)) {
-        k->task = clock_task::reads_device;
-        dpll_read_device(&k->link, k->device);
     } else if (std::exchange(k->steer_wanted, false)) {
         begin_steering(k);
+    } else if (std::exchange(k->poll_wanted, false)) {  // last: slow drivers take longer than until the next
+        k->task = clock_task::reads_device;
+        dpll_read_device(&k->link, k->device);
     } else {
         return false;
     }

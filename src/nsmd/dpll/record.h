@@ -37,7 +37,7 @@ struct dpll_kernel {
     bool was_asked;  // `wanted` holds
     dpll_report now;
     clock_task task;
-    bool read_wanted, poll_wanted, steer_wanted;  // the tasks to come, in this order
+    bool read_wanted, steer_wanted, poll_wanted;  // the tasks to come, in this order
     bool pins_changed;                            // since the links were last asked for theirs
     bool awaits_links;                            // their answers come before the tasks
     thread* poll_timer;
