@@ -198,7 +198,9 @@ struct bench_neighbours {
         frame[14 + esmc::QL_TLV_TYPE] = 1;
         frame[14 + esmc::QL_TLV_LENGTH + 1] = 4;
         frame[14 + esmc::QUALITY] = QL_PRC;
-        if (extend) frame[14 + esmc::EXT_TLV_TYPE] = 2;
+        if (!extend) return;
+        frame[14 + esmc::EXT_TLV_TYPE] = 2;
+        frame[14 + esmc::EXT_TLV_LENGTH + 1] = esmc::LENGTH_EXT;
     }
     ~bench_neighbours() { close(fd); }
 
