@@ -29,6 +29,7 @@
 #include "suite/host/host.h"
 #include "suite/manager/client.h"
 #include "suite/manager/wire.h"
+#include "suite/parts/parts.h"
 #include "suite/ports/slow_socket.h"
 #include "suite/process/log_writer.h"
 #include "suite/process/pal.h"

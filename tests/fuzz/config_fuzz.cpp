@@ -1,5 +1,6 @@
 // Configuration files of any octets, with all commands of the daemon: reading never fails it, and what is
-// written afterwards reads back to the same text. Ports appear in the middle, so lines wait, and run.
+// written afterwards reads back to the same text, also in the place of another configuration. Ports appear in
+// the middle, so lines wait, and run.
 #include "esmcd/board.h"
 #include "esmcd/install.h"
 #include "suite/host/host.h"
@@ -8,8 +9,9 @@
 
 namespace {
 
-// Reads `text` into a fresh daemon and returns its running configuration.
-std::string read_back(std::string_view text, bool ports) {
+// Reads `text` into a fresh daemon, puts `other`, if any, in its place, and returns the running
+// configuration.
+std::string read_back(std::string_view text, bool ports, const std::string* other = nullptr) {
     const memory_file file(text), board("synce_support 1\n");
     ssm_board_use_file(board.path);
     virtual_daemon d;
@@ -20,6 +22,10 @@ std::string read_back(std::string_view text, bool ports) {
     if (ports)
         for (const char* name : {"eth1", "eth2"})
             d.deliver(NSM_MSG_LINK_ADD, link_body(static_cast<std::uint32_t>(name[3] - '0'), true, name));
+    text_buffer answer;
+    if (other)
+        d.in_event([&] { must(host_config_replace(g_p_esmcd->host, *other, &answer), "it is replaced"); });
+    text_free(&answer);
     d.check_records();
     text_buffer out;
     must(host_running_text(g_p_esmcd->host, &out), "the configuration can be told");
@@ -51,6 +57,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (const bool ports : {false, true}) {
         const std::string first = read_back(text, ports);
         must(first == read_back(first, ports), "what is written reads back to the same");
+        must(first == read_back("", ports, &first), "... in the place of nothing");
+        const std::string nothing = read_back("", ports);
+        must(nothing == read_back(text, ports, &nothing), "and nothing in its place");
     }
     return 0;
 }

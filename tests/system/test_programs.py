@@ -12,6 +12,7 @@ import time
 import pytest
 from lab import BIN, PATIENCE, wait_until
 from watch import process_status, status_of
+from wire import PRC, Neighbour
 
 # program -> the files that it makes, with their modes
 FILES = {"esmcd": {"/run/esmcd.pid": 0o644, "/run/esmcd.vty": 0o660}, "nsmd": {"/run/nsmd.sock": 0o660}}
@@ -72,6 +73,31 @@ def test_files_live_as_long_as_the_program(sw, program, number, late):
     assert took < (2.0 if sw.lab.sanitized else 0.1) + 3 * machine.late, f"took {took * 1000:.0f} ms"
     assert_gone(sw, program)
     assert program == "nsmd" or daemon.text().count("Terminating on signal") == 1
+
+
+def test_the_file_is_put_in_force_again(enabled):
+    """What it does not say is undone, the source does not notice; one that can't be taken as it stands changes nothing."""
+    neighbour, path = Neighbour(enabled.t1, PRC), enabled.path("/etc/esmcd.conf")
+    enabled.wait_clock(source="p1", quality="PRC")
+    enabled.cli("write")
+    saved = path.read_text()
+    enabled.configure("hostname other", "clock synce non-revertive", "interface p2", "clock synce priority 7")
+    changed = enabled.cli("show running-config").out
+    for text, why in ((saved + "clock synce nonsense\n", "refused: clock synce ...\n% Nothing was changed: 1 lines"),
+                      (None, "% Can't read /etc/esmcd.conf: No such file or directory\n")):
+        path.unlink() if text is None else path.write_text(text)
+        refused = enabled.cli("configure replace startup-config", check=False)
+        assert refused.status != 0 and why in refused.out and enabled.cli("show running-config").out == changed
+    path.write_text(saved)
+    neighbour.keep()
+    enabled.t2.drain()
+    before = enabled.nsmd.text().count("request:")
+    enabled.cli("configure replace startup-config")
+    assert enabled.cli("show running-config diff").out == ""
+    seen = [frame for frame in enabled.t2.frames(1.5) if neighbour.keep()]
+    assert seen and {(frame.quality, frame.event) for frame in seen} == {(PRC, False)}
+    assert enabled.nsmd.text().count("request:") == before
+    enabled.wait_clock(source="p1")
 
 
 def test_signal_during_start_ends_cleanly(sw):

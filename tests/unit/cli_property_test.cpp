@@ -1,7 +1,8 @@
 // What the writers print must be read back to the same state, whatever was configured. Random lines, taken
 // from the installed commands themselves, are entered at a terminal of a daemon; its configuration is
 // written, read by a fresh daemon whose ports are bound partly before the reading, partly behind it or never,
-// and written again. A failure names the seed and its steps.
+// and written again; and it is put in force in a daemon that is configured otherwise. A failure names the
+// seed and its steps.
 #include <sys/mman.h>
 
 #include <algorithm>
@@ -34,6 +35,7 @@ struct scenario {
     steps first;     // entered there
     steps later;     // ... and in the one that has read it
     unsigned early;  // bound before that one reads
+    steps other;     // entered where the configuration replaces what there is
 };
 
 // Lines with their interface. Their order does not count, and an interface without lines is left out.
@@ -56,7 +58,7 @@ class generator {
 
     scenario make() {
         return {any_ports() | any_ports(), any_steps(4 + below(40)), any_steps(below(2) * below(11)),
-                any_ports()};
+                any_ports(), any_steps(below(40))};
     }
 
   private:
@@ -227,6 +229,16 @@ class configuration : public daemon_test {
         const std::string waiting = running();
         reload(waiting, 0, s.early);
         expect_same(waiting, running(), "saved with lines that wait");
+
+        restart();
+        bind(s.early);
+        play(s.other);
+        text_buffer answer;
+        EXPECT_TRUE(host_config_replace(ctx_->host, written, &answer)) << answer.view();
+        text_free(&answer);
+        bind(all);
+        expect_same(written, running(), "in the place of another one");
+        EXPECT_EQ(before, state());
     }
 
     static std::string report(const scenario& s) {
@@ -234,6 +246,7 @@ class configuration : public daemon_test {
         text << "  bound: " << s.bound << ", before the reading: " << s.early << "\n";
         for (const step& one : s.first) text << "  " << one.port << " " << one.line << "\n";
         for (const step& one : s.later) text << "  then " << one.port << " " << one.line << "\n";
+        for (const step& one : s.other) text << "  in the place of " << one.port << " " << one.line << "\n";
         return text.str();
     }
 

@@ -22,6 +22,7 @@
 #include "suite/agentx/snmp.h"
 #include "suite/command/cli.h"
 #include "suite/host/host.h"
+#include "suite/parts/parts.h"
 
 // A file of its own for each test process.
 class board_file {

@@ -9,6 +9,7 @@
 #include "daemon_fixture.h"
 #include "nsm/session.h"
 #include "snmp/notify.h"
+#include "suite/parts/parts.h"
 #include "unit/agentx_master.h"
 
 namespace {

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "suite/command/tree.h"
+#include "suite/parts/parts.h"
 #include "unit/agentx_master.h"
 
 namespace {

@@ -1,5 +1,6 @@
 // The slow-protocol socket: framing and counting run against a replaced edge, and everything about the kernel
 // over veth links in a namespace of the test's own.
+#include "suite/parts/parts.h"
 #include "suite/ports/slow_socket.h"
 
 #include <arpa/inet.h>

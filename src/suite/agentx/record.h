@@ -9,7 +9,7 @@
 //   link.cpp      opens the link
 //   notify.cpp    notifications
 //
-// Its commands are in suite/host/snmp_commands.cpp.
+// Its commands are in suite/parts/snmp_commands.cpp.
 #pragma once
 
 #include "suite/agentx/codec.h"

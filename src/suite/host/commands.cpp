@@ -25,6 +25,7 @@ int no_interface(cli* terminal, int, char** argv) {
 
 const cli_element exec_commands[] = {
     {"configure terminal", configure_terminal},
+    {"configure replace startup-config", host_replace},
     {"write", save},
     {"copy running-config startup-config", save},
 };
@@ -32,8 +33,9 @@ const cli_element exec_commands[] = {
 const cli_element no_interface_cmd = {"no interface IFNAME", no_interface};
 
 const cli_help help_texts[] = {
-    {"", "configure", "Enter the configuration mode"},
+    {"", "configure", "Change the configuration"},
     {"configure", "terminal", "Configure from this terminal"},
+    {"configure", "replace", "Put another configuration in force"},
     {"", "copy", "Copy a configuration"},
     {"", "write", "Save the running configuration"},
     {"", "running-config", "The configuration that is in force"},

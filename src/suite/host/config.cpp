@@ -2,6 +2,8 @@
 // is logged with file and line number, and reading goes on. Lines for an interface that is not bound yet are
 // kept (suite/host/pending.cpp). Lines may be of any length and hold any octets; one that is longer than a
 // command can be is refused without being kept in memory.
+//
+// A configuration can be looked at in the same way, without a line being run (suite/host/replace.cpp).
 #include <fcntl.h>
 #include <unistd.h>
 #include <algorithm>
@@ -27,6 +29,7 @@ struct config_reader {
     bool refused_block;    // the block's own first line was refused: so are its lines
     text_buffer line;
     bool too_long;
+    const host_config_look* look;  // null: lines are run, refusals logged
 };
 
 int discard(void*, const char*, ...) {
@@ -41,7 +44,12 @@ void leave_block(config_reader* r) {
     text_clear(&r->block);
 }
 
+void show(const config_reader* r, std::string_view line, const cli_parsed* parsed) {
+    r->look->visit(r->look->arg, {r->block.view(), line, r->number, &r->terminal, parsed});
+}
+
 void refuse(const config_reader* r, std::string_view line) {
+    if (r->look) return show(r, line, nullptr);
     host_log_refused(r->host, r->number, line);
 }
 
@@ -86,9 +94,27 @@ void run(config_reader* r, std::string_view line, const cli_parsed& parsed) {
     }
 }
 
+// Commands that do no more than lead from one mode to another are run all the same.
+bool only_moves(const cli_parsed& parsed) {
+    const std::string_view string = parsed.command->element->string;
+    return string == "interface IFNAME" || string == "exit" || string == "end";
+}
+
+void look_at(config_reader* r, std::string_view line, const cli_parsed& parsed) {
+    const bool in_block = r->terminal.mode == INTERFACE_MODE;
+    if (parsed.result != cli_result::ok) {
+        if (!in_block || is_bound(r, r->block.view())) refuse(r, line);
+        return;
+    }
+    if (only_moves(parsed)) return run(r, line, parsed);
+    if (in_block && parsed.mode == CONFIG_MODE) leave_block(r);
+    show(r, line, &parsed);
+}
+
 void take_content(config_reader* r, std::string_view line) {
     cli_parsed parsed;
     cli_parse(r->host->ctx->ctree, &r->terminal, line, &parsed);
+    if (r->look && !r->look->runs) return look_at(r, line, parsed);
     bool ok = parsed.result == cli_result::ok;
     if (r->terminal.mode == INTERFACE_MODE && !is_bound(r, r->block.view())) {
         // A global command ends the block here as it would at a terminal.
@@ -162,8 +188,21 @@ int read_lines(config_reader* r, int fd) {
         take_chunk(r, chunk, static_cast<std::size_t>(count));
     }
     explicit_bzero(chunk, sizeof chunk);  // may hold a password
-    if (r->line.length || r->too_long) end_line(r);
     return 0;
+}
+
+config_reader begin_reading(host_state* host, const host_config_look* look) {
+    config_reader r{};
+    r.host = host;
+    r.terminal = host_plain_session(host, CONFIG_MODE, discard, nullptr);
+    r.look = look;
+    return r;
+}
+
+void end_reading(config_reader* r) {
+    if (r->line.length || r->too_long) end_line(r);
+    text_free(&r->line);
+    text_free(&r->block);
 }
 
 // A line that was refused for want of memory alone would be lost by the next save.
@@ -194,10 +233,9 @@ void host_config_read(host_state* host) {
         log_suite(LOG_LEVEL_INFO, "no configuration file %s", host->config_file);
         return;
     }
-    config_reader r{};
-    r.host = host;
-    r.terminal = host_plain_session(host, CONFIG_MODE, discard, nullptr);
+    config_reader r = begin_reading(host, nullptr);
     int result = fd < 0 ? -errno : read_lines(&r, fd);
+    end_reading(&r);
     if (result < 0) {
         host->unreadable = true;
         log_suite(LOG_LEVEL_ERROR, "configuration file %s can't be read: %s", host->config_file,
@@ -205,6 +243,12 @@ void host_config_read(host_state* host) {
     }
     if (fd >= 0) close(fd);
     if (failed_allocations() != failures_before) host->lossy = true;
-    text_free(&r.line);
-    text_free(&r.block);
+}
+
+void host_config_take(host_state* host, std::string_view text, const host_config_look& look) {
+    const std::uint64_t failures_before = failed_allocations();
+    config_reader r = begin_reading(host, &look);
+    take_chunk(&r, text.data(), text.size());
+    end_reading(&r);
+    if (look.runs && failed_allocations() != failures_before) host->lossy = true;
 }

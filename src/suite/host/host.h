@@ -13,11 +13,8 @@ constexpr const char* HOST_DEFAULT_CONFIG = "/etc/esmcd.conf";
 
 // Makes the context's command tree's platform side: modes, everyday commands, writers. 0 or negative.
 int host_vty_init(lib_globals* ctx);
-// Shows and settings of single parts, for a daemon that has them. 0, or negative when memory is exhausted.
-int memmgr_cli_init(lib_globals* ctx);       // show memory
-int slow_socket_cli_init(lib_globals* ctx);  // show slow-protocols, slow-protocols rate-limit
-int nsm_client_cli_init(lib_globals* ctx);   // show nsm
-int agentx_cli_init(lib_globals* ctx);       // show snmp, snmp ...; after snmp_start
+// `show memory`. 0, or negative when memory is exhausted.
+int memmgr_cli_init(lib_globals* ctx);
 // Remembers the configuration file (null: /etc/esmcd.conf), reads it through the installed commands, and
 // serves the TCP terminal on `vty_port` of the loopback addresses. A file that is missing is said at info
 // level, one that can't be read at error level; both start with an empty configuration. 0 always.

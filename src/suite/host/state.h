@@ -33,6 +33,7 @@ struct pending_block {
     const char* name() const { return reinterpret_cast<const char*>(this + 1); }
 };
 
+struct cli_parsed;
 struct host_task;
 
 struct host_state {
@@ -65,6 +66,27 @@ void pending_free(host_state* host);
 // Reads host->config_file through the tree.
 void host_config_read(host_state* host);
 void host_log_refused(host_state* host, std::uint32_t number, std::string_view line);
+
+// A line of a configuration that is looked at.
+struct host_config_line {
+    std::string_view block;  // name of the interface whose line it is; empty: none
+    std::string_view text;
+    std::uint32_t number;      // from 1
+    const cli* terminal;       // in whose mode it is read
+    const cli_parsed* parsed;  // null: it is refused
+};
+struct host_config_look {
+    void (*visit)(void* arg, const host_config_line& line);
+    void* arg;
+    bool runs;  // lines are run, and those that are refused shown; else all are shown, and none is run
+};
+// The lines of a text as those of the file. What is for interfaces that are not there and fits no command
+// waits, and is not shown.
+void host_config_take(host_state* host, std::string_view text, const host_config_look& look);
+// Makes the running configuration that of the text. False, and `answer` says why, when that was not done or
+// not in full.
+bool host_config_replace(host_state* host, std::string_view file, text_buffer* answer);
+int host_replace(cli* terminal, int argc, char** argv);  // the command: with the configuration file
 // Saves atomically; prints "% ..." when the file is as before. A handler's result.
 int host_save(host_state* host, cli* terminal);
 // The file's content. 0, or a negative errno. -EFBIG above 64 MiB.
@@ -83,6 +105,7 @@ const char* host_task_what(const host_task* t);  // "VERB PATH"
 // The work is done. False when nobody was waiting any more.
 bool host_task_end(host_task* t, bool good, std::string_view output);
 bool host_task_saves(const host_state* host);  // a save has not come to its end
+bool host_task_awaited(const host_task* t);    // somebody waits for it still
 // Runs the session's line in a child, whose handlers find no session that runs, and shows what it prints.
 int host_task_show(cli* terminal, const char* path);
 void host_tasks_stop(host_state* host);  // waits some seconds for a save

@@ -143,6 +143,10 @@ bool host_task_saves(const host_state* host) {
     return t != nullptr;
 }
 
+bool host_task_awaited(const host_task* t) {
+    return t->waits != nullptr;
+}
+
 int host_task_show(cli* terminal, const char* path) {
     host_task* t = host_task_create(terminal, "Can't read", path);
     if (!t) return CLI_ERROR;

@@ -6,8 +6,8 @@
 #include "suite/agentx/record.h"
 #include "suite/command/cli.h"
 #include "suite/command/tree.h"
-#include "suite/host/host.h"
 #include "suite/loop/thread.h"
+#include "suite/parts/parts.h"
 
 namespace {
 

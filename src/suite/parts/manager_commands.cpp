@@ -3,8 +3,8 @@
 #include <iterator>
 
 #include "suite/command/cli.h"
-#include "suite/host/host.h"
 #include "suite/manager/record.h"
+#include "suite/parts/parts.h"
 
 namespace {
 

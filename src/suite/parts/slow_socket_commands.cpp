@@ -6,7 +6,7 @@
 
 #include "suite/command/cli.h"
 #include "suite/command/tree.h"
-#include "suite/host/host.h"
+#include "suite/parts/parts.h"
 #include "suite/ports/slow_socket.h"
 
 namespace {
