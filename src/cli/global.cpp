@@ -4,6 +4,16 @@
 #include "cli/handler.h"
 #include "core/opts.h"
 
+int ssm_cli_finish(cli* terminal, std::int32_t rv) {
+    if (rv >= 0) return CLI_SUCCESS;
+    ssm_cli_result_print(terminal, rv);
+    return CLI_ERROR;
+}
+
+void ssm_cli_trace_line(const char* format) {
+    SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, format);
+}
+
 bool ssm_cli_number(cli* terminal, const char* argument, const char* what, std::uint8_t* value) {
     int status = 0;
     const std::int32_t number = cmd_str2int(argument, &status);

@@ -19,11 +19,7 @@ inline bool ssm_cli_keyword(const char* argument, std::string_view keyword) {
 }
 
 // How a handler ends: a failed operation is printed.
-inline int ssm_cli_finish(cli* terminal, std::int32_t rv) {
-    if (rv >= 0) return CLI_SUCCESS;
-    ssm_cli_result_print(terminal, rv);
-    return CLI_ERROR;
-}
+int ssm_cli_finish(cli* terminal, std::int32_t rv);
 
 // A number of 0 to 255. Otherwise says which value is wrong, and *value is untouched.
 [[nodiscard]] bool ssm_cli_number(cli* terminal, const char* argument, const char* what, std::uint8_t* value);
@@ -55,16 +51,18 @@ struct ssm_cli_trace {
     }
 };
 
+void ssm_cli_trace_line(const char* format);
+
 // Traces, then gives one value to one operation of the switch.
 template <ssm_cli_trace Trace, auto Operation, auto... Values>
 int ssm_cli_global(cli* terminal, int, char**) {
-    SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, Trace.format);
+    ssm_cli_trace_line(Trace.format);
     return ssm_cli_finish(terminal, Operation(Values...));
 }
 
 // The same for one port's operation.
 template <ssm_cli_trace Trace, auto Operation, auto Value>
 int ssm_cli_port(cli* terminal, int, char**) {
-    SSM_TRACE(SSM_DEBUG_CLI, LOG_LEVEL_DEBUG, Trace.format);
+    ssm_cli_trace_line(Trace.format);
     return ssm_cli_finish(terminal, Operation(ssm_cli_interface(terminal), Value));
 }

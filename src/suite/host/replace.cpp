@@ -8,11 +8,13 @@
 // first. A file with a line that fits no command is not begun with.
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 
 #include "suite/base/memory.h"
 #include "suite/base/overwrite.h"
+#include "suite/base/slice.h"
 #include "suite/command/parse.h"
 #include "suite/host/state.h"
 #include "suite/log/log.h"
@@ -51,8 +53,8 @@ void free_list(text_list* list) {
     *list = {};
 }
 
-bool before(const char* a, const char* b) {
-    return std::strcmp(a, b) < 0;
+int compare(const void* a, const void* b) {
+    return std::strcmp(*static_cast<const char* const*>(a), *static_cast<const char* const*>(b));
 }
 
 struct replacement {
@@ -95,7 +97,7 @@ bool find_undo(const replacement* r, const host_config_line& line, cli_parsed* f
 bool find_opposite(const replacement* r, const host_config_line& line, text_buffer* undo) {
     cli_parsed found;
     const char* rest = line.parsed->words[1].data();
-    if (!append(undo, line.text.substr(static_cast<std::size_t>(rest - line.text.data())))) return false;
+    if (!append(undo, slice(line.text, static_cast<std::size_t>(rest - line.text.data())))) return false;
     if (!parse_as(line, r, *undo, &found)) text_clear(undo);
     return true;
 }
@@ -150,8 +152,8 @@ void note_wanted(void* arg, const host_config_line& line) {
 }
 
 bool is_wanted(const replacement* r, const setting& s) {
-    const text_list& wanted = r->wanted;
-    return std::binary_search(wanted.items, wanted.items + wanted.count, s.name.c_str(), before);
+    const char* name = s.name.c_str();
+    return std::bsearch(&name, r->wanted.items, r->wanted.count, sizeof name, compare);
 }
 
 void note_unwanted(void* arg, const host_config_line& line) {
@@ -168,7 +170,7 @@ void note_unwanted(void* arg, const host_config_line& line) {
 bool look_at_file(replacement* r, std::string_view file) {
     host_config_take(r->host, file, {note_wanted, r, false});
     r->good = r->good && find_items(&r->wanted);
-    if (r->good) std::sort(r->wanted.items, r->wanted.items + r->wanted.count, before);
+    if (r->good) std::qsort(r->wanted.items, r->wanted.count, sizeof(char*), compare);
     return r->good && r->refused == 0;
 }
 
@@ -199,8 +201,8 @@ bool run_undo(host_state* host, std::string_view block, std::string_view line) {
 
 void undo_all(replacement* r) {
     for (std::size_t i = r->undone.count; i > 0; i--) {
-        const std::string_view item = r->undone.items[i - 1], block = item.substr(0, item.find('\n'));
-        const std::string_view line = item.substr(block.size() + 1);
+        const std::string_view item = r->undone.items[i - 1], block = slice(item, 0, item.find('\n'));
+        const std::string_view line = slice(item, block.size() + 1);
         if (run_undo(r->host, block, line)) continue;
         r->refused++;
         if (r->from_nothing)
