@@ -148,7 +148,6 @@ TEST_F(guard, an_offer_that_stays_refused_is_said_once) {
     log_remove_tap(tap, &lines);
 }
 
-// What is over the burst leaves ten times a second, with what is true then.
 // A source that falls silent is left, also when nobody says anything any more: its last word was an event
 // PDU, and the only other port has its quality from the operator.
 TEST_F(guard, a_silent_source_is_left_at_once) {
@@ -161,6 +160,7 @@ TEST_F(guard, a_silent_source_is_left_at_once) {
     EXPECT_EQ(source_after(advance(1)), 3U);
 }
 
+// What is over the burst leaves ten times a second, with what is true then.
 TEST_F(guard, event_pdus_are_bounded) {
     const auto told_in_storm = [this](int changes) {
         for (int i = 0; i < changes; ++i) offer(1, 0, i % 2 ? QL_PRC : QL_SSU_A);
