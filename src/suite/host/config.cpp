@@ -32,10 +32,6 @@ struct config_reader {
     const host_config_look* look;  // null: lines are run, refusals logged
 };
 
-int discard(void*, const char*, ...) {
-    return 0;
-}
-
 void leave_block(config_reader* r) {
     r->terminal.mode = CONFIG_MODE;
     r->terminal.index = nullptr;
@@ -194,7 +190,7 @@ int read_lines(config_reader* r, int fd) {
 config_reader begin_reading(host_state* host, const host_config_look* look) {
     config_reader r{};
     r.host = host;
-    r.terminal = host_plain_session(host, CONFIG_MODE, discard, nullptr);
+    r.terminal = host_plain_session(host, CONFIG_MODE, host_discard, nullptr);
     r.look = look;
     return r;
 }

@@ -22,6 +22,10 @@ cli host_plain_session(host_state* host, std::int32_t mode, cli_output out, void
     return terminal;
 }
 
+int host_discard(void*, const char*, ...) {
+    return 0;
+}
+
 namespace {
 
 void run_pending(lib_globals* ctx, interface* intf) {

@@ -75,10 +75,6 @@ void run_block(host_state* host, interface* intf, bool global, cli* terminal) {
     free_block(host, block);
 }
 
-int discard(void*, const char*, ...) {
-    return 0;
-}
-
 // "no clock synce switch-force" undoes "clock synce switch-force IFNAME": its string without the "no " is the
 // beginning of the other one.
 bool replaces(std::string_view now, std::string_view kept) {
@@ -127,12 +123,12 @@ bool pending_keep(host_state* host, std::string_view name, std::string_view text
 }
 
 void pending_run(host_state* host, interface* intf) {
-    cli terminal = host_plain_session(host, INTERFACE_MODE, discard, nullptr);
+    cli terminal = host_plain_session(host, INTERFACE_MODE, host_discard, nullptr);
     terminal.index = intf;
     std::strncpy(terminal.name, intf->name, sizeof terminal.name - 1);
     run_block(host, intf, false, &terminal);
     // A line like "clock synce switch-force" wants the port configured first.
-    terminal = host_plain_session(host, CONFIG_MODE, discard, nullptr);
+    terminal = host_plain_session(host, CONFIG_MODE, host_discard, nullptr);
     run_block(host, intf, true, &terminal);
 }
 

@@ -185,12 +185,8 @@ bool look_at_running(replacement* r) {
 
 // ---- From the one to the other ----
 
-int discard(void*, const char*, ...) {
-    return 0;
-}
-
 bool run_undo(host_state* host, std::string_view block, std::string_view line) {
-    cli terminal = host_plain_session(host, CONFIG_MODE, discard, nullptr);
+    cli terminal = host_plain_session(host, CONFIG_MODE, host_discard, nullptr);
     text_buffer entry;
     bool good = block.empty() || (append(&entry, "interface ") && append(&entry, block));
     if (good && entry.length)

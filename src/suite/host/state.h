@@ -52,6 +52,8 @@ inline host_state* host_of(const cli* terminal) {
 
 // A `cli` for lines that come from no terminal: all privileges, `mode`, output to out(out_val, ...).
 cli host_plain_session(host_state* host, std::int32_t mode, cli_output out, void* out_val);
+// The output of one whose words nobody wants.
+int host_discard(void* out_val, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 // Waiting lines. False when memory (or HOST_PENDING_MAX) is exhausted.
 [[nodiscard]] bool pending_keep(host_state* host, std::string_view name, std::string_view line,
